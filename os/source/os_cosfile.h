@@ -1,0 +1,133 @@
+// os_cosfile.h: one open file, and reading or writing a whole file in one call.
+#pragma once
+
+#include "os_types.h"
+
+#include "plat_types.h"
+
+#include <cstdarg>
+
+enum EOSFILEOPEN : uint32_t
+{
+    OS_FILEOPEN_CREATEALWAYS = 1,   // create or truncate
+    OS_FILEOPEN_EXISTING = 2,
+    OS_FILEOPEN_ALWAYS = 3,      // open, create when missing
+    OS_FILEOPEN_TEMPORARY = 4,   // create, delete when closed
+    OS_FILEOPEN_DIRECTORY = 5,   // an existing folder
+};
+
+enum EOSFILEACCESS : uint32_t
+{
+    OS_FILEACCESS_READ = 1,
+    OS_FILEACCESS_WRITE = 2,
+    OS_FILEACCESS_READWRITE = 3,
+    OS_FILEACCESS_NONE = 4,   // attributes only
+};
+
+enum EOSFILESHARE : uint32_t
+{
+    OS_FILESHARE_EXCLUSIVE = 1,
+    OS_FILESHARE_READ = 2,
+    OS_FILESHARE_WRITE = 3,
+    OS_FILESHARE_READWRITE = 4,
+};
+
+enum EOSFILESEEK : uint32_t
+{
+    OS_FILESEEK_START = 1,
+    OS_FILESEEK_CURRENT = 2,
+    OS_FILESEEK_END = 3,
+};
+
+class COsFileImpl;
+
+// Used by one thread at a time.
+class COsFile
+{
+public:
+    COsFile();
+    ~COsFile();   // closes
+    COsFile(const COsFile&) = delete;
+    COsFile& operator=(const COsFile&) = delete;
+
+    // Opens a file. EOSSTS_NOTOPEN for a bad argument; EOSSTS_NOTFOUND, EOSSTS_ACCESSDENIED, EOSSTS_SHARING,
+    // EOSSTS_CANNOTCREATE or EOSSTS_FAIL as the system says. a_blRedirectionOff switches the file-system redirection
+    // of 32-bit processes off around the call.
+    EOSSTS Open(const char* a_szFilename, EOSFILEOPEN a_eosfileopen, EOSFILEACCESS a_eosfileaccess,
+                EOSFILESHARE a_eosfileshare, bool a_blRedirectionOff = false);
+    EOSSTS Close();   // success also when it is not open
+    EOSSTS Flush();   // to the disk
+
+    // *a_psizetRead (may be null) is 0 at the end of the file. EOSSTS_NOTOPEN when closed or for a null buffer.
+    EOSSTS Read(void* a_pvBuffer, size_t a_sizetBytes, size_t* a_psizetRead);
+
+    // Writes all bytes at the position; Append writes them at what is the end of the file at that moment, in one
+    // piece, and leaves the position undefined. EOSSTS_FAIL when the system refuses.
+    EOSSTS Write(const void* a_pvBuffer, size_t a_sizetBytes);
+    EOSSTS Append(const void* a_pvBuffer, size_t a_sizetBytes);
+
+    // Formats and writes, at any length. Returns the characters written, or -1.
+#if defined(__GNUC__)
+    __attribute__((format(printf, 2, 3)))
+#endif
+    int Printf(const char* a_szFormat, ...);
+    int VPrintf(const char* a_szFormat, va_list a_valist);
+
+    EOSSTS Seek(EOSFILESEEK a_eosfileseek, int64_t a_i64Offset);
+    EOSSTS GetSize(uint64_t* a_pu64Size);
+    EOSSTS SetEndOfFile();   // cuts at the position
+
+    // Locks bytes against every other object, trying every 100 ms until a_i32Timeout ms (at least 100) have gone.
+    // EOSSTS_BUSY when others hold it; a_blReport logs that under a_szName. Locking a range again succeeds. With
+    // a_blTestOnly the lock is given back at once. An object holds at most 64 ranges; offset and length are 32-bit.
+    EOSSTS Lock(uint32_t a_u32Offset, uint32_t a_u32Length, int32_t a_i32Timeout, const char* a_szName,
+                bool a_blReport, bool a_blTestOnly);
+    EOSSTS Unlock(uint32_t a_u32Offset, uint32_t a_u32Length);
+    EOSSTS LockByte(uint32_t a_u32Offset, int32_t a_i32Timeout, const char* a_szName, bool a_blReport);
+    EOSSTS UnlockByte(uint32_t a_u32Offset);
+
+    const char* GetName() const;   // null, and logged, when it is not open
+    bool IsOpen() const;
+    PlatHandle Handle() const;
+
+    // True while the open file still has a name: another party may have deleted it since.
+    bool HasName() const;
+
+    // Gives the object a loaded shared library to release at its end: a_blLoaded: this object loaded it; a_blDrain:
+    // it is freed until it has really gone, 10 times at most.
+    void TakeLibrary(PlatHandle a_plathandle, bool a_blLoaded, bool a_blDrain);
+
+    // Gives the object a tracked block to free at its end.
+    void TakeBuffer(void* a_pvBuffer);
+
+    bool IsUsable() const { return m_posfileimpl != nullptr; }
+
+private:
+    COsFileImpl* m_posfileimpl;   // null only when its allocation failed
+};
+
+// Moves a file. EOSSTS_NOTOPEN for a null name.
+EOSSTS OsFileMove(const char* a_szOldName, const char* a_szNewName);
+
+// Reads a whole file, under a lock of its first byte when a_i32LockTimeout is 0 or more (ms). With a_sizetBuffer the
+// bytes go into a_pszBuffer's buffer, as far as it reaches; with 0, *a_pszBuffer receives a tracked block of size + 1
+// bytes, zero-terminated, that the caller frees. EOSSTS_NOTFOUND when there is no file, EOSSTS_BUSY when it is
+// locked, EOSSTS_FAIL else. a_blQuiet logs failures as notes.
+struct OsFileReadArgs
+{
+    const char* szFilename = nullptr;
+    char* szBuffer = nullptr;       // the caller's buffer, with sizetBuffer
+    size_t sizetBuffer = 0;
+    char** pszAllocated = nullptr;   // or where the allocated text goes
+    size_t* psizetRead = nullptr;
+    bool blQuiet = false;
+    int32_t i32LockTimeout = -1;
+    bool blRedirectionOff = false;
+};
+EOSSTS OsFileReadFile(const OsFileReadArgs& a_osfilereadargs);
+
+// Writes a whole text, replacing the file or appending to it.
+EOSSTS OsLogWriteFile(const char* a_szFilename, const char* a_szText, bool a_blQuiet, bool a_blFlush, bool a_blAppend);
+
+// The status that stands for a system error of the file layer (plat_types.h).
+EOSSTS OsFileStatus(uint32_t a_u32Error);

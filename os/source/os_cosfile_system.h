@@ -1,0 +1,63 @@
+// os_cosfile_system.h: what can be done to files and folders by their paths.
+#pragma once
+
+#include "os_cosfile.h"
+#include "os_costime.h"
+#include "os_types.h"
+
+#include "plat_types.h"
+
+enum EOSFILETYPE : uint32_t
+{
+    OS_FILETYPE_ANY = 0,
+    OS_FILETYPE_FOLDER = 1,
+    OS_FILETYPE_FILE = 2,
+    OS_FILETYPE_SYSTEM = 3,
+};
+
+struct OsFileInfo
+{
+    char szName[OS_PATHSIZE];
+    char szLowerName[OS_PATHSIZE];
+    uint64_t u64Size;
+    EOSFILETYPE eosfiletype;
+    EOSFILEACCESS eosfileaccess;   // read, or read and write
+    OsTimeRecord ostimerecordCreated;
+    OsTimeRecord ostimerecordWritten;
+    PlatHandle plathandleSearch;
+    bool blLink;   // a symbolic link, which is never followed
+};
+
+bool OsFileExists(const char* a_szPath, bool a_blRedirectionOff = false);
+
+// Lists what a pattern names; the search is closed with OsFileFindClose after a success.
+EOSSTS OsFileFindFirst(const char* a_szPattern, OsFileInfo* a_posfileinfo, uint32_t a_u32Flags = 0);
+EOSSTS OsFileFindNext(OsFileInfo* a_posfileinfo);   // EOSSTS_NOTFOUND at the end
+void OsFileFindClose(OsFileInfo* a_posfileinfo);
+
+// The information of one existing path. EOSSTS_NOTFOUND for an empty or missing one.
+EOSSTS OsFileGetInfo(const char* a_szPath, OsFileInfo* a_posfileinfo);
+
+// Creates a folder with its parents. EOSSTS_EXISTS when it is there, EOSSTS_NOTFOUND, EOSSTS_ACCESSDENIED or
+// EOSSTS_FAIL as the system says.
+EOSSTS OsFileCreateDirectory(const char* a_szDirectory);
+
+// While on, OsFileCreateDirectory creates nothing. Process-wide.
+void OsFileSetNoCreate(bool a_blNoCreate);
+
+// Deletes a file, or a folder (with a_blRecursive, with all that is in it). A missing path is a success; an entry of
+// another type than asked (0: any) is EOSSTS_FAIL. Links are deleted, never followed.
+EOSSTS OsFileDelete(const char* a_szFilename, EOSFILETYPE a_eosfiletype, bool a_blRecursive, bool a_blSystemFiles);
+
+// Deletes a folder tree unless it is one that must never go: EOSSTS_ACCESSDENIED then.
+EOSSTS OsFileRemoveTree(const char* a_szFolder);
+
+// Removes a folder and its sub-folders when no file is in any of them; EOSSTS_SHARING when one is.
+EOSSTS OsFileRemoveEmptyTree(const char* a_szFolder);
+
+// A name for a kernel object that belongs to the file as it is now. Empty for a file that cannot be opened. Returns
+// 1, with the name empty, when an event of that name exists already; else 0. a_wszName has 512 characters.
+uint32_t OsFileSafeName(const char* a_szFilename, const char* a_szSuffix, char16_t* a_wszName);
+
+// Switches the file-system redirection of 32-bit processes off or on, where there is such a thing.
+EOSSTS OsFileRedirection(bool a_blOff);

@@ -1,0 +1,37 @@
+// os_coslocale.h: UTF-8 to UTF-16 and back, and the table of languages.
+#pragma once
+
+#include "os_types.h"
+
+// Converts the whole text into at most a_sizetDestination - 1 characters. Returns the characters written with the
+// terminator, 0 (logged) with the destination empty when the text does not fit or is no UTF-8.
+size_t CopyStringFromUtf8(char16_t* a_wszDestination, size_t a_sizetDestination, const char* a_szText);
+
+// Converts a_sizetLength characters (SIZE_MAX: up to the terminator). Returns the bytes written without the
+// terminator. A null destination or a size of 0 returns the size that the text needs, without the terminator.
+// Returns 0 (logged) with the destination empty when it does not fit or is no UTF-16.
+size_t CopyStringToUtf8(char* a_szDestination, size_t a_sizetDestination, const char16_t* a_wszText,
+                        size_t a_sizetLength);
+
+struct OsLanguage
+{
+    uint32_t u32Group;
+    const char* szKey;        // "en_usa"
+    uint64_t u64Locale;       // the locale id in the low 32 bits, the code page in the high 32
+    const char* szName;       // lower case
+    const char* szDisplay;
+    const char* szCulture;    // "en-US"
+    uint32_t u32Code;
+};
+
+inline constexpr uint32_t OS_LANGUAGECOUNT = 131;
+inline constexpr uint32_t OS_LANGUAGE_ENUSA = 39;
+
+const OsLanguage* OsLanguageGet(uint32_t a_u32Language);   // row 0 to 131, the end row; null beyond
+
+// The row whose key equals a_szKey without regard to case, 0 (logged) for none. Null gives the current language:
+// the one that the configuration holds, or row 39.
+uint32_t OsLanguageGetId(const char* a_szKey);
+
+// The configuration tells its language key here, before anybody asks for the current language.
+void OsLanguageSetCurrent(const char* a_szKey);

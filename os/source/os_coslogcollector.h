@@ -1,0 +1,39 @@
+// os_coslogcollector.h: the log collector, which takes the log streams of an application's processes over TCP on
+// 127.0.0.1 and writes each unchanged into the file that it names.
+#pragma once
+
+#include "os_types.h"
+
+#include <atomic>
+
+// 1 once the collector asks its program to end; never cleared.
+extern std::atomic<uint8_t> g_bLogCollectorStop;
+
+// 1 from the beginning of Stop to the next Start.
+extern std::atomic<uint8_t> g_bLogCollectorStopping;
+
+class COsLogCollectorImpl;
+
+class COsLogCollector
+{
+public:
+    // The role, and the log file of a client role. Throws std::invalid_argument for a role that there is not, the
+    // only exception of the library.
+    COsLogCollector(CollectorMode a_collectormode, const char* a_szName);
+    ~COsLogCollector();   // stops
+    COsLogCollector(const COsLogCollector&) = delete;
+    COsLogCollector& operator=(const COsLogCollector&) = delete;
+
+    // Puts the role in service. EOSSTS_SUCCESS, also when it is already; EOSSTS_FAIL; EOSSTS_BUSY when another shared
+    // collector runs and a_blCheckOther asks for that.
+    EOSSTS Start(const char* a_szLogFile, bool a_blCheckOther);
+
+    // Ends all streams and threads. a_szFolder (may be null) receives the log folder that the streams used, if it
+    // still exists.
+    void Stop(char* a_szFolder, size_t a_sizetFolder);
+
+    bool IsUsable() const { return m_poslogcollectorimpl != nullptr; }
+
+private:
+    COsLogCollectorImpl* m_poslogcollectorimpl;   // null only when its allocation failed
+};

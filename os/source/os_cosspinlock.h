@@ -1,0 +1,43 @@
+// os_cosspinlock.h: the lock for sections of a few instructions, in this process or in shared memory.
+//
+// A 64-bit word, 0 free, 1 taken. Not re-entrant, without owner.
+#pragma once
+
+#include <atomic>
+#include <cstdint>
+#include <thread>
+
+inline void SpinLockAcquire(uint64_t* a_pu64Word)
+{
+    std::atomic_ref<uint64_t> word(*a_pu64Word);
+    for (;;)
+    {
+        uint64_t u64Free = 0;
+        if (word.compare_exchange_strong(u64Free, 1, std::memory_order_acquire, std::memory_order_relaxed))
+            return;
+        std::this_thread::yield();
+    }
+}
+
+inline void SpinLockRelease(uint64_t* a_pu64Word)
+{
+    std::atomic_ref<uint64_t>(*a_pu64Word).fetch_and(0, std::memory_order_release);
+}
+
+inline bool SpinLockIsTaken(uint64_t* a_pu64Word)
+{
+    return std::atomic_ref<uint64_t>(*a_pu64Word).load(std::memory_order_relaxed) != 0;
+}
+
+// Holds the lock for the life of the object.
+class COsSpinGuard
+{
+public:
+    explicit COsSpinGuard(uint64_t* a_pu64Word) : m_pu64Word(a_pu64Word) { SpinLockAcquire(m_pu64Word); }
+    ~COsSpinGuard() { SpinLockRelease(m_pu64Word); }
+    COsSpinGuard(const COsSpinGuard&) = delete;
+    COsSpinGuard& operator=(const COsSpinGuard&) = delete;
+
+private:
+    uint64_t* m_pu64Word;
+};

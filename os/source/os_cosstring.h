@@ -1,0 +1,93 @@
+// os_cosstring.h: bounded copies and formatting, search and compare, versions, redaction.
+//
+// Every function that gets a null pointer or a zero size logs that and does nothing else. What does not fit is
+// refused, never cut: the destination is then left as the function says, and the caller goes on.
+#pragma once
+
+#include "os_types.h"
+
+#include <cstdarg>
+
+// Copies a_szSource. What does not fit leaves the destination empty.
+void SStrCpy(char* a_szDestination, size_t a_sizetDestination, const char* a_szSource);
+
+// Appends a_szSource. What does not fit leaves the whole destination empty.
+void SStrCat(char* a_szDestination, size_t a_sizetDestination, const char* a_szSource);
+
+// Formats. Returns the length, or -1 with the destination empty. Beside the standard conversions the formats know
+// "%I64d", "%I32d" and "%Id" with every integer conversion, "%S" for 16-bit text, and "%p" as 16 upper-case
+// hexadecimal digits.
+#if defined(__GNUC__)
+__attribute__((format(printf, 3, 4)))
+#endif
+int SStrPrintf(char* a_szDestination, size_t a_sizetDestination, const char* a_szFormat, ...);
+
+// Formats at the end of the text that is there. Returns the new total length, or -1 with nothing appended.
+#if defined(__GNUC__)
+__attribute__((format(printf, 3, 4)))
+#endif
+int SStrCatf(char* a_szDestination, size_t a_sizetDestination, const char* a_szFormat, ...);
+
+int SStrVprintf(char* a_szDestination, size_t a_sizetDestination, const char* a_szFormat, va_list a_valist);
+
+// The length that the formatted text would have, -1 on failure.
+int StrVcprintf(const char* a_szFormat, va_list a_valist);
+
+// The formatter itself, which the functions above and the logger share: formats as much as fits, always terminates
+// (size 0 writes nothing), and returns the length of the whole text, -1 for a format that it does not know. Never
+// logs, never allocates.
+int OsFormat(char* a_szDestination, size_t a_sizetDestination, const char* a_szFormat, va_list a_valist);
+
+// The same for 16-bit text; sizes in characters.
+void SWcsCpy(char16_t* a_wszDestination, size_t a_sizetDestination, const char16_t* a_wszSource);
+void SWcsCat(char16_t* a_wszDestination, size_t a_sizetDestination, const char16_t* a_wszSource);
+int SWcsPrintf(char16_t* a_wszDestination, size_t a_sizetDestination, const char* a_szFormat, ...);
+
+// Writes a number in decimal; returns the destination.
+char* SStrFromNum(char* a_szDestination, size_t a_sizetDestination, uint64_t a_u64Number);
+
+// First occurrence of the pattern, ASCII letters compared without regard to case; null when absent. An empty
+// pattern is found only in an empty text.
+const char* StrIstr(const char* a_szText, const char* a_szPattern);
+
+bool StrStartsWith(const char* a_szText, const char* a_szPrefix);   // exact
+
+// False when the text is shorter than the suffix, and for an empty suffix of a text of two or more characters.
+bool StrEndsWith(const char* a_szText, const char* a_szSuffix, bool a_blIgnoreCase);
+bool WcsEndsWith(const char16_t* a_wszText, const char16_t* a_wszSuffix);   // exact
+
+int StrICmp(const char* a_szLeft, const char* a_szRight);   // as strcmp, ASCII letters without regard to case
+
+// Copies without leading and trailing white space. What does not fit leaves the destination unchanged.
+void SStrTrim(char* a_szDestination, size_t a_sizetDestination, const char* a_szSource);
+
+// Replaces the first occurrence of a_szFind in place, or all. EOSSTS_NOSPACE (14) when there is none, EOSSTS_FAIL
+// on overflow or null arguments; EOSSTS_SUCCESS else, also for size 0 and an empty a_szFind.
+EOSSTS SStrReplace(char* a_szText, size_t a_sizetText, const char* a_szFind, const char* a_szReplacement, bool a_blAll);
+
+// "*" matches any run, "?" any one character. 0 on a match.
+int StrWildcard(const char* a_szText, const char* a_szPattern, bool a_blIgnoreCase);
+
+// Hexadecimal digits after an optional "0x", up to the first other character; 0 for none.
+uint64_t StrHex(const char* a_szText);
+
+// Leading decimal digits with an optional sign, after white space; anything else ends the number. Values beyond
+// the range give its end.
+int32_t StrToInt32(const char* a_szText);
+int64_t StrToInt64(const char* a_szText);
+
+// "1.2.3.4", or 8 digits as four fields of two. EOSSTS_NOTOPEN (3) for a text that is no version, EOSSTS_FAIL for
+// null arguments; the outputs are 0 then.
+EOSSTS StrVersionParse(const char* a_szText, uint32_t* a_pu32Major, uint32_t* a_pu32Minor, uint32_t* a_pu32Patch,
+                       uint32_t* a_pu32Build);
+
+// Writes a version with as many fields as it needs, at least two; a text that is none is copied unchanged.
+void SStrVersion(char* a_szDestination, size_t a_sizetDestination, const char* a_szText);
+
+// The text itself, an empty one for null, or "(redacted)" when redaction is on and the text holds a dot. The
+// decision is made once per process, by MVR_REDACT or else by the in-house test below.
+const char* Redact(const char* a_szText);
+
+// Tells whether this machine is one of the maker's own; the socket layer answers. Null: none is.
+using OsInHouseProc = bool (*)();
+void OsStringSetInHouseTest(OsInHouseProc a_osinhouseproc);

@@ -1,0 +1,61 @@
+// os_costhread.h: named threads with a stop event.
+#pragma once
+
+#include "os_types.h"
+
+#include "plat_types.h"
+
+class COsThread;
+class COsThreadImpl;
+
+// Takes its argument with Argument(), loops on WaitForStop() with its own time-out, leaves on EOSSTS_SUCCESS, and
+// ends by calling Exit() or by returning an exit value.
+using OsThreadProc = uint32_t (*)(COsThread* a_posthread);
+
+// One owner starts and stops a thread; Stop may be called from several threads at once.
+class COsThread
+{
+public:
+    COsThread();
+    ~COsThread();   // stops it, with a time-out of 30000 ms; waits for its very last step
+    COsThread(const COsThread&) = delete;
+    COsThread& operator=(const COsThread&) = delete;
+
+    // Starts the thread and returns when it runs. EOSSTS_SUCCESS; EOSSTS_FAIL, also when it runs already;
+    // EOSSTS_NOTOPEN for a null procedure. a_szName may be null.
+    EOSSTS Start(const char* a_szName, OsThreadProc a_osthreadproc, void* a_pvArgument);
+
+    // Asks the thread to stop and waits up to a_i32Timeout ms for it; then it is terminated. Called by the thread
+    // itself: with a_blIgnoreSelf does nothing, without it the thread exits here.
+    void Stop(bool a_blIgnoreSelf, int32_t a_i32Timeout);
+
+    // Waits up to a_i32Timeout ms without asking. True when the thread has ended or never ran.
+    bool WaitForEnd(uint32_t a_u32Timeout);
+
+    // For the thread: EOSSTS_SUCCESS when it is asked to stop (the request is taken), EOSSTS_TIMEOUT, EOSSTS_FAIL.
+    EOSSTS WaitForStop(uint32_t a_u32Timeout);
+    uint32_t StopState() const;   // 1 normal, 2 a stop was asked for
+
+    // Called by the thread itself at its end. Returns only when somebody else calls it.
+    void Exit();
+
+    void* Argument() const;
+    uint64_t Id() const;   // the system's id of the thread, 0 when it is not running
+
+    // The child process that this object carries, PLAT_INVALID for none, and its id.
+    PlatHandle ChildProcess() const;
+    uint64_t ChildProcessId() const;
+    void ChildProcessEnded(uint32_t a_u32ExitCode);   // notes the exit code and lets the process go
+    uint32_t ChildExitCode() const;
+
+    bool IsUsable() const { return m_posthreadimpl != nullptr; }
+
+private:
+    COsThreadImpl* m_posthreadimpl;   // null only when its allocation failed
+};
+
+// The affinity of every thread that starts from now on; 0 for none.
+void OsThreadSetForcedAffinity(uint64_t a_u64Affinity);
+
+// Gives the calling thread the ideal processor a_u64Mask - 1 and the mask. True when the mask was set.
+bool OsThreadApplyAffinity(uint64_t a_u64Mask);

@@ -1,0 +1,15 @@
+// os_cosxml.h: take a field out of an XML-like text by plain substring search.
+#pragma once
+
+#include "os_types.h"
+
+// Copies the text between the first a_szOpenTag and the next a_szCloseTag. True when the element was found and fits
+// a_sizetDestination (with terminator; 0: no limit); the destination is empty otherwise. With a_blCdata a value that
+// is wrapped in <![CDATA[ and ]]> loses both. a_szDestination may be a_szSource itself: the value then moves to the
+// front of the buffer, CDATA is always unwrapped, and an empty or missing value empties the buffer and gives false.
+bool OsXmlExtract(const char* a_szSource, const char* a_szOpenTag, const char* a_szCloseTag, char* a_szDestination,
+                  size_t a_sizetDestination, bool a_blCdata);
+
+// The first element's text in place: where it begins in a_szSource, and its length in bytes. Null when absent.
+const char* OsXmlFind(const char* a_szSource, const char* a_szOpenTag, const char* a_szCloseTag, bool a_blCdata,
+                      size_t* a_psizetLength);

@@ -1,0 +1,93 @@
+// os_log.h: the log call, the logging state word and nothing else.
+//
+// Everything logs, and the logger is built on nearly everything. So the call lives here at the bottom, and the
+// logger installs itself from above. With no logger the call does nothing.
+//
+// A source file states its own name once and logs with OSLOG:
+//
+//     static constexpr char g_szSource[] = "os/source/os_cossync";
+//     OSLOG(OS_LOG_CHECK, "sync>>> must create/open first...");
+#pragma once
+
+#include <atomic>
+#include <cstdarg>
+#include <cstdint>
+
+// Levels. Every number is allowed; these have a meaning.
+inline constexpr uint32_t OS_LOG_ERROR = 1;         // the system failed us
+inline constexpr uint32_t OS_LOG_SYNC = 2;          // a note on a synchronisation object
+inline constexpr uint32_t OS_LOG_NOTE = 4;          // a diagnostic note
+inline constexpr uint32_t OS_LOG_CHECK = 64;        // an argument or buffer failed its check
+inline constexpr uint32_t OS_LOG_MILESTONE = 128;   // a milestone of the run
+
+// What stands behind the call.
+class COsLogSink
+{
+public:
+    // Logs one line. Must leave the calling thread's last error (plat_types.h) as it found it and must not rely
+    // on any lock that a caller may hold. a_szFile is the library path of the source, without extension.
+    virtual void VPrintf(const char* a_szFile, uint32_t a_u32Line, uint32_t a_u32Level, const char* a_szFormat,
+                         va_list a_valist) = 0;
+
+    // The working flag word: not 0 means that diagnostics are wanted.
+    virtual uint32_t WorkingWord() const = 0;
+
+protected:
+    ~COsLogSink() = default;   // owned by whoever installed it
+};
+
+// The process-wide logger, null before it is installed and after it has gone.
+extern std::atomic<COsLogSink*> g_poslogsink;
+
+// Logs one line through a_poslogsink; null does nothing. The formats are those of SStrPrintf.
+#if defined(__GNUC__)
+__attribute__((format(printf, 5, 6)))
+#endif
+void OsLogPrintf(COsLogSink* a_poslogsink, const char* a_szFile, uint32_t a_u32Line, uint32_t a_u32Level,
+                 const char* a_szFormat, ...);
+
+// The logger's working word, 0 without a logger. Code logs its diagnostics (levels 4 and 128) only where its
+// contract says so.
+inline uint32_t OsLogWorkingWord()
+{
+    const COsLogSink* const poslogsink = g_poslogsink.load(std::memory_order_acquire);
+    return poslogsink ? poslogsink->WorkingWord() : 0;
+}
+
+#define OSLOG_AT(a_szFile, a_u32Line, a_u32Level, ...)                                       \
+    do                                                                                       \
+    {                                                                                        \
+        if (COsLogSink* const poslogsink_ = g_poslogsink.load(std::memory_order_acquire))    \
+            OsLogPrintf(poslogsink_, (a_szFile), (a_u32Line), (a_u32Level), __VA_ARGS__);    \
+    } while (false)
+
+#define OSLOG(a_u32Level, ...) OSLOG_AT(g_szSource, static_cast<uint32_t>(__LINE__), (a_u32Level), __VA_ARGS__)
+
+// The logging state word: 0 logging allowed, 1 suppressed for a moment, 88 not started yet, 99 off for the process.
+inline constexpr int OS_LOGSTATE_ON = 0;
+inline constexpr int OS_LOGSTATE_SUPPRESSED = 1;
+inline constexpr int OS_LOGSTATE_ALLOW = 11;   // never stored: means 0, also where 88 is
+inline constexpr int OS_LOGSTATE_NOTSTARTED = 88;
+inline constexpr int OS_LOGSTATE_OFF = 99;
+
+int OsLogGetState();
+
+// Applies a new value and returns the previous one: 99 stays, 88 is left only for 11, 11 is stored as 0.
+int OsLogSetState(int a_iState);
+
+// Suppresses this process's logging for the life of the object.
+class COsLogSuppress
+{
+public:
+    COsLogSuppress() : m_iState(OsLogGetState()) { OsLogSetState(OS_LOGSTATE_SUPPRESSED); }
+    ~COsLogSuppress() { OsLogSetState(m_iState); }
+    COsLogSuppress(const COsLogSuppress&) = delete;
+    COsLogSuppress& operator=(const COsLogSuppress&) = delete;
+
+private:
+    int m_iState;
+};
+
+// The failed-check hook: where a failed check is told when no logger exists. Null does nothing.
+using OsLogCheckProc = void (*)(const char* a_szFile, uint32_t a_u32Line, const char* a_szText);
+extern std::atomic<OsLogCheckProc> g_poslogcheckproc;

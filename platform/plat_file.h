@@ -1,0 +1,125 @@
+// plat_file.h: files, folders, searches, byte locks and mappings.
+//
+// Paths accept both separators and the long-path prefix. Where the system knows no drives, "X:" names a folder of
+// its own for each letter, which exists as soon as something is created below it.
+#pragma once
+
+#include "plat_system.h"
+#include "plat_types.h"
+
+// What the handle is for, and what it lets other handles of the same file do meanwhile. A share bit that is not
+// set refuses the others' access of that kind with PLAT_ERROR_SHARING, in both orders of opening.
+inline constexpr uint32_t PLAT_ACCESS_NONE = 0;   // attributes, times, identity
+inline constexpr uint32_t PLAT_ACCESS_READ = 1;
+inline constexpr uint32_t PLAT_ACCESS_WRITE = 2;
+
+inline constexpr uint32_t PLAT_SHARE_NONE = 0;
+inline constexpr uint32_t PLAT_SHARE_READ = 1;
+inline constexpr uint32_t PLAT_SHARE_WRITE = 2;
+inline constexpr uint32_t PLAT_SHARE_DELETE = 4;   // the file may be deleted or renamed meanwhile
+
+enum PlatDisposition : uint32_t
+{
+    PLAT_DISPOSITION_CREATEALWAYS = 2,   // create, or truncate what is there
+    PLAT_DISPOSITION_OPENEXISTING = 3,
+    PLAT_DISPOSITION_OPENALWAYS = 4,   // open, create when missing
+};
+
+inline constexpr uint32_t PLAT_OPEN_DELETEONCLOSE = 1;   // the file goes with this handle, if the name is still its own
+inline constexpr uint32_t PLAT_OPEN_FOLDER = 2;          // a folder may be opened
+
+// Opens a file. PLAT_ERROR_ACCESSDENIED for a folder without PLAT_OPEN_FOLDER. A file that is being deleted at this
+// moment is waited for, and then created or not found.
+PlatHandle PlatFileOpen(const char16_t* a_wszPath, uint32_t a_u32Access, uint32_t a_u32Share,
+                        PlatDisposition a_platdisposition, uint32_t a_u32Flags);
+
+// At the handle's own position, which moves on. *a_psizetRead 0 with true: the end of the file.
+bool PlatFileRead(PlatHandle a_plathandle, void* a_pvBuffer, size_t a_sizetBytes, size_t* a_psizetRead);
+
+// Writes all bytes; *a_psizetWritten (may be null) tells how many were, also on failure.
+bool PlatFileWrite(PlatHandle a_plathandle, const void* a_pvBuffer, size_t a_sizetBytes, size_t* a_psizetWritten);
+
+// Writes all bytes at what is the end of the file at that moment, in one piece as long as the system takes them in
+// one: pieces of several handles never mix. Where the handle's own position is afterwards is not defined.
+bool PlatFileAppend(PlatHandle a_plathandle, const void* a_pvBuffer, size_t a_sizetBytes, size_t* a_psizetWritten);
+
+enum PlatSeek : uint32_t
+{
+    PLAT_SEEK_START = 1,
+    PLAT_SEEK_CURRENT = 2,
+    PLAT_SEEK_END = 3,
+};
+
+bool PlatFileSeek(PlatHandle a_plathandle, PlatSeek a_platseek, int64_t a_i64Offset, uint64_t* a_pu64Position);
+bool PlatFileSize(PlatHandle a_plathandle, uint64_t* a_pu64Size);
+bool PlatFileSetEnd(PlatHandle a_plathandle);   // cuts or extends the file to the handle's position
+bool PlatFileFlush(PlatHandle a_plathandle);    // to the disk
+
+// Locks bytes for this handle alone, without waiting (33 when others hold one of them). The lock belongs to the open
+// file, not to the process: two handles of one process exclude each other, closing one leaves the other's lock alone.
+// A handle without write access excludes only those with it, where the system cannot do better.
+bool PlatFileLock(PlatHandle a_plathandle, uint64_t a_u64Offset, uint64_t a_u64Length);
+bool PlatFileUnlock(PlatHandle a_plathandle, uint64_t a_u64Offset, uint64_t a_u64Length);
+
+enum PlatEntry : uint32_t
+{
+    PLAT_ENTRY_FOLDER = 1,
+    PLAT_ENTRY_FILE = 2,
+    PLAT_ENTRY_SYSTEM = 3,   // a file that belongs to the system, or is no plain file: a device, a pipe, a socket
+};
+
+struct PlatFileInfo
+{
+    char16_t wszName[PLAT_PATHMAX];   // the last component
+    uint64_t u64Size;
+    PlatEntry platentry;
+    bool blReadOnly;
+    bool blLink;              // a symbolic link; all else here is then of the link itself, and its entry is a file
+    uint64_t u64CreateTime;   // 100 ns units since 1601-01-01 UTC
+    uint64_t u64WriteTime;
+};
+
+// Lists what a_wszPattern names: its last component may hold "*" and "?". The first entry is in *a_pplatfileinfo.
+// "." and ".." are listed for a pattern that matches them. 2 when nothing matches, 3 when the folder is missing.
+PlatHandle PlatFindFirst(const char16_t* a_wszPattern, PlatFileInfo* a_pplatfileinfo);
+bool PlatFindNext(PlatHandle a_plathandle, PlatFileInfo* a_pplatfileinfo);   // 18 when there are no more
+
+// One path, without pattern and without following a link at its end.
+bool PlatFileGetInfo(const char16_t* a_wszPath, PlatFileInfo* a_pplatfileinfo);
+
+// The identity of an open file. Two handles of one file have the same volume and index.
+struct PlatFileIdentity
+{
+    uint64_t u64Volume;
+    uint64_t u64Index;
+    uint64_t u64Size;
+    uint64_t u64WriteTime;
+    uint32_t u32Links;   // names that the file has; 0 when it was deleted since
+};
+
+bool PlatFileGetIdentity(PlatHandle a_plathandle, PlatFileIdentity* a_pplatfileidentity);
+
+bool PlatFileClearAttributes(const char16_t* a_wszPath);   // no longer read-only, hidden or the system's
+
+// Deletes a file or a link, never what a link points to. PLAT_ERROR_SHARING while a handle of this layer, in
+// whichever process, has it open without PLAT_SHARE_DELETE.
+bool PlatFileDelete(const char16_t* a_wszPath);
+bool PlatFileMove(const char16_t* a_wszOld, const char16_t* a_wszNew);   // 183 when the new name exists
+
+bool PlatFolderCreate(const char16_t* a_wszPath);   // one level; 183 when it exists, 3 when its parent is missing
+bool PlatFolderDelete(const char16_t* a_wszPath);   // 145 when it is not empty, 267 when it is no folder
+
+// The full path of a name, relative to the current folder, without "." and ".." components; the file need not
+// exist. Its separators are "\".
+bool PlatFileFullName(const char16_t* a_wszName, char16_t* a_wszFull, size_t a_sizetFull);
+
+// Maps a_sizetView bytes of an open file from a_u64Offset (a multiple of PlatMemoryGranularity; view 0: to the end
+// of the file). The view stays after the file is closed. PlatMappingRelease takes the same view size; it is
+// *a_psizetView.
+void* PlatMappingView(PlatHandle a_plathandle, uint64_t a_u64Offset, bool a_blWrite, size_t* a_psizetView);
+bool PlatMappingFlush(void* a_pvView, size_t a_sizetView);
+bool PlatMappingRelease(void* a_pvView, size_t a_sizetView);
+
+// Memory without a file of its own, which another process opens by the creator's process id and this handle's value.
+PlatHandle PlatMemoryFileCreate(uint64_t a_u64Size);
+PlatHandle PlatMemoryFileOpen(uint64_t a_u64ProcessId, PlatHandle a_plathandleTheirs);

@@ -1,0 +1,55 @@
+// plat_process.h: processes, their standard streams and this process's own command line.
+#pragma once
+
+#include "plat_types.h"
+
+enum PlatStandard : uint32_t
+{
+    PLAT_STANDARD_INPUT = 0,
+    PLAT_STANDARD_OUTPUT = 1,
+    PLAT_STANDARD_ERROR = 2,
+};
+
+struct PlatProcessStart
+{
+    const char16_t* wszProgram;       // the program file
+    const char16_t* wszCommandLine;   // whole, the program first, quoted as the product's system does
+    const char16_t* wszFolder;        // to start in; null: this process's
+    const char16_t* wszEnvironment;   // NAME=value texts, each terminated, the last followed by an empty one;
+                                      // null: this process's, as PlatEnv* shows it
+    PlatHandle aplathandle[3];        // PlatStandard order; PLAT_INVALID gives the child an empty stream
+    bool blInheritStandard;           // give it this process's own streams instead
+    bool blDetached;                  // a session of its own: signals to our terminal do not reach it
+};
+
+// Starts a program. The child gets the three streams and no other handle of ours. Returns once the program runs;
+// a program that cannot be run is a failure here (2, 3, 5, 193, 267 for the folder). *a_pu64ProcessId receives its id.
+PlatHandle PlatProcessCreate(const PlatProcessStart* a_pplatprocessstart, uint64_t* a_pu64ProcessId);
+
+// Opens a process to wait for it. Fails with 87 when no process has the id. A process that has ended but whose
+// parent has not asked for its exit code counts as ended.
+PlatHandle PlatProcessOpen(uint64_t a_u64ProcessId);
+
+// PLAT_STILLACTIVE while it runs. After its end: its exit code when this process created it, else 0. A process that
+// a signal ended has 128 plus the signal's number.
+bool PlatProcessExitCode(PlatHandle a_plathandle, uint32_t* a_pu32ExitCode);
+bool PlatProcessTerminate(PlatHandle a_plathandle, uint32_t a_u32ExitCode);
+
+uint64_t PlatProcessId();
+
+// The session that the process belongs to; 0 is the services' session, where no user works.
+bool PlatProcessSession(uint64_t a_u64ProcessId, uint32_t* a_pu32Session);
+
+// A pipe of which one end goes to a child. The write end of ours blocks; the read end of ours does not.
+bool PlatPipeCreate(PlatHandle* a_pplathandleRead, PlatHandle* a_pplathandleWrite, bool a_blReadIsOurs);
+
+// Takes what has arrived, up to a_sizetBytes. Fails with PLAT_ERROR_WOULDBLOCK when nothing has, with
+// PLAT_ERROR_BROKENPIPE when nothing has and every writer has gone.
+bool PlatPipeRead(PlatHandle a_plathandle, void* a_pvBuffer, size_t a_sizetBytes, size_t* a_psizetRead);
+bool PlatPipeWrite(PlatHandle a_plathandle, const void* a_pvBuffer, size_t a_sizetBytes);
+
+// Writes all bytes to one of this process's own standard streams, at once.
+bool PlatStandardWrite(PlatStandard a_platstandard, const void* a_pvBuffer, size_t a_sizetBytes);
+
+// The full path of the program file of this process.
+bool PlatProgramPath(char16_t* a_wszPath, size_t a_sizetPath);

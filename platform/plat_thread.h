@@ -1,0 +1,31 @@
+// plat_thread.h: threads of this process.
+//
+// A thread ends by returning from its procedure or by PlatThreadExit. Ending it from outside is the last resort:
+// what it held stays held.
+#pragma once
+
+#include "plat_types.h"
+
+using PlatThreadProc = uint32_t (*)(void* a_pvArgument);
+
+// Starts a thread that runs a_platthreadproc(a_pvArgument); the procedure's result is the exit code. *a_pu64Id
+// receives the system's id of the thread before the call returns. The stack has the product's default size, 1 MiB.
+PlatHandle PlatThreadBegin(PlatThreadProc a_platthreadproc, void* a_pvArgument, uint64_t* a_pu64Id);
+
+// Ends the calling thread, which PlatThreadBegin started: its frames are unwound, then it ends with the code. A
+// handler for every exception (catch (...)) on the way must throw on.
+[[noreturn]] void PlatThreadExit(uint32_t a_u32ExitCode);
+
+// The exit code, PLAT_STILLACTIVE while the thread runs.
+bool PlatThreadExitCode(PlatHandle a_plathandle, uint32_t* a_pu32ExitCode);
+
+// Ends the thread where it stands, without unwinding, and returns when it has ended. Not for the calling thread.
+bool PlatThreadTerminate(PlatHandle a_plathandle, uint32_t a_u32ExitCode);
+
+uint64_t PlatThreadId();                        // of the calling thread
+bool PlatThreadIsAlive(uint64_t a_u64ThreadId);   // true while a thread of this process has the id
+
+// Where the calling thread runs. Processors are bits of a mask, processor 0 is bit 0.
+bool PlatThreadSetIdealProcessor(uint32_t a_u32Processor);   // false (87) when the machine has no such processor
+bool PlatThreadSetAffinity(uint64_t a_u64Mask);
+uint64_t PlatProcessAffinity();                 // the process's mask, 0 when it cannot be read

@@ -1,0 +1,27 @@
+// plat_watch.h: changes inside a folder.
+#pragma once
+
+#include "plat_types.h"
+
+enum PlatWatchAction : uint32_t
+{
+    PLAT_WATCH_ADDED = 1,
+    PLAT_WATCH_REMOVED = 2,
+    PLAT_WATCH_MODIFIED = 3,
+    PLAT_WATCH_OLDNAME = 4,   // renamed: what it was called
+    PLAT_WATCH_NEWNAME = 5,   // renamed: what it is called now
+};
+
+struct PlatWatchChange
+{
+    PlatWatchAction platwatchaction;
+    char16_t wszName[PLAT_PATHMAX];   // relative to the folder
+};
+
+// Watches the entries of a folder: names, sizes, times and attributes. The handle can be waited for.
+PlatHandle PlatWatchCreate(const char16_t* a_wszFolder);
+
+// Takes the next change. PLAT_ERROR_WOULDBLOCK when there is none. When changes were lost because nobody took
+// them in time, one PLAT_WATCH_MODIFIED with an empty name stands for them. When the folder itself has gone:
+// PLAT_ERROR_PATHNOTFOUND.
+bool PlatWatchRead(PlatHandle a_plathandle, PlatWatchChange* a_pplatwatchchange);

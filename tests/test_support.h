@@ -1,0 +1,138 @@
+// test_support.h: what the tests share: a folder of their own, the log as a list of lines, waiting for a condition,
+// whole files.
+#pragma once
+
+#include "os_cosstring.h"
+#include "os_log.h"
+
+#include "plat_system.h"
+#include "plat_wait.h"
+
+#include <gtest/gtest.h>
+
+#include <algorithm>
+#include <cstdlib>
+#include <filesystem>
+#include <fstream>
+#include <iterator>
+#include <mutex>
+#include <string>
+#include <vector>
+
+// Waits until a_condition() holds, at most a_u32Milliseconds. Tells whether it does.
+template <class Condition>
+bool WaitFor(Condition a_condition, uint32_t a_u32Milliseconds = 20000)
+{
+    const uint64_t u64End = PlatTicks() + a_u32Milliseconds;
+    while (!a_condition())
+    {
+        if (PlatTicks() >= u64End)
+            return a_condition();
+        PlatSleep(2);
+    }
+    return true;
+}
+
+inline std::string ReadWhole(const std::filesystem::path& a_path)
+{
+    std::ifstream stream(a_path, std::ios::binary);
+    return {std::istreambuf_iterator<char>(stream), std::istreambuf_iterator<char>()};
+}
+
+inline void WriteWhole(const std::filesystem::path& a_path, const std::string& a_strText)
+{
+    std::ofstream(a_path, std::ios::binary) << a_strText;
+}
+
+inline std::u16string Wide(const std::string& a_strAscii)
+{
+    return {a_strAscii.begin(), a_strAscii.end()};
+}
+
+// Installs itself as the process's logger and keeps every line.
+class LogCapture final : public COsLogSink
+{
+public:
+    struct Line
+    {
+        std::string strSource;
+        uint32_t u32Level;
+        std::string strText;
+    };
+
+    LogCapture() { g_poslogsink.store(this); }
+    ~LogCapture() { g_poslogsink.store(nullptr); }
+
+    void VPrintf(const char* a_szFile, uint32_t, uint32_t a_u32Level, const char* a_szFormat,
+                 va_list a_valist) override
+    {
+        char szText[4096];
+        const uint32_t u32Error = PlatGetLastError();
+        OsFormat(szText, sizeof szText, a_szFormat, a_valist);
+        const std::lock_guard<std::mutex> guard(m_mutex);
+        m_vecline.push_back({a_szFile, a_u32Level, szText});
+        PlatSetLastError(u32Error);
+    }
+    uint32_t WorkingWord() const override { return m_u32WorkingWord; }
+
+    std::vector<Line> Lines() const
+    {
+        const std::lock_guard<std::mutex> guard(m_mutex);
+        return m_vecline;
+    }
+    size_t Count(const std::string& a_strText) const
+    {
+        const std::vector<Line> vecline = Lines();
+        return static_cast<size_t>(std::count_if(vecline.begin(), vecline.end(),
+                                                 [&](const Line& line) { return line.strText == a_strText; }));
+    }
+    bool Has(const std::string& a_strText) const { return Count(a_strText) != 0; }
+    bool HasAt(uint32_t a_u32Level, const std::string& a_strText) const
+    {
+        const std::vector<Line> vecline = Lines();
+        return std::any_of(vecline.begin(), vecline.end(), [&](const Line& line) {
+            return line.u32Level == a_u32Level && line.strText == a_strText;
+        });
+    }
+    bool HasPart(const std::string& a_strPart) const
+    {
+        const std::vector<Line> vecline = Lines();
+        return std::any_of(vecline.begin(), vecline.end(), [&](const Line& line) {
+            return line.strText.find(a_strPart) != std::string::npos;
+        });
+    }
+    void Clear()
+    {
+        const std::lock_guard<std::mutex> guard(m_mutex);
+        m_vecline.clear();
+    }
+
+    uint32_t m_u32WorkingWord = 0;
+
+private:
+    mutable std::mutex m_mutex;
+    std::vector<Line> m_vecline;
+};
+
+// A case with a temporary folder of its own, below which everything that the library keeps is found as well.
+class FolderTest : public testing::Test
+{
+protected:
+    FolderTest()
+    {
+        std::string strTemplate = (std::filesystem::temp_directory_path() / "ost.XXXXXX").string();
+        m_path = mkdtemp(strTemplate.data());
+        for (const char* szName :
+             {"LOCALAPPDATA", "APPDATA", "PROGRAMDATA", "MVR_DRIVEROOT", "MVR_EVENTROOT"})
+            setenv(szName, (m_path / "system" / szName).c_str(), 1);
+    }
+    ~FolderTest() override
+    {
+        std::error_code error;
+        std::filesystem::remove_all(m_path, error);
+    }
+
+    std::string PathOf(const std::string& a_strName) const { return (m_path / a_strName).string(); }
+
+    std::filesystem::path m_path;
+};
