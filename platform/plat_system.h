@@ -26,7 +26,7 @@ bool PlatTimeLocal(uint64_t a_u64Clock, PlatTime* a_pplattime);
 // the system found daylight saving time in force on that date.
 bool PlatTimeToSeconds(const PlatTime* a_pplattime, int64_t* a_pi64Seconds, bool* a_pblDaylight);
 
-uint64_t PlatTicks();             // milliseconds of a clock that is never set, for time-outs
+uint64_t PlatTicks();            // milliseconds of a clock that is never set, for time-outs
 uint32_t PlatProcessorCount();   // 0 when it is not known
 
 enum PlatFolder : uint32_t

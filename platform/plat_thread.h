@@ -22,10 +22,10 @@ bool PlatThreadExitCode(PlatHandle a_plathandle, uint32_t* a_pu32ExitCode);
 // Ends the thread where it stands, without unwinding, and returns when it has ended. Not for the calling thread.
 bool PlatThreadTerminate(PlatHandle a_plathandle, uint32_t a_u32ExitCode);
 
-uint64_t PlatThreadId();                        // of the calling thread
+uint64_t PlatThreadId();                          // of the calling thread
 bool PlatThreadIsAlive(uint64_t a_u64ThreadId);   // true while a thread of this process has the id
 
 // Where the calling thread runs. Processors are bits of a mask, processor 0 is bit 0.
 bool PlatThreadSetIdealProcessor(uint32_t a_u32Processor);   // false (87) when the machine has no such processor
 bool PlatThreadSetAffinity(uint64_t a_u64Mask);
-uint64_t PlatProcessAffinity();                 // the process's mask, 0 when it cannot be read
+uint64_t PlatProcessAffinity();   // the process's mask, 0 when it cannot be read

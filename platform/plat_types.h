@@ -19,8 +19,8 @@ using PlatHandle = uint64_t;
 
 inline constexpr PlatHandle PLAT_INVALID = ~PlatHandle{0};
 inline constexpr uint32_t PLAT_INFINITE = 0xFFFFFFFFu;   // a time-out without limit
-inline constexpr uint32_t PLAT_STILLACTIVE = 259;         // exit code of a thread or process that has not ended
-inline constexpr size_t PLAT_PATHMAX = 1024;              // room for any path that the layer returns
+inline constexpr uint32_t PLAT_STILLACTIVE = 259;        // exit code of a thread or process that has not ended
+inline constexpr size_t PLAT_PATHMAX = 1024;             // room for any path that the layer returns
 
 // The numbers that the messages of the system print.
 inline constexpr uint32_t PLAT_ERROR_NONE = 0;

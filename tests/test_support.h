@@ -63,8 +63,7 @@ public:
     LogCapture() { g_poslogsink.store(this); }
     ~LogCapture() { g_poslogsink.store(nullptr); }
 
-    void VPrintf(const char* a_szFile, uint32_t, uint32_t a_u32Level, const char* a_szFormat,
-                 va_list a_valist) override
+    void VPrintf(const char* a_szFile, uint32_t, uint32_t a_u32Level, const char* a_szFormat, va_list a_valist) override
     {
         char szText[4096];
         const uint32_t u32Error = PlatGetLastError();
@@ -83,23 +82,21 @@ public:
     size_t Count(const std::string& a_strText) const
     {
         const std::vector<Line> vecline = Lines();
-        return static_cast<size_t>(std::count_if(vecline.begin(), vecline.end(),
-                                                 [&](const Line& line) { return line.strText == a_strText; }));
+        return static_cast<size_t>(
+            std::count_if(vecline.begin(), vecline.end(), [&](const Line& line) { return line.strText == a_strText; }));
     }
     bool Has(const std::string& a_strText) const { return Count(a_strText) != 0; }
     bool HasAt(uint32_t a_u32Level, const std::string& a_strText) const
     {
         const std::vector<Line> vecline = Lines();
-        return std::any_of(vecline.begin(), vecline.end(), [&](const Line& line) {
-            return line.u32Level == a_u32Level && line.strText == a_strText;
-        });
+        return std::any_of(vecline.begin(), vecline.end(),
+                           [&](const Line& line) { return line.u32Level == a_u32Level && line.strText == a_strText; });
     }
     bool HasPart(const std::string& a_strPart) const
     {
         const std::vector<Line> vecline = Lines();
-        return std::any_of(vecline.begin(), vecline.end(), [&](const Line& line) {
-            return line.strText.find(a_strPart) != std::string::npos;
-        });
+        return std::any_of(vecline.begin(), vecline.end(),
+                           [&](const Line& line) { return line.strText.find(a_strPart) != std::string::npos; });
     }
     void Clear()
     {
@@ -122,8 +119,7 @@ protected:
     {
         std::string strTemplate = (std::filesystem::temp_directory_path() / "ost.XXXXXX").string();
         m_path = mkdtemp(strTemplate.data());
-        for (const char* szName :
-             {"LOCALAPPDATA", "APPDATA", "PROGRAMDATA", "MVR_DRIVEROOT", "MVR_EVENTROOT"})
+        for (const char* szName : {"LOCALAPPDATA", "APPDATA", "PROGRAMDATA", "MVR_DRIVEROOT", "MVR_EVENTROOT"})
             setenv(szName, (m_path / "system" / szName).c_str(), 1);
     }
     ~FolderTest() override

@@ -67,10 +67,7 @@ public:
     EOSSTS Append(const void* a_pvBuffer, size_t a_sizetBytes);
 
     // Formats and writes, at any length. Returns the characters written, or -1.
-#if defined(__GNUC__)
-    __attribute__((format(printf, 2, 3)))
-#endif
-    int Printf(const char* a_szFormat, ...);
+    int Printf(const char* a_szFormat, ...) OS_PRINTFLIKE(2, 3);
     int VPrintf(const char* a_szFormat, va_list a_valist);
 
     EOSSTS Seek(EOSFILESEEK a_eosfileseek, int64_t a_i64Offset);
@@ -80,8 +77,8 @@ public:
     // Locks bytes against every other object, trying every 100 ms until a_i32Timeout ms (at least 100) have gone.
     // EOSSTS_BUSY when others hold it; a_blReport logs that under a_szName. Locking a range again succeeds. With
     // a_blTestOnly the lock is given back at once. An object holds at most 64 ranges; offset and length are 32-bit.
-    EOSSTS Lock(uint32_t a_u32Offset, uint32_t a_u32Length, int32_t a_i32Timeout, const char* a_szName,
-                bool a_blReport, bool a_blTestOnly);
+    EOSSTS Lock(uint32_t a_u32Offset, uint32_t a_u32Length, int32_t a_i32Timeout, const char* a_szName, bool a_blReport,
+                bool a_blTestOnly);
     EOSSTS Unlock(uint32_t a_u32Offset, uint32_t a_u32Length);
     EOSSTS LockByte(uint32_t a_u32Offset, int32_t a_i32Timeout, const char* a_szName, bool a_blReport);
     EOSSTS UnlockByte(uint32_t a_u32Offset);
@@ -116,7 +113,7 @@ EOSSTS OsFileMove(const char* a_szOldName, const char* a_szNewName);
 struct OsFileReadArgs
 {
     const char* szFilename = nullptr;
-    char* szBuffer = nullptr;       // the caller's buffer, with sizetBuffer
+    char* szBuffer = nullptr;   // the caller's buffer, with sizetBuffer
     size_t sizetBuffer = 0;
     char** pszAllocated = nullptr;   // or where the allocated text goes
     size_t* psizetRead = nullptr;

@@ -19,10 +19,10 @@ enum EOSMEMTYPE : uint32_t
 };
 
 // Allocation flags; the low 16 bits are also the level of the block's trace line.
-inline constexpr uint32_t OS_MEMFLAG_BLOCK = 0x100;       // an ordinary block
-inline constexpr uint32_t OS_MEMFLAG_PAGES = 0x1100;      // whole pages, touched only when used
-inline constexpr uint32_t OS_MEMFLAG_EXTERNAL = 0x8000;   // from the external allocator
-inline constexpr uint32_t OS_MEMFLAG_MOVEABLE = 0x10200;  // any of these bits: a moveable block
+inline constexpr uint32_t OS_MEMFLAG_BLOCK = 0x100;        // an ordinary block
+inline constexpr uint32_t OS_MEMFLAG_PAGES = 0x1100;       // whole pages, touched only when used
+inline constexpr uint32_t OS_MEMFLAG_EXTERNAL = 0x8000;    // from the external allocator
+inline constexpr uint32_t OS_MEMFLAG_MOVEABLE = 0x10200;   // any of these bits: a moveable block
 
 enum EOSSHAREDMODE : uint32_t
 {
@@ -48,9 +48,9 @@ enum EOSSHAREDLOCK : uint32_t
 };
 
 // Flags of a shared allocation.
-inline constexpr uint32_t OS_SHAREDFLAG_FILE = 4;           // backed by the file, whatever the mode
-inline constexpr uint32_t OS_SHAREDFLAG_READONLY = 16;      // an open that only reads
-inline constexpr uint32_t OS_SHAREDFLAG_EXCLUSIVE = 0x800;  // the file is not shared with others
+inline constexpr uint32_t OS_SHAREDFLAG_FILE = 4;            // backed by the file, whatever the mode
+inline constexpr uint32_t OS_SHAREDFLAG_READONLY = 16;       // an open that only reads
+inline constexpr uint32_t OS_SHAREDFLAG_EXCLUSIVE = 0x800;   // the file is not shared with others
 
 using OsMemExternalAllocProc = void* (*)(size_t a_sizetBytes);
 using OsMemExternalFreeProc = void (*)(void* a_pvBlock);
@@ -76,7 +76,7 @@ public:
         uint32_t u32Current;       // live now
         uint64_t u64CurrentBytes;
         uint64_t u64PeakBytes;
-        uint32_t u32Frees;         // made so far
+        uint32_t u32Frees;   // made so far
     };
     Counts GetCounts() const;
 
@@ -113,9 +113,9 @@ EOSSTS OsMemSharedFlush(void* a_pvView, const char* a_szFile, uint32_t a_u32Line
 void* OsMemSharedRemap(void* a_pvView, uint64_t a_u64Offset, size_t a_sizetSize, const char* a_szFile,
                        uint32_t a_u32Line);
 
-#define OSMEMALLOC(a_sizetBytes, a_u32Flags) \
+#define OSMEMALLOC(a_sizetBytes, a_u32Flags)                                                                           \
     OsMemAlloc((a_sizetBytes), g_szSource, static_cast<uint32_t>(__LINE__), (a_u32Flags))
-#define OSMEMFREE(a_pvBlock, a_u32Flags) \
+#define OSMEMFREE(a_pvBlock, a_u32Flags)                                                                               \
     OsMemFree((a_pvBlock), g_szSource, static_cast<uint32_t>(__LINE__), (a_u32Flags))
 
 // Encodes into text with terminator. EOSSTS_FAIL for a bad argument or when it does not fit.

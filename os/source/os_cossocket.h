@@ -51,10 +51,10 @@ public:
     {
         const char* szHost = nullptr;   // null: 127.0.0.1
         const char* szPort = nullptr;
-        const char* szName = "";          // a label for the log
-        uint64_t u64ProcessId = 0;        // its end aborts every wait of the connection
-        bool blSecure = false;            // stored only
-        int32_t i32Timeout = -1;          // -1: 20000
+        const char* szName = "";     // a label for the log
+        uint64_t u64ProcessId = 0;   // its end aborts every wait of the connection
+        bool blSecure = false;       // stored only
+        int32_t i32Timeout = -1;     // -1: 20000
         bool blNoDelay = false;
     };
     // Success says that the attempt is over; a refused connection shows at the first read or write.

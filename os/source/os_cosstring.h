@@ -17,16 +17,10 @@ void SStrCat(char* a_szDestination, size_t a_sizetDestination, const char* a_szS
 // Formats. Returns the length, or -1 with the destination empty. Beside the standard conversions the formats know
 // "%I64d", "%I32d" and "%Id" with every integer conversion, "%S" for 16-bit text, and "%p" as 16 upper-case
 // hexadecimal digits.
-#if defined(__GNUC__)
-__attribute__((format(printf, 3, 4)))
-#endif
-int SStrPrintf(char* a_szDestination, size_t a_sizetDestination, const char* a_szFormat, ...);
+int SStrPrintf(char* a_szDestination, size_t a_sizetDestination, const char* a_szFormat, ...) OS_PRINTFLIKE(3, 4);
 
 // Formats at the end of the text that is there. Returns the new total length, or -1 with nothing appended.
-#if defined(__GNUC__)
-__attribute__((format(printf, 3, 4)))
-#endif
-int SStrCatf(char* a_szDestination, size_t a_sizetDestination, const char* a_szFormat, ...);
+int SStrCatf(char* a_szDestination, size_t a_sizetDestination, const char* a_szFormat, ...) OS_PRINTFLIKE(3, 4);
 
 int SStrVprintf(char* a_szDestination, size_t a_sizetDestination, const char* a_szFormat, va_list a_valist);
 

@@ -27,8 +27,8 @@ int OsLogSetState(int a_iState)
     int iPrevious = g_iLogState.load(std::memory_order_relaxed);
     for (;;)
     {
-        const bool blStays = iPrevious == OS_LOGSTATE_OFF ||
-                             (iPrevious == OS_LOGSTATE_NOTSTARTED && a_iState != OS_LOGSTATE_ALLOW);
+        const bool blStays =
+            iPrevious == OS_LOGSTATE_OFF || (iPrevious == OS_LOGSTATE_NOTSTARTED && a_iState != OS_LOGSTATE_ALLOW);
         if (blStays)
             return iPrevious;
         const int iNext = a_iState == OS_LOGSTATE_ALLOW ? OS_LOGSTATE_ON : a_iState;

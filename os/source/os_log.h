@@ -9,6 +9,8 @@
 //     OSLOG(OS_LOG_CHECK, "sync>>> must create/open first...");
 #pragma once
 
+#include "os_types.h"
+
 #include <atomic>
 #include <cstdarg>
 #include <cstdint>
@@ -40,11 +42,8 @@ protected:
 extern std::atomic<COsLogSink*> g_poslogsink;
 
 // Logs one line through a_poslogsink; null does nothing. The formats are those of SStrPrintf.
-#if defined(__GNUC__)
-__attribute__((format(printf, 5, 6)))
-#endif
 void OsLogPrintf(COsLogSink* a_poslogsink, const char* a_szFile, uint32_t a_u32Line, uint32_t a_u32Level,
-                 const char* a_szFormat, ...);
+                 const char* a_szFormat, ...) OS_PRINTFLIKE(5, 6);
 
 // The logger's working word, 0 without a logger. Code logs its diagnostics (levels 4 and 128) only where its
 // contract says so.
@@ -54,11 +53,11 @@ inline uint32_t OsLogWorkingWord()
     return poslogsink ? poslogsink->WorkingWord() : 0;
 }
 
-#define OSLOG_AT(a_szFile, a_u32Line, a_u32Level, ...)                                       \
-    do                                                                                       \
-    {                                                                                        \
-        if (COsLogSink* const poslogsink_ = g_poslogsink.load(std::memory_order_acquire))    \
-            OsLogPrintf(poslogsink_, (a_szFile), (a_u32Line), (a_u32Level), __VA_ARGS__);    \
+#define OSLOG_AT(a_szFile, a_u32Line, a_u32Level, ...)                                                                 \
+    do                                                                                                                 \
+    {                                                                                                                  \
+        if (COsLogSink* const poslogsink_ = g_poslogsink.load(std::memory_order_acquire))                              \
+            OsLogPrintf(poslogsink_, (a_szFile), (a_u32Line), (a_u32Level), __VA_ARGS__);                              \
     } while (false)
 
 #define OSLOG(a_u32Level, ...) OSLOG_AT(g_szSource, static_cast<uint32_t>(__LINE__), (a_u32Level), __VA_ARGS__)

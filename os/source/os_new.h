@@ -30,6 +30,6 @@ void OsMemDelete(const char* a_szFile, uint32_t a_u32Line, Object*& a_pobject)
     a_pobject = nullptr;
 }
 
-#define OSMEMNEW(Class, ...) \
+#define OSMEMNEW(Class, ...)                                                                                           \
     OsMemNew<Class>(g_szSource, static_cast<uint32_t>(__LINE__), #Class __VA_OPT__(, ) __VA_ARGS__)
 #define OSMEMDELETE(a_pobject) OsMemDelete(g_szSource, static_cast<uint32_t>(__LINE__), a_pobject)

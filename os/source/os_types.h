@@ -4,6 +4,14 @@
 #include <cstddef>
 #include <cstdint>
 
+// A function that formats as printf does: the arguments that hold the format and the first value, counted from 1.
+// The compiler then checks the values against the format.
+#if defined(__GNUC__)
+#define OS_PRINTFLIKE(format_, first_) __attribute__((format(printf, format_, first_)))
+#else
+#define OS_PRINTFLIKE(format_, first_)
+#endif
+
 enum EOSSTS : uint32_t
 {
     EOSSTS_SUCCESS = 0,

@@ -1,0 +1,237 @@
+// plat_posix.cpp: the last error and its translator, text in both encodings, closing a handle of any kind.
+#include "plat_posix.h"
+
+#include <cerrno>
+#include <cstring>
+#include <unistd.h>
+
+// ------------------------------------------------------------------------------------------------ the last error
+
+static thread_local uint32_t t_u32Error = PLAT_ERROR_NONE;
+
+uint32_t PlatGetLastError()
+{
+    return t_u32Error;
+}
+
+void PlatSetLastError(uint32_t a_u32Error)
+{
+    t_u32Error = a_u32Error;
+}
+
+bool PosixFail(uint32_t a_u32Error)
+{
+    t_u32Error = a_u32Error;
+    return false;
+}
+
+bool PosixFailErrno()
+{
+    return PosixFail(PosixTranslate(errno));
+}
+
+uint32_t PosixTranslate(int a_iErrno)
+{
+    switch (a_iErrno)
+    {
+    case 0:
+        return PLAT_ERROR_NONE;
+    case ENOENT:
+        return PLAT_ERROR_FILENOTFOUND;
+    case ENOTDIR:
+        return PLAT_ERROR_PATHNOTFOUND;
+    case EMFILE:
+    case ENFILE:
+        return PLAT_ERROR_TOOMANYOPEN;
+    case EACCES:
+    case EPERM:
+    case EISDIR:
+        return PLAT_ERROR_ACCESSDENIED;
+    case EBADF:
+        return PLAT_ERROR_INVALIDHANDLE;
+    case ENOMEM:
+        return PLAT_ERROR_NOMEMORY;
+    case EXDEV:
+        return PLAT_ERROR_NOTSAMEDEVICE;
+    case EROFS:
+        return PLAT_ERROR_WRITEPROTECT;
+    case ETXTBSY:
+        return PLAT_ERROR_SHARING;
+    case EEXIST:
+        return PLAT_ERROR_ALREADYEXISTS;
+    case EINVAL:
+        return PLAT_ERROR_INVALIDPARAMETER;
+    case EPIPE:
+        return PLAT_ERROR_BROKENPIPE;
+    case ENOSPC:
+    case EDQUOT:
+    case EFBIG:
+        return PLAT_ERROR_DISKFULL;
+    case ENAMETOOLONG:
+    case ELOOP:
+        return PLAT_ERROR_INVALIDNAME;
+    case ENOTEMPTY:
+        return PLAT_ERROR_DIRNOTEMPTY;
+    case ENOEXEC:
+        return PLAT_ERROR_BADEXEFORMAT;
+    case EILSEQ:
+        return PLAT_ERROR_NOUNICODE;
+    case ESRCH:
+        return PLAT_ERROR_INVALIDPARAMETER;
+    case EAGAIN:
+    case EINPROGRESS:
+        return PLAT_ERROR_WOULDBLOCK;
+    case ENOTSOCK:
+        return PLAT_ERROR_NOTSOCKET;
+    case EADDRINUSE:
+        return PLAT_ERROR_ADDRINUSE;
+    case EADDRNOTAVAIL:
+        return PLAT_ERROR_ADDRNOTAVAIL;
+    case ENETUNREACH:
+    case EHOSTUNREACH:
+        return PLAT_ERROR_NETUNREACH;
+    case ECONNABORTED:
+        return PLAT_ERROR_CONNABORTED;
+    case ECONNRESET:
+        return PLAT_ERROR_CONNRESET;
+    case ENOTCONN:
+        return PLAT_ERROR_NOTCONN;
+    case ETIMEDOUT:
+        return PLAT_ERROR_TIMEDOUT;
+    case ECONNREFUSED:
+        return PLAT_ERROR_CONNREFUSED;
+    default:
+        return PLAT_ERROR_GENFAILURE;
+    }
+}
+
+// ---------------------------------------------------------------------------------------------------------- text
+
+static void AppendUtf8(std::string& a_strText, uint32_t a_u32Point)
+{
+    const auto tail = [&](int iShift) { a_strText += static_cast<char>(0x80 | ((a_u32Point >> iShift) & 0x3F)); };
+    if (a_u32Point < 0x80)
+    {
+        a_strText += static_cast<char>(a_u32Point);
+        return;
+    }
+    if (a_u32Point < 0x800)
+    {
+        a_strText += static_cast<char>(0xC0 | (a_u32Point >> 6));
+    }
+    else if (a_u32Point < 0x10000)
+    {
+        a_strText += static_cast<char>(0xE0 | (a_u32Point >> 12));
+        tail(6);
+    }
+    else
+    {
+        a_strText += static_cast<char>(0xF0 | (a_u32Point >> 18));
+        tail(12);
+        tail(6);
+    }
+    tail(0);
+}
+
+bool PosixToUtf8(const char16_t* a_wszText, std::string& a_strText)
+{
+    a_strText.clear();
+    for (const char16_t* pch = a_wszText; *pch; ++pch)
+    {
+        uint32_t u32Point = *pch;
+        if (u32Point >= 0xD800 && u32Point <= 0xDFFF)
+        {
+            const uint32_t u32Low = pch[1];
+            if (u32Point > 0xDBFF || u32Low < 0xDC00 || u32Low > 0xDFFF)
+                return PosixFail(PLAT_ERROR_NOUNICODE);
+            u32Point = 0x10000 + ((u32Point - 0xD800) << 10) + (u32Low - 0xDC00);
+            ++pch;
+        }
+        AppendUtf8(a_strText, u32Point);
+    }
+    return true;
+}
+
+// Takes one code point off the text; false for what is no UTF-8 (overlong forms and surrogates included).
+static bool TakePoint(const unsigned char*& a_pu8, uint32_t& a_u32Point)
+{
+    static constexpr uint32_t g_au32Least[] = {0, 0x80, 0x800, 0x10000};
+    const uint32_t u32Lead = *a_pu8++;
+    if (u32Lead < 0x80)
+    {
+        a_u32Point = u32Lead;
+        return true;
+    }
+    const int iTail = u32Lead >= 0xF0 ? 3 : u32Lead >= 0xE0 ? 2 : 1;
+    if (u32Lead < 0xC2 || u32Lead > 0xF4)
+        return false;
+    a_u32Point = u32Lead & (0x3Fu >> iTail);
+    for (int i = 0; i < iTail; ++i)
+    {
+        if ((*a_pu8 & 0xC0) != 0x80)
+            return false;
+        a_u32Point = (a_u32Point << 6) | (*a_pu8++ & 0x3Fu);
+    }
+    return a_u32Point >= g_au32Least[iTail] && a_u32Point <= 0x10FFFF && (a_u32Point < 0xD800 || a_u32Point > 0xDFFF);
+}
+
+bool PosixToWide(const char* a_szText, char16_t* a_wszText, size_t a_sizetText)
+{
+    const auto* pu8 = reinterpret_cast<const unsigned char*>(a_szText);
+    size_t sizetLength = 0;
+    while (*pu8)
+    {
+        uint32_t u32Point = 0;
+        if (!TakePoint(pu8, u32Point))
+            return PosixFail(PLAT_ERROR_NOUNICODE);
+        const size_t sizetUnits = u32Point < 0x10000 ? 1 : 2;
+        if (sizetLength + sizetUnits >= a_sizetText)
+            return PosixFail(PLAT_ERROR_INSUFFICIENTBUFFER);
+        if (sizetUnits == 2)
+        {
+            a_wszText[sizetLength++] = static_cast<char16_t>(0xD800 + ((u32Point - 0x10000) >> 10));
+            u32Point = 0xDC00 + (u32Point & 0x3FF);
+        }
+        a_wszText[sizetLength++] = static_cast<char16_t>(u32Point);
+    }
+    if (sizetLength >= a_sizetText)
+        return PosixFail(PLAT_ERROR_INSUFFICIENTBUFFER);
+    a_wszText[sizetLength] = 0;
+    return true;
+}
+
+// --------------------------------------------------------------------------------------------------------- close
+
+bool PlatClose(PlatHandle a_plathandle)
+{
+    switch (PosixKindOf(a_plathandle))
+    {
+    case PosixKind::NamedEventAuto:
+    case PosixKind::NamedEventManual:
+        return PosixCloseNamedEvent(a_plathandle);
+    case PosixKind::Thread:
+        return PosixCloseThread(a_plathandle);
+    case PosixKind::Child:
+        return PosixCloseChild(a_plathandle);
+    case PosixKind::FileTemporary:
+        return PosixCloseTemporary(a_plathandle);
+    case PosixKind::Find:
+        return PosixCloseFind(a_plathandle);
+    case PosixKind::Module:
+        return PosixCloseModule(a_plathandle);
+    case PosixKind::EventAuto:
+    case PosixKind::EventManual:
+    case PosixKind::Process:
+    case PosixKind::PipeRead:
+    case PosixKind::PipeWrite:
+    case PosixKind::File:
+    case PosixKind::Socket:
+    case PosixKind::SocketEvent:
+    case PosixKind::Watch:
+    case PosixKind::MemoryFile:
+        return close(PosixDescriptorOf(a_plathandle)) == 0 || PosixFailErrno();
+    case PosixKind::None:
+        break;
+    }
+    return PosixFail(PLAT_ERROR_INVALIDHANDLE);
+}

@@ -1,0 +1,91 @@
+// plat_posix.h: what the sources of this backend share: how a handle is made up, the one translator of errno, and
+// text in both encodings.
+#pragma once
+
+#include "plat_types.h"
+
+#include <string>
+
+// A handle carries what it is and a descriptor or a pointer, so that the layer needs no table of objects:
+// bits 48 to 55 hold the kind (never 0, never 0xFF), bits 0 to 47 the value.
+enum class PosixKind : uint32_t
+{
+    None = 0,
+    EventAuto,   // eventfd
+    EventManual,
+    NamedEventAuto,   // FIFO
+    NamedEventManual,
+    Thread,    // pointer
+    Process,   // pidfd of a process that somebody else started
+    Child,     // pointer
+    PipeRead,
+    PipeWrite,
+    File,
+    FileTemporary,   // goes when it is closed
+    Find,            // pointer
+    Socket,
+    SocketEvent,   // epoll
+    Watch,         // inotify
+    MemoryFile,    // memfd
+    Module,        // pointer
+};
+
+constexpr PlatHandle PosixMakeHandle(PosixKind a_posixkind, uint64_t a_u64Value)
+{
+    return (static_cast<uint64_t>(a_posixkind) << 48) | a_u64Value;
+}
+
+inline PlatHandle PosixMakeHandle(PosixKind a_posixkind, int a_iDescriptor)
+{
+    return PosixMakeHandle(a_posixkind, static_cast<uint64_t>(a_iDescriptor));
+}
+
+inline PlatHandle PosixMakeHandle(PosixKind a_posixkind, const void* a_pvObject)
+{
+    return PosixMakeHandle(a_posixkind, reinterpret_cast<uint64_t>(a_pvObject));
+}
+
+constexpr PosixKind PosixKindOf(PlatHandle a_plathandle)
+{
+    return a_plathandle == PLAT_INVALID ? PosixKind::None : static_cast<PosixKind>((a_plathandle >> 48) & 0xFF);
+}
+
+constexpr int PosixDescriptorOf(PlatHandle a_plathandle)
+{
+    return static_cast<int>(a_plathandle & 0x7FFFFFFF);
+}
+
+template <class Object>
+Object* PosixObjectOf(PlatHandle a_plathandle)
+{
+    return reinterpret_cast<Object*>(a_plathandle & 0x0000FFFFFFFFFFFFull);
+}
+
+constexpr bool PosixIsPointer(PosixKind a_posixkind)
+{
+    return a_posixkind == PosixKind::Thread || a_posixkind == PosixKind::Child || a_posixkind == PosixKind::Find ||
+           a_posixkind == PosixKind::Module;
+}
+
+// The one translator from errno to the layer's numbers.
+uint32_t PosixTranslate(int a_iErrno);
+
+// Sets the last error and returns false, so that a failing call can end in "return PosixFail(...)".
+bool PosixFail(uint32_t a_u32Error);
+bool PosixFailErrno();   // with what errno says now
+
+// UTF-16 to UTF-8 and back. False, with the last error 1113, for text that is neither; 122 when it does not fit.
+bool PosixToUtf8(const char16_t* a_wszText, std::string& a_strText);
+bool PosixToWide(const char* a_szText, char16_t* a_wszText, size_t a_sizetText);
+
+// A path of the product as a path of this system: separators, long-path prefix, drive letters. False like above.
+// Defined with the files.
+bool PosixPath(const char16_t* a_wszPath, std::string& a_strPath);
+
+// What PlatClose does for the kinds that are more than a descriptor; each is defined with its kind.
+bool PosixCloseThread(PlatHandle a_plathandle);
+bool PosixCloseChild(PlatHandle a_plathandle);
+bool PosixCloseNamedEvent(PlatHandle a_plathandle);
+bool PosixCloseTemporary(PlatHandle a_plathandle);
+bool PosixCloseFind(PlatHandle a_plathandle);
+bool PosixCloseModule(PlatHandle a_plathandle);
