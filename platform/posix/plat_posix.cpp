@@ -217,8 +217,6 @@ bool PlatClose(PlatHandle a_plathandle)
         return PosixCloseTemporary(a_plathandle);
     case PosixKind::Find:
         return PosixCloseFind(a_plathandle);
-    case PosixKind::Module:
-        return PosixCloseModule(a_plathandle);
     case PosixKind::EventAuto:
     case PosixKind::EventManual:
     case PosixKind::Process:
@@ -230,6 +228,7 @@ bool PlatClose(PlatHandle a_plathandle)
     case PosixKind::Watch:
     case PosixKind::MemoryFile:
         return close(PosixDescriptorOf(a_plathandle)) == 0 || PosixFailErrno();
+    case PosixKind::Module:   // has a release of its own
     case PosixKind::None:
         break;
     }

@@ -4,6 +4,7 @@
 
 #include "plat_types.h"
 
+#include <mutex>
 #include <string>
 
 // A handle carries what it is and a descriptor or a pointer, so that the layer needs no table of objects:
@@ -82,10 +83,31 @@ bool PosixToWide(const char* a_szText, char16_t* a_wszText, size_t a_sizetText);
 // Defined with the files.
 bool PosixPath(const char16_t* a_wszPath, std::string& a_strPath);
 
+// An event that is open as a descriptor: it holds at most so many bytes, all of which one read takes. False when it
+// held none.
+inline constexpr int PosixEventRoom = 4096;
+bool PosixDrainEvent(int a_iEvent);
+
+// Opens or makes an event with a name. -1, with the last error, on failure.
+int PosixOpenNamedEvent(const char16_t* a_wszName, bool* a_pblExisted);
+
+// The descriptor that can be read once a child has ended.
+int PosixChildDescriptor(PlatHandle a_plathandle);
+
+// The value of a variable. False when it is unset or empty.
+bool PosixEnvGet(const char* a_szName, std::string& a_strValue);
+
+// Whatever reads or changes the C library's environment, also on the side, holds this lock.
+std::mutex& PosixEnvLock();
+
+// The soft limit of open descriptors: raised to the hard one for us, as it was for the programs that we start.
+// The second runs in a child before its program does.
+void PosixRaiseDescriptorLimit();
+void PosixRestoreDescriptorLimit();
+
 // What PlatClose does for the kinds that are more than a descriptor; each is defined with its kind.
 bool PosixCloseThread(PlatHandle a_plathandle);
 bool PosixCloseChild(PlatHandle a_plathandle);
 bool PosixCloseNamedEvent(PlatHandle a_plathandle);
 bool PosixCloseTemporary(PlatHandle a_plathandle);
 bool PosixCloseFind(PlatHandle a_plathandle);
-bool PosixCloseModule(PlatHandle a_plathandle);

@@ -1,0 +1,97 @@
+// plat_env.cpp: the environment, which is the C library's own behind one lock.
+#include "plat_env.h"
+#include "plat_posix.h"
+
+#include <cstdlib>
+#include <cstring>
+#include <unistd.h>
+#include <utility>
+#include <vector>
+
+std::mutex& PosixEnvLock()
+{
+    static std::mutex g_mutex;
+    return g_mutex;
+}
+
+static bool NameOf(const char16_t* a_wszName, std::string& a_strName)
+{
+    if (!a_wszName || !PosixToUtf8(a_wszName, a_strName))
+        return PosixFail(a_wszName ? PLAT_ERROR_NOUNICODE : PLAT_ERROR_INVALIDPARAMETER);
+    return (!a_strName.empty() && a_strName.find('=') == std::string::npos) || PosixFail(PLAT_ERROR_INVALIDPARAMETER);
+}
+
+bool PosixEnvGet(const char* a_szName, std::string& a_strValue)
+{
+    const std::lock_guard<std::mutex> guard(PosixEnvLock());
+    const char* szValue = getenv(a_szName);
+    if (!szValue || !*szValue)
+        return PosixFail(PLAT_ERROR_ENVVARNOTFOUND);
+    a_strValue = szValue;
+    return true;
+}
+
+// UTF-16 text has at most as many units as UTF-8 text has bytes.
+static bool Widen(const std::string& a_strText, std::u16string& a_wstrText)
+{
+    a_wstrText.resize(a_strText.size() + 1);
+    if (!PosixToWide(a_strText.c_str(), a_wstrText.data(), a_wstrText.size()))
+        return false;
+    a_wstrText.resize(std::char_traits<char16_t>::length(a_wstrText.c_str()));
+    return true;
+}
+
+size_t PlatEnvGet(const char16_t* a_wszName, char16_t* a_wszValue, size_t a_sizetValue)
+{
+    std::string strName;
+    std::string strValue;
+    std::u16string wstrValue;
+    if (!NameOf(a_wszName, strName) || !PosixEnvGet(strName.c_str(), strValue) || !Widen(strValue, wstrValue))
+        return 0;
+    if (wstrValue.size() < a_sizetValue)
+        memcpy(a_wszValue, wstrValue.c_str(), (wstrValue.size() + 1) * sizeof(char16_t));
+    return wstrValue.size();
+}
+
+bool PlatEnvSet(const char16_t* a_wszName, const char16_t* a_wszValue)
+{
+    std::string strName;
+    std::string strValue;
+    if (!NameOf(a_wszName, strName) || (a_wszValue && !PosixToUtf8(a_wszValue, strValue)))
+        return false;
+    const std::lock_guard<std::mutex> guard(PosixEnvLock());
+    const int iResult =
+        strValue.empty() ? unsetenv(strName.c_str()) : setenv(strName.c_str(), strValue.c_str(), 1 /*overwrite*/);
+    return iResult == 0 || PosixFailErrno();
+}
+
+using Variable = std::pair<std::u16string, std::u16string>;
+
+// The environment as it is now, without what has no value or is no text.
+static std::vector<Variable> Snapshot()
+{
+    std::vector<Variable> vecvariable;
+    const std::lock_guard<std::mutex> guard(PosixEnvLock());
+    for (char** ppch = environ; ppch && *ppch; ++ppch)
+    {
+        const char* pchEqual = strchr(*ppch, '=');
+        Variable variable;
+        if (pchEqual && pchEqual != *ppch && pchEqual[1] &&
+            Widen(std::string(*ppch, static_cast<size_t>(pchEqual - *ppch)), variable.first) &&
+            Widen(pchEqual + 1, variable.second))
+        {
+            vecvariable.push_back(std::move(variable));
+        }
+    }
+    return vecvariable;
+}
+
+bool PlatEnvList(PlatEnvProc a_platenvproc, void* a_pvContext)
+{
+    for (const Variable& variable : Snapshot())
+    {
+        if (!a_platenvproc(a_pvContext, variable.first.c_str(), variable.second.c_str()))
+            break;
+    }
+    return true;
+}

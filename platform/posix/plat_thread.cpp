@@ -1,0 +1,238 @@
+// plat_thread.cpp: threads, their ends, and where they run.
+//
+// A handle points to an object that the thread and the handle share; who comes last frees it. The system's own thread
+// is joined exactly once, by whoever first sees that it has ended, or detached when the handle goes before.
+#include "plat_thread.h"
+#include "plat_posix.h"
+#include "plat_system.h"
+
+#include <atomic>
+#include <cerrno>
+#include <climits>
+#include <csignal>
+#include <memory>
+#include <mutex>
+#include <pthread.h>
+#include <sched.h>
+#include <sys/syscall.h>
+#include <unistd.h>
+
+// ---------------------------------------------------------------------------------------------------- the object
+
+namespace
+{
+struct PosixThread
+{
+    PlatThreadProc platthreadproc = nullptr;
+    void* pvArgument = nullptr;
+    pthread_t pthread = 0;
+    std::atomic<int> iThreadId{0};   // set by the thread, which is waited for
+    std::atomic<uint32_t> u32ExitCode{0};
+    std::atomic<uint32_t> u32TerminateCode{0};
+    std::atomic<bool> blTerminate{false};
+    std::atomic<bool> blOneHasLeft{false};   // the thread or the handle
+    std::mutex mutex;                        // of the join
+    bool blJoined = false;
+};
+
+// What PlatThreadExit throws to unwind the thread.
+struct ThreadExit
+{
+    uint32_t u32ExitCode;
+};
+}   // namespace
+
+static thread_local PosixThread* t_pposixthread = nullptr;
+
+// The thread and the handle leave once each. True for the second.
+static bool Leave(PosixThread* a_pposixthread)
+{
+    return a_pposixthread->blOneHasLeft.exchange(true, std::memory_order_acq_rel);
+}
+
+// ------------------------------------------------------------------------------------------------ begin and exit
+
+static uint32_t CallProcedure(const PosixThread* a_pposixthread)
+{
+    try
+    {
+        return a_pposixthread->platthreadproc(a_pposixthread->pvArgument);
+    }
+    catch (const ThreadExit& threadexit)
+    {
+        return threadexit.u32ExitCode;
+    }
+}
+
+static void* RunThread(void* a_pvThread)
+{
+    auto* pposixthread = static_cast<PosixThread*>(a_pvThread);
+    t_pposixthread = pposixthread;
+    pposixthread->iThreadId.store(static_cast<int>(PlatThreadId()), std::memory_order_release);
+    pposixthread->iThreadId.notify_one();
+
+    pposixthread->u32ExitCode = CallProcedure(pposixthread);
+    if (Leave(pposixthread))
+        delete pposixthread;
+    return nullptr;
+}
+
+PlatHandle PlatThreadBegin(PlatThreadProc a_platthreadproc, void* a_pvArgument, uint64_t* a_pu64Id)
+{
+    constexpr size_t sizetStack = 1024 * 1024;
+    auto uniqueThread = std::make_unique<PosixThread>();
+    uniqueThread->platthreadproc = a_platthreadproc;
+    uniqueThread->pvArgument = a_pvArgument;
+
+    pthread_attr_t attributes;
+    pthread_attr_init(&attributes);
+    pthread_attr_setstacksize(&attributes, sizetStack);
+    const int iError = pthread_create(&uniqueThread->pthread, &attributes, RunThread, uniqueThread.get());
+    pthread_attr_destroy(&attributes);
+    if (iError != 0)
+    {
+        PlatSetLastError(iError == EAGAIN ? PLAT_ERROR_NOMEMORY : PosixTranslate(iError));
+        return PLAT_INVALID;
+    }
+    PosixThread* pposixthread = uniqueThread.release();
+    pposixthread->iThreadId.wait(0, std::memory_order_acquire);
+    *a_pu64Id = static_cast<uint64_t>(pposixthread->iThreadId.load());
+    return PosixMakeHandle(PosixKind::Thread, pposixthread);
+}
+
+void PlatThreadExit(uint32_t a_u32ExitCode)
+{
+    throw ThreadExit{a_u32ExitCode};
+}
+
+// -------------------------------------------------------------------------------------------------- from outside
+
+static PosixThread* ThreadOf(PlatHandle a_plathandle)
+{
+    if (PosixKindOf(a_plathandle) == PosixKind::Thread)
+        return PosixObjectOf<PosixThread>(a_plathandle);
+    PlatSetLastError(PLAT_ERROR_INVALIDHANDLE);
+    return nullptr;
+}
+
+bool PlatThreadExitCode(PlatHandle a_plathandle, uint32_t* a_pu32ExitCode)
+{
+    PosixThread* pposixthread = ThreadOf(a_plathandle);
+    if (!pposixthread)
+        return false;
+    // Only the join tells that the thread is past all code of ours: objects that belong to it are destroyed after
+    // its procedure.
+    const std::lock_guard<std::mutex> guard(pposixthread->mutex);
+    if (!pposixthread->blJoined)
+        pposixthread->blJoined = pthread_tryjoin_np(pposixthread->pthread, nullptr) == 0;
+    *a_pu32ExitCode = pposixthread->blJoined ? pposixthread->u32ExitCode.load() : PLAT_STILLACTIVE;
+    return true;
+}
+
+// Runs on the thread that is to end: nothing of it is unwound, and the kernel tells the joining thread.
+static void EndHere(int)
+{
+    PosixThread* pposixthread = t_pposixthread;
+    if (!pposixthread || !pposixthread->blTerminate)
+        return;
+    if (!pposixthread->blOneHasLeft.exchange(true))
+        pposixthread->u32ExitCode = pposixthread->u32TerminateCode.load();
+    syscall(SYS_exit, 0);
+}
+
+static int TerminateSignal()
+{
+    static const int g_iSignal = [] {
+        struct sigaction action = {};
+        action.sa_handler = EndHere;
+        sigfillset(&action.sa_mask);
+        const int iSignal = SIGRTMAX - 1;
+        return sigaction(iSignal, &action, nullptr) == 0 ? iSignal : 0;
+    }();
+    return g_iSignal;
+}
+
+bool PlatThreadTerminate(PlatHandle a_plathandle, uint32_t a_u32ExitCode)
+{
+    PosixThread* pposixthread = ThreadOf(a_plathandle);
+    if (!pposixthread)
+        return false;
+    if (pposixthread == t_pposixthread)
+        return PosixFail(PLAT_ERROR_INVALIDPARAMETER);
+
+    const std::lock_guard<std::mutex> guard(pposixthread->mutex);
+    if (pposixthread->blJoined)
+        return true;
+    pposixthread->u32TerminateCode = a_u32ExitCode;
+    pposixthread->blTerminate = true;
+    pthread_kill(pposixthread->pthread, TerminateSignal());
+    pposixthread->blJoined = pthread_join(pposixthread->pthread, nullptr) == 0;
+    return pposixthread->blJoined || PosixFail(PLAT_ERROR_INVALIDHANDLE);
+}
+
+bool PosixCloseThread(PlatHandle a_plathandle)
+{
+    PosixThread* pposixthread = ThreadOf(a_plathandle);
+    if (!pposixthread)
+        return false;
+    if (!pposixthread->blJoined)
+        pthread_detach(pposixthread->pthread);
+    if (Leave(pposixthread))
+        delete pposixthread;
+    return true;
+}
+
+// ------------------------------------------------------------------------------------------------------- who am I
+
+uint64_t PlatThreadId()
+{
+    static thread_local const uint64_t t_u64ThreadId = static_cast<uint64_t>(syscall(SYS_gettid));
+    return t_u64ThreadId;
+}
+
+bool PlatThreadIsAlive(uint64_t a_u64ThreadId)
+{
+    return a_u64ThreadId > 0 && a_u64ThreadId <= INT_MAX &&
+           syscall(SYS_tgkill, getpid(), static_cast<pid_t>(a_u64ThreadId), 0) == 0;
+}
+
+// ---------------------------------------------------------------------------------------------------- where I run
+
+static constexpr uint32_t g_u32MaskBits = 64;
+
+bool PlatThreadSetIdealProcessor(uint32_t a_u32Processor)
+{
+    // This system takes no such wish. What it would refuse is refused all the same.
+    return (a_u32Processor < g_u32MaskBits && a_u32Processor < PlatProcessorCount()) ||
+           PosixFail(PLAT_ERROR_INVALIDPARAMETER);
+}
+
+uint64_t PlatProcessAffinity()
+{
+    // Read once: the process's mask is what its first thread has before it narrows its own.
+    static const uint64_t g_u64Mask = [] {
+        uint64_t u64Mask = 0;
+        cpu_set_t cpuset;
+        CPU_ZERO(&cpuset);
+        if (sched_getaffinity(getpid(), sizeof cpuset, &cpuset) != 0)
+            PosixFailErrno();
+        for (uint32_t u32 = 0; u32 < g_u32MaskBits; ++u32)
+            u64Mask |= CPU_ISSET(u32, &cpuset) ? uint64_t{1} << u32 : 0;
+        return u64Mask;
+    }();
+    return g_u64Mask;
+}
+
+bool PlatThreadSetAffinity(uint64_t a_u64Mask)
+{
+    if (a_u64Mask == 0 || (a_u64Mask & ~PlatProcessAffinity()) != 0)
+        return PosixFail(PLAT_ERROR_INVALIDPARAMETER);
+    cpu_set_t cpuset;
+    CPU_ZERO(&cpuset);
+    for (uint32_t u32 = 0; u32 < g_u32MaskBits; ++u32)
+    {
+        if ((a_u64Mask >> u32) & 1)
+            CPU_SET(u32, &cpuset);
+    }
+    return sched_setaffinity(0 /*the calling thread*/, sizeof cpuset, &cpuset) == 0 || PosixFailErrno();
+}
