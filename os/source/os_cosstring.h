@@ -32,7 +32,14 @@ int StrVcprintf(const char* a_szFormat, va_list a_valist);
 // logs, never allocates.
 int OsFormat(char* a_szDestination, size_t a_sizetDestination, const char* a_szFormat, va_list a_valist);
 
-// The same for 16-bit text; sizes in characters.
+// Hides a format with "%S" from the compiler, which takes that for wchar_t text:
+// OSLOG(OS_LOG_CHECK, OsWideFormat("not found...<%S>"), wszName).
+inline const char* OsWideFormat(const char* a_szFormat)
+{
+    return a_szFormat;
+}
+
+// The same for 16-bit text; sizes in characters. The format and its "%s" are UTF-8.
 void SWcsCpy(char16_t* a_wszDestination, size_t a_sizetDestination, const char16_t* a_wszSource);
 void SWcsCat(char16_t* a_wszDestination, size_t a_sizetDestination, const char16_t* a_wszSource);
 int SWcsPrintf(char16_t* a_wszDestination, size_t a_sizetDestination, const char* a_szFormat, ...);

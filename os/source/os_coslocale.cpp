@@ -1,0 +1,129 @@
+// os_coslocale.cpp: UTF-8 to UTF-16 and back, and the search in the table of languages (os_coslocale_table.cpp).
+#include "os_coslocale.h"
+
+#include "os_coslocale_utf.h"
+#include "os_cosstring.h"
+#include "os_log.h"
+
+#include <atomic>
+#include <string>
+
+static constexpr char g_szSource[] = "os/source/os_coslocale";
+
+// -------------------------------------------------------------------------------------------------- UTF-8 and 16
+
+// The characters written without the terminator, SIZE_MAX when the text does not fit or is no UTF-8.
+static size_t ToWide(char16_t* a_wszDestination, size_t a_sizetDestination, const char* a_szText)
+{
+    size_t sizetLength = 0;
+    while (*a_szText)
+    {
+        const uint32_t u32Point = OsUtf8Take(a_szText);
+        const size_t sizetUnits = u32Point < 0x10000 ? 1 : 2;
+        if (u32Point == OS_UTF_INVALID || sizetLength + sizetUnits >= a_sizetDestination)
+            return SIZE_MAX;
+        if (sizetUnits == 1)
+        {
+            a_wszDestination[sizetLength++] = static_cast<char16_t>(u32Point);
+            continue;
+        }
+        a_wszDestination[sizetLength++] = static_cast<char16_t>(0xD800 + ((u32Point - 0x10000) >> 10));
+        a_wszDestination[sizetLength++] = static_cast<char16_t>(0xDC00 + (u32Point & 0x3FF));
+    }
+    a_wszDestination[sizetLength] = 0;
+    return sizetLength;
+}
+
+size_t CopyStringFromUtf8(char16_t* a_wszDestination, size_t a_sizetDestination, const char* a_szText)
+{
+    if (!a_wszDestination || !a_sizetDestination || !a_szText)
+    {
+        OSLOG(OS_LOG_CHECK, "CopyStringFromUtf8 failed...%p %u %p", static_cast<void*>(a_wszDestination),
+              static_cast<unsigned>(a_sizetDestination), static_cast<const void*>(a_szText));
+        return 0;
+    }
+    const size_t sizetLength = ToWide(a_wszDestination, a_sizetDestination, a_szText);
+    if (sizetLength == SIZE_MAX)
+    {
+        *a_wszDestination = 0;
+        OSLOG(OS_LOG_ERROR, "CopyStringFromUtf8 failed <%s>", a_szText);
+        return 0;
+    }
+    return sizetLength + 1;
+}
+
+// Calls a_take(bytes, count) for each character; false for what is no UTF-16.
+template <class Take>
+static bool ForEachUtf8(const char16_t* a_wszText, size_t a_sizetLength, Take a_take)
+{
+    const char16_t* const pwchEnd = a_wszText + a_sizetLength;
+    while (a_wszText != pwchEnd)
+    {
+        const uint32_t u32Point = OsUtf16Take(a_wszText, pwchEnd);
+        if (u32Point == OS_UTF_INVALID)
+            return false;
+        char achPoint[OS_UTF8_MAX];
+        a_take(achPoint, OsUtf8Put(achPoint, u32Point));
+    }
+    return true;
+}
+
+size_t CopyStringToUtf8(char* a_szDestination, size_t a_sizetDestination, const char16_t* a_wszText,
+                        size_t a_sizetLength)
+{
+    const bool blMeasure = !a_szDestination || !a_sizetDestination;
+    if (!blMeasure)
+        *a_szDestination = 0;
+    if (!a_wszText)
+    {
+        OSLOG(OS_LOG_CHECK, "CopyStringToUtf8 failed...%p %u %p", static_cast<void*>(a_szDestination),
+              static_cast<unsigned>(a_sizetDestination), static_cast<const void*>(a_wszText));
+        return 0;
+    }
+    const size_t sizetText = a_sizetLength == SIZE_MAX ? std::char_traits<char16_t>::length(a_wszText) : a_sizetLength;
+
+    size_t sizetNeeded = 0;
+    const bool blUtf16 = ForEachUtf8(a_wszText, sizetText, [&](const char* a_pch, size_t a_sizetBytes) {
+        if (!blMeasure && sizetNeeded + a_sizetBytes < a_sizetDestination)
+            std::char_traits<char>::copy(a_szDestination + sizetNeeded, a_pch, a_sizetBytes);
+        sizetNeeded += a_sizetBytes;
+    });
+    if (blMeasure)
+    {
+        if (!blUtf16)
+            OSLOG(OS_LOG_CHECK, "WideCharToMultiByte failed...");
+        return blUtf16 ? sizetNeeded : 0;
+    }
+    if (!blUtf16 || sizetNeeded >= a_sizetDestination)
+    {
+        *a_szDestination = 0;
+        OSLOG(OS_LOG_CHECK, "WideCharToMultiByte failed...s=%d d=%d", static_cast<int>(sizetText),
+              blUtf16 ? static_cast<int>(sizetNeeded) : 0);
+        return 0;
+    }
+    a_szDestination[sizetNeeded] = 0;
+    return sizetNeeded;
+}
+
+// ----------------------------------------------------------------------------------------------------- languages
+
+static std::atomic<uint32_t> g_u32Current{OS_LANGUAGE_ENUSA};
+
+uint32_t OsLanguageGetId(const char* a_szKey)
+{
+    if (!a_szKey)
+        return g_u32Current.load(std::memory_order_relaxed);
+    for (uint32_t u32 = 0; u32 < OS_LANGUAGECOUNT; ++u32)
+    {
+        if (StrICmp(OsLanguageGet(u32)->szKey, a_szKey) == 0)
+            return u32;
+    }
+    OSLOG(OS_LOG_ERROR, "GetLanguageId: not found (%s)...", a_szKey);
+    return 0;
+}
+
+void OsLanguageSetCurrent(const char* a_szKey)
+{
+    const uint32_t u32Language = a_szKey && *a_szKey ? OsLanguageGetId(a_szKey) : 0;
+    g_u32Current.store(u32Language ? u32Language : OS_LANGUAGE_ENUSA, std::memory_order_relaxed);
+}

@@ -1,0 +1,97 @@
+// os_cosxml.cpp: take a field out of an XML-like text by plain substring search.
+#include "os_cosxml.h"
+
+#include "os_cosstring.h"
+#include "os_log.h"
+
+#include <cstring>
+#include <memory>
+#include <new>
+#include <string_view>
+
+static constexpr char g_szSource[] = "os/source/os_cosxml";
+
+static constexpr std::string_view CDATAOPEN = "<![CDATA[";
+static constexpr std::string_view CDATACLOSE = "]]>";
+
+// Without both ends, one after the other, the value is no CDATA section and stays as it is.
+static std::string_view UnwrapCdata(std::string_view a_strviewValue)
+{
+    if (!a_strviewValue.starts_with(CDATAOPEN))
+        return a_strviewValue;
+    const std::string_view strviewRest = a_strviewValue.substr(CDATAOPEN.size());
+    if (!strviewRest.ends_with(CDATACLOSE))
+        return a_strviewValue;
+    return strviewRest.substr(0, strviewRest.size() - CDATACLOSE.size());
+}
+
+// Where no logger exists, the failed-check hook is told.
+static void ReportOverflow(const char* a_szOpenTag, const char* a_szSource)
+{
+    static constexpr char szText[] = "data overflow: %s %s";
+    if (g_poslogsink.load(std::memory_order_acquire))
+    {
+        OSLOG(OS_LOG_CHECK, szText, a_szOpenTag, a_szSource);
+        return;
+    }
+    const OsLogCheckProc oslogcheckproc = g_poslogcheckproc.load(std::memory_order_acquire);
+    if (!oslogcheckproc)
+        return;
+    const size_t sizetText = sizeof szText + std::strlen(a_szOpenTag) + std::strlen(a_szSource);
+    const std::unique_ptr<char[]> szReport(new (std::nothrow) char[sizetText]);
+    if (szReport)
+        SStrPrintf(szReport.get(), sizetText, szText, a_szOpenTag, a_szSource);
+    oslogcheckproc(g_szSource, __LINE__, szReport ? szReport.get() : a_szOpenTag);
+}
+
+static bool AreThere(const void* a_pvSource, const void* a_pvOpenTag, const void* a_pvCloseTag, const void* a_pvResult)
+{
+    if (a_pvSource && a_pvOpenTag && a_pvCloseTag && a_pvResult)
+        return true;
+    OSLOG(OS_LOG_CHECK, "OsXmlExtract failed...%p %p %p %p", a_pvSource, a_pvOpenTag, a_pvCloseTag, a_pvResult);
+    return false;
+}
+
+const char* OsXmlFind(const char* a_szSource, const char* a_szOpenTag, const char* a_szCloseTag, bool a_blCdata,
+                      size_t* a_psizetLength)
+{
+    if (!AreThere(a_szSource, a_szOpenTag, a_szCloseTag, a_psizetLength))
+        return nullptr;
+    *a_psizetLength = 0;
+    const char* const szOpen = std::strstr(a_szSource, a_szOpenTag);
+    if (!szOpen)
+        return nullptr;
+    const char* const szValue = szOpen + std::strlen(a_szOpenTag);
+    const char* const szClose = std::strstr(szValue, a_szCloseTag);
+    if (!szClose)
+        return nullptr;
+
+    const std::string_view strviewWhole(szValue, static_cast<size_t>(szClose - szValue));
+    const std::string_view strviewValue = a_blCdata ? UnwrapCdata(strviewWhole) : strviewWhole;
+    *a_psizetLength = strviewValue.size();
+    return strviewValue.data();
+}
+
+bool OsXmlExtract(const char* a_szSource, const char* a_szOpenTag, const char* a_szCloseTag, char* a_szDestination,
+                  size_t a_sizetDestination, bool a_blCdata)
+{
+    if (!AreThere(a_szSource, a_szOpenTag, a_szCloseTag, a_szDestination))
+        return false;
+    const bool blInPlace = a_szDestination == a_szSource;
+    if (!blInPlace)
+        *a_szDestination = 0;
+
+    size_t sizetValue = 0;
+    const char* const szValue = OsXmlFind(a_szSource, a_szOpenTag, a_szCloseTag, a_blCdata || blInPlace, &sizetValue);
+    const bool blOverflow = szValue && a_sizetDestination && sizetValue >= a_sizetDestination;
+    if (blOverflow)
+        ReportOverflow(a_szOpenTag, a_szSource);
+    if (!szValue || blOverflow || (blInPlace && !sizetValue))
+    {
+        *a_szDestination = 0;
+        return false;
+    }
+    std::memmove(a_szDestination, szValue, sizetValue);
+    a_szDestination[sizetValue] = 0;
+    return true;
+}
