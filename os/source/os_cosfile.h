@@ -52,7 +52,7 @@ public:
 
     // Opens a file. EOSSTS_NOTOPEN for a bad argument; EOSSTS_NOTFOUND, EOSSTS_ACCESSDENIED, EOSSTS_SHARING,
     // EOSSTS_CANNOTCREATE or EOSSTS_FAIL as the system says. a_blRedirectionOff switches the file-system redirection
-    // of 32-bit processes off around the call.
+    // of 32-bit processes off around the call. A file that is open is closed first.
     EOSSTS Open(const char* a_szFilename, EOSFILEOPEN a_eosfileopen, EOSFILEACCESS a_eosfileaccess,
                 EOSFILESHARE a_eosfileshare, bool a_blRedirectionOff = false);
     EOSSTS Close();   // success also when it is not open
@@ -70,6 +70,7 @@ public:
     int Printf(const char* a_szFormat, ...) OS_PRINTFLIKE(2, 3);
     int VPrintf(const char* a_szFormat, va_list a_valist);
 
+    // EOSSTS_FAIL when the system refuses; an origin that is none does nothing.
     EOSSTS Seek(EOSFILESEEK a_eosfileseek, int64_t a_i64Offset);
     EOSSTS GetSize(uint64_t* a_pu64Size);
     EOSSTS SetEndOfFile();   // cuts at the position
@@ -77,6 +78,7 @@ public:
     // Locks bytes against every other object, trying every 100 ms until a_i32Timeout ms (at least 100) have gone.
     // EOSSTS_BUSY when others hold it; a_blReport logs that under a_szName. Locking a range again succeeds. With
     // a_blTestOnly the lock is given back at once. An object holds at most 64 ranges; offset and length are 32-bit.
+    // A lock ends with the open file, but the object remembers it until it is unlocked.
     EOSSTS Lock(uint32_t a_u32Offset, uint32_t a_u32Length, int32_t a_i32Timeout, const char* a_szName, bool a_blReport,
                 bool a_blTestOnly);
     EOSSTS Unlock(uint32_t a_u32Offset, uint32_t a_u32Length);
@@ -103,13 +105,13 @@ private:
     COsFileImpl* m_posfileimpl;   // null only when its allocation failed
 };
 
-// Moves a file. EOSSTS_NOTOPEN for a null name.
+// Moves a file to a name that does not exist. EOSSTS_NOTOPEN for a null name, EOSSTS_FAIL (logged) when it stays.
 EOSSTS OsFileMove(const char* a_szOldName, const char* a_szNewName);
 
 // Reads a whole file, under a lock of its first byte when a_i32LockTimeout is 0 or more (ms). With a_sizetBuffer the
 // bytes go into a_pszBuffer's buffer, as far as it reaches; with 0, *a_pszBuffer receives a tracked block of size + 1
 // bytes, zero-terminated, that the caller frees. EOSSTS_NOTFOUND when there is no file, EOSSTS_BUSY when it is
-// locked, EOSSTS_FAIL else. a_blQuiet logs failures as notes.
+// locked, EOSSTS_FAIL else. blQuiet logs failures as notes.
 struct OsFileReadArgs
 {
     const char* szFilename = nullptr;

@@ -28,9 +28,12 @@ struct OsFileInfo
     bool blLink;   // a symbolic link, which is never followed
 };
 
+// True for a file, a folder or a link, and for a pattern that matches anything.
 bool OsFileExists(const char* a_szPath, bool a_blRedirectionOff = false);
 
-// Lists what a pattern names; the search is closed with OsFileFindClose after a success.
+// Lists what a pattern names; the search is closed with OsFileFindClose after a success. EOSSTS_NOTFOUND when there
+// is nothing, EOSSTS_NOTOPEN for a null argument.
+inline constexpr uint32_t OS_FINDFLAG_REDIRECTIONOFF = 1;
 EOSSTS OsFileFindFirst(const char* a_szPattern, OsFileInfo* a_posfileinfo, uint32_t a_u32Flags = 0);
 EOSSTS OsFileFindNext(OsFileInfo* a_posfileinfo);   // EOSSTS_NOTFOUND at the end
 void OsFileFindClose(OsFileInfo* a_posfileinfo);
@@ -39,25 +42,51 @@ void OsFileFindClose(OsFileInfo* a_posfileinfo);
 EOSSTS OsFileGetInfo(const char* a_szPath, OsFileInfo* a_posfileinfo);
 
 // Creates a folder with its parents. EOSSTS_EXISTS when it is there, EOSSTS_NOTFOUND, EOSSTS_ACCESSDENIED or
-// EOSSTS_FAIL as the system says.
+// EOSSTS_FAIL as the system says. Several may create one tree at the same time.
 EOSSTS OsFileCreateDirectory(const char* a_szDirectory);
 
 // While on, OsFileCreateDirectory creates nothing. Process-wide.
 void OsFileSetNoCreate(bool a_blNoCreate);
 
 // Deletes a file, or a folder (with a_blRecursive, with all that is in it). A missing path is a success; an entry of
-// another type than asked (0: any) is EOSSTS_FAIL. Links are deleted, never followed.
+// another type than asked (0: any) is EOSSTS_FAIL, and so is a path with "*". Links are deleted, never followed.
+// Below a folder, a path of more than 511 bytes is a failure: what is deeper stays.
 EOSSTS OsFileDelete(const char* a_szFilename, EOSFILETYPE a_eosfiletype, bool a_blRecursive, bool a_blSystemFiles);
 
-// Deletes a folder tree unless it is one that must never go: EOSSTS_ACCESSDENIED then.
+// Deletes a folder tree. EOSSTS_ACCESSDENIED for one that must never go (a drive, the system's and the users' folders,
+// "/opt", "/usr" and "/var", whatever they are called by), for a pattern and for what is no folder. A missing path is
+// a success.
 EOSSTS OsFileRemoveTree(const char* a_szFolder);
 
-// Removes a folder and its sub-folders when no file is in any of them; EOSSTS_SHARING when one is.
+// Removes the sub-folders that hold no file, at any depth, and then the folder itself when nothing is left in it.
+// EOSSTS_SHARING when it stays, and when there is none. A link counts as a file.
 EOSSTS OsFileRemoveEmptyTree(const char* a_szFolder);
 
 // A name for a kernel object that belongs to the file as it is now. Empty for a file that cannot be opened. Returns
 // 1, with the name empty, when an event of that name exists already; else 0. a_wszName has 512 characters.
 uint32_t OsFileSafeName(const char* a_szFilename, const char* a_szSuffix, char16_t* a_wszName);
 
-// Switches the file-system redirection of 32-bit processes off or on, where there is such a thing.
+// Switches the file-system redirection of 32-bit processes off or on, for the whole process. Only a 32-bit process on
+// a 64-bit system has one; for all others this is a success that does nothing.
 EOSSTS OsFileRedirection(bool a_blOff);
+
+// Switches it off for the life of the object.
+class OsRedirectionGuard
+{
+public:
+    explicit OsRedirectionGuard(bool a_blOff) : m_blOff(a_blOff)
+    {
+        if (m_blOff)
+            OsFileRedirection(true);
+    }
+    ~OsRedirectionGuard()
+    {
+        if (m_blOff)
+            OsFileRedirection(false);
+    }
+    OsRedirectionGuard(const OsRedirectionGuard&) = delete;
+    OsRedirectionGuard& operator=(const OsRedirectionGuard&) = delete;
+
+private:
+    bool m_blOff;
+};

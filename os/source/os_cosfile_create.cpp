@@ -1,0 +1,179 @@
+// os_cosfile_create.cpp: creating a folder with its parents, and the trace of who creates folders.
+#include "os_cosfile_system.h"
+
+#include "os_cosenv.h"
+#include "os_cosfile_paths.h"
+#include "os_coslocale.h"
+#include "os_cosspinlock.h"
+#include "os_cosstring.h"
+#include "os_log.h"
+
+#include "plat_file.h"
+#include "plat_process.h"
+
+#include <atomic>
+#include <cstring>
+
+static constexpr char g_szSource[] = "os/source/os_cosfile";
+
+namespace
+{
+std::atomic<bool> g_blNoCreate{false};
+
+// Where folder creation is traced to, from MVR_TRACE_COSFILE_CREATE: read once per process, empty for nowhere.
+uint64_t g_u64TraceLock = 0;
+bool g_blTraceRead = false;
+char g_szTraceFile[OS_PATHSIZE];
+
+const char* TraceFile()
+{
+    const COsSpinGuard cosspinguard(&g_u64TraceLock);
+    if (!g_blTraceRead)
+        OsEnvGet("MVR_TRACE_COSFILE_CREATE", "", sizeof g_szTraceFile, g_szTraceFile);
+    g_blTraceRead = true;
+    return g_szTraceFile;
+}
+
+// The program's file name without extension. The library is linked into the program, so it is the module's as well.
+void ProgramName(char* a_szName, size_t a_sizetName)
+{
+    char16_t wszPath[PLAT_PATHMAX];
+    char szPath[PLAT_PATHMAX];
+    a_szName[0] = '\0';
+    if (!PlatProgramPath(wszPath, PLAT_PATHMAX) || CopyStringToUtf8(szPath, sizeof szPath, wszPath, SIZE_MAX) == 0)
+        return;
+    const char* szName;
+    OsPathSplit(szPath, nullptr, &szName);
+    if (char* const szExtension = const_cast<char*>(strrchr(szName, '.')))
+        *szExtension = '\0';
+    SStrCpy(a_szName, a_sizetName, szName);
+}
+
+// One line for each call, when it is wanted. a_u32Error is the system's, for a failure.
+void Trace(const char* a_szDirectory, EOSSTS a_eossts, uint32_t a_u32Error)
+{
+    const char* const szTraceFile = TraceFile();
+    if (!szTraceFile[0])
+        return;
+
+    char szName[OS_PATHSIZE];
+    ProgramName(szName, sizeof szName);
+    char szLine[2 * OS_PATHSIZE];
+    if (a_eossts == EOSSTS_EXISTS)
+        SStrPrintf(szLine, sizeof szLine, "exists: %15.15s %15.15s %s\r\n", szName, szName, a_szDirectory);
+    else if (a_eossts == EOSSTS_SUCCESS)
+        SStrPrintf(szLine, sizeof szLine, "pass:   %15.15s %15.15s %s\r\n", szName, szName, a_szDirectory);
+    else
+        SStrPrintf(szLine, sizeof szLine, "error:  %15.15s %15.15s %s %d %x\r\n", szName, szName, a_szDirectory, 0,
+                   a_u32Error);
+    OsLogWriteFile(szTraceFile, szLine, true, false, true);
+}
+
+// Skips a_iComponents components; at the end of the text it stays there.
+char* SkipComponents(char* a_szPath, int a_iComponents)
+{
+    for (int i = 0; i < a_iComponents && *a_szPath; ++i)
+    {
+        char* const szNext = strchr(a_szPath, '\\');
+        a_szPath = szNext ? szNext + 1 : a_szPath + strlen(a_szPath);
+    }
+    return a_szPath;
+}
+
+// Where the components of an absolute path begin that can be created: behind "\", "X:\" or "\\server\share\".
+char* BehindRoot(char* a_szPath)
+{
+    if (StrStartsWith(a_szPath, "\\\\?\\"))
+        a_szPath += 4;
+    else if (StrStartsWith(a_szPath, "\\\\"))
+        return SkipComponents(a_szPath + 2, 2);
+    const bool blDrive = a_szPath[0] && a_szPath[1] == ':';
+    return blDrive || a_szPath[0] == '\\' ? SkipComponents(a_szPath, 1) : a_szPath;
+}
+
+// A folder that another thread or process creates meanwhile is as good.
+bool CreateOne(const char* a_szFolder)
+{
+    char16_t wszFolder[OS_WIDEPATHSIZE];
+    if (!OsPathToSystem(wszFolder, OS_WIDEPATHSIZE, a_szFolder))
+    {
+        PlatSetLastError(PLAT_ERROR_INVALIDNAME);
+        return false;
+    }
+    if (PlatFolderCreate(wszFolder))
+        return true;
+    const uint32_t u32Error = PlatGetLastError();
+    if (u32Error == PLAT_ERROR_ALREADYEXISTS || OsFileExists(a_szFolder))
+        return true;
+    PlatSetLastError(u32Error);
+    return false;
+}
+
+// Creates every missing component of an absolute path, from the root on. False with the system's last error.
+bool CreateComponents(char* a_szAbsolute)
+{
+    OsPathRemoveTrailing(a_szAbsolute);
+    char* szNext = BehindRoot(a_szAbsolute);
+    while (*szNext)
+    {
+        szNext += strcspn(szNext, "\\");
+        const char chBehind = *szNext;
+        *szNext = '\0';
+        if (!CreateOne(a_szAbsolute))
+            return false;
+        *szNext = chBehind;
+        if (chBehind)
+            ++szNext;
+    }
+    return true;
+}
+
+EOSSTS CreateStatus(uint32_t a_u32Error)
+{
+    switch (a_u32Error)
+    {
+    case PLAT_ERROR_PATHNOTFOUND:
+        return EOSSTS_NOTFOUND;
+    case PLAT_ERROR_ACCESSDENIED:
+        return EOSSTS_ACCESSDENIED;
+    default:
+        return EOSSTS_FAIL;
+    }
+}
+}   // namespace
+
+void OsFileSetNoCreate(bool a_blNoCreate)
+{
+    g_blNoCreate.store(a_blNoCreate, std::memory_order_relaxed);
+}
+
+EOSSTS OsFileCreateDirectory(const char* a_szDirectory)
+{
+    if (!a_szDirectory)
+    {
+        OSLOG(OS_LOG_ERROR, "a_szDirectory is NULL...");
+        return EOSSTS_FAIL;
+    }
+    const bool blExists = OsFileExists(a_szDirectory);
+    if (g_blNoCreate.load(std::memory_order_relaxed))
+        return blExists ? EOSSTS_EXISTS : EOSSTS_SUCCESS;
+    if (blExists)
+    {
+        Trace(a_szDirectory, EOSSTS_EXISTS, 0);
+        return EOSSTS_EXISTS;
+    }
+
+    OSLOG(OS_LOG_NOTE, "Creating directory...<%s>", a_szDirectory);
+    char szAbsolute[OS_PATHSIZE];
+    EOSSTS eossts = OsPathAbsolute(szAbsolute, sizeof szAbsolute, a_szDirectory);
+    uint32_t u32Error = PLAT_ERROR_INVALIDNAME;
+    if (eossts == EOSSTS_SUCCESS && !CreateComponents(szAbsolute))
+    {
+        u32Error = PlatGetLastError();
+        eossts = CreateStatus(u32Error);
+    }
+    Trace(a_szDirectory, eossts, u32Error);
+    if (eossts != EOSSTS_SUCCESS)
+        PlatSetLastError(PLAT_ERROR_NONE);
+    return eossts;
+}

@@ -1,0 +1,73 @@
+// os_cosfile_impl.h: what the sources of the file class share: its implementation, and the identity of a file.
+#pragma once
+
+#include "os_cosfile.h"
+#include "os_cosfile_paths.h"
+#include "os_log.h"
+
+#include "plat_file.h"
+
+#include <cstdarg>
+
+// The operations are those of COsFile, which forwards to them.
+class COsFileImpl
+{
+public:
+    COsFileImpl() = default;
+    ~COsFileImpl();
+    COsFileImpl(const COsFileImpl&) = delete;
+    COsFileImpl& operator=(const COsFileImpl&) = delete;
+
+    EOSSTS Open(const char* a_szFilename, EOSFILEOPEN a_eosfileopen, EOSFILEACCESS a_eosfileaccess,
+                EOSFILESHARE a_eosfileshare, bool a_blRedirectionOff);
+    EOSSTS Close();
+    EOSSTS Flush();
+
+    EOSSTS Read(void* a_pvBuffer, size_t a_sizetBytes, size_t* a_psizetRead);
+    EOSSTS Write(const void* a_pvBuffer, size_t a_sizetBytes, bool a_blAppend);
+    int VPrintf(const char* a_szFormat, va_list a_valist);
+
+    EOSSTS Seek(EOSFILESEEK a_eosfileseek, int64_t a_i64Offset);
+    EOSSTS GetSize(uint64_t* a_pu64Size);
+    EOSSTS SetEndOfFile();
+
+    EOSSTS Lock(uint32_t a_u32Offset, uint32_t a_u32Length, int32_t a_i32Timeout, const char* a_szName, bool a_blReport,
+                bool a_blTestOnly);
+    EOSSTS Unlock(uint32_t a_u32Offset, uint32_t a_u32Length);
+
+    const char* GetName() const;
+    bool IsOpen() const { return m_plathandleFile != PLAT_INVALID; }
+    PlatHandle Handle() const { return m_plathandleFile; }
+    bool HasName() const;
+
+    void TakeLibrary(PlatHandle a_plathandle, bool a_blLoaded, bool a_blDrain);
+    void TakeBuffer(void* a_pvBuffer);
+
+private:
+    bool CheckOpen(uint32_t a_u32Level = OS_LOG_ERROR) const;
+    bool RememberName(const char* a_szFilename);
+    int WriteFormatted(char* a_szText, size_t a_sizetText, const char* a_szFormat, va_list a_valist);
+    struct LockSlot
+    {
+        uint64_t u64Offset;
+        uint64_t u64Length;   // 0: the slot is free
+    };
+
+    LockSlot* FindSlot(uint64_t a_u64Offset, uint64_t a_u64Length);
+    bool LockWithin(uint32_t a_u32Offset, uint32_t a_u32Length, int32_t a_i32Timeout) const;
+    void ReleaseLibrary();
+    void ReleaseBuffer();
+
+    char m_szFilename[OS_PATHSIZE] = {};
+    LockSlot m_alockslot[64] = {};
+    PlatHandle m_plathandleFile = PLAT_INVALID;
+    PlatHandle m_plathandleLibrary = PLAT_INVALID;
+    bool m_blLibraryLoaded = false;
+    bool m_blLibraryDrain = false;
+    void* m_pvBuffer = nullptr;
+    char16_t m_wszFilename[OS_WIDEPATHSIZE] = {};   // m_szFilename for the system; empty when it does not convert
+};
+
+// The identity of the file that a path names, or of the folder when a_u32Flags (PLAT_OPEN_) allow one. False when it
+// cannot be opened. Disturbs nobody who has the file open or opens it at the same moment.
+bool OsFileReadIdentity(const char* a_szPath, uint32_t a_u32Flags, PlatFileIdentity* a_pplatfileidentity);
