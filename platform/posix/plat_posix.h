@@ -6,6 +6,7 @@
 
 #include <mutex>
 #include <string>
+#include <vector>
 
 // A handle carries what it is and a descriptor or a pointer, so that the layer needs no table of objects:
 // bits 48 to 55 hold the kind (never 0, never 0xFF), bits 0 to 47 the value.
@@ -104,6 +105,12 @@ std::mutex& PosixEnvLock();
 // The second runs in a child before its program does.
 void PosixRaiseDescriptorLimit();
 void PosixRestoreDescriptorLimit();
+
+// The arguments of a command line that is quoted as the product's system does, the program first.
+bool PosixSplitCommandLine(const char16_t* a_wszCommandLine, std::vector<std::string>& a_vecstrArguments);
+
+// The full path of the program file of this process; allocates nothing.
+bool PosixProgramPath(char* a_szPath, size_t a_sizetPath);
 
 // What PlatClose does for the kinds that are more than a descriptor; each is defined with its kind.
 bool PosixCloseThread(PlatHandle a_plathandle);

@@ -212,9 +212,8 @@ static int TellModule(dl_phdr_info* a_pdlphdrinfo, size_t, void* a_pvWalk)
 bool PlatModuleList(PlatModuleProc a_platmoduleproc, void* a_pvContext)
 {
     ModuleWalk modulewalk{a_platmoduleproc, a_pvContext, {}};
-    const ssize_t ssizetPath = readlink("/proc/self/exe", modulewalk.szProgram, sizeof modulewalk.szProgram - 1);
-    if (ssizetPath < 0)
-        return PosixFailErrno();
+    if (!PosixProgramPath(modulewalk.szProgram, sizeof modulewalk.szProgram))
+        return false;
     dl_iterate_phdr(TellModule, &modulewalk);
     return true;
 }

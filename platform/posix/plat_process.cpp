@@ -1,0 +1,448 @@
+// plat_process.cpp: processes: starting a program, and what is asked about one that runs. How a command line is split
+// is in plat_process_split.cpp, pipes and standard streams are in plat_process_pipe.cpp.
+//
+// A child is started in the memory of its parent, which stands still until the program runs: that is as fast as it
+// gets, and an error is known at once. What the child does until then is therefore a short list of raw system calls.
+#include "plat_process.h"
+#include "plat_posix.h"
+
+#include <algorithm>
+#include <atomic>
+#include <cerrno>
+#include <climits>
+#include <csignal>
+#include <fcntl.h>
+#include <memory>
+#include <mutex>
+#include <poll.h>
+#include <sched.h>
+#include <sys/resource.h>
+#include <sys/syscall.h>
+#include <sys/wait.h>
+#include <unistd.h>
+#include <vector>
+
+static constexpr int g_iNone = -1;
+
+// -------------------------------------------------------------------------------- the limit of open descriptors
+
+static std::mutex g_mutexLimit;
+static rlimit g_rlimitOriginal;
+static std::atomic<bool> g_blLimitRaised{false};
+
+void PosixRaiseDescriptorLimit()
+{
+    const std::lock_guard<std::mutex> guard(g_mutexLimit);
+    rlimit rlimitNow{};
+    if (getrlimit(RLIMIT_NOFILE, &rlimitNow) != 0 || rlimitNow.rlim_cur == rlimitNow.rlim_max)
+        return;
+    if (!g_blLimitRaised.load(std::memory_order_relaxed))
+        g_rlimitOriginal = rlimitNow;
+    rlimitNow.rlim_cur = rlimitNow.rlim_max;
+    if (setrlimit(RLIMIT_NOFILE, &rlimitNow) == 0)
+        g_blLimitRaised.store(true, std::memory_order_release);
+}
+
+void PosixRestoreDescriptorLimit()
+{
+    if (g_blLimitRaised.load(std::memory_order_acquire))
+        syscall(SYS_prlimit64, 0, RLIMIT_NOFILE, &g_rlimitOriginal, nullptr);
+}
+
+// ------------------------------------------------------------------------------------------ what a child is given
+
+namespace
+{
+// A descriptor that goes at the end of the scope.
+class Descriptor
+{
+public:
+    ~Descriptor()
+    {
+        if (m_iDescriptor >= 0)
+            close(m_iDescriptor);
+    }
+    Descriptor() = default;
+    Descriptor(const Descriptor&) = delete;
+    Descriptor& operator=(const Descriptor&) = delete;
+
+    int m_iDescriptor = g_iNone;
+};
+
+// Everything that the child needs, made ready beforehand.
+struct Launch
+{
+    std::string strProgram;
+    std::string strFolder;   // empty: stays
+    std::vector<std::string> vecstrArguments;
+    std::vector<std::string> vecstrEnvironment;
+    std::vector<char*> vecpchArguments;
+    std::vector<char*> vecpchEnvironment;
+    int aiStream[3] = {g_iNone, g_iNone, g_iNone};
+    bool blDetached = false;
+    Descriptor descriptorNull;
+
+    // What the child reports: it runs in our memory.
+    int iError = 0;
+    bool blFolderFailed = false;
+};
+}   // namespace
+
+static std::vector<char*> PointersTo(std::vector<std::string>& a_vecstr)
+{
+    std::vector<char*> vecpch;
+    vecpch.reserve(a_vecstr.size() + 1);
+    for (std::string& str : a_vecstr)
+        vecpch.push_back(str.data());
+    vecpch.push_back(nullptr);
+    return vecpch;
+}
+
+static bool TakeEnvironment(const char16_t* a_wszEnvironment, std::vector<std::string>& a_vecstr)
+{
+    if (!a_wszEnvironment)
+    {
+        const std::lock_guard<std::mutex> guard(PosixEnvLock());
+        for (char** ppch = environ; ppch && *ppch; ++ppch)
+            a_vecstr.emplace_back(*ppch);
+        return true;
+    }
+    for (const char16_t* pch = a_wszEnvironment; *pch; pch += std::char_traits<char16_t>::length(pch) + 1)
+    {
+        if (!PosixToUtf8(pch, a_vecstr.emplace_back()))
+            return false;
+    }
+    return true;
+}
+
+static bool TakeStreams(const PlatProcessStart& a_platprocessstart, Launch& a_launch)
+{
+    for (int i = 0; i < 3; ++i)
+    {
+        const PlatHandle plathandle = a_platprocessstart.aplathandle[i];
+        int& iStream = a_launch.aiStream[i];
+        if (a_platprocessstart.blInheritStandard)
+            iStream = i;
+        else if (plathandle != PLAT_INVALID && !PosixIsPointer(PosixKindOf(plathandle)))
+            iStream = PosixDescriptorOf(plathandle);
+        else if (plathandle != PLAT_INVALID)
+            return PosixFail(PLAT_ERROR_INVALIDHANDLE);
+
+        const bool blOpen = iStream >= 0 && fcntl(iStream, F_GETFD) >= 0;
+        if (!blOpen && iStream >= 0 && !a_platprocessstart.blInheritStandard)
+            return PosixFail(PLAT_ERROR_INVALIDHANDLE);
+        if (blOpen)
+            continue;
+        if (a_launch.descriptorNull.m_iDescriptor < 0)
+            a_launch.descriptorNull.m_iDescriptor = open("/dev/null", O_RDWR | O_CLOEXEC);
+        iStream = a_launch.descriptorNull.m_iDescriptor;
+        if (iStream < 0)
+            return PosixFailErrno();
+    }
+    return true;
+}
+
+static bool Prepare(const PlatProcessStart& a_platprocessstart, Launch& a_launch)
+{
+    if (!a_platprocessstart.wszProgram || !a_platprocessstart.wszCommandLine)
+        return PosixFail(PLAT_ERROR_INVALIDPARAMETER);
+    if (!PosixPath(a_platprocessstart.wszProgram, a_launch.strProgram) ||
+        (a_platprocessstart.wszFolder && !PosixPath(a_platprocessstart.wszFolder, a_launch.strFolder)) ||
+        !PosixSplitCommandLine(a_platprocessstart.wszCommandLine, a_launch.vecstrArguments) ||
+        !TakeEnvironment(a_platprocessstart.wszEnvironment, a_launch.vecstrEnvironment) ||
+        !TakeStreams(a_platprocessstart, a_launch))
+    {
+        return false;
+    }
+    a_launch.vecpchArguments = PointersTo(a_launch.vecstrArguments);
+    a_launch.vecpchEnvironment = PointersTo(a_launch.vecstrEnvironment);
+    a_launch.blDetached = a_platprocessstart.blDetached;
+    return true;
+}
+
+// ---------------------------------------------------------------------------- what the child does before it runs
+//
+// All of this runs in the parent's memory: no allocation, no lock, no library call that keeps a state.
+
+// The kernel's idea of struct sigaction.
+struct KernelSigaction
+{
+    void (*pfnHandler)(int);
+    unsigned long ulFlags;
+    void (*pfnRestorer)();
+    uint64_t u64Mask;
+};
+
+// Handlers of ours must not run in the child, and what we ignore is not for it to ignore: except the end of the
+// terminal's line, which the user has asked to be ignored by everything that is started.
+static void ResetSignals()
+{
+    for (int iSignal = 1; iSignal <= 64; ++iSignal)
+    {
+        KernelSigaction action{};
+        const long lRead = syscall(SYS_rt_sigaction, iSignal, nullptr, &action, sizeof action.u64Mask);
+        const bool blKeep = action.pfnHandler == SIG_DFL || (iSignal == SIGHUP && action.pfnHandler == SIG_IGN);
+        if (lRead != 0 || blKeep)
+            continue;
+        action = {};
+        syscall(SYS_rt_sigaction, iSignal, &action, nullptr, sizeof action.u64Mask);
+    }
+    const uint64_t u64None = 0;
+    syscall(SYS_rt_sigprocmask, SIG_SETMASK, &u64None, nullptr, sizeof u64None);
+}
+
+// Descriptors 0, 1 and 2 are the streams and nothing else is open. The streams are first moved out of the way, since
+// one of them may be 0, 1 or 2 itself.
+static bool PlaceStreams(const int* a_aiStream)
+{
+    int aiMoved[3];
+    for (int i = 0; i < 3; ++i)
+    {
+        aiMoved[i] = static_cast<int>(syscall(SYS_fcntl, a_aiStream[i], F_DUPFD_CLOEXEC, 3));
+        if (aiMoved[i] < 0)
+            return false;
+    }
+    for (int i = 0; i < 3; ++i)
+    {
+        if (syscall(SYS_dup3, aiMoved[i], i, 0) < 0)
+            return false;
+    }
+    syscall(SYS_close_range, 3u, ~0u, 0u);
+    return true;
+}
+
+static int RunChild(void* a_pvLaunch)
+{
+    auto* plaunch = static_cast<Launch*>(a_pvLaunch);
+    if (plaunch->blDetached)
+        syscall(SYS_setsid);
+    if (PlaceStreams(plaunch->aiStream))
+    {
+        plaunch->blFolderFailed = !plaunch->strFolder.empty() && syscall(SYS_chdir, plaunch->strFolder.c_str()) != 0;
+        if (!plaunch->blFolderFailed)
+        {
+            PosixRestoreDescriptorLimit();
+            ResetSignals();
+            syscall(SYS_execve, plaunch->strProgram.c_str(), plaunch->vecpchArguments.data(),
+                    plaunch->vecpchEnvironment.data());
+        }
+    }
+    plaunch->iError = errno;
+    syscall(SYS_exit, 127);
+    return 0;
+}
+
+// --------------------------------------------------------------------------------------------------- the children
+
+namespace
+{
+struct PosixChild
+{
+    int iProcess;   // pidfd
+    pid_t pid;
+    std::mutex mutex;
+    bool blEnded = false;   // and asked for
+    bool blTerminated = false;
+    uint32_t u32TerminateCode = 0;
+    uint32_t u32ExitCode = 0;
+};
+}   // namespace
+
+// Children whose handle was closed while they ran. The kernel keeps each of them, once it has ended, until we ask.
+static std::mutex g_mutexLeft;
+static std::vector<pid_t> g_vecpidLeft;
+
+static bool HasEnded(pid_t a_pid, siginfo_t* a_psiginfo)
+{
+    int iResult = 0;
+    do
+        iResult = waitid(P_PID, static_cast<id_t>(a_pid), a_psiginfo, WEXITED | WNOHANG);
+    while (iResult != 0 && errno == EINTR);
+    return iResult != 0 || a_psiginfo->si_pid != 0;   // no such child: the kernel was told to forget it by itself
+}
+
+static void SweepLeftChildren()
+{
+    const std::lock_guard<std::mutex> guard(g_mutexLeft);
+    std::erase_if(g_vecpidLeft, [](pid_t pid) {
+        siginfo_t siginfo{};
+        return HasEnded(pid, &siginfo);
+    });
+}
+
+// Asks for the exit code, once. The caller holds the child's lock.
+static bool AskForEnd(PosixChild* a_pposixchild)
+{
+    siginfo_t siginfo{};
+    if (a_pposixchild->blEnded || !HasEnded(a_pposixchild->pid, &siginfo))
+        return a_pposixchild->blEnded;
+    const auto u32Status = static_cast<uint32_t>(siginfo.si_status);
+    if (siginfo.si_code == CLD_EXITED || siginfo.si_pid == 0)
+        a_pposixchild->u32ExitCode = u32Status;
+    else if (a_pposixchild->blTerminated && siginfo.si_status == SIGKILL)
+        a_pposixchild->u32ExitCode = a_pposixchild->u32TerminateCode;
+    else
+        a_pposixchild->u32ExitCode = 128 + u32Status;
+    a_pposixchild->blEnded = true;
+    return true;
+}
+
+int PosixChildDescriptor(PlatHandle a_plathandle)
+{
+    return PosixObjectOf<PosixChild>(a_plathandle)->iProcess;
+}
+
+bool PosixCloseChild(PlatHandle a_plathandle)
+{
+    const std::unique_ptr<PosixChild> uniqueChild(PosixObjectOf<PosixChild>(a_plathandle));
+    close(uniqueChild->iProcess);
+    if (!AskForEnd(uniqueChild.get()))
+    {
+        const std::lock_guard<std::mutex> guard(g_mutexLeft);
+        g_vecpidLeft.push_back(uniqueChild->pid);
+    }
+    SweepLeftChildren();
+    return true;
+}
+
+// --------------------------------------------------------------------------------------------------------- create
+
+// Runs the child until its program runs, or until it has reported why that cannot be.
+static pid_t Start(Launch& a_launch, int* a_piProcess)
+{
+    constexpr size_t sizetStack = 32 * 1024;
+    alignas(16) char achStack[sizetStack];
+    sigset_t sigsetAll;
+    sigset_t sigsetBefore;
+    sigfillset(&sigsetAll);
+    pthread_sigmask(SIG_SETMASK, &sigsetAll, &sigsetBefore);
+    const pid_t pid =
+        clone(RunChild, achStack + sizetStack, CLONE_VM | CLONE_VFORK | CLONE_PIDFD | SIGCHLD, &a_launch, a_piProcess);
+    const int iError = errno;
+    pthread_sigmask(SIG_SETMASK, &sigsetBefore, nullptr);
+    errno = iError;
+    return pid;
+}
+
+static uint32_t LaunchError(const Launch& a_launch)
+{
+    if (a_launch.blFolderFailed)
+        return PLAT_ERROR_DIRECTORY;
+    const std::string strAbove = a_launch.strProgram.substr(0, a_launch.strProgram.rfind('/') + 1);
+    const bool blNoPath = a_launch.iError == ENOENT && !strAbove.empty() && access(strAbove.c_str(), F_OK) != 0;
+    return blNoPath ? PLAT_ERROR_PATHNOTFOUND : PosixTranslate(a_launch.iError);
+}
+
+PlatHandle PlatProcessCreate(const PlatProcessStart* a_pplatprocessstart, uint64_t* a_pu64ProcessId)
+{
+    SweepLeftChildren();
+    Launch launch;
+    if (!Prepare(*a_pplatprocessstart, launch))
+        return PLAT_INVALID;
+    int iProcess = g_iNone;
+    const pid_t pid = Start(launch, &iProcess);
+    if (pid < 0)
+    {
+        PosixFailErrno();
+        return PLAT_INVALID;
+    }
+    if (launch.iError != 0)
+    {
+        waitpid(pid, nullptr, 0);
+        close(iProcess);
+        PlatSetLastError(LaunchError(launch));
+        return PLAT_INVALID;
+    }
+    *a_pu64ProcessId = static_cast<uint64_t>(pid);
+    auto* pposixchild = new PosixChild;
+    pposixchild->iProcess = iProcess;
+    pposixchild->pid = pid;
+    return PosixMakeHandle(PosixKind::Child, pposixchild);
+}
+
+// ---------------------------------------------------------------------------------- what is asked about a process
+
+PlatHandle PlatProcessOpen(uint64_t a_u64ProcessId)
+{
+    const bool blPossible = a_u64ProcessId > 0 && a_u64ProcessId <= INT_MAX;
+    const long lProcess = blPossible ? syscall(SYS_pidfd_open, static_cast<pid_t>(a_u64ProcessId), 0u) : g_iNone;
+    if (lProcess < 0)
+    {
+        PlatSetLastError(blPossible ? PosixTranslate(errno) : PLAT_ERROR_INVALIDPARAMETER);
+        return PLAT_INVALID;
+    }
+    return PosixMakeHandle(PosixKind::Process, static_cast<int>(lProcess));
+}
+
+bool PlatProcessExitCode(PlatHandle a_plathandle, uint32_t* a_pu32ExitCode)
+{
+    const PosixKind posixkind = PosixKindOf(a_plathandle);
+    if (posixkind == PosixKind::Child)
+    {
+        auto* pposixchild = PosixObjectOf<PosixChild>(a_plathandle);
+        const std::lock_guard<std::mutex> guard(pposixchild->mutex);
+        *a_pu32ExitCode = AskForEnd(pposixchild) ? pposixchild->u32ExitCode : PLAT_STILLACTIVE;
+        return true;
+    }
+    if (posixkind != PosixKind::Process)
+        return PosixFail(PLAT_ERROR_INVALIDHANDLE);
+    pollfd pollfdProcess{PosixDescriptorOf(a_plathandle), POLLIN, 0};
+    if (poll(&pollfdProcess, 1, 0) < 0)
+        return PosixFailErrno();
+    if (pollfdProcess.revents & POLLNVAL)
+        return PosixFail(PLAT_ERROR_INVALIDHANDLE);
+    *a_pu32ExitCode = pollfdProcess.revents ? 0 : PLAT_STILLACTIVE;
+    return true;
+}
+
+static bool Kill(int a_iProcess)
+{
+    return syscall(SYS_pidfd_send_signal, a_iProcess, SIGKILL, nullptr, 0u) == 0 || errno == ESRCH || PosixFailErrno();
+}
+
+bool PlatProcessTerminate(PlatHandle a_plathandle, uint32_t a_u32ExitCode)
+{
+    const PosixKind posixkind = PosixKindOf(a_plathandle);
+    if (posixkind == PosixKind::Process)
+        return Kill(PosixDescriptorOf(a_plathandle));
+    if (posixkind != PosixKind::Child)
+        return PosixFail(PLAT_ERROR_INVALIDHANDLE);
+    auto* pposixchild = PosixObjectOf<PosixChild>(a_plathandle);
+    const std::lock_guard<std::mutex> guard(pposixchild->mutex);
+    if (AskForEnd(pposixchild))
+        return true;
+    pposixchild->blTerminated = true;
+    pposixchild->u32TerminateCode = a_u32ExitCode;
+    return Kill(pposixchild->iProcess);
+}
+
+uint64_t PlatProcessId()
+{
+    return static_cast<uint64_t>(getpid());
+}
+
+// This system has no sessions of that kind: everybody is in the first user's. The variable lets a process be in
+// another, the services' for one.
+static uint32_t OwnSession()
+{
+    std::string strSession;
+    const bool blNumber = PosixEnvGet("MVR_SESSION", strSession) && strSession.size() <= 9 &&
+                          strSession.find_first_not_of("0123456789") == std::string::npos;
+    return blNumber ? static_cast<uint32_t>(std::stoul(strSession)) : 1;
+}
+
+bool PlatProcessSession(uint64_t a_u64ProcessId, uint32_t* a_pu32Session)
+{
+    if (a_u64ProcessId == PlatProcessId())
+    {
+        const uint32_t u32Error = PlatGetLastError();
+        *a_pu32Session = OwnSession();
+        PlatSetLastError(u32Error);
+        return true;
+    }
+    const PlatHandle plathandle = PlatProcessOpen(a_u64ProcessId);
+    if (plathandle == PLAT_INVALID)
+        return false;
+    *a_pu32Session = 1;
+    return PlatClose(plathandle);
+}
