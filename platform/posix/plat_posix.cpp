@@ -213,8 +213,9 @@ bool PlatClose(PlatHandle a_plathandle)
         return PosixCloseThread(a_plathandle);
     case PosixKind::Child:
         return PosixCloseChild(a_plathandle);
+    case PosixKind::File:
     case PosixKind::FileTemporary:
-        return PosixCloseTemporary(a_plathandle);
+        return PosixCloseFile(a_plathandle);
     case PosixKind::Find:
         return PosixCloseFind(a_plathandle);
     case PosixKind::EventAuto:
@@ -222,7 +223,6 @@ bool PlatClose(PlatHandle a_plathandle)
     case PosixKind::Process:
     case PosixKind::PipeRead:
     case PosixKind::PipeWrite:
-    case PosixKind::File:
     case PosixKind::Socket:
     case PosixKind::SocketEvent:
     case PosixKind::Watch:

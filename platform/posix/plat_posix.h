@@ -116,5 +116,5 @@ bool PosixProgramPath(char* a_szPath, size_t a_sizetPath);
 bool PosixCloseThread(PlatHandle a_plathandle);
 bool PosixCloseChild(PlatHandle a_plathandle);
 bool PosixCloseNamedEvent(PlatHandle a_plathandle);
-bool PosixCloseTemporary(PlatHandle a_plathandle);
+bool PosixCloseFile(PlatHandle a_plathandle);
 bool PosixCloseFind(PlatHandle a_plathandle);

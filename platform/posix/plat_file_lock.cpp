@@ -1,0 +1,80 @@
+// plat_file_lock.cpp: byte locks, which belong to the open file and not to the process.
+#include "plat_posix_file.h"
+
+#include <cerrno>
+#include <cinttypes>
+#include <cstdio>
+#include <cstring>
+#include <fcntl.h>
+#include <memory>
+
+// Locks of bytes stay below the ranges that stand for share modes.
+static constexpr uint64_t g_u64Limit = uint64_t{1} << 61;
+
+static bool MakeLock(PlatHandle a_plathandle, uint64_t a_u64Offset, uint64_t a_u64Length, short a_shType,
+                     struct flock& a_flock)
+{
+    const PosixKind posixkind = PosixKindOf(a_plathandle);
+    if (posixkind != PosixKind::File && posixkind != PosixKind::FileTemporary)
+        return PosixFail(PLAT_ERROR_INVALIDHANDLE);
+    if (a_u64Length == 0 || a_u64Offset >= g_u64Limit || a_u64Length > g_u64Limit - a_u64Offset)
+        return PosixFail(PLAT_ERROR_INVALIDPARAMETER);
+    a_flock = {};
+    a_flock.l_type = a_shType;
+    a_flock.l_whence = SEEK_SET;
+    a_flock.l_start = static_cast<off_t>(a_u64Offset);
+    a_flock.l_len = static_cast<off_t>(a_u64Length);
+    return true;
+}
+
+bool PlatFileLock(PlatHandle a_plathandle, uint64_t a_u64Offset, uint64_t a_u64Length)
+{
+    struct flock flock;
+    if (!MakeLock(a_plathandle, a_u64Offset, a_u64Length, F_WRLCK, flock))
+        return false;
+    const int iDescriptor = PosixDescriptorOf(a_plathandle);
+    int iResult = fcntl(iDescriptor, F_OFD_SETLK, &flock);
+    if (iResult != 0 && errno == EBADF)
+    {
+        flock.l_type = F_RDLCK;
+        iResult = fcntl(iDescriptor, F_OFD_SETLK, &flock);
+    }
+    if (iResult == 0)
+        return true;
+    return errno == EAGAIN || errno == EACCES ? PosixFail(PLAT_ERROR_LOCK) : PosixFailErrno();
+}
+
+// Tells whether one of the locks that the descriptor itself holds covers the range. Only the system's description of
+// the descriptor tells that: asking for a conflict never reports one's own locks. Where it cannot be read: true.
+static bool HoldsLock(int a_iDescriptor, const struct flock& a_flock)
+{
+    char szLine[256];
+    snprintf(szLine, sizeof szLine, "/proc/self/fdinfo/%d", a_iDescriptor);
+    const std::unique_ptr<FILE, int (*)(FILE*)> pfile(fopen(szLine, "re"), fclose);
+    if (!pfile)
+        return true;
+    const int64_t i64First = a_flock.l_start;
+    const int64_t i64Last = a_flock.l_start + a_flock.l_len - 1;
+    while (fgets(szLine, sizeof szLine, pfile.get()))
+    {
+        // lock:	1: OFDLCK ADVISORY  WRITE -1 08:01:1234 0 99
+        int64_t i64LockFirst = 0;
+        int64_t i64LockLast = 0;
+        const bool blLock =
+            sscanf(szLine, "lock: %*d: OFDLCK %*s %*s %*d %*s %" SCNd64 " %" SCNd64, &i64LockFirst, &i64LockLast) == 2;
+        if (blLock && i64LockFirst <= i64First && i64Last <= i64LockLast)
+            return true;
+    }
+    return false;
+}
+
+bool PlatFileUnlock(PlatHandle a_plathandle, uint64_t a_u64Offset, uint64_t a_u64Length)
+{
+    struct flock flock;
+    if (!MakeLock(a_plathandle, a_u64Offset, a_u64Length, F_UNLCK, flock))
+        return false;
+    const int iDescriptor = PosixDescriptorOf(a_plathandle);
+    if (!HoldsLock(iDescriptor, flock))
+        return PosixFail(PLAT_ERROR_NOTLOCKED);
+    return fcntl(iDescriptor, F_OFD_SETLK, &flock) == 0 || PosixFailErrno();
+}

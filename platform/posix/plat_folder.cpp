@@ -1,0 +1,175 @@
+// plat_folder.cpp: names in folders: deleting, moving, attributes, folders. A link is never followed.
+#include "plat_posix_file.h"
+
+#include <cerrno>
+#include <cstdio>
+#include <fcntl.h>
+
+// Holds off the openers of a file while its name goes or changes. Folders and what is no plain file have no share
+// modes, and a file that cannot be opened has no handles of ours to ask.
+class NameGuard
+{
+public:
+    // False, with the last error, when a handle does not share deletion.
+    bool Take(const std::string& a_strPath, const struct stat& a_status);
+
+    // Tells whether the guarded file still has the name.
+    bool StillNamed(const std::string& a_strPath, const struct stat& a_status) const
+    {
+        struct stat status;
+        return lstat(a_strPath.c_str(), &status) == 0 && status.st_dev == a_status.st_dev &&
+               status.st_ino == a_status.st_ino;
+    }
+
+    NameGuard() = default;
+    ~NameGuard() { Release(); }
+    NameGuard(const NameGuard&) = delete;
+    NameGuard& operator=(const NameGuard&) = delete;
+
+private:
+    void Release();
+
+    int m_iDescriptor = -1;
+};
+
+void NameGuard::Release()
+{
+    if (m_iDescriptor < 0)
+        return;
+    PosixShareDrop(m_iDescriptor);
+    close(m_iDescriptor);
+    m_iDescriptor = -1;
+}
+
+bool NameGuard::Take(const std::string& a_strPath, const struct stat& a_status)
+{
+    constexpr int iFlags = O_NOFOLLOW | O_NONBLOCK | O_NOCTTY | O_CLOEXEC;
+    constexpr PosixShareRequest posixsharerequest = {
+        PLAT_ACCESS_NONE, PLAT_SHARE_READ | PLAT_SHARE_WRITE | PLAT_SHARE_DELETE, true, true};
+    if (!S_ISREG(a_status.st_mode))
+        return true;
+    // A process that is being started holds a copy of every descriptor until its program runs; what was closed a
+    // moment ago may seem open for that long.
+    for (PosixPatience posixpatience(5);;)
+    {
+        m_iDescriptor = open(a_strPath.c_str(), O_RDWR | iFlags);
+        if (m_iDescriptor < 0)
+            m_iDescriptor = open(a_strPath.c_str(), O_RDONLY | iFlags);
+        if (m_iDescriptor < 0 || PosixShareTake(m_iDescriptor, posixsharerequest) == PosixShare::Granted)
+            return true;
+        Release();
+        if (!posixpatience.Wait())
+            return PosixFail(PLAT_ERROR_SHARING);
+    }
+}
+
+// Calls a_action(status) for what the path names, guarded, and again when another file took the name meanwhile.
+template <class Action>
+static bool WithName(const std::string& a_strPath, Action a_action)
+{
+    for (PosixPatience posixpatience(100);;)
+    {
+        struct stat status;
+        NameGuard nameguard;
+        if (lstat(a_strPath.c_str(), &status) != 0)
+            return PosixFailPath(a_strPath);
+        if (!nameguard.Take(a_strPath, status))
+            return false;
+        if (nameguard.StillNamed(a_strPath, status))
+            return a_action(status);
+        if (!posixpatience.Wait())
+            return PosixFail(PLAT_ERROR_SHARING);
+    }
+}
+
+bool PlatFileDelete(const char16_t* a_wszPath)
+{
+    std::string strPath;
+    if (!PosixPath(a_wszPath, strPath))
+        return false;
+    return WithName(strPath, [&](const struct stat& a_status) {
+        if (S_ISDIR(a_status.st_mode) || (S_ISREG(a_status.st_mode) && PosixIsReadOnly(a_status.st_mode)))
+            return PosixFail(PLAT_ERROR_ACCESSDENIED);
+        return unlink(strPath.c_str()) == 0 || PosixFailPath(strPath);
+    });
+}
+
+// Some file systems cannot rename without replacing: a second name does it for a file, a look for a folder.
+static int RenameWithoutReplacing(const char* a_szOld, const char* a_szNew, const struct stat& a_status)
+{
+    const int iResult = renameat2(AT_FDCWD, a_szOld, AT_FDCWD, a_szNew, RENAME_NOREPLACE);
+    if (iResult == 0 || (errno != EINVAL && errno != ENOSYS && errno != EOPNOTSUPP))
+        return iResult;
+    if (!S_ISDIR(a_status.st_mode))
+        return link(a_szOld, a_szNew) == 0 ? unlink(a_szOld) : -1;
+    struct stat status;
+    if (lstat(a_szNew, &status) != 0)
+        return rename(a_szOld, a_szNew);
+    errno = EEXIST;
+    return -1;
+}
+
+bool PlatFileMove(const char16_t* a_wszOld, const char16_t* a_wszNew)
+{
+    std::string strOld;
+    std::string strNew;
+    if (!PosixPath(a_wszOld, strOld) || !PosixPath(a_wszNew, strNew))
+        return false;
+    PosixTrimPath(strOld);
+    PosixTrimPath(strNew);
+    return WithName(strOld, [&](const struct stat& a_status) {
+        const auto rename = [&] { return RenameWithoutReplacing(strOld.c_str(), strNew.c_str(), a_status) == 0; };
+        if (rename() || (errno == ENOENT && PosixMakeDrive(a_wszNew) && rename()))
+            return true;
+        return errno == ENOENT ? PosixFail(PLAT_ERROR_PATHNOTFOUND) : PosixFailErrno();
+    });
+}
+
+bool PlatFileClearAttributes(const char16_t* a_wszPath)
+{
+    std::string strPath;
+    struct stat status;
+    if (!PosixPath(a_wszPath, strPath))
+        return false;
+    PosixTrimPath(strPath);
+    if (lstat(strPath.c_str(), &status) != 0)
+        return PosixFailPath(strPath);
+    if (S_ISLNK(status.st_mode) || !PosixIsReadOnly(status.st_mode))
+        return true;
+    return chmod(strPath.c_str(), (status.st_mode & 07777) | S_IWUSR) == 0 || PosixFailPath(strPath);
+}
+
+bool PlatFolderCreate(const char16_t* a_wszPath)
+{
+    std::string strPath;
+    if (!PosixPath(a_wszPath, strPath))
+        return false;
+    if (mkdir(strPath.c_str(), 0777) == 0)
+        return true;
+    if (errno == ENOENT && PosixMakeDrive(a_wszPath))
+    {
+        // The folder of the drive may have been what was asked for.
+        struct stat status;
+        if (stat(strPath.c_str(), &status) == 0 || mkdir(strPath.c_str(), 0777) == 0)
+            return true;
+    }
+    return errno == ENOENT ? PosixFail(PLAT_ERROR_PATHNOTFOUND) : PosixFailErrno();
+}
+
+bool PlatFolderDelete(const char16_t* a_wszPath)
+{
+    std::string strPath;
+    if (!PosixPath(a_wszPath, strPath))
+        return false;
+    PosixTrimPath(strPath);
+    if (rmdir(strPath.c_str()) == 0)
+        return true;
+    const int iErrno = errno;
+    struct stat status;
+    if (iErrno == EEXIST)
+        return PosixFail(PLAT_ERROR_DIRNOTEMPTY);
+    if (iErrno == ENOTDIR && lstat(strPath.c_str(), &status) == 0)
+        return PosixFail(PLAT_ERROR_DIRECTORY);
+    errno = iErrno;
+    return PosixFailPath(strPath);
+}

@@ -1,0 +1,88 @@
+// plat_mapping.cpp: views of files, and memory without a file.
+#include "plat_posix_file.h"
+
+#include <cerrno>
+#include <climits>
+#include <cstdio>
+#include <cstring>
+#include <fcntl.h>
+#include <sys/mman.h>
+
+// The size of the view that was asked for, or what is left of the file. A view beyond the end of the file would be
+// memory that kills whoever touches it.
+static bool ViewSize(int a_iDescriptor, uint64_t a_u64Offset, size_t& a_sizetView)
+{
+    struct stat status;
+    if (fstat(a_iDescriptor, &status) != 0)
+        return PosixFailErrno();
+    const auto u64Size = static_cast<uint64_t>(status.st_size);
+    if (a_u64Offset >= u64Size || a_sizetView > u64Size - a_u64Offset)
+        return PosixFail(PLAT_ERROR_INVALIDPARAMETER);
+    if (!a_sizetView)
+        a_sizetView = u64Size - a_u64Offset;
+    return true;
+}
+
+void* PlatMappingView(PlatHandle a_plathandle, uint64_t a_u64Offset, bool a_blWrite, size_t* a_psizetView)
+{
+    const int iDescriptor =
+        PosixFileDescriptor(a_plathandle, a_blWrite ? POSIX_FILE_READ | POSIX_FILE_WRITE : POSIX_FILE_READ);
+    if (iDescriptor < 0 || !ViewSize(iDescriptor, a_u64Offset, *a_psizetView))
+        return nullptr;
+    void* pvView = mmap(nullptr, *a_psizetView, a_blWrite ? PROT_READ | PROT_WRITE : PROT_READ, MAP_SHARED, iDescriptor,
+                        static_cast<off_t>(a_u64Offset));
+    if (pvView != MAP_FAILED)
+        return pvView;
+    PosixFailErrno();
+    return nullptr;
+}
+
+bool PlatMappingFlush(void* a_pvView, size_t a_sizetView)
+{
+    return msync(a_pvView, a_sizetView, MS_SYNC) == 0 || PosixFailErrno();
+}
+
+bool PlatMappingRelease(void* a_pvView, size_t a_sizetView)
+{
+    return munmap(a_pvView, a_sizetView) == 0 || PosixFailErrno();
+}
+
+// --------------------------------------------------------------------------------------------------- memory files
+
+static PlatHandle MakeMemoryHandle(PosixDescriptor& a_posixdescriptor)
+{
+    return PosixMakeHandle(PosixKind::MemoryFile, a_posixdescriptor.Release()) | POSIX_FILE_READ | POSIX_FILE_WRITE;
+}
+
+PlatHandle PlatMemoryFileCreate(uint64_t a_u64Size)
+{
+    PosixDescriptor posixdescriptor(memfd_create("memory", MFD_CLOEXEC));
+    if (!posixdescriptor.IsOpen() || ftruncate(posixdescriptor.Get(), static_cast<off_t>(a_u64Size)) != 0)
+    {
+        PosixFailErrno();
+        return PLAT_INVALID;
+    }
+    return MakeMemoryHandle(posixdescriptor);
+}
+
+PlatHandle PlatMemoryFileOpen(uint64_t a_u64ProcessId, PlatHandle a_plathandleTheirs)
+{
+    if (PosixKindOf(a_plathandleTheirs) != PosixKind::MemoryFile)
+    {
+        PosixFail(PLAT_ERROR_INVALIDPARAMETER);
+        return PLAT_INVALID;
+    }
+    char szLink[64];
+    snprintf(szLink, sizeof szLink, "/proc/%llu/fd/%d", static_cast<unsigned long long>(a_u64ProcessId),
+             PosixDescriptorOf(a_plathandleTheirs));
+    char szTarget[PATH_MAX] = {};
+    const bool blMemory =
+        readlink(szLink, szTarget, sizeof szTarget - 1) > 0 && strstr(szTarget, "/memfd:") == szTarget;
+    PosixDescriptor posixdescriptor(blMemory ? open(szLink, O_RDWR | O_CLOEXEC) : -1);
+    if (!posixdescriptor.IsOpen())
+    {
+        PosixFail(errno == EACCES || errno == EPERM ? PLAT_ERROR_ACCESSDENIED : PLAT_ERROR_INVALIDPARAMETER);
+        return PLAT_INVALID;
+    }
+    return MakeMemoryHandle(posixdescriptor);
+}

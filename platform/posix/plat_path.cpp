@@ -1,0 +1,225 @@
+// plat_path.cpp: paths of the product as paths of this system, the folders that stand for drives, full names.
+#include "plat_posix_file.h"
+
+#include "plat_env.h"
+
+#include <cerrno>
+#include <climits>
+#include <cstring>
+#include <string_view>
+
+static constexpr bool IsSeparator(char16_t a_wch)
+{
+    return a_wch == u'/' || a_wch == u'\\';
+}
+
+// The letter in lower case when the path begins with a drive, 0 otherwise.
+static constexpr char DriveOf(const char16_t* a_wszPath)
+{
+    const char16_t wchLower = a_wszPath[0] | 0x20;
+    return wchLower >= u'a' && wchLower <= u'z' && a_wszPath[1] == u':' ? static_cast<char>(wchLower) : '\0';
+}
+
+// Steps over the long-path prefix. Behind "\\?\UNC" the network path lacks its second leading separator.
+static const char16_t* WithoutPrefix(const char16_t* a_wszPath, bool& a_blNetwork)
+{
+    a_blNetwork = false;
+    const bool blPrefix =
+        IsSeparator(a_wszPath[0]) && IsSeparator(a_wszPath[1]) && a_wszPath[2] == u'?' && IsSeparator(a_wszPath[3]);
+    if (!blPrefix)
+        return a_wszPath;
+    const char16_t* pwch = a_wszPath + 4;
+    if (pwch[0] != u'U' || pwch[1] != u'N' || pwch[2] != u'C' || !IsSeparator(pwch[3]))
+        return pwch;
+    a_blNetwork = true;
+    return pwch + 3;
+}
+
+// Appends a path without drive or prefix; "\" becomes "/". Nearly every path is ASCII and is copied as it stands.
+static bool AppendPath(const char16_t* a_wszPath, std::string& a_strPath)
+{
+    const std::u16string_view wsv(a_wszPath);
+    const size_t sizetStart = a_strPath.size();
+    a_strPath.resize(sizetStart + wsv.size());
+    char* pch = a_strPath.data() + sizetStart;
+    unsigned uAll = 0;
+    for (const char16_t wch : wsv)
+    {
+        uAll |= wch;
+        *pch++ = wch == u'\\' ? '/' : static_cast<char>(wch);
+    }
+    if (uAll < 0x80)
+        return true;
+
+    std::string strText;
+    if (!PosixToUtf8(a_wszPath, strText))
+        return false;
+    for (char& ch : strText)
+        ch = ch == '\\' ? '/' : ch;
+    a_strPath.replace(sizetStart, std::string::npos, strText);
+    return true;
+}
+
+// The folder below which each drive has its own.
+static bool DriveRoot(std::string& a_strRoot)
+{
+    const uint32_t u32Error = PlatGetLastError();
+    char16_t wszRoot[PLAT_PATHMAX];
+    const size_t sizetLength = PlatEnvGet(u"MVR_DRIVEROOT", wszRoot, PLAT_PATHMAX);
+    if (sizetLength >= PLAT_PATHMAX)
+        return PosixFail(PLAT_ERROR_INSUFFICIENTBUFFER);
+    if (!sizetLength && !PlatFolderPath(PLAT_FOLDER_LOCAL, wszRoot, PLAT_PATHMAX))
+        return false;
+    a_strRoot.clear();
+    if (!AppendPath(wszRoot, a_strRoot))
+        return false;
+    if (!sizetLength)
+        a_strRoot += "/drives";
+    PosixTrimPath(a_strRoot);
+    PlatSetLastError(u32Error);
+    return true;
+}
+
+static bool DriveFolder(char a_chDrive, std::string& a_strFolder)
+{
+    if (!DriveRoot(a_strFolder))
+        return false;
+    a_strFolder += '/';
+    a_strFolder += a_chDrive;
+    return true;
+}
+
+bool PosixPath(const char16_t* a_wszPath, std::string& a_strPath)
+{
+    if (!a_wszPath || !*a_wszPath)
+        return PosixFail(PLAT_ERROR_PATHNOTFOUND);
+    bool blNetwork = false;
+    const char16_t* pwch = WithoutPrefix(a_wszPath, blNetwork);
+    a_strPath.assign(blNetwork ? "/" : "");
+    if (const char chDrive = DriveOf(pwch))
+    {
+        pwch += 2;
+        if (!DriveFolder(chDrive, a_strPath))
+            return false;
+        if (*pwch && !IsSeparator(*pwch))
+            a_strPath += '/';
+    }
+    return AppendPath(pwch, a_strPath);
+}
+
+bool PosixMakeDrive(const char16_t* a_wszPath)
+{
+    const int iErrno = errno;
+    bool blNetwork = false;
+    std::string strFolder;
+    const char chDrive = DriveOf(WithoutPrefix(a_wszPath, blNetwork));
+    if (!chDrive || !DriveFolder(chDrive, strFolder))
+    {
+        errno = iErrno;
+        return false;
+    }
+    for (size_t sizetEnd = strFolder.find('/', 1); sizetEnd != std::string::npos;
+         sizetEnd = strFolder.find('/', sizetEnd + 1))
+    {
+        mkdir(strFolder.substr(0, sizetEnd).c_str(), 0777);
+    }
+    const bool blMade = mkdir(strFolder.c_str(), 0777) == 0;
+    errno = iErrno;
+    return blMade;
+}
+
+void PosixTrimPath(std::string& a_strPath)
+{
+    while (a_strPath.size() > 1 && a_strPath.back() == '/')
+        a_strPath.pop_back();
+}
+
+bool PosixFailPath(const std::string& a_strPath)
+{
+    if (errno != ENOENT)
+        return PosixFailErrno();
+    std::string strFolder(a_strPath);
+    PosixTrimPath(strFolder);
+    const size_t sizetSlash = strFolder.rfind('/');
+    strFolder = sizetSlash == std::string::npos ? "." : strFolder.substr(0, sizetSlash ? sizetSlash : 1);
+    struct stat status;
+    const bool blFolder = stat(strFolder.c_str(), &status) == 0 && S_ISDIR(status.st_mode);
+    return PosixFail(blFolder ? PLAT_ERROR_FILENOTFOUND : PLAT_ERROR_PATHNOTFOUND);
+}
+
+// --------------------------------------------------------------------------------------------------- full names
+
+// The part of a full name that ".." never removes: a drive, or the first two components of a network path.
+static std::u16string TakeRoot(std::u16string_view& a_wsvName)
+{
+    std::u16string wstrRoot;
+    if (a_wsvName.size() >= 2 && a_wsvName[1] == u':')
+    {
+        wstrRoot = a_wsvName.substr(0, 2);
+        a_wsvName.remove_prefix(2);
+    }
+    else if (a_wsvName.size() > 2 && IsSeparator(a_wsvName[0]) && IsSeparator(a_wsvName[1]))
+    {
+        a_wsvName.remove_prefix(2);
+        wstrRoot = u"\\";
+        for (int iComponent = 0; iComponent < 2 && !a_wsvName.empty(); ++iComponent)
+        {
+            const size_t sizetEnd = std::min(a_wsvName.find_first_of(u"/\\"), a_wsvName.size());
+            wstrRoot.append(u"\\").append(a_wsvName.substr(0, sizetEnd));
+            a_wsvName.remove_prefix(std::min(sizetEnd + 1, a_wsvName.size()));
+        }
+    }
+    return wstrRoot;
+}
+
+// Appends the components; "." is left out and ".." takes the last one away, but nothing of the first a_sizetRoot.
+static void AppendComponents(std::u16string_view a_wsvName, size_t a_sizetRoot, std::u16string& a_wstrFull)
+{
+    while (!a_wsvName.empty())
+    {
+        const size_t sizetEnd = std::min(a_wsvName.find_first_of(u"/\\"), a_wsvName.size());
+        const std::u16string_view wsvComponent = a_wsvName.substr(0, sizetEnd);
+        a_wsvName.remove_prefix(std::min(sizetEnd + 1, a_wsvName.size()));
+        if (wsvComponent == u"..")
+            a_wstrFull.resize(std::max(a_sizetRoot, std::min(a_wstrFull.rfind(u'\\'), a_wstrFull.size())));
+        else if (!wsvComponent.empty() && wsvComponent != u".")
+            a_wstrFull.append(u"\\").append(wsvComponent);
+    }
+}
+
+static bool CurrentFolder(std::u16string& a_wstrFolder)
+{
+    char szFolder[PATH_MAX];
+    char16_t wszFolder[PLAT_PATHMAX];
+    if (!getcwd(szFolder, sizeof szFolder))
+        return PosixFailErrno();
+    if (!PosixToWide(szFolder, wszFolder, PLAT_PATHMAX))
+        return false;
+    AppendComponents(wszFolder, 0, a_wstrFolder);
+    return true;
+}
+
+bool PlatFileFullName(const char16_t* a_wszName, char16_t* a_wszFull, size_t a_sizetFull)
+{
+    if (!a_wszName || !*a_wszName)
+        return PosixFail(PLAT_ERROR_INVALIDNAME);
+    bool blNetwork = false;
+    std::u16string wstrName(WithoutPrefix(a_wszName, blNetwork));
+    if (blNetwork)
+        wstrName.insert(0, 1, u'\\');
+
+    std::u16string_view wsvName(wstrName);
+    std::u16string wstrFull = TakeRoot(wsvName);
+    const size_t sizetRoot = wstrFull.size();
+    if (!sizetRoot && !IsSeparator(wstrName[0]) && !CurrentFolder(wstrFull))
+        return false;
+    AppendComponents(wsvName, sizetRoot, wstrFull);
+    const bool blFolder = !wsvName.empty() && IsSeparator(wsvName.back());
+    if (blFolder || wstrFull.empty() || (sizetRoot == 2 && wstrFull.size() == 2))
+        wstrFull += u'\\';
+
+    if (wstrFull.size() >= a_sizetFull)
+        return PosixFail(PLAT_ERROR_INSUFFICIENTBUFFER);
+    memcpy(a_wszFull, wstrFull.c_str(), (wstrFull.size() + 1) * sizeof(char16_t));
+    return true;
+}

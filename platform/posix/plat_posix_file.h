@@ -1,0 +1,113 @@
+// plat_posix_file.h: what the file sources of this backend share: a descriptor that closes itself, what a file
+// handle carries beside its descriptor, paths, and the locks that stand for share modes.
+#pragma once
+
+#include "plat_file.h"
+#include "plat_posix.h"
+
+#include <string>
+#include <sys/stat.h>
+#include <unistd.h>
+
+// A descriptor that is closed when its owner is left.
+class PosixDescriptor
+{
+public:
+    explicit PosixDescriptor(int a_iDescriptor = -1) : m_iDescriptor(a_iDescriptor) {}
+    ~PosixDescriptor()
+    {
+        if (m_iDescriptor >= 0)
+            close(m_iDescriptor);
+    }
+    PosixDescriptor(const PosixDescriptor&) = delete;
+    PosixDescriptor& operator=(const PosixDescriptor&) = delete;
+
+    bool IsOpen() const { return m_iDescriptor >= 0; }
+    int Get() const { return m_iDescriptor; }
+    int Release()
+    {
+        const int iDescriptor = m_iDescriptor;
+        m_iDescriptor = -1;
+        return iDescriptor;
+    }
+
+private:
+    int m_iDescriptor;
+};
+
+// What a file handle carries beside its descriptor. A descriptor may be open for more than its handle is for,
+// because the locks need it; the handle says what was asked for.
+inline constexpr PlatHandle POSIX_FILE_READ = PlatHandle{1} << 40;
+inline constexpr PlatHandle POSIX_FILE_WRITE = PlatHandle{1} << 41;
+inline constexpr PlatHandle POSIX_FILE_EXCLUSIVE = PlatHandle{1} << 42;   // it holds a lock that refuses others
+
+// The descriptor of a file that was opened for all of a_plathandleAccess (POSIX_FILE_READ, POSIX_FILE_WRITE); -1 with
+// the last error otherwise.
+int PosixFileDescriptor(PlatHandle a_plathandle, PlatHandle a_plathandleAccess);
+
+// ------------------------------------------------------------------------------------------------------- paths
+
+// Fails with what errno says about a path; a missing file (2) is told from a missing folder on the way to it (3).
+bool PosixFailPath(const std::string& a_strPath);
+
+// Makes the folder that stands for the drive of a path, with its parents. True when it was not there, so that what
+// failed for it is worth another try. Leaves errno alone.
+bool PosixMakeDrive(const char16_t* a_wszPath);
+
+// Without separators at the end, which would make the system follow a link: "a/b/" becomes "a/b", "/" stays.
+void PosixTrimPath(std::string& a_strPath);
+
+// 100 ns units since 1601 from seconds and nanoseconds since 1970.
+constexpr uint64_t PosixFileTime(int64_t a_i64Seconds, uint32_t a_u32Nanoseconds)
+{
+    return static_cast<uint64_t>(a_i64Seconds + 11644473600) * 10000000u + a_u32Nanoseconds / 100u;
+}
+
+constexpr bool PosixIsReadOnly(mode_t a_mode)
+{
+    return (a_mode & (S_IWUSR | S_IWGRP | S_IWOTH)) == 0;
+}
+
+// ------------------------------------------------------------------------------------------------- share modes
+
+// What an opener does with a file and lets others do.
+struct PosixShareRequest
+{
+    uint32_t u32Access;   // PLAT_ACCESS_
+    uint32_t u32Share;    // PLAT_SHARE_
+    bool blDelete;        // the name goes with the handle
+    bool blPassing;       // only for the moment of a deletion or a move, which others wait for
+};
+
+enum class PosixShare
+{
+    Granted,
+    Passing,   // somebody is deleting or moving the file at this moment
+    Refused,
+};
+
+// Takes the locks that stand for the request. They end with the descriptor.
+PosixShare PosixShareTake(int a_iDescriptor, const PosixShareRequest& a_posixsharerequest);
+
+// Gives all of them back before the descriptor is closed: a process that is being started holds a copy of every
+// descriptor until its program runs, and a lock that refuses others must not live on in it.
+void PosixShareDrop(int a_iDescriptor);
+
+// Nobody is refused anything.
+constexpr bool PosixShareIsOpen(const PosixShareRequest& a_posixsharerequest)
+{
+    constexpr uint32_t u32Both = PLAT_SHARE_READ | PLAT_SHARE_WRITE;
+    return (a_posixsharerequest.u32Share & u32Both) == u32Both && !a_posixsharerequest.blDelete;
+}
+
+// Waits for what others hold for a moment only: yields first, sleeps a millisecond at a time then.
+class PosixPatience
+{
+public:
+    explicit PosixPatience(uint32_t a_u32Milliseconds) : m_u32Left(a_u32Milliseconds) {}
+    bool Wait();   // false when it has run out
+
+private:
+    uint32_t m_u32Yields = 16;
+    uint32_t m_u32Left;
+};

@@ -1,0 +1,310 @@
+// plat_socket.cpp: TCP sockets, what they have to report, and the event that tells it. Looking up a host name is in
+// plat_socket_resolve.cpp.
+#include "plat_socket.h"
+
+#include "plat_posix.h"
+
+#include <arpa/inet.h>
+#include <cerrno>
+#include <cstdio>
+#include <cstring>
+#include <memory>
+#include <netinet/in.h>
+#include <netinet/tcp.h>
+#include <poll.h>
+#include <sys/epoll.h>
+#include <sys/ioctl.h>
+#include <sys/socket.h>
+
+bool PlatSocketStartup()
+{
+    PosixRaiseDescriptorLimit();
+    return true;
+}
+
+void PlatSocketCleanup() {}
+
+// The descriptor of a socket; -1 with the last error for anything else.
+static int SocketOf(PlatHandle a_plathandle)
+{
+    if (PosixKindOf(a_plathandle) == PosixKind::Socket)
+        return PosixDescriptorOf(a_plathandle);
+    PosixFail(PLAT_ERROR_NOTSOCKET);
+    return -1;
+}
+
+static sockaddr_in ToSystem(const PlatAddress& a_plataddress)
+{
+    sockaddr_in address = {};
+    address.sin_family = AF_INET;
+    address.sin_port = htons(a_plataddress.u16Port);
+    memcpy(&address.sin_addr, a_plataddress.au8Address, sizeof address.sin_addr);
+    return address;
+}
+
+static PlatAddress FromSystem(const sockaddr_in& a_address)
+{
+    PlatAddress plataddress;
+    memcpy(plataddress.au8Address, &a_address.sin_addr, sizeof plataddress.au8Address);
+    plataddress.u16Port = ntohs(a_address.sin_port);
+    return plataddress;
+}
+
+// ---------------------------------------------------------------------------------------- listening, connecting
+
+PlatHandle PlatSocketCreate()
+{
+    const int iSocket = socket(AF_INET, SOCK_STREAM | SOCK_NONBLOCK | SOCK_CLOEXEC, IPPROTO_TCP);
+    if (iSocket >= 0)
+        return PosixMakeHandle(PosixKind::Socket, iSocket);
+    PosixFailErrno();
+    return PLAT_INVALID;
+}
+
+bool PlatSocketBind(PlatHandle a_plathandle, const PlatAddress* a_pplataddress)
+{
+    const int iSocket = SocketOf(a_plathandle);
+    const sockaddr_in address = ToSystem(*a_pplataddress);
+    return iSocket >= 0 &&
+           (bind(iSocket, reinterpret_cast<const sockaddr*>(&address), sizeof address) == 0 || PosixFailErrno());
+}
+
+bool PlatSocketListen(PlatHandle a_plathandle, uint32_t a_u32Backlog)
+{
+    const int iSocket = SocketOf(a_plathandle);
+    return iSocket >= 0 && (listen(iSocket, static_cast<int>(a_u32Backlog)) == 0 || PosixFailErrno());
+}
+
+PlatHandle PlatSocketAccept(PlatHandle a_plathandle, PlatAddress* a_pplataddress)
+{
+    const int iListener = SocketOf(a_plathandle);
+    if (iListener < 0)
+        return PLAT_INVALID;
+    for (;;)
+    {
+        sockaddr_in address = {};
+        socklen_t socklen = sizeof address;
+        const int iSocket =
+            accept4(iListener, reinterpret_cast<sockaddr*>(&address), &socklen, SOCK_NONBLOCK | SOCK_CLOEXEC);
+        if (iSocket >= 0)
+        {
+            if (a_pplataddress)
+                *a_pplataddress = FromSystem(address);
+            return PosixMakeHandle(PosixKind::Socket, iSocket);
+        }
+        if (errno != ECONNABORTED && errno != EPROTO && errno != EINTR)
+        {
+            PosixFailErrno();
+            return PLAT_INVALID;
+        }
+    }
+}
+
+bool PlatSocketConnect(PlatHandle a_plathandle, const PlatAddress* a_pplataddress)
+{
+    const int iSocket = SocketOf(a_plathandle);
+    if (iSocket < 0)
+        return false;
+    if (a_pplataddress->u16Port == 0)
+        return PosixFail(PLAT_ERROR_ADDRNOTAVAIL);
+    const sockaddr_in address = ToSystem(*a_pplataddress);
+    if (connect(iSocket, reinterpret_cast<const sockaddr*>(&address), sizeof address) == 0)
+        return true;
+    // On the own machine the refusal may be there before the call returns. The socket reports it from then on.
+    if (errno == ECONNREFUSED || errno == EINTR)
+        return PosixFail(PLAT_ERROR_WOULDBLOCK);
+    return PosixFailErrno();
+}
+
+// -------------------------------------------------------------------------------------------------------- data
+
+bool PlatSocketReceive(PlatHandle a_plathandle, void* a_pvBuffer, size_t a_sizetBytes, size_t* a_psizetRead)
+{
+    const int iSocket = SocketOf(a_plathandle);
+    *a_psizetRead = 0;
+    if (iSocket < 0)
+        return false;
+    ssize_t ssizet = 0;
+    do
+    {
+        ssizet = recv(iSocket, a_pvBuffer, a_sizetBytes, 0);
+    } while (ssizet < 0 && errno == EINTR);
+    if (ssizet < 0)
+        return PosixFailErrno();
+    *a_psizetRead = static_cast<size_t>(ssizet);
+    return true;
+}
+
+bool PlatSocketSend(PlatHandle a_plathandle, const void* a_pvBuffer, size_t a_sizetBytes, size_t* a_psizetSent)
+{
+    const int iSocket = SocketOf(a_plathandle);
+    *a_psizetSent = 0;
+    if (iSocket < 0)
+        return false;
+    ssize_t ssizet = 0;
+    do
+    {
+        ssizet = send(iSocket, a_pvBuffer, a_sizetBytes, MSG_NOSIGNAL);
+    } while (ssizet < 0 && errno == EINTR);
+    if (ssizet < 0)
+        return errno == EPIPE ? PosixFail(PLAT_ERROR_CONNRESET) : PosixFailErrno();
+    *a_psizetSent = static_cast<size_t>(ssizet);
+    return true;
+}
+
+bool PlatSocketWaiting(PlatHandle a_plathandle, size_t* a_psizetBytes)
+{
+    const int iSocket = SocketOf(a_plathandle);
+    int iBytes = 0;
+    *a_psizetBytes = 0;
+    if (iSocket < 0)
+        return false;
+    if (ioctl(iSocket, FIONREAD, &iBytes) != 0)
+        return PosixFailErrno();
+    *a_psizetBytes = static_cast<size_t>(iBytes);
+    return true;
+}
+
+bool PlatSocketShutdown(PlatHandle a_plathandle, bool a_blReceive, bool a_blSend)
+{
+    const int iSocket = SocketOf(a_plathandle);
+    if (iSocket < 0)
+        return false;
+    if (!a_blReceive && !a_blSend)
+        return PosixFail(PLAT_ERROR_INVALIDPARAMETER);
+    const int iHow = a_blReceive && a_blSend ? SHUT_RDWR : a_blReceive ? SHUT_RD : SHUT_WR;
+    return shutdown(iSocket, iHow) == 0 || PosixFailErrno();
+}
+
+bool PlatSocketSetOption(PlatHandle a_plathandle, PlatSocketOption a_platsocketoption, bool a_blOn)
+{
+    static constexpr struct
+    {
+        int iLevel;
+        int iName;
+    } g_aoption[] = {{SOL_SOCKET, SO_KEEPALIVE}, {IPPROTO_TCP, TCP_NODELAY}, {SOL_SOCKET, SO_REUSEADDR}};
+
+    const int iSocket = SocketOf(a_plathandle);
+    if (iSocket < 0)
+        return false;
+    if (a_platsocketoption >= std::size(g_aoption))
+        return PosixFail(PLAT_ERROR_INVALIDPARAMETER);
+    const auto& option = g_aoption[a_platsocketoption];
+    const int iOn = a_blOn ? 1 : 0;
+    return setsockopt(iSocket, option.iLevel, option.iName, &iOn, sizeof iOn) == 0 || PosixFailErrno();
+}
+
+bool PlatSocketName(PlatHandle a_plathandle, PlatAddress* a_pplataddress)
+{
+    const int iSocket = SocketOf(a_plathandle);
+    sockaddr_in address = {};
+    socklen_t socklen = sizeof address;
+    if (iSocket < 0)
+        return false;
+    if (getsockname(iSocket, reinterpret_cast<sockaddr*>(&address), &socklen) != 0)
+        return PosixFailErrno();
+    *a_pplataddress = FromSystem(address);
+    return true;
+}
+
+// ---------------------------------------------------------------------------------------------- what is reported
+
+// The conditions that stand for a mask. The peer's close is asked for with the writes as well: it ends the wait of a
+// writer whose connection is full.
+static uint32_t ConditionsOf(uint32_t a_u32Mask)
+{
+    static_assert(EPOLLIN == POLLIN && EPOLLOUT == POLLOUT && EPOLLRDHUP == POLLRDHUP);
+    uint32_t u32Conditions = 0;
+    if (a_u32Mask & (PLAT_SOCKET_READ | PLAT_SOCKET_ACCEPT))
+        u32Conditions |= EPOLLIN;
+    if (a_u32Mask & (PLAT_SOCKET_WRITE | PLAT_SOCKET_CONNECT))
+        u32Conditions |= EPOLLOUT;
+    if (a_u32Mask & (PLAT_SOCKET_WRITE | PLAT_SOCKET_CLOSE))
+        u32Conditions |= EPOLLRDHUP;
+    return u32Conditions;
+}
+
+uint32_t PlatSocketPoll(PlatHandle a_plathandle, uint32_t a_u32Mask)
+{
+    const int iSocket = SocketOf(a_plathandle);
+    if (iSocket < 0)
+        return 0;
+    // A close is looked for in any case: it decides what else is true.
+    struct pollfd pollfd = {iSocket, static_cast<short>(ConditionsOf(a_u32Mask) | POLLRDHUP), 0};
+    if (poll(&pollfd, 1, 0) <= 0)
+        return 0;
+
+    uint32_t u32Events = 0;
+    const bool blClosed = pollfd.revents & (POLLRDHUP | POLLHUP | POLLERR | POLLNVAL);
+    size_t sizetWaiting = 0;
+    if (blClosed)
+        u32Events |= PLAT_SOCKET_CLOSE;
+    if ((pollfd.revents & POLLIN) && (!blClosed || (PlatSocketWaiting(a_plathandle, &sizetWaiting) && sizetWaiting)))
+        u32Events |= PLAT_SOCKET_READ | PLAT_SOCKET_ACCEPT;
+    if ((pollfd.revents & POLLOUT) && !blClosed)
+        u32Events |= PLAT_SOCKET_WRITE;
+    if (blClosed || (pollfd.revents & POLLOUT))
+        u32Events |= PLAT_SOCKET_CONNECT;
+    return u32Events & a_u32Mask;
+}
+
+PlatHandle PlatSocketEventCreate()
+{
+    const int iEvent = epoll_create1(EPOLL_CLOEXEC);
+    if (iEvent >= 0)
+        return PosixMakeHandle(PosixKind::SocketEvent, iEvent);
+    PosixFailErrno();
+    return PLAT_INVALID;
+}
+
+// Takes away whichever socket was selected before. Only the system's description of the descriptor names it; that is
+// read once for each new socket, not for each wait.
+static void RemoveOthers(int a_iEvent, int a_iSocket)
+{
+    char szLine[256];
+    snprintf(szLine, sizeof szLine, "/proc/self/fdinfo/%d", a_iEvent);
+    const std::unique_ptr<FILE, int (*)(FILE*)> pfile(fopen(szLine, "re"), fclose);
+    int iOther = 0;
+    while (pfile && fgets(szLine, sizeof szLine, pfile.get()))
+    {
+        if (sscanf(szLine, "tfd: %d", &iOther) == 1 && iOther != a_iSocket)
+            epoll_ctl(a_iEvent, EPOLL_CTL_DEL, iOther, nullptr);
+    }
+}
+
+bool PlatSocketEventSelect(PlatHandle a_plathandle, PlatHandle a_plathandleEvent, uint32_t a_u32Mask)
+{
+    const int iSocket = SocketOf(a_plathandle);
+    if (iSocket < 0)
+        return false;
+    if (PosixKindOf(a_plathandleEvent) != PosixKind::SocketEvent)
+        return PosixFail(PLAT_ERROR_INVALIDHANDLE);
+    const int iEvent = PosixDescriptorOf(a_plathandleEvent);
+    if (!a_u32Mask)
+        return epoll_ctl(iEvent, EPOLL_CTL_DEL, iSocket, nullptr) == 0 || errno == ENOENT || PosixFailErrno();
+
+    // The socket is nearly always the one of the last call. A socket that was closed has left by itself, and another
+    // that got its number is not found.
+    struct epoll_event epollevent = {};
+    epollevent.events = ConditionsOf(a_u32Mask);
+    if (epoll_ctl(iEvent, EPOLL_CTL_MOD, iSocket, &epollevent) == 0)
+        return true;
+    if (errno != ENOENT)
+        return PosixFailErrno();
+    RemoveOthers(iEvent, iSocket);
+    return epoll_ctl(iEvent, EPOLL_CTL_ADD, iSocket, &epollevent) == 0 || PosixFailErrno();
+}
+
+// -------------------------------------------------------------------------------------------------- addresses
+
+bool PlatAddressFromText(const char* a_szText, PlatAddress* a_pplataddress)
+{
+    static_assert(sizeof a_pplataddress->au8Address == sizeof(in_addr));
+    return inet_pton(AF_INET, a_szText, a_pplataddress->au8Address) == 1 || PosixFail(PLAT_ERROR_INVALIDPARAMETER);
+}
+
+bool PlatAddressToText(const PlatAddress* a_pplataddress, char* a_szText, size_t a_sizetText)
+{
+    return inet_ntop(AF_INET, a_pplataddress->au8Address, a_szText, static_cast<socklen_t>(a_sizetText)) ||
+           PosixFail(PLAT_ERROR_INSUFFICIENTBUFFER);
+}
