@@ -1,8 +1,7 @@
 // plat_path.cpp: paths of the product as paths of this system, the folders that stand for drives, full names.
 #include "plat_posix_file.h"
 
-#include "plat_env.h"
-
+#include <algorithm>
 #include <cerrno>
 #include <climits>
 #include <cstring>
@@ -64,17 +63,18 @@ static bool AppendPath(const char16_t* a_wszPath, std::string& a_strPath)
 static bool DriveRoot(std::string& a_strRoot)
 {
     const uint32_t u32Error = PlatGetLastError();
-    char16_t wszRoot[PLAT_PATHMAX];
-    const size_t sizetLength = PlatEnvGet(u"MVR_DRIVEROOT", wszRoot, PLAT_PATHMAX);
-    if (sizetLength >= PLAT_PATHMAX)
-        return PosixFail(PLAT_ERROR_INSUFFICIENTBUFFER);
-    if (!sizetLength && !PlatFolderPath(PLAT_FOLDER_LOCAL, wszRoot, PLAT_PATHMAX))
-        return false;
-    a_strRoot.clear();
-    if (!AppendPath(wszRoot, a_strRoot))
-        return false;
-    if (!sizetLength)
+    if (PosixEnvGet("MVR_DRIVEROOT", a_strRoot))
+    {
+        std::replace(a_strRoot.begin(), a_strRoot.end(), '\\', '/');
+    }
+    else
+    {
+        char16_t wszLocal[PLAT_PATHMAX];
+        a_strRoot.clear();
+        if (!PlatFolderPath(PLAT_FOLDER_LOCAL, wszLocal, PLAT_PATHMAX) || !AppendPath(wszLocal, a_strRoot))
+            return false;
         a_strRoot += "/drives";
+    }
     PosixTrimPath(a_strRoot);
     PlatSetLastError(u32Error);
     return true;
