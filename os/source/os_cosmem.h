@@ -96,9 +96,10 @@ void OsMemFree(void* a_pvBlock, const char* a_szFile, uint32_t a_u32Line, uint32
 // Logs the record of a block, or of every block in use when a_pvBlock is null.
 void OsMemDump(const void* a_pvBlock);
 
-// Maps the shared memory that the file a_szName stands for. a_u64Bytes is its size (create, or open to check), and
-// a_sizetView how much of it to map; open takes 0 for what is there. Returns the view, or null (logged). The view is
-// released with OsMemFree; a created file goes with its last handle.
+// Maps the shared memory that the file a_szName stands for. a_u64Bytes is its size in bytes and a_i64View how much of
+// it to map (0 and less: all); for open both may be 0: what is there. Opening a file that is shorter than a_u64Bytes
+// makes it longer. Returns the view, or null (logged), also when the lock that was asked for is held by another.
+// The view is released with OsMemFree; a created file goes with its last handle.
 void* OsMemSharedAlloc(EOSSHAREDALLOC a_eossharedalloc, const char* a_szName, uint64_t a_u64Bytes, int64_t a_i64View,
                        EOSSHAREDLOCK a_eossharedlock, uint32_t a_u32Flags, const char* a_szFile, uint32_t a_u32Line);
 
@@ -108,8 +109,8 @@ EOSSTS OsMemSharedLock(void* a_pvView, const char* a_szFile, uint32_t a_u32Line)
 EOSSTS OsMemSharedUnlock(void* a_pvView, const char* a_szFile, uint32_t a_u32Line);
 EOSSTS OsMemSharedFlush(void* a_pvView, const char* a_szFile, uint32_t a_u32Line);
 
-// Moves a view of a mapped file to another offset, rounded down to the system's granularity. Returns the new view
-// (the old one is gone), or null.
+// Moves a view to another offset, rounded down to the system's granularity, so that it holds the a_sizetSize bytes
+// (0: all to the end) from there. Returns the new view (the old one is gone), or null (the old one is still there).
 void* OsMemSharedRemap(void* a_pvView, uint64_t a_u64Offset, size_t a_sizetSize, const char* a_szFile,
                        uint32_t a_u32Line);
 

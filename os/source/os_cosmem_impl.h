@@ -1,0 +1,143 @@
+// os_cosmem_impl.h: what the sources of the memory manager share.
+//
+// os_cosmem.cpp tracks blocks; os_cosmem_shared.cpp has the operations on shared memory and os_cosmem_map.cpp maps it;
+// os_cosmem_report.cpp logs the table and writes the crash report.
+#pragma once
+
+#include "os_cosmem.h"
+
+#include "plat_types.h"
+
+// The caller of an operation, for the lines that are logged at its place.
+struct OsMemCaller
+{
+    const char* szFile;
+    uint32_t u32Line;
+};
+
+inline constexpr uint32_t OS_MEMSLOTS = 2048;
+inline constexpr size_t OS_MEMHEADROOM = 64;              // bytes that every block is longer than asked
+inline constexpr uint32_t OS_MEMLEVEL = 0x1100;           // of the memory tracker's own lines
+inline constexpr uint32_t OS_MEMDEBUG_VALIDATE = 0x200;   // bit of the logger's working word: look after the heaps
+
+inline constexpr uint32_t OS_MEMTRAIT_READONLY = 1;    // the view cannot be written
+inline constexpr uint32_t OS_MEMTRAIT_GROWN = 2;       // the file was made longer for the view
+inline constexpr uint32_t OS_MEMTRAIT_TEMPORARY = 4;   // the file goes with its handle
+inline constexpr uint32_t OS_MEMLOCK_HELD = 1;         // this process holds the file lock
+
+// What is known of one live block. Handles are 0 where there is none, sizes are in bytes.
+struct OsMemRecord
+{
+    uint32_t u32Method;   // EOSMEMTYPE
+    uint32_t u32Traits;
+    uint64_t u64Address;
+    uint64_t u64Size;     // of the block, or of the memory behind the view
+    uint64_t u64Offset;   // of the view in its file
+    uint32_t u32View;     // size of the view as it is shown
+    char szName[OS_PATHSIZE];
+    uint32_t u32Lock;
+    PlatHandle plathandleFile;
+    PlatHandle plathandleMapping;   // memory without a file of its own
+    uint64_t u64View;               // size of the view
+};
+static_assert(sizeof(OsMemRecord) == 576);
+
+// What OsMemSharedAlloc was asked for.
+struct OsMemSharedRequest
+{
+    EOSSHAREDALLOC eossharedalloc;
+    const char* szName;
+    uint64_t u64Bytes;
+    int64_t i64View;
+    EOSSHAREDLOCK eossharedlock;
+    uint32_t u32Flags;
+};
+
+// The one lock guards the table, the counters and the settings. It is held for the bookkeeping only: never while
+// memory is taken or given back, and never while a line is logged.
+class COsMemImpl
+{
+public:
+    struct Block
+    {
+        void* pvAddress;
+        uint64_t u64Size;
+        uint32_t u32Method;
+    };
+
+    COsMemImpl();
+    ~COsMemImpl();
+    COsMemImpl(const COsMemImpl&) = delete;
+    COsMemImpl& operator=(const COsMemImpl&) = delete;
+
+    void SetMethod(EOSMEMTYPE a_eosmemtype);
+    void SetExternal(OsMemExternalAllocProc a_osmemexternalallocproc, OsMemExternalFreeProc a_osmemexternalfreeproc);
+    COsMem::Counts GetCounts();
+
+    void* Alloc(size_t a_sizetBytes, const OsMemCaller& a_osmemcaller, uint32_t a_u32Flags);
+    void Free(void* a_pvBlock, const OsMemCaller& a_osmemcaller, uint32_t a_u32Flags);
+    void Dump(const void* a_pvBlock);
+
+    void* SharedAlloc(const OsMemSharedRequest& a_osmemsharedrequest, const OsMemCaller& a_osmemcaller);
+    EOSSTS SharedLock(void* a_pvView, const OsMemCaller& a_osmemcaller);
+    EOSSTS SharedUnlock(void* a_pvView, const OsMemCaller& a_osmemcaller);
+    EOSSTS SharedFlush(void* a_pvView, const OsMemCaller& a_osmemcaller);
+    void* SharedRemap(void* a_pvView, uint64_t a_u64Offset, size_t a_sizetSize, const OsMemCaller& a_osmemcaller);
+
+private:
+    struct External
+    {
+        OsMemExternalAllocProc osmemexternalallocproc;
+        OsMemExternalFreeProc osmemexternalfreeproc;
+    };
+
+    // With the lock held.
+    uint32_t FindSlot(const void* a_pvBlock) const;   // OS_MEMSLOTS when it is not on record
+    uint32_t TakeSlot(uint64_t a_u64Address);         // OS_MEMSLOTS when none is free
+    void CountIn(uint64_t a_u64Size);
+    void CountOut(uint64_t a_u64Size);
+
+    EOSMEMTYPE Method();
+    External Externals();
+    Block Obtain(size_t a_sizetBytes, uint32_t a_u32Flags);
+    COsMem::Counts Track(const Block& a_block);
+    COsMem::Counts CountPassing(const Block& a_block);
+    bool TrackMapping(const OsMemRecord& a_osmemrecord, COsMem::Counts* a_pcounts);
+    bool Untrack(const void* a_pvBlock, OsMemRecord* a_posmemrecord, COsMem::Counts* a_pcounts);
+
+    void FreeUnrecorded(void* a_pvBlock, const OsMemCaller& a_osmemcaller, uint32_t a_u32Flags);
+    void Release(const OsMemRecord& a_osmemrecord, const OsMemCaller& a_osmemcaller);
+    void ReleaseExternal(void* a_pvBlock, const OsMemCaller& a_osmemcaller);
+    void ReportFailure(const OsMemCaller& a_osmemcaller);
+
+    // Runs the action with the slot of a view, with the lock held. False, and logged, for what is no view.
+    template <class Action>
+    bool WithMapping(const void* a_pvView, const OsMemCaller& a_osmemcaller, Action a_action);
+
+    EOSSHAREDMODE SharedMode();
+    bool IsFileBacked(const OsMemSharedRequest& a_osmemsharedrequest);
+
+    EOSMEMTYPE m_eosmemtype = OS_MEMTYPE_GLOBALALLOC;
+    COsMem::Counts m_counts = {};
+    uint64_t m_au64Slot[OS_MEMSLOTS] = {};   // addresses, 0 is free
+    OsMemRecord* m_aosmemrecord = nullptr;   // one for each slot; null only when its allocation failed
+    uint64_t m_u64Lock = 0;
+    EOSSHAREDMODE m_eossharedmode = OS_SHAREDMODE_UNDEFINED;   // until first needed
+    External m_external = {};
+
+    size_t m_sizetRecords = 0;        // bytes committed for the records
+    uint32_t m_u32FirstFree = 0;      // no slot below is free
+    uint32_t m_u32SlotsTouched = 0;   // no slot from here on was ever used
+};
+
+// The process's manager, null without one.
+COsMemImpl* OsMemImplementation();
+
+// Writes the crash report file: the machine's memory, this process's address space and its modules. Allocates nothing
+// and takes no lock.
+void OsMemWriteCrashReport();
+
+// Maps what a request asks for and fills the record with it; false, logged and with nothing left behind, when that
+// cannot be. OsMemReleaseMapping gives back the view and the handles of a record.
+bool OsMemMap(const OsMemSharedRequest& a_osmemsharedrequest, bool a_blFileBacked, OsMemRecord* a_posmemrecord);
+void OsMemReleaseMapping(const OsMemRecord& a_osmemrecord);

@@ -1,0 +1,269 @@
+// os_cosmem_shared.cpp: memory that processes share: which mode it is in, and the operations on its views.
+//
+// The view's lock between processes is a lock of the first byte of the file that names the memory. How a view comes
+// about is in os_cosmem_map.cpp.
+#include "os_cosmem_impl.h"
+
+#include "os_cfg.h"
+#include "os_cosspinlock.h"
+#include "os_log.h"
+
+#include "plat_file.h"
+#include "plat_memory.h"
+
+#include <iterator>
+
+static constexpr char g_szSource[] = "os/source/os_cosmem";
+
+// --------------------------------------------------------------------------------------------------- the shared mode
+
+static constexpr const char* g_aszSharedMode[] = {
+    "mem>>> shared mode is OS_SHAREDMODE_UNDEFINED",      "mem>>> shared mode is OS_SHAREDMODE_MAPFILEASNEEDED",
+    "mem>>> shared mode is OS_SHAREDMODE_MAPFILEALL",     "mem>>> shared mode is OS_SHAREDMODE_MAPPAGEFILEASNEEDED",
+    "mem>>> shared mode is OS_SHAREDMODE_MAPPAGEFILEALL", "mem>>> shared mode is OS_SHAREDMODE_LAST"};
+static_assert(std::size(g_aszSharedMode) == OS_SHAREDMODE_LAST + 1);
+
+static void TraceSharedMode(EOSSHAREDMODE a_eossharedmode, long a_lForce, int64_t a_i64Platform, int64_t a_i64Version)
+{
+    if (OsLogWorkingWord() == 0)
+        return;
+    OSLOG(OS_LOG_NOTE, "mem>>> ForceMemoryMap=%d Platform=%d Windows=%d", static_cast<int>(a_lForce),
+          static_cast<int>(a_i64Platform), static_cast<int>(a_i64Version));
+    if (a_eossharedmode < std::size(g_aszSharedMode))
+        OSLOG(OS_LOG_NOTE, "%s", g_aszSharedMode[a_eossharedmode]);
+    else
+        OSLOG(OS_LOG_NOTE, "mem>>> shared mode is unknown...%d", static_cast<int>(a_eossharedmode));
+}
+
+// Decided once, when it is first needed.
+EOSSHAREDMODE COsMemImpl::SharedMode()
+{
+    {
+        const COsSpinGuard guard(&m_u64Lock);
+        if (m_eossharedmode != OS_SHAREDMODE_UNDEFINED)
+            return m_eossharedmode;
+    }
+    const long lForce = OsCfgGetLong(OS_CFGTAG_FORCEMEMORYMAP);
+    int64_t i64Platform = 0;
+    int64_t i64Version = 0;
+    OsCfgGetInfo(OS_CFGINFO_PLATFORM, &i64Platform);
+    const bool blVersion = OsCfgGetInfo(OS_CFGINFO_WINDOWSVERSION, &i64Version) == EOSSTS_SUCCESS;
+    const EOSSHAREDMODE eossharedmode = lForce != 0                    ? static_cast<EOSSHAREDMODE>(lForce)
+                                        : blVersion && i64Version == 7 ? OS_SHAREDMODE_MAPFILEASNEEDED
+                                                                       : OS_SHAREDMODE_MAPPAGEFILEASNEEDED;
+    {
+        const COsSpinGuard guard(&m_u64Lock);
+        if (m_eossharedmode != OS_SHAREDMODE_UNDEFINED)
+            return m_eossharedmode;
+        m_eossharedmode = eossharedmode;
+    }
+    TraceSharedMode(eossharedmode, lForce, i64Platform, i64Version);
+    return eossharedmode;
+}
+
+bool COsMemImpl::IsFileBacked(const OsMemSharedRequest& a_osmemsharedrequest)
+{
+    const EOSSHAREDMODE eossharedmode = SharedMode();
+    const long lForce = OsCfgGetLong(OS_CFGTAG_FORCEMEMORYMAP);
+    const bool blFileMode = eossharedmode == OS_SHAREDMODE_MAPFILEASNEEDED || eossharedmode == OS_SHAREDMODE_MAPFILEALL;
+    const bool blPageFileForced = lForce == OS_SHAREDMODE_MAPPAGEFILEASNEEDED || lForce == OS_SHAREDMODE_MAPPAGEFILEALL;
+    return (a_osmemsharedrequest.u32Flags & OS_SHAREDFLAG_FILE) || (blFileMode && !blPageFileForced);
+}
+
+// ---------------------------------------------------------------------------------------------------- the operations
+
+void* COsMemImpl::SharedAlloc(const OsMemSharedRequest& a_osmemsharedrequest, const OsMemCaller& a_osmemcaller)
+{
+    OsMemRecord osmemrecord;
+    if (!OsMemMap(a_osmemsharedrequest, IsFileBacked(a_osmemsharedrequest), &osmemrecord))
+        return nullptr;
+
+    void* const pvView = reinterpret_cast<void*>(osmemrecord.u64Address);
+    COsMem::Counts counts;
+    if (!TrackMapping(osmemrecord, &counts))
+    {
+        OSLOG(OS_LOG_CHECK, "mem>>> No free slots...");
+        OSLOG(OS_LOG_CHECK, "mem>>> Manage failed...<%s>", osmemrecord.szName);
+        OsMemReleaseMapping(osmemrecord);
+        return nullptr;
+    }
+    if (OsLogWorkingWord() != 0)
+        OSLOG_AT(a_osmemcaller.szFile, a_osmemcaller.u32Line, OS_MEMLEVEL,
+                 "mem>>> f+   AD:%p   SZ:%-9llu  AC:%-6d  FC:%-6d  CC:%-6d  CB:%-9llu  PB:%-9llu %s", pvView,
+                 static_cast<unsigned long long>(osmemrecord.u64Size), static_cast<int>(counts.u32Allocations),
+                 static_cast<int>(counts.u32Frees), static_cast<int>(counts.u32Current),
+                 static_cast<unsigned long long>(counts.u64CurrentBytes),
+                 static_cast<unsigned long long>(counts.u64PeakBytes), osmemrecord.szName);
+    return pvView;
+}
+
+template <class Action>
+bool COsMemImpl::WithMapping(const void* a_pvView, const OsMemCaller& a_osmemcaller, Action a_action)
+{
+    uint32_t u32Slot;
+    {
+        const COsSpinGuard guard(&m_u64Lock);
+        u32Slot = FindSlot(a_pvView);
+        if (u32Slot != OS_MEMSLOTS && m_aosmemrecord[u32Slot].u32Method == OS_MEMTYPE_MEMORYMAP)
+        {
+            a_action(u32Slot);
+            return true;
+        }
+    }
+    if (u32Slot == OS_MEMSLOTS)
+        OSLOG(OS_LOG_CHECK, "mem>>> Manage didn't find mapping...");
+    else
+        OSLOG(OS_LOG_CHECK, "mem>>> This isn't a memory mapped pointer...");
+    OSLOG_AT(a_osmemcaller.szFile, a_osmemcaller.u32Line, OS_LOG_CHECK, "mem>>> Error occurred here...");
+    return false;
+}
+
+EOSSTS COsMemImpl::SharedLock(void* a_pvView, const OsMemCaller& a_osmemcaller)
+{
+    bool blHeld = false;
+    const bool blMapping = WithMapping(a_pvView, a_osmemcaller, [&](uint32_t a_u32Slot) {
+        OsMemRecord& osmemrecord = m_aosmemrecord[a_u32Slot];
+        if (osmemrecord.u32Lock == 0 && PlatFileLock(osmemrecord.plathandleFile, 0, 1))
+            osmemrecord.u32Lock = OS_MEMLOCK_HELD;
+        blHeld = osmemrecord.u32Lock != 0;
+    });
+    if (!blMapping)
+        return EOSSTS_FAIL;
+    return blHeld ? EOSSTS_LOCKED : EOSSTS_NOTLOCKED;
+}
+
+EOSSTS COsMemImpl::SharedUnlock(void* a_pvView, const OsMemCaller& a_osmemcaller)
+{
+    const bool blMapping = WithMapping(a_pvView, a_osmemcaller, [&](uint32_t a_u32Slot) {
+        OsMemRecord& osmemrecord = m_aosmemrecord[a_u32Slot];
+        if (osmemrecord.u32Lock != 0)
+            PlatFileUnlock(osmemrecord.plathandleFile, 0, 1);
+        osmemrecord.u32Lock = 0;
+    });
+    return blMapping ? EOSSTS_SUCCESS : EOSSTS_FAIL;
+}
+
+EOSSTS COsMemImpl::SharedFlush(void* a_pvView, const OsMemCaller& a_osmemcaller)
+{
+    uint64_t u64View = 0;
+    if (!WithMapping(a_pvView, a_osmemcaller, [&](uint32_t a_u32Slot) { u64View = m_aosmemrecord[a_u32Slot].u64View; }))
+        return EOSSTS_FAIL;
+    if (PlatMappingFlush(a_pvView, static_cast<size_t>(u64View)))
+        return EOSSTS_SUCCESS;
+    OSLOG(OS_LOG_CHECK, "mem>>> FlushViewOfFile failed...");
+    return EOSSTS_FAIL;
+}
+
+// Maps the part of a record's memory that holds the bytes asked for; null, and logged, when that cannot be.
+static void* MapPart(const OsMemRecord& a_osmemrecord, uint64_t a_u64Offset, size_t a_sizetSize,
+                     OsMemRecord* a_posmemrecordNew)
+{
+    const PlatHandle plathandle =
+        a_osmemrecord.plathandleMapping ? a_osmemrecord.plathandleMapping : a_osmemrecord.plathandleFile;
+    uint64_t u64Length = 0;
+    if (!PlatFileSize(plathandle, &u64Length) || a_u64Offset > u64Length)
+    {
+        OSLOG(OS_LOG_CHECK, "mem>>> The offset is larger than the file...");
+        return nullptr;
+    }
+    const uint64_t u64Base = a_u64Offset / PlatMemoryGranularity() * PlatMemoryGranularity();
+    const uint64_t u64Rest = u64Length - a_u64Offset;
+    const bool blThere = a_sizetSize <= u64Rest && u64Length > u64Base;
+    size_t sizetView = static_cast<size_t>((a_sizetSize ? a_sizetSize : u64Rest) + (a_u64Offset - u64Base));
+    void* const pvView =
+        blThere ? PlatMappingView(plathandle, u64Base, !(a_osmemrecord.u32Traits & OS_MEMTRAIT_READONLY), &sizetView)
+                : nullptr;
+    if (!pvView)
+    {
+        OSLOG(OS_LOG_CHECK, "mem>>> MapViewOfFile failed...<%s> 0x%08x %llu", a_osmemrecord.szName,
+              static_cast<uint32_t>(a_sizetSize), static_cast<unsigned long long>(a_u64Offset));
+        return nullptr;
+    }
+    *a_posmemrecordNew = a_osmemrecord;
+    a_posmemrecordNew->u64Address = reinterpret_cast<uint64_t>(pvView);
+    a_posmemrecordNew->u64Offset = u64Base;
+    a_posmemrecordNew->u64View = sizetView;
+    a_posmemrecordNew->u32View = static_cast<uint32_t>(sizetView);
+    return pvView;
+}
+
+// The new part is mapped before the old one goes, so a failure leaves the view as it was.
+void* COsMemImpl::SharedRemap(void* a_pvView, uint64_t a_u64Offset, size_t a_sizetSize,
+                              const OsMemCaller& a_osmemcaller)
+{
+    OsMemRecord osmemrecordOld;
+    if (!WithMapping(a_pvView, a_osmemcaller, [&](uint32_t a_u32Slot) { osmemrecordOld = m_aosmemrecord[a_u32Slot]; }))
+        return nullptr;
+    OsMemRecord osmemrecordNew;
+    void* const pvView = MapPart(osmemrecordOld, a_u64Offset, a_sizetSize, &osmemrecordNew);
+    if (!pvView)
+        return nullptr;
+
+    if (!WithMapping(a_pvView, a_osmemcaller, [&](uint32_t a_u32Slot) {
+            osmemrecordNew.u32Lock = m_aosmemrecord[a_u32Slot].u32Lock;
+            m_aosmemrecord[a_u32Slot] = osmemrecordNew;
+            m_au64Slot[a_u32Slot] = osmemrecordNew.u64Address;
+        }))
+    {
+        PlatMappingRelease(pvView, static_cast<size_t>(osmemrecordNew.u64View));
+        return nullptr;
+    }
+    if (!PlatMappingRelease(a_pvView, static_cast<size_t>(osmemrecordOld.u64View)))
+        OSLOG(OS_LOG_CHECK, "mem>>> UnmapViewOfFile failed...we'll keep going...");
+    OSLOG_AT(a_osmemcaller.szFile, a_osmemcaller.u32Line, OS_MEMLEVEL, "mem>>> remap: %p --> %p %9llu %9d %s", a_pvView,
+             pvView, static_cast<unsigned long long>(osmemrecordNew.u64Offset), static_cast<int>(a_sizetSize),
+             osmemrecordNew.szName[0] ? osmemrecordNew.szName : "(null file)");
+    return pvView;
+}
+
+// ---------------------------------------------------------------------------------------------------------- the calls
+
+static COsMemImpl* UsableManager()
+{
+    COsMemImpl* const posmemimpl = OsMemImplementation();
+    if (!posmemimpl)
+        OSLOG(OS_LOG_CHECK, "mem>>> m_posmemimpl is null...");
+    return posmemimpl;
+}
+
+void* OsMemSharedAlloc(EOSSHAREDALLOC a_eossharedalloc, const char* a_szName, uint64_t a_u64Bytes, int64_t a_i64View,
+                       EOSSHAREDLOCK a_eossharedlock, uint32_t a_u32Flags, const char* a_szFile, uint32_t a_u32Line)
+{
+    COsMemImpl* const posmemimpl = UsableManager();
+    if (!posmemimpl)
+        return nullptr;
+    if (a_eossharedalloc != OS_SHAREDALLOC_OPEN && a_u64Bytes == 0 && a_i64View < 1)
+    {
+        OSLOG(OS_LOG_CHECK, "mem>>> a_u64Bytes and a_sizetView can only be 0 and -1 for OS_SHAREDALLOC_OPEN...");
+        OSLOG_AT(a_szFile, a_u32Line, OS_LOG_CHECK, "mem>>> Error occurred here...");
+        return nullptr;
+    }
+    return posmemimpl->SharedAlloc(
+        {a_eossharedalloc, a_szName ? a_szName : "", a_u64Bytes, a_i64View, a_eossharedlock, a_u32Flags},
+        {a_szFile, a_u32Line});
+}
+
+EOSSTS OsMemSharedLock(void* a_pvView, const char* a_szFile, uint32_t a_u32Line)
+{
+    COsMemImpl* const posmemimpl = UsableManager();
+    return posmemimpl ? posmemimpl->SharedLock(a_pvView, {a_szFile, a_u32Line}) : EOSSTS_FAIL;
+}
+
+EOSSTS OsMemSharedUnlock(void* a_pvView, const char* a_szFile, uint32_t a_u32Line)
+{
+    COsMemImpl* const posmemimpl = UsableManager();
+    return posmemimpl ? posmemimpl->SharedUnlock(a_pvView, {a_szFile, a_u32Line}) : EOSSTS_FAIL;
+}
+
+EOSSTS OsMemSharedFlush(void* a_pvView, const char* a_szFile, uint32_t a_u32Line)
+{
+    COsMemImpl* const posmemimpl = UsableManager();
+    return posmemimpl ? posmemimpl->SharedFlush(a_pvView, {a_szFile, a_u32Line}) : EOSSTS_FAIL;
+}
+
+void* OsMemSharedRemap(void* a_pvView, uint64_t a_u64Offset, size_t a_sizetSize, const char* a_szFile,
+                       uint32_t a_u32Line)
+{
+    COsMemImpl* const posmemimpl = UsableManager();
+    return posmemimpl ? posmemimpl->SharedRemap(a_pvView, a_u64Offset, a_sizetSize, {a_szFile, a_u32Line}) : nullptr;
+}
