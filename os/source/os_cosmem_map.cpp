@@ -129,6 +129,8 @@ void OsMemReleaseMapping(const OsMemRecord& a_osmemrecord)
 
 // ------------------------------------------------------------------------------------------------------- the mapper
 
+static constexpr uint32_t g_u32ReadWrite = PLAT_ACCESS_READ | PLAT_ACCESS_WRITE;
+
 // Builds up the record of a view; what it has taken goes back with it, until the record is handed over.
 class OsMemMapper
 {
@@ -143,6 +145,7 @@ public:
 
 private:
     bool TakeName();
+    bool ClearFile();
     bool OpenFile();
     bool LockFile();
     bool SizeFile();
@@ -218,28 +221,35 @@ bool OsMemMapper::TakeName()
     return blWhole && CopyStringFromUtf8(m_wszName, std::size(m_wszName), m_osmemrecord.szName) != 0;
 }
 
+// A create takes what is there over, but never from under somebody: to cut a file that another has mapped would end
+// the other's process. Nobody has it who can be kept out for a moment.
+bool OsMemMapper::ClearFile()
+{
+    PlatFileInfo platfileinfo;
+    m_blExisted = PlatFileGetInfo(m_wszName, &platfileinfo);
+    const PlatHandle plathandle =
+        PlatFileOpen(m_wszName, g_u32ReadWrite, PLAT_SHARE_NONE, PLAT_DISPOSITION_CREATEALWAYS, 0);
+    return plathandle != PLAT_INVALID && PlatClose(plathandle);
+}
+
 bool OsMemMapper::OpenFile()
 {
     const uint32_t u32Share = (m_osmemsharedrequest.u32Flags & OS_SHAREDFLAG_EXCLUSIVE)
                                   ? PLAT_SHARE_NONE
                                   : PLAT_SHARE_READ | PLAT_SHARE_WRITE | PLAT_SHARE_DELETE;
-    const PlatDisposition platdisposition = m_blCreate ? PLAT_DISPOSITION_CREATEALWAYS : PLAT_DISPOSITION_OPENEXISTING;
     const uint32_t u32Flags = m_blCreate ? PLAT_OPEN_DELETEONCLOSE : 0;
-    constexpr uint32_t u32ReadWrite = PLAT_ACCESS_READ | PLAT_ACCESS_WRITE;
-    if (m_blCreate)
-    {
-        PlatFileInfo platfileinfo;
-        m_blExisted = PlatFileGetInfo(m_wszName, &platfileinfo);
-    }
-
-    PlatHandle plathandle =
-        PlatFileOpen(m_wszName, m_blReadOnly ? PLAT_ACCESS_READ : u32ReadWrite, u32Share, platdisposition, u32Flags);
+    const auto open = [&](uint32_t a_u32Access) {
+        return PlatFileOpen(m_wszName, a_u32Access, u32Share, PLAT_DISPOSITION_OPENEXISTING, u32Flags);
+    };
+    PlatHandle plathandle = PLAT_INVALID;
+    if (!m_blCreate || ClearFile())
+        plathandle = open(m_blReadOnly ? PLAT_ACCESS_READ : g_u32ReadWrite);
     if (plathandle == PLAT_INVALID && m_blReadOnly && PlatGetLastError() == PLAT_ERROR_SHARING)
-        plathandle = PlatFileOpen(m_wszName, u32ReadWrite, u32Share, platdisposition, u32Flags);
+        plathandle = open(g_u32ReadWrite);
     if (plathandle == PLAT_INVALID)
     {
         OSLOG(OS_LOG_ERROR, "mem>>> CreateFile failed...<%s> %d", m_osmemrecord.szName,
-              static_cast<int>(platdisposition));
+              static_cast<int>(m_blCreate ? PLAT_DISPOSITION_CREATEALWAYS : PLAT_DISPOSITION_OPENEXISTING));
         return false;
     }
     m_osmemrecord.plathandleFile = plathandle;
