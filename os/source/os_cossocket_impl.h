@@ -1,0 +1,221 @@
+// os_cossocket_impl.h: the state of a connection, shared by the sources of the class.
+//
+// os_cossocket.cpp           the public object, construction, create, listen, accept, names, process-wide start
+// os_cossocket_connect.cpp   the choice of the transport, and connecting
+// os_cossocket_io.cpp        read, write, disconnect, and who may close while others work
+// os_cossocket_wait.cpp      the one wait of the TCP transport, and what cancels it
+// os_cossocket_debug.cpp     the side log and the data trace
+//
+// A transport has its own branch wherever an operation switches on the socket type; what no branch takes is answered
+// with "Unsupported...%d".
+#pragma once
+
+#include "os_cossocket.h"
+#include "os_log.h"
+
+#include "plat_socket.h"
+#include "plat_types.h"
+
+#include <atomic>
+#include <memory>
+#include <optional>
+
+// A listening socket. The object that made it and the accept-side objects share it; the last one closes it, so that
+// none waits on a handle that belongs to somebody else meanwhile.
+class SocketListener
+{
+public:
+    explicit SocketListener(PlatHandle a_plathandle) : m_plathandle(a_plathandle) {}
+    SocketListener(const SocketListener&) = delete;
+    SocketListener& operator=(const SocketListener&) = delete;
+
+    PlatHandle Handle() const { return m_plathandle; }
+    SocketListener* Share();
+    static void Drop(SocketListener*& a_psocketlistener);   // null is left alone; clears the reference
+
+private:
+    ~SocketListener();
+
+    const PlatHandle m_plathandle;
+    std::atomic<uint32_t> m_u32References{1};
+};
+
+// A socket event, made when a wait first needs it, and what is selected onto it: an unchanged mask is not set again.
+struct SocketEvent
+{
+    PlatHandle plathandle = PLAT_INVALID;
+    PlatHandle plathandleSocket = PLAT_INVALID;
+    uint32_t u32Mask = 0;
+};
+
+// Who may close while others work: every operation counts itself in u32Operations for as long as it uses handles.
+// Whoever disconnects puts itself into pvCloser first, wakes what waits, and closes once the count is 0; an operation
+// that comes meanwhile finds no socket. What one thread changes while another may look is atomic; the rest belongs
+// to the thread that reads, the one that writes, or the one that disconnects.
+struct SocketState
+{
+    std::atomic<uint32_t> u32Operations{0};   // low half: all; high half: reads
+    std::atomic<const void*> pvCloser{nullptr};
+
+    std::atomic<EOSSOCKETTYPE> eossockettype{OS_SOCKETTYPE_UNDEFINED};
+    std::atomic<PlatHandle> plathandleConnected{PLAT_INVALID};
+    std::atomic<PlatHandle> plathandleProcess{PLAT_INVALID};   // a process whose end aborts waits
+
+    uint64_t u64CancelLock = 0;                   // keeps the next two in step
+    std::atomic<bool> blCancelRequested{false};   // the cancel event is signalled
+    PlatHandle plathandleCancel = PLAT_INVALID;
+
+    SocketEvent socketeventRead;
+    SocketEvent socketeventWrite;
+
+    SocketListener* psocketlistener = nullptr;
+    bool blOwnsListener = false;
+    bool blSideLog = false;
+    uint16_t u16Port = 0;
+    PlatAddress plataddress{};       // bound address of a listener, else the peer
+    char szHost[OS_PATHSIZE] = "";   // the address in use, dotted once it is resolved
+};
+
+// Counts an operation in, unless somebody disconnects.
+class SocketOperation
+{
+public:
+    static constexpr uint32_t OS_OPERATION = 1;
+    static constexpr uint32_t OS_OPERATION_READ = 0x10001;
+    static constexpr uint32_t OS_OPERATION_ALL = 0xFFFF;
+
+    explicit SocketOperation(SocketState& a_socketstate, uint32_t a_u32Operation = OS_OPERATION);
+    ~SocketOperation();
+    SocketOperation(const SocketOperation&) = delete;
+    SocketOperation& operator=(const SocketOperation&) = delete;
+
+    bool Entered() const { return m_u32Operation != 0; }
+
+    // The connected socket, none for an operation that was not let in.
+    PlatHandle Connected() const { return Entered() ? m_socketstate.plathandleConnected.load() : PLAT_INVALID; }
+    PlatHandle Listening() const;
+
+private:
+    SocketState& m_socketstate;
+    uint32_t m_u32Operation;
+};
+
+// One wait: what is asked, and what is known so far.
+struct SocketWait
+{
+    const COsSocket::SelectArgs& selectargs;
+    PlatHandle plathandleSocket = PLAT_INVALID;
+    SocketEvent* psocketevent = nullptr;
+    uint32_t u32Mask = 0;
+    uint32_t u32Events = 0;   // found by a look before the wait
+    bool blLook = true;       // false: the caller has just found nothing
+};
+
+class COsSocketImpl
+{
+public:
+    COsSocketImpl() = default;
+    ~COsSocketImpl();
+    COsSocketImpl(const COsSocketImpl&) = delete;
+    COsSocketImpl& operator=(const COsSocketImpl&) = delete;
+
+    bool Initialize();   // false (logged): no memory
+
+    EOSSTS Create(const char* a_szHost, const char* a_szPort, bool a_blSource, COsSocketImpl* a_possocketimplSource);
+    EOSSTS Listen();
+    EOSSTS Accept(COsSync* a_possyncStop);
+    EOSSTS Connect(const COsSocket::ConnectArgs& a_connectargs);
+    EOSSTS Read(const COsSocket::ReadArgs& a_readargs, size_t* a_psizetRead);
+    EOSSTS Write(const COsSocket::WriteArgs& a_writeargs, size_t* a_psizetWritten);
+    EOSSTS Select(const COsSocket::SelectArgs& a_selectargs);
+    void Cancel();
+    bool Disconnect(bool a_blGraceful);   // false: an operation has not left, its handles stay open
+    EOSSTS GetInfo(char* a_szHost, char* a_szPort) const;
+    static EOSSTS ResolveHost(const char* a_szHost, char* a_szAddress);
+
+private:
+    EOSSOCKETTYPE Type() const { return m_psocketstate->eossockettype.load(); }
+    int TypeNumber() const { return static_cast<int>(Type()); }
+    int Port() const { return m_psocketstate->u16Port; }
+    EOSSTS Unsupported() const;   // logs, EOSSTS_FAIL
+
+    // Create, listen, accept.
+    bool CreateTcp(const char* a_szHost, const char* a_szPort, bool a_blSource, COsSocketImpl* a_possocketimplSource);
+    bool ShareListener(COsSocketImpl* a_possocketimplSource);
+    bool MakeListener(const char* a_szPort, bool* a_pblPort);
+    bool BindListener(const PlatAddress& a_plataddress);
+    bool CreateCancelEvent();
+    EOSSTS WaitForConnection(COsSync* a_possyncStop);
+    EOSSTS Adopt(PlatHandle a_plathandleConnected);
+    void ForgetListener();
+    void ReleaseLeftovers();
+    void LogAddress(uint32_t a_u32Level, const PlatAddress& a_plataddress) const;
+
+    // Connect.
+    bool ChooseType(const char* a_szHost, const char* a_szPort);
+    EOSSTS ConnectTcp(const COsSocket::ConnectArgs& a_connectargs, const char* a_szHost, const char* a_szPort);
+    bool FindPeer();
+    bool CreateConnectSocket(bool a_blNoDelay);
+    void PreparePort(const char* a_szPort);
+    bool WatchProcess(uint64_t a_u64ProcessId);
+    bool StartConnect();
+    EOSSTS AwaitConnect(int32_t a_i32Timeout);
+    EOSSTS ConnectStatus(uint32_t a_u32Result);
+
+    // Read and write.
+    EOSSTS ReadTcp(const COsSocket::ReadArgs& a_readargs, PlatHandle a_plathandle, size_t* a_psizetRead);
+    std::optional<EOSSTS> WaitForBytes(const COsSocket::ReadArgs& a_readargs, PlatHandle a_plathandle, int* a_piPass,
+                                       size_t* a_psizetRead);
+    bool TakeBytes(const COsSocket::ReadArgs& a_readargs, PlatHandle a_plathandle, size_t* a_psizetRead);
+    EOSSTS FailedWait(const COsSocket::ReadArgs& a_readargs, EOSSTS a_eossts) const;
+    EOSSTS WriteTcp(const COsSocket::WriteArgs& a_writeargs, PlatHandle a_plathandle, size_t* a_psizetWritten);
+    EOSSTS WaitForRoom(const COsSocket::WriteArgs& a_writeargs);
+    bool SendWithRetries(const COsSocket::WriteArgs& a_writeargs, PlatHandle a_plathandle, size_t* a_psizetWritten);
+
+    // Disconnect.
+    bool BecomeCloser();
+    bool WaitForOperations();
+    void WaitForPeer();
+    void Release();
+
+    // The wait.
+    EOSSTS SelectOpen(const COsSocket::SelectArgs& a_selectargs);
+    std::optional<EOSSTS> Await(SocketWait* a_psocketwait);
+    std::optional<EOSSTS> BeginWait(SocketWait* a_psocketwait);
+    bool LookFirst(SocketWait* a_psocketwait);
+    bool MayRetry(const COsSocket::SelectArgs& a_selectargs, int a_iRetries) const;
+    EOSSTS EndWait(const SocketWait& a_socketwait, uint32_t a_u32Result);
+    EOSSTS Enumerate(const SocketWait& a_socketwait);
+    bool SelectEvent(SocketEvent* a_psocketevent, PlatHandle a_plathandleSocket, uint32_t a_u32Mask);
+    bool ReadIsInProgress() const { return m_psocketstate->u32Operations > SocketOperation::OS_OPERATION_ALL; }
+    bool CancelIsRequested() const { return m_psocketstate->blCancelRequested.load(); }
+    void RequestCancel();
+    void ConsumeCancel();
+    void CancelTcp();
+
+    // The side log, for the calls of SOCKETSIDELOG.
+    void SideLog(uint32_t a_u32Line, const char* a_szFormat, ...) const OS_PRINTFLIKE(3, 4);
+
+    std::unique_ptr<SocketState> m_psocketstate;
+};
+static_assert(sizeof(COsSocketImpl) == 8, "the size is part of the log");
+
+// Tells something to the side log and, with a_blLogging, to the log.
+#define SOCKETTELL(a_blLogging, a_u32Level, ...)                                                                       \
+    do                                                                                                                 \
+    {                                                                                                                  \
+        if (m_psocketstate->blSideLog)                                                                                 \
+            SideLog(static_cast<uint32_t>(__LINE__), __VA_ARGS__);                                                     \
+        if (a_blLogging)                                                                                               \
+            OSLOG((a_u32Level), __VA_ARGS__);                                                                          \
+    } while (false)
+
+// The data trace of one receive or send, when the configuration asks for it.
+void OsSocketTraceReceive(const void* a_pvBytes, size_t a_sizetBytes);
+void OsSocketTraceSend(const void* a_pvBytes, size_t a_sizetBytes);
+
+// The port number of a text; false when it is out of range.
+bool OsSocketParsePort(const char* a_szPort, uint16_t* a_pu16Port);
+
+// A host name's first IPv4 address. False when it has none (logged).
+bool OsSocketLookUp(const char* a_szHost, PlatAddress* a_pplataddress);

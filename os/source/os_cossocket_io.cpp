@@ -1,0 +1,335 @@
+// os_cossocket_io.cpp: read, write, disconnect, and who may close while others work.
+#include "os_cfg.h"
+#include "os_cossocket_impl.h"
+#include "os_cosspinlock.h"
+
+#include "plat_system.h"
+#include "plat_wait.h"
+
+#include <cstring>
+
+static constexpr char g_szSource[] = "os/source/os_cossocket";
+
+static constexpr int OS_SENDRETRYLIMIT = 8;   // the last of the retries, counted from 0
+static constexpr uint32_t OS_SENDRETRYPAUSE = 100;
+static constexpr uint32_t OS_GRACEFULTIMEOUT = 5000;
+static constexpr uint32_t OS_LEAVETIMEOUT = 5000;   // for operations that are under way when somebody disconnects
+static constexpr uint32_t OS_LEAVECANCEL = 16;      // ms between the cancels that they get meanwhile
+
+// Who may close while others work.
+
+SocketOperation::SocketOperation(SocketState& a_socketstate, uint32_t a_u32Operation)
+    : m_socketstate(a_socketstate), m_u32Operation(a_u32Operation)
+{
+    m_socketstate.u32Operations.fetch_add(m_u32Operation);
+    if (m_socketstate.pvCloser.load())
+    {
+        m_socketstate.u32Operations.fetch_sub(m_u32Operation);
+        m_u32Operation = 0;
+    }
+}
+
+SocketOperation::~SocketOperation()
+{
+    if (m_u32Operation != 0)
+        m_socketstate.u32Operations.fetch_sub(m_u32Operation);
+}
+
+PlatHandle SocketOperation::Listening() const
+{
+    return Entered() && m_socketstate.psocketlistener ? m_socketstate.psocketlistener->Handle() : PLAT_INVALID;
+}
+
+// Read.
+
+EOSSTS COsSocketImpl::Read(const COsSocket::ReadArgs& a_readargs, size_t* a_psizetRead)
+{
+    *a_psizetRead = 0;
+    const SocketOperation socketoperation(*m_psocketstate, SocketOperation::OS_OPERATION_READ);
+    if (Type() != OS_SOCKETTYPE_TCP)
+        return Unsupported();
+    const PlatHandle plathandle = socketoperation.Connected();
+    if (plathandle == PLAT_INVALID)
+    {
+        OSLOG(OS_LOG_ERROR, "sock>>> read: must open a socket first...");
+        return EOSSTS_NOTOPEN;
+    }
+    return ReadTcp(a_readargs, plathandle, a_psizetRead);
+}
+
+// Makes all of the buffer zero that holds no received bytes.
+static void ClearRest(const COsSocket::ReadArgs& a_readargs, size_t a_sizetReceived)
+{
+    const size_t sizetDirty = a_readargs.psizetDirty ? *a_readargs.psizetDirty : a_readargs.sizetBuffer;
+    if (sizetDirty > a_sizetReceived)
+        std::memset(static_cast<char*>(a_readargs.pvBuffer) + a_sizetReceived, 0, sizetDirty - a_sizetReceived);
+    if (a_readargs.psizetDirty)
+        *a_readargs.psizetDirty = a_sizetReceived;
+}
+
+// Takes what has arrived. False, with the buffer untouched, when there is nothing to take.
+bool COsSocketImpl::TakeBytes(const COsSocket::ReadArgs& a_readargs, PlatHandle a_plathandle, size_t* a_psizetRead)
+{
+    size_t sizetRead = 0;
+    if (!PlatSocketReceive(a_plathandle, a_readargs.pvBuffer, a_readargs.sizetBuffer, &sizetRead) || sizetRead == 0)
+        return false;
+    ClearRest(a_readargs, sizetRead);
+    OsSocketTraceReceive(a_readargs.pvBuffer, sizetRead);
+    *a_psizetRead = sizetRead;
+    return true;
+}
+
+EOSSTS COsSocketImpl::ReadTcp(const COsSocket::ReadArgs& a_readargs, PlatHandle a_plathandle, size_t* a_psizetRead)
+{
+    for (int iPass = 0;;)
+    {
+        if (a_readargs.u32Timeout != 0)
+        {
+            const std::optional<EOSSTS> eossts = WaitForBytes(a_readargs, a_plathandle, &iPass, a_psizetRead);
+            if (eossts)
+                return *eossts;
+        }
+
+        PlatSetLastError(PLAT_ERROR_NONE);
+        if (TakeBytes(a_readargs, a_plathandle, a_psizetRead))
+            return EOSSTS_SUCCESS;
+        const uint32_t u32Error = PlatGetLastError();
+        ClearRest(a_readargs, 0);
+        // Without a wait, nothing to read and the end of the stream are the same.
+        if (u32Error == PLAT_ERROR_NONE || (u32Error == PLAT_ERROR_WOULDBLOCK && a_readargs.u32Timeout == 0))
+        {
+            OSLOG(OS_LOG_NOTE, "sock>>> read: remote connection has been closed...");
+            return EOSSTS_DISCONNECTED;
+        }
+        if (u32Error != PLAT_ERROR_WOULDBLOCK)
+        {
+            OSLOG(OS_LOG_ERROR, "sock>>> read: recv failed...");
+            return EOSSTS_DISCONNECTED;
+        }
+        OSLOG(OS_LOG_NOTE, ">>> goto RETRY_RECV");
+    }
+}
+
+// Waits until there is something to receive (no value). Success: it has been received already. A receive costs as
+// much as the question whether one would work, so it is tried where the question would stand; only what has to come
+// first stays in front of it, a cancel and the child of a thread.
+std::optional<EOSSTS> COsSocketImpl::WaitForBytes(const COsSocket::ReadArgs& a_readargs, PlatHandle a_plathandle,
+                                                  int* a_piPass, size_t* a_psizetRead)
+{
+    const int iTimeout = static_cast<int>(a_readargs.u32Timeout);
+    const int iTag = static_cast<int>(a_readargs.u32Tag);
+    for (;;)
+    {
+        OSLOG(OS_LOG_NOTE, ">>> socket Select(read,%d,%d,%d)", iTimeout, iTag, (*a_piPass)++);
+        if (!CancelIsRequested() && !a_readargs.posthread && TakeBytes(a_readargs, a_plathandle, a_psizetRead))
+            return EOSSTS_SUCCESS;
+
+        uint32_t u32Read = 0;
+        uint32_t u32Except = 0;
+        const COsSocket::SelectArgs selectargs{.pu32Read = &u32Read,
+                                               .pu32Except = &u32Except,
+                                               .u32Timeout = a_readargs.u32Timeout,
+                                               .posthread = a_readargs.posthread,
+                                               .possyncStop = a_readargs.possyncStop};
+        SocketWait socketwait{.selectargs = selectargs, .blLook = a_readargs.posthread != nullptr};
+        std::optional<EOSSTS> eossts = Await(&socketwait);
+        if (!eossts && TakeBytes(a_readargs, a_plathandle, a_psizetRead))
+            return EOSSTS_SUCCESS;
+        if (!eossts)
+            eossts = Enumerate(socketwait);
+        if (*eossts != EOSSTS_SUCCESS)
+            return FailedWait(a_readargs, *eossts);
+        if (u32Read != 0)
+            return std::nullopt;
+        if (u32Except != 0)
+        {
+            OSLOG(OS_LOG_ERROR, "Exception on %d...%d %d, turning it into a disconnect...", Port(), iTag, iTimeout);
+            return EOSSTS_DISCONNECTED;
+        }
+        OSLOG(OS_LOG_NOTE, "Select was triggered, but said it didn't have any data on %d...%d", Port(), iTag);
+    }
+}
+
+EOSSTS COsSocketImpl::FailedWait(const COsSocket::ReadArgs& a_readargs, EOSSTS a_eossts) const
+{
+    const int iTimeout = static_cast<int>(a_readargs.u32Timeout);
+    const int iTag = static_cast<int>(a_readargs.u32Tag);
+    switch (a_eossts)
+    {
+    case EOSSTS_TIMEOUT:
+        OSLOG(OS_LOG_ERROR, "Select timeout on %d...%d %d", Port(), iTag, iTimeout);
+        return EOSSTS_TIMEOUT;
+    case EOSSTS_CANCELLED:
+        OSLOG(OS_LOG_ERROR, "Cancel on %d...%d %d, turning it into a disconnect...", Port(), iTag, iTimeout);
+        return EOSSTS_DISCONNECTED;
+    default:
+        OSLOG(a_readargs.blQuiet ? OS_LOG_NOTE : OS_LOG_ERROR, "Select failed on %d...%d", Port(),
+              static_cast<int>(a_eossts));
+        return a_eossts;
+    }
+}
+
+// Write.
+
+EOSSTS COsSocketImpl::Write(const COsSocket::WriteArgs& a_writeargs, size_t* a_psizetWritten)
+{
+    size_t sizetWritten = 0;
+    size_t& sizetResult = a_psizetWritten ? *a_psizetWritten : sizetWritten;
+    sizetResult = 0;
+    const SocketOperation socketoperation(*m_psocketstate);
+    if (Type() != OS_SOCKETTYPE_TCP)
+    {
+        if (a_writeargs.blLogging)
+            OSLOG(OS_LOG_CHECK, "Unsuppported...%d", TypeNumber());
+        return EOSSTS_FAIL;
+    }
+    const PlatHandle plathandle = socketoperation.Connected();
+    if (plathandle == PLAT_INVALID)
+    {
+        SOCKETTELL(a_writeargs.blLogging, OS_LOG_ERROR, "sock>>> write: must open a socket first...");
+        return EOSSTS_NOTOPEN;
+    }
+    return WriteTcp(a_writeargs, plathandle, &sizetResult);
+}
+
+EOSSTS COsSocketImpl::WriteTcp(const COsSocket::WriteArgs& a_writeargs, PlatHandle a_plathandle,
+                               size_t* a_psizetWritten)
+{
+    if (const EOSSTS eossts = WaitForRoom(a_writeargs); eossts != EOSSTS_SUCCESS)
+        return eossts;
+    if (!SendWithRetries(a_writeargs, a_plathandle, a_psizetWritten))
+    {
+        SOCKETTELL(a_writeargs.blLogging, OS_LOG_ERROR, "sock>>> write: send failed...");
+        return EOSSTS_DISCONNECTED;
+    }
+    OsSocketTraceSend(a_writeargs.pvBuffer, *a_psizetWritten);
+    return EOSSTS_SUCCESS;
+}
+
+// Success also when there is no room after all: the send is tried anyway. A peer that has gone is found here, before
+// anything is sent that nobody would read.
+EOSSTS COsSocketImpl::WaitForRoom(const COsSocket::WriteArgs& a_writeargs)
+{
+    uint32_t u32Write = 0;
+    const COsSocket::SelectArgs selectargs{
+        .pu32Write = &u32Write, .u32Timeout = a_writeargs.u32Timeout, .blLogging = a_writeargs.blLogging};
+    const EOSSTS eossts = SelectOpen(selectargs);
+    switch (eossts)
+    {
+    case EOSSTS_SUCCESS:
+    case EOSSTS_TIMEOUT:
+        return EOSSTS_SUCCESS;
+    case EOSSTS_CANCELLED:
+        SOCKETTELL(a_writeargs.blLogging, OS_LOG_ERROR, "Cancel on %d, turning it into a disconnect...", Port());
+        return EOSSTS_DISCONNECTED;
+    default:
+        if (a_writeargs.blLogging)
+            OSLOG(OS_LOG_NOTE, "Select failed on %d...%d", Port(), static_cast<int>(eossts));
+        return eossts;
+    }
+}
+
+bool COsSocketImpl::SendWithRetries(const COsSocket::WriteArgs& a_writeargs, PlatHandle a_plathandle,
+                                    size_t* a_psizetWritten)
+{
+    const auto send = [&] {
+        return PlatSocketSend(a_plathandle, a_writeargs.pvBuffer, a_writeargs.sizetBuffer, a_psizetWritten);
+    };
+    bool blSent = send();
+    for (int iTry = 0; !blSent && PlatGetLastError() == PLAT_ERROR_WOULDBLOCK && iTry <= OS_SENDRETRYLIMIT; ++iTry)
+    {
+        SOCKETTELL(a_writeargs.blLogging, OS_LOG_NOTE,
+                   "sock>>> write: send failed WSAEWOULDBLOCK. Sleep (%d) and retry again (%d)",
+                   static_cast<int>(OS_SENDRETRYPAUSE), iTry);
+        PlatSleep(OS_SENDRETRYPAUSE);
+        blSent = send();
+    }
+    if (!blSent)
+        *a_psizetWritten = 0;
+    return blSent;
+}
+
+// Disconnect.
+
+bool COsSocketImpl::Disconnect(bool a_blGraceful)
+{
+    if (!BecomeCloser())
+        return true;
+    const PlatHandle plathandle = m_psocketstate->plathandleConnected;
+    const bool blConnected = Type() == OS_SOCKETTYPE_TCP && plathandle != PLAT_INVALID;
+    if (blConnected)
+    {
+        PlatSocketShutdown(plathandle, !a_blGraceful, true);
+        CancelTcp();
+    }
+    const bool blLeft = WaitForOperations();
+    if (blLeft && blConnected && a_blGraceful)
+        WaitForPeer();
+    if (blLeft)
+        Release();
+    m_psocketstate->pvCloser = nullptr;
+    return blLeft;
+}
+
+// False when the calling thread is disconnecting already: what it does may log, and the logger may disconnect.
+// Another thread is waited for.
+bool COsSocketImpl::BecomeCloser()
+{
+    static thread_local const char s_chThread = 0;   // its address stands for the thread
+    for (;;)
+    {
+        const void* pvCloser = nullptr;
+        if (m_psocketstate->pvCloser.compare_exchange_strong(pvCloser, &s_chThread))
+            return true;
+        if (pvCloser == &s_chThread)
+            return false;
+        PlatSleep(1);
+    }
+}
+
+// Waits until every operation has left. What still waits may have been on its way into the wait when the cancel
+// came, or there may be two of them, so it is repeated. A thread that was terminated never leaves: false then.
+bool COsSocketImpl::WaitForOperations()
+{
+    const uint64_t u64Begin = PlatTicks();
+    for (uint32_t u32Pauses = 1; (m_psocketstate->u32Operations & SocketOperation::OS_OPERATION_ALL) != 0; ++u32Pauses)
+    {
+        if (PlatTicks() - u64Begin >= OS_LEAVETIMEOUT)
+            return false;
+        if (u32Pauses % OS_LEAVECANCEL == 0)
+            RequestCancel();
+        PlatSleep(1);
+    }
+    return true;
+}
+
+void COsSocketImpl::WaitForPeer()
+{
+    uint32_t u32Read = 0;
+    const uint32_t u32Timeout =
+        OsCfgExists() ? static_cast<uint32_t>(OsCfgGetLong(OS_CFGTAG_FORCENETCLOSEDELAY)) : OS_GRACEFULTIMEOUT;
+    SelectOpen({.pu32Read = &u32Read, .u32Timeout = u32Timeout});
+}
+
+static void CloseHandle(PlatHandle a_plathandle)
+{
+    if (a_plathandle != PLAT_INVALID)
+        PlatClose(a_plathandle);
+}
+
+void COsSocketImpl::Release()
+{
+    CloseHandle(m_psocketstate->socketeventRead.plathandle);
+    CloseHandle(m_psocketstate->socketeventWrite.plathandle);
+    m_psocketstate->socketeventRead = {};
+    m_psocketstate->socketeventWrite = {};
+    {
+        const COsSpinGuard spinguard(&m_psocketstate->u64CancelLock);
+        CloseHandle(m_psocketstate->plathandleCancel);
+        m_psocketstate->plathandleCancel = PLAT_INVALID;
+        m_psocketstate->blCancelRequested = false;
+    }
+    CloseHandle(m_psocketstate->plathandleProcess.exchange(PLAT_INVALID));
+    ForgetListener();
+    CloseHandle(m_psocketstate->plathandleConnected.exchange(PLAT_INVALID));
+}

@@ -1,0 +1,331 @@
+// os_cossocket_wait.cpp: the one wait of the TCP transport, and what cancels it.
+//
+// What a wait watches, in this order: the cancel event, the socket, then the watched process of the connection, the
+// caller's stop event and the child process of a thread, as far as there are any. The first that is ready ends it. So
+// a cancel goes before data, and data before an end.
+//
+// A socket that has something to report already needs no wait: a look at it is one call where selecting, waiting and
+// enumerating are three. Only a cancel that is requested must be waited for all the same, since it goes first.
+#include "os_cossocket_impl.h"
+#include "os_cosspinlock.h"
+#include "os_cossync.h"
+#include "os_costhread.h"
+
+#include "plat_process.h"
+#include "plat_wait.h"
+
+#include <initializer_list>
+
+static constexpr char g_szSource[] = "os/source/os_cossocket";
+
+static constexpr uint32_t OS_SELECTMODE_ACCEPT = 1;
+static constexpr uint32_t OS_SELECTMODE_CONNECT = 2;
+static constexpr uint32_t OS_SELECT_NOROOMYET = 2;   // the answer to a wait for writing that timed out
+static constexpr int OS_SELECTRETRIES = 3;
+static constexpr uint32_t OS_CANCELPAUSE = 10;
+
+// Places in a wait.
+static constexpr uint32_t OS_WAITRESULT_CANCEL = 0;
+static constexpr uint32_t OS_WAITRESULT_SOCKET = 1;
+static constexpr uint32_t OS_WAITRESULT_FIRSTEND = 2;
+
+// The handles of one wait, those that there are, in order.
+struct SocketWaitSet
+{
+    SocketWaitSet(std::initializer_list<PlatHandle> a_listplathandle)
+    {
+        for (const PlatHandle plathandle : a_listplathandle)
+        {
+            if (plathandle != PLAT_INVALID)
+                aplathandle[u32Count++] = plathandle;
+        }
+    }
+
+    PlatHandle aplathandle[5];
+    uint32_t u32Count = 0;
+};
+
+static uint32_t EventMask(const COsSocket::SelectArgs& a_selectargs)
+{
+    uint32_t u32Mask = 0;
+    if (a_selectargs.pu32Read)
+    {
+        switch (*a_selectargs.pu32Read)
+        {
+        case OS_SELECTMODE_ACCEPT:
+            u32Mask = PLAT_SOCKET_ACCEPT;
+            break;
+        case OS_SELECTMODE_CONNECT:
+            u32Mask = PLAT_SOCKET_CONNECT;
+            break;
+        default:
+            u32Mask = PLAT_SOCKET_READ;
+            break;
+        }
+    }
+    if (a_selectargs.pu32Write)
+        u32Mask |= PLAT_SOCKET_WRITE;
+    return u32Mask | PLAT_SOCKET_CLOSE;
+}
+
+static PlatHandle StopEvent(const COsSync* a_possync)
+{
+    if (!a_possync)
+        return PLAT_INVALID;
+    if (!a_possync->IsUsable())
+    {
+        OSLOG(OS_LOG_CHECK, "sync>>> m_possyncimpl is null...");
+        return PLAT_INVALID;
+    }
+    return a_possync->EventHandle();
+}
+
+// The child process of the thread; one that has ended is noted there and not waited for.
+static PlatHandle RunningChild(COsThread* a_posthread)
+{
+    if (!a_posthread)
+        return PLAT_INVALID;
+    if (!a_posthread->IsUsable())
+    {
+        OSLOG(OS_LOG_ERROR, "m_posthreadimpl is null...");
+        return PLAT_INVALID;
+    }
+    const PlatHandle plathandleChild = a_posthread->ChildProcess();
+    if (plathandleChild == PLAT_INVALID)
+        return PLAT_INVALID;
+    uint32_t u32ExitCode = 0;
+    if (PlatProcessExitCode(plathandleChild, &u32ExitCode) && u32ExitCode == PLAT_STILLACTIVE)
+        return plathandleChild;
+    a_posthread->ChildProcessEnded(u32ExitCode);
+    return PLAT_INVALID;
+}
+
+EOSSTS COsSocketImpl::Select(const COsSocket::SelectArgs& a_selectargs)
+{
+    const SocketOperation socketoperation(*m_psocketstate);
+    if (socketoperation.Entered())
+        return SelectOpen(a_selectargs);
+    SOCKETTELL(a_selectargs.blLogging, OS_LOG_ERROR, "sock>>> select: must open a socket first...");
+    return EOSSTS_NOTOPEN;
+}
+
+EOSSTS COsSocketImpl::SelectOpen(const COsSocket::SelectArgs& a_selectargs)
+{
+    SocketWait socketwait{.selectargs = a_selectargs};
+    if (const std::optional<EOSSTS> eossts = Await(&socketwait))
+        return *eossts;
+    return Enumerate(socketwait);
+}
+
+// Waits until the socket has something to report (no value), or something else ended the wait (its status).
+std::optional<EOSSTS> COsSocketImpl::Await(SocketWait* a_psocketwait)
+{
+    const COsSocket::SelectArgs& selectargs = a_psocketwait->selectargs;
+    for (int iRetries = 0;; ++iRetries)
+    {
+        if (const std::optional<EOSSTS> eossts = BeginWait(a_psocketwait))
+            return eossts;
+        const PlatHandle plathandleStop = StopEvent(selectargs.possyncStop);
+        const PlatHandle plathandleChild = RunningChild(selectargs.posthread);
+        if (LookFirst(a_psocketwait))
+            return std::nullopt;
+        if (!SelectEvent(a_psocketwait->psocketevent, a_psocketwait->plathandleSocket, a_psocketwait->u32Mask))
+        {
+            SOCKETTELL(selectargs.blLogging, OS_LOG_ERROR, "sock>>> WSAEventSelect failed...");
+            return EOSSTS_FAIL;
+        }
+
+        const SocketWaitSet socketwaitset{m_psocketstate->plathandleCancel, a_psocketwait->psocketevent->plathandle,
+                                          m_psocketstate->plathandleProcess, plathandleStop, plathandleChild};
+        const uint32_t u32Result =
+            PlatWaitAny(socketwaitset.aplathandle, socketwaitset.u32Count, selectargs.u32Timeout);
+        if (u32Result == OS_WAITRESULT_SOCKET)
+            return std::nullopt;
+        if (u32Result != PLAT_WAIT_FAILED)
+            return EndWait(*a_psocketwait, u32Result);
+        if (!MayRetry(selectargs, iRetries))
+            return EOSSTS_FAIL;
+    }
+}
+
+// What to watch. A status ends the wait before it begins.
+std::optional<EOSSTS> COsSocketImpl::BeginWait(SocketWait* a_psocketwait)
+{
+    const COsSocket::SelectArgs& selectargs = a_psocketwait->selectargs;
+    switch (Type())
+    {
+    case OS_SOCKETTYPE_TCP:
+        break;
+    case OS_SOCKETTYPE_SHAREDMEMORYW:
+    case OS_SOCKETTYPE_SHAREDMEMORYR:
+    case OS_SOCKETTYPE_SHAREDMEMORYRW:
+        return EOSSTS_SUCCESS;   // its waits are events
+    default:
+        return Unsupported();
+    }
+
+    a_psocketwait->plathandleSocket = m_psocketstate->plathandleConnected;
+    if (a_psocketwait->plathandleSocket == PLAT_INVALID && m_psocketstate->psocketlistener)
+        a_psocketwait->plathandleSocket = m_psocketstate->psocketlistener->Handle();
+    if (a_psocketwait->plathandleSocket == PLAT_INVALID)
+    {
+        SOCKETTELL(selectargs.blLogging, OS_LOG_ERROR, "sock>>> select: must open a socket first...");
+        return EOSSTS_NOTOPEN;
+    }
+
+    // The mode is asked once: the word that holds it is where the answer goes.
+    if (a_psocketwait->u32Mask == 0)
+        a_psocketwait->u32Mask = EventMask(selectargs);
+    if (selectargs.pu32Read)
+        *selectargs.pu32Read = 0;
+    a_psocketwait->psocketevent =
+        selectargs.pu32Read ? &m_psocketstate->socketeventRead : &m_psocketstate->socketeventWrite;
+    return std::nullopt;
+}
+
+bool COsSocketImpl::LookFirst(SocketWait* a_psocketwait)
+{
+    if (!a_psocketwait->blLook || CancelIsRequested())
+        return false;
+    a_psocketwait->u32Events = PlatSocketPoll(a_psocketwait->plathandleSocket, a_psocketwait->u32Mask);
+    return a_psocketwait->u32Events != 0;
+}
+
+bool COsSocketImpl::SelectEvent(SocketEvent* a_psocketevent, PlatHandle a_plathandleSocket, uint32_t a_u32Mask)
+{
+    if (a_psocketevent->plathandleSocket == a_plathandleSocket && a_psocketevent->u32Mask == a_u32Mask)
+        return true;
+    if (a_psocketevent->plathandle == PLAT_INVALID)
+        a_psocketevent->plathandle = PlatSocketEventCreate();
+    if (a_psocketevent->plathandle == PLAT_INVALID ||
+        !PlatSocketEventSelect(a_plathandleSocket, a_psocketevent->plathandle, a_u32Mask))
+        return false;
+    a_psocketevent->plathandleSocket = a_plathandleSocket;
+    a_psocketevent->u32Mask = a_u32Mask;
+    return true;
+}
+
+// A wait itself failed: one for a handle that has gone meanwhile is worth a few tries.
+bool COsSocketImpl::MayRetry(const COsSocket::SelectArgs& a_selectargs, int a_iRetries) const
+{
+    const uint32_t u32Error = PlatGetLastError();
+    const int iResult = static_cast<int>(PLAT_WAIT_FAILED);
+    const int iError = static_cast<int>(u32Error);
+    if (u32Error != PLAT_ERROR_INVALIDHANDLE || a_iRetries >= OS_SELECTRETRIES)
+    {
+        if (a_selectargs.blLogging)
+            OSLOG(OS_LOG_ERROR, "sock>>> select: WSAWaitForMultipleEvents failed...%d %d", iResult, iError);
+        return false;
+    }
+    SOCKETTELL(a_selectargs.blLogging, OS_LOG_NOTE,
+               "sock>>> select: WSAWaitForMultipleEvents failed...%d %d (we'll retry)", iResult, iError);
+    PlatSleep(0);
+    return true;
+}
+
+// The status of a wait that something else than the socket has ended.
+EOSSTS COsSocketImpl::EndWait(const SocketWait& a_socketwait, uint32_t a_u32Result)
+{
+    const COsSocket::SelectArgs& selectargs = a_socketwait.selectargs;
+    switch (a_u32Result)
+    {
+    case OS_WAITRESULT_CANCEL:
+        if (selectargs.blLogging)
+            OSLOG(OS_LOG_NOTE, "sock>>> select: we've been cancelled...");
+        ConsumeCancel();
+        return EOSSTS_CANCELLED;
+    case OS_WAITRESULT_FIRSTEND:
+        SOCKETTELL(selectargs.blLogging, OS_LOG_ERROR, "sock>>> select: thread wants to exit...");
+        ConsumeCancel();
+        return EOSSTS_EXITED;
+    case PLAT_WAIT_TIMEOUT:
+        break;
+    default:
+        if (selectargs.blLogging)
+            OSLOG(OS_LOG_ERROR, "sock>>> select: remote process died...");
+        ConsumeCancel();
+        return EOSSTS_EXITED;
+    }
+
+    if (selectargs.pu32Write)
+    {
+        if (selectargs.blLogging)
+            OSLOG(OS_LOG_NOTE, "sock>>> select: select timeout on write (this is okay)...");
+        *selectargs.pu32Write = OS_SELECT_NOROOMYET;
+        return EOSSTS_SUCCESS;
+    }
+    SOCKETTELL(selectargs.blLogging, OS_LOG_NOTE, "sock>>> select: select timeout...");
+    return EOSSTS_TIMEOUT;
+}
+
+// Tells what the socket has to report. A close that comes with something else is told with the next wait again.
+EOSSTS COsSocketImpl::Enumerate(const SocketWait& a_socketwait)
+{
+    const COsSocket::SelectArgs& selectargs = a_socketwait.selectargs;
+    const uint32_t u32Events = a_socketwait.u32Events != 0
+                                   ? a_socketwait.u32Events
+                                   : PlatSocketPoll(a_socketwait.plathandleSocket, a_socketwait.u32Mask);
+    if (u32Events == PLAT_SOCKET_CLOSE)
+    {
+        SOCKETTELL(selectargs.blLogging, OS_LOG_NOTE, "sock>>> select: the socket isn't there anymore...");
+        return EOSSTS_DISCONNECTED;
+    }
+    constexpr uint32_t OS_READEVENTS = PLAT_SOCKET_READ | PLAT_SOCKET_ACCEPT | PLAT_SOCKET_CONNECT | PLAT_SOCKET_CLOSE;
+    if (selectargs.pu32Read)
+        *selectargs.pu32Read = u32Events & OS_READEVENTS;
+    if (selectargs.pu32Write)
+        *selectargs.pu32Write = u32Events & (PLAT_SOCKET_WRITE | PLAT_SOCKET_CLOSE);
+    if (selectargs.pu32Except)
+        *selectargs.pu32Except = u32Events & PLAT_SOCKET_CLOSE;
+    return EOSSTS_SUCCESS;
+}
+
+void COsSocketImpl::Cancel()
+{
+    const SocketOperation socketoperation(*m_psocketstate);
+    if (!socketoperation.Entered())
+        return;
+    switch (Type())
+    {
+    case OS_SOCKETTYPE_UNDEFINED:
+    case OS_SOCKETTYPE_SHAREDMEMORYW:
+    case OS_SOCKETTYPE_SHAREDMEMORYR:
+    case OS_SOCKETTYPE_SHAREDMEMORYRW:
+        break;
+    case OS_SOCKETTYPE_TCP:
+        CancelTcp();
+        break;
+    default:
+        Unsupported();
+        break;
+    }
+}
+
+// Gives a read that is under way a moment to see the cancel; it is not waited for.
+void COsSocketImpl::CancelTcp()
+{
+    RequestCancel();
+    for (int iTry = 0; iTry < 2 && ReadIsInProgress(); ++iTry)
+    {
+        OSLOG(OS_LOG_NOTE, "warning, waiting for a read to be canceled...");
+        PlatSleep(OS_CANCELPAUSE);
+    }
+}
+
+void COsSocketImpl::RequestCancel()
+{
+    const COsSpinGuard spinguard(&m_psocketstate->u64CancelLock);
+    if (m_psocketstate->plathandleCancel == PLAT_INVALID)
+        return;
+    m_psocketstate->blCancelRequested = true;
+    PlatEventSet(m_psocketstate->plathandleCancel);
+}
+
+void COsSocketImpl::ConsumeCancel()
+{
+    const COsSpinGuard spinguard(&m_psocketstate->u64CancelLock);
+    if (!CancelIsRequested())
+        return;
+    PlatEventReset(m_psocketstate->plathandleCancel);
+    m_psocketstate->blCancelRequested = false;
+}
