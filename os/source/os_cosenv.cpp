@@ -190,25 +190,32 @@ static std::string ToUtf8(const char16_t* a_wszText)
     return strText;
 }
 
-// Exceptions stay on this side of the platform layer: false, and the listing ends.
-static bool AppendVariable(void* a_pvList, const char16_t* a_wszName, const char16_t* a_wszValue)
+struct Listing
 {
-    auto& list = *static_cast<OsEnvVariables*>(a_pvList);
+    OsEnvVariables* posenvvariables;
+    bool blMemory = true;
+};
+
+// Exceptions stay on this side of the platform layer: they end the listing.
+static bool AppendVariable(void* a_pvListing, const char16_t* a_wszName, const char16_t* a_wszValue)
+{
+    auto& listing = *static_cast<Listing*>(a_pvListing);
     try
     {
-        list.emplace_back(ToUtf8(a_wszName), ToUtf8(a_wszValue));
-        return true;
+        listing.posenvvariables->emplace_back(ToUtf8(a_wszName), ToUtf8(a_wszValue));
     }
     catch (const std::bad_alloc&)
     {
-        return false;
+        listing.blMemory = false;
     }
+    return listing.blMemory;
 }
 
 EOSSTS OsEnvList(OsEnvVariables* a_posenvvariables)
 {
     a_posenvvariables->clear();
-    if (PlatEnvList(AppendVariable, a_posenvvariables))
+    Listing listing{a_posenvvariables};
+    if (PlatEnvList(AppendVariable, &listing) && listing.blMemory)
         return EOSSTS_SUCCESS;
     a_posenvvariables->clear();
     OSLOG(OS_LOG_ERROR, "allocation failed...");

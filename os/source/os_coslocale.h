@@ -15,13 +15,13 @@ size_t CopyStringToUtf8(char* a_szDestination, size_t a_sizetDestination, const 
 
 struct OsLanguage
 {
-    uint32_t u32Group;
     const char* szKey;    // "en_usa"
     uint64_t u64Locale;   // the locale id in the low 32 bits, the code page in the high 32
     const char* szName;   // lower case
     const char* szDisplay;
     const char* szCulture;   // "en-US"
-    uint32_t u32Code;
+    uint32_t u32Group;       // row of the language's first key
+    uint32_t u32Code;        // TWAIN language code, 16384 for none
 };
 
 inline constexpr uint32_t OS_LANGUAGECOUNT = 131;

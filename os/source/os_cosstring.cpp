@@ -280,13 +280,12 @@ void SStrVersion(char* a_szDestination, size_t a_sizetDestination, const char* a
     uint32_t u32Patch = 0;
     uint32_t u32Build = 0;
     if (StrVersionParse(a_szText, &u32Major, &u32Minor, &u32Patch, &u32Build) != EOSSTS_SUCCESS)
+    {
         SStrCpy(a_szDestination, a_sizetDestination, a_szText);
-    else if (u32Build)
-        SStrPrintf(a_szDestination, a_sizetDestination, "%u.%u.%u.%u", u32Major, u32Minor, u32Patch, u32Build);
-    else if (u32Patch)
-        SStrPrintf(a_szDestination, a_sizetDestination, "%u.%u.%u", u32Major, u32Minor, u32Patch);
-    else
-        SStrPrintf(a_szDestination, a_sizetDestination, "%u.%u", u32Major, u32Minor);
+        return;
+    }
+    const char* const szFormat = u32Build ? "%u.%u.%u.%u" : u32Patch ? "%u.%u.%u" : "%u.%u";
+    SStrPrintf(a_szDestination, a_sizetDestination, szFormat, u32Major, u32Minor, u32Patch, u32Build);
 }
 
 // ----------------------------------------------------------------------------------------------------- redaction

@@ -1,92 +1,27 @@
 // os_cosstring_format.cpp: the formatter of the product's printf dialect.
 //
-// From top to bottom: the output that counts what it cannot hold, the parsing of one conversion, then numbers,
-// floating point and text. Nothing here allocates, locks, logs or asks the locale, so that the logger can use it
-// wherever it is called from.
+// From top to bottom: reading one conversion, numbers, text, the whole. Floating point has a source of its own.
+// Nothing here allocates, locks, logs or asks the locale, so that the logger can use it wherever it is called from.
 #include "os_coslocale_utf.h"
 #include "os_cosstring.h"
+#include "os_cosstring_impl.h"
 
 #include <algorithm>
-#include <charconv>
 #include <climits>
-#include <cmath>
 #include <cstddef>
 #include <cstdlib>
 #include <cstring>
 #include <string_view>
 
+using namespace osformat;
+
 namespace
 {
-
-// Takes what fits and counts everything.
-class Output
-{
-public:
-    Output(char* a_sz, size_t a_sizet) : m_pch(a_sz), m_sizetRoom(a_sz && a_sizet ? a_sizet - 1 : 0) {}
-
-    void Put(const char* a_pch, size_t a_sizetBytes)
-    {
-        const size_t sizetFits = std::min(a_sizetBytes, m_sizetRoom);
-        if (sizetFits)
-            std::memcpy(m_pch, a_pch, sizetFits);
-        Advance(sizetFits, a_sizetBytes);
-    }
-    void Fill(char a_ch, size_t a_sizetBytes)
-    {
-        const size_t sizetFits = std::min(a_sizetBytes, m_sizetRoom);
-        if (sizetFits)
-            std::memset(m_pch, a_ch, sizetFits);
-        Advance(sizetFits, a_sizetBytes);
-    }
-    char* Next() const { return m_pch; }
-    uint64_t Length() const { return m_u64Length; }
-
-private:
-    void Advance(size_t a_sizetFits, size_t a_sizetBytes)
-    {
-        if (a_sizetFits)
-            m_pch += a_sizetFits;
-        m_sizetRoom -= a_sizetFits;
-        m_u64Length += a_sizetBytes;
-    }
-
-    char* m_pch;
-    size_t m_sizetRoom;   // without the terminator
-    uint64_t m_u64Length = 0;
-};
 
 // The values: a va_list inside a structure is handed on alike on every machine.
 struct Values
 {
     va_list valist;
-};
-
-enum class Length
-{
-    None,
-    Char,
-    Short,
-    Long,
-    LongLong,
-    Size,
-    LongDouble,
-    Wide,
-};
-
-constexpr size_t NOPRECISION = SIZE_MAX;
-
-// One conversion of a format.
-struct Conversion
-{
-    bool blLeft = false;
-    bool blPlus = false;
-    bool blSpace = false;
-    bool blAlternate = false;
-    bool blZero = false;
-    size_t sizetWidth = 0;
-    size_t sizetPrecision = NOPRECISION;
-    Length length = Length::None;
-    char chKind = 0;
 };
 
 // ------------------------------------------------------------------------------------------- reading a conversion
@@ -185,20 +120,12 @@ Conversion TakeConversion(const char*& a_szFormat, Values& a_values)
     return conversion;
 }
 
+}   // namespace
+
 // ------------------------------------------------------------------------------------------------------- numbers
 
-// A number in its pieces: sign or radix prefix, digits, zeros that the digits go on with, and the exponent.
-struct NumberText
-{
-    std::string_view strviewPrefix;
-    std::string_view strviewDigits;
-    size_t sizetZeros = 0;
-    std::string_view strviewExponent;
-};
-
-// a_sizetLeading zeros stand before the digits; with a_blZeroPad they fill the width.
-void PutNumber(Output& a_output, const Conversion& a_conversion, const NumberText& a_numbertext, size_t a_sizetLeading,
-               bool a_blZeroPad)
+void osformat::PutNumber(Output& a_output, const Conversion& a_conversion, const NumberText& a_numbertext,
+                         size_t a_sizetLeading, bool a_blZeroPad)
 {
     const size_t sizetText = a_numbertext.strviewPrefix.size() + a_sizetLeading + a_numbertext.strviewDigits.size() +
                              a_numbertext.sizetZeros + a_numbertext.strviewExponent.size();
@@ -216,7 +143,10 @@ void PutNumber(Output& a_output, const Conversion& a_conversion, const NumberTex
         a_output.Fill(' ', sizetPad);
 }
 
-constexpr size_t DIGITSIZE = 24;   // the digits of 64 bits in octal, and some
+namespace
+{
+
+constexpr size_t OS_DIGITSIZE = 24;   // the digits of 64 bits in octal, and some
 
 // Writes the digits so that they end at a_pchEnd; none for 0.
 template <unsigned Base>
@@ -228,38 +158,38 @@ std::string_view Digits(uint64_t a_u64Number, const char* a_szDigits, char* a_pc
     return {pch, static_cast<size_t>(a_pchEnd - pch)};
 }
 
-constexpr char LOWERDIGITS[] = "0123456789abcdef";
-constexpr char UPPERDIGITS[] = "0123456789ABCDEF";
+constexpr char g_szLowerDigits[] = "0123456789abcdef";
+constexpr char g_szUpperDigits[] = "0123456789ABCDEF";
 
 void PutInteger(Output& a_output, const Conversion& a_conversion, uint64_t a_u64Number, std::string_view a_strviewSign)
 {
-    char achDigits[DIGITSIZE];
-    char* const pchEnd = achDigits + DIGITSIZE;
+    char achDigits[OS_DIGITSIZE];
+    char* const pchEnd = achDigits + OS_DIGITSIZE;
     NumberText numbertext{a_strviewSign, {}, 0, {}};
-    size_t sizetLeast = a_conversion.sizetPrecision == NOPRECISION ? 1 : a_conversion.sizetPrecision;
+    size_t sizetLeast = a_conversion.sizetPrecision == OS_NOPRECISION ? 1 : a_conversion.sizetPrecision;
 
     switch (a_conversion.chKind)
     {
     case 'x':
     case 'X': {
         const bool blUpper = a_conversion.chKind == 'X';
-        numbertext.strviewDigits = Digits<16>(a_u64Number, blUpper ? UPPERDIGITS : LOWERDIGITS, pchEnd);
+        numbertext.strviewDigits = Digits<16>(a_u64Number, blUpper ? g_szUpperDigits : g_szLowerDigits, pchEnd);
         if (a_conversion.blAlternate && a_u64Number)
             numbertext.strviewPrefix = blUpper ? "0X" : "0x";
         break;
     }
     case 'o':
-        numbertext.strviewDigits = Digits<8>(a_u64Number, LOWERDIGITS, pchEnd);
+        numbertext.strviewDigits = Digits<8>(a_u64Number, g_szLowerDigits, pchEnd);
         if (a_conversion.blAlternate)
             sizetLeast = std::max(sizetLeast, numbertext.strviewDigits.size() + 1);
         break;
     default:
-        numbertext.strviewDigits = Digits<10>(a_u64Number, LOWERDIGITS, pchEnd);
+        numbertext.strviewDigits = Digits<10>(a_u64Number, g_szLowerDigits, pchEnd);
         break;
     }
     const size_t sizetDigits = numbertext.strviewDigits.size();
     PutNumber(a_output, a_conversion, numbertext, sizetLeast > sizetDigits ? sizetLeast - sizetDigits : 0,
-              a_conversion.sizetPrecision == NOPRECISION);
+              a_conversion.sizetPrecision == OS_NOPRECISION);
 }
 
 int64_t TakeSigned(const Conversion& a_conversion, Values& a_values)
@@ -306,18 +236,19 @@ uint64_t TakeUnsigned(const Conversion& a_conversion, Values& a_values)
     return va_arg(a_values.valist, unsigned int);
 }
 
-std::string_view SignOf(const Conversion& a_conversion, bool a_blNegative)
-{
-    if (a_blNegative)
-        return "-";
-    return a_conversion.blPlus ? "+" : a_conversion.blSpace ? " " : "";
-}
-
 void PutSigned(Output& a_output, const Conversion& a_conversion, Values& a_values)
 {
     const int64_t i64Number = TakeSigned(a_conversion, a_values);
     const uint64_t u64Number = static_cast<uint64_t>(i64Number);
     PutInteger(a_output, a_conversion, i64Number < 0 ? 0 - u64Number : u64Number, SignOf(a_conversion, i64Number < 0));
+}
+
+// A long double is a double on the product's system, and is shown as one everywhere.
+double TakeDouble(const Conversion& a_conversion, Values& a_values)
+{
+    if (a_conversion.length == Length::LongDouble)
+        return static_cast<double>(va_arg(a_values.valist, long double));
+    return va_arg(a_values.valist, double);
 }
 
 // 16 upper-case digits, whatever the flags say.
@@ -328,132 +259,6 @@ void PutPointer(Output& a_output, const Conversion& a_conversion, Values& a_valu
     conversion.blAlternate = false;
     conversion.sizetPrecision = 16;
     PutInteger(a_output, conversion, reinterpret_cast<uint64_t>(va_arg(a_values.valist, void*)), {});
-}
-
-// ------------------------------------------------------------------------------------------------ floating point
-
-// No double has more decimals: what a precision asks for beyond them is zeros.
-constexpr size_t FLOATDECIMALS = 1080;
-constexpr size_t FLOATSIZE = 320 + FLOATDECIMALS;
-
-// The text of a number that is finite and not negative.
-class FloatText
-{
-public:
-    FloatText(const Conversion& a_conversion, double a_dNumber) : m_conversion(a_conversion), m_dNumber(a_dNumber)
-    {
-        switch (a_conversion.chKind | 0x20)
-        {
-        case 'f':
-            Convert(std::chars_format::fixed, Precision(6));
-            break;
-        case 'e':
-            Convert(std::chars_format::scientific, Precision(6));
-            break;
-        case 'g':
-            ConvertGeneral(std::max<size_t>(Precision(6), 1));
-            break;
-        default:
-            Convert(std::chars_format::hex, a_conversion.sizetPrecision);
-            break;
-        }
-    }
-
-    // The pieces, which live as long as this object.
-    NumberText Pieces()
-    {
-        const bool blHex = (m_conversion.chKind | 0x20) == 'a';
-        size_t sizetExponent = std::string_view(m_ach, m_sizetText).find(blHex ? 'p' : 'e');
-        sizetExponent = std::min(sizetExponent, m_sizetText);
-        if (m_conversion.blAlternate && !std::memchr(m_ach, '.', m_sizetText))
-        {
-            std::memmove(m_ach + sizetExponent + 1, m_ach + sizetExponent, m_sizetText - sizetExponent);
-            m_ach[sizetExponent++] = '.';
-            ++m_sizetText;
-        }
-        if (m_conversion.chKind < 'a')
-            std::transform(m_ach, m_ach + m_sizetText, m_ach, [](char a_ch) {
-                return a_ch >= 'a' && a_ch <= 'z' ? static_cast<char>(a_ch - 0x20) : a_ch;
-            });
-        return {{}, {m_ach, sizetExponent}, m_sizetZeros, {m_ach + sizetExponent, m_sizetText - sizetExponent}};
-    }
-
-private:
-    size_t Precision(size_t a_sizetDefault) const
-    {
-        return m_conversion.sizetPrecision == NOPRECISION ? a_sizetDefault : m_conversion.sizetPrecision;
-    }
-
-    void Convert(std::chars_format a_charsformat, size_t a_sizetPrecision)
-    {
-        char* const pchEnd = m_ach + FLOATSIZE;
-        if (a_sizetPrecision == NOPRECISION)
-        {
-            m_sizetText = static_cast<size_t>(std::to_chars(m_ach, pchEnd, m_dNumber, a_charsformat).ptr - m_ach);
-            return;
-        }
-        const size_t sizetPrecision = std::min(a_sizetPrecision, FLOATDECIMALS);
-        m_sizetZeros = a_sizetPrecision - sizetPrecision;
-        const std::to_chars_result result =
-            std::to_chars(m_ach, pchEnd, m_dNumber, a_charsformat, static_cast<int>(sizetPrecision));
-        m_sizetText = static_cast<size_t>(result.ptr - m_ach);
-    }
-
-    // The standard conversion drops trailing zeros; the alternate form keeps them, so it chooses for itself.
-    void ConvertGeneral(size_t a_sizetPrecision)
-    {
-        if (!m_conversion.blAlternate)
-        {
-            Convert(std::chars_format::general, std::min(a_sizetPrecision, FLOATDECIMALS));
-            return;
-        }
-        Convert(std::chars_format::scientific, a_sizetPrecision - 1);
-        const std::string_view strview(m_ach, m_sizetText);
-        const char* const pchSign = m_ach + strview.find('e') + 1;
-        int64_t i64Exponent = 0;
-        std::from_chars(pchSign + 1, m_ach + m_sizetText, i64Exponent);
-        if (*pchSign == '-')
-            i64Exponent = -i64Exponent;
-        const int64_t i64Decimals = static_cast<int64_t>(a_sizetPrecision) - 1 - i64Exponent;
-        if (i64Decimals >= 0 && i64Exponent >= -4)
-            Convert(std::chars_format::fixed, static_cast<size_t>(i64Decimals));
-    }
-
-    const Conversion& m_conversion;
-    double m_dNumber;
-    char m_ach[FLOATSIZE + 1];
-    size_t m_sizetText = 0;
-    size_t m_sizetZeros = 0;
-};
-
-void PutFloat(Output& a_output, const Conversion& a_conversion, Values& a_values)
-{
-    // A long double is a double on the product's system, and is shown as one everywhere.
-    const double dNumber = a_conversion.length == Length::LongDouble
-                               ? static_cast<double>(va_arg(a_values.valist, long double))
-                               : va_arg(a_values.valist, double);
-    const bool blUpper = a_conversion.chKind < 'a';
-    const std::string_view strviewSign = SignOf(a_conversion, std::signbit(dNumber));
-    if (!std::isfinite(dNumber))
-    {
-        const bool blNan = std::isnan(dNumber);
-        const char* const szText = blUpper ? (blNan ? "NAN" : "INF") : (blNan ? "nan" : "inf");
-        PutNumber(a_output, a_conversion, {strviewSign, szText, 0, {}}, 0, false);
-        return;
-    }
-
-    FloatText floattext(a_conversion, std::fabs(dNumber));
-    NumberText numbertext = floattext.Pieces();
-    char achPrefix[4];
-    const bool blHex = (a_conversion.chKind | 0x20) == 'a';
-    size_t sizetPrefix = strviewSign.copy(achPrefix, 1);
-    if (blHex)
-    {
-        achPrefix[sizetPrefix++] = '0';
-        achPrefix[sizetPrefix++] = blUpper ? 'X' : 'x';
-    }
-    numbertext.strviewPrefix = {achPrefix, sizetPrefix};
-    PutNumber(a_output, a_conversion, numbertext, 0, true);
 }
 
 // ---------------------------------------------------------------------------------------------------------- text
@@ -471,7 +276,7 @@ void PutPadded(Output& a_output, const Conversion& a_conversion, const char* a_p
 void PutText(Output& a_output, const Conversion& a_conversion, const char* a_szText)
 {
     size_t sizetLength = 0;
-    if (a_conversion.sizetPrecision == NOPRECISION)
+    if (a_conversion.sizetPrecision == OS_NOPRECISION)
     {
         sizetLength = std::strlen(a_szText);
     }
@@ -588,7 +393,7 @@ bool PutConversion(Output& a_output, const Conversion& a_conversion, Values& a_v
     case 'G':
     case 'a':
     case 'A':
-        PutFloat(a_output, a_conversion, a_values);
+        PutFloat(a_output, a_conversion, TakeDouble(a_conversion, a_values));
         return true;
     case '%':
         a_output.Put("%", 1);

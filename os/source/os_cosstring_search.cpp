@@ -9,7 +9,7 @@
 
 static constexpr char g_szSource[] = "os/source/os_cosstring";
 
-static constexpr std::string_view WHITESPACE = " \t\n\v\f\r";
+static constexpr std::string_view OS_WHITESPACE = " \t\n\v\f\r";
 
 static int Fold(char a_ch)
 {
@@ -139,8 +139,8 @@ void SStrTrim(char* a_szDestination, size_t a_sizetDestination, const char* a_sz
         return;
     }
     std::string_view strview(a_szSource);
-    strview.remove_prefix(std::min(strview.find_first_not_of(WHITESPACE), strview.size()));
-    strview = strview.substr(0, strview.find_last_not_of(WHITESPACE) + 1);
+    strview.remove_prefix(std::min(strview.find_first_not_of(OS_WHITESPACE), strview.size()));
+    strview = strview.substr(0, strview.find_last_not_of(OS_WHITESPACE) + 1);
     if (strview.size() >= a_sizetDestination)
     {
         OSLOG(OS_LOG_CHECK, "SStrTrim failed...<%s>", a_szSource);
@@ -172,7 +172,7 @@ static void ReplaceOccurrences(char* a_szText, const char* a_szFind, const char*
         a_szText = std::strstr(a_szText, a_szFind);
         const char* const szRest = a_szText + sizetFind;
         std::memmove(a_szText + sizetReplacement, szRest, std::strlen(szRest) + 1);
-        std::memcpy(a_szText, a_szReplacement, sizetReplacement);
+        std::copy_n(a_szReplacement, sizetReplacement, a_szText);
         a_szText += sizetReplacement;
     }
 }
@@ -231,7 +231,7 @@ int64_t StrToInt64(const char* a_szText)
     if (!IsThere("StrToInt64", a_szText))
         return 0;
     std::string_view strview(a_szText);
-    strview.remove_prefix(std::min(strview.find_first_not_of(WHITESPACE), strview.size()));
+    strview.remove_prefix(std::min(strview.find_first_not_of(OS_WHITESPACE), strview.size()));
     const bool blPlus = strview.starts_with('+') && !strview.starts_with("+-");
     strview.remove_prefix(blPlus ? 1 : 0);
 

@@ -11,18 +11,18 @@
 
 static constexpr char g_szSource[] = "os/source/os_cosxml";
 
-static constexpr std::string_view CDATAOPEN = "<![CDATA[";
-static constexpr std::string_view CDATACLOSE = "]]>";
+static constexpr std::string_view OS_CDATAOPEN = "<![CDATA[";
+static constexpr std::string_view OS_CDATACLOSE = "]]>";
 
 // Without both ends, one after the other, the value is no CDATA section and stays as it is.
 static std::string_view UnwrapCdata(std::string_view a_strviewValue)
 {
-    if (!a_strviewValue.starts_with(CDATAOPEN))
+    if (!a_strviewValue.starts_with(OS_CDATAOPEN))
         return a_strviewValue;
-    const std::string_view strviewRest = a_strviewValue.substr(CDATAOPEN.size());
-    if (!strviewRest.ends_with(CDATACLOSE))
+    const std::string_view strviewRest = a_strviewValue.substr(OS_CDATAOPEN.size());
+    if (!strviewRest.ends_with(OS_CDATACLOSE))
         return a_strviewValue;
-    return strviewRest.substr(0, strviewRest.size() - CDATACLOSE.size());
+    return strviewRest.substr(0, strviewRest.size() - OS_CDATACLOSE.size());
 }
 
 // Where no logger exists, the failed-check hook is told.
