@@ -7,16 +7,17 @@
 #include <cstdint>
 #include <thread>
 
+inline bool SpinLockTry(uint64_t* a_pu64Word)
+{
+    uint64_t u64Free = 0;
+    return std::atomic_ref<uint64_t>(*a_pu64Word)
+        .compare_exchange_strong(u64Free, 1, std::memory_order_acquire, std::memory_order_relaxed);
+}
+
 inline void SpinLockAcquire(uint64_t* a_pu64Word)
 {
-    std::atomic_ref<uint64_t> word(*a_pu64Word);
-    for (;;)
-    {
-        uint64_t u64Free = 0;
-        if (word.compare_exchange_strong(u64Free, 1, std::memory_order_acquire, std::memory_order_relaxed))
-            return;
+    while (!SpinLockTry(a_pu64Word))
         std::this_thread::yield();
-    }
 }
 
 inline void SpinLockRelease(uint64_t* a_pu64Word)

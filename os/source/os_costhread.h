@@ -9,15 +9,18 @@ class COsThread;
 class COsThreadImpl;
 
 // Takes its argument with Argument(), loops on WaitForStop() with its own time-out, leaves on EOSSTS_SUCCESS, and
-// ends by calling Exit() or by returning an exit value.
+// ends by calling Exit() or by returning an exit value. An exception that leaves it is logged and ends the thread.
+// Exit() unwinds the procedure: a handler for every exception (catch (...)) in it must throw on.
 using OsThreadProc = uint32_t (*)(COsThread* a_posthread);
 
-// One owner starts and stops a thread; Stop may be called from several threads at once.
+// One owner starts and destroys a thread; everything else may be called from several threads at once.
 class COsThread
 {
 public:
     COsThread();
-    ~COsThread();   // stops it, with a time-out of 30000 ms; waits for its very last step
+    // Stops the thread, with a time-out of 30000 ms, and returns when it has gone. On the thread itself it returns at
+    // once, and the procedure must not touch the object any more.
+    ~COsThread();
     COsThread(const COsThread&) = delete;
     COsThread& operator=(const COsThread&) = delete;
 
@@ -25,8 +28,9 @@ public:
     // EOSSTS_NOTOPEN for a null procedure. a_szName may be null.
     EOSSTS Start(const char* a_szName, OsThreadProc a_osthreadproc, void* a_pvArgument);
 
-    // Asks the thread to stop and waits up to a_i32Timeout ms for it; then it is terminated. Called by the thread
-    // itself: with a_blIgnoreSelf does nothing, without it the thread exits here.
+    // Asks the thread to stop and waits up to a_i32Timeout ms for it; then it is terminated where it stands, and what
+    // it held stays held. Called by the thread itself: with a_blIgnoreSelf does nothing, without it the thread exits
+    // here. Afterwards the object can be started again.
     void Stop(bool a_blIgnoreSelf, int32_t a_i32Timeout);
 
     // Waits up to a_i32Timeout ms without asking. True when the thread has ended or never ran.
@@ -36,13 +40,15 @@ public:
     EOSSTS WaitForStop(uint32_t a_u32Timeout);
     uint32_t StopState() const;   // 1 normal, 2 a stop was asked for
 
-    // Called by the thread itself at its end. Returns only when somebody else calls it.
+    // Called by the thread itself at its end: the thread's argument variables go, and it ends with the exit value 0.
+    // Returns only when somebody else calls it.
     void Exit();
 
     void* Argument() const;
     uint64_t Id() const;   // the system's id of the thread, 0 when it is not running
 
-    // The child process that this object carries, PLAT_INVALID for none, and its id.
+    // The child process that this object carries, PLAT_INVALID for none, and its id. The object closes the handle.
+    void ChildProcessSet(PlatHandle a_plathandle, uint64_t a_u64ProcessId);
     PlatHandle ChildProcess() const;
     uint64_t ChildProcessId() const;
     void ChildProcessEnded(uint32_t a_u32ExitCode);   // notes the exit code and lets the process go
@@ -51,6 +57,8 @@ public:
     bool IsUsable() const { return m_posthreadimpl != nullptr; }
 
 private:
+    friend class COsThreadImpl;
+
     COsThreadImpl* m_posthreadimpl;   // null only when its allocation failed
 };
 
