@@ -3,13 +3,10 @@
 
 #include "os_types.h"
 
-// What OsServicesClearArguments clears; bits may be combined.
-inline constexpr uint32_t OS_CLEARARGUMENTS_ENVIRONMENT = 0x8;   // every inherited variable of the family
-
-void OsServicesClearArguments(uint32_t a_u32Bits);
-
-// Starts the library; again is harmless. Called by the program's main thread.
+// Starts the library: sockets, memory manager, thread affinity. Again is harmless. Called by the program's main
+// thread before any other thread uses the library. EOSSTS_SUCCESS, or EOSSTS_FAIL when there is no memory.
 EOSSTS OsServicesStart();
 
-// Frees what the start made, in reverse order.
+// Frees what the start made, in reverse order, and leaves no variable of the family in the environment. Called when
+// no other thread uses the library any more.
 void OsServicesStop();

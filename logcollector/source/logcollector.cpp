@@ -1,0 +1,94 @@
+// logcollector.cpp: the entry of the collector program and its run modes.
+//
+// In collect mode an application starts it with its process id; it takes the log streams of that application's
+// processes and ends when the application has gone or the collector asks for it. Its exit code is always 0.
+#include "logcollector_args.h"
+
+#include "os_cosarguments.h"
+#include "os_cosenv.h"
+#include "os_cosfile_system.h"
+#include "os_coslogcollector.h"
+#include "os_cosservices.h"
+#include "os_cosstring.h"
+#include "os_log.h"
+
+#include "plat_process.h"
+#include "plat_wait.h"
+
+static constexpr uint32_t g_u32WatchPeriod = 1000;
+static constexpr uint32_t g_u32SettleStep = 50;
+static constexpr uint32_t g_u32SettleSteps = 100;
+
+// The program logs itself only when it is asked to.
+static void ChooseOwnLogging()
+{
+    char szState[16];
+    if (OsEnvGet("MVR_LOGCOLLECTORDEBUG", "99", sizeof szState, szState) != EOSSTS_SUCCESS)
+        SStrCpy(szState, sizeof szState, "99");
+    OsLogSetState(StrToInt32(szState));
+}
+
+// -------------------------------------------------------------------------------------------------- collecting
+
+static bool StopIsAsked()
+{
+    return g_bLogCollectorStop.load() != 0;
+}
+
+// True while the application lives, after waiting for its end for one period. A process that cannot be opened counts
+// as gone.
+static bool ApplicationLives(int64_t a_i64ProcessId)
+{
+    const PlatHandle plathandle = PlatProcessOpen(static_cast<uint64_t>(a_i64ProcessId));
+    if (plathandle == PLAT_INVALID)
+        return false;
+    const uint32_t u32Wait = PlatWaitAny(&plathandle, 1, g_u32WatchPeriod);
+    PlatClose(plathandle);
+    return u32Wait == PLAT_WAIT_TIMEOUT;
+}
+
+static void WatchApplication(int64_t a_i64ProcessId)
+{
+    while (ApplicationLives(a_i64ProcessId) && !StopIsAsked())
+    {
+    }
+}
+
+// The application has gone: its streams end by themselves, with all that is still on its way.
+static void LetReadersSettle()
+{
+    for (uint32_t u32Step = 0; u32Step < g_u32SettleSteps && !StopIsAsked(); ++u32Step)
+        PlatSleep(g_u32SettleStep);
+}
+
+// a_szFolder (OS_PATHSIZE bytes) receives the log folder that the streams used.
+static void RunCollect(const LogCollectorArgs& a_logcollectorargs, char* a_szFolder)
+{
+    if (!a_logcollectorargs.szDocument[0] || a_logcollectorargs.i64ProcessIdApplication == 0)
+        return;
+    COsLogCollector oslogcollector(a_logcollectorargs.collectormode, nullptr);
+    if (!oslogcollector.IsUsable())
+        return;
+    oslogcollector.Start(nullptr, false);
+    WatchApplication(a_logcollectorargs.i64ProcessIdApplication);
+    LetReadersSettle();
+    oslogcollector.Stop(a_szFolder, OS_PATHSIZE);
+}
+
+// ------------------------------------------------------------------------------------------------------- entry
+
+int main(int a_iArguments, char** a_aszArgument)
+{
+    char szLeftoverFolder[OS_PATHSIZE] = {};
+    LogCollectorArgs logcollectorargs;
+
+    ChooseOwnLogging();
+    OsArgumentsClear(OS_CLEARARGUMENTS_ENVIRONMENT);
+    OsServicesStart();
+    if (LogCollectorParse(a_iArguments, a_aszArgument, logcollectorargs) == RunMode::Collect)
+        RunCollect(logcollectorargs, szLeftoverFolder);
+    if (szLeftoverFolder[0] && OsFileExists(szLeftoverFolder))
+        OsFileRemoveEmptyTree(szLeftoverFolder);
+    OsServicesStop();
+    return 0;
+}

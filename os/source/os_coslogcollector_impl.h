@@ -1,0 +1,97 @@
+// os_coslogcollector_impl.h: the implementation object, which the sources of the class share.
+//
+//   os_coslogcollector.cpp          the public object, construction, Start
+//   os_coslogcollector_accept.cpp   the accept thread: binding, reporting, one reader for each connection
+//   os_coslogcollector_reader.cpp   a reader: one stream into one file
+//   os_coslogcollector_stop.cpp     Stop
+#pragma once
+
+#include "os_cosfile.h"
+#include "os_coslnk.h"
+#include "os_coslogcollector.h"
+#include "os_coslogcollector_protocol.h"
+#include "os_cossocket.h"
+#include "os_cossync.h"
+#include "os_costhread.h"
+
+#include <vector>
+
+class COsLogCollectorImpl;
+
+// One connection. The connection list holds a record from the accept until a later reader, or Stop, frees it. A record
+// without a file is finished: its reader has ended or is about to, and thread, socket and event wait to be freed.
+struct LogCollectorRecord
+{
+    COsLogCollectorImpl* poslogcollectorimpl;
+    COsThread* posthread;
+    COsSocket* possocket;
+    COsSync* possync;
+    COsFile* posfile;
+};
+
+class COsLogCollectorImpl
+{
+public:
+    // Throws std::invalid_argument for an unknown role.
+    COsLogCollectorImpl(CollectorMode a_collectormode, const char* a_szName);
+    ~COsLogCollectorImpl();
+    COsLogCollectorImpl(const COsLogCollectorImpl&) = delete;
+    COsLogCollectorImpl& operator=(const COsLogCollectorImpl&) = delete;
+
+    EOSSTS Start(const char* a_szLogFile, bool a_blCheckOther);
+    void Stop(char* a_szFolder, size_t a_sizetFolder);
+
+    // True when Stop had to leave a reader behind that did not end in time: what it uses must stay valid.
+    bool HasStraggler() const { return m_blStraggler; }
+
+private:
+    // Start.
+    void ChoosePort();
+    bool OtherSharedRuns();
+    static void AnnouncementPath(char* a_szPath);   // OS_PATHSIZE bytes
+    bool CreateServiceObjects();
+    void FreeServiceObjects();
+
+    // The accept thread.
+    static uint32_t LogAcceptEntry(COsThread* a_posthread);
+    void LogAccept();
+    bool Announce(COsFile& a_osfile, const char* a_szPath);
+    bool BindAndReport();
+    void ServeConnections();
+    bool CreateRecord(LogCollectorRecord& a_logcollectorrecord);
+    bool AcceptOne(LogCollectorRecord& a_logcollectorrecord);
+    bool StartReader(LogCollectorRecord& a_logcollectorrecord);
+    static void FreeRecord(LogCollectorRecord& a_logcollectorrecord);
+
+    // A reader.
+    static uint32_t LogDataEntry(COsThread* a_posthread);
+    void LogData(const LogCollectorRecord& a_logcollectorrecord);
+    void TakeStream(const LogCollectorRecord& a_logcollectorrecord, char* a_szLogFile, COsThread*& a_posthreadManage);
+    static void RemoveIfEmpty(const char* a_szLogFile);
+    COsThread* PrepareFolder(const char* a_szLogFile);
+    COsThread* ManageFolder(const char* a_szFolder);
+    void SweepFinished();
+    int32_t MarkFinished(const COsFile* a_posfile);
+
+    // Stop.
+    void StopAccepting();
+    void StopReaders();
+    std::vector<COsThread*> CancelReaders();
+    void FreeRecords();
+    void DisconnectClient();
+    void ReportFolder(char* a_szFolder, size_t a_sizetFolder);
+
+    CollectorMode m_collectormode;
+    char m_szHost[OS_LC_HOSTSIZE];
+    char m_szPort[OS_LC_PORTSIZE];
+    uint64_t m_u64ProcessIdApplication;     // role 3: whose end ends an attempt to connect
+    char m_szLogFile[OS_PATHSIZE];          // roles 1 and 3
+    char m_szLeftoverFolder[OS_PATHSIZE];   // written under the lock of the managed folder
+    COsThread* m_posthreadAccept;
+    COsSync* m_possyncStop;
+    COsSocket* m_possocketListen;
+    COsLnk* m_poslnk;               // of LogCollectorRecord
+    COsSocket* m_possocketClient;   // roles 1 and 3
+    COsFile* m_posfileFlush;        // whose monitor watches the command file
+    bool m_blStraggler;
+};

@@ -1,0 +1,125 @@
+// os_coslogcollector_stop.cpp: Stop takes down what is there, in a fixed order: the flush monitor, the accept thread,
+// the readers, the client connection. Nothing is left to do for a second run.
+#include "os_coslogcollector_impl.h"
+
+#include "os_cosarguments.h"
+#include "os_cosfile_system.h"
+#include "os_cosstring.h"
+#include "os_new.h"
+
+#include "plat_wait.h"
+
+#include <algorithm>
+#include <cstring>
+#include <vector>
+
+static constexpr char g_szSource[] = "os/source/os_coslogcollector";
+
+static constexpr uint32_t g_u32AbortTimeout = 20;
+static constexpr uint32_t g_u32EndTimeout = 70000;
+static constexpr uint32_t g_u32StragglerPause = 1000;
+static constexpr uint32_t g_u32MarkerPause = 10;
+
+void COsLogCollectorImpl::Stop(char* a_szFolder, size_t a_sizetFolder)
+{
+    g_bLogCollectorStopping.store(1);
+    OSMEMDELETE(m_posfileFlush);
+    StopAccepting();
+    StopReaders();
+    DisconnectClient();
+    if (m_possyncStop)
+        m_possyncStop->EventClose();
+    OSMEMDELETE(m_possyncStop);
+    OSMEMDELETE(m_possocketListen);
+    ReportFolder(a_szFolder, a_sizetFolder);
+}
+
+void COsLogCollectorImpl::StopAccepting()
+{
+    if (m_possyncStop)
+        m_possyncStop->EventSet();
+    if (m_posthreadAccept)
+        m_posthreadAccept->WaitForEnd(g_u32AbortTimeout);
+    if (m_possocketListen)
+        m_possocketListen->SocketDisconnect(false);
+    if (m_posthreadAccept)
+        m_posthreadAccept->WaitForEnd(g_u32EndTimeout);
+    OSMEMDELETE(m_posthreadAccept);
+}
+
+// ------------------------------------------------------------------------------------------------- the readers
+
+// Readers leave the list alone once the stopping flag is up, so a thread that was seen here stays valid until its
+// record is freed here. They are waited for without the lock: one of them may be about to take it.
+void COsLogCollectorImpl::StopReaders()
+{
+    if (!m_poslnk || m_blStraggler)
+        return;
+    const std::vector<COsThread*> vecposthread = CancelReaders();
+    const auto hasEnded = [](COsThread* a_posthread) { return a_posthread->WaitForEnd(g_u32EndTimeout); };
+    if (!std::all_of(vecposthread.begin(), vecposthread.end(), hasEnded))
+        PlatSleep(g_u32StragglerPause);
+    FreeRecords();
+    if (!m_blStraggler)
+        OSMEMDELETE(m_poslnk);
+}
+
+std::vector<COsThread*> COsLogCollectorImpl::CancelReaders()
+{
+    std::vector<COsThread*> vecposthread;
+    auto* precord =
+        static_cast<LogCollectorRecord*>(m_poslnk->GetFirstAndLock("COsLogCollectorImpl::Stop", g_szSource, __LINE__));
+    for (; precord; precord = static_cast<LogCollectorRecord*>(m_poslnk->GetNext(precord)))
+    {
+        precord->possocket->SocketCancel();
+        precord->possync->EventSet();
+        vecposthread.push_back(precord->posthread);
+    }
+    m_poslnk->Unlock();
+    return vecposthread;
+}
+
+// A reader that has outlived its time keeps its objects, the list and this object: it may still use them.
+void COsLogCollectorImpl::FreeRecords()
+{
+    auto* precord =
+        static_cast<LogCollectorRecord*>(m_poslnk->GetFirstAndLock("COsLogCollectorImpl::Stop", g_szSource, __LINE__));
+    for (; precord; precord = static_cast<LogCollectorRecord*>(m_poslnk->GetNext(precord)))
+    {
+        if (precord->posthread->WaitForEnd(0))
+            FreeRecord(*precord);
+        else
+            m_blStraggler = true;
+    }
+    m_poslnk->Unlock();
+}
+
+// -------------------------------------------------------------------------------------------------- the client
+
+// Only the process that owns the services of its application tells the collector that the application is done. The
+// marker must arrive as a read of its own: hence the pause.
+void COsLogCollectorImpl::DisconnectClient()
+{
+    if (!m_possocketClient)
+        return;
+    if (OsArgumentsIsServicesOwner() && m_collectormode == OS_COLLECTORMODE_PRIVATECLIENT)
+    {
+        COsSocket::WriteArgs writeargs;
+        writeargs.pvBuffer = OS_LC_ENDMARKER;
+        writeargs.sizetBuffer = std::strlen(OS_LC_ENDMARKER);
+        size_t sizetWritten = 0;
+        m_possocketClient->SocketWrite(writeargs, &sizetWritten);
+        PlatSleep(g_u32MarkerPause);
+    }
+    m_possocketClient->SocketDisconnect(true);
+    OSMEMDELETE(m_possocketClient);
+}
+
+void COsLogCollectorImpl::ReportFolder(char* a_szFolder, size_t a_sizetFolder)
+{
+    if (!a_szFolder || a_sizetFolder == 0)
+        return;
+    std::fill_n(a_szFolder, a_sizetFolder, '\0');
+    if (*m_szLeftoverFolder && OsFileExists(m_szLeftoverFolder))
+        SStrCpy(a_szFolder, a_sizetFolder, m_szLeftoverFolder);
+}
