@@ -1,0 +1,20 @@
+#!/usr/bin/env bash
+# Sets up what is missing, builds, and runs every test: natively, then under the address and undefined-behaviour
+# sanitizers. ./test.sh --tsan runs them under the thread sanitizer instead.
+set -euo pipefail
+cd "$(dirname "$0")"
+. tools/setup.sh
+setup_packages g++ cmake ninja-build libgtest-dev
+
+run() {
+  build "$1"
+  echo "== Testing $1"
+  ctest --preset "$1" --progress
+}
+
+if [ "${1:-}" = --tsan ]; then
+  run tsan
+else
+  run release
+  run asan
+fi
