@@ -1,0 +1,95 @@
+// house_test.cpp: the house rules that only the text of the sources can break: includes run downwards, and the
+// operating system is named in the platform layer alone.
+#include "test_support.h"
+
+#include <map>
+#include <regex>
+#include <set>
+
+namespace fs = std::filesystem;
+
+static std::vector<fs::path> SourcesBelow(const std::string& a_strFolder)
+{
+    std::vector<fs::path> vecpath;
+    for (const auto& entry : fs::recursive_directory_iterator(fs::path(TEST_SOURCEFOLDER) / a_strFolder))
+    {
+        if (entry.path().extension() == ".cpp" || entry.path().extension() == ".h")
+            vecpath.push_back(entry.path());
+    }
+    return vecpath;
+}
+
+static std::vector<std::string> Matches(const std::string& a_strText, const std::string& a_strPattern)
+{
+    const std::regex pattern(a_strPattern);
+    std::vector<std::string> vecstr;
+    for (std::sregex_iterator it(a_strText.begin(), a_strText.end(), pattern), end; it != end; ++it)
+        vecstr.push_back((*it)[1]);
+    return vecstr;
+}
+
+// The floor of a library file, by the longest of these beginnings of its name.
+static int FloorOf(const std::string& a_strName)
+{
+    static const std::map<std::string, int> g_mapfloor = {
+        {"os_types", 0},           {"os_log", 0},         {"os_cfg", 0},
+        {"os_cosspinlock", 0},     {"os_scope", 0},       {"os_new", 0},
+        {"os_cosstring", 1},       {"os_cosxml", 1},      {"os_costime", 1},
+        {"os_coslocale", 1},       {"os_cosenv", 1},      {"os_cosmem", 2},
+        {"os_cossync", 2},         {"os_coslnk", 2},      {"os_cosarguments", 2},
+        {"os_costhread", 3},       {"os_cosfile", 3},     {"os_cossocket", 3},
+        {"os_coslogcollector", 4}, {"os_cosservices", 5},
+    };
+    size_t sizetLongest = 0;
+    int iFloor = -1;
+    for (const auto& [strPrefix, iPrefixFloor] : g_mapfloor)
+    {
+        if (a_strName.rfind(strPrefix, 0) == 0 && strPrefix.size() > sizetLongest)
+        {
+            sizetLongest = strPrefix.size();
+            iFloor = iPrefixFloor;
+        }
+    }
+    return iFloor;
+}
+
+TEST(House, IncludesOfTheLibraryRunDownwards)
+{
+    for (const fs::path& path : SourcesBelow("os"))
+    {
+        const int iFloor = FloorOf(path.stem());
+        ASSERT_GE(iFloor, 0) << path << " stands on no floor";
+        for (const std::string& strInclude : Matches(ReadWhole(path), "#include \"([^\"]*)\""))
+        {
+            const bool blSeam = strInclude.rfind("plat_", 0) == 0;
+            EXPECT_TRUE(blSeam || FloorOf(strInclude) >= 0) << path << " includes " << strInclude;
+            EXPECT_FALSE(blSeam && iFloor == 0) << path << " is on the ground floor and includes " << strInclude;
+            EXPECT_LE(blSeam ? 0 : FloorOf(strInclude), iFloor) << path << " includes " << strInclude;
+        }
+    }
+}
+
+TEST(House, TheOperatingSystemIsNamedInThePlatformLayerAlone)
+{
+    // The headers of C++ that the sources above the platform layer may use.
+    static const std::set<std::string> g_setstrAllowed = {
+        "algorithm", "array",   "atomic",      "cctype",  "cerrno",      "charconv", "chrono",   "climits",
+        "cmath",     "cstdarg", "cstddef",     "cstdint", "cstdio",      "cstdlib",  "cstring",  "exception",
+        "iterator",  "limits",  "memory",      "mutex",   "new",         "numeric",  "optional", "span",
+        "stdexcept", "string",  "string_view", "thread",  "type_traits", "utility",  "vector"};
+    for (const char* szFolder : {"os", "logcollector"})
+    {
+        for (const fs::path& path : SourcesBelow(szFolder))
+        {
+            const std::string strText = ReadWhole(path);
+            for (const std::string& strInclude : Matches(strText, "#include <([^>]*)>"))
+                EXPECT_TRUE(g_setstrAllowed.count(strInclude)) << path << " includes <" << strInclude << ">";
+            EXPECT_TRUE(Matches(strText, "#\\s*if.*(_WIN32|__linux__|__unix__)").empty()) << path;
+        }
+    }
+    for (const fs::path& path : SourcesBelow("platform"))
+    {
+        for (const std::string& strInclude : Matches(ReadWhole(path), "#include \"([^\"]*)\""))
+            EXPECT_EQ(strInclude.rfind("plat_", 0), 0u) << path << " calls upward: " << strInclude;
+    }
+}

@@ -1,0 +1,255 @@
+// os_coslogcollector_test.cpp: the collector object through its public name, with its log and its configuration.
+#include "collector_support.h"
+
+#include "os_cfg.h"
+#include "os_coslogcollector.h"
+#include "os_coslogcollector_protocol.h"
+#include "os_cosservices.h"
+
+#include <atomic>
+#include <cstdlib>
+#include <stdexcept>
+
+// A configuration that knows two folders and counts the calls of the folder management.
+class FakeConfiguration final : public COsCfgSource
+{
+public:
+    explicit FakeConfiguration(std::string a_strFolder) : m_strFolder(std::move(a_strFolder))
+    {
+        g_poscfgsource.store(this);
+    }
+    ~FakeConfiguration() { g_poscfgsource.store(nullptr); }
+
+    const char* GetString(EOSCFGSECTION, EOSCFGTAG a_eoscfgtag) override
+    {
+        return a_eoscfgtag == OS_CFGTAG_ROOTCOMMONDIRECTORYLEGACY ? m_strFolder.c_str() : "";
+    }
+    EOSSTS GetInfo(EOSCFGINFO, int64_t*) override { return EOSSTS_FAIL; }
+    void ManageLogDirectories(const char* a_szLogFolder) override
+    {
+        const std::lock_guard<std::mutex> guard(m_mutex);
+        m_vecstrManaged.push_back(a_szLogFolder);
+    }
+
+    std::vector<std::string> Managed()
+    {
+        const std::lock_guard<std::mutex> guard(m_mutex);
+        return m_vecstrManaged;
+    }
+
+private:
+    std::string m_strFolder;
+    std::mutex m_mutex;
+    std::vector<std::string> m_vecstrManaged;
+};
+
+static uint16_t FreePort()
+{
+    PlatSocketStartup();
+    const PlatHandle plathandle = PlatSocketCreate();
+    PlatAddress plataddress{{127, 0, 0, 1}, 0};
+    PlatSocketBind(plathandle, &plataddress);
+    PlatSocketName(plathandle, &plataddress);
+    PlatClose(plathandle);
+    return plataddress.u16Port;
+}
+
+static std::string Backslashed(std::string a_strPath)
+{
+    std::replace(a_strPath.begin(), a_strPath.end(), '/', '\\');
+    return a_strPath;
+}
+
+// A shared collector inside this test, at a port that it was given.
+class SharedCollector : public FolderTest
+{
+protected:
+    SharedCollector() : m_configuration(m_path.string()), m_u16Port(FreePort())
+    {
+        setenv("MVR_LOGCOLLECTOR", std::to_string(m_u16Port).c_str(), 1);
+        OsServicesStart();
+        m_collector = std::make_unique<COsLogCollector>(OS_COLLECTORMODE_SHARED, nullptr);
+    }
+    ~SharedCollector() override
+    {
+        m_collector.reset();
+        OsServicesStop();
+    }
+
+    void StartAndAnnounce()
+    {
+        ASSERT_EQ(m_collector->Start(nullptr, true), EOSSTS_SUCCESS);
+        ASSERT_TRUE(WaitFor([&] { return ReadWhole(PathOf("logcollector.txt")) == Announcement(); }));
+    }
+    std::string Announcement() const
+    {
+        return " <log><ip>127.0.0.1</ip><port>" + std::to_string(m_u16Port) + "</port><log>";
+    }
+    // The announcement is written a moment before the listener listens.
+    std::unique_ptr<StreamClient> Connect(const std::string& a_strText)
+    {
+        std::unique_ptr<StreamClient> client;
+        EXPECT_TRUE(WaitFor([&] {
+            client = std::make_unique<StreamClient>(m_u16Port);
+            return client->Send(a_strText);
+        }));
+        return client;
+    }
+
+    LogCapture m_log;
+    FakeConfiguration m_configuration;
+    uint16_t m_u16Port;
+    std::unique_ptr<COsLogCollector> m_collector;
+};
+
+TEST_F(SharedCollector, AnnouncesItselfForItsLifeAndOnlyOnce)
+{
+    StartAndAnnounce();
+    EXPECT_EQ(m_collector->Start(nullptr, true), EOSSTS_SUCCESS) << "again is harmless";
+
+    COsLogCollector other(OS_COLLECTORMODE_SHARED, nullptr);
+    ASSERT_TRUE(WaitFor([&] { return other.Start(nullptr, true) == EOSSTS_BUSY; }));
+    m_collector->Stop(nullptr, 0);
+    EXPECT_FALSE(std::filesystem::exists(PathOf("logcollector.txt")));
+}
+
+TEST_F(SharedCollector, AStaleAnnouncementIsReplaced)
+{
+    WriteWhole(PathOf("logcollector.txt"), "stale, and longer than any announcement that a collector writes into it");
+    StartAndAnnounce();
+}
+
+TEST_F(SharedCollector, PortsBelowThoseOfUsersGiveTheDefault)
+{
+    setenv("MVR_LOGCOLLECTOR", "1024", 1);
+    m_u16Port = 41114;
+    m_collector = std::make_unique<COsLogCollector>(OS_COLLECTORMODE_SHARED, nullptr);
+    StartAndAnnounce();
+}
+
+TEST_F(SharedCollector, ItsStreamsNeverAskItToEnd)
+{
+    StartAndAnnounce();
+    Connect(Header(PathOf("a.log")) + "text")->Close();
+    ASSERT_TRUE(WaitFor([&] { return ReadWhole(PathOf("a.log")) == "text"; }));
+    Connect(Header(PathOf("b.log")) + "text")->Close();
+    ASSERT_TRUE(WaitFor([&] { return ReadWhole(PathOf("b.log")) == "text"; }));
+    m_collector->Stop(nullptr, 0);
+    EXPECT_EQ(g_bLogCollectorStop.load(), 0);
+}
+
+TEST_F(SharedCollector, StopEndsLiveStreamsAndTellsTheirFolderOnce)
+{
+    StartAndAnnounce();
+    const std::string strFolder = PathOf("log.20240101");
+    const auto stream = Connect(Header(strFolder + "/sub/a.log") + "text");
+    const auto streamEmpty = Connect(Header(strFolder + "/sub/empty.log"));
+    const auto streamSilent = Connect(" ");
+    ASSERT_TRUE(WaitFor([&] {
+        return ReadWhole(strFolder + "/sub/a.log") == "text" && std::filesystem::exists(strFolder + "/sub/empty.log");
+    }));
+
+    char szFolder[OS_PATHSIZE];
+    const uint64_t u64Start = PlatTicks();
+    m_collector->Stop(szFolder, sizeof szFolder);
+    EXPECT_LT(PlatTicks() - u64Start, 5000u);
+    EXPECT_EQ(szFolder, Backslashed(strFolder));
+    EXPECT_TRUE(stream->IsEnded());
+    EXPECT_FALSE(std::filesystem::exists(strFolder + "/sub/empty.log"));
+    m_collector->Stop(szFolder, sizeof szFolder);
+    EXPECT_EQ(szFolder, Backslashed(strFolder)) << "a second run only reports";
+}
+
+TEST_F(SharedCollector, TheFirstLogFolderIsManagedOnce)
+{
+    StartAndAnnounce();
+    const auto none = Connect(Header(PathOf("plain/a.log")) + "1");
+    const auto first = Connect(Header(PathOf("log.20240101/deep/a.log")) + "2");
+    ASSERT_TRUE(WaitFor([&] { return !m_configuration.Managed().empty(); }));
+    const auto second = Connect(Header(PathOf("log.20240202/a.log")) + "3");
+    ASSERT_TRUE(WaitFor([&] { return ReadWhole(PathOf("log.20240202/a.log")) == "3"; }));
+    EXPECT_EQ(m_configuration.Managed(), std::vector<std::string>{Backslashed(PathOf("log.20240101"))});
+}
+
+TEST_F(SharedCollector, WhatEndsAStreamIsLogged)
+{
+    StartAndAnnounce();
+    Connect("<log></log>")->IsEnded();
+    EXPECT_TRUE(
+        WaitFor([&] { return m_log.HasAt(OS_LOG_NOTE, "CreateFileW failed...257 0xc0000000 0x3 0x4 0x80 <>"); }));
+    Connect(Header(m_path.string()))->IsEnded();
+    EXPECT_TRUE(WaitFor([&] {
+        return m_log.HasAt(OS_LOG_NOTE, "CreateFileW failed...258 0xc0000000 0x3 0x4 0x80 <" + m_path.string() + ">");
+    }));
+    const std::string strLong = Header(std::string(512, 'x'));
+    Connect(strLong)->IsEnded();
+    EXPECT_TRUE(WaitFor([&] { return m_log.HasAt(OS_LOG_CHECK, "data overflow: <logfile> " + strLong); }));
+}
+
+// Connections come and go while the collector is stopped: nothing hangs, nothing is freed under a reader.
+TEST_F(SharedCollector, StopMayComeAtAnyMoment)
+{
+    for (int i = 0; i < 20; ++i)
+    {
+        StartAndAnnounce();
+        std::atomic<bool> blStop{false};
+        std::thread thread([&] {
+            while (!blStop.load())
+                StreamClient(m_u16Port).Send(Header(PathOf("x.log")) + "text");
+        });
+        PlatSleep(static_cast<uint32_t>(i));
+        const uint64_t u64Start = PlatTicks();
+        m_collector = std::make_unique<COsLogCollector>(OS_COLLECTORMODE_SHARED, nullptr);
+        EXPECT_LT(PlatTicks() - u64Start, 10000u);
+        blStop.store(true);
+        thread.join();
+    }
+}
+
+TEST(LogCollectorObject, AnUnknownRoleIsRefused)
+{
+    EXPECT_THROW(COsLogCollector(static_cast<CollectorMode>(5), nullptr), std::invalid_argument);
+    EXPECT_THROW(COsLogCollector(static_cast<CollectorMode>(0), "a.log"), std::invalid_argument);
+    EXPECT_EQ(OsLogGetState(), 0);
+}
+
+TEST(LogCollectorObject, NothingStartsInTheServicesSession)
+{
+    setenv("MVR_SESSION", "0", 1);
+    const LogCapture log;
+    COsLogCollector oslogcollector(OS_COLLECTORMODE_PRIVATE, nullptr);
+    EXPECT_EQ(oslogcollector.Start(nullptr, false), EOSSTS_FAIL);
+    EXPECT_FALSE(log.HasPart("COsLnkImpl"));
+}
+
+TEST(LogCollectorProtocol, MessagesAreBuiltAndReadToTheLetter)
+{
+    char szText[256];
+    ASSERT_EQ(OsLcBuildStartArgument(szText, sizeof szText, 4711), EOSSTS_SUCCESS);
+    EXPECT_STREQ(szText, "--xmlb64=PGxjPjxsY3BpZGFwcD40NzExPC9sY3BpZGFwcD48L2xjPg==");
+    EXPECT_EQ(OsLcBuildStartArgument(szText, 20, 4711), EOSSTS_FAIL);
+
+    char szPort[OS_LC_PORTSIZE];
+    uint64_t u64ProcessId = 0;
+    EXPECT_EQ(OsLcReadStartReply("<lc><lcport>1</lcport><lcpidlc>2</lcpidlc></l", szPort, &u64ProcessId), EOSSTS_BUSY);
+    EXPECT_EQ(OsLcReadStartReply(OsLcStartRefusal(), szPort, &u64ProcessId), EOSSTS_ACCESSDENIED);
+    EXPECT_EQ(OsLcReadStartReply("<lc><lcport>1</lcport></lc>", szPort, &u64ProcessId), EOSSTS_FAIL);
+    EXPECT_EQ(OsLcReadStartReply("<lc><lcport>1</lcport><lcpidlc>2</lcpidlc></lc>", szPort, &u64ProcessId),
+              EOSSTS_SUCCESS);
+    EXPECT_STREQ(szPort, "1");
+    EXPECT_EQ(u64ProcessId, 2u);
+
+    EXPECT_EQ(OsLcReadCommand("<cmd>FLUSH</cmd>").eoslccommand, OS_LCCOMMAND_FLUSH);
+    EXPECT_EQ(OsLcReadCommand("<CMD>flush</CMD>").eoslccommand, OS_LCCOMMAND_NONE);
+    EXPECT_EQ(OsLcReadCommand("<cmd>exitall</cmd>").eoslccommand, OS_LCCOMMAND_EXITALL);
+    const OsLcCommand oslccommand = OsLcReadCommand("<lcpidapp>7</lcpidapp><cmd>Exit</cmd><lcport>8</lcport>");
+    EXPECT_EQ(oslccommand.eoslccommand, OS_LCCOMMAND_EXIT);
+    EXPECT_EQ(oslccommand.i32Port, 8);
+    EXPECT_EQ(oslccommand.i64ProcessIdApplication, 7);
+
+    char szHost[OS_LC_HOSTSIZE];
+    ASSERT_EQ(OsLcBuildAnnouncement(szText, sizeof szText, "127.0.0.1", "41114"), EOSSTS_SUCCESS);
+    EXPECT_STREQ(szText, " <log><ip>127.0.0.1</ip><port>41114</port><log>");
+    EXPECT_TRUE(OsLcReadAnnouncement(szText, szHost, szPort));
+    EXPECT_FALSE(OsLcReadAnnouncement("<ip>127.0.0.1</ip><port>1234567890123456</port>", szHost, szPort));
+}
