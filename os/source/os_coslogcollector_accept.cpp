@@ -57,22 +57,26 @@ static void WriteStandardOutput(const char* a_szText)
     PlatStandardWrite(PLAT_STANDARD_OUTPUT, a_szText, std::strlen(a_szText));
 }
 
-bool COsLogCollectorImpl::BindAndReport()
+// The port is told only when the listener listens: an application connects as soon as it knows it.
+bool COsLogCollectorImpl::ListenAndReport()
 {
     if (m_possocketListen->SocketCreate(m_szHost, m_szPort, "logaccept", nullptr) != EOSSTS_SUCCESS)
         return false;
-    if (m_collectormode != OS_COLLECTORMODE_PRIVATE)
-        return true;
-
-    m_possocketListen->SocketGetInfo(m_szHost, m_szPort);
-    if (std::strcmp(m_szPort, OS_LC_SHAREDPORT) == 0)
+    const bool blPrivate = m_collectormode == OS_COLLECTORMODE_PRIVATE;
+    if (blPrivate)
+        m_possocketListen->SocketGetInfo(m_szHost, m_szPort);
+    if (blPrivate && std::strcmp(m_szPort, OS_LC_SHAREDPORT) == 0)
     {
         WriteStandardOutput(OsLcStartRefusal());
         return false;
     }
-    char szReply[128];
-    OsLcBuildStartReply(szReply, sizeof szReply, m_szPort, PlatProcessId());
-    WriteStandardOutput(szReply);
+    m_possocketListen->SocketListen();
+    if (blPrivate)
+    {
+        char szReply[128];
+        OsLcBuildStartReply(szReply, sizeof szReply, m_szPort, PlatProcessId());
+        WriteStandardOutput(szReply);
+    }
     return true;
 }
 
@@ -80,9 +84,8 @@ bool COsLogCollectorImpl::BindAndReport()
 
 void COsLogCollectorImpl::ServeConnections()
 {
-    if (!BindAndReport())
+    if (!ListenAndReport())
         return;
-    m_possocketListen->SocketListen();
 
     LogCollectorRecord logcollectorrecord{};
     while (CreateRecord(logcollectorrecord) && AcceptOne(logcollectorrecord) && StartReader(logcollectorrecord))

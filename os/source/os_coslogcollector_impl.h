@@ -56,7 +56,7 @@ private:
     static uint32_t LogAcceptEntry(COsThread* a_posthread);
     void LogAccept();
     bool Announce(COsFile& a_osfile, const char* a_szPath);
-    bool BindAndReport();
+    bool ListenAndReport();
     void ServeConnections();
     bool CreateRecord(LogCollectorRecord& a_logcollectorrecord);
     bool AcceptOne(LogCollectorRecord& a_logcollectorrecord);
