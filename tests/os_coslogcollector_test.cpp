@@ -2,6 +2,7 @@
 #include "collector_support.h"
 
 #include "os_cfg.h"
+#include "os_cosfile.h"
 #include "os_coslogcollector.h"
 #include "os_coslogcollector_protocol.h"
 #include "os_cosservices.h"
@@ -85,6 +86,13 @@ protected:
     {
         return " <log><ip>127.0.0.1</ip><port>" + std::to_string(m_u16Port) + "</port><log>";
     }
+    bool AnnouncementIsLocked() const
+    {
+        COsFile osfile;
+        return osfile.Open(PathOf("logcollector.txt").c_str(), OS_FILEOPEN_EXISTING, OS_FILEACCESS_READWRITE,
+                           OS_FILESHARE_READWRITE) == EOSSTS_SUCCESS &&
+               osfile.Lock(0, 1, 0, nullptr, false, true) == EOSSTS_BUSY;
+    }
     // The announcement is written a moment before the listener listens.
     std::unique_ptr<StreamClient> Connect(const std::string& a_strText)
     {
@@ -107,8 +115,9 @@ TEST_F(SharedCollector, AnnouncesItselfForItsLifeAndOnlyOnce)
     StartAndAnnounce();
     EXPECT_EQ(m_collector->Start(nullptr, true), EOSSTS_SUCCESS) << "again is harmless";
 
+    ASSERT_TRUE(WaitFor([&] { return AnnouncementIsLocked(); }));
     COsLogCollector other(OS_COLLECTORMODE_SHARED, nullptr);
-    ASSERT_TRUE(WaitFor([&] { return other.Start(nullptr, true) == EOSSTS_BUSY; }));
+    EXPECT_EQ(other.Start(nullptr, true), EOSSTS_BUSY);
     m_collector->Stop(nullptr, 0);
     EXPECT_FALSE(std::filesystem::exists(PathOf("logcollector.txt")));
 }

@@ -36,6 +36,7 @@ void COsLogCollectorImpl::LogData(const LogCollectorRecord& a_logcollectorrecord
     char szLogFile[OS_PATHSIZE] = {};
     TakeStream(a_logcollectorrecord, szLogFile, posthreadManage);
     a_logcollectorrecord.posfile->Close();
+    a_logcollectorrecord.possocket->SocketDisconnect(false);   // who still sends is to notice
     RemoveIfEmpty(szLogFile);
 
     const int32_t i32Live = MarkFinished(a_logcollectorrecord.posfile);

@@ -64,15 +64,20 @@ void COsLogCollectorImpl::StopReaders()
         OSMEMDELETE(m_poslnk);
 }
 
+// The events end the waits of all readers before the cancels, which wait a moment each, end the reads that never wait.
 std::vector<COsThread*> COsLogCollectorImpl::CancelReaders()
 {
     std::vector<COsThread*> vecposthread;
-    auto* precord =
+    const auto next = [this](LogCollectorRecord* a_precord) {
+        return static_cast<LogCollectorRecord*>(m_poslnk->GetNext(a_precord));
+    };
+    auto* const precordFirst =
         static_cast<LogCollectorRecord*>(m_poslnk->GetFirstAndLock("COsLogCollectorImpl::Stop", g_szSource, __LINE__));
-    for (; precord; precord = static_cast<LogCollectorRecord*>(m_poslnk->GetNext(precord)))
+    for (LogCollectorRecord* precord = precordFirst; precord; precord = next(precord))
+        precord->possync->EventSet();
+    for (LogCollectorRecord* precord = precordFirst; precord; precord = next(precord))
     {
         precord->possocket->SocketCancel();
-        precord->possync->EventSet();
         vecposthread.push_back(precord->posthread);
     }
     m_poslnk->Unlock();
