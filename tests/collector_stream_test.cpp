@@ -184,7 +184,7 @@ TEST_F(CollectorStream, TwoStreamsOfOneFileAppendWholePieces)
         threadB.join();
     }
     const size_t sizetAll = iLines * (strA.size() + strB.size());
-    ASSERT_TRUE(WaitFor([&] { return std::filesystem::file_size(PathOf("x.log")) == sizetAll; }));
+    ASSERT_TRUE(WaitFor([&] { return SizeOf("x.log") == sizetAll; }));
     const std::string strContent = ReadWhole(PathOf("x.log"));
     EXPECT_EQ(std::count(strContent.begin(), strContent.end(), 'a'), 150 * iLines);
     EXPECT_EQ(std::count(strContent.begin(), strContent.end(), 'b'), 90 * iLines);
@@ -232,12 +232,9 @@ TEST_F(CollectorStream, SixtyFourStreamsOfRandomBytesKeepEveryByte)
         thread.join();
     for (uint32_t u32 = 0; u32 < u32Streams; ++u32)
     {
-        const std::string strPath = PathOf(std::to_string(u32) + ".log");
-        ASSERT_TRUE(WaitFor([&] {
-            std::error_code error;
-            return std::filesystem::file_size(strPath, error) == sizetBytes;
-        }));
-        EXPECT_TRUE(ReadWhole(strPath) == RandomBytes(sizetBytes, u32)) << u32;
+        const std::string strName = std::to_string(u32) + ".log";
+        ASSERT_TRUE(WaitFor([&] { return SizeOf(strName) == sizetBytes; }));
+        EXPECT_TRUE(ReadWhole(PathOf(strName)) == RandomBytes(sizetBytes, u32)) << u32;
     }
 }
 

@@ -130,5 +130,13 @@ protected:
 
     std::string PathOf(const std::string& a_strName) const { return (m_path / a_strName).string(); }
 
+    // 0 for a file that is not there.
+    size_t SizeOf(const std::string& a_strName) const
+    {
+        std::error_code error;
+        const auto size = std::filesystem::file_size(PathOf(a_strName), error);
+        return error ? 0 : size;
+    }
+
     std::filesystem::path m_path;
 };

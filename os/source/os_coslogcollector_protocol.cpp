@@ -70,7 +70,12 @@ EOSSTS OsLcBuildHeader(char* a_szHeader, size_t a_sizetHeader, const char* a_szL
 
 bool OsLcReadHeader(const char* a_pchPiece, char* a_szLogFile)
 {
-    return OsXmlExtract(a_pchPiece, "<logfile>", "</logfile>", a_szLogFile, OS_PATHSIZE, true);
+    if (!OsXmlExtract(a_pchPiece, "<logfile>", "</logfile>", a_szLogFile, OS_PATHSIZE, true))
+        return false;
+    // What is left of a CDATA section that was never closed is no path.
+    if (StrStartsWith(a_szLogFile, "<![CDATA["))
+        *a_szLogFile = 0;
+    return *a_szLogFile != 0;
 }
 
 size_t OsLcHeaderLength(const char* a_pchPiece, size_t a_sizetPiece)

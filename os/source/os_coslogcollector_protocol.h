@@ -46,8 +46,8 @@ EOSSTS OsLcReadStartReply(const char* a_szReply, char* a_szPort, uint64_t* a_pu6
 // The header of a log stream. EOSSTS_FAIL when the path does not fit.
 EOSSTS OsLcBuildHeader(char* a_szHeader, size_t a_sizetHeader, const char* a_szLogFile);
 
-// Takes the log file (OS_PATHSIZE bytes) out of the first piece of a stream, which a terminator follows. False
-// without one, or with one that does not fit.
+// Takes the log file (OS_PATHSIZE bytes) out of the first piece of a stream, which a terminator follows. False, with
+// an empty path, without one, with one that does not fit, and with a CDATA section that is not closed.
 bool OsLcReadHeader(const char* a_pchPiece, char* a_szLogFile);
 
 // Where the log text of the first piece begins: behind the header's end, or a_sizetPiece for a header without one.
