@@ -58,14 +58,14 @@ void Trace(const char* a_szDirectory, EOSSTS a_eossts, uint32_t a_u32Error)
 
     char szName[OS_PATHSIZE];
     ProgramName(szName, sizeof szName);
+    const char* const szOutcome = a_eossts == EOSSTS_EXISTS    ? "exists:"
+                                  : a_eossts == EOSSTS_SUCCESS ? "pass:  "
+                                                               : "error: ";
     char szLine[2 * OS_PATHSIZE];
-    if (a_eossts == EOSSTS_EXISTS)
-        SStrPrintf(szLine, sizeof szLine, "exists: %15.15s %15.15s %s\r\n", szName, szName, a_szDirectory);
-    else if (a_eossts == EOSSTS_SUCCESS)
-        SStrPrintf(szLine, sizeof szLine, "pass:   %15.15s %15.15s %s\r\n", szName, szName, a_szDirectory);
-    else
-        SStrPrintf(szLine, sizeof szLine, "error:  %15.15s %15.15s %s %d %x\r\n", szName, szName, a_szDirectory, 0,
-                   a_u32Error);
+    SStrPrintf(szLine, sizeof szLine, "%s %15.15s %15.15s %s", szOutcome, szName, szName, a_szDirectory);
+    if (a_eossts != EOSSTS_EXISTS && a_eossts != EOSSTS_SUCCESS)
+        SStrCatf(szLine, sizeof szLine, " %d %x", 0, a_u32Error);
+    SStrCat(szLine, sizeof szLine, "\r\n");
     OsLogWriteFile(szTraceFile, szLine, true, false, true);
 }
 
@@ -83,10 +83,11 @@ char* SkipComponents(char* a_szPath, int a_iComponents)
 // Where the components of an absolute path begin that can be created: behind "\", "X:\" or "\\server\share\".
 char* BehindRoot(char* a_szPath)
 {
-    if (StrStartsWith(a_szPath, "\\\\?\\"))
-        a_szPath += 4;
-    else if (StrStartsWith(a_szPath, "\\\\"))
+    const bool blPrefix = StrStartsWith(a_szPath, "\\\\?\\");
+    if (!blPrefix && StrStartsWith(a_szPath, "\\\\"))
         return SkipComponents(a_szPath + 2, 2);
+    if (blPrefix)
+        a_szPath += 4;
     const bool blDrive = a_szPath[0] && a_szPath[1] == ':';
     return blDrive || a_szPath[0] == '\\' ? SkipComponents(a_szPath, 1) : a_szPath;
 }

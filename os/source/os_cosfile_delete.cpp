@@ -141,15 +141,15 @@ bool TreeWalk::DeleteFolder(bool a_blRecursive)
 
 bool TreeWalk::DeleteFile()
 {
-    const bool blAllowed = m_osfileinfo.eosfiletype != OS_FILETYPE_SYSTEM || m_blSystemFiles;
-    if (!blAllowed)
-        PlatSetLastError(PLAT_ERROR_ACCESSDENIED);
-    else if (RemoveNow(PlatFileDelete, m_osfileinfo.blLink))
-        return true;
-
-    const uint32_t u32Error = PlatGetLastError();
-    if (blAllowed && !OsFileExists(m_szPath))
-        return true;
+    uint32_t u32Error = PLAT_ERROR_ACCESSDENIED;
+    if (m_osfileinfo.eosfiletype != OS_FILETYPE_SYSTEM || m_blSystemFiles)
+    {
+        if (RemoveNow(PlatFileDelete, m_osfileinfo.blLink))
+            return true;
+        u32Error = PlatGetLastError();
+        if (!OsFileExists(m_szPath))
+            return true;
+    }
     OSLOG(OS_LOG_NOTE, "DeleteFile failed...%s (%d)", m_szPath, static_cast<int>(u32Error));
     return false;
 }

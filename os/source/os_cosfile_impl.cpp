@@ -9,6 +9,7 @@
 #include "plat_wait.h"
 
 #include <algorithm>
+#include <bit>
 #include <cstring>
 
 static constexpr char g_szSource[] = "os/source/os_cosfile";
@@ -66,20 +67,19 @@ COsFileImpl::~COsFileImpl()
     ReleaseBuffer();
 }
 
-static bool CheckOpenArguments(const char* a_szFilename, EOSFILEOPEN a_eosfileopen, EOSFILEACCESS a_eosfileaccess,
-                               EOSFILESHARE a_eosfileshare)
+// What is wrong with the arguments of an open, or null.
+static const char* OpenFault(const char* a_szFilename, EOSFILEOPEN a_eosfileopen, EOSFILEACCESS a_eosfileaccess,
+                             EOSFILESHARE a_eosfileshare)
 {
     if (!a_szFilename)
-        OSLOG(OS_LOG_ERROR, "a_szFilename is null...");
-    else if (!IsInTable(a_eosfileopen, std::size(g_aopenrow)))
-        OSLOG(OS_LOG_ERROR, "a_eosfileopen is bad...");
-    else if (!IsInTable(a_eosfileaccess, std::size(g_aaccessrow)))
-        OSLOG(OS_LOG_ERROR, "a_eosfileaccess is bad...");
-    else if (!IsInTable(a_eosfileshare, std::size(g_au32Share)))
-        OSLOG(OS_LOG_ERROR, "a_eosfileshare is bad...");
-    else
-        return true;
-    return false;
+        return "a_szFilename is null...";
+    if (!IsInTable(a_eosfileopen, std::size(g_aopenrow)))
+        return "a_eosfileopen is bad...";
+    if (!IsInTable(a_eosfileaccess, std::size(g_aaccessrow)))
+        return "a_eosfileaccess is bad...";
+    if (!IsInTable(a_eosfileshare, std::size(g_au32Share)))
+        return "a_eosfileshare is bad...";
+    return nullptr;
 }
 
 // A file that is opened again and again, as a log is for its lines, is converted once.
@@ -95,8 +95,11 @@ bool COsFileImpl::RememberName(const char* a_szFilename)
 EOSSTS COsFileImpl::Open(const char* a_szFilename, EOSFILEOPEN a_eosfileopen, EOSFILEACCESS a_eosfileaccess,
                          EOSFILESHARE a_eosfileshare, bool a_blRedirectionOff)
 {
-    if (!CheckOpenArguments(a_szFilename, a_eosfileopen, a_eosfileaccess, a_eosfileshare))
+    if (const char* const szFault = OpenFault(a_szFilename, a_eosfileopen, a_eosfileaccess, a_eosfileshare))
+    {
+        OSLOG(OS_LOG_ERROR, "%s", szFault);
         return EOSSTS_NOTOPEN;
+    }
     Close();
     if (!RememberName(a_szFilename))
         return EOSSTS_FAIL;
@@ -308,8 +311,7 @@ EOSSTS COsFileImpl::Lock(uint32_t a_u32Offset, uint32_t a_u32Length, int32_t a_i
     }
     if (a_blTestOnly)
         PlatFileUnlock(m_plathandleFile, a_u32Offset, a_u32Length);
-    else
-        *plockslot = {a_u32Offset, a_u32Length};
+    *plockslot = a_blTestOnly ? LockSlot{} : LockSlot{a_u32Offset, a_u32Length};
     return EOSSTS_SUCCESS;
 }
 
@@ -357,7 +359,7 @@ void COsFileImpl::ReleaseLibrary()
 {
     if (m_plathandleLibrary == PLAT_INVALID)
         return;
-    OSLOG(OS_LOG_NOTE, "SharedLibrary: free %p (%d) (%d)", reinterpret_cast<void*>(m_plathandleLibrary),
+    OSLOG(OS_LOG_NOTE, "SharedLibrary: free %p (%d) (%d)", std::bit_cast<const void*>(m_plathandleLibrary),
           static_cast<int>(m_blLibraryLoaded), static_cast<int>(m_blLibraryDrain));
     if (m_blLibraryLoaded)
     {

@@ -30,22 +30,22 @@ constexpr LowerRow g_alowerrow[] = {
     {u'\u0400', u'\u040F', 80}, {u'\u0410', u'\u042F', 32},   // Cyrillic
 };
 
-void MakeLower(char16_t* a_wszText)
+char16_t Lower(char16_t a_wch)
 {
-    for (char16_t* wsz = a_wszText; *wsz; ++wsz)
-        for (const LowerRow& lowerrow : g_alowerrow)
-            if (*wsz >= lowerrow.wchFirst && *wsz <= lowerrow.wchLast)
-            {
-                *wsz = static_cast<char16_t>(*wsz + lowerrow.wchDistance);
-                break;
-            }
+    for (const LowerRow& lowerrow : g_alowerrow)
+    {
+        if (a_wch >= lowerrow.wchFirst && a_wch <= lowerrow.wchLast)
+            return static_cast<char16_t>(a_wch + lowerrow.wchDistance);
+    }
+    return a_wch;
 }
 
 // Consumes the system's record, whose name becomes lower case. A name that does not convert is left empty.
 void FillInfo(PlatFileInfo& a_platfileinfo, OsFileInfo* a_posfileinfo)
 {
     CopyStringToUtf8(a_posfileinfo->szName, sizeof a_posfileinfo->szName, a_platfileinfo.wszName, SIZE_MAX);
-    MakeLower(a_platfileinfo.wszName);
+    for (char16_t* wsz = a_platfileinfo.wszName; *wsz; ++wsz)
+        *wsz = Lower(*wsz);
     CopyStringToUtf8(a_posfileinfo->szLowerName, sizeof a_posfileinfo->szLowerName, a_platfileinfo.wszName, SIZE_MAX);
     a_posfileinfo->u64Size = a_platfileinfo.u64Size;
     a_posfileinfo->eosfiletype = static_cast<EOSFILETYPE>(a_platfileinfo.platentry);
@@ -63,10 +63,8 @@ static_assert(static_cast<uint32_t>(PLAT_ENTRY_FOLDER) == OS_FILETYPE_FOLDER &&
 
 bool CheckFindArguments(const char* a_szFilename, const OsFileInfo* a_posfileinfo)
 {
-    if (!a_szFilename)
-        OSLOG(OS_LOG_ERROR, "a_szFilename is null...");
-    else if (!a_posfileinfo)
-        OSLOG(OS_LOG_ERROR, "a_posfileinfo is NULL...");
+    if (!a_szFilename || !a_posfileinfo)
+        OSLOG(OS_LOG_ERROR, "%s", a_szFilename ? "a_posfileinfo is NULL..." : "a_szFilename is null...");
     return a_szFilename && a_posfileinfo;
 }
 

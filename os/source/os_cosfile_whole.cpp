@@ -21,6 +21,20 @@ constexpr uint32_t LevelOf(bool a_blQuiet)
     return a_blQuiet ? OS_LOG_NOTE : OS_LOG_ERROR;
 }
 
+void ClearOutput(const OsFileReadArgs& a_osfilereadargs)
+{
+    if (a_osfilereadargs.sizetBuffer > 0)
+    {
+        memset(a_osfilereadargs.szBuffer, 0, a_osfilereadargs.sizetBuffer);
+    }
+    else
+    {
+        *a_osfilereadargs.pszAllocated = nullptr;
+    }
+    if (a_osfilereadargs.psizetRead)
+        *a_osfilereadargs.psizetRead = 0;
+}
+
 // The buffer to read into, or null. A block of ours is one byte longer than the file and zero-filled, so that it
 // is a text whatever the file does meanwhile.
 char* BufferFor(const OsFileReadArgs& a_osfilereadargs, uint64_t a_u64Size, size_t* a_psizetRoom)
@@ -137,13 +151,7 @@ EOSSTS OsFileReadFile(const OsFileReadArgs& a_osfilereadargs)
         return EOSSTS_FAIL;
     }
 
-    if (blCallerBuffer)
-        memset(a_osfilereadargs.szBuffer, 0, a_osfilereadargs.sizetBuffer);
-    else
-        *a_osfilereadargs.pszAllocated = nullptr;
-    if (a_osfilereadargs.psizetRead)
-        *a_osfilereadargs.psizetRead = 0;
-
+    ClearOutput(a_osfilereadargs);
     if (!OsFileExists(a_osfilereadargs.szFilename, a_osfilereadargs.blRedirectionOff))
         return EOSSTS_NOTFOUND;
     return OpenAndRead(a_osfilereadargs);
