@@ -4,6 +4,7 @@
 
 #include <cstdlib>
 #include <cstring>
+#include <ctime>
 #include <unistd.h>
 #include <utility>
 #include <vector>
@@ -25,10 +26,8 @@ bool PosixEnvGet(const char* a_szName, std::string& a_strValue)
 {
     const std::lock_guard<std::mutex> guard(PosixEnvLock());
     const char* szValue = getenv(a_szName);
-    if (!szValue || !*szValue)
-        return PosixFail(PLAT_ERROR_ENVVARNOTFOUND);
-    a_strValue = szValue;
-    return true;
+    a_strValue = szValue ? szValue : "";
+    return !a_strValue.empty();
 }
 
 // UTF-16 text has at most as many units as UTF-8 text has bytes.
@@ -46,7 +45,14 @@ size_t PlatEnvGet(const char16_t* a_wszName, char16_t* a_wszValue, size_t a_size
     std::string strName;
     std::string strValue;
     std::u16string wstrValue;
-    if (!NameOf(a_wszName, strName) || !PosixEnvGet(strName.c_str(), strValue) || !Widen(strValue, wstrValue))
+    if (!NameOf(a_wszName, strName))
+        return 0;
+    if (!PosixEnvGet(strName.c_str(), strValue))
+    {
+        PlatSetLastError(PLAT_ERROR_ENVVARNOTFOUND);
+        return 0;
+    }
+    if (!Widen(strValue, wstrValue))
         return 0;
     if (wstrValue.size() < a_sizetValue)
         memcpy(a_wszValue, wstrValue.c_str(), (wstrValue.size() + 1) * sizeof(char16_t));
@@ -62,6 +68,8 @@ bool PlatEnvSet(const char16_t* a_wszName, const char16_t* a_wszValue)
     const std::lock_guard<std::mutex> guard(PosixEnvLock());
     const int iResult =
         strValue.empty() ? unsetenv(strName.c_str()) : setenv(strName.c_str(), strValue.c_str(), 1 /*overwrite*/);
+    if (strName == "TZ")
+        tzset();   // the clock goes by what it read last
     return iResult == 0 || PosixFailErrno();
 }
 

@@ -3,10 +3,10 @@
 #include "plat_memory.h"
 #include "plat_posix.h"
 
-#include <cerrno>
 #include <cstdlib>
 #include <cstring>
 #include <fcntl.h>
+#include <string_view>
 #include <sys/mman.h>
 #include <unistd.h>
 
@@ -123,10 +123,9 @@ private:
         m_sizetTaken = 0;
         while (m_sizetFilled < sizeof m_achBuffer - 1)
         {
-            const ssize_t ssizetRead =
-                read(m_iFile, m_achBuffer + m_sizetFilled, sizeof m_achBuffer - 1 - m_sizetFilled);
-            if (ssizetRead < 0 && errno == EINTR)
-                continue;
+            char* pchFree = m_achBuffer + m_sizetFilled;
+            const size_t sizetFree = sizeof m_achBuffer - 1 - m_sizetFilled;
+            const ssize_t ssizetRead = PosixRetry([&] { return read(m_iFile, pchFree, sizetFree); });
             if (ssizetRead <= 0)
                 break;
             m_sizetFilled += static_cast<size_t>(ssizetRead);
@@ -136,13 +135,13 @@ private:
     int m_iFile;
     size_t m_sizetTaken = 0;
     size_t m_sizetFilled = 0;
-    char m_achBuffer[8192];
+    char m_achBuffer[8192] = {};
 };
 
 // A line "Name:   123 kB", and where its number goes, in bytes.
 struct Figure
 {
-    const char* szName;
+    std::string_view strviewName;   // with the colon
     uint64_t* pu64Bytes;
 };
 }   // namespace
@@ -157,9 +156,8 @@ static bool ReadFigures(const char* a_szPath, const Figure (&a_afigure)[Count])
     {
         for (const Figure& figure : a_afigure)
         {
-            const size_t sizetName = strlen(figure.szName);
-            if (strncmp(szLine, figure.szName, sizetName) == 0 && szLine[sizetName] == ':')
-                *figure.pu64Bytes = strtoull(szLine + sizetName + 1, nullptr, 10) * 1024;
+            if (std::string_view(szLine).starts_with(figure.strviewName))
+                *figure.pu64Bytes = strtoull(szLine + figure.strviewName.size(), nullptr, 10) * 1024;
         }
     }
     return true;
@@ -173,11 +171,11 @@ bool PlatMemoryGetStatus(PlatMemoryStatus* a_pplatmemorystatus)
 {
     *a_pplatmemorystatus = {};
     uint64_t u64Used = 0;
-    const Figure afigureMachine[] = {{"MemTotal", &a_pplatmemorystatus->u64TotalPhysical},
-                                     {"MemAvailable", &a_pplatmemorystatus->u64AvailPhysical},
-                                     {"SwapTotal", &a_pplatmemorystatus->u64TotalPagefile},
-                                     {"SwapFree", &a_pplatmemorystatus->u64AvailPagefile}};
-    const Figure afigureProcess[] = {{"VmSize", &u64Used}};
+    const Figure afigureMachine[] = {{"MemTotal:", &a_pplatmemorystatus->u64TotalPhysical},
+                                     {"MemAvailable:", &a_pplatmemorystatus->u64AvailPhysical},
+                                     {"SwapTotal:", &a_pplatmemorystatus->u64TotalPagefile},
+                                     {"SwapFree:", &a_pplatmemorystatus->u64AvailPagefile}};
+    const Figure afigureProcess[] = {{"VmSize:", &u64Used}};
     if (!ReadFigures("/proc/meminfo", afigureMachine) || !ReadFigures("/proc/self/status", afigureProcess))
         return false;
 

@@ -4,6 +4,7 @@
 
 #include "plat_types.h"
 
+#include <cerrno>
 #include <mutex>
 #include <string>
 #include <vector>
@@ -60,6 +61,7 @@ constexpr int PosixDescriptorOf(PlatHandle a_plathandle)
 template <class Object>
 Object* PosixObjectOf(PlatHandle a_plathandle)
 {
+    // NOLINTNEXTLINE(performance-no-int-to-ptr): the pointer was put into the handle as a number
     return reinterpret_cast<Object*>(a_plathandle & 0x0000FFFFFFFFFFFFull);
 }
 
@@ -75,6 +77,18 @@ uint32_t PosixTranslate(int a_iErrno);
 // Sets the last error and returns false, so that a failing call can end in "return PosixFail(...)".
 bool PosixFail(uint32_t a_u32Error);
 bool PosixFailErrno();   // with what errno says now
+
+// Calls again what a signal has interrupted.
+template <class Call>
+auto PosixRetry(Call a_call)
+{
+    for (;;)
+    {
+        const auto result = a_call();
+        if (result >= 0 || errno != EINTR)
+            return result;
+    }
+}
 
 // UTF-16 to UTF-8 and back. False, with the last error 1113, for text that is neither; 122 when it does not fit.
 bool PosixToUtf8(const char16_t* a_wszText, std::string& a_strText);
@@ -95,14 +109,14 @@ int PosixOpenNamedEvent(const char16_t* a_wszName, bool* a_pblExisted);
 // The descriptor that can be read once a child has ended.
 int PosixChildDescriptor(PlatHandle a_plathandle);
 
-// The value of a variable. False when it is unset or empty.
+// The value of a variable; false, without an error, when it is unset or empty.
 bool PosixEnvGet(const char* a_szName, std::string& a_strValue);
 
 // Whatever reads or changes the C library's environment, also on the side, holds this lock.
 std::mutex& PosixEnvLock();
 
 // The soft limit of open descriptors: raised to the hard one for us, as it was for the programs that we start.
-// The second runs in a child before its program does.
+// The second may run in the memory of a parent, before a child's program does.
 void PosixRaiseDescriptorLimit();
 void PosixRestoreDescriptorLimit();
 

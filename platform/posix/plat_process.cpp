@@ -115,24 +115,23 @@ static bool TakeEnvironment(const char16_t* a_wszEnvironment, std::vector<std::s
     return true;
 }
 
+static int StreamOf(PlatHandle a_plathandle)
+{
+    const PosixKind posixkind = PosixKindOf(a_plathandle);
+    return posixkind == PosixKind::None || PosixIsPointer(posixkind) ? g_iNone : PosixDescriptorOf(a_plathandle);
+}
+
 static bool TakeStreams(const PlatProcessStart& a_platprocessstart, Launch& a_launch)
 {
     for (int i = 0; i < 3; ++i)
     {
         const PlatHandle plathandle = a_platprocessstart.aplathandle[i];
         int& iStream = a_launch.aiStream[i];
-        if (a_platprocessstart.blInheritStandard)
-            iStream = i;
-        else if (plathandle != PLAT_INVALID && !PosixIsPointer(PosixKindOf(plathandle)))
-            iStream = PosixDescriptorOf(plathandle);
-        else if (plathandle != PLAT_INVALID)
-            return PosixFail(PLAT_ERROR_INVALIDHANDLE);
-
-        const bool blOpen = iStream >= 0 && fcntl(iStream, F_GETFD) >= 0;
-        if (!blOpen && iStream >= 0 && !a_platprocessstart.blInheritStandard)
-            return PosixFail(PLAT_ERROR_INVALIDHANDLE);
-        if (blOpen)
+        iStream = a_platprocessstart.blInheritStandard ? i : StreamOf(plathandle);
+        if (iStream >= 0 && fcntl(iStream, F_GETFD) >= 0)
             continue;
+        if (!a_platprocessstart.blInheritStandard && plathandle != PLAT_INVALID)
+            return PosixFail(PLAT_ERROR_INVALIDHANDLE);
         if (a_launch.descriptorNull.m_iDescriptor < 0)
             a_launch.descriptorNull.m_iDescriptor = open("/dev/null", O_RDWR | O_CLOEXEC);
         iStream = a_launch.descriptorNull.m_iDescriptor;
@@ -238,8 +237,8 @@ namespace
 {
 struct PosixChild
 {
-    int iProcess;   // pidfd
-    pid_t pid;
+    int iProcess = g_iNone;   // pidfd
+    pid_t pid = 0;
     std::mutex mutex;
     bool blEnded = false;   // and asked for
     bool blTerminated = false;
@@ -254,10 +253,8 @@ static std::vector<pid_t> g_vecpidLeft;
 
 static bool HasEnded(pid_t a_pid, siginfo_t* a_psiginfo)
 {
-    int iResult = 0;
-    do
-        iResult = waitid(P_PID, static_cast<id_t>(a_pid), a_psiginfo, WEXITED | WNOHANG);
-    while (iResult != 0 && errno == EINTR);
+    const int iResult =
+        PosixRetry([&] { return waitid(P_PID, static_cast<id_t>(a_pid), a_psiginfo, WEXITED | WNOHANG); });
     return iResult != 0 || a_psiginfo->si_pid != 0;   // no such child: the kernel was told to forget it by itself
 }
 
@@ -270,19 +267,22 @@ static void SweepLeftChildren()
     });
 }
 
+static uint32_t CodeOf(const siginfo_t& a_siginfo, const PosixChild& a_posixchild)
+{
+    const auto u32Status = static_cast<uint32_t>(a_siginfo.si_status);
+    const bool blBySignal = a_siginfo.si_pid != 0 && a_siginfo.si_code != CLD_EXITED;
+    if (blBySignal && a_siginfo.si_status == SIGKILL && a_posixchild.blTerminated)
+        return a_posixchild.u32TerminateCode;
+    return blBySignal ? 128 + u32Status : u32Status;
+}
+
 // Asks for the exit code, once. The caller holds the child's lock.
 static bool AskForEnd(PosixChild* a_pposixchild)
 {
     siginfo_t siginfo{};
     if (a_pposixchild->blEnded || !HasEnded(a_pposixchild->pid, &siginfo))
         return a_pposixchild->blEnded;
-    const auto u32Status = static_cast<uint32_t>(siginfo.si_status);
-    if (siginfo.si_code == CLD_EXITED || siginfo.si_pid == 0)
-        a_pposixchild->u32ExitCode = u32Status;
-    else if (a_pposixchild->blTerminated && siginfo.si_status == SIGKILL)
-        a_pposixchild->u32ExitCode = a_pposixchild->u32TerminateCode;
-    else
-        a_pposixchild->u32ExitCode = 128 + u32Status;
+    a_pposixchild->u32ExitCode = CodeOf(siginfo, *a_pposixchild);
     a_pposixchild->blEnded = true;
     return true;
 }
@@ -310,7 +310,7 @@ bool PosixCloseChild(PlatHandle a_plathandle)
 // Runs the child until its program runs, or until it has reported why that cannot be.
 static pid_t Start(Launch& a_launch, int* a_piProcess)
 {
-    constexpr size_t sizetStack = 32 * 1024;
+    constexpr size_t sizetStack = 32768;
     alignas(16) char achStack[sizetStack];
     sigset_t sigsetAll;
     sigset_t sigsetBefore;
@@ -339,25 +339,22 @@ PlatHandle PlatProcessCreate(const PlatProcessStart* a_pplatprocessstart, uint64
     Launch launch;
     if (!Prepare(*a_pplatprocessstart, launch))
         return PLAT_INVALID;
-    int iProcess = g_iNone;
-    const pid_t pid = Start(launch, &iProcess);
-    if (pid < 0)
+    auto uniqueChild = std::make_unique<PosixChild>();
+    uniqueChild->pid = Start(launch, &uniqueChild->iProcess);
+    if (uniqueChild->pid < 0)
     {
         PosixFailErrno();
         return PLAT_INVALID;
     }
     if (launch.iError != 0)
     {
-        waitpid(pid, nullptr, 0);
-        close(iProcess);
+        waitpid(uniqueChild->pid, nullptr, 0);
+        close(uniqueChild->iProcess);
         PlatSetLastError(LaunchError(launch));
         return PLAT_INVALID;
     }
-    *a_pu64ProcessId = static_cast<uint64_t>(pid);
-    auto* pposixchild = new PosixChild;
-    pposixchild->iProcess = iProcess;
-    pposixchild->pid = pid;
-    return PosixMakeHandle(PosixKind::Child, pposixchild);
+    *a_pu64ProcessId = static_cast<uint64_t>(uniqueChild->pid);
+    return PosixMakeHandle(PosixKind::Child, uniqueChild.release());
 }
 
 // ---------------------------------------------------------------------------------- what is asked about a process
@@ -435,9 +432,7 @@ bool PlatProcessSession(uint64_t a_u64ProcessId, uint32_t* a_pu32Session)
 {
     if (a_u64ProcessId == PlatProcessId())
     {
-        const uint32_t u32Error = PlatGetLastError();
         *a_pu32Session = OwnSession();
-        PlatSetLastError(u32Error);
         return true;
     }
     const PlatHandle plathandle = PlatProcessOpen(a_u64ProcessId);

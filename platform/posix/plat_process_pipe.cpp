@@ -53,22 +53,17 @@ static bool WriteAll(int a_iDescriptor, const char* a_pch, size_t a_sizetBytes)
     const NoPipeSignal nopipesignal;
     while (a_sizetBytes > 0)
     {
-        const ssize_t ssizetWritten = write(a_iDescriptor, a_pch, a_sizetBytes);
+        const ssize_t ssizetWritten = PosixRetry([&] { return write(a_iDescriptor, a_pch, a_sizetBytes); });
         if (ssizetWritten >= 0)
         {
             a_pch += ssizetWritten;
             a_sizetBytes -= static_cast<size_t>(ssizetWritten);
             continue;
         }
-        if (errno == EAGAIN)
-        {
-            pollfd pollfdRoom{a_iDescriptor, POLLOUT, 0};
-            poll(&pollfdRoom, 1, -1);
-        }
-        else if (errno != EINTR)
-        {
+        if (errno != EAGAIN)
             return PosixFailErrno();
-        }
+        pollfd pollfdRoom{a_iDescriptor, POLLOUT, 0};
+        poll(&pollfdRoom, 1, -1);
     }
     return true;
 }
@@ -98,10 +93,8 @@ bool PlatPipeRead(PlatHandle a_plathandle, void* a_pvBuffer, size_t a_sizetBytes
 {
     if (PosixKindOf(a_plathandle) != PosixKind::PipeRead)
         return PosixFail(PLAT_ERROR_INVALIDHANDLE);
-    ssize_t ssizetRead = 0;
-    do
-        ssizetRead = read(PosixDescriptorOf(a_plathandle), a_pvBuffer, a_sizetBytes);
-    while (ssizetRead < 0 && errno == EINTR);
+    const ssize_t ssizetRead =
+        PosixRetry([&] { return read(PosixDescriptorOf(a_plathandle), a_pvBuffer, a_sizetBytes); });
     if (ssizetRead < 0)
         return PosixFailErrno();
     if (ssizetRead == 0 && a_sizetBytes > 0)

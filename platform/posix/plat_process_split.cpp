@@ -18,7 +18,7 @@ static std::u16string TakeProgram(std::u16string_view& a_wstrview)
     size_t sizetEnd = 0;
     while (sizetEnd < a_wstrview.size() && (blQuoted ? a_wstrview[sizetEnd] != u'"' : !IsBlank(a_wstrview[sizetEnd])))
         ++sizetEnd;
-    const std::u16string wstrProgram(a_wstrview.substr(0, sizetEnd));
+    std::u16string wstrProgram(a_wstrview.substr(0, sizetEnd));
     a_wstrview.remove_prefix(blQuoted && sizetEnd < a_wstrview.size() ? sizetEnd + 1 : sizetEnd);
     return wstrProgram;
 }

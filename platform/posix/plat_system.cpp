@@ -111,10 +111,10 @@ uint32_t PlatProcessorCount()
     return lCount > 0 ? static_cast<uint32_t>(lCount) : 0;
 }
 
-// A folder that a variable names with its full path.
+// A folder that a variable of this system names; one without its full path does not count.
 static bool FolderOf(const char* a_szVariable, std::string& a_strPath)
 {
-    return PosixEnvGet(a_szVariable, a_strPath) && (a_strPath[0] == '/' || a_strPath[1] == ':');
+    return PosixEnvGet(a_szVariable, a_strPath) && a_strPath[0] == '/';
 }
 
 static std::string BelowHome(const char* a_szFolder)
@@ -123,21 +123,22 @@ static std::string BelowHome(const char* a_szFolder)
     return FolderOf("HOME", strHome) ? strHome + a_szFolder : "/tmp";
 }
 
+// The product's own variable comes first, in whatever form it is.
 static std::string FolderPath(PlatFolder a_platfolder)
 {
     std::string strPath;
     switch (a_platfolder)
     {
     case PLAT_FOLDER_LOCAL:
-        if (FolderOf("LOCALAPPDATA", strPath) || FolderOf("XDG_DATA_HOME", strPath))
+        if (PosixEnvGet("LOCALAPPDATA", strPath) || FolderOf("XDG_DATA_HOME", strPath))
             return strPath;
         return BelowHome("/.local/share");
     case PLAT_FOLDER_ROAMING:
-        if (FolderOf("APPDATA", strPath) || FolderOf("XDG_CONFIG_HOME", strPath))
+        if (PosixEnvGet("APPDATA", strPath) || FolderOf("XDG_CONFIG_HOME", strPath))
             return strPath;
         return BelowHome("/.config");
     case PLAT_FOLDER_PROGRAM:
-        if (FolderOf("PROGRAMDATA", strPath))
+        if (PosixEnvGet("PROGRAMDATA", strPath))
             return strPath;
         if (geteuid() == 0)
             return "/var/lib";
@@ -150,14 +151,10 @@ static std::string FolderPath(PlatFolder a_platfolder)
 
 bool PlatFolderPath(PlatFolder a_platfolder, char16_t* a_wszPath, size_t a_sizetPath)
 {
-    const uint32_t u32Error = PlatGetLastError();
     const std::string strPath = FolderPath(a_platfolder);
     if (strPath.empty())
         return PosixFail(PLAT_ERROR_INVALIDPARAMETER);
-    if (!PosixToWide(strPath.c_str(), a_wszPath, a_sizetPath))
-        return false;
-    PlatSetLastError(u32Error);   // variables that are not set are no failure
-    return true;
+    return PosixToWide(strPath.c_str(), a_wszPath, a_sizetPath);
 }
 
 // --------------------------------------------------------------------------------------------------- the modules

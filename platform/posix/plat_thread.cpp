@@ -42,6 +42,12 @@ struct ThreadExit
 };
 }   // namespace
 
+#if defined(__SANITIZE_THREAD__)
+static constexpr bool g_blThreadSanitizer = true;
+#else
+static constexpr bool g_blThreadSanitizer = false;
+#endif
+
 static thread_local PosixThread* t_pposixthread = nullptr;
 
 // The thread and the handle leave once each. True for the second.
@@ -50,7 +56,46 @@ static bool Leave(PosixThread* a_pposixthread)
     return a_pposixthread->blOneHasLeft.exchange(true, std::memory_order_acq_rel);
 }
 
+// ---------------------------------------------------------------------------------------------- ended from outside
+
+// Runs on the thread that is to end: nothing of it is unwound, and the kernel tells the joining thread. Its slots are
+// emptied, for the C library hands the stack on to a later thread with what is left in them.
+static void EndHere(int)
+{
+    PosixThread* pposixthread = t_pposixthread;
+    if (!pposixthread || !pposixthread->blTerminate)
+        return;
+    if (!pposixthread->blOneHasLeft.exchange(true))
+        pposixthread->u32ExitCode = pposixthread->u32TerminateCode.load();
+    for (pthread_key_t key = 0; key < PTHREAD_KEYS_MAX; ++key)
+        pthread_setspecific(key, nullptr);
+    syscall(SYS_exit, 0);
+}
+
+// The signal that has a thread run EndHere; its handler is there from the first use on.
+static int TerminateSignal()
+{
+    static const int g_iSignal = [] {
+        struct sigaction action = {};
+        action.sa_handler = EndHere;
+        sigfillset(&action.sa_mask);
+        const int iSignal = SIGRTMAX - 1;
+        sigaction(iSignal, &action, nullptr);
+        return iSignal;
+    }();
+    return g_iSignal;
+}
+
 // ------------------------------------------------------------------------------------------------ begin and exit
+
+// A program that keeps signals away from its threads does not mean this one.
+static void AllowTermination()
+{
+    sigset_t sigset;
+    sigemptyset(&sigset);
+    sigaddset(&sigset, TerminateSignal());
+    pthread_sigmask(SIG_UNBLOCK, &sigset, nullptr);
+}
 
 static uint32_t CallProcedure(const PosixThread* a_pposixthread)
 {
@@ -68,6 +113,7 @@ static void* RunThread(void* a_pvThread)
 {
     auto* pposixthread = static_cast<PosixThread*>(a_pvThread);
     t_pposixthread = pposixthread;
+    AllowTermination();
     pposixthread->iThreadId.store(static_cast<int>(PlatThreadId()), std::memory_order_release);
     pposixthread->iThreadId.notify_one();
 
@@ -79,7 +125,7 @@ static void* RunThread(void* a_pvThread)
 
 PlatHandle PlatThreadBegin(PlatThreadProc a_platthreadproc, void* a_pvArgument, uint64_t* a_pu64Id)
 {
-    constexpr size_t sizetStack = 1024 * 1024;
+    constexpr size_t sizetStack = size_t{1} << 20;
     auto uniqueThread = std::make_unique<PosixThread>();
     uniqueThread->platthreadproc = a_platthreadproc;
     uniqueThread->pvArgument = a_pvArgument;
@@ -129,27 +175,14 @@ bool PlatThreadExitCode(PlatHandle a_plathandle, uint32_t* a_pu32ExitCode)
     return true;
 }
 
-// Runs on the thread that is to end: nothing of it is unwound, and the kernel tells the joining thread.
-static void EndHere(int)
+// The thread sanitizer keeps a book of its own and would wait for ever for a thread that ended without its knowledge.
+static bool JoinTerminated(const PosixThread* a_pposixthread)
 {
-    PosixThread* pposixthread = t_pposixthread;
-    if (!pposixthread || !pposixthread->blTerminate)
-        return;
-    if (!pposixthread->blOneHasLeft.exchange(true))
-        pposixthread->u32ExitCode = pposixthread->u32TerminateCode.load();
-    syscall(SYS_exit, 0);
-}
-
-static int TerminateSignal()
-{
-    static const int g_iSignal = [] {
-        struct sigaction action = {};
-        action.sa_handler = EndHere;
-        sigfillset(&action.sa_mask);
-        const int iSignal = SIGRTMAX - 1;
-        return sigaction(iSignal, &action, nullptr) == 0 ? iSignal : 0;
-    }();
-    return g_iSignal;
+    if (!g_blThreadSanitizer)
+        return pthread_join(a_pposixthread->pthread, nullptr) == 0;
+    while (PlatThreadIsAlive(static_cast<uint64_t>(a_pposixthread->iThreadId)))
+        sched_yield();
+    return pthread_detach(a_pposixthread->pthread) == 0;
 }
 
 bool PlatThreadTerminate(PlatHandle a_plathandle, uint32_t a_u32ExitCode)
@@ -166,7 +199,7 @@ bool PlatThreadTerminate(PlatHandle a_plathandle, uint32_t a_u32ExitCode)
     pposixthread->u32TerminateCode = a_u32ExitCode;
     pposixthread->blTerminate = true;
     pthread_kill(pposixthread->pthread, TerminateSignal());
-    pposixthread->blJoined = pthread_join(pposixthread->pthread, nullptr) == 0;
+    pposixthread->blJoined = JoinTerminated(pposixthread);
     return pposixthread->blJoined || PosixFail(PLAT_ERROR_INVALIDHANDLE);
 }
 

@@ -61,10 +61,8 @@ bool PlatEventSet(PlatHandle a_plathandle)
     // An eventfd takes eight bytes, a FIFO one; one that is full is signalled already.
     static constexpr uint64_t g_u64One = 1;
     const bool blNamed = posixkind == PosixKind::NamedEventAuto || posixkind == PosixKind::NamedEventManual;
-    ssize_t ssizetWritten = 0;
-    do
-        ssizetWritten = write(PosixDescriptorOf(a_plathandle), &g_u64One, blNamed ? 1 : sizeof g_u64One);
-    while (ssizetWritten < 0 && errno == EINTR);
+    const ssize_t ssizetWritten =
+        PosixRetry([&] { return write(PosixDescriptorOf(a_plathandle), &g_u64One, blNamed ? 1 : sizeof g_u64One); });
     return ssizetWritten >= 0 || errno == EAGAIN || PosixFailErrno();
 }
 
@@ -72,11 +70,7 @@ bool PosixDrainEvent(int a_iEvent)
 {
     // A named event holds one page at most, an eventfd eight bytes: one read takes all there is.
     char achTaken[PosixEventRoom];
-    ssize_t ssizetTaken = 0;
-    do
-        ssizetTaken = read(a_iEvent, achTaken, sizeof achTaken);
-    while (ssizetTaken < 0 && errno == EINTR);
-    return ssizetTaken > 0;
+    return PosixRetry([&] { return read(a_iEvent, achTaken, sizeof achTaken); }) > 0;
 }
 
 bool PlatEventReset(PlatHandle a_plathandle)

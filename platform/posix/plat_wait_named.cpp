@@ -13,6 +13,7 @@
 #include <atomic>
 #include <cerrno>
 #include <cstdio>
+#include <cstring>
 #include <fcntl.h>
 #include <limits.h>
 #include <sys/file.h>
@@ -24,8 +25,14 @@
 // A component of a path holds 255 bytes; a longer name goes on in a folder whose name ends in "+".
 static constexpr size_t g_sizetComponent = 200;
 
-// Any text as the name of a file, and different texts as different names: what is neither letter, digit, "_" nor
-// "-" is written as "%" and two digits.
+static bool IsPlain(char a_ch)
+{
+    return (a_ch >= 'a' && a_ch <= 'z') || (a_ch >= 'A' && a_ch <= 'Z') || (a_ch >= '0' && a_ch <= '9') ||
+           a_ch == '_' || a_ch == '-' || (a_ch & 0x80) != 0;
+}
+
+// Any text as the name of a file, and different texts as different names: of ASCII, what is neither letter, digit,
+// "_" nor "-" is written as "%" and two digits.
 static std::string FileNameOf(const std::string& a_strName)
 {
     std::string strFile;
@@ -37,20 +44,11 @@ static std::string FileNameOf(const std::string& a_strName)
             strFile += "+/";
             sizetComponent = 0;
         }
-        const size_t sizetBefore = strFile.size();
-        const bool blPlain =
-            (ch >= 'a' && ch <= 'z') || (ch >= 'A' && ch <= 'Z') || (ch >= '0' && ch <= '9') || ch == '_' || ch == '-';
-        if (blPlain)
-        {
-            strFile += ch;
-        }
-        else
-        {
-            char szEscaped[4];
+        char szEscaped[4] = {ch};
+        if (!IsPlain(ch))
             snprintf(szEscaped, sizeof szEscaped, "%%%02X", static_cast<unsigned char>(ch));
-            strFile += szEscaped;
-        }
-        sizetComponent += strFile.size() - sizetBefore;
+        strFile += szEscaped;
+        sizetComponent += strlen(szEscaped);
     }
     return strFile;
 }
@@ -97,8 +95,9 @@ static bool MakeFifo(const std::string& a_strPath)
     const std::string strFolder = a_strPath.substr(0, a_strPath.rfind('/') + 1);
     std::string strMade;
     do
+    {
         strMade = strFolder + "." + std::to_string(getpid()) + "." + std::to_string(++g_u32Made);
-    while (mkfifo(strMade.c_str(), 0666) != 0 && errno == EEXIST);
+    } while (mkfifo(strMade.c_str(), 0666) != 0 && errno == EEXIST);
 
     const bool blMade = chmod(strMade.c_str(), 0666) == 0 &&   // the process's umask has taken from it
                         (link(strMade.c_str(), a_strPath.c_str()) == 0 || errno == EEXIST);
@@ -111,11 +110,7 @@ static bool MakeFifo(const std::string& a_strPath)
 
 static bool Lock(int a_iFifo, int a_iOperation)
 {
-    int iResult = 0;
-    do
-        iResult = flock(a_iFifo, a_iOperation);
-    while (iResult != 0 && errno == EINTR);
-    return iResult == 0;
+    return PosixRetry([&] { return flock(a_iFifo, a_iOperation); }) == 0;
 }
 
 static bool IsStillNamed(int a_iFifo, const char* a_szPath)

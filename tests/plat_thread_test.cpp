@@ -1,0 +1,174 @@
+// plat_thread_test.cpp: what threads owe, on whichever system.
+#include "test_support.h"
+
+#include "plat_memory.h"
+#include "plat_process.h"
+#include "plat_thread.h"
+
+#include <atomic>
+
+namespace
+{
+// What a thread of these cases tells, and what it waits for.
+struct Stage
+{
+    PlatHandle plathandleGo = PlatEventCreate(PLAT_RESET_MANUAL, nullptr);
+    std::atomic<uint64_t> u64ThreadId{0};
+    std::atomic<int> iUnwound{0};
+    uint64_t u64Begun = 0;
+
+    PlatHandle Begin(PlatThreadProc a_platthreadproc) { return PlatThreadBegin(a_platthreadproc, this, &u64Begun); }
+    bool HasStarted() const
+    {
+        return WaitFor([&] { return u64ThreadId != 0; });
+    }
+};
+
+Stage& StageOf(void* a_pvStage)
+{
+    return *static_cast<Stage*>(a_pvStage);
+}
+
+uint32_t WaitForGo(void* a_pvStage)
+{
+    StageOf(a_pvStage).u64ThreadId = PlatThreadId();
+    PlatWaitAny(&StageOf(a_pvStage).plathandleGo, 1, PLAT_INFINITE);
+    return 7;
+}
+
+uint32_t ExitCodeOf(PlatHandle a_plathandle)
+{
+    uint32_t u32ExitCode = 0;
+    EXPECT_TRUE(PlatThreadExitCode(a_plathandle, &u32ExitCode));
+    return u32ExitCode;
+}
+
+uint32_t ExitCodeAtEndOf(PlatHandle a_plathandle)
+{
+    EXPECT_TRUE(WaitFor([&] { return ExitCodeOf(a_plathandle) != PLAT_STILLACTIVE; }));
+    return ExitCodeOf(a_plathandle);
+}
+
+TEST(Thread, TellsItsIdAndItsExitCode)
+{
+    Stage stage;
+    const PlatHandle plathandle = stage.Begin(WaitForGo);
+    ASSERT_TRUE(stage.HasStarted());
+    EXPECT_EQ(stage.u64ThreadId, stage.u64Begun);
+    EXPECT_TRUE(PlatThreadIsAlive(stage.u64Begun));
+    EXPECT_EQ(ExitCodeOf(plathandle), PLAT_STILLACTIVE);
+    PlatEventSet(stage.plathandleGo);
+    EXPECT_EQ(ExitCodeAtEndOf(plathandle), 7u);
+    EXPECT_TRUE(WaitFor([&] { return !PlatThreadIsAlive(stage.u64Begun); }));
+    EXPECT_TRUE(PlatClose(plathandle));
+    EXPECT_FALSE(PlatThreadIsAlive(UINT64_MAX));
+}
+
+TEST(Thread, ExitUnwindsTheFramesAndKeepsTheCode)
+{
+    Stage stage;
+    const PlatHandle plathandle = stage.Begin([](void* a_pvStage) -> uint32_t {
+        const std::unique_ptr<std::atomic<int>, void (*)(std::atomic<int>*)> frame(
+            &StageOf(a_pvStage).iUnwound, [](std::atomic<int>* a_piUnwound) { ++*a_piUnwound; });
+        PlatThreadExit(300);
+    });
+    EXPECT_EQ(ExitCodeAtEndOf(plathandle), 300u);
+    EXPECT_EQ(stage.iUnwound, 1);
+    PlatClose(plathandle);
+}
+
+// Objects that belong to a thread are destroyed after its procedure; it has not ended before.
+TEST(Thread, HasNotEndedWhileItsOwnObjectsAreDestroyed)
+{
+    struct Late
+    {
+        void* pvStage = nullptr;
+        ~Late() { WaitForGo(pvStage); }
+    };
+    Stage stage;
+    const PlatHandle plathandle = stage.Begin([](void* a_pvStage) -> uint32_t {
+        static thread_local Late t_late;
+        t_late.pvStage = a_pvStage;
+        return 5;
+    });
+    EXPECT_TRUE(stage.HasStarted());
+    EXPECT_EQ(ExitCodeOf(plathandle), PLAT_STILLACTIVE);
+    PlatEventSet(stage.plathandleGo);
+    EXPECT_EQ(ExitCodeAtEndOf(plathandle), 5u);
+    PlatClose(plathandle);
+}
+
+TEST(Thread, IsTerminatedWhereverItStands)
+{
+    const PlatThreadProc aplatthreadproc[] = {
+        WaitForGo,
+        [](void* a_pvStage) -> uint32_t {
+            for (;;)
+                StageOf(a_pvStage).u64ThreadId = 1;
+        },
+        [](void* a_pvStage) -> uint32_t {
+            StageOf(a_pvStage).u64ThreadId = 1;
+            PlatHandle aplathandle[2];
+            size_t sizetRead = 0;
+            PlatPipeCreate(&aplathandle[0], &aplathandle[1], false);
+            return PlatPipeRead(aplathandle[0], &sizetRead, 1, &sizetRead);
+        },
+    };
+    for (const PlatThreadProc platthreadproc : aplatthreadproc)
+    {
+        Stage stage;
+        const PlatHandle plathandle = stage.Begin(platthreadproc);
+        EXPECT_TRUE(stage.HasStarted());
+        EXPECT_TRUE(PlatThreadTerminate(plathandle, 11));
+        EXPECT_EQ(ExitCodeOf(plathandle), 11u);
+        EXPECT_FALSE(PlatThreadIsAlive(stage.u64Begun));
+        EXPECT_TRUE(PlatThreadTerminate(plathandle, 12));   // has ended already
+        EXPECT_EQ(ExitCodeOf(plathandle), 11u);
+        EXPECT_TRUE(PlatClose(plathandle));
+    }
+}
+
+// However a thread ends and whenever its handle goes: it ends, and nothing of it stays.
+TEST(Thread, LeavesNoStackBehind)
+{
+#if defined(__SANITIZE_THREAD__) || defined(__SANITIZE_ADDRESS__)
+    GTEST_SKIP() << "the sanitizer keeps memory of its own for each thread";
+#endif
+    const auto available = [] {
+        PlatMemoryStatus platmemorystatus{};
+        EXPECT_TRUE(PlatMemoryGetStatus(&platmemorystatus));
+        return platmemorystatus.u64AvailVirtual;
+    };
+    const uint64_t u64Before = available();
+    for (int i = 0; i < 4000; ++i)
+    {
+        Stage stage;
+        const PlatHandle plathandle = stage.Begin(WaitForGo);
+        if (i % 4 == 0)
+            PlatThreadTerminate(plathandle, 1);
+        if (i % 4 == 1)
+            PlatClose(plathandle);   // and runs on
+        PlatEventSet(stage.plathandleGo);
+        if (i % 4 == 2)
+            ExitCodeAtEndOf(plathandle);
+        EXPECT_TRUE(WaitFor([&] { return !PlatThreadIsAlive(stage.u64Begun); }));
+        EXPECT_TRUE(i % 4 == 1 || PlatClose(plathandle));
+        PlatClose(stage.plathandleGo);
+    }
+    EXPECT_LT(u64Before, available() + (uint64_t{700} << 20));   // the stacks of a quarter of them are more
+}
+
+TEST(Thread, RunsWhereItWasTold)
+{
+    const uint64_t u64Mask = PlatProcessAffinity();
+    ASSERT_NE(u64Mask, 0u);
+    EXPECT_TRUE(PlatThreadSetAffinity(u64Mask & (~u64Mask + 1)));
+    EXPECT_EQ(PlatProcessAffinity(), u64Mask);   // that was the thread's own
+    EXPECT_TRUE(PlatThreadSetIdealProcessor(0));
+    EXPECT_FALSE(PlatThreadSetAffinity(0));
+    EXPECT_EQ(PlatGetLastError(), PLAT_ERROR_INVALIDPARAMETER);
+    PlatSetLastError(0);
+    EXPECT_FALSE(PlatThreadSetIdealProcessor(PlatProcessorCount()));
+    EXPECT_EQ(PlatGetLastError(), PLAT_ERROR_INVALIDPARAMETER);
+}
+}   // namespace

@@ -1,0 +1,205 @@
+// plat_wait_test.cpp: what events and the one wait owe, on whichever system.
+#include "plat_child.h"
+
+#include <array>
+#include <atomic>
+#include <barrier>
+#include <thread>
+
+// Holds a named event, signalled, until it is killed.
+int PlayPart(const std::vector<std::string>& a_vecstrArguments)
+{
+    PlatEventSet(PlatEventCreate(PLAT_RESET_AUTO, Wide(a_vecstrArguments[0]).c_str()));
+    Say("held");
+    PlatSleep(PLAT_INFINITE - 1);
+    return 0;
+}
+
+namespace
+{
+uint32_t Look(PlatHandle a_plathandle)
+{
+    return PlatWaitAny(&a_plathandle, 1, 0);
+}
+
+// Creates the event and tells whether it existed already.
+PlatHandle Create(const char16_t* a_wszName, bool a_blExisted, PlatReset a_platreset = PLAT_RESET_AUTO)
+{
+    const PlatHandle plathandle = PlatEventCreate(a_platreset, a_wszName);
+    EXPECT_EQ(PlatGetLastError(), a_blExisted ? PLAT_ERROR_ALREADYEXISTS : PLAT_ERROR_NONE);
+    EXPECT_NE(plathandle, PLAT_INVALID);
+    return plathandle;
+}
+
+// Every promise about an event holds for both sorts.
+class WaitEvent : public FolderTest, public testing::WithParamInterface<const char16_t*>
+{
+};
+INSTANTIATE_TEST_SUITE_P(Sorts, WaitEvent, testing::Values(nullptr, u"Global\\named"));
+
+using WaitAny = FolderTest;
+using WaitName = FolderTest;
+
+TEST_P(WaitEvent, AnAutoResetSignalIsTakenByOneWaitHoweverOftenItWasSet)
+{
+    const PlatHandle plathandle = Create(GetParam(), false);
+    EXPECT_EQ(Look(plathandle), PLAT_WAIT_TIMEOUT);
+    for (int i = 0; i < 10000; ++i)   // more than any buffer behind it holds
+        ASSERT_TRUE(PlatEventSet(plathandle));
+    EXPECT_EQ(Look(plathandle), 0u);
+    EXPECT_EQ(Look(plathandle), PLAT_WAIT_TIMEOUT);
+    EXPECT_TRUE(PlatEventSet(plathandle) && PlatEventReset(plathandle) && PlatEventReset(plathandle));
+    EXPECT_EQ(Look(plathandle), PLAT_WAIT_TIMEOUT);
+    EXPECT_TRUE(PlatClose(plathandle));
+}
+
+TEST_P(WaitEvent, AManualResetSignalStays)
+{
+    const PlatHandle plathandle = Create(GetParam(), false, PLAT_RESET_MANUAL);
+    PlatEventSet(plathandle);
+    EXPECT_EQ(Look(plathandle), 0u);
+    EXPECT_EQ(Look(plathandle), 0u);
+    EXPECT_TRUE(PlatEventReset(plathandle));
+    EXPECT_EQ(Look(plathandle), PLAT_WAIT_TIMEOUT);
+    PlatClose(plathandle);
+}
+
+// Each signal ends one wait; who loses the race waits on.
+TEST_P(WaitEvent, OfManyWaitersOneTakesTheSignal)
+{
+    const PlatHandle plathandle = Create(GetParam(), false);
+    std::atomic<int> iTaken{0};
+    std::atomic<bool> blStop{false};
+    std::array<std::jthread, 4> athread;
+    for (std::jthread& thread : athread)
+    {
+        thread = std::jthread([&] {
+            while (!blStop)
+                iTaken += PlatWaitAny(&plathandle, 1, 50) == 0;
+        });
+    }
+    for (int i = 1; i <= 300; ++i)
+    {
+        PlatEventSet(plathandle);
+        ASSERT_TRUE(WaitFor([&] { return iTaken == i; }));
+    }
+    blStop = true;
+    athread = {};
+    EXPECT_EQ(iTaken, 300);
+    PlatClose(plathandle);
+}
+
+TEST_F(WaitAny, TheLowestReadyIndexWinsAndOnlyItIsConsumed)
+{
+    std::array<PlatHandle, 4> aplathandle{};
+    for (PlatHandle& plathandle : aplathandle)
+        plathandle = Create(nullptr, false);
+    aplathandle[3] = aplathandle[1];   // twice in the list is once
+    PlatEventSet(aplathandle[2]);
+    PlatEventSet(aplathandle[1]);
+    EXPECT_EQ(PlatWaitAny(aplathandle.data(), 4, 1000), 1u);
+    EXPECT_EQ(PlatWaitAny(aplathandle.data(), 4, PLAT_INFINITE), 2u);
+    EXPECT_EQ(PlatWaitAny(aplathandle.data(), 4, 0), PLAT_WAIT_TIMEOUT);
+}
+
+TEST_F(WaitAny, WaitsAsLongAsItWasTold)
+{
+    const PlatHandle plathandle = Create(nullptr, false);
+    const uint64_t u64Start = PlatTicks();
+    EXPECT_EQ(PlatWaitAny(&plathandle, 1, 60), PLAT_WAIT_TIMEOUT);
+    PlatSleep(40);
+    EXPECT_GE(PlatTicks() - u64Start, 99u);   // a clock reading cuts off less than one millisecond
+}
+
+TEST_F(WaitAny, RefusesWhatCannotBeWaitedFor)
+{
+    std::array<PlatHandle, 65> aplathandle;
+    aplathandle.fill(Create(nullptr, false));
+    const auto error = [&](uint32_t a_u32Count) {
+        EXPECT_EQ(PlatWaitAny(aplathandle.data(), a_u32Count, 0), PLAT_WAIT_FAILED);
+        return PlatGetLastError();
+    };
+    EXPECT_EQ(PlatWaitAny(aplathandle.data(), 64, 0), PLAT_WAIT_TIMEOUT);
+    EXPECT_EQ(error(65), PLAT_ERROR_INVALIDPARAMETER);
+    EXPECT_EQ(error(0), PLAT_ERROR_INVALIDPARAMETER);
+    PlatEventSet(aplathandle[0]);   // that another one is ready does not help
+    EXPECT_TRUE(PlatPipeCreate(&aplathandle[1], &aplathandle[2], true));
+    EXPECT_EQ(error(3), PLAT_ERROR_INVALIDHANDLE);   // the writing end
+    PlatClose(aplathandle[1]);
+    EXPECT_EQ(error(2), PLAT_ERROR_INVALIDHANDLE);
+    EXPECT_FALSE(PlatClose(aplathandle[1]));
+    EXPECT_FALSE(PlatClose(PLAT_INVALID));
+}
+
+TEST_F(WaitName, LivesAsLongAsItsLastHandle)
+{
+    const PlatHandle plathandleFirst = Create(u"Global\\one", false);
+    const PlatHandle plathandleSecond = Create(u"Global\\one", true);
+    PlatEventSet(plathandleFirst);
+    EXPECT_TRUE(PlatClose(plathandleFirst));
+    const PlatHandle plathandleThird = Create(u"Global\\one", true);
+    EXPECT_EQ(Look(plathandleThird), 0u);
+    EXPECT_EQ(Look(plathandleSecond), PLAT_WAIT_TIMEOUT);
+    PlatEventSet(plathandleThird);
+    PlatClose(plathandleSecond);
+    PlatClose(plathandleThird);
+    EXPECT_EQ(Look(Create(u"Global\\one", false)), PLAT_WAIT_TIMEOUT);
+}
+
+TEST_F(WaitName, AnyTextIsANameOfItsOwn)
+{
+    const std::u16string wstrLong(511, u'\u20ac');
+    const std::u16string awstrName[] = {u"a",  u"A",   u"a/b", u"a\\b",  u"a%2Fb",
+                                        u"..", u"a b", u"a+b", wstrLong, wstrLong + u"x"};
+    for (const std::u16string& wstrName : awstrName)
+        Create(wstrName.c_str(), false);
+    EXPECT_EQ(PlatEventCreate(PLAT_RESET_AUTO, u"\xD800"), PLAT_INVALID);
+    EXPECT_EQ(PlatGetLastError(), PLAT_ERROR_NOUNICODE);
+}
+
+TEST_F(WaitName, AKilledHolderLeavesNothingInTheWay)
+{
+    const Part part("killed");
+    ASSERT_EQ(part.OutputUpTo("held"), "held");
+    const PlatHandle plathandle = Create(u"killed", true);
+    EXPECT_EQ(Look(plathandle), 0u);
+    PlatEventSet(plathandle);
+    PlatClose(plathandle);
+    PlatProcessTerminate(part.m_plathandle, 1);
+    part.ExitCode();
+    EXPECT_EQ(Look(Create(u"killed", false)), PLAT_WAIT_TIMEOUT);
+}
+
+// Openers meet closers at every point: at most one of those who come together is told that it made the event, exactly
+// one when nobody had it before (every other round), and all have the same one.
+TEST_F(WaitName, OpenersAndClosersAtOnceAgreeOnOneEvent)
+{
+    constexpr int iThreads = 3;
+    std::array<std::atomic<int>, 2> aiMade{};
+    std::atomic<int> iSeen{0};
+    std::barrier barrier(iThreads);
+    const auto play = [&](bool a_blSets) {
+        for (int iRound = 0; iRound < 300; ++iRound)
+        {
+            std::atomic<int>& iMade = aiMade[static_cast<size_t>(iRound % 2)];
+            const PlatHandle plathandle = PlatEventCreate(PLAT_RESET_MANUAL, u"contended");
+            iMade += PlatGetLastError() == PLAT_ERROR_NONE;
+            barrier.arrive_and_wait();   // all have it
+            EXPECT_TRUE(iMade == 1 || (iMade == 0 && iRound % 2 == 1)) << iMade;
+            if (a_blSets)
+                PlatEventSet(plathandle);
+            iSeen += PlatWaitAny(&plathandle, 1, 20000) == 0;
+            barrier.arrive_and_wait();
+            iMade = 0;
+            PlatClose(plathandle);
+            if (iRound % 2 == 1)
+                barrier.arrive_and_wait();
+        }
+    };
+    std::array<std::jthread, iThreads> athread;
+    for (std::jthread& thread : athread)
+        thread = std::jthread(play, &thread == athread.data());
+    athread = {};
+    EXPECT_EQ(iSeen, iThreads * 300);
+}
+}   // namespace
