@@ -95,7 +95,7 @@ bool PosixPath(const char16_t* a_wszPath, std::string& a_strPath)
         return PosixFail(PLAT_ERROR_PATHNOTFOUND);
     bool blNetwork = false;
     const char16_t* pwch = WithoutPrefix(a_wszPath, blNetwork);
-    a_strPath.assign(blNetwork ? "/" : "");
+    a_strPath.assign(blNetwork ? 1 : 0, '/');
     if (const char chDrive = DriveOf(pwch))
     {
         pwch += 2;
