@@ -25,11 +25,14 @@ enum PlatDisposition : uint32_t
     PLAT_DISPOSITION_OPENALWAYS = 4,   // open, create when missing
 };
 
-inline constexpr uint32_t PLAT_OPEN_DELETEONCLOSE = 1;   // the file goes with this handle, if the name is still its own
-inline constexpr uint32_t PLAT_OPEN_FOLDER = 2;          // a folder may be opened
+// The file goes with this handle, if the name is still its own. The handle counts as one that deletes: others may
+// open the file meanwhile only if they share deletion.
+inline constexpr uint32_t PLAT_OPEN_DELETEONCLOSE = 1;
+inline constexpr uint32_t PLAT_OPEN_FOLDER = 2;   // a folder may be opened
 
 // Opens a file. PLAT_ERROR_ACCESSDENIED for a folder without PLAT_OPEN_FOLDER. A file that is being deleted at this
-// moment is waited for, and then created or not found.
+// moment is waited for, and then created or not found. Who shares reading and writing may still get a file whose
+// name goes at this very moment; its identity tells (u32Links).
 PlatHandle PlatFileOpen(const char16_t* a_wszPath, uint32_t a_u32Access, uint32_t a_u32Share,
                         PlatDisposition a_platdisposition, uint32_t a_u32Flags);
 
@@ -114,8 +117,8 @@ bool PlatFolderDelete(const char16_t* a_wszPath);   // 145 when it is not empty,
 bool PlatFileFullName(const char16_t* a_wszName, char16_t* a_wszFull, size_t a_sizetFull);
 
 // Maps a_sizetView bytes of an open file from a_u64Offset (a multiple of PlatMemoryGranularity; view 0: to the end
-// of the file). The view stays after the file is closed. PlatMappingRelease takes the same view size; it is
-// *a_psizetView.
+// of the file). 87 when the file ends before the view does. The view stays after the file is closed. PlatMappingRelease
+// takes the same view size; it is *a_psizetView.
 void* PlatMappingView(PlatHandle a_plathandle, uint64_t a_u64Offset, bool a_blWrite, size_t* a_psizetView);
 bool PlatMappingFlush(void* a_pvView, size_t a_sizetView);
 bool PlatMappingRelease(void* a_pvView, size_t a_sizetView);

@@ -34,8 +34,9 @@ PlatHandle PlatSocketCreate();
 bool PlatSocketBind(PlatHandle a_plathandle, const PlatAddress* a_pplataddress);
 bool PlatSocketListen(PlatHandle a_plathandle, uint32_t a_u32Backlog);
 
-// Takes a connection that waits. PLAT_ERROR_WOULDBLOCK when none does; one that was given up by its peer meanwhile
-// is skipped. *a_pplataddress receives the peer, null if not wanted.
+// Takes a connection that waits. PLAT_ERROR_WOULDBLOCK when none does; one that the system says was given up is
+// skipped. One that broke after bytes had arrived is returned, for they are to be read. *a_pplataddress receives the
+// peer, null if not wanted.
 PlatHandle PlatSocketAccept(PlatHandle a_plathandle, PlatAddress* a_pplataddress);
 
 // Starts to connect. Normally fails with PLAT_ERROR_WOULDBLOCK: the end of the attempt is reported as
@@ -61,7 +62,8 @@ bool PlatSocketName(PlatHandle a_plathandle, PlatAddress* a_pplataddress);   // 
 uint32_t PlatSocketPoll(PlatHandle a_plathandle, uint32_t a_u32Mask);
 
 // A socket event: ready (PlatWaitAny) while the socket that was selected onto it has something of the mask to
-// report. Selecting again replaces socket and mask; a mask of 0 ends it. A socket may be on several events.
+// report. A connection that has closed or broken makes it ready whatever the mask, so that a mask should ask for
+// PLAT_SOCKET_CLOSE. Selecting again replaces socket and mask; a mask of 0 ends it. A socket may be on several events.
 // PlatEventSet and PlatEventReset do nothing to it.
 PlatHandle PlatSocketEventCreate();
 bool PlatSocketEventSelect(PlatHandle a_plathandle, PlatHandle a_plathandleEvent, uint32_t a_u32Mask);

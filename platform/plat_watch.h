@@ -18,10 +18,11 @@ struct PlatWatchChange
     char16_t wszName[PLAT_PATHMAX];   // relative to the folder
 };
 
-// Watches the entries of a folder: names, sizes, times and attributes. The handle can be waited for.
+// Watches the entries of a folder: names, sizes, times and attributes; not those of its sub-folders. An entry that is
+// moved out of the folder or into it may be reported as the one half of a renaming. The handle can be waited for.
 PlatHandle PlatWatchCreate(const char16_t* a_wszFolder);
 
 // Takes the next change. PLAT_ERROR_WOULDBLOCK when there is none. When changes were lost because nobody took
 // them in time, one PLAT_WATCH_MODIFIED with an empty name stands for them. When the folder itself has gone:
-// PLAT_ERROR_PATHNOTFOUND.
+// PLAT_ERROR_PATHNOTFOUND, from then on, and the handle stays ready.
 bool PlatWatchRead(PlatHandle a_plathandle, PlatWatchChange* a_pplatwatchchange);

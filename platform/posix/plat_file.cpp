@@ -219,20 +219,14 @@ bool PosixCloseFile(PlatHandle a_plathandle)
 
 // ---------------------------------------------------------------------------------------------- reading, writing
 
-static bool IsFile(PlatHandle a_plathandle)
-{
-    const PosixKind posixkind = PosixKindOf(a_plathandle);
-    return posixkind == PosixKind::File || posixkind == PosixKind::FileTemporary || posixkind == PosixKind::MemoryFile;
-}
-
 int PosixFileDescriptor(PlatHandle a_plathandle, PlatHandle a_plathandleAccess)
 {
-    if (!IsFile(a_plathandle))
-        PosixFail(PLAT_ERROR_INVALIDHANDLE);
-    else if ((a_plathandle & a_plathandleAccess) != a_plathandleAccess)
-        PosixFail(PLAT_ERROR_ACCESSDENIED);
-    else
+    const PosixKind posixkind = PosixKindOf(a_plathandle);
+    const bool blFile =
+        posixkind == PosixKind::File || posixkind == PosixKind::FileTemporary || posixkind == PosixKind::MemoryFile;
+    if (blFile && (a_plathandle & a_plathandleAccess) == a_plathandleAccess)
         return PosixDescriptorOf(a_plathandle);
+    PosixFail(blFile ? PLAT_ERROR_ACCESSDENIED : PLAT_ERROR_INVALIDHANDLE);
     return -1;
 }
 

@@ -121,6 +121,7 @@ static PosixShare TakeWhole(int a_iDescriptor, off_t a_offStart)
 {
     struct flock flock;
     const PosixShare posixshare = Take(a_iDescriptor, F_WRLCK, a_offStart, g_offRange, &flock);
+    // Where it could only be asked for, the opener is seen at least as one who shares.
     if (posixshare != PosixShare::Granted || flock.l_type == F_WRLCK)
         return posixshare;
     return Take(a_iDescriptor, F_RDLCK, a_offStart, g_offRange, &flock);
@@ -180,17 +181,17 @@ PosixShare PosixShareTake(int a_iDescriptor, const PosixShareRequest& a_posixsha
          a_posixsharerequest.blPassing ? g_offDeniers + g_offRange / 2 : g_offDeniers},
         {ClaimOf(u32Access & PLAT_ACCESS_WRITE, u32Share & PLAT_SHARE_WRITE), g_offWriters, g_offWriters},
     };
+    const RangeClaim* const prangeclaimEnd = std::end(arangeclaim);
     PosixShare posixshare = PosixShare::Granted;
 
     // An opener who will be refused must not stand in anybody's way even for a moment with what it took before.
-    if (!PosixShareIsOpen(a_posixsharerequest))
-        for (const RangeClaim& rangeclaim : arangeclaim)
-            if (posixshare = Ask(a_iDescriptor, rangeclaim); posixshare != PosixShare::Granted)
-                return posixshare;
+    const RangeClaim* prangeclaim = PosixShareIsOpen(a_posixsharerequest) ? prangeclaimEnd : std::begin(arangeclaim);
+    while (prangeclaim != prangeclaimEnd && posixshare == PosixShare::Granted)
+        posixshare = Ask(a_iDescriptor, *prangeclaim++);
 
-    const RangeClaim* prangeclaim = std::begin(arangeclaim);
-    while (prangeclaim != std::end(arangeclaim) && posixshare == PosixShare::Granted)
-        posixshare = TakeNext(a_iDescriptor, prangeclaim, std::end(arangeclaim));
+    prangeclaim = std::begin(arangeclaim);
+    while (prangeclaim != prangeclaimEnd && posixshare == PosixShare::Granted)
+        posixshare = TakeNext(a_iDescriptor, prangeclaim, prangeclaimEnd);
     return posixshare;
 }
 

@@ -37,7 +37,7 @@ static bool Describe(int a_iFolder, const char* a_szName, PlatFileInfo& a_platfi
 // The last component, separators behind it left out.
 static std::u16string_view LastComponent(const char16_t* a_wszPath)
 {
-    std::u16string_view wsv(a_wszPath);
+    std::u16string_view wsv(a_wszPath ? a_wszPath : u"");
     while (!wsv.empty() && (wsv.back() == u'/' || wsv.back() == u'\\'))
         wsv.remove_suffix(1);
     const size_t sizetSlash = wsv.find_last_of(u"/\\");
@@ -142,7 +142,7 @@ static bool OpenFolder(const char16_t* a_wszPattern, std::u16string_view a_wsvNa
 PlatHandle PlatFindFirst(const char16_t* a_wszPattern, PlatFileInfo* a_pplatfileinfo)
 {
     auto pfind = std::make_unique<Find>();
-    const std::u16string_view wsvName = LastComponent(a_wszPattern ? a_wszPattern : u"");
+    const std::u16string_view wsvName = LastComponent(a_wszPattern);
     if (wsvName.find_first_of(u"*?") == std::u16string_view::npos)
     {
         if (!PlatFileGetInfo(a_wszPattern, a_pplatfileinfo))

@@ -149,13 +149,24 @@ bool PosixFailPath(const std::string& a_strPath)
 
 // --------------------------------------------------------------------------------------------------- full names
 
-// The part of a full name that ".." never removes: a drive, or the first two components of a network path.
-static std::u16string TakeRoot(std::u16string_view& a_wsvName)
+// Takes the next component off the text, with the separator behind it. It is empty between two separators.
+static std::u16string_view TakeComponent(std::u16string_view& a_wsvName)
+{
+    const size_t sizetEnd = std::min(a_wsvName.find_first_of(u"/\\"), a_wsvName.size());
+    const std::u16string_view wsvComponent = a_wsvName.substr(0, sizetEnd);
+    a_wsvName.remove_prefix(std::min(sizetEnd + 1, a_wsvName.size()));
+    return wsvComponent;
+}
+
+// The part of a full name that ".." never removes: a drive, or the first two components of a network path. The rest
+// is left in a_wsvName.
+static std::u16string TakeRoot(const std::u16string& a_wstrName, std::u16string_view& a_wsvName)
 {
     std::u16string wstrRoot;
-    if (a_wsvName.size() >= 2 && a_wsvName[1] == u':')
+    a_wsvName = a_wstrName;
+    if (DriveOf(a_wstrName.c_str()))
     {
-        wstrRoot = a_wsvName.substr(0, 2);
+        wstrRoot = a_wstrName.substr(0, 2);
         a_wsvName.remove_prefix(2);
     }
     else if (a_wsvName.size() > 2 && IsSeparator(a_wsvName[0]) && IsSeparator(a_wsvName[1]))
@@ -163,11 +174,7 @@ static std::u16string TakeRoot(std::u16string_view& a_wsvName)
         a_wsvName.remove_prefix(2);
         wstrRoot = u"\\";
         for (int iComponent = 0; iComponent < 2 && !a_wsvName.empty(); ++iComponent)
-        {
-            const size_t sizetEnd = std::min(a_wsvName.find_first_of(u"/\\"), a_wsvName.size());
-            wstrRoot.append(u"\\").append(a_wsvName.substr(0, sizetEnd));
-            a_wsvName.remove_prefix(std::min(sizetEnd + 1, a_wsvName.size()));
-        }
+            wstrRoot.append(u"\\").append(TakeComponent(a_wsvName));
     }
     return wstrRoot;
 }
@@ -177,13 +184,15 @@ static void AppendComponents(std::u16string_view a_wsvName, size_t a_sizetRoot, 
 {
     while (!a_wsvName.empty())
     {
-        const size_t sizetEnd = std::min(a_wsvName.find_first_of(u"/\\"), a_wsvName.size());
-        const std::u16string_view wsvComponent = a_wsvName.substr(0, sizetEnd);
-        a_wsvName.remove_prefix(std::min(sizetEnd + 1, a_wsvName.size()));
+        const std::u16string_view wsvComponent = TakeComponent(a_wsvName);
         if (wsvComponent == u"..")
+        {
             a_wstrFull.resize(std::max(a_sizetRoot, std::min(a_wstrFull.rfind(u'\\'), a_wstrFull.size())));
+        }
         else if (!wsvComponent.empty() && wsvComponent != u".")
+        {
             a_wstrFull.append(u"\\").append(wsvComponent);
+        }
     }
 }
 
@@ -207,14 +216,16 @@ bool PlatFileFullName(const char16_t* a_wszName, char16_t* a_wszFull, size_t a_s
     std::u16string wstrName(WithoutPrefix(a_wszName, blNetwork));
     if (blNetwork)
         wstrName.insert(0, 1, u'\\');
+    if (wstrName.empty())
+        return PosixFail(PLAT_ERROR_INVALIDNAME);
 
-    std::u16string_view wsvName(wstrName);
-    std::u16string wstrFull = TakeRoot(wsvName);
+    std::u16string_view wsvName;
+    std::u16string wstrFull = TakeRoot(wstrName, wsvName);
     const size_t sizetRoot = wstrFull.size();
     if (!sizetRoot && !IsSeparator(wstrName[0]) && !CurrentFolder(wstrFull))
         return false;
     AppendComponents(wsvName, sizetRoot, wstrFull);
-    const bool blFolder = !wsvName.empty() && IsSeparator(wsvName.back());
+    const bool blFolder = IsSeparator(wstrName.back());
     if (blFolder || wstrFull.empty() || (sizetRoot == 2 && wstrFull.size() == 2))
         wstrFull += u'\\';
 

@@ -27,6 +27,8 @@ PlatHandle PlatWatchCreate(const char16_t* a_wszFolder)
         return PosixMakeHandle(PosixKind::Watch, posixdescriptor.Release());
     if (errno == ENOSPC)
         PosixFail(PLAT_ERROR_TOOMANYOPEN);
+    else if (errno == ENOTDIR)
+        PosixFail(PLAT_ERROR_DIRECTORY);
     else
         PosixFailPath(strFolder);
     return PLAT_INVALID;

@@ -1,0 +1,524 @@
+// Files: share modes, deletion, byte locks, appending, paths, searches, mappings.
+#include "plat_env.h"
+#include "plat_file.h"
+#include "plat_memory.h"
+#include "plat_process.h"
+
+#include "test_support.h"
+
+#include <atomic>
+#include <cstring>
+#include <set>
+#include <thread>
+
+namespace
+{
+
+constexpr uint32_t R = PLAT_ACCESS_READ;
+constexpr uint32_t W = PLAT_ACCESS_WRITE;
+constexpr uint32_t ALL = PLAT_SHARE_READ | PLAT_SHARE_WRITE | PLAT_SHARE_DELETE;
+constexpr uint32_t RW = PLAT_SHARE_READ | PLAT_SHARE_WRITE;
+
+// An open file that is closed when it is left, and why it could not be opened.
+class File
+{
+public:
+    File(const std::string& a_strPath, uint32_t a_u32Access, uint32_t a_u32Share,
+         PlatDisposition a_platdisposition = PLAT_DISPOSITION_OPENALWAYS, uint32_t a_u32Flags = 0)
+    {
+        PlatSetLastError(0);
+        m_plathandle = PlatFileOpen(Wide(a_strPath).c_str(), a_u32Access, a_u32Share, a_platdisposition, a_u32Flags);
+        m_u32Error = PlatGetLastError();
+    }
+    ~File() { Close(); }
+    File(const File&) = delete;
+    File& operator=(const File&) = delete;
+
+    void Close()
+    {
+        if (IsOpen())
+            PlatClose(m_plathandle);
+        m_plathandle = PLAT_INVALID;
+    }
+    bool IsOpen() const { return m_plathandle != PLAT_INVALID; }
+    uint32_t Links() const
+    {
+        PlatFileIdentity platfileidentity = {};
+        EXPECT_TRUE(PlatFileGetIdentity(m_plathandle, &platfileidentity));
+        return platfileidentity.u32Links;
+    }
+
+    PlatHandle m_plathandle;
+    uint32_t m_u32Error;
+};
+
+// What a failing call says; 0 for one that succeeds.
+uint32_t ErrorOf(bool a_blResult)
+{
+    return a_blResult ? 0 : PlatGetLastError();
+}
+
+// Names are relative to the case's own folder.
+class PlatFile : public FolderTest
+{
+protected:
+    PlatFile() { std::filesystem::current_path(m_path); }
+    ~PlatFile() override { std::filesystem::current_path("/"); }
+};
+
+using std::filesystem::exists;
+
+// Runs one case of this program in a process of its own until it is ended.
+class Child
+{
+public:
+    explicit Child(const std::string& a_strCase)
+    {
+        char16_t wszProgram[PLAT_PATHMAX];
+        EXPECT_TRUE(PlatProgramPath(wszProgram, PLAT_PATHMAX));
+        const std::u16string wstrLine = u"\"" + std::u16string(wszProgram) +
+                                        u"\" --gtest_also_run_disabled_tests --gtest_filter=" + Wide(a_strCase);
+        PlatProcessStart platprocessstart = {};
+        platprocessstart.wszProgram = wszProgram;
+        platprocessstart.wszCommandLine = wstrLine.c_str();
+        std::fill_n(platprocessstart.aplathandle, 3, PLAT_INVALID);
+        uint64_t u64Id = 0;
+        m_plathandle = PlatProcessCreate(&platprocessstart, &u64Id);
+        EXPECT_NE(m_plathandle, PLAT_INVALID) << PlatGetLastError();
+    }
+    ~Child() { Kill(); }
+    void Kill()
+    {
+        PlatProcessTerminate(m_plathandle, 1);
+        PlatWaitAny(&m_plathandle, 1, PLAT_INFINITE);
+        PlatClose(m_plathandle);
+        m_plathandle = PLAT_INVALID;
+    }
+
+private:
+    PlatHandle m_plathandle;
+};
+
+// Holds two files, one of them as its lock file, until it is killed.
+TEST(PlatFileChild, DISABLED_Holds)
+{
+    const File fileLock("lock", R | W, PLAT_SHARE_NONE, PLAT_DISPOSITION_CREATEALWAYS, PLAT_OPEN_DELETEONCLOSE);
+    const File fileLog("log", W, RW);
+    ASSERT_TRUE(fileLock.IsOpen() && fileLog.IsOpen());
+    WriteWhole("ready", "");
+    PlatSleep(60000);
+}
+
+// ---------------------------------------------------------------------------------------------------- share modes
+
+// Every opener against every other, which is both orders: each must let the other do what it does.
+TEST_F(PlatFile, TwoOpenersMustEachShareWhatTheOtherDoes)
+{
+    struct Opener
+    {
+        uint32_t u32Does;   // in the bits of what others share
+        uint32_t u32Shares;
+        File Open(const std::string& a_strPath) const
+        {
+            return {a_strPath, u32Does & (R | W), u32Shares, PLAT_DISPOSITION_OPENALWAYS,
+                    u32Does & PLAT_SHARE_DELETE ? PLAT_OPEN_DELETEONCLOSE : 0};
+        }
+    };
+    std::vector<Opener> vecopener;
+    for (const uint32_t u32Does : {R, W, R | W, R | PLAT_SHARE_DELETE, W | PLAT_SHARE_DELETE})
+        for (uint32_t u32Shares = 0; u32Shares <= ALL; ++u32Shares)
+            vecopener.push_back({u32Does, u32Shares});
+    for (const Opener& openerA : vecopener)
+        for (const Opener& openerB : vecopener)
+        {
+            const File fileA = openerA.Open("file");
+            const File fileB = openerB.Open("file");
+            const bool blShared = !(openerA.u32Does & ~openerB.u32Shares) && !(openerB.u32Does & ~openerA.u32Shares);
+            ASSERT_EQ(fileA.m_u32Error, 0u);
+            ASSERT_EQ(fileB.m_u32Error, blShared ? 0 : PLAT_ERROR_SHARING)
+                << openerA.u32Does << " shares " << openerA.u32Shares << ", then " << openerB.u32Does << " shares "
+                << openerB.u32Shares;
+        }
+}
+
+TEST_F(PlatFile, RefusedOpenerChangesNothingAndWhoOnlyLooksIsNotRefused)
+{
+    WriteWhole("file", "kept");
+    const File file("file", R, PLAT_SHARE_NONE);
+    EXPECT_EQ(File("file", W, RW, PLAT_DISPOSITION_CREATEALWAYS).m_u32Error, PLAT_ERROR_SHARING);
+    EXPECT_EQ(ReadWhole("file"), "kept");
+    EXPECT_EQ(File("file", PLAT_ACCESS_NONE, PLAT_SHARE_NONE, PLAT_DISPOSITION_OPENEXISTING).Links(), 1u);
+}
+
+// A program that runs cannot be opened for writing, which the locks of such an opener would need.
+TEST_F(PlatFile, RunningProgramIsReadByWhoDeniesWriting)
+{
+    char16_t wszProgram[PLAT_PATHMAX];
+    ASSERT_TRUE(PlatProgramPath(wszProgram, PLAT_PATHMAX));
+    const PlatHandle plathandle = PlatFileOpen(wszProgram, R, PLAT_SHARE_READ, PLAT_DISPOSITION_OPENEXISTING, 0);
+    EXPECT_TRUE(PlatClose(plathandle));
+}
+
+// ------------------------------------------------------------------------------------------------------- deletion
+
+TEST_F(PlatFile, DeletingAndMovingWaitForEveryHandleThatDoesNotShareIt)
+{
+    for (const uint32_t u32Share : {RW, ALL, uint32_t{PLAT_SHARE_NONE}, uint32_t{PLAT_SHARE_DELETE}})
+    {
+        const bool blShared = u32Share & PLAT_SHARE_DELETE;
+        File file("file", W, u32Share);
+        EXPECT_EQ(ErrorOf(PlatFileMove(u"file", u"moved")), blShared ? 0u : 32u);
+        EXPECT_EQ(ErrorOf(PlatFileDelete(blShared ? u"moved" : u"file")), blShared ? 0u : 32u);
+        EXPECT_EQ(file.Links(), blShared ? 0u : 1u);
+        file.Close();
+        EXPECT_EQ(ErrorOf(PlatFileDelete(u"file")), blShared ? 2u : 0u);
+    }
+}
+
+TEST_F(PlatFile, ReadOnlyFileIsDeletedOnceItsAttributesAreCleared)
+{
+    WriteWhole("file", "");
+    std::filesystem::permissions("file", std::filesystem::perms{0444});
+    EXPECT_EQ(ErrorOf(PlatFileDelete(u"file")), PLAT_ERROR_ACCESSDENIED);
+    EXPECT_TRUE(PlatFileClearAttributes(u"file") && PlatFileDelete(u"file"));
+}
+
+TEST_F(PlatFile, TemporaryFileGoesByIdentityNotByName)
+{
+    File fileMoved("a", W, ALL, PLAT_DISPOSITION_CREATEALWAYS, PLAT_OPEN_DELETEONCLOSE);
+    std::filesystem::rename("a", "b");
+    WriteWhole("a", "another");
+    fileMoved.Close();
+    EXPECT_FALSE(exists("b"));
+
+    File fileReplaced("c (deleted)", W, ALL, PLAT_DISPOSITION_CREATEALWAYS, PLAT_OPEN_DELETEONCLOSE);
+    std::filesystem::remove("c (deleted)");
+    WriteWhole("c (deleted)", "another");
+    WriteWhole("c", "another");
+    fileReplaced.Close();
+    EXPECT_TRUE(exists("a") && exists("c (deleted)") && exists("c"));
+}
+
+TEST_F(PlatFile, HolderThatIsKilledHoldsNothingAndItsStaleFileIsFree)
+{
+    Child child("PlatFileChild.DISABLED_Holds");
+    ASSERT_TRUE(WaitFor([&] { return exists("ready"); }));
+    EXPECT_EQ(File("lock", W, RW).m_u32Error, PLAT_ERROR_SHARING);
+    EXPECT_EQ(ErrorOf(PlatFileDelete(u"log")), PLAT_ERROR_SHARING);
+    child.Kill();
+    EXPECT_TRUE(exists("lock"));
+    EXPECT_TRUE(File("lock", W, 0, PLAT_DISPOSITION_CREATEALWAYS, PLAT_OPEN_DELETEONCLOSE).IsOpen());
+    EXPECT_FALSE(exists("lock"));
+    EXPECT_TRUE(PlatFileDelete(u"log"));
+}
+
+// A logger opens its file for each line while somebody clears the folder: no line may find the file refused.
+TEST_F(PlatFile, DeletionNeverRefusesAnOpener)
+{
+    std::atomic<bool> blStop{false};
+    std::atomic<int> iDeleted{0};
+    std::thread thread([&] {
+        while (!blStop)
+            iDeleted += PlatFileDelete(u"file");
+    });
+    for (int iOpen = 0; iOpen < 3000 || !iDeleted; ++iOpen)
+        ASSERT_EQ(File("file", W, RW).m_u32Error, 0u);
+    blStop = true;
+    thread.join();
+}
+
+// The lock file idiom: whoever creates it alone has the lock, although its name comes and goes all the time.
+TEST_F(PlatFile, OnlyOneHolderOfALockFileAtATime)
+{
+    std::atomic<int> iHolders{0};
+    std::atomic<int> iHeld{0};
+    std::vector<std::jthread> vecthread;
+    for (int iThread = 0; iThread < 4; ++iThread)
+        vecthread.emplace_back([&] {
+            while (iHeld < 1000)
+            {
+                const File file("file", R | W, 0, PLAT_DISPOSITION_CREATEALWAYS, PLAT_OPEN_DELETEONCLOSE);
+                if (!file.IsOpen())
+                    continue;
+                EXPECT_EQ(++iHolders, 1);
+                EXPECT_EQ(file.Links(), 1u);
+                ++iHeld;
+                --iHolders;
+            }
+        });
+}
+
+// --------------------------------------------------------------------------------------------------------- content
+
+TEST_F(PlatFile, AppendedPiecesOfManyHandlesAndThreadsNeverMix)
+{
+    const File fileShared("file", W, RW);
+    {
+        std::vector<std::jthread> vecthread;
+        for (int iThread = 0; iThread < 4; ++iThread)
+            vecthread.emplace_back([&, iThread] {
+                const File fileOwn("file", W, RW);
+                const PlatHandle plathandle = iThread % 2 ? fileShared.m_plathandle : fileOwn.m_plathandle;
+                for (size_t sizet = 0; sizet < 200; ++sizet)
+                {
+                    const std::string str = std::string(sizet * 37 + 1, static_cast<char>('a' + iThread)) + "\r\n";
+                    EXPECT_TRUE(PlatFileAppend(plathandle, str.data(), str.size(), nullptr));
+                }
+            });
+    }
+
+    std::multiset<size_t> setLengths;
+    std::ifstream stream("file", std::ios::binary);
+    for (std::string strLine; std::getline(stream, strLine); setLengths.insert(strLine.size()))
+        ASSERT_EQ(strLine.find_first_not_of(strLine[0]), strLine.size() - 1);
+    ASSERT_EQ(setLengths.size(), 800u);
+    for (size_t sizet = 0; sizet < 200; ++sizet)
+        EXPECT_EQ(setLengths.count(sizet * 37 + 2), 4u);
+}
+
+TEST_F(PlatFile, PositionIsTheHandlesOwnAndCutsTheFile)
+{
+    const File file("file", R | W, RW, PLAT_DISPOSITION_CREATEALWAYS);
+    uint64_t u64 = 0;
+    size_t sizet = 0;
+    char szText[8] = {};
+    EXPECT_TRUE(PlatFileWrite(file.m_plathandle, "0123456789", 10, &sizet));
+    EXPECT_TRUE(PlatFileAppend(file.m_plathandle, "ab", 2, nullptr));
+    EXPECT_TRUE(PlatFileSeek(file.m_plathandle, PLAT_SEEK_END, -4, &u64));
+    EXPECT_EQ(u64, 8u);
+    EXPECT_TRUE(PlatFileWrite(file.m_plathandle, "X", 1, nullptr));
+    EXPECT_TRUE(PlatFileSetEnd(file.m_plathandle));
+    EXPECT_TRUE(PlatFileSeek(file.m_plathandle, PLAT_SEEK_START, 7, nullptr));
+    EXPECT_TRUE(PlatFileRead(file.m_plathandle, szText, sizeof szText, &sizet));
+    EXPECT_EQ(std::string(szText, sizet), "7X");
+    EXPECT_TRUE(PlatFileFlush(file.m_plathandle) && PlatFileSize(file.m_plathandle, &u64));
+    EXPECT_EQ(u64, 9u);
+    EXPECT_FALSE(PlatFileSeek(file.m_plathandle, PLAT_SEEK_START, -1, nullptr));
+    EXPECT_EQ(ErrorOf(PlatFileWrite(File("file", R, RW).m_plathandle, "x", 1, nullptr)), PLAT_ERROR_ACCESSDENIED);
+    EXPECT_EQ(ErrorOf(PlatFileRead(File("file", W, RW).m_plathandle, szText, 1, &sizet)), PLAT_ERROR_ACCESSDENIED);
+    EXPECT_EQ(ErrorOf(PlatFileSize(PLAT_INVALID, &u64)), PLAT_ERROR_INVALIDHANDLE);
+}
+
+TEST_F(PlatFile, ByteLocksBelongToTheHandle)
+{
+    const File fileFirst("file", R | W, RW);
+    File fileSecond("file", R | W, RW);
+    File fileThird("file", R | W, RW);
+    EXPECT_TRUE(PlatFileLock(fileFirst.m_plathandle, 10, 10));
+    EXPECT_EQ(ErrorOf(PlatFileLock(fileSecond.m_plathandle, 19, 1)), PLAT_ERROR_LOCK);
+    EXPECT_TRUE(PlatFileLock(fileSecond.m_plathandle, 20, 1));
+    EXPECT_EQ(ErrorOf(PlatFileUnlock(fileSecond.m_plathandle, 10, 10)), PLAT_ERROR_NOTLOCKED);
+    EXPECT_EQ(ErrorOf(PlatFileLock(fileSecond.m_plathandle, 0, 0)), PLAT_ERROR_INVALIDPARAMETER);
+    fileSecond.Close();   // takes its own lock with it and leaves the other's
+    EXPECT_TRUE(PlatFileLock(fileThird.m_plathandle, 20, 1));
+    EXPECT_EQ(ErrorOf(PlatFileLock(fileThird.m_plathandle, 10, 1)), PLAT_ERROR_LOCK);
+    EXPECT_TRUE(PlatFileUnlock(fileFirst.m_plathandle, 10, 10));
+    EXPECT_TRUE(PlatFileLock(fileThird.m_plathandle, 10, 1));
+}
+
+TEST_F(PlatFile, ChildInheritsNeitherLocksNorShareModes)
+{
+    File file("file", R | W, PLAT_SHARE_READ);
+    EXPECT_TRUE(PlatFileLock(file.m_plathandle, 0, 1));
+    Child child("PlatFileChild.DISABLED_Holds");
+    ASSERT_TRUE(WaitFor([&] { return exists("ready"); }));
+    file.Close();
+    const File fileAgain("file", R | W, RW);
+    EXPECT_TRUE(fileAgain.IsOpen());
+    EXPECT_TRUE(PlatFileLock(fileAgain.m_plathandle, 0, 1));
+}
+
+// ------------------------------------------------------------------------------------------------- paths, folders
+
+TEST_F(PlatFile, MissingFileIsToldFromMissingFolder)
+{
+    const auto error = [](const std::string& strPath, PlatDisposition platdisposition) {
+        return File(strPath, R, RW, platdisposition).m_u32Error;
+    };
+    for (const PlatDisposition platdisposition : {PLAT_DISPOSITION_OPENEXISTING, PLAT_DISPOSITION_OPENALWAYS})
+    {
+        EXPECT_EQ(error("none/file", platdisposition), PLAT_ERROR_PATHNOTFOUND);
+        EXPECT_EQ(error("", platdisposition), PLAT_ERROR_PATHNOTFOUND);
+        EXPECT_EQ(error(".", platdisposition), PLAT_ERROR_ACCESSDENIED);   // a folder
+        EXPECT_EQ(error(std::string(300, 'n'), platdisposition), PLAT_ERROR_INVALIDNAME);
+    }
+    EXPECT_EQ(error("none", PLAT_DISPOSITION_OPENEXISTING), PLAT_ERROR_FILENOTFOUND);
+    EXPECT_TRUE(File(".", R, RW, PLAT_DISPOSITION_OPENEXISTING, PLAT_OPEN_FOLDER).IsOpen());
+    EXPECT_EQ(ErrorOf(PlatFileDelete(u"none/file")), PLAT_ERROR_PATHNOTFOUND);
+    EXPECT_EQ(ErrorOf(PlatFileDelete(u"none")), PLAT_ERROR_FILENOTFOUND);
+    EXPECT_EQ(ErrorOf(PlatFileDelete(u".")), PLAT_ERROR_ACCESSDENIED);
+    const char16_t wszLone[] = {u't', 0xD800, u'x', 0};
+    EXPECT_EQ(PlatFileOpen(wszLone, R, RW, PLAT_DISPOSITION_OPENALWAYS, 0), PLAT_INVALID);
+    EXPECT_EQ(PlatGetLastError(), PLAT_ERROR_NOUNICODE);
+}
+
+TEST_F(PlatFile, PathsAreTakenInEverySpelling)
+{
+    const std::u16string wstrName = u"na\u00efve \U0001F600";
+    std::u16string wstrPath = u"\\\\?\\" + Wide(m_path) + u"\\" + wstrName;
+    std::replace(wstrPath.begin(), wstrPath.end(), u'/', u'\\');
+    EXPECT_TRUE(PlatClose(PlatFileOpen(wstrPath.c_str(), W, RW, PLAT_DISPOSITION_OPENALWAYS, 0)));
+    EXPECT_TRUE(exists("na\u00efve \U0001F600"));
+    PlatFileInfo platfileinfo;
+    EXPECT_TRUE(PlatFileGetInfo(wstrPath.c_str(), &platfileinfo) && platfileinfo.wszName == wstrName);
+}
+
+TEST_F(PlatFile, DriveComesIntoBeingWithTheFirstEntry)
+{
+    PlatFileInfo platfileinfo;
+    EXPECT_EQ(ErrorOf(PlatFileGetInfo(u"C:\\", &platfileinfo)), PLAT_ERROR_PATHNOTFOUND);
+    EXPECT_EQ(File("D:\\none\\x", W, RW).m_u32Error, PLAT_ERROR_PATHNOTFOUND);
+    EXPECT_TRUE(PlatFolderCreate(u"C:\\logs"));
+    EXPECT_TRUE(File("c:/logs\\a.log", W, RW).IsOpen());
+    EXPECT_TRUE(File("E:\\a.log", W, RW).IsOpen());
+    EXPECT_TRUE(PlatFolderCreate(u"f:"));
+    const std::filesystem::path pathRoot(getenv("MVR_DRIVEROOT"));
+    EXPECT_TRUE(exists(pathRoot / "c/logs/a.log") && std::filesystem::exists(pathRoot / "e/a.log"));
+    EXPECT_EQ(ErrorOf(PlatFolderCreate(u"F:\\")), PLAT_ERROR_ALREADYEXISTS);
+}
+
+TEST_F(PlatFile, FullNames)
+{
+    char16_t wszFull[PLAT_PATHMAX];
+    std::u16string wstrHere = Wide(m_path);
+    std::replace(wstrHere.begin(), wstrHere.end(), u'/', u'\\');
+    const std::pair<std::u16string, std::u16string> apair[] = {
+        {u"x", wstrHere + u"\\x"},
+        {u".\\x\\..\\y/", wstrHere + u"\\y\\"},
+        {u"/a//b/./c/..", u"\\a\\b"},
+        {u"/..", u"\\"},
+        {u"C:/a/../b", u"C:\\b"},
+        {u"c:\\..\\..", u"c:\\"},
+        {u"\\\\server\\share\\..\\..\\x", u"\\\\server\\share\\x"},
+        {u"\\\\?\\C:\\x", u"C:\\x"},
+    };
+    for (const auto& [wstrName, wstrFull] : apair)
+    {
+        EXPECT_TRUE(PlatFileFullName(wstrName.c_str(), wszFull, PLAT_PATHMAX));
+        EXPECT_EQ(wszFull, wstrFull);
+    }
+    EXPECT_TRUE(PlatFileFullName(u"/abc", wszFull, 5));
+    EXPECT_EQ(ErrorOf(PlatFileFullName(u"/abc", wszFull, 4)), PLAT_ERROR_INSUFFICIENTBUFFER);
+}
+
+TEST_F(PlatFile, FoldersAndMoves)
+{
+    EXPECT_TRUE(PlatFolderCreate(u"a"));
+    EXPECT_EQ(ErrorOf(PlatFolderCreate(u"a")), PLAT_ERROR_ALREADYEXISTS);
+    EXPECT_EQ(ErrorOf(PlatFolderCreate(u"b/c")), PLAT_ERROR_PATHNOTFOUND);
+    WriteWhole("a/x", "x");
+    WriteWhole("y", "y");
+    EXPECT_EQ(ErrorOf(PlatFolderDelete(u"a")), PLAT_ERROR_DIRNOTEMPTY);
+    EXPECT_EQ(ErrorOf(PlatFolderDelete(u"y")), PLAT_ERROR_DIRECTORY);
+    EXPECT_EQ(ErrorOf(PlatFolderDelete(u"z")), PLAT_ERROR_FILENOTFOUND);
+    EXPECT_EQ(ErrorOf(PlatFileMove(u"y", u"a/x")), PLAT_ERROR_ALREADYEXISTS);
+    EXPECT_EQ(ErrorOf(PlatFileMove(u"y", u"b/x")), PLAT_ERROR_PATHNOTFOUND);
+    EXPECT_EQ(ErrorOf(PlatFileMove(u"z", u"b")), PLAT_ERROR_FILENOTFOUND);
+    EXPECT_TRUE(PlatFileMove(u"a", u"b"));
+    EXPECT_EQ(ReadWhole("b/x"), "x");
+    EXPECT_TRUE(PlatFileDelete(u"b/x") && PlatFolderDelete(u"b\\"));
+}
+
+TEST_F(PlatFile, LinksAreNeverFollowed)
+{
+    std::filesystem::create_directory("folder");
+    WriteWhole("folder/kept", "kept");
+    std::filesystem::create_symlink("folder", "link");
+    PlatFileInfo platfileinfo;
+    for (const char* szName : {"link", "link/"})
+    {
+        ASSERT_TRUE(PlatFileGetInfo(Wide(szName).c_str(), &platfileinfo));
+        EXPECT_TRUE(platfileinfo.blLink && platfileinfo.platentry == PLAT_ENTRY_FILE);
+    }
+    EXPECT_EQ(ErrorOf(PlatFolderDelete(u"link\\")), PLAT_ERROR_DIRECTORY);
+    EXPECT_TRUE(PlatFileMove(u"link", u"moved"));
+    EXPECT_TRUE(PlatFileDelete(u"moved"));
+    EXPECT_EQ(ReadWhole("folder/kept"), "kept");
+}
+
+// ------------------------------------------------------------------------------------------------------- searches
+
+TEST_F(PlatFile, SearchListsWhatThePatternNames)
+{
+    for (const char* szName : {"a.log", "b.log", "ab.log.1", "Makefile"})
+        WriteWhole(szName, szName);
+    std::filesystem::create_directory("logs");
+    const auto list = [&](const std::string& strPattern) {
+        std::set<std::u16string> setName;
+        PlatFileInfo platfileinfo;
+        const PlatHandle plathandle = PlatFindFirst(Wide(strPattern).c_str(), &platfileinfo);
+        if (plathandle == PLAT_INVALID)
+            return std::set<std::u16string>{Wide(std::to_string(PlatGetLastError()))};
+        do
+            EXPECT_TRUE(setName.insert(platfileinfo.wszName).second);
+        while (PlatFindNext(plathandle, &platfileinfo));
+        EXPECT_EQ(PlatGetLastError(), PLAT_ERROR_NOMOREFILES);
+        EXPECT_TRUE(PlatClose(plathandle));
+        return setName;
+    };
+    using Names = std::set<std::u16string>;
+    const Names setAll = {u".", u"..", u"a.log", u"b.log", u"ab.log.1", u"Makefile", u"logs"};
+    EXPECT_EQ(list("*"), setAll);
+    EXPECT_EQ(list("*.*"), setAll);
+    EXPECT_EQ(list("?.log"), (Names{u"a.log", u"b.log"}));
+    EXPECT_EQ(list("a*log*"), (Names{u"a.log", u"ab.log.1"}));
+    EXPECT_EQ(list("A*"), (Names{u"2"}));
+    EXPECT_EQ(list("logs\\"), (Names{u"logs"}));
+    EXPECT_EQ(list("none"), (Names{u"2"}));
+    EXPECT_EQ(list("none/*"), (Names{u"3"}));
+    EXPECT_EQ(list("Makefile/*"), (Names{u"3"}));
+}
+
+TEST_F(PlatFile, InformationTellsKindSizeAndTimes)
+{
+    const uint64_t u64Before = PlatClock();
+    WriteWhole("file", "12345");
+    PlatFileInfo platfileinfo;
+    ASSERT_TRUE(PlatFileGetInfo(u"file", &platfileinfo));
+    EXPECT_TRUE(platfileinfo.platentry == PLAT_ENTRY_FILE && platfileinfo.u64Size == 5 && !platfileinfo.blReadOnly);
+    EXPECT_NEAR(static_cast<double>(platfileinfo.u64WriteTime), static_cast<double>(u64Before), 2e8);
+    EXPECT_LE(platfileinfo.u64CreateTime, platfileinfo.u64WriteTime);
+    ASSERT_TRUE(PlatFileGetInfo(u"/dev/null", &platfileinfo));
+    EXPECT_EQ(platfileinfo.platentry, PLAT_ENTRY_SYSTEM);
+}
+
+// ------------------------------------------------------------------------------------------------------- mappings
+
+TEST_F(PlatFile, ViewOutlivesItsFileAndEndsWithIt)
+{
+    WriteWhole("file", std::string(PlatMemoryGranularity() + 10, 'x'));
+    File file("file", R | W, RW);
+    size_t sizetView = 11;
+    EXPECT_EQ(PlatMappingView(file.m_plathandle, PlatMemoryGranularity(), true, &sizetView), nullptr);
+    EXPECT_EQ(PlatGetLastError(), PLAT_ERROR_INVALIDPARAMETER);
+    sizetView = 0;
+    auto* pch = static_cast<char*>(PlatMappingView(file.m_plathandle, PlatMemoryGranularity(), true, &sizetView));
+    ASSERT_NE(pch, nullptr);
+    EXPECT_EQ(sizetView, 10u);
+    file.Close();
+    memcpy(pch, "view", 4);
+    EXPECT_TRUE(PlatMappingFlush(pch, sizetView));
+    EXPECT_EQ(ReadWhole("file").substr(PlatMemoryGranularity()), "viewxxxxxx");
+    EXPECT_TRUE(PlatMappingRelease(pch, sizetView));
+    const File fileReader("file", R, RW);
+    EXPECT_EQ(PlatMappingView(fileReader.m_plathandle, 0, true, &sizetView), nullptr);
+    EXPECT_EQ(PlatGetLastError(), PLAT_ERROR_ACCESSDENIED);
+}
+
+TEST_F(PlatFile, MemoryFileIsOpenedByProcessAndHandle)
+{
+    const PlatHandle plathandle = PlatMemoryFileCreate(8192);
+    const PlatHandle plathandleAgain = PlatMemoryFileOpen(PlatProcessId(), plathandle);
+    size_t sizetOne = 0;
+    size_t sizetTwo = 0;
+    auto* pchOne = static_cast<char*>(PlatMappingView(plathandle, 0, true, &sizetOne));
+    auto* pchTwo = static_cast<char*>(PlatMappingView(plathandleAgain, 0, false, &sizetTwo));
+    ASSERT_TRUE(pchOne && pchTwo && sizetOne == 8192 && sizetTwo == 8192);
+    pchOne[8191] = 'x';
+    EXPECT_EQ(pchTwo[8191], 'x');
+    EXPECT_TRUE(PlatMappingRelease(pchOne, sizetOne) && PlatMappingRelease(pchTwo, sizetTwo));
+    EXPECT_TRUE(PlatClose(plathandle) && PlatClose(plathandleAgain));
+    EXPECT_EQ(ErrorOf(PlatMemoryFileOpen(PlatProcessId(), plathandle) != PLAT_INVALID), PLAT_ERROR_INVALIDPARAMETER);
+}
+
+}   // namespace
