@@ -7,7 +7,6 @@
 #include "test_support.h"
 
 #include <atomic>
-#include <cstring>
 #include <set>
 #include <thread>
 
@@ -125,10 +124,13 @@ TEST_F(PlatFile, TwoOpenersMustEachShareWhatTheOtherDoes)
         }
     };
     std::vector<Opener> vecopener;
-    for (const uint32_t u32Does : {R, W, R | W, R | PLAT_SHARE_DELETE, W | PLAT_SHARE_DELETE})
-        for (uint32_t u32Shares = 0; u32Shares <= ALL; ++u32Shares)
-            vecopener.push_back({u32Does, u32Shares});
+    for (uint32_t u32Pair = 0; u32Pair <= ALL * 8 + ALL; ++u32Pair)
+    {
+        if (u32Pair / 8 & (R | W))
+            vecopener.push_back({u32Pair / 8, u32Pair % 8});
+    }
     for (const Opener& openerA : vecopener)
+    {
         for (const Opener& openerB : vecopener)
         {
             const File fileA = openerA.Open("file");
@@ -139,6 +141,7 @@ TEST_F(PlatFile, TwoOpenersMustEachShareWhatTheOtherDoes)
                 << openerA.u32Does << " shares " << openerA.u32Shares << ", then " << openerB.u32Does << " shares "
                 << openerB.u32Shares;
         }
+    }
 }
 
 TEST_F(PlatFile, RefusedOpenerChangesNothingAndWhoOnlyLooksIsNotRefused)
@@ -232,20 +235,19 @@ TEST_F(PlatFile, OnlyOneHolderOfALockFileAtATime)
 {
     std::atomic<int> iHolders{0};
     std::atomic<int> iHeld{0};
-    std::vector<std::jthread> vecthread;
-    for (int iThread = 0; iThread < 4; ++iThread)
-        vecthread.emplace_back([&] {
-            while (iHeld < 1000)
-            {
-                const File file("file", R | W, 0, PLAT_DISPOSITION_CREATEALWAYS, PLAT_OPEN_DELETEONCLOSE);
-                if (!file.IsOpen())
-                    continue;
-                EXPECT_EQ(++iHolders, 1);
-                EXPECT_EQ(file.Links(), 1u);
-                ++iHeld;
-                --iHolders;
-            }
-        });
+    const auto hold = [&] {
+        while (iHeld < 1000)
+        {
+            const File file("file", R | W, 0, PLAT_DISPOSITION_CREATEALWAYS, PLAT_OPEN_DELETEONCLOSE);
+            if (!file.IsOpen())
+                continue;
+            EXPECT_EQ(++iHolders, 1);
+            EXPECT_EQ(file.Links(), 1u);
+            ++iHeld;
+            --iHolders;
+        }
+    };
+    const std::jthread ajthread[] = {std::jthread(hold), std::jthread(hold), std::jthread(hold)};
 }
 
 // --------------------------------------------------------------------------------------------------------- content
@@ -253,18 +255,18 @@ TEST_F(PlatFile, OnlyOneHolderOfALockFileAtATime)
 TEST_F(PlatFile, AppendedPiecesOfManyHandlesAndThreadsNeverMix)
 {
     const File fileShared("file", W, RW);
+    const auto append = [&](char chText, bool blShared) {
+        const File fileOwn("file", W, RW);
+        for (size_t sizet = 0; sizet < 200; ++sizet)
+        {
+            const std::string str = std::string(sizet * 37 + 1, chText) + "\r\n";
+            EXPECT_TRUE(
+                PlatFileAppend((blShared ? fileShared : fileOwn).m_plathandle, str.data(), str.size(), nullptr));
+        }
+    };
     {
-        std::vector<std::jthread> vecthread;
-        for (int iThread = 0; iThread < 4; ++iThread)
-            vecthread.emplace_back([&, iThread] {
-                const File fileOwn("file", W, RW);
-                const PlatHandle plathandle = iThread % 2 ? fileShared.m_plathandle : fileOwn.m_plathandle;
-                for (size_t sizet = 0; sizet < 200; ++sizet)
-                {
-                    const std::string str = std::string(sizet * 37 + 1, static_cast<char>('a' + iThread)) + "\r\n";
-                    EXPECT_TRUE(PlatFileAppend(plathandle, str.data(), str.size(), nullptr));
-                }
-            });
+        const std::jthread ajthread[] = {std::jthread(append, 'a', false), std::jthread(append, 'b', false),
+                                         std::jthread(append, 'c', true), std::jthread(append, 'd', true)};
     }
 
     std::multiset<size_t> setLengths;
@@ -450,8 +452,9 @@ TEST_F(PlatFile, SearchListsWhatThePatternNames)
         if (plathandle == PLAT_INVALID)
             return std::set<std::u16string>{Wide(std::to_string(PlatGetLastError()))};
         do
+        {
             EXPECT_TRUE(setName.insert(platfileinfo.wszName).second);
-        while (PlatFindNext(plathandle, &platfileinfo));
+        } while (PlatFindNext(plathandle, &platfileinfo));
         EXPECT_EQ(PlatGetLastError(), PLAT_ERROR_NOMOREFILES);
         EXPECT_TRUE(PlatClose(plathandle));
         return setName;
@@ -496,7 +499,7 @@ TEST_F(PlatFile, ViewOutlivesItsFileAndEndsWithIt)
     ASSERT_NE(pch, nullptr);
     EXPECT_EQ(sizetView, 10u);
     file.Close();
-    memcpy(pch, "view", 4);
+    std::copy_n("view", 4, pch);
     EXPECT_TRUE(PlatMappingFlush(pch, sizetView));
     EXPECT_EQ(ReadWhole("file").substr(PlatMemoryGranularity()), "viewxxxxxx");
     EXPECT_TRUE(PlatMappingRelease(pch, sizetView));

@@ -11,6 +11,22 @@
 
 static constexpr uint32_t g_u32Modified = IN_MODIFY | IN_ATTRIB | IN_CLOSE_WRITE;
 
+static void FailWatch(const std::string& a_strFolder)
+{
+    if (errno == ENOSPC)   // the limit of watches, not of the disk
+    {
+        PosixFail(PLAT_ERROR_TOOMANYOPEN);
+    }
+    else if (errno == ENOTDIR)
+    {
+        PosixFail(PLAT_ERROR_DIRECTORY);
+    }
+    else
+    {
+        PosixFailPath(a_strFolder);
+    }
+}
+
 PlatHandle PlatWatchCreate(const char16_t* a_wszFolder)
 {
     std::string strFolder;
@@ -25,12 +41,7 @@ PlatHandle PlatWatchCreate(const char16_t* a_wszFolder)
     constexpr uint32_t u32Mask = IN_CREATE | IN_DELETE | IN_MOVED_FROM | IN_MOVED_TO | g_u32Modified | IN_DELETE_SELF;
     if (inotify_add_watch(posixdescriptor.Get(), strFolder.c_str(), u32Mask | IN_ONLYDIR) >= 0)
         return PosixMakeHandle(PosixKind::Watch, posixdescriptor.Release());
-    if (errno == ENOSPC)
-        PosixFail(PLAT_ERROR_TOOMANYOPEN);
-    else if (errno == ENOTDIR)
-        PosixFail(PLAT_ERROR_DIRECTORY);
-    else
-        PosixFailPath(strFolder);
+    FailWatch(strFolder);
     return PLAT_INVALID;
 }
 
@@ -47,14 +58,14 @@ static Taken TakeEvent(int a_iDescriptor, char* a_pchEvent, size_t a_sizetEvent)
 {
     for (size_t sizet = sizeof(inotify_event); sizet <= a_sizetEvent; sizet += sizeof(inotify_event))
     {
-        const ssize_t ssizet = read(a_iDescriptor, a_pchEvent, sizet);
-        if (ssizet > 0)
-            return Taken::Event;
-        if (ssizet == 0)
-            return Taken::Gone;
-        if (errno == EINTR)
-            sizet -= sizeof(inotify_event);
-        else if (errno != EINVAL)
+        ssize_t ssizet = 0;
+        do
+        {
+            ssizet = read(a_iDescriptor, a_pchEvent, sizet);
+        } while (ssizet < 0 && errno == EINTR);
+        if (ssizet >= 0)
+            return ssizet ? Taken::Event : Taken::Gone;
+        if (errno != EINVAL)
             break;
     }
     return Taken::Nothing;
