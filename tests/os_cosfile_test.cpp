@@ -233,6 +233,21 @@ TEST_F(File, CarriesABufferToItsEnd)
     EXPECT_EQ(m_osmem.GetCounts().u32Current, 0u);
 }
 
+TEST_F(File, ALibraryIsFreedUntilItHasGone)
+{
+    PlatHandle plathandle = PLAT_INVALID;
+    for (int i = 0; i < 3; ++i)
+        plathandle = PlatModuleLoad(u"libresolv.so.2");
+    ASSERT_NE(plathandle, PLAT_INVALID);
+    {
+        COsFile osfile;
+        osfile.TakeLibrary(plathandle, true, true);
+    }
+    EXPECT_FALSE(PlatModuleIsLoaded(plathandle));
+    EXPECT_TRUE(m_logcapture.HasAt(OS_LOG_NOTE, "SharedLibrary: draining 3 of 10 attempts"));
+    EXPECT_FALSE(m_logcapture.Has("SharedLibrary: draining 4 of 10 attempts"));
+}
+
 TEST_F(File, ReadFileReturnsTheWholeTextOrFillsTheBuffer)
 {
     WriteWhole(m_szFile, "0123456789");

@@ -133,7 +133,7 @@ bool TreeWalk::DeleteFolder(bool a_blRecursive)
         ClearAttributes();
     if (a_blRecursive && !VisitEntries(deleteEntry))
         return false;
-    if (RemoveNow(PlatFolderDelete, false))
+    if (RemoveNow(PlatFolderDelete, false) || !OsFileExists(m_szPath))
         return true;
     OSLOG(OS_LOG_NOTE, "RemoveDirectory failed...%s", m_szPath);
     return false;

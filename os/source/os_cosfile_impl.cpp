@@ -383,7 +383,7 @@ void COsFileImpl::TakeBuffer(void* a_pvBuffer)
     m_pvBuffer = a_pvBuffer;
 }
 
-// Without a manager the block went with it.
+// A block that outlives the memory manager has nobody to take it back.
 void COsFileImpl::ReleaseBuffer()
 {
     if (m_pvBuffer && OsMemExists())
