@@ -39,16 +39,13 @@ using Ints = std::vector<int>;
 TEST_F(List, ChunksComeWhenTheyAreNeededAndGoWhileThreeFreeNodesRemain)
 {
     COsLnk oslnk(sizeof(int), 4);
-    EXPECT_EQ(oslnk.ChunkCount(), 0u);
     AddRange(oslnk, 0, 3);
     EXPECT_EQ(oslnk.ChunkCount(), 1u);
     AddRange(oslnk, 4, 4);
     EXPECT_EQ(oslnk.ChunkCount(), 2u);
-
-    RemoveRange(oslnk, 4, 4);
-    EXPECT_EQ(oslnk.ChunkCount(), 2u);   // the first chunk is full
-    RemoveRange(oslnk, 0, 1);
-    EXPECT_EQ(oslnk.ChunkCount(), 2u);   // two free nodes are too few
+    RemoveRange(oslnk, 4, 4);   // the first chunk is full
+    RemoveRange(oslnk, 0, 1);   // two free nodes are too few
+    EXPECT_EQ(oslnk.ChunkCount(), 2u);
     RemoveRange(oslnk, 2, 2);
     EXPECT_EQ(oslnk.ChunkCount(), 1u);
     RemoveRange(oslnk, 3, 3);
@@ -56,61 +53,43 @@ TEST_F(List, ChunksComeWhenTheyAreNeededAndGoWhileThreeFreeNodesRemain)
     EXPECT_EQ(oslnk.Count(), 0);
 }
 
-TEST_F(List, AChunkInTheMiddleGoesAndTheItemsOfTheOthersStayInPlace)
+TEST_F(List, WhenAChunkInTheMiddleGoesTheOtherItemsStayInPlace)
 {
     COsLnk oslnk(sizeof(int), 4);
     AddRange(oslnk, 0, 11);
     void* const pvFirst = oslnk.GetFirstAndLock("", "", 0);
     oslnk.Unlock();
-    RemoveRange(oslnk, 4, 6);
-    RemoveRange(oslnk, 1, 3);
-    EXPECT_EQ(oslnk.ChunkCount(), 3u);
-    RemoveRange(oslnk, 7, 7);
+    RemoveRange(oslnk, 1, 7);
     EXPECT_EQ(oslnk.ChunkCount(), 2u);
-    EXPECT_EQ(Items(oslnk), (Ints{0, 8, 9, 10, 11}));
-    EXPECT_EQ(oslnk.GetFirstAndLock("", "", 0), pvFirst);
-    oslnk.Unlock();
-
     AddRange(oslnk, 20, 23);   // into the freed nodes, then into a new chunk
     EXPECT_EQ(oslnk.ChunkCount(), 3u);
     EXPECT_EQ(Items(oslnk), (Ints{0, 8, 9, 10, 11, 20, 21, 22, 23}));
+    EXPECT_EQ(oslnk.GetFirstAndLock("", "", 0), pvFirst);
+    oslnk.Unlock();
 }
 
 TEST_F(List, ItemsGoInFrontBehindAnotherOrToTheTail)
 {
     COsLnk oslnk(sizeof(int), 32);
-    const int iOne = 1, iTwo = 2, iThree = 3, iFour = 4, iFive = 5;
-    void* const pvOne = oslnk.AddAndLock(&iOne, nullptr, true, false);
-    EXPECT_NE(oslnk.AddAndLock(&iTwo, pvOne, false, false), nullptr);
-    EXPECT_NE(oslnk.AddAndLock(&iThree, pvOne, false, false), nullptr);
-    EXPECT_NE(oslnk.AddAndLock(&iFour, nullptr, false, true), nullptr);
-    EXPECT_NE(oslnk.AddAndLock(&iFive, &iFive, false, false), nullptr);   // behind what is not in the list
+    const int aiItem[] = {0, 1, 2, 3, 4, 5};
+    void* const pvOne = oslnk.AddAndLock(&aiItem[1], nullptr, true, false);
+    oslnk.AddAndLock(&aiItem[2], pvOne, false, false);
+    oslnk.AddAndLock(&aiItem[3], pvOne, false, false);
+    oslnk.AddAndLock(&aiItem[4], nullptr, false, true);
+    oslnk.AddAndLock(&aiItem[5], &aiItem[5], false, false);   // behind what is not in the list
     oslnk.Unlock();
     EXPECT_EQ(Items(oslnk), (Ints{4, 1, 3, 2, 5}));
+    EXPECT_FALSE(m_logcapture.HasPart("unlocked list"));
 
     RemoveRange(oslnk, 5, 5);   // the tail moves back
     AddRange(oslnk, 6, 6);
-    EXPECT_EQ(Items(oslnk), (Ints{4, 1, 3, 2, 6}));
-    EXPECT_FALSE(m_logcapture.HasPart("unlocked list"));
-}
-
-TEST_F(List, AnOrderedAddWithoutTheLockIsToldAndDone)
-{
-    COsLnk oslnk(sizeof(int), 32);
-    const int iOne = 1;
-    EXPECT_NE(oslnk.AddAndLock(&iOne, nullptr, true, true), nullptr);   // takes no lock either
+    oslnk.AddAndLock(&aiItem[0], nullptr, true, true);   // in front takes no lock, and tells that nobody holds it
     EXPECT_TRUE(m_logcapture.HasAt(1, "AddAndLock: a_pvAfterItem or a_blNewHead set on an unlocked list!!!"));
-    EXPECT_EQ(Items(oslnk), Ints{1});
-}
+    EXPECT_EQ(Items(oslnk), (Ints{0, 4, 1, 3, 2, 6}));
 
-TEST_F(List, RemovingWhatIsNotThereChangesNothing)
-{
-    COsLnk oslnk(sizeof(int), 32);
-    RemoveRange(oslnk, 1, 1);
-    AddRange(oslnk, 1, 2);
-    RemoveRange(oslnk, 7, 7);
+    RemoveRange(oslnk, 7, 7);   // what is not there changes nothing
     oslnk.Remove(nullptr, false, true);
-    EXPECT_EQ(Items(oslnk), (Ints{1, 2}));
+    EXPECT_EQ(oslnk.Count(), 6);
 }
 
 TEST_F(List, EmptyingKeepsTheChunksAndStartsOverInTheFirstNode)
@@ -119,11 +98,11 @@ TEST_F(List, EmptyingKeepsTheChunksAndStartsOverInTheFirstNode)
     AddRange(oslnk, 1, 5);
     void* const pvFirst = oslnk.GetFirstAndLock("", "", 0);
     oslnk.Remove(nullptr, true, false);
+    oslnk.Unlock();
     EXPECT_EQ(oslnk.Count(), 0);
     EXPECT_EQ(oslnk.ChunkCount(), 3u);
-    oslnk.Unlock();
-    const int iItem = 9;
-    EXPECT_EQ(oslnk.AddAndLock(&iItem, nullptr, true, false), pvFirst);
+    AddRange(oslnk, 9, 9);
+    EXPECT_EQ(oslnk.GetFirstAndLock("", "", 0), pvFirst);
     oslnk.Unlock();
     EXPECT_EQ(Items(oslnk), Ints{9});
 }
@@ -148,65 +127,43 @@ TEST_F(List, AListWithoutGeometryTakesNothing)
         COsLnk oslnk(u32ItemSize, u32NodesPerChunk);
         EXPECT_TRUE(m_logcapture.HasAt(64, "size is == 0, or chunk is < 32, or we didn't get a compare function..."));
         EXPECT_FALSE(oslnk.Add("12345678"));
-        oslnk.Remove("12345678", false, true);
-        EXPECT_EQ(oslnk.GetFirstAndLock("", "", 0), nullptr);
-        oslnk.Unlock();
         EXPECT_EQ(oslnk.ChunkCount(), 0u);
     }
 }
 
-TEST_F(List, AnAddThatFailsForWantOfMemoryLeavesTheListUsable)
-{
-    COsLnk oslnk(sizeof(int), 1);
-    AddRange(oslnk, 1, 1);
-    m_osmem.SetMethod(OS_MEMTYPE_UNDEFINED);
-    const int iItem = 2;
-    EXPECT_FALSE(oslnk.Add(&iItem));
-    EXPECT_TRUE(m_logcapture.HasAt(64, "OsMemAlloc failed..."));
-    m_osmem.SetMethod(OS_MEMTYPE_MALLOC);
-    AddRange(oslnk, 3, 3);
-    EXPECT_EQ(Items(oslnk), (Ints{1, 3}));
-}
-
-TEST(ListAlone, TakesNothing)
-{
-    LogCapture logcapture;
-    COsLnk oslnk(sizeof(int), 32);
-    const int iItem = 1;
-    EXPECT_FALSE(oslnk.Add(&iItem));
-    EXPECT_TRUE(logcapture.HasAt(64, "OsMemAlloc failed..."));
-}
-
-TEST_F(List, GivesEveryBlockBack)
+TEST_F(List, AnAddWithoutMemoryFailsAndEveryBlockGoesBack)
 {
     {
-        COsLnk oslnk(sizeof(int), 2);
-        AddRange(oslnk, 1, 9);
-        RemoveRange(oslnk, 2, 8);
-        EXPECT_NE(m_osmem.GetCounts().u32Current, 0u);
+        COsLnk oslnk(sizeof(int), 1);
+        AddRange(oslnk, 1, 1);
+        m_osmem.SetMethod(OS_MEMTYPE_UNDEFINED);
+        const int iItem = 2;
+        EXPECT_FALSE(oslnk.Add(&iItem));
+        EXPECT_TRUE(m_logcapture.HasAt(64, "OsMemAlloc failed..."));
+        m_osmem.SetMethod(OS_MEMTYPE_MALLOC);
+        AddRange(oslnk, 3, 9);
+        EXPECT_EQ(Items(oslnk), (Ints{1, 3, 4, 5, 6, 7, 8, 9}));
     }
     EXPECT_EQ(m_osmem.GetCounts().u32Current, 0u);
-    EXPECT_FALSE(m_logcapture.HasPart("Can't find"));
 }
 
 TEST_F(List, ThreadsWaitForTheLockAlsoOnAnEmptyList)
 {
     COsLnk oslnk(sizeof(int), 4);
     EXPECT_EQ(oslnk.GetFirstAndLock("", "", 0), nullptr);
-    std::vector<std::thread> vecthread;
-    for (int i = 0; i < 4; i++)
-        vecthread.emplace_back([&oslnk, i] {
-            for (int iItem = i * 1000; iItem < i * 1000 + 200; iItem++)
-            {
-                oslnk.Add(&iItem);
-                if (iItem % 2)
-                    oslnk.Remove(&iItem, false, true);
-            }
-        });
+    const auto work = [&oslnk](int a_iFirst) {
+        for (int iItem = a_iFirst; iItem < a_iFirst + 200; iItem++)
+        {
+            oslnk.Add(&iItem);
+            if (iItem % 2)
+                oslnk.Remove(&iItem, false, true);
+        }
+    };
+    std::thread athread[] = {std::thread(work, 0), std::thread(work, 1000), std::thread(work, 2000)};
     EXPECT_EQ(oslnk.Count(), 0);
     oslnk.Unlock();
-    for (std::thread& thread : vecthread)
+    for (std::thread& thread : athread)
         thread.join();
-    EXPECT_EQ(oslnk.Count(), 400);
-    EXPECT_EQ(Items(oslnk).size(), 400u);
+    EXPECT_EQ(oslnk.Count(), 300);
+    EXPECT_EQ(Items(oslnk).size(), 300u);
 }

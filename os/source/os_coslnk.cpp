@@ -227,10 +227,9 @@ void COsLnkImpl::Link(Node a_node, const void* a_pvAfterItem, bool a_blNewHead)
         m_nodeHead = a_node;
         return;
     }
-    Node nodeBefore = m_nodeTail;
-    if (a_pvAfterItem)
-        for (nodeBefore = m_nodeHead; ItemOf(nodeBefore) != a_pvAfterItem && nodeBefore != m_nodeTail;)
-            nodeBefore = Next(nodeBefore);
+    Node nodeBefore = a_pvAfterItem ? m_nodeHead : m_nodeTail;
+    while (nodeBefore != m_nodeTail && ItemOf(nodeBefore) != a_pvAfterItem)
+        nodeBefore = Next(nodeBefore);
     SetNext(a_node, Next(nodeBefore));
     SetNext(nodeBefore, a_node);
     if (nodeBefore == m_nodeTail)
@@ -310,21 +309,21 @@ void COsLnkImpl::RemoveEqual(const void* a_pvItem)
 
 void COsLnkImpl::Unlink(Node a_nodeBefore, Node a_node)
 {
+    if (a_node == m_nodeHead)
+        m_nodeHead = Next(a_node);
     if (a_nodeBefore)
         SetNext(a_nodeBefore, Next(a_node));
-    else
-        m_nodeHead = Next(a_node);
     if (a_node == m_nodeTail)
         m_nodeTail = a_nodeBefore;
 }
 
 bool COsLnkImpl::IsChunkFree(uint32_t a_u32Chunk) const
 {
-    const size_t sizetFirst = static_cast<size_t>(a_u32Chunk) * m_u32NodesPerChunk;
-    for (size_t i = sizetFirst; i < sizetFirst + m_u32NodesPerChunk; i++)
-        if (IsUsed(NodeAt(i)))
-            return false;
-    return true;
+    Node node = m_apcChunk[a_u32Chunk];
+    const Node nodeEnd = node + ChunkBytes();
+    while (node != nodeEnd && !IsUsed(node))
+        node += m_u32NodeSize;
+    return node == nodeEnd;
 }
 
 // Gives back the first chunk that is wholly free, while the others keep a few free nodes for what comes next.

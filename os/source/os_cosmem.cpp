@@ -13,6 +13,7 @@
 #include <atomic>
 #include <cstring>
 #include <iterator>
+#include <new>
 
 static constexpr char g_szSource[] = "os/source/os_cosmem";
 
@@ -44,18 +45,6 @@ COsMemImpl::~COsMemImpl()
         PlatMemoryPageFree(m_aosmemrecord, m_sizetRecords);
 }
 
-void COsMemImpl::SetMethod(EOSMEMTYPE a_eosmemtype)
-{
-    const COsSpinGuard guard(&m_u64Lock);
-    m_eosmemtype = a_eosmemtype;
-}
-
-EOSMEMTYPE COsMemImpl::Method()
-{
-    const COsSpinGuard guard(&m_u64Lock);
-    return m_eosmemtype;
-}
-
 void COsMemImpl::SetExternal(OsMemExternalAllocProc a_osmemexternalallocproc,
                              OsMemExternalFreeProc a_osmemexternalfreeproc)
 {
@@ -81,21 +70,20 @@ uint32_t COsMemImpl::FindSlot(const void* a_pvBlock) const
 {
     if (!a_pvBlock)
         return OS_MEMSLOTS;
-    const uint64_t u64Address = reinterpret_cast<uint64_t>(a_pvBlock);
-    const uint64_t* const pu64End = m_au64Slot + m_u32SlotsTouched;
-    const uint64_t* const pu64Slot = std::find(m_au64Slot, pu64End, u64Address);
-    return pu64Slot == pu64End ? OS_MEMSLOTS : static_cast<uint32_t>(pu64Slot - m_au64Slot);
+    void* const* const ppvEnd = m_apvSlot + m_u32SlotsTouched;
+    void* const* const ppvSlot = std::find(m_apvSlot, ppvEnd, a_pvBlock);
+    return ppvSlot == ppvEnd ? OS_MEMSLOTS : static_cast<uint32_t>(ppvSlot - m_apvSlot);
 }
 
-uint32_t COsMemImpl::TakeSlot(uint64_t a_u64Address)
+uint32_t COsMemImpl::TakeSlot(void* a_pvBlock)
 {
-    uint64_t* const pu64Slot = std::find(m_au64Slot + m_u32FirstFree, std::end(m_au64Slot), uint64_t{0});
-    const uint32_t u32Slot = static_cast<uint32_t>(pu64Slot - m_au64Slot);
+    void** const ppvSlot = std::find(m_apvSlot + m_u32FirstFree, std::end(m_apvSlot), nullptr);
+    const uint32_t u32Slot = static_cast<uint32_t>(ppvSlot - m_apvSlot);
     m_u32FirstFree = u32Slot;
     if (u32Slot == OS_MEMSLOTS)
         return u32Slot;
 
-    *pu64Slot = a_u64Address;
+    *ppvSlot = a_pvBlock;
     m_u32FirstFree = u32Slot + 1;
     m_u32SlotsTouched = std::max(m_u32SlotsTouched, m_u32FirstFree);
     return u32Slot;
@@ -128,12 +116,12 @@ COsMem::Counts COsMemImpl::Track(const Block& a_block)
         m_counts.u32Allocations++;
         m_counts.u32Current++;
         if (blRecord)
-            u32Slot = TakeSlot(reinterpret_cast<uint64_t>(a_block.pvAddress));
+            u32Slot = TakeSlot(a_block.pvAddress);
         if (u32Slot != OS_MEMSLOTS)
         {
             OsMemRecord& osmemrecord = m_aosmemrecord[u32Slot];
             osmemrecord.u32Method = a_block.u32Method;
-            osmemrecord.u64Address = m_au64Slot[u32Slot];
+            osmemrecord.pvAddress = a_block.pvAddress;
             osmemrecord.u64Size = a_block.u64Size;
             CountIn(a_block.u64Size);
         }
@@ -162,7 +150,7 @@ COsMem::Counts COsMemImpl::CountPassing(const Block& a_block)
 bool COsMemImpl::TrackMapping(const OsMemRecord& a_osmemrecord, COsMem::Counts* a_pcounts)
 {
     const COsSpinGuard guard(&m_u64Lock);
-    const uint32_t u32Slot = m_aosmemrecord ? TakeSlot(a_osmemrecord.u64Address) : OS_MEMSLOTS;
+    const uint32_t u32Slot = m_aosmemrecord ? TakeSlot(a_osmemrecord.pvAddress) : OS_MEMSLOTS;
     if (u32Slot == OS_MEMSLOTS)
         return false;
     m_aosmemrecord[u32Slot] = a_osmemrecord;
@@ -173,6 +161,15 @@ bool COsMemImpl::TrackMapping(const OsMemRecord& a_osmemrecord, COsMem::Counts* 
     return true;
 }
 
+// Only a mapping has a name and what follows it; of any other block the words in front, up to an empty name, are all.
+static void MoveRecord(OsMemRecord* a_posmemrecordFrom, OsMemRecord* a_posmemrecordTo)
+{
+    const bool blWhole = a_posmemrecordFrom->u32Method == OS_MEMTYPE_MEMORYMAP;
+    const size_t sizetBytes = blWhole ? sizeof *a_posmemrecordFrom : offsetof(OsMemRecord, szName) + 1;
+    std::memcpy(a_posmemrecordTo, a_posmemrecordFrom, sizetBytes);
+    std::memset(a_posmemrecordFrom, 0, sizetBytes);
+}
+
 // Takes a block off the record, so that nobody else finds it, before it is given back.
 bool COsMemImpl::Untrack(const void* a_pvBlock, OsMemRecord* a_posmemrecord, COsMem::Counts* a_pcounts)
 {
@@ -180,9 +177,8 @@ bool COsMemImpl::Untrack(const void* a_pvBlock, OsMemRecord* a_posmemrecord, COs
     const uint32_t u32Slot = FindSlot(a_pvBlock);
     if (u32Slot == OS_MEMSLOTS)
         return false;
-    *a_posmemrecord = m_aosmemrecord[u32Slot];
-    m_aosmemrecord[u32Slot] = {};
-    m_au64Slot[u32Slot] = 0;
+    MoveRecord(&m_aosmemrecord[u32Slot], a_posmemrecord);
+    m_apvSlot[u32Slot] = nullptr;
     m_u32FirstFree = std::min(m_u32FirstFree, u32Slot);
     CountOut(a_posmemrecord->u64Size);
     *a_pcounts = m_counts;
@@ -211,11 +207,12 @@ static void ValidateHeap(const char* a_szWhen, const OsMemCaller& a_osmemcaller)
 static void* ExternalAlloc(OsMemExternalAllocProc a_osmemexternalallocproc, size_t a_sizetBytes)
 {
     void* const pvBlock = a_osmemexternalallocproc(a_sizetBytes);
-    if (pvBlock)
-        std::memset(pvBlock, 0, a_sizetBytes);
-    else
+    if (!pvBlock)
+    {
         OSLOG(OS_LOG_CHECK, ">>> memory manager failed to allocate...");
-    return pvBlock;
+        return nullptr;
+    }
+    return std::memset(pvBlock, 0, a_sizetBytes);
 }
 
 static void* OrdinaryAlloc(EOSMEMTYPE a_eosmemtype, size_t a_sizetBytes, uint32_t a_u32Flags, size_t* a_psizetSize)
@@ -235,7 +232,9 @@ COsMemImpl::Block COsMemImpl::Obtain(size_t a_sizetBytes, uint32_t a_u32Flags)
     const OsMemExternalAllocProc osmemexternalallocproc =
         (a_u32Flags & OS_MEMFLAG_EXTERNAL) ? Externals().osmemexternalallocproc : nullptr;
     const bool blPages = (a_u32Flags & 0x7FFF) == OS_MEMFLAG_PAGES;
-    const EOSMEMTYPE eosmemtype = osmemexternalallocproc ? OS_MEMTYPE_DSM : blPages ? OS_MEMTYPE_VIRTUAL : Method();
+    const EOSMEMTYPE eosmemtype = osmemexternalallocproc ? OS_MEMTYPE_DSM
+                                  : blPages              ? OS_MEMTYPE_VIRTUAL
+                                                         : m_eosmemtype.load(std::memory_order_relaxed);
     if (a_sizetBytes > SIZE_MAX - OS_MEMHEADROOM)
         return {nullptr, 0, eosmemtype};
 
@@ -279,7 +278,14 @@ void COsMemImpl::ReportFailure(const OsMemCaller& a_osmemcaller)
 {
     OSLOG_AT(a_osmemcaller.szFile, a_osmemcaller.u32Line, OS_LOG_CHECK, "mem>>> Error occurred here...");
     Dump(nullptr);
-    OsMemWriteCrashReport();
+    try
+    {
+        OsMemWriteCrashReport();
+    }
+    catch (const std::bad_alloc&)
+    {
+        OSLOG(OS_LOG_ERROR, "mem>>> GlobalAlloc failed...");
+    }
 }
 
 void* OsMemAlloc(size_t a_sizetBytes, const char* a_szFile, uint32_t a_u32Line, uint32_t a_u32Flags)
@@ -309,7 +315,7 @@ static void TraceFree(const OsMemRecord& a_osmemrecord, const COsMem::Counts& a_
     OSLOG_AT(a_osmemcaller.szFile, a_osmemcaller.u32Line, a_u32Flags & 0xFFF,
              "mem>>> %c-%s AD:%p   SZ:%-9llu  AC:%-6d  FC:%-6d  CC:%-6d  CB:%-9llu  PB:%-9llu  FN:%s",
              MethodLetter(g_szLettersFree, a_osmemrecord.u32Method),
-             a_osmemrecord.u32Method == OS_MEMTYPE_DSM ? "**" : "  ", reinterpret_cast<void*>(a_osmemrecord.u64Address),
+             a_osmemrecord.u32Method == OS_MEMTYPE_DSM ? "**" : "  ", a_osmemrecord.pvAddress,
              static_cast<unsigned long long>(a_osmemrecord.u64Size), static_cast<int>(a_counts.u32Allocations),
              static_cast<int>(a_counts.u32Frees), static_cast<int>(a_counts.u32Current),
              static_cast<unsigned long long>(a_counts.u64CurrentBytes),
@@ -337,7 +343,7 @@ void COsMemImpl::ReleaseExternal(void* a_pvBlock, const OsMemCaller& a_osmemcall
 
 void COsMemImpl::Release(const OsMemRecord& a_osmemrecord, const OsMemCaller& a_osmemcaller)
 {
-    void* const pvBlock = reinterpret_cast<void*>(a_osmemrecord.u64Address);
+    void* const pvBlock = a_osmemrecord.pvAddress;
     switch (a_osmemrecord.u32Method)
     {
     case OS_MEMTYPE_MALLOC:
@@ -368,17 +374,18 @@ void COsMemImpl::FreeUnrecorded(void* a_pvBlock, const OsMemCaller& a_osmemcalle
     {
         OSLOG(OS_LOG_CHECK, "mem>>> Can't find managed item...%p", a_pvBlock);
         OSLOG_AT(a_osmemcaller.szFile, a_osmemcaller.u32Line, OS_LOG_ERROR, "mem>>> The error occurred here...");
+        return;
     }
-    else if (!Externals().osmemexternalfreeproc)
-        PlatMemoryGlobalFree(a_pvBlock);
-    else
+    if (!Externals().osmemexternalfreeproc)
     {
-        OsMemRecord osmemrecord = {};
-        osmemrecord.u32Method = OS_MEMTYPE_DSM;
-        osmemrecord.u64Address = reinterpret_cast<uint64_t>(a_pvBlock);
-        TraceFree(osmemrecord, GetCounts(), a_osmemcaller, a_u32Flags);
-        ReleaseExternal(a_pvBlock, a_osmemcaller);
+        PlatMemoryGlobalFree(a_pvBlock);
+        return;
     }
+    OsMemRecord osmemrecord = {};
+    osmemrecord.u32Method = OS_MEMTYPE_DSM;
+    osmemrecord.pvAddress = a_pvBlock;
+    TraceFree(osmemrecord, GetCounts(), a_osmemcaller, a_u32Flags);
+    ReleaseExternal(a_pvBlock, a_osmemcaller);
 }
 
 void COsMemImpl::Free(void* a_pvBlock, const OsMemCaller& a_osmemcaller, uint32_t a_u32Flags)

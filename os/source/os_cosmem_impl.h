@@ -8,6 +8,9 @@
 
 #include "plat_types.h"
 
+#include <atomic>
+#include <bit>
+
 // The caller of an operation, for the lines that are logged at its place.
 struct OsMemCaller
 {
@@ -30,7 +33,7 @@ struct OsMemRecord
 {
     uint32_t u32Method;   // EOSMEMTYPE
     uint32_t u32Traits;
-    uint64_t u64Address;
+    void* pvAddress;
     uint64_t u64Size;     // of the block, or of the memory behind the view
     uint64_t u64Offset;   // of the view in its file
     uint32_t u32View;     // size of the view as it is shown
@@ -41,6 +44,12 @@ struct OsMemRecord
     uint64_t u64View;               // size of the view
 };
 static_assert(sizeof(OsMemRecord) == 576);
+
+// A 64-bit value for "%p".
+inline void* OsMemPointer(uint64_t a_u64Value)
+{
+    return std::bit_cast<void*>(a_u64Value);
+}
 
 // What OsMemSharedAlloc was asked for.
 struct OsMemSharedRequest
@@ -70,7 +79,7 @@ public:
     COsMemImpl(const COsMemImpl&) = delete;
     COsMemImpl& operator=(const COsMemImpl&) = delete;
 
-    void SetMethod(EOSMEMTYPE a_eosmemtype);
+    void SetMethod(EOSMEMTYPE a_eosmemtype) { m_eosmemtype.store(a_eosmemtype, std::memory_order_relaxed); }
     void SetExternal(OsMemExternalAllocProc a_osmemexternalallocproc, OsMemExternalFreeProc a_osmemexternalfreeproc);
     COsMem::Counts GetCounts();
 
@@ -93,11 +102,10 @@ private:
 
     // With the lock held.
     uint32_t FindSlot(const void* a_pvBlock) const;   // OS_MEMSLOTS when it is not on record
-    uint32_t TakeSlot(uint64_t a_u64Address);         // OS_MEMSLOTS when none is free
+    uint32_t TakeSlot(void* a_pvBlock);               // OS_MEMSLOTS when none is free
     void CountIn(uint64_t a_u64Size);
     void CountOut(uint64_t a_u64Size);
 
-    EOSMEMTYPE Method();
     External Externals();
     Block Obtain(size_t a_sizetBytes, uint32_t a_u32Flags);
     COsMem::Counts Track(const Block& a_block);
@@ -117,9 +125,9 @@ private:
     EOSSHAREDMODE SharedMode();
     bool IsFileBacked(const OsMemSharedRequest& a_osmemsharedrequest);
 
-    EOSMEMTYPE m_eosmemtype = OS_MEMTYPE_GLOBALALLOC;
+    std::atomic<EOSMEMTYPE> m_eosmemtype = OS_MEMTYPE_GLOBALALLOC;   // of ordinary blocks
     COsMem::Counts m_counts = {};
-    uint64_t m_au64Slot[OS_MEMSLOTS] = {};   // addresses, 0 is free
+    void* m_apvSlot[OS_MEMSLOTS] = {};       // addresses, null is free
     OsMemRecord* m_aosmemrecord = nullptr;   // one for each slot; null only when its allocation failed
     uint64_t m_u64Lock = 0;
     EOSSHAREDMODE m_eossharedmode = OS_SHAREDMODE_UNDEFINED;   // until first needed

@@ -114,7 +114,7 @@ static void ReleaseFile(const OsMemRecord& a_osmemrecord)
 
 void OsMemReleaseMapping(const OsMemRecord& a_osmemrecord)
 {
-    void* const pvView = reinterpret_cast<void*>(a_osmemrecord.u64Address);
+    void* const pvView = a_osmemrecord.pvAddress;
     const size_t sizetView = static_cast<size_t>(a_osmemrecord.u64View);
     const bool blFlush = !(a_osmemrecord.u32Traits & (OS_MEMTRAIT_READONLY | OS_MEMTRAIT_TEMPORARY));
     if (pvView && blFlush && !PlatMappingFlush(pvView, sizetView))
@@ -292,9 +292,8 @@ bool OsMemMapper::MakeLink()
     m_u64Available = m_osmemrecord.u64Size;
 
     char szLink[g_sizetLink];
-    const int iLength =
-        SStrPrintf(szLink, sizeof szLink, g_szLinkFormat, static_cast<unsigned long long>(PlatProcessId()),
-                   reinterpret_cast<void*>(plathandle), ullSize);
+    const int iLength = SStrPrintf(szLink, sizeof szLink, g_szLinkFormat,
+                                   static_cast<unsigned long long>(PlatProcessId()), OsMemPointer(plathandle), ullSize);
     if (iLength < 0)
     {
         OSLOG(OS_LOG_CHECK, "mem>>> requested XML link is too large...<%s> %llu %d", m_osmemrecord.szName, ullSize,
@@ -387,7 +386,7 @@ bool OsMemMapper::MapView()
               static_cast<unsigned long long>(m_osmemrecord.u64Size), static_cast<int>(i64View));
         return false;
     }
-    m_osmemrecord.u64Address = reinterpret_cast<uint64_t>(pvView);
+    m_osmemrecord.pvAddress = pvView;
     m_osmemrecord.u64View = sizetView;
     m_osmemrecord.u32View = static_cast<uint32_t>(sizetView);
     return true;

@@ -28,20 +28,17 @@ static constexpr const char* g_aszMethod[] = {"undefined", "malloc",   "globalal
                                               "memorymap", "external", "dsm",         "last"};
 static_assert(std::size(g_aszMethod) == OS_MEMTYPE_LAST + 1);
 
-static void DumpRecord(uint32_t a_u32Slot, uint64_t a_u64Slot, const OsMemRecord& a_osmemrecord)
+static void DumpRecord(uint32_t a_u32Slot, const void* a_pvSlot, const OsMemRecord& a_osmemrecord)
 {
     char szMethod[16];
-    if (a_osmemrecord.u32Method < std::size(g_aszMethod))
-        SStrCpy(szMethod, sizeof szMethod, g_aszMethod[a_osmemrecord.u32Method]);
-    else
-        SStrPrintf(szMethod, sizeof szMethod, "?%d", static_cast<int>(a_osmemrecord.u32Method));
-
+    const uint32_t u32Method = a_osmemrecord.u32Method;
+    SStrPrintf(szMethod, sizeof szMethod, "?%d", static_cast<int>(u32Method));
+    const char* const szShown = u32Method < std::size(g_aszMethod) ? g_aszMethod[u32Method] : szMethod;
     OSLOG(OS_LOG_NOTE, "mem>>> %04d %12s %p(%p) s:%llu o:%llu v:%u f:%p m:%p <%s>", static_cast<int>(a_u32Slot),
-          szMethod, reinterpret_cast<void*>(a_osmemrecord.u64Address), reinterpret_cast<void*>(a_u64Slot),
-          static_cast<unsigned long long>(a_osmemrecord.u64Size),
+          szShown, a_osmemrecord.pvAddress, a_pvSlot, static_cast<unsigned long long>(a_osmemrecord.u64Size),
           static_cast<unsigned long long>(a_osmemrecord.u64Offset), a_osmemrecord.u32View,
-          reinterpret_cast<void*>(a_osmemrecord.plathandleFile),
-          reinterpret_cast<void*>(a_osmemrecord.plathandleMapping), a_osmemrecord.szName);
+          OsMemPointer(a_osmemrecord.plathandleFile), OsMemPointer(a_osmemrecord.plathandleMapping),
+          a_osmemrecord.szName);
 }
 
 static bool IsBlank(const OsMemRecord& a_osmemrecord)
@@ -56,27 +53,30 @@ void COsMemImpl::Dump(const void* a_pvBlock)
     for (uint32_t u32Slot = 0; m_aosmemrecord && u32Slot < OS_MEMSLOTS; u32Slot++)
     {
         OsMemRecord osmemrecord;
-        uint64_t u64Slot;
+        const void* pvSlot;
         {
             const COsSpinGuard guard(&m_u64Lock);
             if (u32Slot >= m_u32SlotsTouched)
                 break;
             osmemrecord = m_aosmemrecord[u32Slot];
-            u64Slot = m_au64Slot[u32Slot];
+            pvSlot = m_apvSlot[u32Slot];
         }
-        const bool blWanted = !a_pvBlock || u64Slot == reinterpret_cast<uint64_t>(a_pvBlock);
+        const bool blWanted = !a_pvBlock || pvSlot == a_pvBlock;
         if (blWanted && !IsBlank(osmemrecord))
-            DumpRecord(u32Slot, u64Slot, osmemrecord);
+            DumpRecord(u32Slot, pvSlot, osmemrecord);
     }
     OSLOG(OS_LOG_NOTE, "mem>>> OsMemDump end...");
 }
 
 void OsMemDump(const void* a_pvBlock)
 {
-    if (COsMemImpl* const posmemimpl = OsMemImplementation())
-        posmemimpl->Dump(a_pvBlock);
-    else
+    COsMemImpl* const posmemimpl = OsMemImplementation();
+    if (!posmemimpl)
+    {
         OSLOG(OS_LOG_CHECK, "mem>>> m_posmemimpl is null...");
+        return;
+    }
+    posmemimpl->Dump(a_pvBlock);
 }
 
 // ----------------------------------------------------------------------------------------- the facts of the report
@@ -149,9 +149,12 @@ static void OS_PRINTFLIKE(2, 3) Put(PlatHandle a_plathandle, const char* a_szFor
     const int iLength = OsFormat(szText, sizeof szText, a_szFormat, valist);
     va_end(valist);
     if (iLength >= static_cast<int>(sizeof szText))
+    {
         OSLOG(OS_LOG_CHECK, "mem>>> Buffer overflow (we'll keep going)...%ld %ld", static_cast<long>(iLength),
               static_cast<long>(sizeof szText));
-    else if (iLength > 0)
+        return;
+    }
+    if (iLength > 0)
         PlatFileWrite(a_plathandle, szText, static_cast<size_t>(iLength), nullptr);
 }
 
@@ -193,16 +196,15 @@ static void PutLargest(PlatHandle a_plathandle, const char* a_szKind, const OsMe
     for (size_t i = 0; i < a_osmemregions.sizetTop; i++)
     {
         const PlatMemoryRegion& platmemoryregion = a_osmemregions.aplatmemoryregion[i];
-        Put(a_plathandle, "%p:%p %12.3f MB\r\n", reinterpret_cast<void*>(platmemoryregion.u64Address),
-            reinterpret_cast<void*>(platmemoryregion.u64Address + platmemoryregion.u64Size),
-            Megabytes(platmemoryregion.u64Size));
+        Put(a_plathandle, "%p:%p %12.3f MB\r\n", OsMemPointer(platmemoryregion.u64Address),
+            OsMemPointer(platmemoryregion.u64Address + platmemoryregion.u64Size), Megabytes(platmemoryregion.u64Size));
     }
     Put(a_plathandle, "\r\n");
 }
 
 static bool PutModule(void* a_pvContext, const PlatModule* a_pplatmodule)
 {
-    Put(*static_cast<PlatHandle*>(a_pvContext), "%p %10d %s\r\n", reinterpret_cast<void*>(a_pplatmodule->u64Address),
+    Put(*static_cast<PlatHandle*>(a_pvContext), "%p %10d %s\r\n", OsMemPointer(a_pplatmodule->u64Address),
         static_cast<int>(a_pplatmodule->u64Size), a_pplatmodule->szPath);
     return true;
 }
@@ -256,7 +258,7 @@ void OsMemWriteCrashReport()
     const PlatHandle plathandle = CreateReport(plattime);
     if (plathandle == PLAT_INVALID)
         return;
+    const ScopeGuard close([plathandle] { PlatClose(plathandle); });
     PutReport(plathandle, plattime);
-    PlatClose(plathandle);
     OSLOG(OS_LOG_NOTE, "mem>>> DumpSystem complete...");
 }

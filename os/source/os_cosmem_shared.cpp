@@ -29,10 +29,12 @@ static void TraceSharedMode(EOSSHAREDMODE a_eossharedmode, long a_lForce, int64_
         return;
     OSLOG(OS_LOG_NOTE, "mem>>> ForceMemoryMap=%d Platform=%d Windows=%d", static_cast<int>(a_lForce),
           static_cast<int>(a_i64Platform), static_cast<int>(a_i64Version));
-    if (a_eossharedmode < std::size(g_aszSharedMode))
-        OSLOG(OS_LOG_NOTE, "%s", g_aszSharedMode[a_eossharedmode]);
-    else
+    if (a_eossharedmode >= std::size(g_aszSharedMode))
+    {
         OSLOG(OS_LOG_NOTE, "mem>>> shared mode is unknown...%d", static_cast<int>(a_eossharedmode));
+        return;
+    }
+    OSLOG(OS_LOG_NOTE, "%s", g_aszSharedMode[a_eossharedmode]);
 }
 
 // Decided once, when it is first needed.
@@ -72,13 +74,26 @@ bool COsMemImpl::IsFileBacked(const OsMemSharedRequest& a_osmemsharedrequest)
 
 // ---------------------------------------------------------------------------------------------------- the operations
 
+static void TraceMapping(const OsMemRecord& a_osmemrecord, const COsMem::Counts& a_counts,
+                         const OsMemCaller& a_osmemcaller)
+{
+    if (OsLogWorkingWord() == 0)
+        return;
+    OSLOG_AT(a_osmemcaller.szFile, a_osmemcaller.u32Line, OS_MEMLEVEL,
+             "mem>>> f+   AD:%p   SZ:%-9llu  AC:%-6d  FC:%-6d  CC:%-6d  CB:%-9llu  PB:%-9llu %s",
+             a_osmemrecord.pvAddress, static_cast<unsigned long long>(a_osmemrecord.u64Size),
+             static_cast<int>(a_counts.u32Allocations), static_cast<int>(a_counts.u32Frees),
+             static_cast<int>(a_counts.u32Current), static_cast<unsigned long long>(a_counts.u64CurrentBytes),
+             static_cast<unsigned long long>(a_counts.u64PeakBytes), a_osmemrecord.szName);
+}
+
 void* COsMemImpl::SharedAlloc(const OsMemSharedRequest& a_osmemsharedrequest, const OsMemCaller& a_osmemcaller)
 {
     OsMemRecord osmemrecord;
     if (!OsMemMap(a_osmemsharedrequest, IsFileBacked(a_osmemsharedrequest), &osmemrecord))
         return nullptr;
 
-    void* const pvView = reinterpret_cast<void*>(osmemrecord.u64Address);
+    void* const pvView = osmemrecord.pvAddress;
     COsMem::Counts counts;
     if (!TrackMapping(osmemrecord, &counts))
     {
@@ -87,13 +102,7 @@ void* COsMemImpl::SharedAlloc(const OsMemSharedRequest& a_osmemsharedrequest, co
         OsMemReleaseMapping(osmemrecord);
         return nullptr;
     }
-    if (OsLogWorkingWord() != 0)
-        OSLOG_AT(a_osmemcaller.szFile, a_osmemcaller.u32Line, OS_MEMLEVEL,
-                 "mem>>> f+   AD:%p   SZ:%-9llu  AC:%-6d  FC:%-6d  CC:%-6d  CB:%-9llu  PB:%-9llu %s", pvView,
-                 static_cast<unsigned long long>(osmemrecord.u64Size), static_cast<int>(counts.u32Allocations),
-                 static_cast<int>(counts.u32Frees), static_cast<int>(counts.u32Current),
-                 static_cast<unsigned long long>(counts.u64CurrentBytes),
-                 static_cast<unsigned long long>(counts.u64PeakBytes), osmemrecord.szName);
+    TraceMapping(osmemrecord, counts, a_osmemcaller);
     return pvView;
 }
 
@@ -110,10 +119,8 @@ bool COsMemImpl::WithMapping(const void* a_pvView, const OsMemCaller& a_osmemcal
             return true;
         }
     }
-    if (u32Slot == OS_MEMSLOTS)
-        OSLOG(OS_LOG_CHECK, "mem>>> Manage didn't find mapping...");
-    else
-        OSLOG(OS_LOG_CHECK, "mem>>> This isn't a memory mapped pointer...");
+    OSLOG(OS_LOG_CHECK, "mem>>> %s...",
+          u32Slot == OS_MEMSLOTS ? "Manage didn't find mapping" : "This isn't a memory mapped pointer");
     OSLOG_AT(a_osmemcaller.szFile, a_osmemcaller.u32Line, OS_LOG_CHECK, "mem>>> Error occurred here...");
     return false;
 }
@@ -180,7 +187,7 @@ static void* MapPart(const OsMemRecord& a_osmemrecord, uint64_t a_u64Offset, siz
         return nullptr;
     }
     *a_posmemrecordNew = a_osmemrecord;
-    a_posmemrecordNew->u64Address = reinterpret_cast<uint64_t>(pvView);
+    a_posmemrecordNew->pvAddress = pvView;
     a_posmemrecordNew->u64Offset = u64Base;
     a_posmemrecordNew->u64View = sizetView;
     a_posmemrecordNew->u32View = static_cast<uint32_t>(sizetView);
@@ -202,7 +209,7 @@ void* COsMemImpl::SharedRemap(void* a_pvView, uint64_t a_u64Offset, size_t a_siz
     if (!WithMapping(a_pvView, a_osmemcaller, [&](uint32_t a_u32Slot) {
             osmemrecordNew.u32Lock = m_aosmemrecord[a_u32Slot].u32Lock;
             m_aosmemrecord[a_u32Slot] = osmemrecordNew;
-            m_au64Slot[a_u32Slot] = osmemrecordNew.u64Address;
+            m_apvSlot[a_u32Slot] = osmemrecordNew.pvAddress;
         }))
     {
         PlatMappingRelease(pvView, static_cast<size_t>(osmemrecordNew.u64View));
