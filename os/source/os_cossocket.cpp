@@ -242,12 +242,15 @@ void COsSocketImpl::LogAddress(uint32_t a_u32Level, const PlatAddress& a_platadd
 // The read and write events are made by the first wait that needs them.
 bool COsSocketImpl::CreateCancelEvent()
 {
+    const PlatHandle plathandle = PlatEventCreate(PLAT_RESET_MANUAL, nullptr);
+    if (plathandle == PLAT_INVALID)
+    {
+        OSLOG(OS_LOG_ERROR, "sock>>> create: WSACreateEvent failed...");
+        return false;
+    }
     const COsSpinGuard spinguard(&m_psocketstate->u64CancelLock);
-    m_psocketstate->plathandleCancel = PlatEventCreate(PLAT_RESET_MANUAL, nullptr);
-    if (m_psocketstate->plathandleCancel != PLAT_INVALID)
-        return true;
-    OSLOG(OS_LOG_ERROR, "sock>>> create: WSACreateEvent failed...");
-    return false;
+    m_psocketstate->plathandleCancel = plathandle;
+    return true;
 }
 
 // Create, listen, accept.

@@ -4,7 +4,8 @@
 // object, SocketCreate (source = listener), SocketAccept. Client: construct, SocketConnect. Then SocketRead and
 // SocketWrite, SocketDisconnect, destroy.
 //
-// One thread reads and one thread writes an object at a time; another may call SocketCancel to end a blocked read.
+// One thread reads and one thread writes an object at a time; another may call SocketCancel or SocketDisconnect to end
+// a blocked read.
 // Time-outs are in milliseconds, OS_INFINITE is no limit.
 #pragma once
 
@@ -109,7 +110,8 @@ public:
     // Ends the wait that is under way, or the next one. Any thread.
     void SocketCancel();
 
-    // Shuts the connection down and releases everything, as often as called.
+    // Shuts the connection down and releases everything, as often as called. Any thread: what is under way ends, and
+    // has ended when the call returns. Graceful: what was written is sent off, and the peer is given time to close.
     void SocketDisconnect(bool a_blGraceful);
 
     // The address and port in use. Buffers of OS_SOCKETHOSTSIZE and OS_SOCKETPORTSIZE bytes, each may be null.

@@ -188,8 +188,10 @@ EOSSTS COsSocketImpl::AwaitConnect(int32_t a_i32Timeout)
 {
     constexpr uint32_t OS_ENDED = PLAT_SOCKET_CONNECT | PLAT_SOCKET_CLOSE;
     const PlatHandle plathandleSocket = m_psocketstate->plathandleConnected;
+    if (CancelIsRequested())
+        return ConnectStatus(OS_CONNECTRESULT_CANCEL);
     uint32_t u32Result = OS_CONNECTRESULT_ENDED;
-    if (CancelIsRequested() || PlatSocketPoll(plathandleSocket, OS_ENDED) == 0)
+    if (PlatSocketPoll(plathandleSocket, OS_ENDED) == 0)
     {
         if (!SelectEvent(&m_psocketstate->socketeventRead, plathandleSocket, OS_ENDED))
         {

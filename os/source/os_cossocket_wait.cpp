@@ -4,8 +4,8 @@
 // caller's stop event and the child process of a thread, as far as there are any. The first that is ready ends it. So
 // a cancel goes before data, and data before an end.
 //
-// A socket that has something to report already needs no wait: a look at it is one call where selecting, waiting and
-// enumerating are three. Only a cancel that is requested must be waited for all the same, since it goes first.
+// What is known already needs no wait: a cancel that is requested is a flag beside its event, and a look at a socket
+// that has something to report is one call where selecting, waiting and enumerating are three.
 #include "os_cossocket_impl.h"
 #include "os_cosspinlock.h"
 #include "os_cossync.h"
@@ -127,7 +127,9 @@ std::optional<EOSSTS> COsSocketImpl::Await(SocketWait* a_psocketwait)
             return eossts;
         const PlatHandle plathandleStop = StopEvent(selectargs.possyncStop);
         const PlatHandle plathandleChild = RunningChild(selectargs.posthread);
-        if (LookFirst(a_psocketwait))
+        if (CancelIsRequested())
+            return EndWait(*a_psocketwait, OS_WAITRESULT_CANCEL);
+        if (a_psocketwait->blLook && LookFirst(a_psocketwait))
             return std::nullopt;
         if (!SelectEvent(a_psocketwait->psocketevent, a_psocketwait->plathandleSocket, a_psocketwait->u32Mask))
         {
@@ -185,8 +187,6 @@ std::optional<EOSSTS> COsSocketImpl::BeginWait(SocketWait* a_psocketwait)
 
 bool COsSocketImpl::LookFirst(SocketWait* a_psocketwait)
 {
-    if (!a_psocketwait->blLook || CancelIsRequested())
-        return false;
     a_psocketwait->u32Events = PlatSocketPoll(a_psocketwait->plathandleSocket, a_psocketwait->u32Mask);
     return a_psocketwait->u32Events != 0;
 }

@@ -1,0 +1,314 @@
+// os_cossocket_test.cpp: listening, connecting, reading, writing and letting go.
+#include "socket_support.h"
+
+#include <array>
+#include <thread>
+
+class SocketTest : public FolderTest
+{
+protected:
+    LogCapture m_logcapture;
+};
+
+TEST_F(SocketTest, PortZeroGivesAFreePortOnTheLoopbackAddress)
+{
+    Listener listener;
+    char szHost[OS_SOCKETHOSTSIZE];
+    EXPECT_EQ(listener.possocket.SocketGetInfo(szHost, nullptr), EOSSTS_SUCCESS);
+    EXPECT_STREQ(szHost, "127.0.0.1");
+    EXPECT_GT(std::atoi(listener.szPort), 0);
+    EXPECT_TRUE(m_logcapture.HasPart("  size:      8  new COsSocketImpl"));
+    EXPECT_TRUE(m_logcapture.HasAt(4, "sock>>> sin_family:2 sin_port:0000 sin_addr.s_addr:0100007f"));
+
+    EXPECT_EQ(listener.possocket.SocketCreate("127.0.0.1", nullptr, "", nullptr), EOSSTS_FAIL);
+    EXPECT_TRUE(m_logcapture.HasAt(1, "a_szPort is null..."));
+    COsSocket possocketSame;   // the listener is untouched by that
+    EXPECT_EQ(possocketSame.SocketCreate(nullptr, listener.szPort, "", nullptr), EOSSTS_FAIL);
+    EXPECT_TRUE(m_logcapture.HasAt(1, "sock>>> create: bind failed..."));
+}
+
+TEST_F(SocketTest, ListenerIsBoundToADottedAddressAndAPortOrNotAtAll)
+{
+    for (const auto& [szHost, szPort] : {std::pair{"some.host", "0"}, {"", "0"}, {"127.0.0.1", "70000"}})
+    {
+        COsSocket possocket;
+        m_logcapture.Clear();
+        EXPECT_EQ(possocket.SocketCreate(szHost, szPort, "", nullptr), EOSSTS_FAIL) << szHost << szPort;
+        EXPECT_TRUE(m_logcapture.HasAt(1, "sock>>> create: bind failed..."));
+        EXPECT_EQ(possocket.SocketListen(), EOSSTS_FAIL);
+        EXPECT_TRUE(m_logcapture.HasAt(1, "sock>>> listen: must call SocketCreate() first..."));
+    }
+}
+
+TEST_F(SocketTest, AcceptSideForgetsTheListenerThatGoesOnForOthers)
+{
+    SocketPair socketpair;
+    EXPECT_EQ(socketpair.server.SocketAccept(nullptr), EOSSTS_NOTOPEN);
+    EXPECT_TRUE(m_logcapture.HasAt(1, "sock>>> accept: must call SocketCreate() first..."));
+    {
+        COsSocket possocketUnused;   // shares the listener and goes without having accepted
+        EXPECT_EQ(possocketUnused.SocketCreate(nullptr, "0", "", &socketpair.listener.possocket), EOSSTS_SUCCESS);
+    }
+    COsSocket possocketClient;
+    COsSocket possocketServer;
+    EXPECT_EQ(possocketClient.SocketConnect(socketpair.listener.ConnectArgs()), EOSSTS_SUCCESS);
+    EXPECT_EQ(socketpair.listener.Accept(possocketServer), EOSSTS_SUCCESS);
+
+    COsSocket possocketEmpty;
+    EXPECT_EQ(possocketServer.SocketCreate(nullptr, "0", "", &possocketEmpty), EOSSTS_FAIL);
+    EXPECT_TRUE(m_logcapture.HasAt(1, "sock>>> create: socket failed..."));
+}
+
+TEST_F(SocketTest, ListenerThatAcceptsOnItselfStopsListening)
+{
+    Listener listener;
+    COsSocket possocketFirst;
+    EXPECT_EQ(possocketFirst.SocketConnect(listener.ConnectArgs()), EOSSTS_SUCCESS);
+    EXPECT_EQ(listener.possocket.SocketAccept(nullptr), EOSSTS_SUCCESS);
+    EXPECT_EQ(listener.possocket.SocketListen(), EOSSTS_FAIL);
+    EXPECT_EQ(Send(possocketFirst, "abc"), EOSSTS_SUCCESS);
+    EXPECT_EQ(Receive(listener.possocket).strText, "abc");
+
+    COsSocket possocketSecond;
+    EXPECT_EQ(possocketSecond.SocketConnect(listener.ConnectArgs()), EOSSTS_SUCCESS);
+    EXPECT_EQ(Send(possocketSecond, "abc"), EOSSTS_DISCONNECTED);
+}
+
+TEST_F(SocketTest, RefusedConnectionShowsAtTheFirstReadOrWrite)
+{
+    Listener listener;
+    listener.possocket.SocketDisconnect(false);
+    COsSocket possocketReader;
+    COsSocket possocketWriter;
+    EXPECT_EQ(possocketReader.SocketConnect(listener.ConnectArgs()), EOSSTS_SUCCESS);
+    EXPECT_EQ(possocketWriter.SocketConnect(listener.ConnectArgs()), EOSSTS_SUCCESS);
+    EXPECT_EQ(Receive(possocketReader).eossts, EOSSTS_DISCONNECTED);
+    EXPECT_EQ(Send(possocketWriter, "abc"), EOSSTS_DISCONNECTED);
+}
+
+TEST_F(SocketTest, ConnectRefusesWhatIsNoAddress)
+{
+    COsSocket possocket;
+    for (const char* szPort : {"0", "70000", "-1", "text"})
+    {
+        m_logcapture.Clear();
+        EXPECT_EQ(possocket.SocketConnect({.szPort = szPort}), EOSSTS_FAIL) << szPort;
+        EXPECT_TRUE(m_logcapture.HasAt(4, "sock>>> connect: WSAConnect failed..."));
+    }
+    EXPECT_EQ(possocket.SocketConnect({.szHost = "no host", .szPort = "80"}), EOSSTS_FAIL);
+    EXPECT_TRUE(m_logcapture.HasPart("GetAddrInfoW failed..."));
+    EXPECT_EQ(possocket.SocketConnect({.szHost = "\xff\xfe", .szPort = "80"}), EOSSTS_FAIL);
+    EXPECT_TRUE(m_logcapture.HasAt(1, "CopyStringFromUtf8 failed <\xff\xfe>"));
+    EXPECT_EQ(possocket.SocketConnect({.szPort = "80", .u64ProcessId = 999999999}), EOSSTS_FAIL);
+    EXPECT_TRUE(m_logcapture.HasAt(1, "sock>>> create: OpenProcess failed..."));
+}
+
+TEST_F(SocketTest, HostNamesAreResolved)
+{
+    Listener listener;
+    COsSocket possocket;
+    COsSocket::ConnectArgs connectargs = listener.ConnectArgs();
+    connectargs.szHost = "localhost";
+    connectargs.szName = "label";
+    EXPECT_EQ(possocket.SocketConnect(connectargs), EOSSTS_SUCCESS);
+    EXPECT_TRUE(m_logcapture.HasAt(4, "sock>>> <label> <localhost> <" + std::string(listener.szPort) + "> 0 0 -1 1"));
+
+    char szAddress[OS_SOCKETHOSTSIZE];
+    EXPECT_EQ(possocket.SocketGetInfo(szAddress, nullptr), EOSSTS_SUCCESS);
+    EXPECT_STREQ(szAddress, "127.0.0.1");
+    EXPECT_EQ(possocket.SocketResolveHost("localhost", szAddress), EOSSTS_SUCCESS);
+    EXPECT_STREQ(szAddress, "127.0.0.1");
+    EXPECT_EQ(possocket.SocketResolveHost("no host", szAddress), EOSSTS_FAIL);
+    EXPECT_STREQ(szAddress, "");
+    EXPECT_EQ(possocket.SocketResolveHost("", szAddress), EOSSTS_FAIL);
+    EXPECT_EQ(possocket.SocketResolveHost("localhost", nullptr), EOSSTS_FAIL);
+    EXPECT_EQ(m_logcapture.Count("bad argument..."), 2u);
+}
+
+TEST_F(SocketTest, HostChoosesTheTransportAndPortItsDirection)
+{
+    const std::array<const char*, 3> aexpected[] = {
+        {"@SHAREDMEMORY", "a;b", "Unsupported...5"},       {"@SHAREDMEMORY", "c:/x\\read", "Unsupported...4"},
+        {"@SHAREDMEMORY", "w", "Unsupported...3"},         {"@SHAREDMEMORY", "r/x", "bad port...<r/x>"},
+        {"@MESSAGEQUEUE", "a;b", "Unsupported...8"},       {"@MESSAGEQUEUE", "read", "Unsupported...7"},
+        {"@MESSAGEQUEUE", "c:\\r\\wr", "Unsupported...6"}, {"@MESSAGEQUEUE", "", "bad port...<>"},
+    };
+    COsSocket possocket;
+    for (const auto& [szHost, szPort, szText] : aexpected)
+    {
+        m_logcapture.Clear();
+        EXPECT_EQ(possocket.SocketConnect({.szHost = szHost, .szPort = szPort}), EOSSTS_FAIL);
+        EXPECT_TRUE(m_logcapture.HasAt(1, szText)) << szText;
+    }
+}
+
+TEST_F(SocketTest, OperationsSayWhichTypeTheyDoNotHandle)
+{
+    COsSocket possocket;
+    EXPECT_EQ(possocket.SocketListen(), EOSSTS_FAIL);
+    EXPECT_EQ(possocket.SocketAccept(nullptr), EOSSTS_FAIL);
+    EXPECT_EQ(possocket.SocketGetInfo(nullptr, nullptr), EOSSTS_FAIL);
+    EXPECT_EQ(possocket.SocketSelect({}), EOSSTS_FAIL);
+    EXPECT_EQ(Receive(possocket).eossts, EOSSTS_FAIL);
+    EXPECT_EQ(m_logcapture.Count("Unsupported...0"), 5u);
+    EXPECT_EQ(Send(possocket, "abc"), EOSSTS_FAIL);
+    EXPECT_TRUE(m_logcapture.HasAt(64, "Unsuppported...0"));
+
+    possocket.SocketConnect({.szHost = "@SHAREDMEMORY", .szPort = "r"});
+    EXPECT_EQ(possocket.SocketSelect({}), EOSSTS_SUCCESS);
+    EXPECT_EQ(possocket.SocketListen(), EOSSTS_SUCCESS);
+    EXPECT_EQ(Receive(possocket).eossts, EOSSTS_FAIL);
+}
+
+TEST_F(SocketTest, ReadTakesWhatOneReceiveGivesAndClearsTheRest)
+{
+    SocketPair socketpair;
+    std::string strBuffer(8, '#');
+    size_t sizetRead = 77;
+    COsSocket::ReadArgs readargs{
+        .pvBuffer = strBuffer.data(), .sizetBuffer = strBuffer.size(), .u32Timeout = 5, .u32Tag = 9};
+    EXPECT_EQ(socketpair.server.SocketRead(readargs, &sizetRead), EOSSTS_TIMEOUT);
+    EXPECT_TRUE(m_logcapture.HasAt(1, "Select timeout on " + std::string(socketpair.listener.szPort) + "...9 5"));
+    EXPECT_EQ(sizetRead, 0u);
+    EXPECT_EQ(strBuffer, "########");   // nothing was received
+
+    readargs.u32Timeout = OS_INFINITE;
+    EXPECT_EQ(Send(socketpair.client, "0123456789"), EOSSTS_SUCCESS);
+    EXPECT_EQ(socketpair.server.SocketRead(readargs, &sizetRead), EOSSTS_SUCCESS);
+    EXPECT_EQ(strBuffer, "01234567");
+    EXPECT_EQ(socketpair.server.SocketRead(readargs, &sizetRead), EOSSTS_SUCCESS);
+    EXPECT_EQ(strBuffer, std::string("89\0\0\0\0\0\0", 8));
+    EXPECT_EQ(sizetRead, 2u);
+    EXPECT_EQ(m_logcapture.Count(">>> socket Select(read,-1,9,0)"), 2u);
+
+    readargs.u32Timeout = 0;   // does not wait, and nothing is the end then
+    EXPECT_EQ(socketpair.server.SocketRead(readargs, &sizetRead), EOSSTS_DISCONNECTED);
+    EXPECT_TRUE(m_logcapture.HasAt(4, "sock>>> read: remote connection has been closed..."));
+    EXPECT_EQ(strBuffer, std::string(8, '\0'));
+    EXPECT_EQ(Send(socketpair.client, "abc"), EOSSTS_SUCCESS);
+    EXPECT_TRUE(WaitFor([&] { return socketpair.server.SocketRead(readargs, &sizetRead) == EOSSTS_SUCCESS; }));
+}
+
+TEST_F(SocketTest, PeerThatClosesLeavesItsDataFirst)
+{
+    SocketPair socketpair;
+    const std::string strPort = socketpair.listener.szPort;
+    EXPECT_EQ(Send(socketpair.client, "last words"), EOSSTS_SUCCESS);
+    socketpair.client.SocketDisconnect(true);
+    EXPECT_EQ(Receive(socketpair.server).strText, "last words");
+    EXPECT_EQ(Receive(socketpair.server, {.blQuiet = true}).eossts, EOSSTS_DISCONNECTED);
+    EXPECT_TRUE(m_logcapture.HasAt(4, "sock>>> select: the socket isn't there anymore..."));
+    EXPECT_TRUE(m_logcapture.HasAt(4, "Select failed on " + strPort + "...7"));
+    EXPECT_EQ(Receive(socketpair.server).eossts, EOSSTS_DISCONNECTED);
+    EXPECT_TRUE(m_logcapture.HasAt(1, "Select failed on " + strPort + "...7"));
+
+    SocketPair socketpairBroken;   // a peer that goes with bytes unread breaks the connection
+    EXPECT_EQ(Send(socketpairBroken.server, "unread"), EOSSTS_SUCCESS);
+    socketpairBroken.client.SocketDisconnect(false);
+    EXPECT_EQ(Receive(socketpairBroken.server).eossts, EOSSTS_DISCONNECTED);
+}
+
+TEST_F(SocketTest, FirstWriteAfterThePeerHasGoneReportsIt)
+{
+    SocketPair socketpair;
+    EXPECT_EQ(Send(socketpair.client, "abc"), EOSSTS_SUCCESS);
+    EXPECT_EQ(Receive(socketpair.server).strText, "abc");
+    socketpair.server.SocketDisconnect(false);
+    m_logcapture.Clear();
+    size_t sizetWritten = 77;
+    EXPECT_EQ(socketpair.client.SocketWrite({.pvBuffer = "abc", .sizetBuffer = 3, .blLogging = false}, &sizetWritten),
+              EOSSTS_DISCONNECTED);
+    EXPECT_EQ(sizetWritten, 0u);
+    EXPECT_TRUE(m_logcapture.Lines().empty());
+    EXPECT_EQ(Send(socketpair.client, "abc"), EOSSTS_DISCONNECTED);
+    EXPECT_TRUE(m_logcapture.HasAt(4, "Select failed on " + std::string(socketpair.listener.szPort) + "...7"));
+}
+
+TEST_F(SocketTest, BigTransferArrivesWholeInABufferThatStaysZeroBehindIt)
+{
+    SocketPair socketpair;
+    std::string strSent(3'000'000, '\0');
+    for (size_t sizet = 0; sizet < strSent.size(); ++sizet)
+        strSent[sizet] = static_cast<char>(1 + sizet % 251);
+    std::thread writer([&] {
+        for (size_t sizetAt = 0, sizetWritten = 0; sizetAt < strSent.size(); sizetAt += sizetWritten)
+        {
+            const size_t sizetPiece = std::min<size_t>(1 + sizetAt % 40'000, strSent.size() - sizetAt);
+            ASSERT_EQ(socketpair.client.SocketWrite({.pvBuffer = &strSent[sizetAt], .sizetBuffer = sizetPiece},
+                                                    &sizetWritten),
+                      EOSSTS_SUCCESS);
+        }
+        socketpair.client.SocketDisconnect(true);
+    });
+
+    std::string strBuffer(65536, '#');
+    std::string strReceived;
+    size_t sizetDirty = strBuffer.size();
+    size_t sizetRead = 0;
+    const COsSocket::ReadArgs readargs{
+        .pvBuffer = strBuffer.data(), .sizetBuffer = strBuffer.size() - 1, .psizetDirty = &sizetDirty};
+    strBuffer.back() = '\0';
+    while (socketpair.server.SocketRead(readargs, &sizetRead) == EOSSTS_SUCCESS)
+    {
+        strReceived.append(strBuffer, 0, sizetRead);
+        ASSERT_EQ(strBuffer.find_first_not_of('\0', sizetRead), std::string::npos);
+    }
+    writer.join();
+    EXPECT_EQ(strReceived, strSent);
+}
+
+TEST_F(SocketTest, SendThatFindsNoRoomIsRetriedAndGivenUp)
+{
+    SocketPair socketpair;
+    const std::string strMuch(64 << 20, 'x');
+    const COsSocket::WriteArgs writeargs{.pvBuffer = strMuch.data(), .sizetBuffer = strMuch.size(), .u32Timeout = 10};
+    size_t sizetWritten = 0;
+    EXPECT_EQ(socketpair.client.SocketWrite(writeargs, &sizetWritten), EOSSTS_SUCCESS);
+    EXPECT_GT(sizetWritten, 0u);
+    EXPECT_LT(sizetWritten, strMuch.size());
+
+    // The receiver takes some more on its own, so the room is used up by trying.
+    do
+    {
+        m_logcapture.Clear();
+    } while (socketpair.client.SocketWrite(writeargs, &sizetWritten) == EOSSTS_SUCCESS);
+    uint32_t u32Write = 0;
+    EXPECT_EQ(socketpair.client.SocketSelect({.pu32Write = &u32Write, .u32Timeout = 1}), EOSSTS_SUCCESS);
+    EXPECT_EQ(u32Write, 2u);
+    EXPECT_EQ(sizetWritten, 0u);
+    EXPECT_TRUE(m_logcapture.HasAt(4, "sock>>> select: select timeout on write (this is okay)..."));
+    for (const char* szTry : {"(0)", "(8)"})
+        EXPECT_TRUE(m_logcapture.HasPart(std::string("failed WSAEWOULDBLOCK. Sleep (100) and retry again ") + szTry));
+    EXPECT_FALSE(m_logcapture.HasPart("retry again (9)"));
+    EXPECT_TRUE(m_logcapture.HasAt(1, "sock>>> write: send failed..."));
+}
+
+TEST_F(SocketTest, DisconnectedObjectSaysSoAndCanBeUsedAgain)
+{
+    SocketPair socketpair;
+    for (const bool blGraceful : {true, false, true})
+        socketpair.client.SocketDisconnect(blGraceful);
+    EXPECT_EQ(Receive(socketpair.client).eossts, EOSSTS_NOTOPEN);
+    EXPECT_TRUE(m_logcapture.HasAt(1, "sock>>> read: must open a socket first..."));
+    EXPECT_EQ(Send(socketpair.client, "abc"), EOSSTS_NOTOPEN);
+    EXPECT_TRUE(m_logcapture.HasAt(1, "sock>>> write: must open a socket first..."));
+    EXPECT_EQ(socketpair.client.SocketSelect({}), EOSSTS_NOTOPEN);
+    socketpair.client.SocketCancel();
+
+    EXPECT_EQ(socketpair.client.SocketConnect(socketpair.listener.ConnectArgs()), EOSSTS_SUCCESS);
+    EXPECT_EQ(socketpair.listener.Accept(socketpair.server), EOSSTS_SUCCESS);
+    EXPECT_EQ(Send(socketpair.client, "again"), EOSSTS_SUCCESS);
+    EXPECT_EQ(Receive(socketpair.server).strText, "again");
+}
+
+TEST_F(SocketTest, ConfigurationSetsOptionsAndIsCheckedOnce)
+{
+    const FakeCfg fakecfg({{OS_CFGTAG_FORCENETKEEPALIVE, "0x1"},
+                           {OS_CFGTAG_FORCENETNODELAY, "2"},
+                           {OS_CFGTAG_FORCEHTTPSCLIENTCERTIFICATE, "Subject"}});
+    SocketPair socketpair;
+    EXPECT_FALSE(m_logcapture.HasPart("setsockopt"));
+    EXPECT_EQ(
+        m_logcapture.Count("event>>> bad value for ForceHttpsClientCertificate, format must be store/name...<Subject>"),
+        1u);
+}
