@@ -25,8 +25,8 @@ bool PlatEventReset(PlatHandle a_plathandle);
 
 // Waits until one of a_u32Count handles (1 to PLAT_WAIT_MAX) is ready or a_u32Milliseconds have gone
 // (PLAT_INFINITE: no limit; 0: only looks). Ready are: an event that is signalled, a process that has ended, a
-// socket event with something to report (plat_socket.h), a pipe that can be read or whose writers have gone, a
-// watch with a change to report. The lowest ready index wins. Only the handle returned is consumed, and only an
+// socket with bytes or a connection to take or whose peer has gone, a socket event with something to report
+// (plat_socket.h), a pipe that can be read or whose writers have gone, a watch with a change to report. The lowest ready index wins. Only the handle returned is consumed, and only an
 // auto-reset event is: when another waiter took it first, the wait goes on with the time that remains.
 // Returns the index, PLAT_WAIT_TIMEOUT or PLAT_WAIT_FAILED (with the last error: 6 when a handle is not open or of
 // a kind that cannot be waited for).

@@ -186,6 +186,7 @@ private:
     bool MayRetry(const COsSocket::SelectArgs& a_selectargs, int a_iRetries) const;
     EOSSTS EndWait(const SocketWait& a_socketwait, uint32_t a_u32Result);
     EOSSTS Enumerate(const SocketWait& a_socketwait);
+    PlatHandle ReportHandle(SocketWait* a_psocketwait);
     bool SelectEvent(SocketEvent* a_psocketevent, PlatHandle a_plathandleSocket, uint32_t a_u32Mask);
     bool ReadIsInProgress() const { return m_psocketstate->u32Operations > SocketOperation::OS_OPERATION_ALL; }
     bool CancelIsRequested() const { return m_psocketstate->blCancelRequested.load(); }

@@ -131,13 +131,14 @@ std::optional<EOSSTS> COsSocketImpl::Await(SocketWait* a_psocketwait)
             return EndWait(*a_psocketwait, OS_WAITRESULT_CANCEL);
         if (a_psocketwait->blLook && LookFirst(a_psocketwait))
             return std::nullopt;
-        if (!SelectEvent(a_psocketwait->psocketevent, a_psocketwait->plathandleSocket, a_psocketwait->u32Mask))
+        const PlatHandle plathandleReport = ReportHandle(a_psocketwait);
+        if (plathandleReport == PLAT_INVALID)
         {
             SOCKETTELL(selectargs.blLogging, OS_LOG_ERROR, "sock>>> WSAEventSelect failed...");
             return EOSSTS_FAIL;
         }
 
-        const SocketWaitSet socketwaitset{m_psocketstate->plathandleCancel, a_psocketwait->psocketevent->plathandle,
+        const SocketWaitSet socketwaitset{m_psocketstate->plathandleCancel, plathandleReport,
                                           m_psocketstate->plathandleProcess, plathandleStop, plathandleChild};
         const uint32_t u32Result =
             PlatWaitAny(socketwaitset.aplathandle, socketwaitset.u32Count, selectargs.u32Timeout);
@@ -189,6 +190,17 @@ bool COsSocketImpl::LookFirst(SocketWait* a_psocketwait)
 {
     a_psocketwait->u32Events = PlatSocketPoll(a_psocketwait->plathandleSocket, a_psocketwait->u32Mask);
     return a_psocketwait->u32Events != 0;
+}
+
+// What to wait on: the socket itself says that there is something to take, everything else takes an event.
+PlatHandle COsSocketImpl::ReportHandle(SocketWait* a_psocketwait)
+{
+    const uint32_t u32Mask = a_psocketwait->u32Mask & ~PLAT_SOCKET_CLOSE;
+    if (u32Mask == PLAT_SOCKET_READ || u32Mask == PLAT_SOCKET_ACCEPT)
+        return a_psocketwait->plathandleSocket;
+    const bool blSelected =
+        SelectEvent(a_psocketwait->psocketevent, a_psocketwait->plathandleSocket, a_psocketwait->u32Mask);
+    return blSelected ? a_psocketwait->psocketevent->plathandle : PLAT_INVALID;
 }
 
 bool COsSocketImpl::SelectEvent(SocketEvent* a_psocketevent, PlatHandle a_plathandleSocket, uint32_t a_u32Mask)

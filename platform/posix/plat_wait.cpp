@@ -144,6 +144,7 @@ static int WaitDescriptor(PlatHandle a_plathandle)
     case PosixKind::NamedEventAuto:
     case PosixKind::NamedEventManual:
     case PosixKind::Process:
+    case PosixKind::Socket:
     case PosixKind::SocketEvent:
     case PosixKind::PipeRead:
     case PosixKind::Watch:
