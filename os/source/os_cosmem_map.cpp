@@ -22,7 +22,7 @@
 
 static constexpr char g_szSource[] = "os/source/os_cosmem";
 
-// --------------------------------------------------------------------------------------------------- sizes of files
+// ------------------------------------------------------------------------------------------------- lengths of files
 
 // The length that a file gets for so many bytes: a whole number of the system's steps; 0 when there is no such length.
 static uint64_t FileLengthFor(uint64_t a_u64Bytes)
@@ -300,7 +300,12 @@ bool OsMemMapper::MakeLink()
               static_cast<int>(sizeof szLink));
         return false;
     }
-    return PlatFileWrite(m_osmemrecord.plathandleFile, szLink, static_cast<size_t>(iLength), nullptr);
+    if (!PlatFileWrite(m_osmemrecord.plathandleFile, szLink, static_cast<size_t>(iLength), nullptr))
+    {
+        OSLOG(OS_LOG_ERROR, "mem>>> WriteFile failed...<%s>", m_osmemrecord.szName);
+        return false;
+    }
+    return true;
 }
 
 // Finds out what an existing file is: a link to follow, or the memory itself.
@@ -348,7 +353,8 @@ bool OsMemMapper::FollowLink(const char* a_szLink)
     }
     m_osmemrecord.plathandleMapping = plathandle;
     m_osmemrecord.u64Size = m_osmemsharedrequest.u64Bytes ? m_osmemsharedrequest.u64Bytes : osmemlink.maxsize.u64Value;
-    return PlatFileSize(plathandle, &m_u64Available);
+    PlatFileSize(plathandle, &m_u64Available);   // the link may promise more than there is
+    return true;
 }
 
 // The file is the memory. One that is too short for what is asked is made longer, if it may be written.
