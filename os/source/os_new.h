@@ -12,10 +12,12 @@ Object* OsMemNew(const char* a_szFile, uint32_t a_u32Line, const char* a_szClass
 {
     Object* const pobject = new (std::nothrow) Object(std::forward<Arguments>(a_arguments)...);
     if (!pobject)
+    {
         OSLOG_AT(a_szFile, a_u32Line, OS_LOG_CHECK, "OsMemNew failed...");
-    else
-        OSLOG_AT(a_szFile, a_u32Line, OS_LOG_NOTE, "mem>>> addr:%p  size:%7d  new %s", static_cast<void*>(pobject),
-                 static_cast<int>(sizeof(Object)), a_szClass);
+        return nullptr;
+    }
+    OSLOG_AT(a_szFile, a_u32Line, OS_LOG_NOTE, "mem>>> addr:%p  size:%7d  new %s", static_cast<void*>(pobject),
+             static_cast<int>(sizeof(Object)), a_szClass);
     return pobject;
 }
 
