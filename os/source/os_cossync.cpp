@@ -242,9 +242,13 @@ EOSSTS COsSyncImpl::EventWait(uint32_t a_u32Timeout, char* a_szName) const
     if (m_plathandleProcess)
         ossyncwaitlist.Append(m_plathandleProcess);
     if (m_possyncgroupShared)
+    {
         GroupAppend(ossyncwaitlist);
+    }
     else
+    {
         ossyncwaitlist.Append(m_plathandle);
+    }
 
     const uint32_t u32Wait = PlatWaitAny(ossyncwaitlist.aplathandle, ossyncwaitlist.u32Count, a_u32Timeout);
     if (u32Wait == PLAT_WAIT_TIMEOUT)

@@ -82,11 +82,23 @@ static void GroupPath(const char* a_szGroup, char (&a_szPath)[OS_PATHSIZE])
     SStrPrintf(a_szPath, sizeof a_szPath, "%s%s%s", szRoot, *szRoot ? "\\" : "", a_szGroup);
 }
 
-static bool FileExists(const char* a_szPath)
+// A file that nobody has open is the leftover of a killed process, events, lock and all, and is made anew. One that is
+// no group is left alone, so that the caller is told.
+static EOSSHAREDALLOC HowToMap(const char* a_szPath)
 {
     char16_t wszPath[OS_PATHSIZE];
-    PlatFileInfo platfileinfo;
-    return CopyStringFromUtf8(wszPath, std::size(wszPath), a_szPath) && PlatFileGetInfo(wszPath, &platfileinfo);
+    if (!CopyStringFromUtf8(wszPath, std::size(wszPath), a_szPath))
+        return OS_SHAREDALLOC_OPEN;
+    const PlatHandle plathandle =
+        PlatFileOpen(wszPath, PLAT_ACCESS_READ, PLAT_SHARE_NONE, PLAT_DISPOSITION_OPENEXISTING, 0);
+    if (plathandle == PLAT_INVALID)
+        return PlatGetLastError() == PLAT_ERROR_FILENOTFOUND ? OS_SHAREDALLOC_CREATE : OS_SHAREDALLOC_OPEN;
+    uint64_t u64Size = 0;
+    size_t sizetRead = 0;
+    const bool blRead = PlatFileRead(plathandle, &u64Size, sizeof u64Size, &sizetRead);
+    PlatClose(plathandle);
+    const bool blGroup = blRead && sizetRead == sizeof u64Size && u64Size >= sizeof(OsSyncGroup);
+    return blGroup ? OS_SHAREDALLOC_CREATE : OS_SHAREDALLOC_OPEN;
 }
 
 static OsSyncGroup* MapGroup(EOSSHAREDALLOC a_eossharedalloc, const char* a_szPath)
@@ -117,14 +129,14 @@ bool COsSyncImpl::GroupJoin()
     return GroupRegister(blNew);
 }
 
-// A file that was there and has gone since, or that is no use, is created.
+// A file that has gone meanwhile, or that cannot be opened, is created.
 bool COsSyncImpl::GroupMap(bool* a_pblNew)
 {
     char szPath[OS_PATHSIZE];
     GroupPath(m_szGroup, szPath);
     if (!*szPath)
         return false;
-    if (FileExists(szPath))
+    if (HowToMap(szPath) == OS_SHAREDALLOC_OPEN)
         m_possyncgroupShared = MapGroup(OS_SHAREDALLOC_OPEN, szPath);
     *a_pblNew = !m_possyncgroupShared;
     if (!m_possyncgroupShared)

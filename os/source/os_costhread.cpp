@@ -172,8 +172,10 @@ EOSSTS COsThreadImpl::Launch(const char* a_szDisplayName, OsThreadProc a_osthrea
 
     const bool blBegun = Begin();
     if (OsLogWorkingWord())
+    {
         OSLOG(OS_LOG_MILESTONE, "thr>>> id:%llu handle:%d name:<%s>", static_cast<unsigned long long>(m_u64Id),
               static_cast<int>(m_plathandleThread), a_szDisplayName);
+    }
     if (!blBegun)
     {
         OSLOG(OS_LOG_ERROR, "thr>>> _beginthreadex failed...<%s>", a_szDisplayName);

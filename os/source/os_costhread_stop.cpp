@@ -14,7 +14,6 @@
 
 static constexpr char g_szSource[] = "os/source/os_costhread";
 
-static constexpr int32_t g_i32Slice = static_cast<int32_t>(OS_THREADSLICE);
 static constexpr uint32_t g_u32WaitAbandoned = 128;   // what some systems answer when the event's owner has gone
 
 void COsThreadImpl::CloseAndForget(PlatHandle& a_plathandle)
@@ -56,9 +55,13 @@ bool COsThreadImpl::WaitForEnd(uint32_t a_u32Timeout)
 void COsThreadImpl::Stop(bool a_blIgnoreSelf, int32_t a_i32Timeout)
 {
     if (IsSelf())
+    {
         StopSelf(a_blIgnoreSelf);
+    }
     else
+    {
         StopOther(a_i32Timeout);
+    }
 }
 
 void COsThreadImpl::StopOther(int32_t a_i32Timeout)
@@ -81,7 +84,7 @@ void COsThreadImpl::AskToEnd(int32_t a_i32Timeout)
     PlatEventSet(m_plathandleStop);
     if (WaitForEnd(0))
         return;
-    for (int32_t i32Waited = 0; i32Waited < a_i32Timeout; i32Waited += g_i32Slice)
+    for (int64_t i64Waited = 0; i64Waited < a_i32Timeout; i64Waited += OS_THREADSLICE)
     {
         if (WaitForEnd(OS_THREADSLICE))
             return;
@@ -161,9 +164,13 @@ void COsThreadImpl::Clear()
 void COsThreadImpl::CloseThread()
 {
     if (IsSelf())
+    {
         t_posthreadimpl = nullptr;
+    }
     else
+    {
         WaitForEnd(PLAT_INFINITE);
+    }
     CloseAndForget(m_plathandleThread);
 }
 
