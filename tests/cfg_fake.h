@@ -11,7 +11,11 @@ class CfgFake final : public COsCfgSource
 public:
     CfgFake() { g_poscfgsource.store(this); }
     ~CfgFake() { g_poscfgsource.store(nullptr); }
-    const char* GetString(EOSCFGSECTION, EOSCFGTAG a_eoscfgtag) override { return m_mapstrValue[a_eoscfgtag].c_str(); }
+    const char* GetString(EOSCFGSECTION, EOSCFGTAG a_eoscfgtag) override
+    {
+        const auto value = m_mapstrValue.find(a_eoscfgtag);
+        return value == m_mapstrValue.end() ? "" : value->second.c_str();
+    }
     EOSSTS GetInfo(EOSCFGINFO a_eoscfginfo, int64_t* a_pi64Value) override
     {
         *a_pi64Value = m_mapi64Info[a_eoscfginfo];

@@ -1,4 +1,5 @@
 // os_cossocket_debug_test.cpp: the data trace and the side log.
+#include "cfg_fake.h"
 #include "socket_support.h"
 
 #include "plat_thread.h"
@@ -12,7 +13,8 @@ static std::string TraceName()
 
 TEST_F(SocketDebugTest, TraceShowsWhatWasSentAndReceived)
 {
-    const FakeCfg fakecfg({{OS_CFGTAG_DEBUGSOCKETS, "1"}, {OS_CFGTAG_LOGDIRECTORY, m_path.string() + "//"}});
+    CfgFake cfgfake;
+    cfgfake.m_mapstrValue = {{OS_CFGTAG_DEBUGSOCKETS, "1"}, {OS_CFGTAG_LOGDIRECTORY, m_path.string() + "//"}};
     SocketPair socketpair;
     EXPECT_EQ(Send(socketpair.client, "\x0a\x0b\x0c"), EOSSTS_SUCCESS);
     EXPECT_EQ(ReadWhole(PathOf(TraceName())), "\n001 wr: 0a 0b 0c\n");
@@ -33,7 +35,8 @@ TEST_F(SocketDebugTest, TraceShowsWhatWasSentAndReceived)
 TEST_F(SocketDebugTest, SideLogTellsOnlyWhatComesWithAnError)
 {
     setenv("MVR_SOCKETSIDELOG", "1", 1);
-    const FakeCfg fakecfg({{OS_CFGTAG_LOGDIRECTORY, m_path.string()}});
+    CfgFake cfgfake;
+    cfgfake.m_mapstrValue = {{OS_CFGTAG_LOGDIRECTORY, m_path.string()}};
     SocketPair socketpair;
     socketpair.client.SocketDisconnect(false);
     PlatSetLastError(0);

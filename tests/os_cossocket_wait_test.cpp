@@ -1,4 +1,5 @@
 // os_cossocket_wait_test.cpp: what ends a wait, in which order, and what disconnecting does to it.
+#include "cfg_fake.h"
 #include "os_cossync.h"
 #include "os_costhread.h"
 #include "socket_support.h"
@@ -191,7 +192,8 @@ TEST_F(SocketWaitTest, ConnectWithoutAnswerTimesOutOrIsCancelledOrEndsWithThePro
 
 TEST_F(SocketWaitTest, DisconnectFromAnotherThreadEndsReadsAndAcceptsAndNothingElse)
 {
-    const FakeCfg fakecfg({{OS_CFGTAG_FORCENETCLOSEDELAY, "20"}});   // ms that a graceful end waits for the peer
+    CfgFake cfgfake;
+    cfgfake.m_mapstrValue = {{OS_CFGTAG_FORCENETCLOSEDELAY, "20"}};   // ms that a graceful end waits for the peer
     for (int iRound = 0; iRound < 50; ++iRound)
     {
         SocketPair socketpair;

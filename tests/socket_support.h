@@ -1,37 +1,13 @@
-// socket_support.h: a configuration of a few values, connected sockets, and a process to watch.
+// socket_support.h: connected sockets, and a process to watch.
 #pragma once
 
-#include "os_cfg.h"
 #include "os_cossocket.h"
 #include "test_support.h"
 
 #include "plat_process.h"
 
-#include <map>
 #include <string>
 #include <utility>
-
-// Installs itself as the process's configuration.
-class FakeCfg final : public COsCfgSource
-{
-public:
-    explicit FakeCfg(std::map<EOSCFGTAG, std::string> a_mapvalue) : m_mapvalue(std::move(a_mapvalue))
-    {
-        g_poscfgsource.store(this);
-    }
-    ~FakeCfg() { g_poscfgsource.store(nullptr); }
-
-    const char* GetString(EOSCFGSECTION, EOSCFGTAG a_eoscfgtag) override
-    {
-        const auto value = m_mapvalue.find(a_eoscfgtag);
-        return value == m_mapvalue.end() ? "" : value->second.c_str();
-    }
-    EOSSTS GetInfo(EOSCFGINFO, int64_t*) override { return EOSSTS_FAIL; }
-    void ManageLogDirectories(const char*) override {}
-
-private:
-    const std::map<EOSCFGTAG, std::string> m_mapvalue;
-};
 
 // A listener on a port that the system chose.
 struct Listener

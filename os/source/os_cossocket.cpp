@@ -14,9 +14,7 @@
 
 static constexpr char g_szSource[] = "os/source/os_cossocket";
 
-static constexpr char g_szLoopback[] = "127.0.0.1";
 static constexpr uint32_t OS_BACKLOG = 32;
-static constexpr uint32_t OS_SELECTMODE_ACCEPT = 1;
 
 // Process-wide.
 
@@ -277,7 +275,7 @@ bool COsSocketImpl::CreateTcp(const char* a_szHost, const char* a_szPort, bool a
                               COsSocketImpl* a_possocketimplSource)
 {
     m_psocketstate->eossockettype = OS_SOCKETTYPE_TCP;
-    SStrCpy(m_psocketstate->szHost, sizeof m_psocketstate->szHost, a_szHost ? a_szHost : g_szLoopback);
+    SStrCpy(m_psocketstate->szHost, sizeof m_psocketstate->szHost, a_szHost ? a_szHost : OS_LOOPBACK);
     if (!OsSocketInitializeStatic())
     {
         OSLOG(OS_LOG_ERROR, "sock>>> create: OsSocketInitializeStatic failed...");

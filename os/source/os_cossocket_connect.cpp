@@ -11,7 +11,6 @@
 
 static constexpr char g_szSource[] = "os/source/os_cossocket";
 
-static constexpr char g_szLoopback[] = "127.0.0.1";
 static constexpr uint32_t OS_CONNECTTIMEOUT = 20000;
 
 // Places in the wait for the end of the attempt.
@@ -76,7 +75,7 @@ bool COsSocketImpl::ChooseType(const char* a_szHost, const char* a_szPort)
 
 EOSSTS COsSocketImpl::Connect(const COsSocket::ConnectArgs& a_connectargs)
 {
-    const char* const szHost = a_connectargs.szHost ? a_connectargs.szHost : g_szLoopback;
+    const char* const szHost = a_connectargs.szHost ? a_connectargs.szHost : OS_LOOPBACK;
     const char* const szPort = a_connectargs.szPort ? a_connectargs.szPort : "";
     OSLOG(OS_LOG_NOTE, "sock>>> <%s> <%s> <%s> %llu %d %d %d", a_connectargs.szName ? a_connectargs.szName : "",
           Redact(a_connectargs.szHost), szPort, static_cast<unsigned long long>(a_connectargs.u64ProcessId),

@@ -20,6 +20,12 @@
 #include <memory>
 #include <optional>
 
+inline constexpr char OS_LOOPBACK[] = "127.0.0.1";
+
+// What a wait for reading waits for, on entry in SelectArgs::pu32Read; any other number waits for bytes.
+inline constexpr uint32_t OS_SELECTMODE_ACCEPT = 1;
+inline constexpr uint32_t OS_SELECTMODE_CONNECT = 2;
+
 // A listening socket. The object that made it and the accept-side objects share it; the last one closes it, so that
 // none waits on a handle that belongs to somebody else meanwhile.
 class SocketListener

@@ -18,8 +18,6 @@
 
 static constexpr char g_szSource[] = "os/source/os_cossocket";
 
-static constexpr uint32_t OS_SELECTMODE_ACCEPT = 1;
-static constexpr uint32_t OS_SELECTMODE_CONNECT = 2;
 static constexpr uint32_t OS_SELECT_NOROOMYET = 2;   // the answer to a wait for writing that timed out
 static constexpr int OS_SELECTRETRIES = 3;
 static constexpr uint32_t OS_CANCELPAUSE = 10;
