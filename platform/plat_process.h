@@ -33,6 +33,8 @@ PlatHandle PlatProcessOpen(uint64_t a_u64ProcessId);
 // PLAT_STILLACTIVE while it runs. After its end: its exit code when this process created it, else 0. A process that
 // a signal ended has 128 plus the signal's number.
 bool PlatProcessExitCode(PlatHandle a_plathandle, uint32_t* a_pu32ExitCode);
+
+// Ends it without asking, which takes a moment. One that has ended already keeps its exit code.
 bool PlatProcessTerminate(PlatHandle a_plathandle, uint32_t a_u32ExitCode);
 
 uint64_t PlatProcessId();

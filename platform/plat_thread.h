@@ -13,13 +13,14 @@ using PlatThreadProc = uint32_t (*)(void* a_pvArgument);
 PlatHandle PlatThreadBegin(PlatThreadProc a_platthreadproc, void* a_pvArgument, uint64_t* a_pu64Id);
 
 // Ends the calling thread, which PlatThreadBegin started: its frames are unwound, then it ends with the code. A
-// handler for every exception (catch (...)) on the way must throw on.
+// handler for every exception (catch (...)) on the way must throw on; what unwinds is no std::exception.
 [[noreturn]] void PlatThreadExit(uint32_t a_u32ExitCode);
 
 // The exit code, PLAT_STILLACTIVE while the thread runs.
 bool PlatThreadExitCode(PlatHandle a_plathandle, uint32_t* a_pu32ExitCode);
 
-// Ends the thread where it stands, without unwinding, and returns when it has ended. Not for the calling thread.
+// Ends the thread where it stands, without unwinding, and returns when it has ended. One that has ended already keeps
+// its exit code. Not for the calling thread (87).
 bool PlatThreadTerminate(PlatHandle a_plathandle, uint32_t a_u32ExitCode);
 
 uint64_t PlatThreadId();                          // of the calling thread

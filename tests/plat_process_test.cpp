@@ -110,7 +110,13 @@ TEST_F(Process, TellsWhyAProgramCannotRun)
 
 TEST_F(Process, TellsItsExitCode)
 {
-    EXPECT_EQ(Part("code 42").ExitCode(), 42u);
+    const Part partEnded("code 42");
+    EXPECT_EQ(PlatWaitAny(&partEnded.m_plathandle, 1, 30000), 0u);
+    const PlatHandle plathandle = PlatProcessOpen(partEnded.m_u64ProcessId);   // nobody has asked for its code yet
+    EXPECT_EQ(PlatWaitAny(&plathandle, 1, 0), 0u);
+    EXPECT_TRUE(PlatClose(plathandle));
+    EXPECT_EQ(partEnded.ExitCode(), 42u);
+
     const Part part("copy");
     uint32_t u32ExitCode = 0;
     EXPECT_TRUE(PlatProcessExitCode(part.m_plathandle, &u32ExitCode));
@@ -121,7 +127,7 @@ TEST_F(Process, TellsItsExitCode)
     EXPECT_EQ(part.ExitCode(), 99u);
 }
 
-// Also when it has ended and nobody has asked for its exit code yet, and when its creator gave its handle away.
+// Also when its creator has closed its handle.
 TEST_F(Process, IsWaitedForByItsId)
 {
     Part part("copy");

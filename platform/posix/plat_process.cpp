@@ -14,6 +14,7 @@
 #include <fcntl.h>
 #include <memory>
 #include <mutex>
+#include <new>
 #include <poll.h>
 #include <sched.h>
 #include <sys/resource.h>
@@ -340,7 +341,12 @@ PlatHandle PlatProcessCreate(const PlatProcessStart* a_pplatprocessstart, uint64
     Launch launch;
     if (!Prepare(*a_pplatprocessstart, launch))
         return PLAT_INVALID;
-    auto uniqueChild = std::make_unique<PosixChild>();
+    std::unique_ptr<PosixChild> uniqueChild(new (std::nothrow) PosixChild);
+    if (!uniqueChild)
+    {
+        PlatSetLastError(PLAT_ERROR_NOMEMORY);
+        return PLAT_INVALID;
+    }
     uniqueChild->pid = Start(launch, &uniqueChild->iProcess);
     if (uniqueChild->pid < 0)
     {
@@ -366,7 +372,8 @@ PlatHandle PlatProcessOpen(uint64_t a_u64ProcessId)
     const long lProcess = blPossible ? syscall(SYS_pidfd_open, static_cast<pid_t>(a_u64ProcessId), 0u) : g_iNone;
     if (lProcess < 0)
     {
-        PlatSetLastError(blPossible ? PosixTranslate(errno) : PLAT_ERROR_INVALIDPARAMETER);
+        const bool blNone = !blPossible || errno == ENOENT;   // the latter for the id of a mere thread
+        PlatSetLastError(blNone ? PLAT_ERROR_INVALIDPARAMETER : PosixTranslate(errno));
         return PLAT_INVALID;
     }
     return PosixMakeHandle(PosixKind::Process, static_cast<int>(lProcess));

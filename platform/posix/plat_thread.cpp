@@ -12,6 +12,7 @@
 #include <csignal>
 #include <memory>
 #include <mutex>
+#include <new>
 #include <pthread.h>
 #include <sched.h>
 #include <sys/syscall.h>
@@ -126,7 +127,12 @@ static void* RunThread(void* a_pvThread)
 PlatHandle PlatThreadBegin(PlatThreadProc a_platthreadproc, void* a_pvArgument, uint64_t* a_pu64Id)
 {
     constexpr size_t sizetStack = size_t{1} << 20;
-    auto uniqueThread = std::make_unique<PosixThread>();
+    std::unique_ptr<PosixThread> uniqueThread(new (std::nothrow) PosixThread);
+    if (!uniqueThread)
+    {
+        PlatSetLastError(PLAT_ERROR_NOMEMORY);
+        return PLAT_INVALID;
+    }
     uniqueThread->platthreadproc = a_platthreadproc;
     uniqueThread->pvArgument = a_pvArgument;
 
