@@ -1,10 +1,6 @@
 // logcollector_test.cpp: the program from outside: its command line, its start reply, its life beside an application.
 #include "collector_support.h"
 
-#include "os_coslogcollector_protocol.h"
-
-#include <regex>
-
 static std::string LivingDocument()
 {
     return "<lc><lcpidapp>" + std::to_string(PlatProcessId()) + "</lcpidapp></lc>";
