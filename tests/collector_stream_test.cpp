@@ -270,6 +270,27 @@ TEST_F(CollectorBesideAStream, FortyConnectionsOneAfterTheOtherKeepEveryByte)
         EXPECT_TRUE(FileBecomes("s" + std::to_string(i) + ".log", "text " + std::to_string(i)));
 }
 
+// A reader may be through before the accept thread is through with starting it, and others sweep meanwhile.
+TEST_F(CollectorBesideAStream, ConnectionsThatComeAndGoAtOnceDisturbNobody)
+{
+    std::vector<std::thread> vecthread;
+    for (int i = 0; i < 8; ++i)
+    {
+        vecthread.emplace_back([this] {
+            for (int iConnection = 0; iConnection < 150; ++iConnection)
+            {
+                const auto stream = Connect();
+                stream->Send("x");
+                EXPECT_TRUE(stream->IsEnded());
+            }
+        });
+    }
+    for (std::thread& thread : vecthread)
+        thread.join();
+    StreamTo("a.log", "text")->Close();
+    EXPECT_TRUE(FileBecomes("a.log", "text"));
+}
+
 // ------------------------------------------------------------------------------------------------------- faults
 
 TEST_F(CollectorStream, ExhaustedDescriptorsLeaveTheRunningStreamsAlone)

@@ -121,7 +121,7 @@ TEST(Thread, IsTerminatedWhereverItStands)
         EXPECT_TRUE(stage.HasStarted());
         EXPECT_TRUE(PlatThreadTerminate(plathandle, 11));
         EXPECT_EQ(ExitCodeOf(plathandle), 11u);
-        EXPECT_FALSE(PlatThreadIsAlive(stage.u64Begun));
+        EXPECT_TRUE(WaitFor([&] { return !PlatThreadIsAlive(stage.u64Begun); }));
         EXPECT_TRUE(PlatThreadTerminate(plathandle, 12));   // has ended already
         EXPECT_EQ(ExitCodeOf(plathandle), 11u);
         EXPECT_TRUE(PlatClose(plathandle));

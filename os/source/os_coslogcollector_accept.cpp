@@ -121,6 +121,8 @@ bool COsLogCollectorImpl::AcceptOne(LogCollectorRecord& a_logcollectorrecord)
 // its objects are freed here. False when the list has no room: nothing was taken over then.
 bool COsLogCollectorImpl::StartReader(LogCollectorRecord& a_logcollectorrecord)
 {
+    m_posthreadStarting.store(a_logcollectorrecord.posthread);
+    const ScopeGuard started([this] { m_posthreadStarting.store(nullptr); });
     void* const pvItem = m_poslnk->AddAndLock(&a_logcollectorrecord, nullptr, true, false);
     m_poslnk->Unlock();
     if (!pvItem)

@@ -14,6 +14,7 @@
 #include "os_cossync.h"
 #include "os_costhread.h"
 
+#include <atomic>
 #include <vector>
 
 class COsLogCollectorImpl;
@@ -90,8 +91,9 @@ private:
     COsThread* m_posthreadAccept;
     COsSync* m_possyncStop;
     COsSocket* m_possocketListen;
-    COsLnk* m_poslnk;               // of LogCollectorRecord
-    COsSocket* m_possocketClient;   // roles 1 and 3
-    COsFile* m_posfileFlush;        // whose monitor watches the command file
+    std::atomic<const COsThread*> m_posthreadStarting{nullptr};   // a reader whose start has not returned
+    COsLnk* m_poslnk;                                             // of LogCollectorRecord
+    COsSocket* m_possocketClient;                                 // roles 1 and 3
+    COsFile* m_posfileFlush;                                      // whose monitor watches the command file
     bool m_blStraggler;
 };

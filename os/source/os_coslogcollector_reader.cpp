@@ -220,7 +220,8 @@ COsThread* COsLogCollectorImpl::ManageFolder(const char* a_szFolder)
 // -------------------------------------------------------------------------------------------------- the record
 
 // Takes the finished records out of the list under its lock and frees them outside: freeing waits for the last steps
-// of their readers.
+// of their readers. A reader may have finished before the accept thread is through with starting it; that record stays
+// for a later sweep.
 void COsLogCollectorImpl::SweepFinished()
 {
     for (;;)
@@ -228,7 +229,7 @@ void COsLogCollectorImpl::SweepFinished()
         LogCollectorRecord logcollectorrecord{};
         auto* precord = static_cast<LogCollectorRecord*>(
             m_poslnk->GetFirstAndLock("COsLogCollectorImpl::LogData-stale", g_szSource, __LINE__));
-        while (precord && precord->posfile)
+        while (precord && (precord->posfile || precord->posthread == m_posthreadStarting.load()))
             precord = static_cast<LogCollectorRecord*>(m_poslnk->GetNext(precord));
         if (precord && !g_bLogCollectorStopping.load())
         {
