@@ -16,7 +16,7 @@
 
 using Clock = std::chrono::steady_clock;
 
-static constexpr auto g_patience = std::chrono::seconds(60);
+static constexpr auto g_patience = std::chrono::seconds(10);
 
 // A line tells its number and ends in a line feed, so that a lost, doubled or torn one shows.
 static std::string StreamText(size_t a_sizetBytes)

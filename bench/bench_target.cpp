@@ -144,7 +144,7 @@ static bool IsListening(uint16_t a_u16Port)
     return false;
 }
 
-// One process for each stream: a port and a file each.
+// One process for each stream, with the block size that it comes with: a port and a file each.
 static std::unique_ptr<Target> StartSocat(const std::string& a_strFolder, uint32_t a_u32Streams)
 {
     auto target = std::make_unique<Target>();
@@ -156,7 +156,7 @@ static std::unique_ptr<Target> StartSocat(const std::string& a_strFolder, uint32
         const uint16_t u16Port = FreePort();
         const std::string strFile = a_strFolder + "/" + std::to_string(u32) + ".log";
         target->loadtarget.vecu16Port.push_back(u16Port);
-        if (!target->Spawn({"/usr/bin/socat", "-u", "-b65536",
+        if (!target->Spawn({"/usr/bin/socat", "-u",
                             "TCP-LISTEN:" + std::to_string(u16Port) + ",bind=127.0.0.1,reuseaddr",
                             "OPEN:" + strFile + ",creat,append"},
                            nullptr) ||
@@ -166,64 +166,90 @@ static std::unique_ptr<Target> StartSocat(const std::string& a_strFolder, uint32
     return target;
 }
 
-// A daemon with a configuration file: one process, files named by the sender's port.
-static std::unique_ptr<Target> StartDaemon(const std::string& a_strFolder, const std::string& a_strConfiguration,
-                                           const std::vector<std::string>& a_vecstrCommand, uint16_t a_u16Port)
+// A daemon with a configuration file: one process, a port and a file for each stream.
+struct Daemon
+{
+    std::string strConfiguration;   // of all streams; what each stream adds comes from pfnStream
+    std::string (*pfnStream)(uint32_t a_u32Stream, const std::string& a_strPort, const std::string& a_strFile);
+    std::vector<std::string> vecstrCommand;
+};
+
+static std::unique_ptr<Target> StartDaemon(const std::string& a_strFolder, uint32_t a_u32Streams, Daemon a_daemon)
 {
     auto target = std::make_unique<Target>();
-    std::ofstream(a_strFolder + "/daemon.conf") << a_strConfiguration;
-    target->loadtarget = {{a_u16Port}, false, a_strFolder, false};
-    if (!target->Spawn(a_vecstrCommand, nullptr) || !IsListening(a_u16Port))
+    target->loadtarget = {{}, false, a_strFolder, true};
+    for (uint32_t u32 = 0; u32 < a_u32Streams; ++u32)
+    {
+        const uint16_t u16Port = FreePort();
+        target->loadtarget.vecu16Port.push_back(u16Port);
+        a_daemon.strConfiguration +=
+            a_daemon.pfnStream(u32, std::to_string(u16Port), a_strFolder + "/" + std::to_string(u32) + ".log");
+    }
+    std::ofstream(a_strFolder + "/daemon.conf") << a_daemon.strConfiguration;
+    if (!target->Spawn(a_daemon.vecstrCommand, nullptr))
         return nullptr;
+    for (uint16_t u16Port : target->loadtarget.vecu16Port)
+    {
+        if (!IsListening(u16Port))
+            return nullptr;
+    }
     return target;
 }
 
-static std::unique_ptr<Target> StartSyslogNg(const std::string& a_strFolder, uint32_t)
+static std::string SyslogNgStream(uint32_t a_u32Stream, const std::string& a_strPort, const std::string& a_strFile)
 {
-    const uint16_t u16Port = FreePort();
-    const std::string strPort = std::to_string(u16Port);
-    return StartDaemon(a_strFolder,
-                       "@version: 3.38\n"
-                       "options { keep-hostname(yes); create-dirs(no); stats-freq(0); };\n"
-                       "source s { network(ip(\"127.0.0.1\") port(" +
-                           strPort +
-                           ") transport(\"tcp\") flags(no-parse) max-connections(2000) log-iw-size(200000)); };\n"
-                           "destination d { file(\"" +
-                           a_strFolder +
-                           "/${SOURCEPORT}.log\" template(\"${MESSAGE}\\n\") time-reap(600)); };\n"
-                           "log { source(s); destination(d); flags(flow-control); };\n",
-                       {"/usr/sbin/syslog-ng", "-F", "-f", a_strFolder + "/daemon.conf", "-R", a_strFolder + "/persist",
-                        "-c", a_strFolder + "/control", "-p", a_strFolder + "/pid"},
-                       u16Port);
+    const std::string strNumber = std::to_string(a_u32Stream);
+    return "source s" + strNumber + " { network(ip(\"127.0.0.1\") port(" + a_strPort +
+           ") transport(\"tcp\") flags(no-parse) log-iw-size(10000)); };\n"
+           "destination d" +
+           strNumber + " { file(\"" + a_strFile + "\" template(\"${MESSAGE}\\n\")); };\n" + "log { source(s" +
+           strNumber + "); destination(d" + strNumber + "); flags(flow-control); };\n";
 }
 
-static std::unique_ptr<Target> StartRsyslog(const std::string& a_strFolder, uint32_t)
+static std::unique_ptr<Target> StartSyslogNg(const std::string& a_strFolder, uint32_t a_u32Streams)
 {
-    const uint16_t u16Port = FreePort();
-    const std::string strPort = std::to_string(u16Port);
-    return StartDaemon(a_strFolder,
-                       "global(workDirectory=\"" + a_strFolder +
-                           "\")\n"
-                           "module(load=\"imtcp\" MaxSessions=\"2000\")\n"
-                           "template(name=\"f\" type=\"string\" string=\"" +
-                           a_strFolder +
-                           "/%fromhost-port%.log\")\n"
-                           "template(name=\"m\" type=\"string\" string=\"%rawmsg%\\n\")\n"
-                           "ruleset(name=\"r\") { action(type=\"omfile\" dynaFile=\"f\" template=\"m\" "
-                           "dynaFileCacheSize=\"2000\") }\n"
-                           "input(type=\"imtcp\" address=\"127.0.0.1\" port=\"" +
-                           strPort + "\" ruleset=\"r\")\n",
-                       {"/usr/sbin/rsyslogd", "-n", "-f", a_strFolder + "/daemon.conf", "-i", a_strFolder + "/pid"},
-                       u16Port);
+    return StartDaemon(a_strFolder, a_u32Streams,
+                       {"@version: 3.38\noptions { keep-hostname(yes); stats-freq(0); };\n",
+                        &SyslogNgStream,
+                        {"/usr/sbin/syslog-ng", "-F", "-f", a_strFolder + "/daemon.conf", "-R",
+                         a_strFolder + "/persist", "-c", a_strFolder + "/control", "-p", a_strFolder + "/pid"}});
+}
+
+// Installed, or unpacked beside the build.
+static std::string RsyslogRoot()
+{
+    const std::string strUnpacked = std::string(BENCH_PROGRAMFOLDER) + "/../../peers";
+    return std::filesystem::exists("/usr/sbin/rsyslogd") ? "" : strUnpacked;
+}
+
+static std::string RsyslogStream(uint32_t a_u32Stream, const std::string& a_strPort, const std::string& a_strFile)
+{
+    const std::string strNumber = std::to_string(a_u32Stream);
+    return "ruleset(name=\"r" + strNumber + "\") { action(type=\"omfile\" file=\"" + a_strFile +
+           "\" template=\"m\") }\n"
+           "input(type=\"imtcp\" address=\"127.0.0.1\" port=\"" +
+           a_strPort + "\" SupportOctetCountedFraming=\"off\" ruleset=\"r" + strNumber + "\")\n";
+}
+
+static std::unique_ptr<Target> StartRsyslog(const std::string& a_strFolder, uint32_t a_u32Streams)
+{
+    return StartDaemon(a_strFolder, a_u32Streams,
+                       {"global(workDirectory=\"" + a_strFolder +
+                            "\")\nmodule(load=\"imtcp\" MaxSessions=\"2000\" MaxListeners=\"100\")\n"
+                            "template(name=\"m\" type=\"string\" string=\"%rawmsg%\\n\")\n",
+                        &RsyslogStream,
+                        {RsyslogRoot() + "/usr/sbin/rsyslogd", "-n", "-f", a_strFolder + "/daemon.conf", "-i",
+                         a_strFolder + "/pid", "-M", RsyslogRoot() + "/usr/lib/x86_64-linux-gnu/rsyslog"}});
 }
 
 const std::vector<TargetKind> g_vectargetkind = {
-    {"collector", nullptr, &StartCollector},          {"floor", nullptr, &StartFloor},
-    {"socat", "/usr/bin/socat", &StartSocat},         {"syslog-ng", "/usr/sbin/syslog-ng", &StartSyslogNg},
-    {"rsyslog", "/usr/sbin/rsyslogd", &StartRsyslog},
+    {"collector", nullptr, 1, &StartCollector},           {"floor", nullptr, 1, &StartFloor},
+    {"socat", "/usr/bin/socat", 1, &StartSocat},          {"syslog-ng", "/usr/sbin/syslog-ng", 16, &StartSyslogNg},
+    {"rsyslog", "/usr/sbin/rsyslogd", 16, &StartRsyslog},
 };
 
 bool IsInstalled(const TargetKind& a_targetkind)
 {
-    return !a_targetkind.szProgram || std::filesystem::exists(a_targetkind.szProgram);
+    return !a_targetkind.szProgram || std::filesystem::exists(a_targetkind.szProgram) ||
+           std::filesystem::exists(RsyslogRoot() + a_targetkind.szProgram);
 }

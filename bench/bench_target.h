@@ -31,6 +31,7 @@ struct TargetKind
 {
     const char* szName;
     const char* szProgram;   // looked for in the folders of programs; the own ones are always there
+    uint32_t u32Share;       // it gets one in so many of the lines: what is slow need not run as long
     std::unique_ptr<Target> (*pfnStart)(const std::string& a_strFolder, uint32_t a_u32Streams);
 };
 

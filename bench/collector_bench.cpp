@@ -71,8 +71,9 @@ struct Figures
     std::vector<double> vecdSecondsPerGigabyte;
 };
 
-static void RunOnce(const TargetKind& a_targetkind, const Load& a_load, Figures& a_figures)
+static void RunOnce(const TargetKind& a_targetkind, Load a_load, Figures& a_figures)
 {
+    a_load.sizetBytes = a_load.sizetBytes / BENCH_LINESIZE / a_targetkind.u32Share * BENCH_LINESIZE;
     const WorkFolder workfolder;
     const auto target = a_targetkind.pfnStart(workfolder.Path(), a_load.u32Streams);
     if (!target)

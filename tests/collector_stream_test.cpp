@@ -191,7 +191,7 @@ TEST_F(CollectorStream, TwoStreamsOfOneFileAppendWholePieces)
 }
 
 // The stream that ends without text finds the file empty, but another has it open.
-TEST_F(CollectorStream, RemovingAnEmptyFileTakesItFromNobody)
+TEST_F(CollectorBesideAStream, RemovingAnEmptyFileTakesItFromNobody)
 {
     for (int i = 0; i < 50; ++i)
     {
@@ -243,6 +243,7 @@ TEST_F(CollectorStream, TwoHundredThousandShortLinesArriveInOrder)
     constexpr int iStreams = 4;
     constexpr int iLines = 50000;
     const auto line = [](int a_iLine) { return std::to_string(a_iLine) + " short line\r\n"; };
+    const auto keep = Connect();
     std::vector<std::thread> vecthread;
     for (int iStream = 0; iStream < iStreams; ++iStream)
     {
@@ -254,6 +255,7 @@ TEST_F(CollectorStream, TwoHundredThousandShortLinesArriveInOrder)
     }
     for (std::thread& thread : vecthread)
         thread.join();
+    keep->Close();
     EXPECT_EQ(m_collector.WaitForExit(30000), 0u);
     std::string strExpected;
     for (int i = 0; i < iLines; ++i)
