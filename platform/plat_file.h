@@ -46,6 +46,20 @@ bool PlatFileWrite(PlatHandle a_plathandle, const void* a_pvBuffer, size_t a_siz
 // one: pieces of several handles never mix. Where the handle's own position is afterwards is not defined.
 bool PlatFileAppend(PlatHandle a_plathandle, const void* a_pvBuffer, size_t a_sizetBytes, size_t* a_psizetWritten);
 
+// A file that is written to piece by piece as if it were opened for each piece and closed again, for which most of the
+// way is saved. Nobody is refused anything on account of the handle: the file may be deleted, moved, replaced or locked
+// at any time. So before each piece: is it still the file that the name stands for? If it is not, close and open.
+
+// Opens the file for appending, with everything shared; creates it when missing. Fails as PlatFileOpen does.
+PlatHandle PlatAppendOpen(const char16_t* a_wszPath);
+
+// True when opening the path now would give this very file.
+bool PlatAppendIsCurrent(PlatHandle a_plathandle);
+
+// As PlatFileAppend and PlatFileFlush.
+bool PlatAppendWrite(PlatHandle a_plathandle, const void* a_pvBuffer, size_t a_sizetBytes, size_t* a_psizetWritten);
+bool PlatAppendFlush(PlatHandle a_plathandle);
+
 enum PlatSeek : uint32_t
 {
     PLAT_SEEK_START = 1,

@@ -35,6 +35,17 @@ struct PlatMemoryStatus
 bool PlatMemoryGetStatus(PlatMemoryStatus* a_pplatmemorystatus);
 bool PlatMemoryWorkingSet(uint64_t* a_pu64Bytes, uint64_t* a_pu64Pages);   // of this process, resident now
 
+// What this process has used, in bytes but for the faults. The pagefile figures are what it has for itself alone.
+struct PlatMemoryUsage
+{
+    uint32_t u32PageFaults;
+    uint64_t u64PeakWorkingSet;
+    uint64_t u64PagefileUsage;
+    uint64_t u64PeakPagefileUsage;
+};
+
+bool PlatMemoryGetUsage(PlatMemoryUsage* a_pplatmemoryusage);
+
 struct PlatMemoryRegion
 {
     uint64_t u64Address;

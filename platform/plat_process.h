@@ -39,6 +39,18 @@ bool PlatProcessTerminate(PlatHandle a_plathandle, uint32_t a_u32ExitCode);
 
 uint64_t PlatProcessId();
 
+// True while a debugger is attached to this process.
+bool PlatProcessIsDebugged();
+
+// The command line of this process, whole, quoted as PlatProcessStart takes it. False, with the last error 122, when
+// it does not fit.
+bool PlatProcessCommandLine(char16_t* a_wszCommandLine, size_t a_sizetCommandLine);
+
+// How far the process is trusted, in the product's numbers: 0x3000 for an administrator, 0x2000 for a user.
+inline constexpr uint32_t PLAT_INTEGRITY_MEDIUM = 0x2000;
+inline constexpr uint32_t PLAT_INTEGRITY_HIGH = 0x3000;
+bool PlatProcessIntegrity(uint32_t* a_pu32Integrity);
+
 // The session that the process belongs to; 0 is the services' session, where no user works.
 bool PlatProcessSession(uint64_t a_u64ProcessId, uint32_t* a_pu32Session);
 

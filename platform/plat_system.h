@@ -35,9 +35,18 @@ enum PlatFolder : uint32_t
     PLAT_FOLDER_ROAMING = 1,   // the user's application data of every machine
     PLAT_FOLDER_PROGRAM = 2,   // application data of all users
     PLAT_FOLDER_TEMP = 3,
+    PLAT_FOLDER_PROFILE = 4,   // the user's own folder
+    PLAT_FOLDER_DESKTOP = 5,
+    PLAT_FOLDER_PICTURES = 6,
+    PLAT_FOLDER_DOCUMENTS = 7,
+    PLAT_FOLDER_PROGRAMS = 8,    // where programs are installed
+    PLAT_FOLDER_STARTMENU = 9,   // the menu of programs of all users
+    PLAT_FOLDER_WINDOWS = 10,    // the system's own files
+    PLAT_FOLDER_SYSTEM = 11,     // the system's libraries
 };
 
-// The folder's path; it need not exist.
+// The folder's path; it need not exist. Where the system has no folders of these kinds of its own, the variables that
+// name them on the product's system win: LOCALAPPDATA, APPDATA, PROGRAMDATA, SYSTEMROOT.
 bool PlatFolderPath(PlatFolder a_platfolder, char16_t* a_wszPath, size_t a_sizetPath);
 
 struct PlatModule

@@ -195,6 +195,12 @@ PosixShare PosixShareTake(int a_iDescriptor, const PosixShareRequest& a_posixsha
     return posixshare;
 }
 
+bool PosixShareAdmitsAll(int a_iDescriptor)
+{
+    struct flock flock = LockOf(F_RDLCK, g_offReaders, 3 * g_offRange);
+    return fcntl(a_iDescriptor, F_OFD_GETLK, &flock) != 0 || flock.l_type == F_UNLCK;
+}
+
 void PosixShareDrop(int a_iDescriptor)
 {
     struct flock flock = LockOf(F_UNLCK, g_offReaders, 3 * g_offRange);

@@ -3,11 +3,14 @@
 #include "plat_memory.h"
 #include "plat_posix.h"
 
+#include <algorithm>
+#include <atomic>
 #include <cstdlib>
 #include <cstring>
 #include <fcntl.h>
 #include <string_view>
 #include <sys/mman.h>
+#include <sys/resource.h>
 #include <unistd.h>
 
 static size_t PageSize()
@@ -198,6 +201,27 @@ bool PlatMemoryWorkingSet(uint64_t* a_pu64Bytes, uint64_t* a_pu64Pages)
         return PosixFail(PLAT_ERROR_GENFAILURE);
     *a_pu64Pages = strtoull(szResident, nullptr, 10);
     *a_pu64Bytes = *a_pu64Pages * PageSize();
+    return true;
+}
+
+// The system remembers no peak of the private bytes: it is the most that was seen here.
+bool PlatMemoryGetUsage(PlatMemoryUsage* a_pplatmemoryusage)
+{
+    static std::atomic<uint64_t> g_u64Peak{0};
+    uint64_t u64Data = 0;
+    uint64_t u64Stack = 0;
+    struct rusage rusage = {};
+    *a_pplatmemoryusage = {};
+    const Figure afigure[] = {
+        {"VmHWM:", &a_pplatmemoryusage->u64PeakWorkingSet}, {"VmData:", &u64Data}, {"VmStk:", &u64Stack}};
+    if (!ReadFigures("/proc/self/status", afigure))
+        return false;
+    if (getrusage(RUSAGE_SELF, &rusage) != 0)
+        return PosixFailErrno();
+    a_pplatmemoryusage->u32PageFaults = static_cast<uint32_t>(rusage.ru_minflt + rusage.ru_majflt);
+    a_pplatmemoryusage->u64PagefileUsage = u64Data + u64Stack;
+    a_pplatmemoryusage->u64PeakPagefileUsage = std::max(g_u64Peak.load(), u64Data + u64Stack);
+    g_u64Peak.store(a_pplatmemoryusage->u64PeakPagefileUsage);
     return true;
 }
 

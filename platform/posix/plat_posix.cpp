@@ -218,6 +218,8 @@ bool PlatClose(PlatHandle a_plathandle)
         return PosixCloseFile(a_plathandle);
     case PosixKind::Find:
         return PosixCloseFind(a_plathandle);
+    case PosixKind::AppendFile:
+        return PosixCloseAppend(a_plathandle);
     case PosixKind::EventAuto:
     case PosixKind::EventManual:
     case PosixKind::Process:

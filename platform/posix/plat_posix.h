@@ -31,6 +31,7 @@ enum class PosixKind : uint32_t
     Watch,         // inotify
     MemoryFile,    // memfd
     Module,        // pointer
+    AppendFile,    // pointer
 };
 
 constexpr PlatHandle PosixMakeHandle(PosixKind a_posixkind, uint64_t a_u64Value)
@@ -68,7 +69,7 @@ Object* PosixObjectOf(PlatHandle a_plathandle)
 constexpr bool PosixIsPointer(PosixKind a_posixkind)
 {
     return a_posixkind == PosixKind::Thread || a_posixkind == PosixKind::Child || a_posixkind == PosixKind::Find ||
-           a_posixkind == PosixKind::Module;
+           a_posixkind == PosixKind::Module || a_posixkind == PosixKind::AppendFile;
 }
 
 // The one translator from errno to the layer's numbers.
@@ -132,3 +133,4 @@ bool PosixCloseChild(PlatHandle a_plathandle);
 bool PosixCloseNamedEvent(PlatHandle a_plathandle);
 bool PosixCloseFile(PlatHandle a_plathandle);
 bool PosixCloseFind(PlatHandle a_plathandle);
+bool PosixCloseAppend(PlatHandle a_plathandle);

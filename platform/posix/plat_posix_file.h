@@ -93,6 +93,9 @@ PosixShare PosixShareTake(int a_iDescriptor, const PosixShareRequest& a_posixsha
 // descriptor until its program runs, and a lock that refuses others must not live on in it.
 void PosixShareDrop(int a_iDescriptor);
 
+// Tells whether an opener for reading and writing who shares everything would be let in now. Takes nothing.
+bool PosixShareAdmitsAll(int a_iDescriptor);
+
 // Nobody is refused anything.
 constexpr bool PosixShareIsOpen(const PosixShareRequest& a_posixsharerequest)
 {

@@ -436,6 +436,12 @@ static uint32_t OwnSession()
     return blNumber ? static_cast<uint32_t>(std::stoul(strSession)) : 1;
 }
 
+bool PlatProcessIntegrity(uint32_t* a_pu32Integrity)
+{
+    *a_pu32Integrity = geteuid() == 0 ? PLAT_INTEGRITY_HIGH : PLAT_INTEGRITY_MEDIUM;
+    return true;
+}
+
 bool PlatProcessSession(uint64_t a_u64ProcessId, uint32_t* a_pu32Session)
 {
     if (a_u64ProcessId == PlatProcessId())

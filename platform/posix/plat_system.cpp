@@ -123,6 +123,12 @@ static std::string BelowHome(const char* a_szFolder)
     return FolderOf("HOME", strHome) ? strHome + a_szFolder : "/tmp";
 }
 
+static std::string SystemRoot()
+{
+    std::string strPath;
+    return FolderOf("SYSTEMROOT", strPath) ? strPath : "/usr";
+}
+
 // The product's own variable comes first, in whatever form it is.
 static std::string FolderPath(PlatFolder a_platfolder)
 {
@@ -145,6 +151,22 @@ static std::string FolderPath(PlatFolder a_platfolder)
         return FolderOf("XDG_STATE_HOME", strPath) ? strPath : BelowHome("/.local/state");
     case PLAT_FOLDER_TEMP:
         return FolderOf("TMPDIR", strPath) ? strPath : "/tmp";
+    case PLAT_FOLDER_PROFILE:
+        return BelowHome("");
+    case PLAT_FOLDER_DESKTOP:
+        return BelowHome("/Desktop");
+    case PLAT_FOLDER_PICTURES:
+        return BelowHome("/Pictures");
+    case PLAT_FOLDER_DOCUMENTS:
+        return BelowHome("/Documents");
+    case PLAT_FOLDER_PROGRAMS:
+        return "/opt";
+    case PLAT_FOLDER_STARTMENU:
+        return "/usr/share/applications";
+    case PLAT_FOLDER_WINDOWS:
+        return SystemRoot();
+    case PLAT_FOLDER_SYSTEM:
+        return SystemRoot() + "/lib";
     }
     return {};
 }

@@ -1,0 +1,109 @@
+// plat_file_append.cpp: a file that is kept open between the pieces that are appended to it, and in nobody's way
+// meanwhile.
+//
+// A handle points to an object that is not changed until it is closed: the open file, the path as this system takes
+// it, and the identity of what was opened.
+#include "plat_posix_file.h"
+
+#include <fcntl.h>
+#include <memory>
+#include <new>
+
+namespace
+{
+// Which file it is, without the times of its last change: who asks for those makes the system keep them exactly, and
+// every write that follows costs half as much again.
+struct PosixFileIdentity
+{
+    uint32_t u32Major;
+    uint32_t u32Minor;
+    uint64_t u64Number;
+
+    bool operator==(const PosixFileIdentity&) const = default;
+};
+
+struct PosixAppendFile
+{
+    PlatHandle plathandleFile;
+    PosixFileIdentity posixfileidentity;
+    std::string strPath;
+};
+}   // namespace
+
+// Of the path, or of the open file itself for an empty one.
+static bool IdentityOf(int a_iDescriptor, const char* a_szPath, PosixFileIdentity& a_posixfileidentity)
+{
+    struct statx statx_;
+    const int iFlags = AT_STATX_DONT_SYNC | (*a_szPath ? 0 : AT_EMPTY_PATH);
+    if (statx(a_iDescriptor, a_szPath, iFlags, STATX_INO, &statx_) != 0)
+        return false;
+    a_posixfileidentity = {statx_.stx_dev_major, statx_.stx_dev_minor, statx_.stx_ino};
+    return true;
+}
+
+PlatHandle PlatAppendOpen(const char16_t* a_wszPath)
+{
+    const PlatHandle plathandleFile =
+        PlatFileOpen(a_wszPath, PLAT_ACCESS_READ | PLAT_ACCESS_WRITE,
+                     PLAT_SHARE_READ | PLAT_SHARE_WRITE | PLAT_SHARE_DELETE, PLAT_DISPOSITION_OPENALWAYS, 0);
+    if (plathandleFile == PLAT_INVALID)
+        return PLAT_INVALID;
+
+    // The locks let the open fail where it must; from then on they would only stand in the way.
+    const int iDescriptor = PosixDescriptorOf(plathandleFile);
+    PosixShareDrop(iDescriptor);
+
+    // An append that is asked for once costs less than one that is asked for with each piece.
+    fcntl(iDescriptor, F_SETFL, O_NONBLOCK | O_APPEND);
+    auto* pposixappendfile = new (std::nothrow) PosixAppendFile{plathandleFile, {}, {}};
+    const bool blKnown = pposixappendfile && PosixPath(a_wszPath, pposixappendfile->strPath) &&
+                         IdentityOf(iDescriptor, "", pposixappendfile->posixfileidentity);
+    if (!blKnown)
+    {
+        delete pposixappendfile;
+        PlatClose(plathandleFile);
+        PosixFail(PLAT_ERROR_NOMEMORY);
+        return PLAT_INVALID;
+    }
+    return PosixMakeHandle(PosixKind::AppendFile, pposixappendfile);
+}
+
+static const PosixAppendFile* AppendFileOf(PlatHandle a_plathandle)
+{
+    if (PosixKindOf(a_plathandle) == PosixKind::AppendFile)
+        return PosixObjectOf<PosixAppendFile>(a_plathandle);
+    PosixFail(PLAT_ERROR_INVALIDHANDLE);
+    return nullptr;
+}
+
+// The number of an open file is not given to another one, so the same number is the same file.
+bool PlatAppendIsCurrent(PlatHandle a_plathandle)
+{
+    const PosixAppendFile* pposixappendfile = AppendFileOf(a_plathandle);
+    PosixFileIdentity posixfileidentity;
+    return pposixappendfile && IdentityOf(AT_FDCWD, pposixappendfile->strPath.c_str(), posixfileidentity) &&
+           posixfileidentity == pposixappendfile->posixfileidentity &&
+           PosixShareAdmitsAll(PosixDescriptorOf(pposixappendfile->plathandleFile));
+}
+
+bool PlatAppendWrite(PlatHandle a_plathandle, const void* a_pvBuffer, size_t a_sizetBytes, size_t* a_psizetWritten)
+{
+    const PosixAppendFile* pposixappendfile = AppendFileOf(a_plathandle);
+    if (pposixappendfile)
+        return PlatFileWrite(pposixappendfile->plathandleFile, a_pvBuffer, a_sizetBytes, a_psizetWritten);
+    if (a_psizetWritten)
+        *a_psizetWritten = 0;
+    return false;
+}
+
+bool PlatAppendFlush(PlatHandle a_plathandle)
+{
+    const PosixAppendFile* pposixappendfile = AppendFileOf(a_plathandle);
+    return pposixappendfile && PlatFileFlush(pposixappendfile->plathandleFile);
+}
+
+bool PosixCloseAppend(PlatHandle a_plathandle)
+{
+    const std::unique_ptr<PosixAppendFile> uniqueAppendFile(PosixObjectOf<PosixAppendFile>(a_plathandle));
+    return PlatClose(uniqueAppendFile->plathandleFile);
+}
