@@ -21,6 +21,18 @@ inline std::string Header(const std::string& a_strPath)
     return "<log><logfile><![CDATA[" + a_strPath + "]]></logfile></log>";
 }
 
+// A port that nobody serves.
+inline uint16_t FreePort()
+{
+    PlatSocketStartup();
+    const PlatHandle plathandle = PlatSocketCreate();
+    PlatAddress plataddress{{127, 0, 0, 1}, 0};
+    PlatSocketBind(plathandle, &plataddress);
+    PlatSocketName(plathandle, &plataddress);
+    PlatClose(plathandle);
+    return plataddress.u16Port;
+}
+
 // One log stream.
 class StreamClient
 {

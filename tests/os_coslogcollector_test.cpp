@@ -5,55 +5,12 @@
 #include "os_cosfile.h"
 #include "os_coslogcollector.h"
 #include "os_coslogcollector_protocol.h"
-#include "os_cosservices.h"
+#include "os_cosmem.h"
+#include "os_cossocket.h"
 
 #include <atomic>
 #include <cstdlib>
 #include <stdexcept>
-
-// A configuration that knows two folders and counts the calls of the folder management.
-class FakeConfiguration final : public COsCfgSource
-{
-public:
-    explicit FakeConfiguration(std::string a_strFolder) : m_strFolder(std::move(a_strFolder))
-    {
-        g_poscfgsource.store(this);
-    }
-    ~FakeConfiguration() { g_poscfgsource.store(nullptr); }
-
-    const char* GetString(EOSCFGSECTION, EOSCFGTAG a_eoscfgtag) override
-    {
-        return a_eoscfgtag == OS_CFGTAG_ROOTCOMMONDIRECTORYLEGACY ? m_strFolder.c_str() : "";
-    }
-    EOSSTS GetInfo(EOSCFGINFO, int64_t*) override { return EOSSTS_FAIL; }
-    void ManageLogDirectories(const char* a_szLogFolder) override
-    {
-        const std::lock_guard<std::mutex> guard(m_mutex);
-        m_vecstrManaged.push_back(a_szLogFolder);
-    }
-
-    std::vector<std::string> Managed()
-    {
-        const std::lock_guard<std::mutex> guard(m_mutex);
-        return m_vecstrManaged;
-    }
-
-private:
-    std::string m_strFolder;
-    std::mutex m_mutex;
-    std::vector<std::string> m_vecstrManaged;
-};
-
-static uint16_t FreePort()
-{
-    PlatSocketStartup();
-    const PlatHandle plathandle = PlatSocketCreate();
-    PlatAddress plataddress{{127, 0, 0, 1}, 0};
-    PlatSocketBind(plathandle, &plataddress);
-    PlatSocketName(plathandle, &plataddress);
-    PlatClose(plathandle);
-    return plataddress.u16Port;
-}
 
 static std::string Backslashed(std::string a_strPath)
 {
@@ -65,16 +22,16 @@ static std::string Backslashed(std::string a_strPath)
 class SharedCollector : public FolderTest
 {
 protected:
-    SharedCollector() : m_configuration(m_path.string()), m_u16Port(FreePort())
+    SharedCollector() : m_u16Port(FreePort())
     {
+        m_configuration.Set(OS_CFGTAG_ROOTCOMMONDIRECTORYLEGACY, m_path.string());
         setenv("MVR_LOGCOLLECTOR", std::to_string(m_u16Port).c_str(), 1);
-        OsServicesStart();
         m_collector = std::make_unique<COsLogCollector>(OS_COLLECTORMODE_SHARED, nullptr);
     }
     ~SharedCollector() override
     {
         m_collector.reset();
-        OsServicesStop();
+        OsSocketCleanupStatic();
     }
 
     void StartAndAnnounce()
@@ -104,6 +61,7 @@ protected:
         return client;
     }
 
+    COsMem m_osmem;
     LogCapture m_log;
     FakeConfiguration m_configuration;
     uint16_t m_u16Port;
@@ -198,7 +156,7 @@ TEST_F(SharedCollector, WhatEndsAStreamIsLogged)
 // Connections come and go while the collector is stopped: nothing hangs, nothing is freed under a reader.
 TEST_F(SharedCollector, StopMayComeAtAnyMoment)
 {
-    for (int i = 0; i < 8; ++i)
+    for (int i = 0; i < 20; ++i)
     {
         StartAndAnnounce();
         std::atomic<bool> blStop{false};

@@ -1,8 +1,8 @@
 // os_cosfile.cpp: the public file object, which checks and forwards, and the statuses of system errors.
 //
-// os_cosfile_impl.cpp does the object's work; os_cosfile_whole.cpp reads and writes whole files; os_cosfile_paths.cpp
-// knows the text of paths; what is done to files and folders by their paths is in os_cosfile_system.cpp, _create,
-// _delete and _name.
+// os_cosfile_impl.cpp does the object's work; os_cosfile_monitor.cpp watches; os_cosfile_whole.cpp reads and writes
+// whole files; os_cosfile_paths.cpp knows the text of paths; what is done to files and folders by their paths is in
+// os_cosfile_system.cpp, _create, _delete and _name.
 #include "os_cosfile.h"
 
 #include "os_cosfile_impl.h"
@@ -161,4 +161,23 @@ void COsFile::TakeBuffer(void* a_pvBuffer)
 {
     if (Usable(m_posfileimpl))
         m_posfileimpl->TakeBuffer(a_pvBuffer);
+}
+
+EOSSTS COsFile::MonitorStart(const char* a_szPath, const char* a_szName, uint32_t a_u32Mask,
+                             OsFileMonitorProc a_osfilemonitorproc, void* a_pvContext)
+{
+    if (!Usable(m_posfileimpl))
+        return EOSSTS_FAIL;
+    return m_posfileimpl->MonitorStart(this, a_szPath, a_szName, a_u32Mask, a_osfilemonitorproc, a_pvContext);
+}
+
+void COsFile::MonitorStop()
+{
+    if (Usable(m_posfileimpl))
+        m_posfileimpl->MonitorStop();
+}
+
+const OsFileMonitorState& COsFile::MonitorState() const
+{
+    return Usable(m_posfileimpl) ? m_posfileimpl->MonitorState() : OS_FILEMONITORSTATE_NONE;
 }

@@ -1,6 +1,7 @@
 // os_cosfile.h: one open file, and reading or writing a whole file in one call.
 #pragma once
 
+#include "os_cosfile_monitor.h"
 #include "os_types.h"
 
 #include "plat_types.h"
@@ -41,7 +42,7 @@ enum EOSFILESEEK : uint32_t
 
 class COsFileImpl;
 
-// Used by one thread at a time.
+// Used by one thread at a time. While it is open, Flush may be called from any thread.
 class COsFile
 {
 public:
@@ -98,6 +99,19 @@ public:
 
     // Gives the object a tracked block to free at its end.
     void TakeBuffer(void* a_pvBuffer);
+
+    // Watches an existing file, whether or not this object has one open, until MonitorStop or the object's end; one
+    // file at a time. Only the bits of a_u32Mask are reported. EOSSTS_SUCCESS, also when it watches the path already;
+    // EOSSTS_NOTFOUND for what is no file; EOSSTS_EXITED when the callback stopped it in the initial call; EOSSTS_FAIL,
+    // also when it watches another path. No change from the return on is missed; several that follow each other within
+    // some milliseconds may be one. A file that is missing for a while is watched on; a folder that has gone is not.
+    EOSSTS MonitorStart(const char* a_szPath, const char* a_szName, uint32_t a_u32Mask,
+                        OsFileMonitorProc a_osfilemonitorproc, void* a_pvContext);
+
+    // Returns when no call is made any more. In the callback it returns at once, and that call is the last.
+    void MonitorStop();
+
+    const OsFileMonitorState& MonitorState() const;   // for the callback; empty when nothing is watched
 
     bool IsUsable() const { return m_posfileimpl != nullptr; }
 

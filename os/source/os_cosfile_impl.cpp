@@ -62,6 +62,7 @@ bool IsInTable(uint32_t a_u32Value, size_t a_sizetRows)
 
 COsFileImpl::~COsFileImpl()
 {
+    MonitorStop();
     Close();
     ReleaseLibrary();
     ReleaseBuffer();

@@ -8,6 +8,23 @@
 #include "plat_file.h"
 
 #include <cstdarg>
+#include <memory>
+
+// The monitor of a file object, as the sources see it that know nothing of watching.
+class COsFileMonitorBase
+{
+public:
+    COsFileMonitorBase() = default;
+    virtual ~COsFileMonitorBase() = default;
+    COsFileMonitorBase(const COsFileMonitorBase&) = delete;
+    COsFileMonitorBase& operator=(const COsFileMonitorBase&) = delete;
+
+    // For good. False when it is called on one of the monitor's own threads, which then ends by itself; else the
+    // threads have gone.
+    virtual bool Stop() = 0;
+    virtual bool IsStopped() const = 0;
+    virtual const OsFileMonitorState& State() const = 0;
+};
 
 // The operations are those of COsFile, which forwards to them.
 class COsFileImpl
@@ -43,6 +60,11 @@ public:
     void TakeLibrary(PlatHandle a_plathandle, bool a_blLoaded, bool a_blDrain);
     void TakeBuffer(void* a_pvBuffer);
 
+    EOSSTS MonitorStart(COsFile* a_posfile, const char* a_szPath, const char* a_szName, uint32_t a_u32Mask,
+                        OsFileMonitorProc a_osfilemonitorproc, void* a_pvContext);
+    void MonitorStop();
+    const OsFileMonitorState& MonitorState() const;
+
 private:
     bool CheckOpen(uint32_t a_u32Level = OS_LOG_ERROR) const;
     bool RememberName(const char* a_szFilename);
@@ -58,6 +80,11 @@ private:
     void ReleaseLibrary();
     void ReleaseBuffer();
 
+    // The monitor's threads hold it as well: it outlives a stop on one of them.
+    using MonitorReference = std::shared_ptr<COsFileMonitorBase>;
+    MonitorReference Monitor() const;
+    void SetMonitor(MonitorReference a_posfilemonitorbase);
+
     char m_szFilename[OS_PATHSIZE] = {};
     LockSlot m_alockslot[64] = {};
     PlatHandle m_plathandleFile = PLAT_INVALID;
@@ -65,6 +92,8 @@ private:
     bool m_blLibraryLoaded = false;
     bool m_blLibraryDrain = false;
     void* m_pvBuffer = nullptr;
+    MonitorReference m_posfilemonitorbase;   // under the lock: the callback may stop it while the owner does
+    mutable uint64_t m_u64MonitorLock = 0;
     char16_t m_wszFilename[OS_WIDEPATHSIZE] = {};   // m_szFilename for the system; empty when it does not convert
 };
 

@@ -66,10 +66,29 @@ EOSSTS COsLogCollector::Start(const char* a_szLogFile, bool a_blCheckOther)
     return Usable(m_poslogcollectorimpl) ? m_poslogcollectorimpl->Start(a_szLogFile, a_blCheckOther) : EOSSTS_FAIL;
 }
 
+void COsLogCollector::SetApplication(uint64_t a_u64ProcessId)
+{
+    if (Usable(m_poslogcollectorimpl))
+        m_poslogcollectorimpl->SetApplication(a_u64ProcessId);
+}
+
 void COsLogCollector::Stop(char* a_szFolder, size_t a_sizetFolder)
 {
     if (Usable(m_poslogcollectorimpl))
         m_poslogcollectorimpl->Stop(a_szFolder, a_sizetFolder);
+}
+
+EOSSTS COsLogCollector::ClientWrite(const void* a_pvBuffer, size_t a_sizetBytes)
+{
+    return Usable(m_poslogcollectorimpl) ? m_poslogcollectorimpl->ClientWrite(a_pvBuffer, a_sizetBytes) : EOSSTS_FAIL;
+}
+
+void COsLogCollector::TakeClientSocket(COsSocket* a_possocket)
+{
+    if (Usable(m_poslogcollectorimpl))
+        m_poslogcollectorimpl->TakeClientSocket(a_possocket);
+    else
+        delete a_possocket;
 }
 
 // ------------------------------------------------------------------------------------------------ construction
@@ -78,6 +97,7 @@ COsLogCollectorImpl::COsLogCollectorImpl(CollectorMode a_collectormode, const ch
     : m_collectormode(a_collectormode),
       m_szHost{},
       m_szPort{},
+      m_i32BoundPort(0),
       m_u64ProcessIdApplication(0),
       m_szLogFile{},
       m_szLeftoverFolder{},
@@ -160,6 +180,7 @@ EOSSTS COsLogCollectorImpl::Start([[maybe_unused]] const char* a_szLogFile, bool
         return EOSSTS_FAIL;
     }
     freeOnFailure.Dismiss();
+    StartMonitor();
     return EOSSTS_SUCCESS;
 }
 

@@ -13,6 +13,7 @@ extern std::atomic<uint8_t> g_bLogCollectorStop;
 extern std::atomic<uint8_t> g_bLogCollectorStopping;
 
 class COsLogCollectorImpl;
+class COsSocket;
 
 class COsLogCollector
 {
@@ -24,6 +25,9 @@ public:
     COsLogCollector(const COsLogCollector&) = delete;
     COsLogCollector& operator=(const COsLogCollector&) = delete;
 
+    // The application that a private collector serves; commands name it by its process id. Before Start.
+    void SetApplication(uint64_t a_u64ProcessId);
+
     // Puts the role in service. EOSSTS_SUCCESS, also when it is already; EOSSTS_FAIL; EOSSTS_BUSY when another shared
     // collector runs and a_blCheckOther asks for that.
     EOSSTS Start(const char* a_szLogFile, bool a_blCheckOther);
@@ -31,6 +35,13 @@ public:
     // Ends all streams and threads. a_szFolder (may be null) receives the log folder that the streams used, if it
     // still exists.
     void Stop(char* a_szFolder, size_t a_sizetFolder);
+
+    // A client sends log text: all of it, one space for nothing. One thread at a time. EOSSTS_DISCONNECTED, also
+    // without a connection (logged), and whatever else the connection says; a part may have been sent then.
+    EOSSTS ClientWrite(const void* a_pvBuffer, size_t a_sizetBytes);
+
+    // Gives a client its connection, which it owns from now on.
+    void TakeClientSocket(COsSocket* a_possocket);
 
     bool IsUsable() const { return m_poslogcollectorimpl != nullptr; }
 

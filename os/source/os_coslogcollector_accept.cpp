@@ -70,6 +70,7 @@ bool COsLogCollectorImpl::ListenAndReport()
         WriteStandardOutput(OsLcStartRefusal());
         return false;
     }
+    m_i32BoundPort = StrToInt32(m_szPort);
     m_possocketListen->SocketListen();
     if (blPrivate)
     {

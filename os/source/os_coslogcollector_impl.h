@@ -3,6 +3,8 @@
 //   os_coslogcollector.cpp          the public object, construction, Start
 //   os_coslogcollector_accept.cpp   the accept thread: binding, reporting, one reader for each connection
 //   os_coslogcollector_reader.cpp   a reader: one stream into one file
+//   os_coslogcollector_command.cpp  the command file: flush all open log files, end the collector
+//   os_coslogcollector_client.cpp   a client's lines to its collector
 //   os_coslogcollector_stop.cpp     Stop
 #pragma once
 
@@ -30,6 +32,29 @@ struct LogCollectorRecord
     COsFile* posfile;
 };
 
+// The log files that streams are writing to, for the one who wants all of them on the disk. Any thread, but one at a
+// time flushes.
+class COsLogOpenFiles
+{
+public:
+    COsLogOpenFiles() = default;
+    COsLogOpenFiles(const COsLogOpenFiles&) = delete;
+    COsLogOpenFiles& operator=(const COsLogOpenFiles&) = delete;
+
+    void Add(COsFile* a_posfile);      // open from now on
+    void Remove(COsFile* a_posfile);   // before it is closed; waits while it is being flushed
+
+    // Flushes one file after the other. Nobody waits for the disk but a stream that ends while its own file is at it.
+    void Flush();
+
+private:
+    bool Pin(COsFile* a_posfile);
+
+    uint64_t m_u64Lock = 0;
+    std::vector<COsFile*> m_vecposfile;
+    COsFile* m_posfilePinned = nullptr;
+};
+
 class COsLogCollectorImpl
 {
 public:
@@ -41,6 +66,9 @@ public:
 
     EOSSTS Start(const char* a_szLogFile, bool a_blCheckOther);
     void Stop(char* a_szFolder, size_t a_sizetFolder);
+    void SetApplication(uint64_t a_u64ProcessId) { m_u64ProcessIdApplication = a_u64ProcessId; }
+    EOSSTS ClientWrite(const void* a_pvBuffer, size_t a_sizetBytes);
+    void TakeClientSocket(COsSocket* a_possocket);
 
     // True when Stop had to leave a reader behind that did not end in time: what it uses must stay valid.
     bool HasStraggler() const { return m_blStraggler; }
@@ -74,6 +102,13 @@ private:
     void SweepFinished();
     int32_t MarkFinished(const COsFile* a_posfile);
 
+    // The command file.
+    void StartMonitor();
+    void StopMonitor();
+    static uint32_t MonitorFlushEntry(COsFile* a_posfile);
+    void MonitorFlushCallback(const char* a_szPath);
+    bool IsNamed(const OsLcCommand& a_oslccommand) const;
+
     // Stop.
     void StopAccepting();
     void StopReaders();
@@ -85,7 +120,8 @@ private:
     CollectorMode m_collectormode;
     char m_szHost[OS_LC_HOSTSIZE];
     char m_szPort[OS_LC_PORTSIZE];
-    uint64_t m_u64ProcessIdApplication;     // role 3: whose end ends an attempt to connect
+    std::atomic<int32_t> m_i32BoundPort;    // roles 2 and 4: where the accept thread listens, 0 before
+    uint64_t m_u64ProcessIdApplication;     // role 3: whose end ends an attempt to connect; role 4: who is served
     char m_szLogFile[OS_PATHSIZE];          // roles 1 and 3
     char m_szLeftoverFolder[OS_PATHSIZE];   // written under the lock of the managed folder
     COsThread* m_posthreadAccept;
@@ -95,5 +131,6 @@ private:
     COsLnk* m_poslnk;                                             // of LogCollectorRecord
     COsSocket* m_possocketClient;                                 // roles 1 and 3
     COsFile* m_posfileFlush;                                      // whose monitor watches the command file
+    COsLogOpenFiles m_oslogopenfiles;
     bool m_blStraggler;
 };

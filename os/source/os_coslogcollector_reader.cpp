@@ -35,6 +35,7 @@ void COsLogCollectorImpl::LogData(const LogCollectorRecord& a_logcollectorrecord
     COsThread* posthreadManage = nullptr;
     char szLogFile[OS_PATHSIZE] = {};
     TakeStream(a_logcollectorrecord, szLogFile, posthreadManage);
+    m_oslogopenfiles.Remove(a_logcollectorrecord.posfile);
     a_logcollectorrecord.posfile->Close();
     a_logcollectorrecord.possocket->SocketDisconnect(false);   // who still sends is to notice
     RemoveIfEmpty(szLogFile);
@@ -135,6 +136,7 @@ void COsLogCollectorImpl::TakeStream(const LogCollectorRecord& a_logcollectorrec
     COsFile* const posfile = a_logcollectorrecord.posfile;
     if (!OpenLogFile(posfile, a_szLogFile))
         return;
+    m_oslogopenfiles.Add(posfile);
 
     const size_t sizetHeader = OsLcHeaderLength(streampieces.Text(), streampieces.Size());
     WritePiece(posfile, streampieces.Text() + sizetHeader, streampieces.Size() - sizetHeader);

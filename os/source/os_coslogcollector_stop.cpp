@@ -2,6 +2,7 @@
 // the readers, the client connection. Nothing is left to do for a second run.
 #include "os_coslogcollector_impl.h"
 
+#include "os_cfg.h"
 #include "os_cosarguments.h"
 #include "os_cosfile_system.h"
 #include "os_cosstring.h"
@@ -23,7 +24,7 @@ static constexpr uint32_t g_u32MarkerPause = 10;
 void COsLogCollectorImpl::Stop(char* a_szFolder, size_t a_sizetFolder)
 {
     g_bLogCollectorStopping.store(1);
-    OSMEMDELETE(m_posfileFlush);
+    StopMonitor();
     StopAccepting();
     StopReaders();
     DisconnectClient();
@@ -31,6 +32,7 @@ void COsLogCollectorImpl::Stop(char* a_szFolder, size_t a_sizetFolder)
         m_possyncStop->EventClose();
     OSMEMDELETE(m_possyncStop);
     OSMEMDELETE(m_possocketListen);
+    OsCfgReleaseManaged();
     ReportFolder(a_szFolder, a_sizetFolder);
 }
 

@@ -1,0 +1,103 @@
+// os_cosfile_monitor_impl.h: the directory monitor of a file object.
+//
+// A monitor is an object of its own from one start to its stop. The file object and the monitor's threads share it: a
+// callback may stop the monitor or free the file object, and its thread still ends on sound ground.
+#pragma once
+
+#include "os_cosfile_impl.h"
+#include "os_coslnk.h"
+#include "os_costhread.h"
+
+#include "plat_watch.h"
+
+#include <atomic>
+#include <memory>
+
+// What a name stands for at a moment.
+struct OsFileLook
+{
+    bool blThere = false;
+    PlatFileIdentity platfileidentity{};
+
+    bool operator==(const OsFileLook& a_look) const
+    {
+        const PlatFileIdentity& platfileidentityTheirs = a_look.platfileidentity;
+        return blThere == a_look.blThere && platfileidentity.u64Volume == platfileidentityTheirs.u64Volume &&
+               platfileidentity.u64Index == platfileidentityTheirs.u64Index &&
+               platfileidentity.u64Size == platfileidentityTheirs.u64Size &&
+               platfileidentity.u64WriteTime == platfileidentityTheirs.u64WriteTime;
+    }
+};
+
+class COsFileMonitor final : public COsFileMonitorBase, public std::enable_shared_from_this<COsFileMonitor>
+{
+public:
+    COsFileMonitor(COsFile* a_posfile, const char* a_szPath, const char* a_szName, uint32_t a_u32Mask,
+                   OsFileMonitorProc a_osfilemonitorproc, void* a_pvContext);
+    ~COsFileMonitor() override;
+    COsFileMonitor(const COsFileMonitor&) = delete;
+    COsFileMonitor& operator=(const COsFileMonitor&) = delete;
+
+    bool Prepare();
+    void CallInitially();
+    EOSSTS Launch();
+    bool Stop() override;
+    bool IsStopped() const override { return m_blStop; }
+    const OsFileMonitorState& State() const override { return m_osfilemonitorstate; }
+
+private:
+    bool IsRunning() const { return !m_blStop && m_posthreadMonitor->StopState() == 1; }
+    static bool StopThread(COsThread* a_posthread, const char* a_szWhich, int32_t a_i32Timeout);
+    bool LockRecord();
+    template <class Fill>
+    uint32_t Call(Fill a_fill);
+
+    // The verdict.
+    OsFileLook Examine() const;
+    bool Settle(OsFileLook& a_look) const;
+    void TakeBaseline();
+    void Judge(uint32_t a_u32Event);
+    bool OpenWatched();
+    void CloseWatched();
+    void Report(uint32_t a_u32Event);
+    void ReportUnreadable();
+
+    // The monitor thread.
+    static uint32_t MonitorEntry(COsThread* a_posthread);
+    void Monitor();
+    bool StartEvents();
+    bool OpenFolder();
+    void CloseFolder();
+    bool TakeFirstLook();
+    void Watch();
+    uint32_t EventOf(const PlatWatchChange& a_platwatchchange) const;
+    bool TakeChanges(uint32_t* a_pu32Event);
+
+    // The events thread.
+    static uint32_t EventsEntry(COsThread* a_posthread);
+    uint32_t Events(COsThread* a_posthread);
+    bool TakeQueued(OsFileMonitorRecord* a_posfilemonitorrecord);
+
+    // The thread of a monitor that runs this code; null on any other.
+    inline static thread_local const COsThread* t_posthread = nullptr;
+
+    COsFile* m_posfile;   // only for the callback
+    OsFileMonitorProc m_osfilemonitorproc;
+    uint32_t m_u32Mask;
+    OsFileMonitorState m_osfilemonitorstate{};
+    uint64_t m_u64RecordLock = 0;    // of the record, and so around each call
+    char m_szSplit[OS_PATHSIZE]{};   // the watched path, normalised, with a terminator behind the folder
+    const char* m_szFolder = "";
+    const char* m_szEntry = "";
+    OsFileLook m_look;          // what was reported last
+    bool m_blVouched = false;   // whether it had settled: one that had not tells nothing about the next
+    bool m_blFirstChange = true;
+
+    std::atomic<bool> m_blStop{false};
+    PlatHandle m_plathandleStop = PLAT_INVALID;
+    PlatHandle m_plathandleFolder = PLAT_INVALID;
+    PlatHandle m_plathandleWatched = PLAT_INVALID;
+    COsThread* m_posthreadMonitor = nullptr;
+    COsThread* m_posthreadEvents = nullptr;
+    COsLnk* m_poslnkQueue = nullptr;   // of OsFileMonitorRecord
+};

@@ -1,0 +1,168 @@
+// collector_command_test.cpp: the command file, by which other tools reach every collector.
+#include "collector_support.h"
+
+#include "os_cosfile.h"
+#include "os_coslogcollector.h"
+#include "os_cosservices.h"
+
+namespace fs = std::filesystem;
+
+// A collector inside this test, with a command file whose folder is not there yet.
+class CommandFile : public FolderTest
+{
+protected:
+    CommandFile() : m_strFlush(PathOf("common/logcollector/flush"))
+    {
+        m_configuration.SetPath(OS_PATH_WRITEABLE_FILE_LOGCOLLECTORFLUSH, m_strFlush);
+        m_configuration.Set(OS_CFGTAG_ROOTCOMMONDIRECTORYLEGACY, m_path.string());
+        m_u16Port = FreePort();
+        setenv("MVR_LOGCOLLECTOR", std::to_string(m_u16Port).c_str(), 1);
+        OsServicesStart();
+        m_collector = std::make_unique<COsLogCollector>(OS_COLLECTORMODE_SHARED, nullptr);
+        m_collector->SetApplication(4711);
+    }
+    ~CommandFile() override
+    {
+        m_collector.reset();
+        OsServicesStop();
+    }
+
+    void Start()
+    {
+        ASSERT_EQ(m_collector->Start(nullptr, false), EOSSTS_SUCCESS);
+        ASSERT_TRUE(WaitFor([&] { return m_log.HasPart("monitor>>> begin"); }));
+        ASSERT_TRUE(WaitFor([&] { return StreamClient(m_u16Port).Send(" "); })) << "it knows its port then";
+    }
+    // The times that the command file was read.
+    size_t Reads() const
+    {
+        const std::vector<LogCapture::Line> vecline = m_log.Lines();
+        return static_cast<size_t>(std::count_if(vecline.begin(), vecline.end(), [&](const LogCapture::Line& line) {
+            return line.strText.rfind("OsFileReadFile(" + m_strFlush + ",", 0) == 0;
+        }));
+    }
+    // Writes a command and waits until it was taken.
+    void Command(const std::string& a_strText)
+    {
+        const size_t sizetReads = Reads();
+        WriteWhole(m_strFlush, a_strText);
+        ASSERT_TRUE(WaitFor([&] { return Reads() > sizetReads; })) << a_strText.substr(0, 80);
+    }
+    static std::string Exit(int64_t a_i64Port, int64_t a_i64Application)
+    {
+        return "<cmd>exit</cmd><lcport>" + std::to_string(a_i64Port) + "</lcport><lcpidapp>" +
+               std::to_string(a_i64Application) + "</lcpidapp>";
+    }
+    void ExpectStop() const
+    {
+        EXPECT_TRUE(WaitFor([] { return g_bLogCollectorStop.load() != 0; }));
+        g_bLogCollectorStop.store(0);
+    }
+
+    LogCapture m_log;
+    FakeConfiguration m_configuration;
+    std::string m_strFlush;
+    uint16_t m_u16Port;
+    std::unique_ptr<COsLogCollector> m_collector;
+};
+
+TEST_F(CommandFile, IsMadeWhenItIsMissingAndWhatItHoldsAtTheStartIsNoCommand)
+{
+    Start();
+    EXPECT_TRUE(fs::is_regular_file(m_strFlush));
+    m_collector->Stop(nullptr, 0);
+
+    WriteWhole(m_strFlush, "<cmd>exitall</cmd>");
+    m_log.Clear();
+    Start();
+    Command("<cmd>flush</cmd>");
+    EXPECT_EQ(g_bLogCollectorStop.load(), 0);
+    EXPECT_EQ(Reads(), 1u);
+    m_collector->Stop(nullptr, 0);
+    EXPECT_TRUE(m_log.HasPart("monitor>>> end"));
+}
+
+TEST_F(CommandFile, ExitEndsTheCollectorThatItNamesAndAllWhenItNamesNone)
+{
+    Start();
+    for (const std::string& strText :
+         {Exit(m_u16Port + 1, 4711), Exit(m_u16Port, 4712), Exit(m_u16Port, 0), Exit(0, 4711),
+          "<cmd>exit</cmd><lcport>" + std::to_string(m_u16Port) + "</lcport>",
+          std::string("<cmd>flush</cmd><lcport></lcport>"), std::string("<cmd>exitall")})
+        Command(strText);
+    Command("<cmd>flush</cmd>");
+    EXPECT_EQ(g_bLogCollectorStop.load(), 0);
+
+    Command(Exit(m_u16Port, 4711));
+    ExpectStop();
+    Command("<cmd>EXIT</cmd>");
+    ExpectStop();
+    Command("<lcport>0</lcport><cmd>exit</cmd>");
+    ExpectStop();
+    Command(" <cmd>ExitAll</cmd>");
+    ExpectStop();
+}
+
+TEST_F(CommandFile, WhatIsNoCommandIsIgnored)
+{
+    Start();
+    for (const std::string& strText :
+         {std::string("text"), std::string("<cmd>" + std::string(64, 'x') + "</cmd>"), std::string("<cmd>exitall</cm"),
+          std::string("\0<cmd>exitall</cmd>", 19), std::string(70000, 'x') + "<cmd>exitall</cmd>"})
+        Command(strText);
+    fs::resize_file(m_strFlush, 100u << 20);
+    ASSERT_TRUE(WaitFor([&] { return Reads() == 6; }));
+    Command("");
+    fs::remove(m_strFlush);
+    ASSERT_TRUE(WaitFor([&] { return m_log.HasPart("monitor>>> GetFileTime failed"); }));
+    fs::create_directory(m_strFlush);
+    fs::remove(m_strFlush);
+    EXPECT_EQ(g_bLogCollectorStop.load(), 0);
+
+    WriteWhole(m_strFlush + ".new", "<cmd>exitall</cmd>");
+    fs::rename(m_strFlush + ".new", m_strFlush);
+    ExpectStop();
+}
+
+// Streams come and go, write and end, while all files are flushed again and again.
+TEST_F(CommandFile, AFlushDisturbsNoStream)
+{
+    Start();
+    std::string strText;
+    std::vector<std::unique_ptr<StreamClient>> vecclient;
+    vecclient.reserve(16);
+    for (int i = 0; i < 16; ++i)
+    {
+        vecclient.push_back(std::make_unique<StreamClient>(m_u16Port));
+        vecclient.back()->Send(Header(PathOf("log" + std::to_string(i))));
+    }
+    for (int iRound = 0; iRound < 20; ++iRound)
+    {
+        strText += "line " + std::to_string(iRound) + "\r\n";
+        for (const auto& client : vecclient)
+            EXPECT_TRUE(client->Send("line " + std::to_string(iRound) + "\r\n"));
+        Command(iRound % 2 ? "<cmd>flush</cmd>" : "<cmd>FLUSH</cmd> ");
+        StreamClient(m_u16Port).Send(Header(PathOf("short" + std::to_string(iRound))) + "text");
+    }
+    vecclient.clear();
+    for (int i = 0; i < 16; ++i)
+        EXPECT_TRUE(WaitFor([&] { return ReadWhole(PathOf("log" + std::to_string(i))) == strText; })) << i;
+    for (int iRound = 0; iRound < 20; ++iRound)
+        EXPECT_TRUE(WaitFor([&] { return ReadWhole(PathOf("short" + std::to_string(iRound))) == "text"; })) << iRound;
+    EXPECT_EQ(g_bLogCollectorStop.load(), 0);
+}
+
+TEST_F(CommandFile, ACollectorWithoutOneCollectsAllTheSame)
+{
+    fs::create_directories(m_strFlush);
+    ASSERT_EQ(m_collector->Start(nullptr, false), EOSSTS_SUCCESS);
+    EXPECT_TRUE(m_log.HasPart("File not found or not a file"));
+    m_collector->Stop(nullptr, 0);
+
+    m_configuration.SetPath(OS_PATH_WRITEABLE_FILE_LOGCOLLECTORFLUSH, "");
+    m_log.Clear();
+    ASSERT_EQ(m_collector->Start(nullptr, false), EOSSTS_SUCCESS);
+    EXPECT_TRUE(WaitFor([&] { return StreamClient(m_u16Port).Send(Header(PathOf("a.log")) + "text"); }));
+    EXPECT_TRUE(WaitFor([&] { return ReadWhole(PathOf("a.log")) == "text"; }));
+    EXPECT_FALSE(m_log.HasPart("monitor"));
+}
