@@ -1,0 +1,394 @@
+// os_coslog.cpp: the public object, creation, start, path and filter, destruction.
+#include "os_coslog.h"
+
+#include "os_cfg.h"
+#include "os_cosenv.h"
+#include "os_coslog_impl.h"
+#include "os_cosmem.h"
+#include "os_cosstring.h"
+#include "os_scope.h"
+
+#include "plat_thread.h"
+
+#include <algorithm>
+#include <cerrno>
+#include <cstring>
+#include <new>
+#include <thread>
+
+static constexpr char g_szSource[] = "os/source/os_coslog";
+
+static constexpr uint32_t g_u32FlagsTakenOut = 0x100 | 0x2000 | 0x4000 | OS_LOGFLAG_LEVEL32;
+static constexpr uint32_t g_u32FlagsTakenOutAtStart = g_u32FlagsTakenOut | 0x2;
+static constexpr int64_t g_i64CheckModeDefault = 3;
+static constexpr int32_t g_i32BufferLeast = 8192;
+static constexpr int32_t g_i32BufferMost = 65536;
+
+// ------------------------------------------------------------------------------------------- the public object
+
+static std::atomic<COsLog*> g_poslog{nullptr};
+
+COsLog* OsLogGet()
+{
+    return g_poslog.load(std::memory_order_acquire);
+}
+
+COsLog::COsLog(const CreateArgs& a_createargs) : m_poslogimpl(new (std::nothrow) COsLogImpl(a_createargs))
+{
+    g_poslog.store(this, std::memory_order_release);
+    g_poslogsink.store(this, std::memory_order_release);
+}
+
+COsLog::~COsLog()
+{
+    if (m_poslogimpl)
+        m_poslogimpl->LogLastLines();
+    g_poslogsink.store(nullptr, std::memory_order_release);
+    g_poslog.store(nullptr, std::memory_order_release);
+    delete m_poslogimpl;
+}
+
+void COsLog::Start(const char* a_szLogFile, uint32_t a_u32Flags, const char* a_szFilter)
+{
+    if (m_poslogimpl)
+        m_poslogimpl->Start(a_szLogFile, a_u32Flags, a_szFilter);
+}
+
+void COsLog::Flush()
+{
+    if (m_poslogimpl)
+        m_poslogimpl->Flush();
+}
+
+void COsLog::VPrintf(const char* a_szFile, uint32_t a_u32Line, uint32_t a_u32Level, const char* a_szFormat,
+                     va_list a_valist)
+{
+    if (m_poslogimpl)
+        m_poslogimpl->Log({a_szFile, a_u32Line, a_u32Level, a_szFormat}, a_valist);
+}
+
+uint32_t COsLog::WorkingWord() const
+{
+    return m_poslogimpl ? m_poslogimpl->WorkingWord() : 0;
+}
+
+void COsLog::SetWorkingWord(uint32_t a_u32Flags)
+{
+    if (m_poslogimpl)
+        m_poslogimpl->SetWorkingWord(a_u32Flags);
+}
+
+const char* COsLog::LogFile() const
+{
+    return m_poslogimpl ? m_poslogimpl->LogFile() : "";
+}
+
+bool COsLog::UsesCollector() const
+{
+    return m_poslogimpl && m_poslogimpl->UsesCollector();
+}
+
+void COsLog::TakeCollector(COsLogCollector* a_poslogcollector)
+{
+    std::unique_ptr<COsLogCollector> uniqueCollector(a_poslogcollector);
+    if (m_poslogimpl)
+        m_poslogimpl->TakeCollector(uniqueCollector.release());
+}
+
+// ---------------------------------------------------------------------------------------------- what calls share
+
+bool OsLogLock::Acquire()
+{
+    const uint64_t u64ThreadId = PlatThreadId();
+    for (;;)
+    {
+        uint64_t u64Owner = 0;
+        if (m_u64Owner.compare_exchange_strong(u64Owner, u64ThreadId, std::memory_order_acquire))
+            return true;
+        if (u64Owner == u64ThreadId)
+            return false;
+        std::this_thread::yield();
+    }
+}
+
+OsLogKeepError::OsLogKeepError() : m_u32Error(PlatGetLastError()), m_iErrno(errno) {}
+
+OsLogKeepError::~OsLogKeepError()
+{
+    PlatSetLastError(m_u32Error);
+    errno = m_iErrno;
+}
+
+// ------------------------------------------------------------------------------------------------------ creation
+
+// "@NAME@FILE": the environment variable's value and FILE, empty when that is too long. False for a path of another
+// form.
+static bool ExpandPath(const char* a_szLogFile, char* a_szExpanded, const char** a_pszFile)
+{
+    const char* const szLast = std::strrchr(a_szLogFile, '@');
+    if (a_szLogFile[0] != '@' || szLast == a_szLogFile)
+        return false;
+    char szName[OS_PATHSIZE] = {};
+    const size_t sizetName = static_cast<size_t>(szLast - a_szLogFile) - 1;
+    *a_szExpanded = '\0';
+    *a_pszFile = a_szExpanded;
+    if (sizetName >= sizeof szName)
+        return true;
+    std::memcpy(szName, a_szLogFile + 1, sizetName);
+
+    a_szExpanded[0] = '.';
+    a_szExpanded[1] = '\0';
+    if (sizetName)
+        OsEnvGet(szName, ".", OS_PATHSIZE, a_szExpanded);
+    const size_t sizetValue = std::strlen(a_szExpanded);
+    SStrCat(a_szExpanded, OS_PATHSIZE, szLast + 1);
+    *a_pszFile = a_szExpanded + (*a_szExpanded ? sizetValue : 0);
+    return true;
+}
+
+// At creation the file gets the name of the library's own module: several programs may be given the same path.
+static void AddModuleName(char* a_szLogFile, const char* a_szFile)
+{
+    if (char* const szDot = std::strrchr(a_szLogFile + (a_szFile - a_szLogFile), '.'))
+        *szDot = '\0';
+    char szModule[OS_PATHSIZE];
+    OsLogLibraryModule(szModule);
+    const std::string_view strviewModule(szModule);
+    const size_t sizetSeparator = strviewModule.find_last_of("/\\");
+    SStrCatf(a_szLogFile, OS_PATHSIZE, "_%s.log",
+             szModule + (sizetSeparator == std::string_view::npos ? 0 : sizetSeparator + 1));
+    std::replace(a_szLogFile, a_szLogFile + std::strlen(a_szLogFile), '/', '\\');
+}
+
+COsLogImpl::COsLogImpl(const COsLog::CreateArgs& a_createargs)
+    : m_u32CheckMode(0),
+      m_sizetInitialBuffer(static_cast<size_t>(
+          std::clamp(StrToInt32(OsCfgGetCommon("LogMaxFinal", "8192")), g_i32BufferLeast, g_i32BufferMost))),
+      m_szUniqueName{}
+{
+    SStrCpy(m_szUniqueName, sizeof m_szUniqueName, a_createargs.szUniqueName ? a_createargs.szUniqueName : "");
+    SetStateFromEnvironment();
+    m_u32CheckMode = static_cast<uint32_t>(OsEnvGetNumber("MVR_ASSERT", g_i64CheckModeDefault));
+    SetFlags(a_createargs.u32Flags, g_u32FlagsTakenOut);
+
+    const char* const szLogFile = a_createargs.szLogFile ? a_createargs.szLogFile : "";
+    char szExpanded[OS_PATHSIZE];
+    const char* szFile = nullptr;
+    const bool blExpanded = ExpandPath(szLogFile, szExpanded, &szFile);
+    if (blExpanded)
+        AddModuleName(szExpanded, szFile);
+    SetPath(blExpanded ? szExpanded : szLogFile, OsLogHeader::Pending, 0);
+    SetFilter(a_createargs.szFilter ? a_createargs.szFilter : "", " ", false);
+}
+
+// A process starts in state 88, or in 99 when MVR_NOLOGGING says so.
+void COsLogImpl::SetStateFromEnvironment()
+{
+    OsLogSetState(static_cast<int>(OsEnvGetNumber("MVR_NOLOGGING", 0)));
+    const bool blAllowed = OsLogGetState() == OS_LOGSTATE_ON;
+    OsLogSetState(blAllowed ? OS_LOGSTATE_NOTSTARTED : OS_LOGSTATE_OFF);
+}
+
+COsLogImpl::~COsLogImpl()
+{
+    m_uniqueCollector.reset();
+    for (OsLogSlot& oslogslot : m_aoslogslot)
+        delete[] oslogslot.szBuffer;
+    for (OsLogPath* poslogpath = m_uniquePaths.get(); poslogpath; poslogpath = poslogpath->uniqueNext.get())
+        CloseKept(poslogpath);
+    while (m_uniquePaths)
+        m_uniquePaths = std::move(m_uniquePaths->uniqueNext);
+    while (m_uniqueFilters)
+        m_uniqueFilters = std::move(m_uniqueFilters->uniqueNext);
+}
+
+void COsLogImpl::LogLastLines() const
+{
+    if (WorkingWord() != 0)
+        OSLOG(OS_LOG_NOTE, "mem>>> stack:%llu", static_cast<unsigned long long>(OsLogStackSize()));
+    OsMemLogUsage(g_szSource, static_cast<uint32_t>(__LINE__));
+    if (WorkingWord() != 0)
+        OSLOG(OS_LOG_MILESTONE, "### OsServicesStop...");
+}
+
+// --------------------------------------------------------------------------------------------------------- start
+
+void COsLogImpl::Start(const char* a_szLogFile, uint32_t a_u32Flags, const char* a_szFilter)
+{
+    const char* const szLogFile = a_szLogFile && *a_szLogFile ? a_szLogFile : nullptr;
+    m_blRedirectPending = true;
+    if (!szLogFile && !*Path()->szLogFile)
+    {
+        OsLogSetState(OS_LOGSTATE_OFF);
+        return;
+    }
+    StartPath(szLogFile);
+    if (a_szFilter)
+        SetFilter(a_szFilter, " \t", true);
+    SetFlags(a_u32Flags, g_u32FlagsTakenOutAtStart);
+    StartCollector();
+    OsLogSetState(OS_LOGSTATE_ALLOW);
+    if (WorkingWord() != 0)
+        OSLOG(OS_LOG_MILESTONE, "### OsServicesStart...");
+}
+
+void COsLogImpl::StartPath(const char* a_szLogFile)
+{
+    OsLogPath* const poslogpath = Path();
+    if (!a_szLogFile)
+    {
+        poslogpath->oslogheader = OsLogHeader::Written;
+        return;
+    }
+    char szExpanded[OS_PATHSIZE];
+    const char* szFile = nullptr;
+    const bool blExpanded = ExpandPath(a_szLogFile, szExpanded, &szFile);
+    const bool blNew = std::strcmp(a_szLogFile, poslogpath->szLogFile) != 0;
+    if (blNew)
+        SetPath(blExpanded ? szExpanded : a_szLogFile, OsLogHeader::Pending, 0);
+}
+
+// What is taken out of the word and means something stays in force until the logger goes.
+void COsLogImpl::SetFlags(uint32_t a_u32Flags, uint32_t a_u32TakenOut)
+{
+    m_u32StartWord = a_u32Flags;
+    if (a_u32Flags & OS_LOGFLAG_LEVEL32)
+        m_blLevel32 = true;
+    m_blMilestones = (a_u32Flags & OS_LOGFLAG_MILESTONES) != 0;
+    SetWorkingWord(a_u32Flags & ~a_u32TakenOut);
+}
+
+static bool IsLogFile(const char* a_szLogFile)
+{
+    const std::string_view strview(a_szLogFile);
+    return strview.size() >= 4 && strview.ends_with(".log");
+}
+
+static OsLogPath* FindPath(OsLogPath* a_poslogpath, const char* a_szLogFile)
+{
+    while (a_poslogpath && std::strcmp(a_poslogpath->szLogFile, a_szLogFile) != 0)
+        a_poslogpath = a_poslogpath->uniqueNext.get();
+    return a_poslogpath;
+}
+
+// Makes a path the current one; without memory the one before goes on. The file of the one before is closed as soon as
+// no call works with it any more.
+void COsLogImpl::SetPath(const char* a_szLogFile, OsLogHeader a_oslogheader, int32_t a_i32LineCounter)
+{
+    std::unique_ptr<OsLogPath> uniquePath(new (std::nothrow) OsLogPath{});
+    if (!uniquePath)
+        return;
+    SStrCpy(uniquePath->szLogFile, sizeof uniquePath->szLogFile, a_szLogFile);
+    uniquePath->blLogs = IsLogFile(uniquePath->szLogFile);
+
+    OsLogPath* poslogpathBefore = nullptr;
+    {
+        const OsLogGuard oslogguard(m_osloglock);
+        OsLogPath* poslogpath = FindPath(m_uniquePaths.get(), uniquePath->szLogFile);
+        if (!poslogpath)
+        {
+            poslogpath = uniquePath.get();
+            uniquePath->uniqueNext = std::move(m_uniquePaths);
+            m_uniquePaths = std::move(uniquePath);
+        }
+        poslogpath->i32LineCounter = a_i32LineCounter;
+        poslogpath->oslogheader = a_oslogheader;
+        poslogpathBefore = m_poslogpath.exchange(poslogpath, std::memory_order_acq_rel);
+        if (poslogpathBefore == poslogpath)
+            poslogpathBefore = nullptr;
+    }
+    if (poslogpathBefore)
+        CloseKept(poslogpathBefore);
+}
+
+void COsLogImpl::StartCollector()
+{
+    const char* const szLogFile = LogFile();
+    if (m_uniqueCollector || !*szLogFile)
+        return;
+    const bool blPrivate = StrICmp(OsCfgGetCommon("LogCollector", "enabled"), "enabled") == 0;
+    const COsLogSuppress oslogsuppress;
+    std::unique_ptr<COsLogCollector> uniqueCollector(new (std::nothrow) COsLogCollector(
+        blPrivate ? OS_COLLECTORMODE_PRIVATECLIENT : OS_COLLECTORMODE_SHAREDCLIENT, szLogFile));
+    if (uniqueCollector && uniqueCollector->Start(szLogFile, true) == EOSSTS_SUCCESS)
+        TakeCollector(uniqueCollector.release());
+}
+
+void COsLogImpl::TakeCollector(COsLogCollector* a_poslogcollector)
+{
+    std::unique_ptr<COsLogCollector> uniqueCollector(a_poslogcollector);
+    const std::lock_guard<std::mutex> guard(m_mutexCollector);
+    m_uniqueCollector.swap(uniqueCollector);
+    m_blCollector.store(a_poslogcollector != nullptr, std::memory_order_release);
+}
+
+// -------------------------------------------------------------------------------------------------------- filter
+
+static char Lower(char a_ch)
+{
+    return a_ch >= 'A' && a_ch <= 'Z' ? static_cast<char>(a_ch + ('a' - 'A')) : a_ch;
+}
+
+// Takes the tokens over as far as there is room for them, and never a part of one.
+static void FillFilter(OsLogFilter& a_oslogfilter, std::string_view a_strviewFilter, const char* a_szSeparators,
+                       bool a_blLower)
+{
+    char* pch = a_oslogfilter.szText;
+    const char* const pchEnd = pch + sizeof a_oslogfilter.szText;
+    while (a_oslogfilter.sizetTokens < OS_LOGFILTERTOKENS)
+    {
+        a_strviewFilter.remove_prefix(
+            std::min(a_strviewFilter.find_first_not_of(a_szSeparators), a_strviewFilter.size()));
+        const std::string_view strviewToken = a_strviewFilter.substr(0, a_strviewFilter.find_first_of(a_szSeparators));
+        a_strviewFilter.remove_prefix(strviewToken.size());
+        const size_t sizetBlank = a_oslogfilter.sizetTokens ? 1 : 0;
+        if (strviewToken.empty() || static_cast<size_t>(pchEnd - pch) <= sizetBlank + strviewToken.size())
+            break;
+
+        if (sizetBlank)
+            *pch++ = ' ';
+        const char* const pchToken = pch;
+        for (const char ch : strviewToken)
+            *pch++ = a_blLower ? Lower(ch) : ch;
+        const bool blExclude = *pchToken == '~';
+        const size_t sizetSkip = blExclude ? 1 : 0;
+        a_oslogfilter.atoken[a_oslogfilter.sizetTokens++] = {{pchToken + sizetSkip, strviewToken.size() - sizetSkip},
+                                                             blExclude};
+        a_oslogfilter.blIncludes |= !blExclude;
+    }
+    *pch = '\0';
+}
+
+void COsLogImpl::SetFilter(const char* a_szFilter, const char* a_szSeparators, bool a_blLower)
+{
+    std::unique_ptr<OsLogFilter> uniqueFilter(new (std::nothrow) OsLogFilter{});
+    if (!uniqueFilter)
+        return;
+    FillFilter(*uniqueFilter, a_szFilter, a_szSeparators, a_blLower);
+
+    const OsLogGuard oslogguard(m_osloglock);
+    OsLogFilter* poslogfilter = m_uniqueFilters.get();
+    while (poslogfilter && std::strcmp(poslogfilter->szText, uniqueFilter->szText) != 0)
+        poslogfilter = poslogfilter->uniqueNext.get();
+    if (!poslogfilter)
+    {
+        poslogfilter = uniqueFilter.get();
+        uniqueFilter->uniqueNext = std::move(m_uniqueFilters);
+        m_uniqueFilters = std::move(uniqueFilter);
+    }
+    m_poslogfilter.store(poslogfilter, std::memory_order_release);
+}
+
+bool OsLogFilter::Passes(std::string_view a_strviewSource) const
+{
+    bool blIncluded = !blIncludes;
+    for (size_t sizetToken = 0; sizetToken < sizetTokens; ++sizetToken)
+    {
+        const Token& token = atoken[sizetToken];
+        const bool blFound = a_strviewSource.find(token.strview) != std::string_view::npos;
+        if (blFound && token.blExclude)
+            return false;
+        blIncluded |= blFound && !token.blExclude;
+    }
+    return blIncluded;
+}

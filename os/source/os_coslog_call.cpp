@@ -1,0 +1,319 @@
+// os_coslog_call.cpp: the log call: levels, slots, the filter, the line.
+//
+// What does not pass costs a few loads and compares. What passes takes the thread's slot; a thread that is inside the
+// logger already, on whichever way, drops its line.
+#include "os_coslog_impl.h"
+
+#include "os_cosstring.h"
+#include "os_scope.h"
+
+#include "plat_process.h"
+#include "plat_thread.h"
+
+#include <algorithm>
+#include <cstring>
+#include <new>
+#include <thread>
+
+static constexpr uint64_t g_u64ClockPerSecond = 10000000;   // units of 100 ns
+static constexpr uint64_t g_u64ClockPerMillisecond = 10000;
+static constexpr uint64_t g_u64ClockPerMicrosecond = 10;
+static constexpr uint32_t g_u32CheckModeTell = 0x2;
+
+void COsLogImpl::Log(const OsLogCall& a_oslogcall, va_list a_valist)
+{
+    if (Passes(a_oslogcall.u32Level))
+        LogLine(a_oslogcall, a_valist);
+    if (a_oslogcall.u32Level == OS_LOG_CHECK && m_u32CheckMode != 0)
+        CheckFailed(a_oslogcall);
+}
+
+// -------------------------------------------------------------------------------------------------------- levels
+
+bool COsLogImpl::Passes(uint32_t a_u32Level) const
+{
+    return OsLogGetState() == OS_LOGSTATE_ON && Path()->blLogs && LevelPasses(a_u32Level);
+}
+
+bool COsLogImpl::LevelPasses(uint32_t a_u32Level) const
+{
+    const bool blError = a_u32Level == OS_LOG_ERROR || a_u32Level == OS_LOG_CHECK;
+    if (blError)
+        return true;
+    if (a_u32Level == 32 && !m_blLevel32.load(std::memory_order_relaxed))
+        return false;
+    if (a_u32Level != OS_LOG_MILESTONE && m_blMilestones.load(std::memory_order_relaxed))
+        return false;
+    const uint32_t u32WorkingWord = WorkingWord();
+    if (u32WorkingWord & OS_LOGFLAG_ONLY8)
+        return a_u32Level == 8;
+    if (u32WorkingWord & OS_LOGFLAG_ONLYMEMORY)
+        return a_u32Level == 0x100 || a_u32Level == 0x1100 || a_u32Level == 0x8100 || a_u32Level == 0x8200;
+    return true;
+}
+
+// --------------------------------------------------------------------------------------------------------- slots
+
+// Where the thread's slot was last time. Only a place to look first: it may be another thread's, or another logger's.
+static thread_local size_t t_sizetSlot = 0;
+
+OsLogSlot* COsLogImpl::FindSlot(uint64_t a_u64ThreadId)
+{
+    for (size_t sizetTry = 0; sizetTry < OS_LOGSLOTS; ++sizetTry)
+    {
+        const size_t sizetSlot = (t_sizetSlot + sizetTry) % OS_LOGSLOTS;
+        if (m_au64ThreadId[sizetSlot].load(std::memory_order_acquire) == a_u64ThreadId)
+        {
+            t_sizetSlot = sizetSlot;
+            return &m_aoslogslot[sizetSlot];
+        }
+    }
+    return nullptr;
+}
+
+OsLogSlot* COsLogImpl::ClaimFree(uint64_t a_u64ThreadId)
+{
+    for (size_t sizetSlot = 0; sizetSlot < OS_LOGSLOTS; ++sizetSlot)
+    {
+        uint64_t u64Free = 0;
+        if (!m_au64ThreadId[sizetSlot].compare_exchange_strong(u64Free, a_u64ThreadId, std::memory_order_acq_rel))
+            continue;
+        t_sizetSlot = sizetSlot;
+        return &m_aoslogslot[sizetSlot];
+    }
+    return nullptr;
+}
+
+// Claims without a lock, so that a signal handler that logs finds nothing held by the thread that it interrupted.
+OsLogSlot* COsLogImpl::ClaimSlot(uint64_t a_u64ThreadId)
+{
+    if (OsLogSlot* const poslogslot = ClaimFree(a_u64ThreadId))
+        return poslogslot;
+    ReclaimSlots();
+    return ClaimFree(a_u64ThreadId);
+}
+
+// Frees the slots of threads that have ended. A slot is marked while it is looked at: its id may be given to a new
+// thread at this very moment, which then waits and looks again.
+void COsLogImpl::ReclaimSlots()
+{
+    for (size_t sizetSlot = 0; sizetSlot < OS_LOGSLOTS; ++sizetSlot)
+    {
+        OsLogSlot& oslogslot = m_aoslogslot[sizetSlot];
+        const uint64_t u64ThreadId = m_au64ThreadId[sizetSlot].load(std::memory_order_acquire);
+        uint32_t u32Busy = oslogslot.u32Busy.load(std::memory_order_relaxed);
+        if (!u64ThreadId || u32Busy == OsLogSlot::OS_RECLAIM || PlatThreadIsAlive(u64ThreadId) ||
+            !oslogslot.u32Busy.compare_exchange_strong(u32Busy, OsLogSlot::OS_RECLAIM, std::memory_order_acquire))
+            continue;
+        const bool blEnded =
+            m_au64ThreadId[sizetSlot].load(std::memory_order_relaxed) == u64ThreadId && !PlatThreadIsAlive(u64ThreadId);
+        if (blEnded)
+        {
+            delete[] oslogslot.szBuffer;
+            oslogslot.szBuffer = nullptr;
+            m_au64ThreadId[sizetSlot].store(0, std::memory_order_release);
+        }
+        oslogslot.u32Busy.store(blEnded ? OsLogSlot::OS_IDLE : u32Busy, std::memory_order_release);
+    }
+}
+
+// The thread's slot, taken and with a buffer. Null when the thread is inside already, or when there is no slot or no
+// memory for it.
+OsLogSlot* COsLogImpl::Enter()
+{
+    const uint64_t u64ThreadId = PlatThreadId();
+    for (;;)
+    {
+        OsLogSlot* poslogslot = FindSlot(u64ThreadId);
+        if (!poslogslot)
+            poslogslot = ClaimSlot(u64ThreadId);
+        if (!poslogslot)
+            return nullptr;
+
+        uint32_t u32Busy = OsLogSlot::OS_IDLE;
+        if (!poslogslot->u32Busy.compare_exchange_strong(u32Busy, OsLogSlot::OS_INSIDE, std::memory_order_acquire))
+        {
+            if (u32Busy == OsLogSlot::OS_INSIDE)
+                return nullptr;
+            std::this_thread::yield();
+            continue;
+        }
+        std::atomic<uint64_t>& u64Holder = m_au64ThreadId[poslogslot - m_aoslogslot];
+        const bool blMine = u64Holder.load(std::memory_order_acquire) == u64ThreadId;
+        if (blMine && (poslogslot->szBuffer || SetBuffer(*poslogslot, m_sizetInitialBuffer)))
+            return poslogslot;
+        poslogslot->u32Busy.store(OsLogSlot::OS_IDLE, std::memory_order_release);
+        if (blMine)
+        {
+            u64Holder.store(0, std::memory_order_release);
+            return nullptr;
+        }
+    }
+}
+
+// A failed check inside the logger has asked for a flush: it is done while the thread still counts as inside.
+void COsLogImpl::Leave(OsLogSlot& a_oslogslot)
+{
+    ReleaseFile(a_oslogslot.poslogfile);
+    a_oslogslot.poslogfile = nullptr;
+    if (a_oslogslot.blFlushWanted.exchange(false))
+        FlushKept();
+    a_oslogslot.u32Busy.store(OsLogSlot::OS_IDLE, std::memory_order_release);
+}
+
+// The buffer is not a tracked allocation: the tracker logs.
+bool COsLogImpl::SetBuffer(OsLogSlot& a_oslogslot, size_t a_sizetBuffer)
+{
+    char* const szBuffer = new (std::nothrow) char[a_sizetBuffer];
+    if (!szBuffer)
+        return false;
+    delete[] a_oslogslot.szBuffer;
+    a_oslogslot.szBuffer = szBuffer;
+    a_oslogslot.sizetBuffer = a_sizetBuffer;
+    return true;
+}
+
+// ------------------------------------------------------------------------------------------------------ the line
+
+// The base name: behind the last backslash, without extension, in lower case.
+static void TakeSource(OsLogSlot& a_oslogslot, const char* a_szFile)
+{
+    const std::string_view strviewFile(a_szFile ? a_szFile : "");
+    const size_t sizetSlash = strviewFile.rfind('\\');
+    std::string_view strviewBase = strviewFile.substr(sizetSlash == std::string_view::npos ? 0 : sizetSlash + 1);
+    strviewBase = strviewBase.substr(0, strviewBase.rfind('.'));
+    const size_t sizetSource = std::min(strviewBase.size(), sizeof a_oslogslot.szSource);
+    for (size_t sizet = 0; sizet < sizetSource; ++sizet)
+    {
+        const char ch = strviewBase[sizet];
+        a_oslogslot.szSource[sizet] = ch >= 'A' && ch <= 'Z' ? static_cast<char>(ch + ('a' - 'A')) : ch;
+    }
+    a_oslogslot.sizetSource = sizetSource;
+}
+
+// The calendar is asked once a second; below the second all clocks agree.
+static void TakeTime(OsLogSlot& a_oslogslot)
+{
+    const uint64_t u64Clock = PlatClock();
+    const uint64_t u64Second = u64Clock / g_u64ClockPerSecond;
+    if (u64Second != a_oslogslot.u64Second && PlatTimeLocal(u64Clock, &a_oslogslot.ostimerecord))
+        a_oslogslot.u64Second = u64Second;
+    a_oslogslot.ostimerecord.u16Milliseconds = static_cast<uint16_t>(u64Clock / g_u64ClockPerMillisecond % 1000);
+    a_oslogslot.u32Microseconds = static_cast<uint32_t>(u64Clock / g_u64ClockPerMicrosecond % 1000);
+}
+
+void COsLogImpl::LogLine(const OsLogCall& a_oslogcall, va_list a_valist)
+{
+    const OsLogKeepError oslogkeeperror;
+    OsLogSlot* const poslogslot = Enter();
+    if (!poslogslot)
+        return;
+    const ScopeGuard leave([this, poslogslot] { Leave(*poslogslot); });
+
+    poslogslot->u32LastError = oslogkeeperror.Error();
+    poslogslot->u32Line = a_oslogcall.u32Line;
+    poslogslot->u32Level = a_oslogcall.u32Level;
+    poslogslot->poslogpath = Path();
+    TakeSource(*poslogslot, a_oslogcall.szFile);
+    TakeTime(*poslogslot);
+    if (Prepare(*poslogslot))
+        WriteLine(*poslogslot, a_oslogcall.szFormat, a_valist);
+}
+
+// Everything that has to be so before the line is formatted. False: the line is dropped.
+bool COsLogImpl::Prepare(OsLogSlot& a_oslogslot)
+{
+    const std::string_view strviewSource(a_oslogslot.szSource, a_oslogslot.sizetSource);
+    const OsLogFilter* const poslogfilter = m_poslogfilter.load(std::memory_order_acquire);
+    if (a_oslogslot.u32Level != OS_LOG_ERROR && !poslogfilter->Passes(strviewSource))
+        return false;
+    if (WorkingWord() & OS_LOGFLAG_FLUSH)
+    {
+        m_u32WorkingWord.fetch_and(~OS_LOGFLAG_FLUSH);
+        m_blFlushEvery = true;
+    }
+    if (!FolderIsThere(a_oslogslot))
+        return false;
+    Redirect(a_oslogslot);
+    a_oslogslot.poslogpath = Path();
+    return (UsesCollector() || OpenDestination(a_oslogslot, true)) && WriteHeaderIfPending(a_oslogslot);
+}
+
+// The message is formatted where the longest prefix would end, then the prefix is put right before it. So the number
+// is taken last, and a line that cannot be formatted takes none.
+void COsLogImpl::WriteLine(OsLogSlot& a_oslogslot, const char* a_szFormat, va_list a_valist)
+{
+    size_t sizetMessage = 0;
+    if (!FormatMessage(a_oslogslot, a_szFormat, a_valist, &sizetMessage))
+        return;
+    char* const szMessage = a_oslogslot.szBuffer + OS_LOGPREFIXMAX;
+    szMessage[sizetMessage] = '\r';
+    szMessage[sizetMessage + 1] = '\n';
+
+    std::atomic<int32_t>& i32LineCounter = a_oslogslot.poslogpath->i32LineCounter;
+    auto i32Number = static_cast<int32_t>(static_cast<uint32_t>(i32LineCounter.fetch_add(1)) + 1);
+    char achPrefix[OS_LOGPREFIXMAX];
+    const bool blDeterministic = (WorkingWord() & OS_LOGFLAG_DETERMINISTIC) != 0;
+    const size_t sizetPrefix =
+        static_cast<size_t>(OsLogPutPrefix(achPrefix, a_oslogslot, i32Number, m_u8S, blDeterministic) - achPrefix);
+    char* const pchLine = szMessage - sizetPrefix;
+    std::memcpy(pchLine, achPrefix, sizetPrefix);
+
+    if (!WriteOut(a_oslogslot, pchLine, sizetPrefix + sizetMessage + 2))
+        i32LineCounter.compare_exchange_strong(i32Number, i32Number - 1);
+}
+
+bool COsLogImpl::FormatMessage(OsLogSlot& a_oslogslot, const char* a_szFormat, va_list a_valist, size_t* a_psizetLength)
+{
+    const auto format = [&] {
+        return OsFormat(a_oslogslot.szBuffer + OS_LOGPREFIXMAX, a_oslogslot.sizetBuffer - OS_LOGPREFIXMAX, a_szFormat,
+                        a_valist);
+    };
+    const int iLength = format();
+    if (iLength < 0)
+    {
+        LogTellFormatFailed("LogSStrPrintf", a_oslogslot.szBuffer, a_oslogslot.sizetBuffer, a_szFormat);
+        return false;
+    }
+    *a_psizetLength = static_cast<size_t>(iLength);
+    if (*a_psizetLength + OS_LOGMARGIN < a_oslogslot.sizetBuffer)
+        return true;
+    if (!SetBuffer(a_oslogslot, *a_psizetLength + OS_LOGMARGIN + OS_LOGGROWTH))
+    {
+        OsLogSetState(OS_LOGSTATE_OFF);
+        return false;
+    }
+    // A text that another thread changes meanwhile may have grown: it is cut at the room that was made for it.
+    *a_psizetLength = std::min(static_cast<size_t>(std::max(format(), 0)), *a_psizetLength);
+    return true;
+}
+
+// ------------------------------------------------------------------------------------------------- failed checks
+
+// Runs for every failed check, also when its line was dropped. Inside the logger the flush is left to the call that
+// is under way.
+void COsLogImpl::CheckFailed(const OsLogCall& a_oslogcall)
+{
+    const OsLogKeepError oslogkeeperror;
+    if (WorkingWord() != 0 && (m_u32CheckMode & g_u32CheckModeTell))
+    {
+        LogTellStandardError("<%s> <%d> <%s>\r\n", a_oslogcall.szFile, static_cast<int>(a_oslogcall.u32Line),
+                             a_oslogcall.szFormat);
+    }
+    OsLogSlot* const poslogslot = FindSlot(PlatThreadId());
+    uint32_t u32Busy = OsLogSlot::OS_IDLE;
+    const bool blEntered = poslogslot && poslogslot->u32Busy.compare_exchange_strong(u32Busy, OsLogSlot::OS_INSIDE);
+    if (blEntered)
+    {
+        FlushKept();
+        Leave(*poslogslot);
+    }
+    else if (poslogslot && u32Busy == OsLogSlot::OS_INSIDE)
+    {
+        poslogslot->blFlushWanted = true;
+    }
+    else
+    {
+        FlushKept();
+    }
+}
