@@ -2,7 +2,6 @@
 // should be. Cases named Peer are the second process of another case.
 #include "os_cosmem.h"
 
-#include "cfg_fake.h"
 #include "test_support.h"
 
 #include "plat_memory.h"
@@ -38,7 +37,7 @@ protected:
 
     std::string m_strFile = PathOf("shared.mem");
     LogCapture m_logcapture;
-    CfgFake m_cfgfake;
+    FakeConfiguration m_cfgfake;
     COsMem m_osmem;
 };
 
@@ -80,7 +79,7 @@ TEST_F(Shared, APageFileMemoryIsFoundByTheLinkInTheFile)
                static_cast<unsigned long long>(PlatProcessId()), strDump.substr(strDump.find(" m:") + 3, 16).c_str());
     EXPECT_EQ(ReadWhole(m_strFile), szLink);
 
-    m_cfgfake.m_mapstrValue[OS_CFGTAG_FORCEMEMORYMAP] = "1";   // the opener's own mode does not matter
+    m_cfgfake.Set(OS_CFGTAG_FORCEMEMORYMAP, "1");   // the opener's own mode does not matter
     char* const pcOpened = Open();
     ASSERT_NE(pcOpened, nullptr);
     Put(pcOpened, "text");
@@ -97,19 +96,19 @@ TEST_F(Shared, APageFileMemoryIsFoundByTheLinkInTheFile)
 TEST_F(Shared, TheModeIsChosenOnceFromTheSettings)
 {
     const std::tuple<std::string, int64_t, std::string, bool> acase[] = {
-        {"0", 10, "is OS_SHAREDMODE_MAPPAGEFILEASNEEDED", true},
-        {"0", 7, "is OS_SHAREDMODE_MAPFILEASNEEDED", false},
-        {"2", 10, "is OS_SHAREDMODE_MAPFILEALL", false},
-        {"4", 7, "is OS_SHAREDMODE_MAPPAGEFILEALL", true},
-        {"5", 7, "is OS_SHAREDMODE_LAST", true},
-        {"77", 7, "is unknown...77", true}};
+        {"0", 18, "is OS_SHAREDMODE_MAPPAGEFILEASNEEDED", true},
+        {"0", 12, "is OS_SHAREDMODE_MAPFILEASNEEDED", false},
+        {"2", 18, "is OS_SHAREDMODE_MAPFILEALL", false},
+        {"4", 12, "is OS_SHAREDMODE_MAPPAGEFILEALL", true},
+        {"5", 12, "is OS_SHAREDMODE_LAST", true},
+        {"77", 12, "is unknown...77", true}};
     m_logcapture.m_u32WorkingWord = 1;
     for (const auto& [strForce, i64Version, strMode, blLink] : acase)
     {
         m_logcapture.Clear();
         const COsMem osmem;
-        m_cfgfake.m_mapstrValue[OS_CFGTAG_FORCEMEMORYMAP] = strForce;
-        m_cfgfake.m_mapi64Info[OS_CFGINFO_WINDOWSVERSION] = i64Version;
+        m_cfgfake.Set(OS_CFGTAG_FORCEMEMORYMAP, strForce);
+        m_cfgfake.SetInfo(OS_CFGINFO_OS_ID, i64Version);
         Release(Create(0));
         void* const pvView = Create(0);
         EXPECT_EQ(ReadWhole(m_strFile).starts_with("<osmem>"), blLink) << strMode;

@@ -1,7 +1,6 @@
 // The tracker: what a block is, what is counted and recorded, what is told when something is wrong.
 #include "os_cosmem.h"
 
-#include "cfg_fake.h"
 #include "test_support.h"
 
 #include <cstring>
@@ -45,7 +44,7 @@ protected:
     }
 
     LogCapture m_logcapture;
-    CfgFake m_cfgfake;
+    FakeConfiguration m_cfgfake;
     COsMem m_osmem;
 };
 
@@ -148,7 +147,7 @@ static std::string Shape(const std::string& a_strText)
 
 TEST_F(Tracker, AFailedAllocationLogsTheTableAndLeavesACrashReport)
 {
-    m_cfgfake.m_mapstrValue[OS_CFGTAG_LOGDIRECTORY] = PathOf("logs");
+    m_cfgfake.Set(OS_CFGTAG_LOGDIRECTORY, PathOf("logs"));
     std::filesystem::create_directory(PathOf("logs"));
     void* const pvLive = Alloc(36);
     for (const size_t sizetBytes : {SIZE_MAX / 2, SIZE_MAX})
@@ -162,7 +161,7 @@ TEST_F(Tracker, AFailedAllocationLogsTheTableAndLeavesACrashReport)
     EXPECT_EQ(m_osmem.GetCounts().u32Current, 1u);
     Free(pvLive);
 
-    m_cfgfake.m_mapstrValue[OS_CFGTAG_LOGDIRECTORY] = PathOf("missing\\");
+    m_cfgfake.Set(OS_CFGTAG_LOGDIRECTORY, PathOf("missing\\"));
     EXPECT_EQ(Alloc(SIZE_MAX), nullptr);
     EXPECT_TRUE(m_logcapture.HasPart("mem>>> error creating...<" + PathOf("missing\\") + "MvrMemCrash_"));
 

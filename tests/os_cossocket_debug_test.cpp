@@ -1,5 +1,4 @@
 // os_cossocket_debug_test.cpp: the data trace and the side log.
-#include "cfg_fake.h"
 #include "socket_support.h"
 
 #include "plat_thread.h"
@@ -13,8 +12,9 @@ static std::string TraceName()
 
 TEST_F(SocketDebugTest, TraceShowsWhatWasSentAndReceived)
 {
-    CfgFake cfgfake;
-    cfgfake.m_mapstrValue = {{OS_CFGTAG_DEBUGSOCKETS, "1"}, {OS_CFGTAG_LOGDIRECTORY, m_path.string() + "//"}};
+    FakeConfiguration cfgfake;
+    cfgfake.Set(OS_CFGTAG_DEBUGSOCKETS, "1");
+    cfgfake.Set(OS_CFGTAG_LOGDIRECTORY, m_path.string() + "//");
     SocketPair socketpair;
     EXPECT_EQ(Send(socketpair.client, "\x0a\x0b\x0c"), EOSSTS_SUCCESS);
     EXPECT_EQ(ReadWhole(PathOf(TraceName())), "\n001 wr: 0a 0b 0c\n");
@@ -35,8 +35,8 @@ TEST_F(SocketDebugTest, TraceShowsWhatWasSentAndReceived)
 TEST_F(SocketDebugTest, SideLogTellsOnlyWhatComesWithAnError)
 {
     setenv("MVR_SOCKETSIDELOG", "1", 1);
-    CfgFake cfgfake;
-    cfgfake.m_mapstrValue = {{OS_CFGTAG_LOGDIRECTORY, m_path.string()}};
+    FakeConfiguration cfgfake;
+    cfgfake.Set(OS_CFGTAG_LOGDIRECTORY, m_path.string());
     SocketPair socketpair;
     socketpair.client.SocketDisconnect(false);
     PlatSetLastError(0);

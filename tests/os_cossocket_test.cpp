@@ -1,5 +1,4 @@
 // os_cossocket_test.cpp: listening, connecting, reading, writing and letting go.
-#include "cfg_fake.h"
 #include "socket_support.h"
 
 #include <array>
@@ -304,10 +303,10 @@ TEST_F(SocketTest, DisconnectedObjectSaysSoAndCanBeUsedAgain)
 
 TEST_F(SocketTest, ConfigurationSetsOptionsAndIsCheckedOnce)
 {
-    CfgFake cfgfake;
-    cfgfake.m_mapstrValue = {{OS_CFGTAG_FORCENETKEEPALIVE, "0x1"},
-                             {OS_CFGTAG_FORCENETNODELAY, "2"},
-                             {OS_CFGTAG_FORCEHTTPSCLIENTCERTIFICATE, "Subject"}};
+    FakeConfiguration cfgfake;
+    cfgfake.Set(OS_CFGTAG_FORCENETKEEPALIVE, "0x1");
+    cfgfake.Set(OS_CFGTAG_FORCENETNODELAY, "2");
+    cfgfake.Set(OS_CFGTAG_FORCEHTTPSCLIENTCERTIFICATE, "Subject");
     SocketPair socketpair;
     EXPECT_FALSE(m_logcapture.HasPart("setsockopt"));
     EXPECT_EQ(

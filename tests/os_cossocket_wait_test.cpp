@@ -1,5 +1,4 @@
 // os_cossocket_wait_test.cpp: what ends a wait, in which order, and what disconnecting does to it.
-#include "cfg_fake.h"
 #include "os_cossync.h"
 #include "os_costhread.h"
 #include "socket_support.h"
@@ -192,8 +191,8 @@ TEST_F(SocketWaitTest, ConnectWithoutAnswerTimesOutOrIsCancelledOrEndsWithThePro
 
 TEST_F(SocketWaitTest, DisconnectFromAnotherThreadEndsReadsAndAcceptsAndNothingElse)
 {
-    CfgFake cfgfake;
-    cfgfake.m_mapstrValue = {{OS_CFGTAG_FORCENETCLOSEDELAY, "20"}};   // ms that a graceful end waits for the peer
+    FakeConfiguration cfgfake;
+    cfgfake.Set(OS_CFGTAG_FORCENETCLOSEDELAY, "20");   // ms that a graceful end waits for the peer
     for (int iRound = 0; iRound < 50; ++iRound)
     {
         SocketPair socketpair;

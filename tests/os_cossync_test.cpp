@@ -1,5 +1,4 @@
 // os_cossync_test.cpp: events between threads and between processes, groups of events, watched processes.
-#include "cfg_fake.h"
 #include "os_cosmem.h"
 #include "os_cossync.h"
 #include "plat_child.h"
@@ -164,7 +163,7 @@ TEST_F(NamedEvent, WaitEndsWithTheWatchedProcess)
 class GroupedEvent : public FolderTest
 {
 protected:
-    GroupedEvent() { m_cfgfake.m_mapstrValue[OS_CFGTAG_ROOTCOMMONDIRECTORY] = m_path.string(); }
+    GroupedEvent() { m_cfgfake.Set(OS_CFGTAG_ROOTCOMMONDIRECTORY, m_path.string()); }
 
     // Fills the group with "event0" to "event7".
     void FillGroup()
@@ -181,7 +180,7 @@ protected:
     }
     static std::string Bytes(uint64_t a_u64) { return {reinterpret_cast<const char*>(&a_u64), sizeof a_u64}; }
 
-    CfgFake m_cfgfake;
+    FakeConfiguration m_cfgfake;
     COsMem m_osmem;
     std::list<COsSync> m_listossync;
 };

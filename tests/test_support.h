@@ -2,6 +2,7 @@
 // whole files.
 #pragma once
 
+#include "os_cfg.h"
 #include "os_cosstring.h"
 #include "os_log.h"
 
@@ -11,10 +12,12 @@
 #include <gtest/gtest.h>
 
 #include <algorithm>
+#include <atomic>
 #include <cstdlib>
 #include <filesystem>
 #include <fstream>
 #include <iterator>
+#include <map>
 #include <mutex>
 #include <string>
 #include <vector>
@@ -111,6 +114,68 @@ private:
     std::vector<Line> m_vecline;
 };
 
+// A configuration that knows what a case tells it.
+class FakeConfiguration final : public COsCfgSource
+{
+public:
+    FakeConfiguration() { g_poscfgsource.store(this); }
+    ~FakeConfiguration() { g_poscfgsource.store(nullptr); }
+
+    const char* GetString(EOSCFGSECTION, EOSCFGTAG a_eoscfgtag) override
+    {
+        const std::lock_guard<std::mutex> guard(m_mutex);
+        return m_mapstrTag[a_eoscfgtag].c_str();
+    }
+    const char* InfoGetString(EOSCFGINFO) override { return "(nodata)"; }
+    int64_t InfoGetLong(EOSCFGINFO a_eoscfginfo) override
+    {
+        const std::lock_guard<std::mutex> guard(m_mutex);
+        return m_mapi64Info[a_eoscfginfo];
+    }
+    EOSSTS GetPath(EOSPATH a_eospath, char* a_szPath, size_t a_sizetPath) override
+    {
+        const std::lock_guard<std::mutex> guard(m_mutex);
+        SStrCpy(a_szPath, a_sizetPath, m_mapstrPath[a_eospath].c_str());
+        return *a_szPath ? EOSSTS_SUCCESS : EOSSTS_FAIL;
+    }
+    void ManageLogDirectories(const char* a_szLogFolder) override
+    {
+        const std::lock_guard<std::mutex> guard(m_mutex);
+        m_vecstrManaged.push_back(a_szLogFolder);
+    }
+    void ReleaseManagedDirectory() override { ++m_uReleased; }
+
+    void Set(EOSCFGTAG a_eoscfgtag, const std::string& a_strValue)
+    {
+        const std::lock_guard<std::mutex> guard(m_mutex);
+        m_mapstrTag[a_eoscfgtag] = a_strValue;
+    }
+    void SetPath(EOSPATH a_eospath, const std::string& a_strPath)
+    {
+        const std::lock_guard<std::mutex> guard(m_mutex);
+        m_mapstrPath[a_eospath] = a_strPath;
+    }
+    void SetInfo(EOSCFGINFO a_eoscfginfo, int64_t a_i64Value)
+    {
+        const std::lock_guard<std::mutex> guard(m_mutex);
+        m_mapi64Info[a_eoscfginfo] = a_i64Value;
+    }
+    std::vector<std::string> Managed()
+    {
+        const std::lock_guard<std::mutex> guard(m_mutex);
+        return m_vecstrManaged;
+    }
+
+    std::atomic<unsigned> m_uReleased = 0;
+
+private:
+    std::mutex m_mutex;
+    std::map<EOSCFGTAG, std::string> m_mapstrTag;
+    std::map<EOSPATH, std::string> m_mapstrPath;
+    std::map<EOSCFGINFO, int64_t> m_mapi64Info;
+    std::vector<std::string> m_vecstrManaged;
+};
+
 // A case with a temporary folder of its own, below which everything that the library keeps is found as well.
 class FolderTest : public testing::Test
 {
@@ -119,7 +184,8 @@ protected:
     {
         std::string strTemplate = (std::filesystem::temp_directory_path() / "ost.XXXXXX").string();
         m_path = mkdtemp(strTemplate.data());
-        for (const char* szName : {"LOCALAPPDATA", "APPDATA", "PROGRAMDATA", "MVR_DRIVEROOT", "MVR_EVENTROOT"})
+        for (const char* szName :
+             {"LOCALAPPDATA", "APPDATA", "PROGRAMDATA", "SYSTEMROOT", "MVR_DRIVEROOT", "MVR_EVENTROOT"})
             setenv(szName, (m_path / "system" / szName).c_str(), 1);
     }
     ~FolderTest() override

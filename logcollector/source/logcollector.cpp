@@ -69,6 +69,7 @@ static void RunCollect(const LogCollectorArgs& a_logcollectorargs, char* a_szFol
     COsLogCollector oslogcollector(a_logcollectorargs.collectormode, nullptr);
     if (!oslogcollector.IsUsable())
         return;
+    oslogcollector.SetApplication(static_cast<uint64_t>(a_logcollectorargs.i64ProcessIdApplication));
     oslogcollector.Start(nullptr, false);
     WatchApplication(a_logcollectorargs.i64ProcessIdApplication);
     LetReadersSettle();

@@ -21,14 +21,43 @@ long OsCfgGetLong(EOSCFGTAG a_eoscfgtag)
     return std::strtol(OsCfgGetString(a_eoscfgtag), nullptr, 0);
 }
 
-EOSSTS OsCfgGetInfo(EOSCFGINFO a_eoscfginfo, int64_t* a_pi64Value)
+const char* OsCfgInfoGetString(EOSCFGINFO a_eoscfginfo)
 {
     COsCfgSource* const poscfgsource = Source();
-    return poscfgsource ? poscfgsource->GetInfo(a_eoscfginfo, a_pi64Value) : EOSSTS_FAIL;
+    return poscfgsource ? poscfgsource->InfoGetString(a_eoscfginfo) : "(nodata)";
+}
+
+int64_t OsCfgInfoGetLong(EOSCFGINFO a_eoscfginfo)
+{
+    COsCfgSource* const poscfgsource = Source();
+    return poscfgsource ? poscfgsource->InfoGetLong(a_eoscfginfo) : 0;
+}
+
+EOSSTS OsCfgGetPath(EOSPATH a_eospath, char* a_szPath, size_t a_sizetPath)
+{
+    if (COsCfgSource* const poscfgsource = Source())
+        return poscfgsource->GetPath(a_eospath, a_szPath, a_sizetPath);
+    if (a_szPath && a_sizetPath)
+        *a_szPath = 0;
+    return EOSSTS_FAIL;
 }
 
 void OsCfgManageLogDirectories(const char* a_szLogFolder)
 {
     if (COsCfgSource* const poscfgsource = Source())
         poscfgsource->ManageLogDirectories(a_szLogFolder);
+}
+
+void OsCfgReleaseManaged()
+{
+    if (COsCfgSource* const poscfgsource = Source())
+        poscfgsource->ReleaseManagedDirectory();
+}
+
+std::atomic<OsCfgCommonProc> g_poscfgcommonproc{nullptr};
+
+const char* OsCfgGetCommon(const char* a_szKey, const char* a_szDefault)
+{
+    const OsCfgCommonProc poscfgcommonproc = g_poscfgcommonproc.load(std::memory_order_acquire);
+    return poscfgcommonproc ? poscfgcommonproc(a_szKey, a_szDefault) : a_szDefault;
 }

@@ -3,6 +3,7 @@
 
 #include "os_cosenv.h"
 #include "os_cosspinlock.h"
+#include "os_cosstring.h"
 
 #include <atomic>
 
@@ -47,4 +48,17 @@ bool OsArgumentsIsServicesOwner()
 void OsArgumentsSetServicesOwner(bool a_blOwner)
 {
     g_blServicesOwner.store(a_blOwner, std::memory_order_relaxed);
+}
+
+static char g_aszArgument[OS_ARGUMENT_LAST][OS_PATHSIZE];
+
+const char* OsArgumentsGet(EOSARGUMENT a_eosargument)
+{
+    return a_eosargument < OS_ARGUMENT_LAST ? g_aszArgument[a_eosargument] : "";
+}
+
+void OsArgumentsSet(EOSARGUMENT a_eosargument, const char* a_szValue)
+{
+    if (a_eosargument < OS_ARGUMENT_LAST)
+        SStrCpy(g_aszArgument[a_eosargument], OS_PATHSIZE, a_szValue);
 }

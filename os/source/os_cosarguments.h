@@ -22,3 +22,25 @@ void OsArgumentsSetCollector(const OsCollectorIdentity& a_oscollectoridentity);
 
 bool OsArgumentsIsServicesOwner();
 void OsArgumentsSetServicesOwner(bool a_blOwner);
+
+// What this process was told about itself: by its own document, by its parent, by an override. "" for what it was not
+// told. The texts change only while the library starts.
+enum EOSARGUMENT : uint32_t
+{
+    OS_ARGUMENT_UNIQUENAME = 0,   // of the program
+    OS_ARGUMENT_CALLERSUNIQUENAME,
+    OS_ARGUMENT_OVERRIDEFOLDER,
+    OS_ARGUMENT_MODELDIRECTORY,
+    OS_ARGUMENT_LOGPATH,
+    OS_ARGUMENT_LOGLEVEL,
+    OS_ARGUMENT_LOGFILTER,
+    OS_ARGUMENT_LOGMODEL,
+    OS_ARGUMENT_DRVLETIDENTITY,
+    OS_ARGUMENT_APPLICATION,
+    OS_ARGUMENT_ROOTPATH,
+    OS_ARGUMENT_LEGACYROOTPATH,
+    OS_ARGUMENT_USERROOTPATH,
+    OS_ARGUMENT_LAST,
+};
+const char* OsArgumentsGet(EOSARGUMENT a_eosargument);
+void OsArgumentsSet(EOSARGUMENT a_eosargument, const char* a_szValue);   // at most 511 characters

@@ -130,3 +130,7 @@ EOSSTS Base64Decode(void* a_pvDestination, size_t a_sizetDestination, size_t* a_
 // Escapes for a URL into 2048 bytes. EOSSTS_NOMEMORY when it might not fit.
 inline constexpr size_t OS_URLSIZE = 2048;
 EOSSTS UrlEncode(char* a_szDestination, size_t* a_psizetLength, const void* a_pvSource, size_t a_sizetSource);
+
+// Logs what the process has used so far, at level 4 under the caller's name, while diagnostics are wanted and the
+// system tells it.
+void OsMemLogUsage(const char* a_szFile, uint32_t a_u32Line);

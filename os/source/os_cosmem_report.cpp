@@ -262,3 +262,16 @@ void OsMemWriteCrashReport()
     PutReport(plathandle, plattime);
     OSLOG(OS_LOG_NOTE, "mem>>> DumpSystem complete...");
 }
+
+void OsMemLogUsage(const char* a_szFile, uint32_t a_u32Line)
+{
+    PlatMemoryUsage platmemoryusage;
+    if (OsLogWorkingWord() == 0 || !PlatMemoryGetUsage(&platmemoryusage))
+        return;
+    OSLOG_AT(a_szFile, a_u32Line, OS_LOG_NOTE,
+             "mem>>> pagefaults:%u peakworking:%llu pagefileusage:%llu peakpagefileusage:%llu",
+             static_cast<unsigned>(platmemoryusage.u32PageFaults),
+             static_cast<unsigned long long>(platmemoryusage.u64PeakWorkingSet),
+             static_cast<unsigned long long>(platmemoryusage.u64PagefileUsage),
+             static_cast<unsigned long long>(platmemoryusage.u64PeakPagefileUsage));
+}

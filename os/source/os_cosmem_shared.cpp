@@ -23,6 +23,8 @@ static constexpr const char* g_aszSharedMode[] = {
     "mem>>> shared mode is OS_SHAREDMODE_MAPPAGEFILEALL", "mem>>> shared mode is OS_SHAREDMODE_LAST"};
 static_assert(std::size(g_aszSharedMode) == OS_SHAREDMODE_LAST + 1);
 
+static constexpr int64_t g_i64Win7 = 12;   // the id of the system whose page-file mappings are not relied on
+
 static void TraceSharedMode(EOSSHAREDMODE a_eossharedmode, long a_lForce, int64_t a_i64Platform, int64_t a_i64Version)
 {
     if (OsLogWorkingWord() == 0)
@@ -46,13 +48,11 @@ EOSSHAREDMODE COsMemImpl::SharedMode()
             return m_eossharedmode;
     }
     const long lForce = OsCfgGetLong(OS_CFGTAG_FORCEMEMORYMAP);
-    int64_t i64Platform = 0;
-    int64_t i64Version = 0;
-    OsCfgGetInfo(OS_CFGINFO_PLATFORM, &i64Platform);
-    const bool blVersion = OsCfgGetInfo(OS_CFGINFO_WINDOWSVERSION, &i64Version) == EOSSTS_SUCCESS;
-    const EOSSHAREDMODE eossharedmode = lForce != 0                    ? static_cast<EOSSHAREDMODE>(lForce)
-                                        : blVersion && i64Version == 7 ? OS_SHAREDMODE_MAPFILEASNEEDED
-                                                                       : OS_SHAREDMODE_MAPPAGEFILEASNEEDED;
+    const int64_t i64Platform = OsCfgInfoGetLong(OS_CFGINFO_OS_PLATFORM);
+    const int64_t i64Version = OsCfgInfoGetLong(OS_CFGINFO_OS_ID);
+    const EOSSHAREDMODE eossharedmode = lForce != 0               ? static_cast<EOSSHAREDMODE>(lForce)
+                                        : i64Version == g_i64Win7 ? OS_SHAREDMODE_MAPFILEASNEEDED
+                                                                  : OS_SHAREDMODE_MAPPAGEFILEASNEEDED;
     {
         const COsSpinGuard guard(&m_u64Lock);
         if (m_eossharedmode != OS_SHAREDMODE_UNDEFINED)

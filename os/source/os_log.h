@@ -74,14 +74,21 @@ int OsLogGetState();
 // Applies a new value and returns the previous one: 99 stays, 88 is left only for 11, 11 is stored as 0.
 int OsLogSetState(int a_iState);
 
-// Suppresses this process's logging for the life of the object.
+// Suppresses this process's logging for the life of the object. Whoever finds it suppressed already leaves it to the
+// other to allow it again: who restored what he found could suppress it for good.
 class COsLogSuppress
 {
 public:
-    COsLogSuppress() : m_iState(OsLogGetState()) { OsLogSetState(OS_LOGSTATE_SUPPRESSED); }
-    ~COsLogSuppress() { OsLogSetState(m_iState); }
+    COsLogSuppress() : m_iState(OsLogSetState(OS_LOGSTATE_SUPPRESSED)) {}
+    ~COsLogSuppress()
+    {
+        if (m_iState != OS_LOGSTATE_SUPPRESSED)
+            OsLogSetState(m_iState);
+    }
     COsLogSuppress(const COsLogSuppress&) = delete;
     COsLogSuppress& operator=(const COsLogSuppress&) = delete;
+
+    bool WasAllowed() const { return m_iState == OS_LOGSTATE_ON; }
 
 private:
     int m_iState;

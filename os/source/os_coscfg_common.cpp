@@ -1,0 +1,143 @@
+// os_coscfg_common.cpp: the common settings file, a flat list of global switches: its lines, its loading, the lookups.
+#include "os_coscfg_impl.h"
+
+#include "os_cosfile_system.h"
+#include "os_cosstring.h"
+
+#include <cstring>
+#include <new>
+
+namespace
+{
+// ---------------------------------------------------------------------------------------------------------- the lines
+
+class CommonSettings
+{
+public:
+    // Leaves the list empty when there is no file.
+    void Load();
+    const char* Find(const char* a_szKey) const;   // null when it is absent
+
+private:
+    static constexpr size_t OS_ENTRIES = 128;
+    struct Entry
+    {
+        const char* szKey;
+        const char* szValue;
+    };
+    void Take(char* a_szLine);
+
+    char m_szText[OS_CFGFILESIZE];
+    Entry m_aentry[OS_ENTRIES];
+    size_t m_sizetEntries = 0;
+};
+
+bool IsSpace(char a_ch)
+{
+    return a_ch == ' ' || (a_ch >= '\t' && a_ch <= '\r');
+}
+
+// In place.
+char* Trimmed(char* a_szText)
+{
+    while (IsSpace(*a_szText))
+        ++a_szText;
+    size_t sizetLength = std::strlen(a_szText);
+    while (sizetLength > 0 && IsSpace(a_szText[sizetLength - 1]))
+        a_szText[--sizetLength] = 0;
+    return a_szText;
+}
+
+void CommonSettings::Take(char* a_szLine)
+{
+    const char chFirst = a_szLine[std::strspn(a_szLine, " \t")];
+    const bool blControl = static_cast<unsigned char>(chFirst) < ' ' || chFirst == '\x7F';   // an empty line as well
+    if (blControl || chFirst == ';' || chFirst == '=' || chFirst == '[' || m_sizetEntries == OS_ENTRIES)
+        return;
+    char* const szEqual = std::strchr(a_szLine, '=');
+    if (szEqual)
+        *szEqual = 0;
+    char* const szValue = szEqual ? szEqual + 1 : a_szLine + std::strlen(a_szLine);
+    m_aentry[m_sizetEntries++] = {Trimmed(a_szLine), Trimmed(szValue)};
+}
+
+// -------------------------------------------------------------------------------------------------------- the loading
+
+bool FindFile(char (&a_szPath)[OS_PATHSIZE])
+{
+    a_szPath[0] = 0;
+    OsCfgResolvePath(OS_PATH_READABLE_FILE_COMMON_CONSTINI, a_szPath, sizeof a_szPath);
+    if (!a_szPath[0] || OsFileExists(a_szPath, true))
+        return a_szPath[0] != 0;
+    SStrCat(a_szPath, sizeof a_szPath, ".txt");
+    return a_szPath[0] && OsFileExists(a_szPath, true);
+}
+
+void CommonSettings::Load()
+{
+    char szPath[OS_PATHSIZE];
+    if (!FindFile(szPath) || OsCfgReadText(szPath, true, m_szText, sizeof m_szText) != EOSSTS_SUCCESS)
+        return;
+    char* szText = m_szText;
+    while (char* const szLine = OsCfgNextLine(&szText))
+        Take(szLine);
+}
+
+const char* CommonSettings::Find(const char* a_szKey) const
+{
+    for (size_t sizet = 0; sizet < m_sizetEntries; ++sizet)
+    {
+        if (StrICmp(m_aentry[sizet].szKey, a_szKey) == 0)
+            return m_aentry[sizet].szValue;
+    }
+    return nullptr;
+}
+
+std::atomic<const CommonSettings*> g_pcommonsettings{nullptr};
+thread_local bool g_blLoading = false;
+
+// The settings of the process, null without memory and while this thread loads them. No lock: a loader logs, the
+// logger reads settings, and whoever waited for the loader might hold what the logger needs. Should two threads load at
+// once, one result is kept.
+const CommonSettings* Settings()
+{
+    const CommonSettings* pcommonsettings = g_pcommonsettings.load(std::memory_order_acquire);
+    if (pcommonsettings || g_blLoading)
+        return pcommonsettings;
+
+    std::unique_ptr<CommonSettings> commonsettings(new (std::nothrow) CommonSettings);
+    if (!commonsettings)
+        return nullptr;
+    g_blLoading = true;
+    commonsettings->Load();
+    g_blLoading = false;
+    return g_pcommonsettings.compare_exchange_strong(pcommonsettings, commonsettings.get(), std::memory_order_acq_rel)
+               ? commonsettings.release()
+               : pcommonsettings;
+}
+}   // namespace
+
+// -------------------------------------------------------------------------------------------------------- the lookups
+
+const char* OsCfgCommonGet(const char* a_szKey, const char* a_szDefault, bool* a_pblFound)
+{
+    const CommonSettings* const pcommonsettings = a_szKey && *a_szKey ? Settings() : nullptr;
+    const char* const szValue = pcommonsettings ? pcommonsettings->Find(a_szKey) : nullptr;
+    if (a_pblFound)
+        *a_pblFound = szValue != nullptr;
+    if (szValue)
+        return szValue;
+    return a_szDefault ? a_szDefault : "";
+}
+
+bool OsCfgCommonIsYes(const char* a_szKey, const char* a_szDefault)
+{
+    return StrICmp(OsCfgCommonGet(a_szKey, a_szDefault), "yes") == 0;
+}
+
+void OsCfgCommonInstall()
+{
+    g_poscfgcommonproc.store(
+        [](const char* a_szKey, const char* a_szDefault) { return OsCfgCommonGet(a_szKey, a_szDefault); },
+        std::memory_order_release);
+}

@@ -1,0 +1,308 @@
+// os_coscfg_directories.cpp: the directory set: the program, the roots, what lies below them, the log folder, the
+// names of INI files, and the folders that are created.
+//
+//   legacy root        program data \ brand
+//   per-user root      the user's application data \ brand
+//   shared root        the one of the two that this process uses
+//   chosen root        the same, or the root that the parent process gives
+//
+// Each has "common", "device", a model folder, and the user folder <model> \ <unique name>, in which the log folders
+// "log.<start time>" lie.
+#include "os_coscfg_impl.h"
+
+#include "os_cosarguments.h"
+#include "os_cosenv.h"
+#include "os_cosfile_paths.h"
+#include "os_cosfile_system.h"
+#include "os_coslog.h"
+#include "os_cosstring.h"
+#include "os_log.h"
+
+#include <cstring>
+
+static constexpr char g_szSource[] = "os/source/os_coscfg";
+
+// All members are buffers of this size.
+using PathBuffer = char[OS_PATHSIZE];
+
+namespace
+{
+void SetJoined(PathBuffer& a_szPath, const char* a_szFolder, std::initializer_list<const char*> a_components)
+{
+    SStrCpy(a_szPath, sizeof a_szPath, a_szFolder);
+    OsCfgPathJoin(a_szPath, a_components);
+}
+
+void SetArgumentOr(PathBuffer& a_szPath, EOSARGUMENT a_eosargument, const char* a_szElse)
+{
+    const char* const szGiven = OsArgumentsGet(a_eosargument);
+    OsPathCopy(a_szPath, sizeof a_szPath, *szGiven ? szGiven : a_szElse);
+}
+
+const char* FileNameOf(const char* a_szPath)
+{
+    const char* const szLast = std::strrchr(a_szPath, '\\');
+    return szLast ? szLast + 1 : a_szPath;
+}
+
+// Empty for a path without one.
+void CutFileName(PathBuffer& a_szPath)
+{
+    size_t sizetFolder = 0;
+    OsPathSplit(a_szPath, &sizetFolder, nullptr);
+    a_szPath[sizetFolder] = 0;
+}
+
+// The log file that the logger writes already; empty without one.
+void CurrentLogFile(PathBuffer& a_szPath)
+{
+    const COsLog* const poslog = OsLogGet();
+    OsPathCopy(a_szPath, sizeof a_szPath, poslog ? poslog->LogFile() : "");
+}
+
+// In text of any encoding only ASCII letters can be told.
+void MakeLower(char* a_szText)
+{
+    for (char* sz = a_szText; *sz; ++sz)
+        *sz = *sz >= 'A' && *sz <= 'Z' ? static_cast<char>(*sz - 'A' + 'a') : *sz;
+}
+}   // namespace
+
+bool COsCfgImpl::SetDirectories()
+{
+    SetProgram();
+    SetRoots();
+    SetFolders();
+    SetLogFolder();
+    SetConstIniNames();
+    if (!*m_szLegacyRootWriteableDirectory || !*m_szUserDirectory || (!UsesOthersLog() && !*m_szLogFilename))
+        return false;
+    CreateFolders();
+    return true;
+}
+
+// A utility logs into the file of the program that it works for.
+bool COsCfgImpl::UsesOthersLog() const
+{
+    return m_eoscfgentity == OS_CFGENTITY_UTILITY || m_eoscfgentity == OS_CFGENTITY_APPUTILITY;
+}
+
+// The library is linked into the program, so it is the module as well.
+void COsCfgImpl::SetProgram()
+{
+    OsCfgSpecialFolder(m_szSystemDirectory, sizeof m_szSystemDirectory, OS_SPECIALFOLDER_SYSTEM);
+    OsCfgResolvePath(OS_PATH_READABLE_FILE_MODULEPATH, m_szLibraryPath, sizeof m_szLibraryPath);
+    m_szLibraryName = FileNameOf(m_szMainProgram);
+    CutFileName(m_szLibraryPath);
+    SStrCpy(m_szHomeDirectory, sizeof m_szHomeDirectory, m_szMainProgram);
+    SStrCpy(m_szProgramFileName, sizeof m_szProgramFileName, FileNameOf(m_szMainProgram));
+    CutFileName(m_szHomeDirectory);
+}
+
+// ------------------------------------------------------------------------------------------------------- the roots
+
+// Replaces the name of the default user's folder, when the path lies in it. A profile right below the root of the file
+// system has no neighbours.
+static void MoveToUser(PathBuffer& a_szPath, const char* a_szUser)
+{
+    PathBuffer szProfile;
+    OsCfgSpecialFolder(szProfile, sizeof szProfile, OS_SPECIALFOLDER_DEFAULTUSER_PROFILE);
+    const ptrdiff_t ptrdiffParent = FileNameOf(szProfile) - szProfile;
+    if (ptrdiffParent <= 1 || !OsCfgPathLiesBelow(a_szPath, szProfile))
+        return;
+    PathBuffer szRest;
+    SStrCpy(szRest, sizeof szRest, a_szPath + std::strlen(szProfile));
+    a_szPath[ptrdiffParent] = 0;
+    OsCfgPathJoin(a_szPath, {a_szUser, szRest});
+}
+
+// A service works for whoever worked here last; a_szUser is empty when nobody did.
+static void UserRoot(PathBuffer& a_szPath, const char* a_szUser)
+{
+    if (!OsCfgIsService())
+    {
+        OsCfgResolvePath(OS_PATH_WRITEABLE_FOLDER_BRAND_USER, a_szPath, sizeof a_szPath);
+        return;
+    }
+    OsCfgSpecialFolder(a_szPath, sizeof a_szPath, OS_SPECIALFOLDER_DEFAULTUSER_APPDATA);
+    if (*a_szUser)
+        MoveToUser(a_szPath, a_szUser);
+    OsCfgPathJoin(a_szPath, {OsCfgBrandFolder()});
+}
+
+void COsCfgImpl::SetRoots()
+{
+    PathBuffer szFolder;
+    OsCfgResolvePath(OS_PATH_WRITEABLE_FOLDER_BRAND_LEGACY, szFolder, sizeof szFolder);
+    SetArgumentOr(m_szLegacyRootWriteableDirectory, OS_ARGUMENT_LEGACYROOTPATH, szFolder);
+
+    char szUser[256] = "";
+    if (OsCfgIsService())
+        OsCfgLastUser(szUser, sizeof szUser);
+    UserRoot(szFolder, szUser);
+    if (OsCfgIsCertificationHost())
+        SStrCpy(szFolder, sizeof szFolder, m_szLegacyRootWriteableDirectory);
+    SetArgumentOr(m_szUserRootWriteableDirectory, OS_ARGUMENT_USERROOTPATH, szFolder);
+
+    // A service that knows no user would write into the default user's folder.
+    m_blUsersFolder = OsCfgCommonIsYes("UseUsersFolder", "yes") && (!OsCfgIsService() || *szUser);
+    SStrCpy(m_szSharedRootWriteableDirectory, sizeof m_szSharedRootWriteableDirectory,
+            m_blUsersFolder ? m_szUserRootWriteableDirectory : m_szLegacyRootWriteableDirectory);
+    SetArgumentOr(m_szRootWriteableDirectory, OS_ARGUMENT_ROOTPATH, m_szSharedRootWriteableDirectory);
+    OsCfgResolvePath(OS_PATH_WRITEABLE_FOLDER_ROOT, m_szRootDirectory, sizeof m_szRootDirectory);
+}
+
+// ------------------------------------------------------------------------------------------------ below the roots
+
+// The name of the folder three levels above the log file, <model> \ <unique name> \ log.<time> \ <file>; empty when it
+// has fewer.
+static void ModelOfLogFile(char* a_szModel, size_t a_sizetModel)
+{
+    PathBuffer szPath;
+    CurrentLogFile(szPath);
+    for (int i = 0; i < 3; ++i)
+        CutFileName(szPath);
+    SStrCpy(a_szModel, a_sizetModel, FileNameOf(szPath));
+}
+
+void COsCfgImpl::FindLogModel(char* a_szModel, size_t a_sizetModel) const
+{
+    const char* szModel = OsArgumentsGet(OS_ARGUMENT_MODELDIRECTORY);
+    if (!*szModel && UsesOthersLog())
+    {
+        ModelOfLogFile(a_szModel, a_sizetModel);
+        return;
+    }
+    if (!*szModel)
+    {
+        const bool blApplication = m_eoscfgentity == OS_CFGENTITY_APPLICATION;
+        const char* const szOther =
+            m_eoscfgentity == OS_CFGENTITY_DRIVER ? m_szLibraryName : OsArgumentsGet(OS_ARGUMENT_LOGMODEL);
+        szModel = blApplication ? m_szFudge : szOther;
+    }
+    SStrCpy(a_szModel, a_sizetModel, szModel);
+}
+
+void COsCfgImpl::SetFolders()
+{
+    char szModel[64];
+    FindLogModel(szModel, sizeof szModel);
+    const char* const szProgram = std::strcmp(m_szFudge, "mvr") == 0 ? "twain" : m_szFudge;
+
+    const auto set = [&](const PathBuffer& a_szRoot, PathBuffer& a_szCommon, PathBuffer& a_szModelFolder) {
+        SetJoined(a_szCommon, a_szRoot, {"common"});
+        SetJoined(a_szModelFolder, a_szRoot, {szModel});
+    };
+    set(m_szLegacyRootWriteableDirectory, m_szLegacyRootCommonDirectory, m_szLegacyRootModelDirectory);
+    set(m_szUserRootWriteableDirectory, m_szUserRootCommonDirectory, m_szUserRootModelDirectory);
+    set(m_szSharedRootWriteableDirectory, m_szSharedRootCommonDirectory, m_szSharedRootModelDirectory);
+    set(m_szRootWriteableDirectory, m_szRootCommonDirectory, m_szRootModelDirectory);
+
+    SetJoined(m_szLegacyCommonDirectory, m_szLegacyRootCommonDirectory, {});
+    SetJoined(m_szLegacyDeviceDirectory, m_szLegacyRootWriteableDirectory, {"device"});
+    SetJoined(m_szLegacyUserDirectory, m_szLegacyRootModelDirectory, {szProgram});
+    SetJoined(m_szSharedCommonDirectory, m_szSharedRootCommonDirectory, {});
+    SetJoined(m_szSharedDeviceDirectory, m_szSharedRootWriteableDirectory, {"device"});
+    SetJoined(m_szSharedUserDirectory, m_szSharedRootModelDirectory, {szProgram});
+    SetJoined(m_szCommonDirectory, m_szRootCommonDirectory, {});
+    SetJoined(m_szUserDirectory, m_szRootModelDirectory, {szProgram});
+    SetJoined(m_szMultimediaDirectory, m_szRootWriteableDirectory, {"multimedia"});
+
+    // A name, as children of the family get it.
+    SStrCpy(m_szModelDirectory, sizeof m_szModelDirectory, OsArgumentsGet(OS_ARGUMENT_MODELDIRECTORY));
+}
+
+// --------------------------------------------------------------------------------------------------- the log folder
+
+// The folder that MVR_LOGDIR names, with the brand's word in its place and in small letters; false for none.
+static bool FolderOfEnvironment(PathBuffer& a_szPath)
+{
+    OsEnvGet("MVR_LOGDIR", "", sizeof a_szPath, a_szPath);
+    if (!*a_szPath)
+        return false;
+    if (SStrReplace(a_szPath, sizeof a_szPath, "@@@BRAND@@@", OsCfgBrandWord(), true) == EOSSTS_FAIL)
+        return false;
+    MakeLower(a_szPath);
+    OsPathNormalize(a_szPath);
+    return true;
+}
+
+static void StampNow(char (&a_szStamp)[OS_TIMESTAMPSIZE])
+{
+    OsTimeRecord ostimerecord{};
+    uint32_t u32Microseconds = 0;
+    OsTimeUtc(&ostimerecord, &u32Microseconds);
+    OsTimeStamp(&ostimerecord, u32Microseconds, a_szStamp);
+}
+
+void COsCfgImpl::SetLogFolder()
+{
+    StampNow(m_szLogTimeStamp);
+    if (UsesOthersLog())
+    {
+        CurrentLogFile(m_szLogFilename);
+        SStrCpy(m_szLogDirectory, sizeof m_szLogDirectory, m_szLogFilename);
+        CutFileName(m_szLogDirectory);
+    }
+    else
+    {
+        PathBuffer szFolder;
+        char szName[sizeof "log." + 20];
+        SStrPrintf(szName, sizeof szName, "log.%s", m_szLogTimeStamp);
+        SetJoined(m_szLogDirectory, FolderOfEnvironment(szFolder) ? szFolder : m_szUserDirectory, {szName});
+
+        char szFile[sizeof m_szFudge + sizeof ".log"];
+        SStrPrintf(szFile, sizeof szFile, "%s.log", m_szFudge);
+        SetJoined(m_szLogFilename, m_szLogDirectory, {szFile});
+    }
+    SetJoined(m_szTmpDirectory, m_szLogDirectory, {"tmp"});
+    SetJoined(m_szFwDirectory, m_szLogDirectory, {"firmware"});
+    SetJoined(m_szOtterDirectory, m_szLogDirectory, {"otter"});
+    SetJoined(m_szUiDirectory, m_szLogDirectory, {"ui"});
+    SetJoined(m_szDriverDirectory, m_szUserDirectory, {});
+}
+
+// --------------------------------------------------------------------------------------- INI files, and the creation
+
+void COsCfgImpl::SetConstIniNames()
+{
+    switch (m_eoscfgentity)
+    {
+    case OS_CFGENTITY_UTILITY:
+    case OS_CFGENTITY_APPUTILITY:
+        OsCfgConstIni(m_szConfigFilenameConstIni, m_szCommonDirectory);
+        OsCfgConstIni(m_szSharedConfigFilenameConstIni, m_szSharedCommonDirectory);
+        OsCfgConstIni(m_szLegacyConfigFilenameConstIni, m_szLegacyCommonDirectory);
+        break;
+    case OS_CFGENTITY_APPLICATION:
+    case OS_CFGENTITY_DRIVER:
+    case OS_CFGENTITY_DLL:
+        OsCfgConstIni(m_szConfigFilenameConstIni, m_szUserDirectory);
+        OsCfgConstIni(m_szSharedConfigFilenameConstIni, m_szSharedUserDirectory);
+        OsCfgConstIni(m_szLegacyConfigFilenameConstIni, m_szLegacyUserDirectory);
+        break;
+    default:
+        OSLOG(OS_LOG_CHECK, "unrecognized m_eoscfgentity...%d", static_cast<int>(m_eoscfgentity));
+        break;
+    }
+}
+
+static void CreateFolder(const char* a_szFolder)
+{
+    if (!*a_szFolder)
+        return;
+    const EOSSTS eossts = OsFileCreateDirectory(a_szFolder);
+    if (eossts != EOSSTS_SUCCESS && eossts != EOSSTS_EXISTS)
+        OSLOG(OS_LOG_ERROR, "OsFileCreateDirectory failed...%d <%s>", static_cast<int>(eossts), a_szFolder);
+}
+
+// Nothing is written where logging is off; 11 is another way to say that it is on.
+void COsCfgImpl::CreateFolders() const
+{
+    const int64_t i64NoLogging = OsEnvGetNumber("MVR_NOLOGGING", 0);
+    if (i64NoLogging != 0 && i64NoLogging != 11)
+        return;
+    CreateFolder(m_szLegacyRootWriteableDirectory);
+    CreateFolder(m_szUserDirectory);
+    CreateFolder(m_szLogDirectory);
+}

@@ -1,0 +1,378 @@
+// os_coscfg_info.cpp: facts about the machine, gathered by the first question of the process and the same for the rest
+// of it.
+//
+// In order: naming the system, gathering, the tables of answers, the questions.
+#include "os_coscfg_impl.h"
+
+#include "os_cosenv.h"
+#include "os_cosfile_paths.h"
+#include "os_coslocale.h"
+#include "os_cosstring.h"
+#include "os_log.h"
+
+#include "plat_memory.h"
+#include "plat_system.h"
+
+#include <cstring>
+
+static constexpr char g_szSource[] = "os/source/os_coscfg";
+
+static constexpr char g_szNoData[] = "(nodata)";
+static constexpr char g_szNone[] = "***none***";
+
+// ---------------------------------------------------------------------------------------------- naming the system
+
+namespace
+{
+// Versions from minor to minor; the first row that holds the version names it.
+struct SystemRow
+{
+    uint32_t u32Major;
+    uint32_t u32MinorFrom;
+    uint32_t u32MinorTo;
+    uint32_t u32Workstation;   // the ids
+    uint32_t u32Server;
+    const char* szWorkstation;
+    const char* szServer;
+};
+}   // namespace
+
+static constexpr uint32_t g_u32Any = UINT32_MAX;
+static constexpr uint32_t g_u32OtherPlatform = 1;
+
+static constexpr SystemRow g_asystemrow[] = {
+    {4, 0, g_u32Any, 6, 6, "WinNT", "WinNT"},    {5, 0, 0, 7, 7, "Win2K", "Win2K"},
+    {5, 1, 2, 8, 8, "WinXP", "WinXP"},           {6, 0, 0, 10, 11, "WinVista", "Win2008"},
+    {6, 1, 1, 12, 13, "Win7", "Win2008R2"},      {6, 2, 2, 14, 15, "Win8", "Win2012"},
+    {6, 3, 3, 16, 17, "Win8.1", "Win2012R2"},    {6, 4, 4, 18, 18, "Win10", "Win10"},
+    {10, 0, g_u32Any, 18, 18, "Win10", "Win10"},
+};
+static constexpr SystemRow g_systemrowLatest = {11, 0, g_u32Any, 19, 19, "Win11", "Win11"};
+
+static const SystemRow& SystemRowOf(const PlatVersion& a_platversion)
+{
+    for (const SystemRow& systemrow : g_asystemrow)
+    {
+        if (a_platversion.u32Major == systemrow.u32Major && a_platversion.u32Minor >= systemrow.u32MinorFrom &&
+            a_platversion.u32Minor <= systemrow.u32MinorTo)
+            return systemrow;
+    }
+    return g_systemrowLatest;
+}
+
+void OsCfgNameSystem(const PlatVersion& a_platversion, char* a_szName, size_t a_sizetName, uint32_t* a_pu32Id)
+{
+    if (a_platversion.u32Platform != PLAT_PLATFORM_NT)
+    {
+        SStrPrintf(a_szName, a_sizetName, "WinXX%02d%02d", static_cast<int>(a_platversion.u32Major),
+                   static_cast<int>(a_platversion.u32Minor));
+        *a_pu32Id = g_u32OtherPlatform;
+        return;
+    }
+    const SystemRow& systemrow = SystemRowOf(a_platversion);
+    const bool blWorkstation = a_platversion.u32ProductType == PLAT_PRODUCT_WORKSTATION;
+    SStrCpy(a_szName, a_sizetName, blWorkstation ? systemrow.szWorkstation : systemrow.szServer);
+    *a_pu32Id = blWorkstation ? systemrow.u32Workstation : systemrow.u32Server;
+}
+
+// A program that the system does not know is told 6.2 by every later one, whatever its kind.
+static void NameRawSystem(const PlatVersion& a_platversion, char* a_szName, size_t a_sizetName)
+{
+    PlatVersion platversion = a_platversion;
+    if (platversion.u32Major == 6 && platversion.u32Minor == 2)
+        platversion.u32ProductType = PLAT_PRODUCT_WORKSTATION;
+    uint32_t u32Id = 0;
+    OsCfgNameSystem(platversion, a_szName, a_sizetName, &u32Id);
+}
+
+// ------------------------------------------------------------------------------------------------------ gathering
+
+namespace
+{
+struct Facts
+{
+    PlatVersion platversion = {};
+    uint32_t u32SystemId = 0;
+    char szName[OS_SYSTEMNAMESIZE] = {};
+    char szNameRaw[OS_SYSTEMNAMESIZE] = {};
+    char szBuild[16] = {};
+    char szVersion[32] = {};
+
+    PlatProcessor platprocessor = {};
+    bool blProcessor = false;
+    uint32_t u32Processors = 1;
+
+    PlatMemoryStatus platmemorystatus = {};
+
+    char szHost[256] = {};
+    char szVolume[PLAT_PATHMAX] = {};
+    char szSerial[64] = {};
+};
+}   // namespace
+
+static void CutAt(char* a_szText, char a_ch)
+{
+    if (char* const szEnd = std::strchr(a_szText, a_ch))
+        *szEnd = 0;
+}
+
+static void GatherSystem(Facts& a_facts)
+{
+    PlatVersion platversionRaw = {};
+    PlatVersionGet(PLAT_VERSION_COOKED, &a_facts.platversion);
+    PlatVersionGet(PLAT_VERSION_RAW, &platversionRaw);
+    OsCfgNameSystem(a_facts.platversion, a_facts.szName, sizeof a_facts.szName, &a_facts.u32SystemId);
+    NameRawSystem(platversionRaw, a_facts.szNameRaw, sizeof a_facts.szNameRaw);
+    SStrFromNum(a_facts.szBuild, sizeof a_facts.szBuild, a_facts.platversion.u32Build);
+    SStrPrintf(a_facts.szVersion, sizeof a_facts.szVersion, "%02d%02d", static_cast<int>(a_facts.platversion.u32Major),
+               static_cast<int>(a_facts.platversion.u32Minor));
+}
+
+// The processor of the calling thread speaks for all: what is asked of it is the same on every processor of a machine,
+// because a thread may be moved between any two of its instructions.
+static void GatherProcessors(Facts& a_facts)
+{
+    a_facts.blProcessor = PlatProcessorGet(&a_facts.platprocessor);
+    if (const uint32_t u32Processors = PlatProcessorCount())
+        a_facts.u32Processors = u32Processors;
+}
+
+static void GatherHost(Facts& a_facts)
+{
+    char16_t wszHost[256];
+    if (PlatHostName(wszHost, 256))
+        CopyStringToUtf8(a_facts.szHost, sizeof a_facts.szHost, wszHost, SIZE_MAX);
+    CutAt(a_facts.szHost, '.');
+    if (!a_facts.szHost[0])
+        SStrCpy(a_facts.szHost, sizeof a_facts.szHost, g_szNoData);
+}
+
+static bool FindSystemVolume(PlatVolume* a_pplatvolume)
+{
+    char szDrive[OS_PATHSIZE];
+    char16_t wszDrive[OS_WIDEPATHSIZE];
+    if (OsEnvGet("SystemDrive", "", sizeof szDrive, szDrive) != EOSSTS_SUCCESS || !szDrive[0])
+        return PlatVolumeGet(nullptr, a_pplatvolume);
+    return OsPathToSystem(wszDrive, OS_WIDEPATHSIZE, szDrive) && PlatVolumeGet(wszDrive, a_pplatvolume);
+}
+
+static void GatherVolume(Facts& a_facts)
+{
+    SStrCpy(a_facts.szVolume, sizeof a_facts.szVolume, g_szNoData);
+    SStrCpy(a_facts.szSerial, sizeof a_facts.szSerial, g_szNoData);
+    PlatVolume platvolume = {};
+    if (!FindSystemVolume(&platvolume))
+        return;
+    SStrPrintf(a_facts.szSerial, sizeof a_facts.szSerial, "%08x-0000-0000-0000-000000000000",
+               platvolume.u32SerialNumber);
+    if (!platvolume.wszDevice[0])
+        return;
+    CopyStringToUtf8(a_facts.szVolume, sizeof a_facts.szVolume, platvolume.wszDevice, SIZE_MAX);
+    CutAt(a_facts.szVolume, '{');
+}
+
+static const Facts& Known()
+{
+    static std::atomic<const Facts*> g_pfacts;
+    return OsCfgPublished(g_pfacts, [] {
+        auto facts = std::make_unique<Facts>();
+        GatherSystem(*facts);
+        GatherProcessors(*facts);
+        PlatMemoryGetStatus(&facts->platmemorystatus);
+        GatherHost(*facts);
+        GatherVolume(*facts);
+        return facts;
+    });
+}
+
+// Once, and not while gathering: the logger asks for numbers while it writes the header before its first line.
+static void TellNames(const Facts& a_facts)
+{
+    static std::atomic<bool> g_blTold;
+    if (g_blTold.exchange(true))
+        return;
+    OSLOG(OS_LOG_NOTE, "OS_CFGINFO_NETWORK_HOSTNAME...........%s", a_facts.szHost);
+    OSLOG(OS_LOG_NOTE, "OS_CFGINFO_VOLUME_DEVICEID.............<%s>", a_facts.szVolume);
+    OSLOG(OS_LOG_NOTE, "OS_CFGINFO_VOLUME_SERIALNUMBER.........<%s>", a_facts.szSerial);
+}
+
+void OsCfgInfoGather()
+{
+    TellNames(Known());
+}
+
+// ------------------------------------------------------------------------------------------------------ the answers
+
+namespace
+{
+struct NumberRow
+{
+    EOSCFGINFO eoscfginfo;
+    int64_t (*pfnAnswer)(const Facts& a_facts);
+};
+
+struct TextRow
+{
+    EOSCFGINFO eoscfginfo;
+    const char* (*pfnAnswer)(const Facts& a_facts);
+};
+
+struct VendorRow
+{
+    const char* szVendor;
+    const char* szName;
+};
+}   // namespace
+
+static constexpr VendorRow g_avendorrow[] = {
+    {"GenuineIntel", "Intel"}, {"AuthenticAMD", "AMD"},     {"HygonGenuine", "Hygon"},
+    {"CentaurHauls", "VIA"},   {"  Shanghai  ", "Zhaoxin"},
+};
+
+static const char* VendorName(const char* a_szVendor)
+{
+    for (const VendorRow& vendorrow : g_avendorrow)
+    {
+        if (!std::strcmp(vendorrow.szVendor, a_szVendor))
+            return vendorrow.szName;
+    }
+    return g_szNone;
+}
+
+static const char* TextOrNone(const char* a_szText)
+{
+    return *a_szText ? a_szText : g_szNone;
+}
+
+// clang-format off
+#define OS_NUMBER(item_, value_) {OS_CFGINFO_##item_, []([[maybe_unused]] const Facts& facts) { return static_cast<int64_t>(value_); }}
+#define OS_TEXT(item_, value_) {OS_CFGINFO_##item_, []([[maybe_unused]] const Facts& facts) -> const char* { return value_; }}
+
+static constexpr NumberRow g_anumberrow[] = {
+    OS_NUMBER(OS_KERNELVERSIONSTRING, StrToInt32(facts.szVersion)),
+    OS_NUMBER(OS_PLATFORM, facts.platversion.u32Platform),
+    OS_NUMBER(OS_MAJOR, facts.platversion.u32Major),
+    OS_NUMBER(OS_MINOR, facts.platversion.u32Minor),
+    OS_NUMBER(OS_ID, facts.u32SystemId),
+    OS_NUMBER(OS_SERVICEPACK, facts.platversion.u32ServicePackMajor * 100 + facts.platversion.u32ServicePackMinor),
+    OS_NUMBER(MEM_TOTALPHYSICAL, facts.platmemorystatus.u64TotalPhysical),
+    OS_NUMBER(MEM_AVAILABLEPHYSICAL, facts.platmemorystatus.u64AvailPhysical),
+    OS_NUMBER(MEM_TOTALVIRTUAL, facts.platmemorystatus.u64TotalVirtual),
+    OS_NUMBER(MEM_AVAILABLEVIRTUAL, facts.platmemorystatus.u64AvailVirtual),
+    OS_NUMBER(MEM_TOTALPAGEFILE, facts.platmemorystatus.u64TotalPagefile),
+    OS_NUMBER(MEM_AVAILABLEPAGEFILE, facts.platmemorystatus.u64AvailPagefile),
+    OS_NUMBER(MEM_LOAD, facts.platmemorystatus.u32Load),
+    OS_NUMBER(CPU_CACHESIZE, facts.platprocessor.u32CacheSize),
+    OS_NUMBER(CPU_FAMILY, facts.platprocessor.u32Family),
+    OS_NUMBER(CPU_IS_3DNOW, facts.platprocessor.bl3dNow),
+    OS_NUMBER(CPU_IS_FPU, facts.platprocessor.blFpu),
+    OS_NUMBER(CPU_IS_HYPERTHREADING, facts.platprocessor.blHyperThreading),
+    OS_NUMBER(CPU_IS_MMX, facts.platprocessor.blMmx),
+    OS_NUMBER(CPU_IS_POPCNT, facts.platprocessor.blPopcnt),
+    OS_NUMBER(CPU_IS_SSE, facts.platprocessor.blSse),
+    OS_NUMBER(CPU_IS_SSE2, facts.platprocessor.blSse2),
+    OS_NUMBER(CPU_IS_SSE3, facts.platprocessor.blSse3),
+    OS_NUMBER(CPU_IS_SSE41, facts.platprocessor.blSse41),
+    OS_NUMBER(CPU_IS_SSE42, facts.platprocessor.blSse42),
+    OS_NUMBER(CPU_IS_SSE4A, facts.platprocessor.blSse4a),
+    OS_NUMBER(CPU_LEVEL, facts.platprocessor.u32Level),
+    OS_NUMBER(CPU_MACHINEBITS, facts.platprocessor.u32MachineBits),
+    OS_NUMBER(CPU_MHZ, facts.platprocessor.u32Mhz),
+    OS_NUMBER(CPU_MODEL, facts.platprocessor.u32Model),
+    OS_NUMBER(CPU_PROCESSBITS, sizeof(void*) * 8),
+    OS_NUMBER(CPU_STEPPING, facts.platprocessor.u32Stepping),
+    OS_NUMBER(CPU_TOTAL, facts.u32Processors),
+    OS_NUMBER(CPU_ARCHITECTURE, facts.platprocessor.u32Architecture),
+};
+
+static constexpr TextRow g_atextrow[] = {
+    OS_TEXT(OS_BUILDSTRING, facts.szBuild),
+    OS_TEXT(OS_NAMESTRING, facts.szName),
+    OS_TEXT(OS_VERSIONSTRING, facts.szVersion),
+    OS_TEXT(OS_KERNELVERSIONSTRING, facts.szVersion),
+    OS_TEXT(OS_NAMERAWSTRING, facts.szNameRaw),
+    OS_TEXT(CPU_MODELSTRING, TextOrNone(facts.platprocessor.szModel)),
+    OS_TEXT(CPU_VENDORSTRING, TextOrNone(facts.platprocessor.szVendor)),
+    OS_TEXT(CPU_HYPERVENDORSTRING, TextOrNone(facts.platprocessor.szHypervisor)),
+    OS_TEXT(CPU_VENDORNAMESTRING, VendorName(facts.platprocessor.szVendor)),
+    OS_TEXT(VOLUME_DEVICEID, facts.szVolume),
+    OS_TEXT(VOLUME_SERIALNUMBER, facts.szSerial),
+    OS_TEXT(NETWORK_HOSTNAME, facts.szHost),
+};
+#undef OS_NUMBER
+#undef OS_TEXT
+// clang-format on
+
+template <class Row, size_t a_sizetRows>
+static const Row* FindRow(const Row (&a_arow)[a_sizetRows], EOSCFGINFO a_eoscfginfo)
+{
+    for (const Row& row : a_arow)
+    {
+        if (row.eoscfginfo == a_eoscfginfo)
+            return &row;
+    }
+    return nullptr;
+}
+
+// ---------------------------------------------------------------------------------------------------- the questions
+
+// What only a processor that tells of itself can answer.
+static bool IsOfProcessor(EOSCFGINFO a_eoscfginfo)
+{
+    switch (a_eoscfginfo)
+    {
+    case OS_CFGINFO_CPU_MACHINEBITS:
+    case OS_CFGINFO_CPU_PROCESSBITS:
+    case OS_CFGINFO_CPU_TOTAL:
+    case OS_CFGINFO_CPU_ARCHITECTURE:
+        return false;
+    case OS_CFGINFO_CPU_VENDORNAMESTRING:
+        return true;
+    default:
+        return a_eoscfginfo >= OS_CFGINFO_CPU_CACHESIZE && a_eoscfginfo <= OS_CFGINFO_CPU_STEPPING;
+    }
+}
+
+static bool IsName(EOSCFGINFO a_eoscfginfo)
+{
+    return a_eoscfginfo >= OS_CFGINFO_VOLUME_DEVICEID && a_eoscfginfo <= OS_CFGINFO_NETWORK_HOSTNAME;
+}
+
+const char* OsCfgInfoString(EOSCFGINFO a_eoscfginfo)
+{
+    if (a_eoscfginfo == OS_CFGINFO_OS_USERNAME)
+        return OsCfgUserName();
+    const TextRow* const ptextrow = FindRow(g_atextrow, a_eoscfginfo);
+    if (!ptextrow)
+    {
+        OSLOG(OS_LOG_ERROR, "COsCfg::InfoGetString: Unsupported...%d", static_cast<int>(a_eoscfginfo));
+        return g_szNoData;
+    }
+    const Facts& facts = Known();
+    if (IsOfProcessor(a_eoscfginfo) && !facts.blProcessor)
+    {
+        OSLOG(OS_LOG_ERROR, "COsCfg::InfoGetString: Unsupported...%d %ld >= %ld", static_cast<int>(a_eoscfginfo), 0L,
+              0L);
+        return g_szNoData;
+    }
+    if (IsName(a_eoscfginfo))
+        TellNames(facts);
+    return ptextrow->pfnAnswer(facts);
+}
+
+int64_t OsCfgInfoLong(EOSCFGINFO a_eoscfginfo)
+{
+    const NumberRow* const pnumberrow = FindRow(g_anumberrow, a_eoscfginfo);
+    if (!pnumberrow)
+    {
+        OSLOG(OS_LOG_ERROR, "COsCfg::InfoGetLong: Unsupported...%d", static_cast<int>(a_eoscfginfo));
+        return 0;
+    }
+    const Facts& facts = Known();
+    if (IsOfProcessor(a_eoscfginfo) && !facts.blProcessor)
+    {
+        OSLOG(OS_LOG_ERROR, "COsCfg::InfoGetLong: Unsupported...%ld >= %ld", 0L, 0L);
+        return 0;
+    }
+    return pnumberrow->pfnAnswer(facts);
+}

@@ -1,0 +1,471 @@
+// os_coscfg_profile.cpp: the profile cache: any INI file by section and key. From top to bottom: what is told when the
+// lock is free again, one file of the cache, the cache, the operations.
+//
+// os_coscfg_profiletext.cpp knows the text of a file, os_coscfg_profilepath.cpp which file serves a request.
+#include "os_coscfg_impl.h"
+
+#include "os_coscfg_profiletext.h"
+#include "os_cosfile_paths.h"
+#include "os_cosfile_system.h"
+#include "os_cosspinlock.h"
+#include "os_cosstring.h"
+#include "os_log.h"
+#include "os_scope.h"
+
+#include "plat_file.h"
+
+#include <array>
+#include <cstring>
+
+static constexpr char g_szSource[] = "os/source/os_coscfg";
+
+namespace
+{
+// ------------------------------------------------------------------------------------------------------------- notes
+
+// Nothing logs while the cache is locked: a log line may lead back to the cache, through the header that the logger
+// writes into its file. What there is to tell waits here.
+class Notes
+{
+public:
+    Notes() = default;
+    ~Notes()
+    {
+        for (size_t sizet = 0; sizet < m_sizetNotes; ++sizet)
+            OSLOG(m_anote[sizet].u32Level, m_anote[sizet].szFormat, m_anote[sizet].szPath);
+    }
+    Notes(const Notes&) = delete;
+    Notes& operator=(const Notes&) = delete;
+
+    // A format with one "%s".
+    void Add(uint32_t a_u32Level, const char* a_szFormat, const char* a_szPath)
+    {
+        if (m_sizetNotes == m_anote.size())
+            return;
+        m_anote[m_sizetNotes] = {a_u32Level, a_szFormat, {}};
+        SStrCpy(m_anote[m_sizetNotes++].szPath, OS_PATHSIZE, a_szPath);
+    }
+
+private:
+    struct Note
+    {
+        uint32_t u32Level;
+        const char* szFormat;
+        char szPath[OS_PATHSIZE];
+    };
+    std::array<Note, 32> m_anote;   // some for each file, and what the operation itself tells
+    size_t m_sizetNotes = 0;
+};
+
+// ---------------------------------------------------------------------------------------------------------- one file
+
+constexpr uint64_t g_u64Settled = 10'000'000;   // 100 ns units
+
+// The platform layer is called directly, since it does not log. A path was converted once before it comes here. The
+// last error tells why there is no handle.
+PlatHandle OpenProfile(const char* a_szPath, uint32_t a_u32Access, PlatDisposition a_platdisposition)
+{
+    char16_t wszPath[OS_WIDEPATHSIZE];
+    if (!OsPathToSystem(wszPath, OS_WIDEPATHSIZE, a_szPath))
+        return PLAT_INVALID;
+    const OsRedirectionGuard osredirectionguard(true);
+    return PlatFileOpen(wszPath, a_u32Access, PLAT_SHARE_READ | PLAT_SHARE_WRITE, a_platdisposition, 0);
+}
+
+// Reads one byte more than a profile may have, so that a longer one is noticed.
+bool ReadProfile(PlatHandle a_plathandle, char (&a_achFile)[OS_PROFILESIZE + 1], size_t* a_psizetFile)
+{
+    size_t sizetRead = 1;
+    for (*a_psizetFile = 0; sizetRead != 0 && *a_psizetFile < sizeof a_achFile; *a_psizetFile += sizetRead)
+    {
+        if (!PlatFileRead(a_plathandle, a_achFile + *a_psizetFile, sizeof a_achFile - *a_psizetFile, &sizetRead))
+            return false;
+    }
+    return true;
+}
+
+enum class ProfileState
+{
+    Current,
+    Changed,   // on the disk since it was loaded
+    Missing,
+    Unreadable,
+};
+
+ProfileState StateOfFailedOpen()
+{
+    const uint32_t u32Error = PlatGetLastError();
+    PlatSetLastError(PLAT_ERROR_NONE);
+    const bool blMissing = u32Error == PLAT_ERROR_FILENOTFOUND || u32Error == PLAT_ERROR_PATHNOTFOUND;
+    return blMissing ? ProfileState::Missing : ProfileState::Unreadable;
+}
+
+class ProfileFile
+{
+public:
+    const char* Path() const { return m_szPath; }
+    bool IsDirty() const { return m_blDirty; }
+    const OsCfgProfileText& Text() const { return m_oscfgprofiletext; }
+
+    void Begin(const char* a_szPath);   // an empty text, of a file that need not exist
+    ProfileState Load(Notes* a_pnotes);
+    ProfileState Look() const;   // at the file, without loading it
+
+    EOSSTS Store(const char* a_szSection, const char* a_szKey, const char* a_szValue);
+
+    // Brings the file up to date; *a_pblWritten tells whether that took a write.
+    EOSSTS WriteBack(Notes* a_pnotes, bool* a_pblWritten);
+
+private:
+    void Remember(const PlatFileIdentity& a_platfileidentity);
+
+    char m_szPath[OS_PATHSIZE] = {};
+    bool m_blDirty = false;
+    bool m_blSettled = false;
+    PlatFileIdentity m_platfileidentity = {};
+    OsCfgProfileText m_oscfgprofiletext;
+};
+
+void ProfileFile::Begin(const char* a_szPath)
+{
+    SStrCpy(m_szPath, sizeof m_szPath, a_szPath);
+    m_blDirty = false;
+    m_blSettled = false;
+    m_platfileidentity = {};
+    m_oscfgprofiletext.Clear();
+}
+
+// A file that was written just now can be written again within one tick of its time stamp: that would not show.
+void ProfileFile::Remember(const PlatFileIdentity& a_platfileidentity)
+{
+    m_platfileidentity = a_platfileidentity;
+    m_blSettled = PlatClock() > a_platfileidentity.u64WriteTime + g_u64Settled;
+}
+
+ProfileState ProfileFile::Load(Notes* a_pnotes)
+{
+    PlatHandle plathandle = OpenProfile(m_szPath, PLAT_ACCESS_READ | PLAT_ACCESS_WRITE, PLAT_DISPOSITION_OPENEXISTING);
+    if (plathandle == PLAT_INVALID)
+    {
+        plathandle = OpenProfile(m_szPath, PLAT_ACCESS_READ, PLAT_DISPOSITION_OPENEXISTING);
+        if (plathandle == PLAT_INVALID)
+            return StateOfFailedOpen();
+        PlatSetLastError(PLAT_ERROR_NONE);
+        a_pnotes->Add(OS_LOG_NOTE, "profile opened readonly...<%s>", m_szPath);
+    }
+    const ScopeGuard close([plathandle] { PlatClose(plathandle); });
+
+    PlatFileIdentity platfileidentity;
+    char achFile[OS_PROFILESIZE + 1];
+    size_t sizetFile = 0;
+    if (!PlatFileGetIdentity(plathandle, &platfileidentity) || !ReadProfile(plathandle, achFile, &sizetFile))
+    {
+        a_pnotes->Add(OS_LOG_ERROR, "ReadFile failed...<%s>", m_szPath);
+        return ProfileState::Unreadable;
+    }
+    Remember(platfileidentity);
+    m_oscfgprofiletext.Take(achFile, sizetFile);
+    return ProfileState::Current;
+}
+
+ProfileState ProfileFile::Look() const
+{
+    const PlatHandle plathandle = OpenProfile(m_szPath, PLAT_ACCESS_READ, PLAT_DISPOSITION_OPENEXISTING);
+    if (plathandle == PLAT_INVALID)
+        return StateOfFailedOpen();
+    const ScopeGuard close([plathandle] { PlatClose(plathandle); });
+    PlatFileIdentity platfileidentity;
+    if (!PlatFileGetIdentity(plathandle, &platfileidentity))
+        return ProfileState::Unreadable;
+    const bool blSame = platfileidentity.u64WriteTime == m_platfileidentity.u64WriteTime &&
+                        platfileidentity.u64Size == m_platfileidentity.u64Size &&
+                        platfileidentity.u64Index == m_platfileidentity.u64Index;
+    return blSame && (m_blSettled || m_blDirty) ? ProfileState::Current : ProfileState::Changed;
+}
+
+EOSSTS ProfileFile::Store(const char* a_szSection, const char* a_szKey, const char* a_szValue)
+{
+    bool blChanged = false;
+    const EOSSTS eossts = m_oscfgprofiletext.Store(a_szSection, a_szKey, a_szValue, &blChanged);
+    m_blDirty = m_blDirty || blChanged;
+    return eossts;
+}
+
+// The new text is written before the old one is cut, so that a full disk does not leave an empty file.
+bool Rewrite(PlatHandle a_plathandle, const char* a_achText, size_t a_sizetText)
+{
+    return PlatFileSeek(a_plathandle, PLAT_SEEK_START, 0, nullptr) &&
+           PlatFileWrite(a_plathandle, a_achText, a_sizetText, nullptr) && PlatFileSetEnd(a_plathandle);
+}
+
+EOSSTS ProfileFile::WriteBack(Notes* a_pnotes, bool* a_pblWritten)
+{
+    *a_pblWritten = false;
+    if (!m_blDirty)
+        return EOSSTS_SUCCESS;
+    const auto fail = [this, a_pnotes](const char* a_szFormat) {
+        a_pnotes->Add(OS_LOG_NOTE, a_szFormat, m_szPath);
+        return EOSSTS_FAIL;
+    };
+
+    const PlatHandle plathandle =
+        OpenProfile(m_szPath, PLAT_ACCESS_READ | PLAT_ACCESS_WRITE, PLAT_DISPOSITION_OPENALWAYS);
+    if (plathandle == PLAT_INVALID)
+    {
+        PlatSetLastError(PLAT_ERROR_NONE);
+        return fail("fail: open failed...<%s>");
+    }
+    const ScopeGuard close([plathandle] { PlatClose(plathandle); });
+
+    char achText[OS_PROFILESIZE];
+    const size_t sizetText = m_oscfgprofiletext.ToFile(achText);
+    char achFile[OS_PROFILESIZE + 1];
+    size_t sizetFile = 0;
+    if (sizetText == SIZE_MAX || !ReadProfile(plathandle, achFile, &sizetFile))
+        return fail("fail: read failed...<%s>");
+
+    *a_pblWritten = sizetText != sizetFile || std::memcmp(achText, achFile, sizetText) != 0;
+    if (*a_pblWritten && !Rewrite(plathandle, achText, sizetText))
+        return fail("fail: write failed...<%s>");
+    m_blDirty = false;
+    PlatFileIdentity platfileidentity = {};
+    PlatFileGetIdentity(plathandle, &platfileidentity);
+    Remember(platfileidentity);
+    if (*a_pblWritten)
+        a_pnotes->Add(OS_LOG_NOTE, "profile successfully written...<%s>", m_szPath);
+    return EOSSTS_SUCCESS;
+}
+
+// --------------------------------------------------------------------------------------------------------- the cache
+
+uint64_t g_u64ProfileLock;   // guards the two below
+std::array<ProfileFile, 16> g_aprofilefile;
+size_t g_sizetProfileFiles;   // in use, from the first on
+
+// The cache, held for the life of the object. Reading and writing files is done meanwhile.
+class ProfileCache
+{
+public:
+    ProfileCache() : m_cosspinguard(&g_u64ProfileLock) {}
+
+    // The file as it is now, null when it cannot be read. A file that is to be written need not exist.
+    ProfileFile* Obtain(const char* a_szPath, bool a_blWrite);
+
+    ProfileFile* Find(const char* a_szPath) const;
+    EOSSTS WriteBack(ProfileFile* a_pprofilefile);
+    void WriteBackAll();
+    void Note(uint32_t a_u32Level, const char* a_szFormat, const char* a_szPath)
+    {
+        m_notes.Add(a_u32Level, a_szFormat, a_szPath);
+    }
+
+private:
+    ProfileFile* Add(const char* a_szPath);
+    static void Remove(ProfileFile* a_pprofilefile);
+    ProfileFile* LoadOrRemove(ProfileFile* a_pprofilefile, bool a_blWrite);
+    void WriteBackCompanion(const char* a_szPath);
+
+    Notes m_notes;   // before the guard: told when the lock is free
+    COsSpinGuard m_cosspinguard;
+};
+
+ProfileFile* ProfileCache::Find(const char* a_szPath) const
+{
+    for (size_t sizet = 0; sizet < g_sizetProfileFiles; ++sizet)
+    {
+        if (StrICmp(g_aprofilefile[sizet].Path(), a_szPath) == 0)
+            return &g_aprofilefile[sizet];
+    }
+    return nullptr;
+}
+
+ProfileFile* ProfileCache::Add(const char* a_szPath)
+{
+    if (g_sizetProfileFiles == g_aprofilefile.size())
+    {
+        WriteBackAll();
+        g_sizetProfileFiles = 0;
+    }
+    ProfileFile* const pprofilefile = &g_aprofilefile[g_sizetProfileFiles++];
+    pprofilefile->Begin(a_szPath);
+    return pprofilefile;
+}
+
+void ProfileCache::Remove(ProfileFile* a_pprofilefile)
+{
+    ProfileFile* const pprofilefileLast = &g_aprofilefile[--g_sizetProfileFiles];
+    if (a_pprofilefile != pprofilefileLast)
+        *a_pprofilefile = *pprofilefileLast;
+}
+
+ProfileFile* ProfileCache::LoadOrRemove(ProfileFile* a_pprofilefile, bool a_blWrite)
+{
+    const ProfileState profilestate = a_pprofilefile->Load(&m_notes);
+    if (profilestate == ProfileState::Current || (a_blWrite && profilestate == ProfileState::Missing))
+        return a_pprofilefile;
+    Remove(a_pprofilefile);
+    return nullptr;
+}
+
+ProfileFile* ProfileCache::Obtain(const char* a_szPath, bool a_blWrite)
+{
+    ProfileFile* const pprofilefile = Find(a_szPath);
+    if (!pprofilefile)
+        return LoadOrRemove(Add(a_szPath), a_blWrite);
+
+    switch (pprofilefile->Look())
+    {
+    case ProfileState::Changed:
+        if (pprofilefile->IsDirty())
+            m_notes.Add(OS_LOG_CHECK, "we're reloading over a dirty profile...", "");
+        pprofilefile->Begin(a_szPath);
+        return LoadOrRemove(pprofilefile, a_blWrite);
+    case ProfileState::Missing:
+        if (!pprofilefile->IsDirty())
+            pprofilefile->Begin(a_szPath);
+        return a_blWrite ? pprofilefile : nullptr;
+    case ProfileState::Unreadable:
+        return nullptr;
+    case ProfileState::Current:
+        break;
+    }
+    return pprofilefile;
+}
+
+EOSSTS ProfileCache::WriteBack(ProfileFile* a_pprofilefile)
+{
+    bool blWritten = false;
+    const EOSSTS eossts = a_pprofilefile->WriteBack(&m_notes, &blWritten);
+    if (blWritten && eossts == EOSSTS_SUCCESS)
+        WriteBackCompanion(a_pprofilefile->Path());
+    return eossts;
+}
+
+// The other half of a protected profile goes with it, wherever it lies.
+void ProfileCache::WriteBackCompanion(const char* a_szPath)
+{
+    static constexpr char g_szConst[] = "_const.ini";
+    if (!StrEndsWith(a_szPath, g_szConst, true))
+        return;
+    const char* const szSeparator = std::strrchr(a_szPath, '\\');
+    char szName[OS_PATHSIZE];
+    SStrCpy(szName, sizeof szName, szSeparator ? szSeparator : a_szPath);
+    SStrCpy(szName + std::strlen(szName) - (sizeof g_szConst - 1), sizeof g_szConst, "_debug.ini");
+    for (size_t sizet = 0; sizet < g_sizetProfileFiles; ++sizet)
+    {
+        if (StrEndsWith(g_aprofilefile[sizet].Path(), szName, true))
+            WriteBack(&g_aprofilefile[sizet]);
+    }
+}
+
+void ProfileCache::WriteBackAll()
+{
+    for (size_t sizet = 0; sizet < g_sizetProfileFiles; ++sizet)
+        WriteBack(&g_aprofilefile[sizet]);
+}
+
+// ----------------------------------------------------------------------------------------------------- the operations
+
+bool CheckName(const char* a_szFile)
+{
+    if (std::strlen(a_szFile) < OS_PATHSIZE)
+        return true;
+    OSLOG(OS_LOG_CHECK, "buffer overflow...%u <%s>", static_cast<unsigned>(OS_PATHSIZE), a_szFile);
+    return false;
+}
+
+EOSSTS ReadCached(const char* a_szPath, const char* a_szSection, const char* a_szKey, char* a_szValue,
+                  size_t a_sizetValue)
+{
+    ProfileCache profilecache;
+    const ProfileFile* const pprofilefile = profilecache.Obtain(a_szPath, false);
+    const char* const szValue = pprofilefile ? pprofilefile->Text().Find(a_szSection, a_szKey) : nullptr;
+    if (!szValue)
+        return EOSSTS_FAIL;
+    if (std::strlen(szValue) >= a_sizetValue)
+        return EOSSTS_NOMEMORY;
+    std::memcpy(a_szValue, szValue, std::strlen(szValue) + 1);
+    return EOSSTS_SUCCESS;
+}
+
+bool IsOneLine(const char* a_szText)
+{
+    return a_szText && a_szText[std::strcspn(a_szText, "\r\n")] == 0;
+}
+
+// What could not be found again is not written.
+bool IsStorable(const char* a_szSection, const char* a_szKey, const char* a_szValue)
+{
+    const bool blKey = IsOneLine(a_szKey) && std::strlen(a_szKey) >= 2 && !std::strchr("[;@", *a_szKey);
+    return blKey && !std::strchr(a_szKey, '=') && IsOneLine(a_szSection) && IsOneLine(a_szValue);
+}
+}   // namespace
+
+EOSSTS OsCfgProfileRead(const char* a_szFile, const char* a_szSection, const char* a_szKey, char* a_szValue,
+                        size_t a_sizetValue)
+{
+    if (a_szValue && a_sizetValue)
+        *a_szValue = 0;
+    if (!a_szFile || !a_szSection || !a_szKey || !a_szValue || !a_sizetValue)
+    {
+        OSLOG(OS_LOG_CHECK, "null argument...%p %d", static_cast<const void*>(a_szFile),
+              static_cast<int>(a_sizetValue));
+        return EOSSTS_FAIL;
+    }
+    char szPath[OS_PATHSIZE];
+    if (!CheckName(a_szFile) ||
+        OsCfgProfileResolve(a_szFile, a_szSection, a_szKey, szPath, sizeof szPath) != EOSSTS_SUCCESS)
+        return EOSSTS_FAIL;
+    if (!OsFileExists(szPath, true))
+        return EOSSTS_NOTFOUND;
+
+    const EOSSTS eossts = ReadCached(szPath, a_szSection, a_szKey, a_szValue, a_sizetValue);
+    if (eossts == EOSSTS_NOMEMORY)
+        OSLOG(OS_LOG_CHECK, "buffer overflow...%u <%s>", static_cast<unsigned>(a_sizetValue), a_szKey);
+    return eossts;
+}
+
+EOSSTS OsCfgProfileWrite(const char* a_szFile, const char* a_szSection, const char* a_szKey, const char* a_szValue)
+{
+    if (!a_szFile || !*a_szFile || !IsStorable(a_szSection, a_szKey, a_szValue))
+    {
+        OSLOG(OS_LOG_CHECK, "bad argument...");
+        return EOSSTS_NOTOPEN;
+    }
+    char szPath[OS_PATHSIZE];
+    char16_t wszPath[OS_WIDEPATHSIZE];
+    if (!CheckName(a_szFile) ||
+        OsCfgProfileResolve(a_szFile, a_szSection, a_szKey, szPath, sizeof szPath) != EOSSTS_SUCCESS ||
+        !OsPathToSystem(wszPath, OS_WIDEPATHSIZE, szPath))
+        return EOSSTS_FAIL;
+
+    ProfileCache profilecache;
+    ProfileFile* const pprofilefile = profilecache.Obtain(szPath, true);
+    return pprofilefile ? pprofilefile->Store(a_szSection, a_szKey, a_szValue) : EOSSTS_FAIL;
+}
+
+EOSSTS OsCfgProfileWriteBack(const char* a_szFile)
+{
+    const bool blAll = !a_szFile || !*a_szFile;
+    OSLOG(OS_LOG_NOTE, "trying to write profile...<%s>", blAll ? "(all)" : a_szFile);
+    if (blAll)
+    {
+        ProfileCache().WriteBackAll();
+        return EOSSTS_SUCCESS;
+    }
+    char szPath[OS_PATHSIZE];
+    char szMapped[OS_PATHSIZE];
+    if (!CheckName(a_szFile) || OsCfgProfileMap(a_szFile, false, szMapped, sizeof szMapped) != EOSSTS_SUCCESS)
+        return EOSSTS_FAIL;
+    OsPathNormalize(szMapped);
+    OsPathCopy(szPath, sizeof szPath, a_szFile);
+
+    // Requests are cached by the path that serves them, which the mapping need not change.
+    ProfileCache profilecache;
+    ProfileFile* const pprofilefileMapped = profilecache.Find(szMapped);
+    ProfileFile* const pprofilefile = pprofilefileMapped ? pprofilefileMapped : profilecache.Find(szPath);
+    if (pprofilefile)
+        return profilecache.WriteBack(pprofilefile);
+    profilecache.Note(OS_LOG_NOTE, "fail: file not found in our ini profile cache...<%s>", szPath);
+    return EOSSTS_FAIL;
+}

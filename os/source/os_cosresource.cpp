@@ -1,0 +1,300 @@
+// os_cosresource.cpp: resources of program files. In order: the public object, the steps of the open, the footer, the
+// local module.
+//
+// Data is read, not mapped: it is small, and a file that somebody shortens then costs a failed read instead of the
+// process.
+#include "os_cosresource.h"
+
+#include "os_coslocale.h"
+#include "os_cosresource_footer.h"
+#include "os_cosspinlock.h"
+#include "os_cosstring.h"
+#include "os_new.h"
+#include "os_scope.h"
+
+#include "plat_file.h"
+#include "plat_process.h"
+
+#include <cstring>
+#include <memory>
+
+static constexpr char g_szSource[] = "os/source/os_cosresource";
+
+class COsResourceImpl
+{
+public:
+    COsResourceImpl() = default;
+    ~COsResourceImpl() { Release(); }
+    COsResourceImpl(const COsResourceImpl&) = delete;
+    COsResourceImpl& operator=(const COsResourceImpl&) = delete;
+
+    EOSSTS Open(const char* a_szFilename, const char* a_szResourceName);
+    const char* Data() const { return m_szData.get(); }
+    size_t Size() const { return m_sizetData; }
+
+private:
+    bool FindFile(const char* a_szFilename);
+    bool LoadModule();
+    bool LoadFooter(OsResourceTrailer* a_posresourcetrailer);
+    bool FindResource(const OsResourceTrailer& a_osresourcetrailer, const char* a_szResourceName,
+                      OsResourceEntry* a_posresourceentry);
+    bool LoadResource(const OsResourceEntry& a_osresourceentry);
+    bool ReadAt(uint64_t a_u64Offset, void* a_pvBuffer, size_t a_sizetBytes) const;
+    void Release();
+
+    bool m_blInUse = false;
+    PlatHandle m_plathandle = PLAT_INVALID;   // of the file, while it is being opened
+    uint64_t m_u64FileSize = 0;
+    char16_t m_wszFileUsed[PLAT_PATHMAX] = {};
+    std::unique_ptr<char[]> m_szData;
+    size_t m_sizetData = 0;
+};
+
+// ----------------------------------------------------------------------------------------------- the public object
+
+static bool Usable(const COsResourceImpl* a_posresourceimpl)
+{
+    if (!a_posresourceimpl)
+        OSLOG(OS_LOG_CHECK, "m_posresourceimpl is null...");
+    return a_posresourceimpl != nullptr;
+}
+
+COsResource::COsResource() : m_posresourceimpl(OSMEMNEW(COsResourceImpl)) {}
+
+COsResource::~COsResource()
+{
+    OSMEMDELETE(m_posresourceimpl);
+}
+
+EOSSTS COsResource::Open(const char* a_szFilename, const char* a_szResourceName)
+{
+    if (!Usable(m_posresourceimpl))
+        return EOSSTS_FAIL;
+    return m_posresourceimpl->Open(a_szFilename, a_szResourceName);
+}
+
+const char* COsResource::Data() const
+{
+    return Usable(m_posresourceimpl) ? m_posresourceimpl->Data() : nullptr;
+}
+
+size_t COsResource::Size() const
+{
+    return Usable(m_posresourceimpl) ? m_posresourceimpl->Size() : 0;
+}
+
+// ------------------------------------------------------------------------------------------------------- the open
+
+EOSSTS COsResourceImpl::Open(const char* a_szFilename, const char* a_szResourceName)
+{
+    OSLOG(OS_LOG_NOTE, "Open>>> <%s> <%s> %d", a_szFilename ? a_szFilename : "(null)",
+          a_szResourceName ? a_szResourceName : "(null)", static_cast<int>(m_blInUse));
+    if (!a_szResourceName)
+    {
+        OSLOG(OS_LOG_CHECK, "a_szResourceName is NULL...");
+        return EOSSTS_FAIL;
+    }
+    if (m_blInUse)
+    {
+        OSLOG(OS_LOG_CHECK, "this osresource is already in use...");
+        return EOSSTS_FAIL;
+    }
+
+    ScopeGuard releaseOnFailure([this] { Release(); });
+    if (!FindFile(a_szFilename) || !LoadModule())
+    {
+        OSLOG(OS_LOG_ERROR, "LoadLibrary failed: %s", a_szFilename ? a_szFilename : "(null)");
+        PlatSetLastError(PLAT_ERROR_NONE);
+        return EOSSTS_FAIL;
+    }
+    OSLOG(OS_LOG_NOTE, OsWideFormat("Open>>> actual file used <%S>"), m_wszFileUsed);
+
+    OsResourceTrailer osresourcetrailer;
+    OsResourceEntry osresourceentry;
+    if (!LoadFooter(&osresourcetrailer) || !FindResource(osresourcetrailer, a_szResourceName, &osresourceentry))
+    {
+        OSLOG(OS_LOG_NOTE, "FindResource failed...<%s>", a_szResourceName);
+        return EOSSTS_NOSPACE;
+    }
+    if (!LoadResource(osresourceentry))
+    {
+        OSLOG(OS_LOG_NOTE, "LoadResource failed...<%s>", a_szResourceName);
+        return EOSSTS_NOSPACE;
+    }
+
+    releaseOnFailure.Dismiss();
+    PlatClose(m_plathandle);
+    m_plathandle = PLAT_INVALID;
+    m_blInUse = true;
+    return EOSSTS_SUCCESS;
+}
+
+// This library is part of its program, so the local module is the program itself.
+bool COsResourceImpl::FindFile(const char* a_szFilename)
+{
+    if (!a_szFilename)
+        return false;
+    if (!std::strcmp(a_szFilename, OS_RESOURCELOCAL))
+        return PlatProgramPath(m_wszFileUsed, PLAT_PATHMAX);
+    return CopyStringFromUtf8(m_wszFileUsed, PLAT_PATHMAX, a_szFilename) != 0;
+}
+
+// A module is known by its first bytes.
+bool COsResourceImpl::LoadModule()
+{
+    static constexpr char g_szModule[] = {0x7F, 'E', 'L', 'F'};
+    m_plathandle = PlatFileOpen(m_wszFileUsed, PLAT_ACCESS_READ, PLAT_SHARE_READ | PLAT_SHARE_WRITE | PLAT_SHARE_DELETE,
+                                PLAT_DISPOSITION_OPENEXISTING, 0);
+    char szBegin[sizeof g_szModule];
+    return m_plathandle != PLAT_INVALID && PlatFileSize(m_plathandle, &m_u64FileSize) &&
+           ReadAt(0, szBegin, sizeof szBegin) && !std::memcmp(szBegin, g_szModule, sizeof szBegin);
+}
+
+bool COsResourceImpl::LoadResource(const OsResourceEntry& a_osresourceentry)
+{
+    const auto sizetData = static_cast<size_t>(a_osresourceentry.u64Size);
+    m_szData.reset(new (std::nothrow) char[sizetData + 1]);
+    if (!m_szData || !ReadAt(a_osresourceentry.u64Offset, m_szData.get(), sizetData))
+        return false;
+    m_szData[sizetData] = 0;
+    m_sizetData = sizetData;
+    return true;
+}
+
+void COsResourceImpl::Release()
+{
+    if (m_plathandle != PLAT_INVALID)
+        PlatClose(m_plathandle);
+    m_plathandle = PLAT_INVALID;
+    m_szData.reset();
+    m_sizetData = 0;
+    m_blInUse = false;
+}
+
+// ----------------------------------------------------------------------------------------------------- the footer
+
+// All of the bytes, or false.
+bool COsResourceImpl::ReadAt(uint64_t a_u64Offset, void* a_pvBuffer, size_t a_sizetBytes) const
+{
+    size_t sizetTotal = 0;
+    if (!PlatFileSeek(m_plathandle, PLAT_SEEK_START, static_cast<int64_t>(a_u64Offset), nullptr))
+        return false;
+    while (sizetTotal < a_sizetBytes)
+    {
+        size_t sizetRead = 0;
+        if (!PlatFileRead(m_plathandle, static_cast<char*>(a_pvBuffer) + sizetTotal, a_sizetBytes - sizetTotal,
+                          &sizetRead) ||
+            sizetRead == 0)
+            return false;
+        sizetTotal += sizetRead;
+    }
+    return true;
+}
+
+bool COsResourceImpl::LoadFooter(OsResourceTrailer* a_posresourcetrailer)
+{
+    char szFile[OS_PATHSIZE * 3];
+    CopyStringToUtf8(szFile, sizeof szFile, m_wszFileUsed, SIZE_MAX);
+    OSLOG(OS_LOG_NOTE, "LoadFooter>>> Open...<%s> %p %016llX", szFile, static_cast<const void*>(this),
+          static_cast<unsigned long long>(m_plathandle));
+    if (m_u64FileSize < sizeof *a_posresourcetrailer ||
+        !ReadAt(m_u64FileSize - sizeof *a_posresourcetrailer, a_posresourcetrailer, sizeof *a_posresourcetrailer))
+        return false;
+    return OsResourceIsSound(*a_posresourcetrailer, m_u64FileSize);
+}
+
+bool COsResourceImpl::FindResource(const OsResourceTrailer& a_osresourcetrailer, const char* a_szResourceName,
+                                   OsResourceEntry* a_posresourceentry)
+{
+    for (uint32_t u32 = 0; u32 < a_osresourcetrailer.u32Count; ++u32)
+    {
+        if (!ReadAt(a_osresourcetrailer.u64Table + u32 * sizeof *a_posresourceentry, a_posresourceentry,
+                    sizeof *a_posresourceentry) ||
+            !OsResourceIsSound(*a_posresourceentry, a_osresourcetrailer))
+            return false;
+        OSLOG(OS_LOG_NOTE, "searching...%02d <%s> <%s>", static_cast<int>(u32), a_posresourceentry->szName,
+              a_szResourceName);
+        if (!std::strcmp(a_posresourceentry->szName, a_szResourceName))
+            return true;
+    }
+    return false;
+}
+
+// ----------------------------------------------------------------------------------------------- the local module
+
+COsResource* OsResourceGetLocal(const char* a_szResourceName)
+{
+    COsResource* posresource = OSMEMNEW(COsResource);
+    if (!posresource || !posresource->IsUsable())
+    {
+        OSLOG(OS_LOG_ERROR, "alloc for COsResource failed...");
+        OSMEMDELETE(posresource);
+        return nullptr;
+    }
+    if (posresource->Open(OS_RESOURCELOCAL, a_szResourceName) != EOSSTS_SUCCESS)
+    {
+        OSLOG(OS_LOG_NOTE, "Resource %s not found", a_szResourceName ? a_szResourceName : "(null)");
+        OSMEMDELETE(posresource);
+    }
+    return posresource;
+}
+
+namespace
+{
+struct Text
+{
+    char szName[OS_RESOURCENAMESIZE];
+    const char* szText;   // null when the module has none
+};
+}   // namespace
+
+static uint64_t g_u64TextLock;
+static Text g_atext[OS_RESOURCECOUNT];   // the texts are never freed: whoever got one may keep it
+static size_t g_sizetTexts;
+
+static const Text* FindText(const char* a_szName)
+{
+    for (size_t sizet = 0; sizet < g_sizetTexts; ++sizet)
+    {
+        if (!std::strcmp(g_atext[sizet].szName, a_szName))
+            return &g_atext[sizet];
+    }
+    return nullptr;
+}
+
+// Null when the module has none, and when there is no memory for it.
+static std::unique_ptr<char[]> LoadText(const char* a_szName)
+{
+    std::unique_ptr<char[]> szText;
+    COsResource* posresource = OsResourceGetLocal(a_szName);
+    if (posresource)
+        szText.reset(new (std::nothrow) char[posresource->Size() + 1]);
+    if (szText)
+        std::memcpy(szText.get(), posresource->Data(), posresource->Size() + 1);
+    OSMEMDELETE(posresource);
+    return szText;
+}
+
+// The logger asks for texts while it logs, and opening a resource logs: no lock is held over that. Of two threads that
+// load the same text, the slower one takes what the faster one kept.
+const char* OsResourceText(const char* a_szName)
+{
+    if (!a_szName || std::strlen(a_szName) >= OS_RESOURCENAMESIZE)
+        return nullptr;
+    {
+        const COsSpinGuard guard(&g_u64TextLock);
+        if (const Text* const ptext = FindText(a_szName))
+            return ptext->szText;
+    }
+    std::unique_ptr<char[]> szText = LoadText(a_szName);
+
+    const COsSpinGuard guard(&g_u64TextLock);
+    if (const Text* const ptext = FindText(a_szName))
+        return ptext->szText;
+    if (g_sizetTexts == OS_RESOURCECOUNT)
+        return nullptr;
+    Text& text = g_atext[g_sizetTexts++];
+    std::memcpy(text.szName, a_szName, std::strlen(a_szName) + 1);
+    text.szText = szText.release();
+    return text.szText;
+}

@@ -1,0 +1,149 @@
+// os_coscfg_ini_test.cpp: INI files into the table: what each file may set, which one wins, the section prefix, and
+// files that are none.
+#include "coscfg_support.h"
+
+#include "os_coscfg.h"
+
+class IniFile : public ConfigurationTest
+{
+};
+
+TEST_F(IniFile, DebugKeysComeFromDebugIniAloneWhileItIsInUse)
+{
+    PutConst("[app.dsIdentity]\r\nDebug=7\r\ndebugsockets=1\r\nLogBackup=9\r\n");
+    PutDebug("[app.dsIdentity]\r\nDEBUG=4\r\nLogBackup=11\r\n[app.Brand]\r\nUrlCompany=x\r\nDebug=5\r\n");
+    COsCfg oscfg({});
+    EXPECT_EQ(Tag(oscfg, OS_CFGTAG_DEBUG), "4");
+    EXPECT_EQ(Tag(oscfg, OS_CFGTAG_DEBUGSOCKETS), "0");
+    EXPECT_EQ(Tag(oscfg, OS_CFGTAG_LOGBACKUP), "9");
+    EXPECT_STRNE(oscfg.GetString(OS_CFGSECTION_BRAND, OS_CFGTAG_URLCOMPANY), "x");
+}
+
+TEST_F(IniFile, DebugKeysComeFromConstIniWhenDebugIniIsSwitchedOff)
+{
+    PutCommon("usedebugini=NO\r\n");
+    PutConst("[app.dsIdentity]\r\nDebug=7\r\n");
+    COsCfg oscfg({});
+    EXPECT_EQ(Tag(oscfg, OS_CFGTAG_DEBUG), "7");
+}
+
+TEST_F(IniFile, ALineIsTakenAsItIsWritten)
+{
+    PutConst("\xEF\xBB\xBF[app.DSIDENTITY] tail\nforcespawnretry= \t 5 \nLogBackup =9\n;ForceGUI=1\nForceAccess\n"
+             "ForceProbe=1\nForceProbe=2\r\n\r\nForceIccProfile=a=b\r=x\nUnknown=1\n[app.Other]\nForceMaxMsg=99\n"
+             "[app.supportedsizes]\nN50=last");
+    COsCfg oscfg({});
+    EXPECT_EQ(Tag(oscfg, OS_CFGTAG_FORCESPAWNRETRY), "5 ");
+    EXPECT_EQ(Tag(oscfg, OS_CFGTAG_LOGBACKUP), "6");
+    EXPECT_EQ(Tag(oscfg, OS_CFGTAG_FORCEGUI), "");
+    EXPECT_EQ(Tag(oscfg, OS_CFGTAG_FORCEACCESS), "0");
+    EXPECT_EQ(Tag(oscfg, OS_CFGTAG_FORCEPROBE), "2");
+    EXPECT_EQ(Tag(oscfg, OS_CFGTAG_FORCEICCPROFILE), "a=b");
+    EXPECT_EQ(Tag(oscfg, OS_CFGTAG_FORCEMAXMSG), "10");
+    EXPECT_STREQ(oscfg.GetString(OS_CFGSECTION_SUPPORTEDSIZES, OS_CFGTAG_N50), "last");
+}
+
+TEST_F(IniFile, ComputedValuesWin)
+{
+    PutConst("[app.dsIdentity]\nLogDirectory=C:\\elsewhere\nForceUnitsBehavior=5\nApplication=x\n");
+    COsCfg oscfg({});
+    EXPECT_NE(Tag(oscfg, OS_CFGTAG_LOGDIRECTORY), "C:\\elsewhere");
+    EXPECT_NE(Tag(oscfg, OS_CFGTAG_APPLICATION), "x");
+    EXPECT_EQ(Tag(oscfg, OS_CFGTAG_FORCEUNITSBEHAVIOR), "5");
+}
+
+TEST_F(IniFile, SimulationSectionsComeFromDebugIni)
+{
+    static const OsCfgExtension g_aSection[] = {
+        {1001, "Simulation"}, {1002, "TestImages"}, {1003, "Plain"}, {1000, ""}};
+    static const OsCfgExtension g_aTag[] = {{1001, "Key"}, {1000, ""}};
+    PutConst("[app.Simulation]\nKey=const\n[app.TestImages]\nKey=const\n[app.Plain]\nKey=const\n");
+    PutDebug("[app.TestImages]\nKey=debug\n[app.Plain]\nKey=debug\n");
+    COsCfg::CreateArgs createargs;
+    createargs.aoscfgextensionSection = g_aSection;
+    createargs.aoscfgextensionTag = g_aTag;
+    COsCfg oscfg(createargs);
+    const auto value = [&](uint32_t a_u32Section) {
+        return std::string(oscfg.GetString(static_cast<EOSCFGSECTION>(a_u32Section), static_cast<EOSCFGTAG>(1001)));
+    };
+    EXPECT_EQ(value(1001), "");
+    EXPECT_EQ(value(1002), "debug");
+    EXPECT_EQ(value(1003), "const");
+}
+
+TEST_F(IniFile, TheLegacyLayoutReadsTheSharedFileAfterTheLegacyOne)
+{
+    PutCommon("UseProtectedConstIni=no\r\n");
+    std::string strShared;
+    {
+        COsCfg oscfg({});
+        strShared = Tag(oscfg, OS_CFGTAG_CONSTINISHARED);
+    }
+    ASSERT_NE(strShared, "");
+    PutConst("[app.dsIdentity]\nLogBackup=1\n");
+    Put(strShared, "[dsIdentity]\nDebug=3\nLogBackup=9\n");
+    COsCfg oscfg({});
+    EXPECT_EQ(Tag(oscfg, OS_CFGTAG_DEBUG), "3");
+    EXPECT_EQ(Tag(oscfg, OS_CFGTAG_LOGBACKUP), "9");
+}
+
+// ------------------------------------------------------------------------------------------------- the section prefix
+
+TEST_F(IniFile, WithAPrefixABareHeaderIsNotTaken)
+{
+    EXPECT_STREQ(OsCfgSectionPrefix(), "app.");
+    PutConst("[APP.any.dsIdentity]\nLogBackup=7\n[dsIdentity]\nLogBackup=8\n[application.dsIdentity]\nLogBackup=9\n");
+    COsCfg oscfg({});
+    EXPECT_EQ(Tag(oscfg, OS_CFGTAG_LOGBACKUP), "7");
+}
+
+TEST_F(IniFile, ThePrefixIsMadeOfTheOverrideFolderAndTheUniqueName)
+{
+    OsArgumentsSet(OS_ARGUMENT_OVERRIDEFOLDER, "lib/drvlet\\hvcfgmgr");
+    OsArgumentsSet(OS_ARGUMENT_UNIQUENAME, "mvr");
+    EXPECT_STREQ(OsCfgSectionPrefix(), "lib.hvcfgmgr.twain.");
+}
+
+TEST_F(IniFile, APrefixThatDoesNotFitIsNone)
+{
+    LogCapture logcapture;
+    OsArgumentsSet(OS_ARGUMENT_UNIQUENAME, std::string(127, 'x').c_str());
+    EXPECT_STREQ(OsCfgSectionPrefix(), "");
+    EXPECT_TRUE(logcapture.HasPart("SStrCpy failed..."));
+}
+
+// --------------------------------------------------------------------------------------------- files that are none
+
+TEST_F(IniFile, HostileTextsSetNothingAndHarmNothing)
+{
+    std::string strRubbish;
+    uint32_t u32 = 12345;
+    for (int i = 0; i < 80000; ++i)
+    {
+        u32 = u32 * 1664525 + 1013904223;
+        strRubbish += static_cast<char>(u32 >> 24 ? u32 >> 24 : 1);
+    }
+    std::string strSections;
+    for (int i = 0; i < 10000; ++i)
+        strSections += "[s" + std::to_string(i) + "]\n";
+
+    for (const std::string& strText :
+         {std::string(), std::string("["), std::string("[app.dsIdentity\nLogBackup=9"), std::string("\xEF\xBB\xBF"),
+          std::string("[app.dsIdentity]\n=9\n==\n"), std::string("\0[app.dsIdentity]\nLogBackup=9", 29), strRubbish,
+          strSections, std::string(70000, 'x'), "[" + std::string(70000, 'd'), std::string("]\n=\n[]\nLogBackup=9")})
+    {
+        PutConst(strText);
+        COsCfg oscfg({});
+        EXPECT_EQ(Tag(oscfg, OS_CFGTAG_LOGBACKUP), "6") << strText.substr(0, 20);
+    }
+}
+
+TEST_F(IniFile, AFileLongerThanItsBufferIsCutAtIt)
+{
+    const std::string strBegin = "[app.dsIdentity]\nLogBackup=9\nForceIccProfile=";
+    PutConst(strBegin + std::string(70000, 'x') + "\nForceProbe=9\n");
+    COsCfg oscfg({});
+    EXPECT_EQ(Tag(oscfg, OS_CFGTAG_LOGBACKUP), "9");
+    EXPECT_EQ(Tag(oscfg, OS_CFGTAG_FORCEICCPROFILE).size(), OS_CFGFILESIZE - 1 - strBegin.size());
+    EXPECT_EQ(Tag(oscfg, OS_CFGTAG_FORCEPROBE), "3");
+}

@@ -1,0 +1,333 @@
+// os_coscfg_manage_test.cpp: the directory set of a process, and what happens to the log folders beside its own.
+#include "coscfg_support.h"
+
+#include "os_coslog.h"
+
+#include <regex>
+
+namespace fs = std::filesystem;
+
+// "\" in paths of the library, "/" in those of the tests.
+static std::string Native(std::string a_strPath)
+{
+    std::replace(a_strPath.begin(), a_strPath.end(), '\\', '/');
+    return a_strPath;
+}
+
+class Directories : public ConfigurationTest
+{
+protected:
+    Directories() { setenv("MVR_CLEANLOGFOLDERS", "0", 1); }
+
+    static COsCfg::CreateArgs Program(const char* a_szUniqueName, EOSCFGENTITY a_eoscfgentity)
+    {
+        COsCfg::CreateArgs createargs;
+        createargs.szUniqueName = a_szUniqueName;
+        createargs.eoscfgentity = a_eoscfgentity;
+        return createargs;
+    }
+    static std::string LogDirectory(const char* a_szUniqueName, EOSCFGENTITY a_eoscfgentity = OS_CFGENTITY_APPLICATION)
+    {
+        COsCfg oscfg(Program(a_szUniqueName, a_eoscfgentity));
+        return Native(Tag(oscfg, OS_CFGTAG_LOGDIRECTORY));
+    }
+    // Whether it is the folder with a "log." folder in it.
+    static bool IsLogFolderBelow(const std::string& a_strLogFolder, const std::string& a_strFolder)
+    {
+        return std::regex_match(a_strLogFolder, std::regex(a_strFolder + "/log\\.[0-9]{20}"));
+    }
+    std::string LocalBrand() const { return PathOf("system/LOCALAPPDATA/mvr_orvane"); }
+    std::string LegacyBrand() const { return PathOf("system/PROGRAMDATA/mvr_orvane"); }
+
+    LogCapture m_logcapture;
+};
+
+TEST_F(Directories, TwoStartsLogIntoSiblingsBelowTheUserFolder)
+{
+    const std::string strFirst = LogDirectory("logcollector");
+    const std::string strSecond = LogDirectory("logcollector");
+    const std::string strFolder = LocalBrand() + "/logcollector/logcollector";
+    EXPECT_TRUE(IsLogFolderBelow(strFirst, strFolder)) << strFirst;
+    EXPECT_TRUE(IsLogFolderBelow(strSecond, strFolder)) << strSecond;
+    EXPECT_NE(strFirst, strSecond);
+    EXPECT_TRUE(fs::is_directory(strFirst) && fs::is_directory(strSecond) && fs::is_directory(LegacyBrand()));
+    EXPECT_TRUE(fs::is_empty(strFirst)) << "no folder is made ahead of its use";
+}
+
+TEST_F(Directories, TagsNameTheFoldersOfTheRunAndItsRoots)
+{
+    COsCfg oscfg(Program("mvr", OS_CFGENTITY_APPLICATION));
+    const auto tag = [&](EOSCFGTAG a_eoscfgtag) { return Native(Tag(oscfg, a_eoscfgtag)); };
+    const std::string strLog = tag(OS_CFGTAG_LOGDIRECTORY);
+    EXPECT_TRUE(IsLogFolderBelow(strLog, LocalBrand() + "/mvr/twain")) << strLog;
+    EXPECT_EQ(tag(OS_CFGTAG_MVRLOG), strLog + "/mvr.log");
+    EXPECT_EQ(tag(OS_CFGTAG_TMPDIRECTORY), strLog + "/tmp");
+    EXPECT_EQ(tag(OS_CFGTAG_ROOTPATH), LocalBrand());
+    EXPECT_EQ(tag(OS_CFGTAG_ROOTPATHLEGACY), LegacyBrand());
+    EXPECT_EQ(tag(OS_CFGTAG_ROOTCOMMONDIRECTORYLEGACY), LegacyBrand() + "/common");
+    EXPECT_EQ(tag(OS_CFGTAG_USERDIRECTORY), LocalBrand() + "/mvr/twain");
+    EXPECT_EQ(tag(OS_CFGTAG_CONSTINI), LocalBrand() + "/mvr/twain/const.ini");
+}
+
+TEST_F(Directories, EnvironmentMovesTheLogToALowerCasePathWithTheBrandsWord)
+{
+    setenv("MVR_LOGDIR", (PathOf("x/UPPER/@@@BRAND@@@/@@@BRAND@@@")).c_str(), 1);
+    std::string strExpected = PathOf("x/upper/orvane/orvane");
+    std::transform(strExpected.begin(), strExpected.end(), strExpected.begin(), ::tolower);
+    const std::string strLog = LogDirectory("app");
+    EXPECT_TRUE(IsLogFolderBelow(strLog, strExpected)) << strLog;
+    fs::remove_all(fs::path(strLog).parent_path());
+}
+
+TEST_F(Directories, FoldersAreMadeOnlyWhereLoggingIsOn)
+{
+    setenv("MVR_NOLOGGING", "1", 1);
+    EXPECT_FALSE(fs::exists(LogDirectory("app")));
+    EXPECT_FALSE(fs::exists(LegacyBrand()));
+    for (const char* szOn : {"0", "11"})
+    {
+        setenv("MVR_NOLOGGING", szOn, 1);
+        EXPECT_TRUE(fs::exists(LogDirectory("app"))) << szOn;
+    }
+}
+
+TEST_F(Directories, WithoutUserFoldersTheMachinesRootIsChosen)
+{
+    PutCommon("UseUsersFolder=no");
+    EXPECT_TRUE(IsLogFolderBelow(LogDirectory("app"), LegacyBrand() + "/app/app"));
+}
+
+TEST_F(Directories, ModelAndRootOfTheArgumentsGoFirst)
+{
+    OsArgumentsSet(OS_ARGUMENT_MODELDIRECTORY, "d100");
+    OsArgumentsSet(OS_ARGUMENT_ROOTPATH, PathOf("given").c_str());
+    EXPECT_TRUE(IsLogFolderBelow(LogDirectory("app", OS_CFGENTITY_DRIVER), PathOf("given/d100/app")));
+    EXPECT_FALSE(fs::exists(LocalBrand()));
+}
+
+TEST_F(Directories, ServiceWorksInTheFolderOfWhoeverWorkedHereLast)
+{
+    setenv("MVR_SESSION", "0", 1);
+    setenv("HOME", PathOf("home/default").c_str(), 1);
+    setenv("LOCALAPPDATA", PathOf("home/default/local").c_str(), 1);
+    EXPECT_TRUE(IsLogFolderBelow(LogDirectory("app"), LegacyBrand() + "/app/app")) << "nobody yet";
+
+    Put(Resolve(OS_PATH_WRITEABLE_FOLDER_BRAND_LEGACY) + "\\common\\lastuser.txt", "alice\r\n");
+    EXPECT_TRUE(IsLogFolderBelow(LogDirectory("app"), PathOf("home/alice/local/mvr_orvane/app/app")));
+    Put(Resolve(OS_PATH_WRITEABLE_FOLDER_BRAND_LEGACY) + "\\common\\lastuser.txt", "../alice");
+    EXPECT_TRUE(IsLogFolderBelow(LogDirectory("app"), LegacyBrand() + "/app/app")) << "no path";
+}
+
+TEST_F(Directories, UtilityStaysWithTheLogFileOfTheProgramThatItWorksFor)
+{
+    fs::create_directories(PathOf("d100/app/log.1"));
+    COsLog::CreateArgs createargs;
+    const std::string strLogFile = PathOf("d100/app/log.1/app.log");
+    createargs.szLogFile = strLogFile.c_str();
+    COsLog oslog(createargs);
+    COsCfg oscfg(Program("util", OS_CFGENTITY_UTILITY));
+    EXPECT_EQ(Native(Tag(oscfg, OS_CFGTAG_LOGDIRECTORY)), PathOf("d100/app/log.1"));
+    EXPECT_EQ(Native(Tag(oscfg, OS_CFGTAG_USERDIRECTORY)), LocalBrand() + "/d100/util");
+    EXPECT_EQ(Native(Tag(oscfg, OS_CFGTAG_CONSTINI)), LocalBrand() + "/common/const.ini");
+}
+
+TEST_F(Directories, UnknownKindHasNoIniFilesAndSaysSo)
+{
+    COsCfg oscfg(Program("app", OS_CFGENTITY_UNDEFINED));
+    EXPECT_TRUE(m_logcapture.HasAt(OS_LOG_CHECK, "unrecognized m_eoscfgentity...0"));
+    EXPECT_EQ(Tag(oscfg, OS_CFGTAG_CONSTINI), "");
+}
+
+TEST_F(Directories, PathThatDoesNotFitFailsTheConfiguration)
+{
+    OsArgumentsSet(OS_ARGUMENT_ROOTPATH, ("/" + std::string(480, 'x')).c_str());
+    COsCfg oscfg(Program("app", OS_CFGENTITY_APPLICATION));
+    EXPECT_TRUE(m_logcapture.HasAt(OS_LOG_ERROR, "SetDirectories failed..."));
+    EXPECT_EQ(Tag(oscfg, OS_CFGTAG_LOGDIRECTORY), "");
+}
+
+TEST_F(Directories, LogPathOfARoamingModelMovesToTheRoamingFolder)
+{
+    const auto convert = [](const std::string& a_strPath, const char* a_szModel) {
+        char szPath[OS_PATHSIZE];
+        SStrCpy(szPath, sizeof szPath, a_strPath.c_str());
+        OsCfgLocalLogPath(szPath, sizeof szPath, a_szModel);
+        return Native(szPath);
+    };
+    const std::string strLocal = PathOf("system/LOCALAPPDATA/m/a.log");
+    EXPECT_EQ(convert(strLocal, nullptr), strLocal);
+    EXPECT_TRUE(m_logcapture.HasAt(OS_LOG_NOTE, "LocalLogPath exit:  no modeldir"));
+    EXPECT_EQ(convert("/elsewhere", "m"), "/elsewhere");
+    EXPECT_TRUE(m_logcapture.Has("LocalLogPath exit:  not a local or roaming path"));
+    EXPECT_EQ(convert(strLocal, "m"), strLocal);
+    EXPECT_TRUE(m_logcapture.Has("LocalLogPath exit:  no change"));
+
+    EXPECT_TRUE(OsCfgSetModelFlag("M", true));
+    EXPECT_EQ(convert(strLocal, "m"), PathOf("system/APPDATA/m/a.log"));
+    EXPECT_TRUE(m_logcapture.HasPart("LocalLogPath exit:  changed to roaming: <"));
+    EXPECT_EQ(convert(PathOf("system/LOCALAPPDATAx/a"), "m"), PathOf("system/LOCALAPPDATAx/a"));
+
+    for (int i = 1; i < 64; ++i)
+        EXPECT_TRUE(OsCfgSetModelFlag(("m" + std::to_string(i)).c_str(), false));
+    EXPECT_FALSE(OsCfgSetModelFlag("one more", true));
+    OsCfgModelFlag oscfgmodelflag;
+    EXPECT_TRUE(OsCfgModelFlagAt(0, &oscfgmodelflag) && oscfgmodelflag.blRoaming);
+    EXPECT_FALSE(OsCfgModelFlagAt(64, &oscfgmodelflag));
+}
+
+// ------------------------------------------------------------------------------------------------- the log folders
+
+// Log folders beside that of a process, which is the newest of all.
+class LogFolders : public Directories
+{
+protected:
+    static constexpr const char* g_szTen = "log.20240101100000000000";
+    static constexpr const char* g_szTenTwenty = "log.20240101102000000000";
+    static constexpr const char* g_szEleven = "log.20240101110000000000";
+    static constexpr const char* g_szTwelve = "log.20240101120000000000";
+
+    LogFolders() : m_oscfg(Program("app", OS_CFGENTITY_APPLICATION))
+    {
+        fs::create_directories(Own());
+        for (const char* szName : {g_szTen, g_szTenTwenty, g_szEleven, g_szTwelve})
+            MakeFolder(szName);
+    }
+    std::string Beside(const std::string& a_strName) const { return PathOf("logs/" + a_strName); }
+    std::string Own() const { return Beside("log.20240101120500000000"); }
+
+    void MakeFolder(const std::string& a_strName) const
+    {
+        fs::create_directories(Beside(a_strName) + "/tmp");
+        WriteWhole(Beside(a_strName) + "/tmp/a.log", "text");
+    }
+    bool Has(const std::string& a_strName) const { return fs::is_directory(Beside(a_strName)); }
+
+    // Looks after the folders as a collector does for another process, keeping a number of runs.
+    void Manage(const char* a_szBackup)
+    {
+        m_oscfg.SetString(OS_CFGSECTION_DSIDENTITY, OS_CFGTAG_LOGBACKUP, a_szBackup);
+        OsCfgManageLogDirectories(Own().c_str());
+    }
+    static bool IsHeld(const std::string& a_strFolder)
+    {
+        COsFile osfile;
+        return osfile.Open((a_strFolder + "/log.lock").c_str(), OS_FILEOPEN_EXISTING, OS_FILEACCESS_READWRITE,
+                           OS_FILESHARE_EXCLUSIVE) == EOSSTS_SHARING;
+    }
+
+    COsCfg m_oscfg;
+};
+
+TEST_F(LogFolders, FoldersOfTheNewestRunsStayAndOlderOnesGo)
+{
+    Manage("2");
+    EXPECT_TRUE(Has(g_szTwelve) && Has(g_szEleven));
+    EXPECT_FALSE(Has(g_szTenTwenty) || Has(g_szTen));
+}
+
+TEST_F(LogFolders, FoldersWithinHalfAnHourAreOneRunCountedFromItsNewest)
+{
+    MakeFolder("log.20240101094900000000");
+    Manage("3");
+    EXPECT_TRUE(Has(g_szTenTwenty) && Has(g_szTen));
+    EXPECT_FALSE(Has("log.20240101094900000000")) << "near to 10:00, but too far from 10:20";
+}
+
+TEST_F(LogFolders, NothingGoesWithoutALimit)
+{
+    fs::create_directories(Beside("log.20200101000000000000"));
+    for (const char* szNone : {"-1", ""})
+        Manage(szNone);
+    EXPECT_TRUE(Has(g_szTen) && Has("log.20200101000000000000"));
+    EXPECT_TRUE(IsHeld(Own()));
+}
+
+TEST_F(LogFolders, LockedFoldersStayAndStaleLocksDoNotCount)
+{
+    WriteWhole(Beside(g_szTenTwenty) + "/log.lock", "");
+    COsFile osfile;
+    ASSERT_EQ(osfile.Open((Beside(g_szTen) + "/log.lock").c_str(), OS_FILEOPEN_TEMPORARY, OS_FILEACCESS_READWRITE,
+                          OS_FILESHARE_EXCLUSIVE),
+              EOSSTS_SUCCESS);
+    Manage("0");
+    EXPECT_TRUE(Has(g_szTen) && fs::exists(Own()));
+    EXPECT_FALSE(Has(g_szTenTwenty) || Has(g_szEleven) || Has(g_szTwelve));
+}
+
+TEST_F(LogFolders, LinksAndNamesThatAreNoTimeStay)
+{
+    fs::create_directories(PathOf("precious"));
+    WriteWhole(PathOf("precious/file"), "text");
+    fs::create_directory_symlink(PathOf("precious"), Beside("log.20240101000000000000"));
+    WriteWhole(Beside("log.20240101000000000001"), "a file");
+    for (const char* szName : {"log.old", "log.20241301000000000000", "log.2024010110000000000", "log.backup.2024"})
+        MakeFolder(szName);
+    Manage("0");
+    for (const char* szName : {"log.old", "log.20241301000000000000", "log.2024010110000000000", "log.backup.2024",
+                               "log.20240101000000000000"})
+        EXPECT_TRUE(Has(szName)) << szName;
+    EXPECT_TRUE(fs::exists(Beside("log.20240101000000000001")));
+    EXPECT_EQ(ReadWhole(PathOf("precious/file")), "text");
+    EXPECT_FALSE(Has(g_szTen));
+}
+
+TEST_F(LogFolders, EmptyFoldersGoUnlessTheyAreYoungOrLocked)
+{
+    OsTimeRecord ostimerecord{};
+    OsTimeUtc(&ostimerecord, nullptr);
+    char szStamp[OS_TIMESTAMPSIZE];
+    OsTimeStamp(&ostimerecord, 0, szStamp);
+    const std::string strYoung = std::string("log.") + szStamp;
+    for (const std::string& strName : {strYoung, std::string("log.20240101115959000000"), std::string("log.old")})
+        fs::create_directories(Beside(strName) + "/a/b");
+    fs::create_directories(Beside("log.20240101115958000000"));
+    WriteWhole(Beside("log.20240101115958000000") + "/log.lock", "");
+    Manage("6");
+    EXPECT_FALSE(Has("log.20240101115959000000"));
+    EXPECT_TRUE(Has(strYoung));
+    EXPECT_TRUE(Has("log.old")) << "changed just now";
+    EXPECT_TRUE(Has("log.20240101115958000000"));
+}
+
+TEST_F(LogFolders, ManagedFolderIsLockedUntilItIsReleasedAndOurOwnUntilTheEnd)
+{
+    const std::string strOurs = Native(Tag(m_oscfg, OS_CFGTAG_LOGDIRECTORY));
+    OsCfgManageLogDirectories(strOurs.c_str());
+    Manage("6");
+    Manage("6");
+    EXPECT_TRUE(IsHeld(Own()) && IsHeld(strOurs));
+    OsCfgReleaseManaged();
+    OsCfgReleaseManaged();
+    EXPECT_FALSE(fs::exists(Own() + "/log.lock"));
+    EXPECT_TRUE(IsHeld(strOurs));
+}
+
+TEST_F(LogFolders, FolderThatItsOwnProcessLocksIsManagedAllTheSame)
+{
+    COsFile osfile;
+    ASSERT_EQ(osfile.Open((Own() + "/log.lock").c_str(), OS_FILEOPEN_TEMPORARY, OS_FILEACCESS_READWRITE,
+                          OS_FILESHARE_EXCLUSIVE),
+              EOSSTS_SUCCESS);
+    Manage("1");
+    EXPECT_TRUE(m_logcapture.HasPart("CreateFileW failed...260 0xc0000000 0x0 0x2 0x4000080 <"));
+    EXPECT_FALSE(Has(g_szTen));
+    OsCfgReleaseManaged();
+    EXPECT_TRUE(IsHeld(Own()));
+}
+
+TEST_F(Directories, OwnerOfTheServicesLooksAfterTheLogFoldersByItself)
+{
+    setenv("MVR_CLEANLOGFOLDERS", "1", 1);
+    OsArgumentsSetServicesOwner(true);
+    PutConst("");
+    const std::string strOld = LocalBrand() + "/app/app/log.20200101000000000000";
+    fs::create_directories(strOld + "/tmp");
+    std::string strLog;
+    {
+        COsCfg oscfg(Program("app", OS_CFGENTITY_APPLICATION));
+        strLog = Native(Tag(oscfg, OS_CFGTAG_LOGDIRECTORY));
+        EXPECT_TRUE(WaitFor([&] { return !fs::exists(strOld); }));
+        EXPECT_TRUE(fs::exists(strLog + "/log.lock"));
+    }
+    EXPECT_FALSE(fs::exists(strLog + "/log.lock"));
+}

@@ -1,0 +1,241 @@
+// os_coscfg_report_test.cpp: the support report, read back and compared with what it reports.
+#include "coscfg_support.h"
+
+#include "os_cosmem.h"
+
+#include <memory>
+
+class ConfigurationReport : public ConfigurationTest
+{
+protected:
+    ConfigurationReport() { Make(OS_CFGENTITY_APPLICATION); }
+
+    void Make(EOSCFGENTITY a_eoscfgentity)
+    {
+        COsCfg::CreateArgs createargs;
+        createargs.szUniqueName = "prog";
+        createargs.eoscfgentity = a_eoscfgentity;
+        createargs.aoscfgextensionSection = m_aoscfgextensionSection;
+        createargs.aoscfgextensionTag = m_aoscfgextensionTag;
+        m_oscfgimpl = std::make_unique<COsCfgImpl>(createargs);
+        SStrCpy(m_oscfgimpl->m_szLogDirectory, OS_PATHSIZE, PathOf("logs").c_str());
+        m_oscfgimpl->m_oscfgtable.Set(OS_CFGSECTION_DSIDENTITY, OS_CFGTAG_MODELDIRECTORYREAL, "model01");
+    }
+
+    // The text from one line that has the heading to the next one, or to the end.
+    static std::string Section(const std::string& a_strReport, const std::string& a_strHeading)
+    {
+        const size_t sizetHeading = a_strReport.find("*** " + a_strHeading + " ***");
+        if (sizetHeading == std::string::npos)
+            return "";
+        return a_strReport.substr(sizetHeading, a_strReport.find("\r\n***", sizetHeading) - sizetHeading);
+    }
+    std::string Written(const std::string& a_strFile = "logs/mvroscfg.txt")
+    {
+        EXPECT_EQ(m_oscfgimpl->WriteReport(), EOSSTS_SUCCESS);
+        return ReadWhole(PathOf(a_strFile));
+    }
+    static std::string Dotted(std::string a_strName, size_t a_sizetColumn, const std::string& a_strValue)
+    {
+        a_strName.append(a_sizetColumn - std::min(a_sizetColumn, a_strName.size()), '.');
+        return "\r\n" + a_strName + a_strValue + "\r\n";
+    }
+    static std::string Item(std::string a_strName, const std::string& a_strValue)
+    {
+        a_strName.resize(std::max<size_t>(48, a_strName.size()), ' ');
+        return "\r\n" + a_strName + " <" + a_strValue + ">\r\n";
+    }
+    static bool Has(const std::string& a_strText, const std::string& a_strPart)
+    {
+        return a_strText.find(a_strPart) != std::string::npos;
+    }
+    const OsCfgExtension* m_aoscfgextensionSection = nullptr;
+    const OsCfgExtension* m_aoscfgextensionTag = nullptr;
+    COsMem m_osmem;
+    std::unique_ptr<COsCfgImpl> m_oscfgimpl;
+    LogCapture m_logcapture;
+};
+
+TEST_F(ConfigurationReport, ItHasItsHeadingsInOrder)
+{
+    const std::string strReport = Written();
+    size_t sizetLast = 0;
+    for (const char* szHeading : {"\r\n*** Environmentals ***************************************\r\n\r\n",
+                                  "\r\n*** BRAND ************************************************\r\n\r\n",
+                                  "\r\n*** CFG Info *********************************************\r\n\r\n",
+                                  "\r\n*** LocalLogFlags ***************************************\r\n\r\n",
+                                  "\r\n*** Paths ***********************************************\r\n\r\n",
+                                  "\r\n*** OS Library Items *************************************\r\n",
+                                  "\r\n*** There are no local items ************************\r\n",
+                                  "\r\n*** Directories *************************************\r\n"})
+    {
+        const size_t sizetAt = strReport.find(szHeading, sizetLast);
+        ASSERT_NE(sizetAt, std::string::npos) << szHeading;
+        sizetLast = sizetAt + 1;
+    }
+    EXPECT_EQ(std::count(strReport.begin(), strReport.end(), '\n'),
+              std::count(strReport.begin(), strReport.end(), '\r'));
+    EXPECT_FALSE(Has(strReport, "Local Items"));
+}
+
+TEST_F(ConfigurationReport, TheEnvironmentIsListedUpToALength)
+{
+    setenv("REPORT_SHORT", "a=b \xC3\xA9", 1);
+    setenv("REPORT_LONG", (std::string(8191 - 13, 'x') + "\xC3\xA9").c_str(), 1);
+    const std::string strReport = Section(Written(), "Environmentals");
+    EXPECT_TRUE(Has(strReport, "\r\nREPORT_SHORT=a=b \xC3\xA9\r\n"));
+    EXPECT_TRUE(Has(strReport, "\r\nREPORT_LONG=" + std::string(8191 - 13, 'x') + "\r\n"));
+}
+
+TEST_F(ConfigurationReport, TheMachineTheBrandAndThePathsAreAsTheirReadersTell)
+{
+    ASSERT_TRUE(OsCfgSetModelFlag("m100", true));
+    ASSERT_TRUE(OsCfgSetModelFlag("m200", false));
+    OsCfgInfoGather();
+    const std::string strReport = Written();
+    const std::string strInfo = Section(strReport, "CFG Info");
+    EXPECT_TRUE(Has(strInfo, "\r\nOS_CFGINFO_OS_BUILDSTRING............." +
+                                 std::string(OsCfgInfoString(OS_CFGINFO_OS_BUILDSTRING)) + "\r\n"));
+    EXPECT_TRUE(Has(strInfo, Dotted("OS_CFGINFO_MEM_TOTALPHYSICAL", 38,
+                                    std::to_string(OsCfgInfoLong(OS_CFGINFO_MEM_TOTALPHYSICAL)))));
+    EXPECT_TRUE(Has(strInfo,
+                    Dotted("OS_CFGINFO_CPU_HYPERVENDORSTRING", 38, OsCfgInfoString(OS_CFGINFO_CPU_HYPERVENDORSTRING))));
+    EXPECT_EQ(std::count(strInfo.begin(), strInfo.end(), '\n'), 37 + 2);
+
+    const std::string strBrand = Section(strReport, "BRAND");
+    EXPECT_TRUE(Has(strBrand, Dotted("companynameshort", 38, OsCfgBrand("companynameshort"))));
+    const std::string strFlags = Section(strReport, "LocalLogFlags");
+    EXPECT_TRUE(Has(strFlags, Dotted("m100", 32, "roaming or legacy")));
+    EXPECT_TRUE(Has(strFlags, Dotted("m200", 32, "local")));
+
+    const std::string strPaths = Section(strReport, "Paths");
+    size_t sizetLast = 0;
+    for (uint32_t u32Path = 1; u32Path < OS_PATH_LAST; ++u32Path)
+    {
+        char szPath[OS_PATHSIZE] = "";
+        m_oscfgimpl->GetPath(static_cast<EOSPATH>(u32Path), szPath, sizeof szPath);
+        const size_t sizetAt = strPaths.find(Dotted(OsCfgPathName(u32Path), 84, szPath), sizetLast);
+        ASSERT_NE(sizetAt, std::string::npos) << u32Path;
+        sizetLast = sizetAt + 1;
+    }
+}
+
+TEST_F(ConfigurationReport, TheTagsAreWrittenAsAnIniFileHasThem)
+{
+    OsArgumentsSet(OS_ARGUMENT_UNIQUENAME, "prog");
+    OsCfgTable& oscfgtable = m_oscfgimpl->m_oscfgtable;
+    oscfgtable.Set(OS_CFGSECTION_DSIDENTITY, OS_CFGTAG_DEBUG, "12");
+    oscfgtable.Set(OS_CFGSECTION_DSIDENTITY, OS_CFGTAG_PDFRASTERPFXPASSWORD00, "secret");
+    oscfgtable.Set(OS_CFGSECTION_SUPPORTEDSIZES, OS_CFGTAG_N07, "seven");
+    oscfgtable.Set(OS_CFGSECTION_MVRALLDS, OS_CFGTAG_JPEGQUANTIZATION_CBCR_05, "AB");
+    const std::string strItems = Section(Written(), "OS Library Items");
+    for (const std::string strHeader : {"[prog.dsidentity]", "[prog.supportedsizes]", "[prog.mvr_all.ds]"})
+        EXPECT_TRUE(Has(strItems, "\r\n\r\n" + strHeader + "\r\n")) << strHeader;
+    for (uint32_t u32Tag = 1; u32Tag <= 246; ++u32Tag)
+    {
+        EXPECT_TRUE(Has(strItems, Item(OsCfgTagName(u32Tag), oscfgtable.Get(OS_CFGSECTION_DSIDENTITY, u32Tag))))
+            << u32Tag;
+    }
+    EXPECT_TRUE(Has(strItems, Item("Debug", "12")));
+    EXPECT_TRUE(Has(strItems, Item("N00", "")));
+    EXPECT_TRUE(Has(strItems, Item("N07", "seven")));
+    EXPECT_TRUE(Has(strItems, Item("OS_CFGTAG_JPEGQUANTIZATION_CBCR_05", "AB")));
+    EXPECT_TRUE(Has(strItems, Item("OS_CFGTAG_JPEGQUANTIZATION_Y_100", "")));
+    EXPECT_EQ(std::count(strItems.begin(), strItems.end(), '<'), 246 + 51 + 42);
+    EXPECT_FALSE(Has(strItems, "secret"));
+}
+
+TEST_F(ConfigurationReport, ExtensionsAreLocalItems)
+{
+    static const OsCfgExtension g_aSection[] = {{1001, "first"}, {1002, ""}, {1000, ""}};
+    static const OsCfgExtension g_aTag[] = {{1001, "Named"}, {1003, ""}, {1000, ""}};
+    m_aoscfgextensionSection = g_aSection;
+    m_aoscfgextensionTag = g_aTag;
+    OsArgumentsSet(OS_ARGUMENT_UNIQUENAME, "prog");
+    Make(OS_CFGENTITY_APPLICATION);
+    m_oscfgimpl->m_oscfgtable.Set(1002, 1003, "last");
+    const std::string strReport = Written();
+    EXPECT_TRUE(Has(strReport, "\r\n*** Local Items *************************************\r\n"));
+    EXPECT_TRUE(Has(strReport, "\r\n\r\n[prog.first]" + Item("Named", "") + Item("0x0003eb", "").substr(2) +
+                                   "\r\n[0x0003ea]" + Item("Named", "") + Item("0x0003eb", "last").substr(2)));
+}
+
+TEST_F(ConfigurationReport, TheMembersOfTheObjectFollowInOrder)
+{
+    SStrCpy(m_oscfgimpl->m_szSystemDirectory, OS_PATHSIZE, "sys");
+    SStrCpy(m_oscfgimpl->m_szFileDataUnprotected, 16, "[prog");
+    const std::string strDirectories = Section(Written(), "Directories");
+    EXPECT_TRUE(Has(strDirectories, "\r\n\r\nm_szSystemDirectory                 = <sys>\r\n"));
+    EXPECT_TRUE(Has(strDirectories, "\r\nm_szFudge                           = <prog>\r\n"));
+    EXPECT_TRUE(Has(strDirectories, "\r\nm_szFileDataUnprotected             = <[prog>\r\n"));
+    EXPECT_TRUE(Has(strDirectories, "\r\nm_szDebugDisplayLength              = <512>\r\n"));
+    const std::string strDebugFolder = Resolve(OS_PATH_WRITEABLE_FOLDER_BRAND_LOCALORROAMING) + "\\common\\debug\\";
+    EXPECT_TRUE(Has(strDirectories, "\r\n*_const.ini                         = <" + strDebugFolder));
+    EXPECT_FALSE(OsFileExists(strDebugFolder.c_str()));   // the report makes no folder but its own
+    EXPECT_EQ(std::count(strDirectories.begin(), strDirectories.end(), '<'), 29 + 2 + 23 + 13);
+    size_t sizetLast = 0;
+    for (const char* szName : {"System", "LegacyUser", "SharedUser", "Tmp", "*_", "ConfigFile", "LogFilename", "Fudge",
+                               "LibraryName", "FileDataU", "UnitsB", "UiTimeout", "CompanyName", "SvtTitle"})
+    {
+        const size_t sizetAt = strDirectories.find(szName, sizetLast);
+        ASSERT_NE(sizetAt, std::string::npos) << szName;
+        sizetLast = sizetAt + 1;
+    }
+}
+
+TEST_F(ConfigurationReport, ItsNameTellsTheProgramKindOrTheTime)
+{
+    Make(OS_CFGENTITY_APPUTILITY);
+    const std::string strLong(200000, 'x');
+    std::filesystem::create_directories(PathOf("logs"));
+    WriteWhole(PathOf("logs/mvroscfg_model01.txt"), strLong);
+    const std::string strReport = Written("logs/mvroscfg_model01.txt");
+    EXPECT_EQ(strReport.rfind("\r\n*** Environmentals", 0), 0u);
+    EXPECT_FALSE(Has(strReport, "xxxxxxxxxx"));   // nothing stays of what was there
+
+    setenv("MVR_OSCFGDIR", PathOf("elsewhere").c_str(), 1);
+    EXPECT_EQ(m_oscfgimpl->WriteReport(), EOSSTS_SUCCESS);
+    const uint64_t u64Then = PlatClock();
+    ASSERT_TRUE(WaitFor([&] { return PlatClock() > u64Then + 20000; }));
+    EXPECT_EQ(m_oscfgimpl->WriteReport(), EOSSTS_SUCCESS);
+    size_t sizetFiles = 0;
+    for (const auto& entry : std::filesystem::directory_iterator(PathOf("elsewhere")))
+    {
+        ++sizetFiles;
+        EXPECT_EQ(StrWildcard(entry.path().filename().c_str(),
+                              "mvroscfg_20?"
+                              "??????????????.txt",
+                              false),
+                  0)
+            << entry.path();
+    }
+    EXPECT_EQ(sizetFiles, 2u);
+}
+
+TEST_F(ConfigurationReport, AReportThatCannotBeWrittenIsTold)
+{
+    WriteWhole(PathOf("file"), "");
+    SStrCpy(m_oscfgimpl->m_szLogDirectory, OS_PATHSIZE, PathOf("file/below").c_str());
+    EXPECT_EQ(m_oscfgimpl->WriteReport(), EOSSTS_CANNOTCREATE);
+    EXPECT_TRUE(m_logcapture.HasPart("Error creating...<"));
+
+    SStrCpy(m_oscfgimpl->m_szLogDirectory, OS_PATHSIZE, PathOf("logs").c_str());
+    Written();
+    COsFile osfile;
+    osfile.Open(PathOf("logs/mvroscfg.txt").c_str(), OS_FILEOPEN_EXISTING, OS_FILEACCESS_READ, OS_FILESHARE_READWRITE);
+    EXPECT_EQ(m_oscfgimpl->WriteReport(), EOSSTS_SHARING);
+    EXPECT_EQ(OsFileCreateDirectory(PathOf("later").c_str()), EOSSTS_SUCCESS);
+    EXPECT_TRUE(std::filesystem::exists(PathOf("later")));
+}
+
+TEST_F(ConfigurationReport, ItIsWantedByADebugValueUnlessLoggingIsOff)
+{
+    EXPECT_FALSE(OsCfgIsReportWanted());
+    setenv("MVR_DEBUG", "0", 1);
+    EXPECT_FALSE(OsCfgIsReportWanted());
+    setenv("MVR_DEBUG", "4", 1);
+    EXPECT_TRUE(OsCfgIsReportWanted());
+    OsLogSetState(OS_LOGSTATE_ALLOW);
+    OsLogSetState(OS_LOGSTATE_OFF);
+    EXPECT_FALSE(OsCfgIsReportWanted());
+}
