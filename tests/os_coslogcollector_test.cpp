@@ -156,7 +156,7 @@ TEST_F(SharedCollector, WhatEndsAStreamIsLogged)
 // Connections come and go while the collector is stopped: nothing hangs, nothing is freed under a reader.
 TEST_F(SharedCollector, StopMayComeAtAnyMoment)
 {
-    for (int i = 0; i < 20; ++i)
+    for (int i = 0; i < 8; ++i)
     {
         StartAndAnnounce();
         std::atomic<bool> blStop{false};
