@@ -30,79 +30,41 @@ bool PosixFailErrno()
     return PosixFail(PosixTranslate(errno));
 }
 
+// The one that every drained socket gives comes first.
+static constexpr struct
+{
+    int iErrno;
+    uint32_t u32Error;
+} g_aerror[] = {
+    {EAGAIN, PLAT_ERROR_WOULDBLOCK},        {0, PLAT_ERROR_NONE},
+    {ENOENT, PLAT_ERROR_FILENOTFOUND},      {ENOTDIR, PLAT_ERROR_PATHNOTFOUND},
+    {EMFILE, PLAT_ERROR_TOOMANYOPEN},       {ENFILE, PLAT_ERROR_TOOMANYOPEN},
+    {EACCES, PLAT_ERROR_ACCESSDENIED},      {EPERM, PLAT_ERROR_ACCESSDENIED},
+    {EISDIR, PLAT_ERROR_ACCESSDENIED},      {EBADF, PLAT_ERROR_INVALIDHANDLE},
+    {ENOMEM, PLAT_ERROR_NOMEMORY},          {EXDEV, PLAT_ERROR_NOTSAMEDEVICE},
+    {EROFS, PLAT_ERROR_WRITEPROTECT},       {ETXTBSY, PLAT_ERROR_SHARING},
+    {EEXIST, PLAT_ERROR_ALREADYEXISTS},     {EINVAL, PLAT_ERROR_INVALIDPARAMETER},
+    {EPIPE, PLAT_ERROR_BROKENPIPE},         {ENOSPC, PLAT_ERROR_DISKFULL},
+    {EDQUOT, PLAT_ERROR_DISKFULL},          {EFBIG, PLAT_ERROR_DISKFULL},
+    {ENAMETOOLONG, PLAT_ERROR_INVALIDNAME}, {ELOOP, PLAT_ERROR_INVALIDNAME},
+    {ENOTEMPTY, PLAT_ERROR_DIRNOTEMPTY},    {ENOEXEC, PLAT_ERROR_BADEXEFORMAT},
+    {EILSEQ, PLAT_ERROR_NOUNICODE},         {ESRCH, PLAT_ERROR_INVALIDPARAMETER},
+    {EINPROGRESS, PLAT_ERROR_WOULDBLOCK},   {ENOTSOCK, PLAT_ERROR_NOTSOCKET},
+    {EADDRINUSE, PLAT_ERROR_ADDRINUSE},     {EADDRNOTAVAIL, PLAT_ERROR_ADDRNOTAVAIL},
+    {ENETUNREACH, PLAT_ERROR_NETUNREACH},   {EHOSTUNREACH, PLAT_ERROR_NETUNREACH},
+    {ECONNABORTED, PLAT_ERROR_CONNABORTED}, {ECONNRESET, PLAT_ERROR_CONNRESET},
+    {ENOTCONN, PLAT_ERROR_NOTCONN},         {ETIMEDOUT, PLAT_ERROR_TIMEDOUT},
+    {ECONNREFUSED, PLAT_ERROR_CONNREFUSED},
+};
+
 uint32_t PosixTranslate(int a_iErrno)
 {
-    switch (a_iErrno)
+    for (const auto& error : g_aerror)
     {
-    case 0:
-        return PLAT_ERROR_NONE;
-    case ENOENT:
-        return PLAT_ERROR_FILENOTFOUND;
-    case ENOTDIR:
-        return PLAT_ERROR_PATHNOTFOUND;
-    case EMFILE:
-    case ENFILE:
-        return PLAT_ERROR_TOOMANYOPEN;
-    case EACCES:
-    case EPERM:
-    case EISDIR:
-        return PLAT_ERROR_ACCESSDENIED;
-    case EBADF:
-        return PLAT_ERROR_INVALIDHANDLE;
-    case ENOMEM:
-        return PLAT_ERROR_NOMEMORY;
-    case EXDEV:
-        return PLAT_ERROR_NOTSAMEDEVICE;
-    case EROFS:
-        return PLAT_ERROR_WRITEPROTECT;
-    case ETXTBSY:
-        return PLAT_ERROR_SHARING;
-    case EEXIST:
-        return PLAT_ERROR_ALREADYEXISTS;
-    case EINVAL:
-        return PLAT_ERROR_INVALIDPARAMETER;
-    case EPIPE:
-        return PLAT_ERROR_BROKENPIPE;
-    case ENOSPC:
-    case EDQUOT:
-    case EFBIG:
-        return PLAT_ERROR_DISKFULL;
-    case ENAMETOOLONG:
-    case ELOOP:
-        return PLAT_ERROR_INVALIDNAME;
-    case ENOTEMPTY:
-        return PLAT_ERROR_DIRNOTEMPTY;
-    case ENOEXEC:
-        return PLAT_ERROR_BADEXEFORMAT;
-    case EILSEQ:
-        return PLAT_ERROR_NOUNICODE;
-    case ESRCH:
-        return PLAT_ERROR_INVALIDPARAMETER;
-    case EAGAIN:
-    case EINPROGRESS:
-        return PLAT_ERROR_WOULDBLOCK;
-    case ENOTSOCK:
-        return PLAT_ERROR_NOTSOCKET;
-    case EADDRINUSE:
-        return PLAT_ERROR_ADDRINUSE;
-    case EADDRNOTAVAIL:
-        return PLAT_ERROR_ADDRNOTAVAIL;
-    case ENETUNREACH:
-    case EHOSTUNREACH:
-        return PLAT_ERROR_NETUNREACH;
-    case ECONNABORTED:
-        return PLAT_ERROR_CONNABORTED;
-    case ECONNRESET:
-        return PLAT_ERROR_CONNRESET;
-    case ENOTCONN:
-        return PLAT_ERROR_NOTCONN;
-    case ETIMEDOUT:
-        return PLAT_ERROR_TIMEDOUT;
-    case ECONNREFUSED:
-        return PLAT_ERROR_CONNREFUSED;
-    default:
-        return PLAT_ERROR_GENFAILURE;
+        if (error.iErrno == a_iErrno)
+            return error.u32Error;
     }
+    return PLAT_ERROR_GENFAILURE;
 }
 
 // ---------------------------------------------------------------------------------------------------------- text
