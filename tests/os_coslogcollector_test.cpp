@@ -73,7 +73,7 @@ TEST_F(SharedCollector, AnnouncesItselfForItsLifeAndOnlyOnce)
     StartAndAnnounce();
     EXPECT_EQ(m_collector->Start(nullptr, true), EOSSTS_SUCCESS) << "again is harmless";
 
-    ASSERT_TRUE(WaitFor([&] { return AnnouncementIsLocked(); }));
+    EXPECT_TRUE(AnnouncementIsLocked()) << "who reads the text finds the lock";
     COsLogCollector other(OS_COLLECTORMODE_SHARED, nullptr);
     EXPECT_EQ(other.Start(nullptr, true), EOSSTS_BUSY);
     m_collector->Stop(nullptr, 0);

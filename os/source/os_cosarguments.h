@@ -3,11 +3,54 @@
 
 #include "os_types.h"
 
-// What OsArgumentsClear clears; bits may be combined.
-inline constexpr uint32_t OS_CLEARARGUMENTS_ENVIRONMENT = 0x8;   // every inherited variable of the family
+inline constexpr size_t OS_ARGUMENTSSIZE = 4096;   // of the arguments document
 
-// Any thread. After a clear no variable of the family is in the environment that children inherit.
+// What OsArgumentsClear clears; bits may be combined.
+inline constexpr uint32_t OS_CLEARARGUMENTS_DOCUMENT = 0x1;      // the document of this process
+inline constexpr uint32_t OS_CLEARARGUMENTS_THREAD = 0x2;        // the calling thread's variables, and the general
+                                                                 // ones when this process owns the services
+inline constexpr uint32_t OS_CLEARARGUMENTS_GENERAL = 0x4;       // with THREAD: the general ones in any case
+inline constexpr uint32_t OS_CLEARARGUMENTS_ENVIRONMENT = 0x8;   // every inherited variable of the family
+inline constexpr uint32_t OS_CLEARARGUMENTS_COLLECTOR = 0x10;    // the collector's identity, in the document too
+
+// Any thread. After ENVIRONMENT no variable of the family is in the environment that children inherit.
 void OsArgumentsClear(uint32_t a_u32Bits);
+
+// Takes in, once in the life of a process, what the environment holds for it: override, driver-let information,
+// inherited document; decides whether the process owns the services; fills the values below. By the library's start.
+void OsArgumentsIntake();
+
+// Fills the buffer with the document that a parent left in the environment, "" when there is none. A null buffer means
+// the document of this process. EOSSTS_SUCCESS, EOSSTS_NOMEMORY when it does not fit.
+EOSSTS OsArgumentsRead(char* a_szDocument, size_t a_sizetDocument);
+
+// The document of this process ("" when it has none) and the name of the variable that it came from.
+const char* OsArgumentsDocument();
+const char* OsArgumentsVariable();
+
+// Writes the document of this process, for its children. Nothing happens when the program's own document forbids
+// inheriting. Values that a configuration has come from there, the given ones stand in for one that is absent.
+// EOSSTS_SUCCESS, EOSSTS_NOMEMORY when the document does not fit (it is "" then).
+struct OsArgumentsBuildArgs
+{
+    const char* szLogDirectory = "";
+    const char* szModelDirectory = "";   // "": the document without a model
+    const char* szLogLevel = nullptr;    // sets the logger's working word
+    const char* szRootPath = "";
+    const char* szLegacyRootPath = "";
+    bool blFromInterfaceOpen = false;
+};
+EOSSTS OsArgumentsBuild(const OsArgumentsBuildArgs& a_osargumentsbuildargs);
+
+// Forbids (a program whose own document says so) that OsArgumentsBuild writes a document.
+void OsArgumentsSetInherit(bool a_blInherit);
+
+// With hold: takes the arguments lock, puts the document into the environment that children inherit, and returns with
+// the lock held, so that the environment stays as it is until the child exists. Without: releases the lock.
+void OsArgumentsPublish(bool a_blHold);
+
+// Puts the collector's identity into the document of this process.
+void OsArgumentsUpdateCollector();
 
 // The collector that this process's logger uses, and whether this process owns the services of its application.
 // Zero, and false, until a start of the library has found or made them.

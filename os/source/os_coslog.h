@@ -82,3 +82,7 @@ extern std::atomic<OsLogVersionProc> g_poslogversionproc;
 // buffer has OS_LOGVERSIONSIZE bytes.
 inline constexpr size_t OS_LOGVERSIONSIZE = 64;
 void OsLogExeVersion(char* a_szVersion);
+
+// Removes the expired log folders of the product below a_szFolder: those whose first log was last written at least
+// a_i32Hours ago (0 or less: all), that no running process holds, and that are not this process's own.
+void OsLogCleanFolders(const char* a_szFolder, int32_t a_i32Hours);

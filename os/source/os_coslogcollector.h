@@ -29,7 +29,8 @@ public:
     void SetApplication(uint64_t a_u64ProcessId);
 
     // Puts the role in service. EOSSTS_SUCCESS, also when it is already; EOSSTS_FAIL; EOSSTS_BUSY when another shared
-    // collector runs and a_blCheckOther asks for that.
+    // collector runs and a_blCheckOther asks for that, or when a client finds the announcement of one that has gone.
+    // A client role connects and names a_szLogFile as the file of its stream.
     EOSSTS Start(const char* a_szLogFile, bool a_blCheckOther);
 
     // Ends all streams and threads. a_szFolder (may be null) receives the log folder that the streams used, if it
@@ -48,3 +49,7 @@ public:
 private:
     COsLogCollectorImpl* m_poslogcollectorimpl;   // null only when its allocation failed
 };
+
+// Provides this application with its private collector: spawns it, learns its port, and tells this process and its
+// later children where it is. Called once by the start of the library. True when a collector is usable or not wanted.
+bool LogCollectorStartCollector();

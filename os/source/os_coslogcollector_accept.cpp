@@ -13,6 +13,8 @@
 
 static constexpr char g_szSource[] = "os/source/os_coslogcollector";
 
+static constexpr int32_t g_i32AnnouncementTimeout = 1000;
+
 uint32_t COsLogCollectorImpl::LogAcceptEntry(COsThread* a_posthread)
 {
     static_cast<COsLogCollectorImpl*>(a_posthread->Argument())->LogAccept();
@@ -41,15 +43,17 @@ void COsLogCollectorImpl::LogAccept()
 
 // ------------------------------------------------------------------------------------- telling where we are
 
-// The lock on the first byte says that the announcement is true; it lasts as long as the file is open.
+// The lock on the first byte says that the announcement is true; it lasts as long as the file is open. It is taken
+// before the text is there: whoever reads the text finds the lock. A client that tests it just now holds it for a
+// moment.
 bool COsLogCollectorImpl::Announce(COsFile& a_osfile, const char* a_szPath)
 {
     char szText[OS_LC_ANNOUNCEMENTSIZE];
     return OsLcBuildAnnouncement(szText, sizeof szText, m_szHost, m_szPort) == EOSSTS_SUCCESS &&
            a_osfile.Open(a_szPath, OS_FILEOPEN_ALWAYS, OS_FILEACCESS_READWRITE, OS_FILESHARE_READWRITE) ==
                EOSSTS_SUCCESS &&
-           a_osfile.Write(szText, std::strlen(szText)) == EOSSTS_SUCCESS && a_osfile.Flush() == EOSSTS_SUCCESS &&
-           a_osfile.LockByte(0, 1, a_szPath, false) == EOSSTS_SUCCESS;
+           a_osfile.LockByte(0, g_i32AnnouncementTimeout, a_szPath, false) == EOSSTS_SUCCESS &&
+           a_osfile.Write(szText, std::strlen(szText)) == EOSSTS_SUCCESS && a_osfile.Flush() == EOSSTS_SUCCESS;
 }
 
 static void WriteStandardOutput(const char* a_szText)

@@ -5,8 +5,26 @@
 
 #include "plat_types.h"
 
+#include <initializer_list>
+
 class COsThread;
 class COsThreadImpl;
+
+// How a child is started; bits may be combined.
+inline constexpr uint32_t OS_SPAWNFLAGS_NOWINDOW = 0x1;
+inline constexpr uint32_t OS_SPAWNFLAGS_NEWCONSOLE = 0x4;
+inline constexpr uint32_t OS_SPAWNFLAGS_NODESKTOP = 0x10;
+inline constexpr uint32_t OS_SPAWNFLAGS_NOQUOTES = 0x40;       // around the arguments
+inline constexpr uint32_t OS_SPAWNFLAGS_CHECKSTART = 0x80;     // set by Spawn: early deaths are seen and tried again
+inline constexpr uint32_t OS_SPAWNFLAGS_FROMSERVICE = 0x100;   // as the user of the active session
+inline constexpr uint32_t OS_SPAWNFLAGS_NORETRY = 0x200;
+inline constexpr uint32_t OS_SPAWNFLAGS_PIPES = 0x400;            // the three standard streams through pipes
+inline constexpr uint32_t OS_SPAWNFLAGS_SERVICESESSION = 0x800;   // as the user of the services' session
+inline constexpr uint32_t OS_SPAWNFLAGS_DETACHED = 0x1000;
+inline constexpr uint32_t OS_SPAWNFLAGS_SHOWNORMAL = 0x2000;
+inline constexpr uint32_t OS_SPAWNFLAGS_NOREDIRECTION = 0x4000;   // of files, for a program of the other word size
+inline constexpr uint32_t OS_SPAWNFLAGS_CHECKFILE = 0x8000;       // the program file's footer, before the launch
+inline constexpr uint32_t OS_SPAWNFLAGS_NOFOLDER = 0x10000;       // the child starts in this process's folder
 
 // Takes its argument with Argument(), loops on WaitForStop() with its own time-out, leaves on EOSSTS_SUCCESS, and
 // ends by calling Exit() or by returning an exit value. An exception that leaves it is logged and ends the thread.
@@ -53,6 +71,24 @@ public:
     uint64_t ChildProcessId() const;
     void ChildProcessEnded(uint32_t a_u32ExitCode);   // notes the exit code and lets the process go
     uint32_t ChildExitCode() const;
+
+    // Starts a child process and watches its first moments. a_u32Flags: OS_SPAWNFLAGS_...; a_szArgument0 must not be
+    // null and is not on the command line, where the program stands in its place; of the further arguments at most 31
+    // are taken, up to the first null or empty one. The arguments document is published to the child. EOSSTS_SUCCESS
+    // when it runs; EOSSTS_FAIL, also while an earlier child still runs.
+    EOSSTS Spawn(uint32_t a_u32Flags, const char* a_szProgram, const char* a_szArgument0,
+                 std::initializer_list<const char*> a_aszArgument = {});
+
+    // True while the child runs. Once it has ended, its exit code is noted and the process let go.
+    bool ChildIsRunning();
+
+    // Waits up to 3000 ms for what the child writes and takes at most a_sizetBuffer bytes of it. By default from its
+    // standard output or its standard error, whichever comes first. EOSSTS_SUCCESS; EOSSTS_FAIL, also when there are
+    // no pipes; EOSSTS_TIMEOUT; EOSSTS_CANCELLED; EOSSTS_EXITED when the child has gone and everything was read;
+    // EOSSTS_NOSPACE when the pipe gave nothing. One thread at a time.
+    EOSSTS ChildRead(char* a_szBuffer, size_t a_sizetBuffer, size_t* a_psizetRead, bool a_blOutputOnly = false);
+    EOSSTS ChildWrite(const void* a_pvBuffer, size_t a_sizetBytes);   // to its standard input; EOSSTS_FAIL
+    void ChildCancel();                                               // ends a read that waits, from any thread
 
     bool IsUsable() const { return m_posthreadimpl != nullptr; }
 
