@@ -26,7 +26,7 @@ enum PlatDisposition : uint32_t
 };
 
 // The file goes with this handle, if the name is still its own. The handle counts as one that deletes: others may
-// open the file meanwhile only if they share deletion.
+// open the file meanwhile only if they share deletion. A link with the name is refused, not followed (123).
 inline constexpr uint32_t PLAT_OPEN_DELETEONCLOSE = 1;
 inline constexpr uint32_t PLAT_OPEN_FOLDER = 2;   // a folder may be opened
 

@@ -1,8 +1,10 @@
 // logcollector.cpp: the entry of the collector program and its run modes.
 //
 // In collect mode an application starts it with its process id; it takes the log streams of that application's
-// processes and ends when the application has gone or the collector asks for it. Its exit code is always 0.
+// processes and ends when the application has gone or the collector asks for it. In clean mode it removes expired log
+// folders. Its exit code is always 0.
 #include "logcollector_args.h"
+#include "logcollector_clean.h"
 
 #include "os_cosarguments.h"
 #include "os_cosenv.h"
@@ -86,8 +88,11 @@ int main(int a_iArguments, char** a_aszArgument)
     ChooseOwnLogging();
     OsArgumentsClear(OS_CLEARARGUMENTS_ENVIRONMENT);
     OsServicesStart();
-    if (LogCollectorParse(a_iArguments, a_aszArgument, logcollectorargs) == RunMode::Collect)
+    const RunMode runmode = LogCollectorParse(a_iArguments, a_aszArgument, logcollectorargs);
+    if (runmode == RunMode::Collect)
         RunCollect(logcollectorargs, szLeftoverFolder);
+    if (runmode == RunMode::Clean)
+        LogCollectorClean(logcollectorargs.i32HoursToKeep, logcollectorargs.szSubfolder);
     if (szLeftoverFolder[0] && OsFileExists(szLeftoverFolder))
         OsFileRemoveEmptyTree(szLeftoverFolder);
     OsServicesStop();

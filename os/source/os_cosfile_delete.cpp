@@ -1,164 +1,24 @@
-// os_cosfile_delete.cpp: deleting files and folder trees. From top to bottom: the walk through a tree and what it
-// deletes, which folders must never go, and the operations.
+// os_cosfile_delete.cpp: deleting files and folder trees. From top to bottom: what is deleted by its path, with what
+// the walk through a tree (os_cosfile_tree.h) finds below it, which folders must never go, and the operations.
 #include "os_cosfile_system.h"
 
 #include "os_cosfile_impl.h"
+#include "os_cosfile_tree.h"
 #include "os_cosstring.h"
 #include "os_log.h"
-#include "os_scope.h"
 
 #include <algorithm>
 #include <cstring>
-#include <string_view>
 
 static constexpr char g_szSource[] = "os/source/os_cosfile";
 
 namespace
 {
-// Walks through a tree with one path and one record for all levels: a level costs next to no stack, and the length
-// of a path bounds how deep it goes.
-class TreeWalk
-{
-public:
-    explicit TreeWalk(bool a_blSystemFiles) : m_blSystemFiles(a_blSystemFiles) {}
-
-    // Goes to a path and reads what is there. EOSSTS_NOTFOUND when nothing is, EOSSTS_FAIL (logged) for a bad path.
-    EOSSTS Start(const char* a_szPath);
-
-    bool IsFolder() const { return m_osfileinfo.eosfiletype == OS_FILETYPE_FOLDER; }
-    EOSFILETYPE Type() const { return m_osfileinfo.eosfiletype; }
-
-    // Both are for the entry that was read last.
-    bool Delete(bool a_blRecursive);
-    bool RemoveEmpty();   // a folder, where no file is in it; else its sub-folders. True when it has gone.
-
-private:
-    template <class Visit>
-    bool VisitEntries(Visit a_visit);
-    PlatHandle FindFirst();
-    bool FindNext(PlatHandle a_plathandle);
-    bool Enter();
-    bool DeleteFolder(bool a_blRecursive);
-    bool DeleteFile();
-    bool RemoveNow(bool (*a_remove)(const char16_t*), bool a_blLink) const;
-    void ClearAttributes() const;
-
-    char m_szPath[OS_PATHSIZE] = {};
-    size_t m_sizetLength = 0;
-    OsFileInfo m_osfileinfo = {};
-    bool m_blSystemFiles;
-};
-
-EOSSTS TreeWalk::Start(const char* a_szPath)
-{
-    OsPathCopy(m_szPath, sizeof m_szPath, a_szPath);
-    OsPathRemoveTrailing(m_szPath);
-    m_sizetLength = strlen(m_szPath);
-    return m_sizetLength > 0 ? OsFileGetInfo(m_szPath, &m_osfileinfo) : EOSSTS_FAIL;
-}
-
-// Goes to the entry of the folder that was read last. Its name may hold a separator where the system takes only one
-// of the two for it, but as a path it would name something else, which must not be touched.
-bool TreeWalk::Enter()
-{
-    const std::string_view szName = m_osfileinfo.szName;
-    if (szName.empty() || szName.find_first_of("/\\") != szName.npos)
-    {
-        OSLOG(OS_LOG_NOTE, "DeleteFile failed...%s (%d)", m_szPath, static_cast<int>(PLAT_ERROR_INVALIDNAME));
-        return false;
-    }
-    const bool blSeparator = m_szPath[m_sizetLength - 1] != '\\';
-    if (m_sizetLength + blSeparator + szName.size() >= sizeof m_szPath)
-    {
-        OSLOG(OS_LOG_CHECK, "buffer overflow...%u <%s>", static_cast<unsigned>(sizeof m_szPath), m_szPath);
-        return false;
-    }
-    if (blSeparator)
-        m_szPath[m_sizetLength++] = '\\';
-    m_sizetLength = static_cast<size_t>(std::copy(szName.begin(), szName.end(), m_szPath + m_sizetLength) - m_szPath);
-    m_szPath[m_sizetLength] = '\0';
-    return true;
-}
-
-// PLAT_INVALID for a folder that cannot be listed.
-PlatHandle TreeWalk::FindFirst()
-{
-    char szPattern[OS_PATHSIZE + 2];
-    SStrPrintf(szPattern, sizeof szPattern, "%s\\*", m_szPath);
-    return OsFileFindFirst(szPattern, &m_osfileinfo) == EOSSTS_SUCCESS ? m_osfileinfo.plathandleSearch : PLAT_INVALID;
-}
-
-bool TreeWalk::FindNext(PlatHandle a_plathandle)
-{
-    m_osfileinfo.plathandleSearch = a_plathandle;
-    return OsFileFindNext(&m_osfileinfo) == EOSSTS_SUCCESS;
-}
-
-// Calls a_visit() with the walk on each entry of the folder, until it returns false. True when all have been seen,
-// and for a folder that cannot be listed: whoever removes it then finds out whether it is empty.
-template <class Visit>
-bool TreeWalk::VisitEntries(Visit a_visit)
-{
-    const PlatHandle plathandle = FindFirst();
-    if (plathandle == PLAT_INVALID)
-        return true;
-    const ScopeGuard closeSearch([plathandle] { PlatClose(plathandle); });
-
-    const size_t sizetLength = m_sizetLength;
-    bool blGoOn = true;
-    do
-    {
-        if (strcmp(m_osfileinfo.szName, ".") == 0 || strcmp(m_osfileinfo.szName, "..") == 0)
-            continue;
-        blGoOn = Enter() && a_visit();
-        m_sizetLength = sizetLength;
-        m_szPath[sizetLength] = '\0';
-    } while (blGoOn && FindNext(plathandle));
-    return blGoOn;
-}
-
-bool TreeWalk::Delete(bool a_blRecursive)
-{
-    return IsFolder() ? DeleteFolder(a_blRecursive) : DeleteFile();
-}
-
-bool TreeWalk::DeleteFolder(bool a_blRecursive)
-{
-    const auto deleteEntry = [this] {
-        OSLOG(OS_LOG_NOTE, "Delete: <%s> %d %d", m_szPath, static_cast<int>(OS_FILETYPE_ANY), 1);
-        return Delete(true);
-    };
-    // Where a read-only folder also protects what is in it, it has to change first.
-    if (a_blRecursive && m_osfileinfo.eosfileaccess == OS_FILEACCESS_READ)
-        ClearAttributes();
-    if (a_blRecursive && !VisitEntries(deleteEntry))
-        return false;
-    if (RemoveNow(PlatFolderDelete, false) || !OsFileExists(m_szPath))
-        return true;
-    OSLOG(OS_LOG_NOTE, "RemoveDirectory failed...%s", m_szPath);
-    return false;
-}
-
-bool TreeWalk::DeleteFile()
-{
-    uint32_t u32Error = PLAT_ERROR_ACCESSDENIED;
-    if (m_osfileinfo.eosfiletype != OS_FILETYPE_SYSTEM || m_blSystemFiles)
-    {
-        if (RemoveNow(PlatFileDelete, m_osfileinfo.blLink))
-            return true;
-        u32Error = PlatGetLastError();
-        if (!OsFileExists(m_szPath))
-            return true;
-    }
-    OSLOG(OS_LOG_NOTE, "DeleteFile failed...%s (%d)", m_szPath, static_cast<int>(u32Error));
-    return false;
-}
-
 // The attributes are cleared only when they are in the way. Those of a link would be what it points to.
-bool TreeWalk::RemoveNow(bool (*a_remove)(const char16_t*), bool a_blLink) const
+bool RemoveNow(const char* a_szPath, bool (*a_remove)(const char16_t*), bool a_blLink)
 {
     char16_t wszPath[OS_WIDEPATHSIZE];
-    if (!OsPathToSystem(wszPath, OS_WIDEPATHSIZE, m_szPath))
+    if (!OsPathToSystem(wszPath, OS_WIDEPATHSIZE, a_szPath))
         return false;
     if (a_remove(wszPath))
         return true;
@@ -169,25 +29,69 @@ bool TreeWalk::RemoveNow(bool (*a_remove)(const char16_t*), bool a_blLink) const
     return false;
 }
 
-void TreeWalk::ClearAttributes() const
+bool DeleteFile(const char* a_szPath, const OsFileInfo& a_osfileinfo, bool a_blSystemFiles)
 {
-    char16_t wszPath[OS_WIDEPATHSIZE];
-    if (OsPathToSystem(wszPath, OS_WIDEPATHSIZE, m_szPath))
-        PlatFileClearAttributes(wszPath);
+    uint32_t u32Error = PLAT_ERROR_ACCESSDENIED;
+    if (a_osfileinfo.eosfiletype != OS_FILETYPE_SYSTEM || a_blSystemFiles)
+    {
+        if (RemoveNow(a_szPath, PlatFileDelete, a_osfileinfo.blLink))
+            return true;
+        u32Error = PlatGetLastError();
+        if (!OsFileExists(a_szPath))
+            return true;
+    }
+    OsFileTellFileStays(a_szPath, u32Error);
+    return false;
 }
 
-// The folder itself is deleted without what is in it: a file that somebody creates there at this moment stays.
-bool TreeWalk::RemoveEmpty()
+// An empty folder.
+bool DeleteFolder(const char* a_szPath)
 {
-    bool blEmpty = true;
-    const bool blAll = VisitEntries([this, &blEmpty] {
-        blEmpty = IsFolder() && RemoveEmpty() && blEmpty;
+    if (RemoveNow(a_szPath, PlatFolderDelete, false) || !OsFileExists(a_szPath))
         return true;
-    });
-    if (!blAll || !blEmpty)
-        return false;
-    OSLOG(OS_LOG_NOTE, "Delete: <%s> %d %d", m_szPath, static_cast<int>(OS_FILETYPE_FOLDER), 0);
-    return DeleteFolder(false);
+    OsFileTellFolderStays(a_szPath);
+    return false;
+}
+
+// A folder that cannot be listed has nothing to delete: whoever removes it then finds out whether it is empty.
+bool DeleteWhatIsIn(const char* a_szPath, bool a_blSystemFiles)
+{
+    OsFileTree osfiletree(a_blSystemFiles);
+    return osfiletree.Open(a_szPath) != EOSSTS_SUCCESS || osfiletree.DeleteAll();
+}
+
+void TellEmptyFolderGoes(const char* a_szPath)
+{
+    OSLOG(OS_LOG_NOTE, "Delete: <%s> %d %d", a_szPath, static_cast<int>(OS_FILETYPE_FOLDER), 0);
+}
+
+// Removes the folders below the path that hold no file. True when nothing is left. A folder is deleted without what is
+// in it: a file that somebody creates there at this moment stays.
+bool RemoveEmptyBelow(const char* a_szPath)
+{
+    OsFileTree osfiletree(false);
+    if (osfiletree.Open(a_szPath) != EOSSTS_SUCCESS)
+        return true;
+    std::vector<bool> vecblEmpty(1, true);   // of the folder where the walk began, and of those entered since
+    for (;;)
+    {
+        if (osfiletree.Next())
+        {
+            const bool blEntered = osfiletree.Enter();
+            vecblEmpty.back() = vecblEmpty.back() && blEntered;
+            if (blEntered)
+                vecblEmpty.push_back(true);
+            continue;
+        }
+        if (vecblEmpty.size() == 1)
+            return vecblEmpty.back();
+        const bool blEmpty = vecblEmpty.back();
+        vecblEmpty.pop_back();
+        osfiletree.Leave();
+        if (blEmpty)
+            TellEmptyFolderGoes(osfiletree.Path());
+        vecblEmpty.back() = blEmpty && osfiletree.DeleteEntry() && vecblEmpty.back();
+    }
 }
 
 // Folders that must never go: a drive, the system's and the users' folders on it, and these.
@@ -265,12 +169,20 @@ EOSSTS OsFileDelete(const char* a_szFilename, EOSFILETYPE a_eosfiletype, bool a_
 
     OSLOG(OS_LOG_NOTE, "Delete: <%s> %d %d", a_szFilename, static_cast<int>(a_eosfiletype),
           static_cast<int>(a_blRecursive));
-    TreeWalk treewalk(a_blSystemFiles);
-    if (const EOSSTS eossts = treewalk.Start(a_szFilename); eossts != EOSSTS_SUCCESS)
-        return eossts == EOSSTS_NOTFOUND ? EOSSTS_SUCCESS : EOSSTS_FAIL;
-    if (a_eosfiletype != OS_FILETYPE_ANY && a_eosfiletype != treewalk.Type())
+    char szPath[OS_PATHSIZE];
+    OsPathCopy(szPath, sizeof szPath, a_szFilename);
+    OsPathRemoveTrailing(szPath);
+    OsFileInfo osfileinfo;
+    if (!szPath[0])
         return EOSSTS_FAIL;
-    return treewalk.Delete(a_blRecursive) ? EOSSTS_SUCCESS : EOSSTS_FAIL;
+    if (const EOSSTS eossts = OsFileGetInfo(szPath, &osfileinfo); eossts != EOSSTS_SUCCESS)
+        return eossts == EOSSTS_NOTFOUND ? EOSSTS_SUCCESS : EOSSTS_FAIL;
+    if (a_eosfiletype != OS_FILETYPE_ANY && a_eosfiletype != osfileinfo.eosfiletype)
+        return EOSSTS_FAIL;
+    const bool blDeleted = osfileinfo.eosfiletype == OS_FILETYPE_FOLDER
+                               ? (!a_blRecursive || DeleteWhatIsIn(szPath, a_blSystemFiles)) && DeleteFolder(szPath)
+                               : DeleteFile(szPath, osfileinfo, a_blSystemFiles);
+    return blDeleted ? EOSSTS_SUCCESS : EOSSTS_FAIL;
 }
 
 EOSSTS OsFileRemoveTree(const char* a_szFolder)
@@ -290,8 +202,10 @@ EOSSTS OsFileRemoveTree(const char* a_szFolder)
 EOSSTS OsFileRemoveEmptyTree(const char* a_szFolder)
 {
     char szPath[OS_PATHSIZE];
-    TreeWalk treewalk(false);
-    if (!MayRemove(a_szFolder, szPath) || treewalk.Start(szPath) != EOSSTS_SUCCESS || !treewalk.IsFolder())
+    OsFileInfo osfileinfo;
+    if (!MayRemove(a_szFolder, szPath) || OsFileGetInfo(szPath, &osfileinfo) != EOSSTS_SUCCESS ||
+        osfileinfo.eosfiletype != OS_FILETYPE_FOLDER || !RemoveEmptyBelow(szPath))
         return EOSSTS_SHARING;
-    return treewalk.RemoveEmpty() ? EOSSTS_SUCCESS : EOSSTS_SHARING;
+    TellEmptyFolderGoes(szPath);
+    return DeleteFolder(szPath) ? EOSSTS_SUCCESS : EOSSTS_SHARING;
 }

@@ -50,7 +50,7 @@ void OsFileSetNoCreate(bool a_blNoCreate);
 
 // Deletes a file, or a folder (with a_blRecursive, with all that is in it). A missing path is a success; an entry of
 // another type than asked (0: any) is EOSSTS_FAIL, and so is a path with "*". Links are deleted, never followed.
-// Below a folder, a path of more than 511 bytes is a failure: what is deeper stays.
+// What is below a folder goes at any depth; a log line tells as much of its way as a path holds.
 EOSSTS OsFileDelete(const char* a_szFilename, EOSFILETYPE a_eosfiletype, bool a_blRecursive, bool a_blSystemFiles);
 
 // Deletes a folder tree. EOSSTS_ACCESSDENIED for one that must never go (a drive, the system's and the users' folders,

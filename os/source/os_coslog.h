@@ -83,6 +83,8 @@ extern std::atomic<OsLogVersionProc> g_poslogversionproc;
 inline constexpr size_t OS_LOGVERSIONSIZE = 64;
 void OsLogExeVersion(char* a_szVersion);
 
-// Removes the expired log folders of the product below a_szFolder: those whose first log was last written at least
-// a_i32Hours ago (0 or less: all), that no running process holds, and that are not this process's own.
+// Removes the expired log folders ("log." begins their names) of the product below a_szFolder, whose path holds one of
+// the product's brand words: those of which no log file was written less than a_i32Hours ago (0 or less: all), that no
+// running process holds, and that are not this process's own. Links are not followed, also not a_szFolder itself.
+// Folders whose path has more than 511 bytes stay, and so does what is below a name with a leading dot.
 void OsLogCleanFolders(const char* a_szFolder, int32_t a_i32Hours);

@@ -51,6 +51,8 @@ static bool MakeRequest(const char16_t* a_wszPath, uint32_t a_u32Access, uint32_
 static int OpenOnce(const OpenRequest& a_openrequest, int a_iFlags)
 {
     a_iFlags |= O_CLOEXEC | O_NONBLOCK | O_NOCTTY;
+    if (a_openrequest.posixsharerequest.blDelete)
+        a_iFlags |= O_NOFOLLOW;
     const char* szPath = a_openrequest.strPath.c_str();
     if (!a_openrequest.blCreate)
         return open(szPath, a_iFlags);

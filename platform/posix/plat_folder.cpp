@@ -6,29 +6,31 @@
 #include <fcntl.h>
 
 // Holds off the openers of a file while its name goes or changes. Folders and what is no plain file have no share
-// modes, and a file that cannot be opened has no handles of ours to ask.
+// modes, and a file that cannot be opened has no handles of ours to ask. The name is relative to an open folder.
 class NameGuard
 {
 public:
-    // False, with the last error, when a handle does not share deletion.
-    bool Take(const std::string& a_strPath, const struct stat& a_status);
-
-    // Tells whether the guarded file still has the name.
-    bool StillNamed(const std::string& a_strPath, const struct stat& a_status) const
-    {
-        struct stat status;
-        return lstat(a_strPath.c_str(), &status) == 0 && status.st_dev == a_status.st_dev &&
-               status.st_ino == a_status.st_ino;
-    }
-
-    NameGuard() = default;
+    NameGuard(int a_iFolder, const char* a_szName) : m_iFolder(a_iFolder), m_szName(a_szName) {}
     ~NameGuard() { Release(); }
     NameGuard(const NameGuard&) = delete;
     NameGuard& operator=(const NameGuard&) = delete;
 
+    // False, with the last error, when a handle does not share deletion.
+    bool Take(const struct stat& a_status);
+
+    // Tells whether the guarded file still has the name.
+    bool StillNamed(const struct stat& a_status) const
+    {
+        struct stat status;
+        return fstatat(m_iFolder, m_szName, &status, AT_SYMLINK_NOFOLLOW) == 0 && status.st_dev == a_status.st_dev &&
+               status.st_ino == a_status.st_ino;
+    }
+
 private:
     void Release();
 
+    int m_iFolder;
+    const char* m_szName;
     int m_iDescriptor = -1;
 };
 
@@ -41,7 +43,7 @@ void NameGuard::Release()
     m_iDescriptor = -1;
 }
 
-bool NameGuard::Take(const std::string& a_strPath, const struct stat& a_status)
+bool NameGuard::Take(const struct stat& a_status)
 {
     constexpr int iFlags = O_NOFOLLOW | O_NONBLOCK | O_NOCTTY | O_CLOEXEC;
     constexpr PosixShareRequest posixsharerequest = {
@@ -52,9 +54,9 @@ bool NameGuard::Take(const std::string& a_strPath, const struct stat& a_status)
     // moment ago may seem open for that long.
     for (PosixPatience posixpatience(5);;)
     {
-        m_iDescriptor = open(a_strPath.c_str(), O_RDWR | iFlags);
+        m_iDescriptor = openat(m_iFolder, m_szName, O_RDWR | iFlags);
         if (m_iDescriptor < 0)
-            m_iDescriptor = open(a_strPath.c_str(), O_RDONLY | iFlags);
+            m_iDescriptor = openat(m_iFolder, m_szName, O_RDONLY | iFlags);
         if (m_iDescriptor < 0 || PosixShareTake(m_iDescriptor, posixsharerequest) == PosixShare::Granted)
             return true;
         Release();
@@ -63,35 +65,39 @@ bool NameGuard::Take(const std::string& a_strPath, const struct stat& a_status)
     }
 }
 
-// Calls a_action(status) for what the path names, guarded, and again when another file took the name meanwhile.
+// Calls a_action(status) for what has the name, guarded, and again when another file took the name meanwhile.
 template <class Action>
-static bool WithName(const std::string& a_strPath, Action a_action)
+static bool WithName(int a_iFolder, const std::string& a_strName, Action a_action)
 {
     for (PosixPatience posixpatience(100);;)
     {
         struct stat status;
-        NameGuard nameguard;
-        if (lstat(a_strPath.c_str(), &status) != 0)
-            return PosixFailPath(a_strPath);
-        if (!nameguard.Take(a_strPath, status))
+        NameGuard nameguard(a_iFolder, a_strName.c_str());
+        if (fstatat(a_iFolder, a_strName.c_str(), &status, AT_SYMLINK_NOFOLLOW) != 0)
+            return PosixFailPath(a_strName);
+        if (!nameguard.Take(status))
             return false;
-        if (nameguard.StillNamed(a_strPath, status))
+        if (nameguard.StillNamed(status))
             return a_action(status);
         if (!posixpatience.Wait())
             return PosixFail(PLAT_ERROR_SHARING);
     }
 }
 
+bool PosixDeleteFile(int a_iFolder, const std::string& a_strName, bool a_blReadOnly)
+{
+    return WithName(a_iFolder, a_strName, [&](const struct stat& a_status) {
+        const bool blRefused = S_ISREG(a_status.st_mode) && PosixIsReadOnly(a_status.st_mode) && !a_blReadOnly;
+        if (blRefused || S_ISDIR(a_status.st_mode))
+            return PosixFail(PLAT_ERROR_ACCESSDENIED);
+        return unlinkat(a_iFolder, a_strName.c_str(), 0) == 0 || PosixFailPath(a_strName);
+    });
+}
+
 bool PlatFileDelete(const char16_t* a_wszPath)
 {
     std::string strPath;
-    if (!PosixPath(a_wszPath, strPath))
-        return false;
-    return WithName(strPath, [&](const struct stat& a_status) {
-        if (S_ISDIR(a_status.st_mode) || (S_ISREG(a_status.st_mode) && PosixIsReadOnly(a_status.st_mode)))
-            return PosixFail(PLAT_ERROR_ACCESSDENIED);
-        return unlink(strPath.c_str()) == 0 || PosixFailPath(strPath);
-    });
+    return PosixPath(a_wszPath, strPath) && PosixDeleteFile(AT_FDCWD, strPath, false);
 }
 
 // Some file systems cannot rename without replacing: a second name does it for a file, a look for a folder.
@@ -117,7 +123,7 @@ bool PlatFileMove(const char16_t* a_wszOld, const char16_t* a_wszNew)
         return false;
     PosixTrimPath(strOld);
     PosixTrimPath(strNew);
-    return WithName(strOld, [&](const struct stat& a_status) {
+    return WithName(AT_FDCWD, strOld, [&](const struct stat& a_status) {
         const auto rename = [&] { return RenameWithoutReplacing(strOld.c_str(), strNew.c_str(), a_status) == 0; };
         if (rename() || (errno == ENOENT && PosixMakeDrive(a_wszNew) && rename()))
             return true;
@@ -156,20 +162,25 @@ bool PlatFolderCreate(const char16_t* a_wszPath)
     return errno == ENOENT ? PosixFail(PLAT_ERROR_PATHNOTFOUND) : PosixFailErrno();
 }
 
+bool PosixDeleteFolder(int a_iFolder, const std::string& a_strName)
+{
+    if (unlinkat(a_iFolder, a_strName.c_str(), AT_REMOVEDIR) == 0)
+        return true;
+    const int iErrno = errno;
+    struct stat status;
+    if (iErrno == EEXIST)
+        return PosixFail(PLAT_ERROR_DIRNOTEMPTY);
+    if (iErrno == ENOTDIR && fstatat(a_iFolder, a_strName.c_str(), &status, AT_SYMLINK_NOFOLLOW) == 0)
+        return PosixFail(PLAT_ERROR_DIRECTORY);
+    errno = iErrno;
+    return PosixFailPath(a_strName);
+}
+
 bool PlatFolderDelete(const char16_t* a_wszPath)
 {
     std::string strPath;
     if (!PosixPath(a_wszPath, strPath))
         return false;
     PosixTrimPath(strPath);
-    if (rmdir(strPath.c_str()) == 0)
-        return true;
-    const int iErrno = errno;
-    struct stat status;
-    if (iErrno == EEXIST)
-        return PosixFail(PLAT_ERROR_DIRNOTEMPTY);
-    if (iErrno == ENOTDIR && lstat(strPath.c_str(), &status) == 0)
-        return PosixFail(PLAT_ERROR_DIRECTORY);
-    errno = iErrno;
-    return PosixFailPath(strPath);
+    return PosixDeleteFolder(AT_FDCWD, strPath);
 }

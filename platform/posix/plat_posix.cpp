@@ -180,6 +180,8 @@ bool PlatClose(PlatHandle a_plathandle)
         return PosixCloseFile(a_plathandle);
     case PosixKind::Find:
         return PosixCloseFind(a_plathandle);
+    case PosixKind::Tree:
+        return PosixCloseTree(a_plathandle);
     case PosixKind::AppendFile:
         return PosixCloseAppend(a_plathandle);
     case PosixKind::EventAuto:

@@ -32,6 +32,7 @@ enum class PosixKind : uint32_t
     MemoryFile,    // memfd
     Module,        // pointer
     AppendFile,    // pointer
+    Tree,          // pointer
 };
 
 constexpr PlatHandle PosixMakeHandle(PosixKind a_posixkind, uint64_t a_u64Value)
@@ -69,7 +70,7 @@ Object* PosixObjectOf(PlatHandle a_plathandle)
 constexpr bool PosixIsPointer(PosixKind a_posixkind)
 {
     return a_posixkind == PosixKind::Thread || a_posixkind == PosixKind::Child || a_posixkind == PosixKind::Find ||
-           a_posixkind == PosixKind::Module || a_posixkind == PosixKind::AppendFile;
+           a_posixkind == PosixKind::Module || a_posixkind == PosixKind::AppendFile || a_posixkind == PosixKind::Tree;
 }
 
 // The one translator from errno to the layer's numbers.
@@ -134,3 +135,4 @@ bool PosixCloseNamedEvent(PlatHandle a_plathandle);
 bool PosixCloseFile(PlatHandle a_plathandle);
 bool PosixCloseFind(PlatHandle a_plathandle);
 bool PosixCloseAppend(PlatHandle a_plathandle);
+bool PosixCloseTree(PlatHandle a_plathandle);

@@ -63,6 +63,11 @@ constexpr uint64_t PosixFileTime(int64_t a_i64Seconds, uint32_t a_u32Nanoseconds
     return static_cast<uint64_t>(a_i64Seconds + 11644473600) * 10000000u + a_u32Nanoseconds / 100u;
 }
 
+// Deletes a file or a link (of the read-only ones only those that a_blReadOnly allows), or an empty folder. The name is
+// relative to an open folder, or to the current one (AT_FDCWD).
+bool PosixDeleteFile(int a_iFolder, const std::string& a_strName, bool a_blReadOnly);
+bool PosixDeleteFolder(int a_iFolder, const std::string& a_strName);
+
 constexpr bool PosixIsReadOnly(mode_t a_mode)
 {
     return (a_mode & (S_IWUSR | S_IWGRP | S_IWOTH)) == 0;

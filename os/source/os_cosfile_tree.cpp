@@ -1,0 +1,133 @@
+// os_cosfile_tree.cpp: the walk through a tree: where it is, what it tells of an entry, what it deletes.
+#include "os_cosfile_tree.h"
+
+#include "os_cosfile_paths.h"
+#include "os_coslocale.h"
+#include "os_log.h"
+
+#include "plat_tree.h"
+
+#include <cstring>
+
+static constexpr char g_szSource[] = "os/source/os_cosfile";
+
+OsFileTree::~OsFileTree()
+{
+    if (m_plathandle != PLAT_INVALID)
+        PlatClose(m_plathandle);
+}
+
+EOSSTS OsFileTree::Open(const char* a_szFolder)
+{
+    char16_t wszFolder[OS_WIDEPATHSIZE];
+    OsPathCopy(m_szPath, sizeof m_szPath, a_szFolder);
+    OsPathRemoveTrailing(m_szPath);
+    m_sizetFolder = strlen(m_szPath);
+    if (m_sizetFolder == 0 || !OsPathToSystem(wszFolder, OS_WIDEPATHSIZE, m_szPath))
+        return EOSSTS_FAIL;
+    m_plathandle = PlatTreeOpen(wszFolder);
+    return m_plathandle != PLAT_INVALID ? EOSSTS_SUCCESS : EOSSTS_FAIL;
+}
+
+// ------------------------------------------------------------------------------------------------- where it is
+
+bool OsFileTree::Next()
+{
+    PlatTreeEntry plattreeentry;
+    if (!PlatTreeNext(m_plathandle, &plattreeentry))
+        return false;
+    CopyStringToUtf8(m_szName, sizeof m_szName, plattreeentry.wszName, SIZE_MAX);
+    m_eosfiletype = static_cast<EOSFILETYPE>(plattreeentry.platentry);
+    m_blLink = plattreeentry.blLink;
+
+    m_szPath[m_sizetFolder] = '\0';
+    const size_t sizetName = strlen(m_szName);
+    const size_t sizetSeparator = m_szPath[m_sizetFolder - 1] == '\\' ? 0 : 1;
+    m_blPath = m_blFolderPath && sizetName > 0 && m_sizetFolder + sizetSeparator + sizetName < sizeof m_szPath;
+    if (m_blPath)
+    {
+        m_szPath[m_sizetFolder] = '\\';
+        memcpy(m_szPath + m_sizetFolder + sizetSeparator, m_szName, sizetName + 1);
+    }
+    return true;
+}
+
+bool OsFileTree::Enter()
+{
+    if (!IsFolder() || !PlatTreeEnter(m_plathandle))
+        return false;
+    m_vecoutside.push_back({m_sizetFolder, m_blFolderPath});
+    m_sizetFolder = strlen(m_szPath);
+    m_blFolderPath = m_blPath;
+    return true;
+}
+
+void OsFileTree::Leave()
+{
+    // A walk that has lost its way finds nothing more: its end is near.
+    PlatTreeLeave(m_plathandle);
+    m_szPath[m_sizetFolder] = '\0';
+    m_szName[0] = '\0';
+    m_blPath = m_blFolderPath;
+    m_blLink = false;
+    m_eosfiletype = OS_FILETYPE_FOLDER;
+    m_sizetFolder = m_vecoutside.back().sizetFolder;
+    m_blFolderPath = m_vecoutside.back().blFolderPath;
+    m_vecoutside.pop_back();
+}
+
+bool OsFileTree::WriteTime(uint64_t* a_pu64WriteTime) const
+{
+    return PlatTreeWriteTime(m_plathandle, a_pu64WriteTime);
+}
+
+// ---------------------------------------------------------------------------------------------------- deleting
+
+void OsFileTellFolderStays(const char* a_szPath)
+{
+    OSLOG(OS_LOG_NOTE, "RemoveDirectory failed...%s", a_szPath);
+}
+
+void OsFileTellFileStays(const char* a_szPath, uint32_t a_u32Error)
+{
+    OSLOG(OS_LOG_NOTE, "DeleteFile failed...%s (%d)", a_szPath, static_cast<int>(a_u32Error));
+}
+
+bool OsFileTree::DeleteEntry()
+{
+    const bool blAllowed = m_eosfiletype != OS_FILETYPE_SYSTEM || m_blSystemFiles;
+    if (blAllowed && PlatTreeDelete(m_plathandle))
+        return true;
+    const uint32_t u32Error = blAllowed ? PlatGetLastError() : PLAT_ERROR_ACCESSDENIED;
+    if (u32Error == PLAT_ERROR_FILENOTFOUND)
+        return true;
+    if (IsFolder())
+        OsFileTellFolderStays(m_szPath);
+    if (!IsFolder())
+        OsFileTellFileStays(m_szPath, u32Error);
+    return false;
+}
+
+bool OsFileTree::DeleteAll()
+{
+    const size_t sizetDepth = Depth();
+    PlatTreeRewind(m_plathandle);
+    for (bool blDeleted = true;;)
+    {
+        if (blDeleted && Next())
+        {
+            OSLOG(OS_LOG_NOTE, "Delete: <%s> %d %d", m_szPath, static_cast<int>(OS_FILETYPE_ANY), 1);
+            if (!Enter())
+                blDeleted = DeleteEntry();
+        }
+        else if (Depth() > sizetDepth)
+        {
+            Leave();
+            blDeleted = blDeleted && DeleteEntry();
+        }
+        else
+        {
+            return blDeleted;
+        }
+    }
+}

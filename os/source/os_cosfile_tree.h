@@ -1,0 +1,64 @@
+// os_cosfile_tree.h: a walk through the tree below a folder, for whoever deletes in it.
+//
+// It reaches what is there at any depth and under any name, costs no stack, follows no link, and is led nowhere else
+// by what changes meanwhile. Used by one thread.
+#pragma once
+
+#include "os_cosfile_system.h"
+
+#include <vector>
+
+class OsFileTree
+{
+public:
+    explicit OsFileTree(bool a_blSystemFiles) : m_blSystemFiles(a_blSystemFiles) {}
+    ~OsFileTree();
+    OsFileTree(const OsFileTree&) = delete;
+    OsFileTree& operator=(const OsFileTree&) = delete;
+
+    // Begins the walk in a folder; once. EOSSTS_FAIL when there is none, when it is a link or cannot be listed.
+    EOSSTS Open(const char* a_szFolder);
+
+    bool Next();                                           // reads an entry of the folder that the walk is in
+    bool Enter();                                          // goes into the folder that was read last
+    void Leave();                                          // back; what was left is then the entry read last
+    size_t Depth() const { return m_vecoutside.size(); }   // folders that were entered and not left
+
+    // The entry read last. The name is empty for one that was left. Without a path, which is one that does not fit or
+    // holds a name that is no text, Path tells the last folder on the way that has one.
+    const char* Name() const { return m_szName; }
+    bool IsFolder() const { return m_eosfiletype == OS_FILETYPE_FOLDER; }
+    bool IsLink() const { return m_blLink; }
+    bool HasPath() const { return m_blPath; }
+    const char* Path() const { return m_szPath; }
+    bool WriteTime(uint64_t* a_pu64WriteTime) const;   // as PlatClock tells the time
+
+    // Deletes the entry read last; false, and logged, when it is still there. A folder must be empty.
+    bool DeleteEntry();
+
+    // Deletes all that is in the folder that the walk is in; stops at the first failure. The walk is then in it again.
+    bool DeleteAll();
+
+private:
+    struct Outside   // what was so before a folder was entered
+    {
+        size_t sizetFolder;
+        bool blFolderPath;
+    };
+
+    PlatHandle m_plathandle = PLAT_INVALID;
+    bool m_blSystemFiles;
+    std::vector<Outside> m_vecoutside;
+    size_t m_sizetFolder = 0;   // the length of the path of the folder that the walk is in
+    bool m_blFolderPath = true;
+
+    char m_szName[OS_PATHSIZE] = {};
+    char m_szPath[OS_PATHSIZE] = {};
+    bool m_blPath = true;
+    bool m_blLink = false;
+    EOSFILETYPE m_eosfiletype = OS_FILETYPE_FOLDER;
+};
+
+// Log that a folder, or a file, could not be deleted.
+void OsFileTellFolderStays(const char* a_szPath);
+void OsFileTellFileStays(const char* a_szPath, uint32_t a_u32Error);

@@ -1,0 +1,187 @@
+// os_coslog_clean.cpp: the cleaner of the log folders.
+//
+// One walk goes through the folders and, where a log folder has expired and nobody holds it, deletes that on the spot:
+// it follows no link, and nothing that changes while it walks leads it out of the tree.
+#include "os_coslog.h"
+
+#include "os_cosfile.h"
+#include "os_cosfile_paths.h"
+#include "os_cosfile_tree.h"
+#include "os_cosstring.h"
+#include "os_log.h"
+
+#include "plat_system.h"
+
+#include <algorithm>
+#include <cstring>
+
+static constexpr char g_szSource[] = "os/source/os_coslog";
+
+static constexpr char g_szLogFolderPrefix[] = "log.";
+static constexpr char g_szLogFileSuffix[] = ".log";
+static constexpr char g_szLockFile[] = "log.lock";
+static constexpr int64_t g_i64HourSeconds = 3600;
+static constexpr int64_t g_i64Second = 10000000;   // as PlatClock counts
+
+// A path without one of these words is none of the product's.
+static constexpr const char* g_aszBrandWord[] = {"orvane", "mvr_orvane", "brisal", "quorra"};
+
+static bool IsOfTheProduct(const char* a_szPath)
+{
+    return std::any_of(std::begin(g_aszBrandWord), std::end(g_aszBrandWord),
+                       [a_szPath](const char* a_szWord) { return StrIstr(a_szPath, a_szWord) != nullptr; });
+}
+
+// The log folder that this process writes to; a folder above its log file where that is in none, "" without one.
+static void FindProtectedFolder(char (&a_szFolder)[OS_PATHSIZE])
+{
+    const COsLog* const poslog = OsLogGet();
+    OsPathCopy(a_szFolder, sizeof a_szFolder, poslog ? poslog->LogFile() : "");
+    for (;;)
+    {
+        char* const szLast = std::strrchr(a_szFolder, '\\');
+        if (!szLast || szLast == a_szFolder || StrStartsWith(szLast + 1, g_szLogFolderPrefix))
+            return;
+        *szLast = '\0';
+    }
+}
+
+namespace
+{
+class FolderCleaner
+{
+public:
+    explicit FolderCleaner(int32_t a_i32Hours) : m_i32Hours(a_i32Hours) { FindProtectedFolder(m_szProtected); }
+
+    void Clean(const char* a_szFolder);
+
+private:
+    // What tells whether a log folder is in use.
+    struct Evidence
+    {
+        bool blLogFile = false;
+        uint64_t u64LastWritten = 0;   // of the log files
+        bool blLockFile = false;
+        char szLockFile[OS_PATHSIZE] = {};   // "" for one whose path is too long
+    };
+
+    bool MayTouch() const;
+    void CleanLogFolder();
+    Evidence LookInside();
+    bool IsExpired(const Evidence& a_evidence) const;
+    bool IsHeld(const Evidence& a_evidence);
+
+    int32_t m_i32Hours;
+    char m_szProtected[OS_PATHSIZE];
+    OsFileTree m_osfiletree{false};
+    COsFile m_osfileLock;
+};
+
+void FolderCleaner::Clean(const char* a_szFolder)
+{
+    if (m_osfiletree.Open(a_szFolder) != EOSSTS_SUCCESS)
+        return;
+    for (;;)
+    {
+        if (m_osfiletree.Next())
+        {
+            if (!MayTouch())
+                continue;
+            if (StrStartsWith(m_osfiletree.Name(), g_szLogFolderPrefix))
+            {
+                CleanLogFolder();
+            }
+            else
+            {
+                m_osfiletree.Enter();
+            }
+        }
+        else if (m_osfiletree.Depth() > 0)
+        {
+            m_osfiletree.Leave();
+        }
+        else
+        {
+            return;
+        }
+    }
+}
+
+// A folder whose path is not known may be the protected one.
+bool FolderCleaner::MayTouch() const
+{
+    if (!m_osfiletree.IsFolder() || m_osfiletree.Name()[0] == '.')
+        return false;
+    if (!m_osfiletree.HasPath())
+    {
+        OSLOG(OS_LOG_CHECK, "buffer overflow...%u <%s>", static_cast<unsigned>(OS_PATHSIZE), m_osfiletree.Name());
+        return false;
+    }
+    return !m_szProtected[0] || StrIstr(m_osfiletree.Path(), m_szProtected) != m_osfiletree.Path();
+}
+
+// A folder that cannot be looked into stays.
+void FolderCleaner::CleanLogFolder()
+{
+    if (!m_osfiletree.Enter())
+        return;
+    const Evidence evidence = LookInside();
+    const bool blDeleted = IsExpired(evidence) && !IsHeld(evidence) && m_osfiletree.DeleteAll();
+    m_osfiletree.Leave();
+    if (blDeleted)
+        m_osfiletree.DeleteEntry();
+}
+
+FolderCleaner::Evidence FolderCleaner::LookInside()
+{
+    Evidence evidence;
+    while (m_osfiletree.Next())
+    {
+        uint64_t u64Written;
+        const char* const szName = m_osfiletree.Name();
+        if (std::strcmp(szName, g_szLockFile) == 0 && !m_osfiletree.IsLink())
+        {
+            evidence.blLockFile = true;
+            SStrCpy(evidence.szLockFile, sizeof evidence.szLockFile, m_osfiletree.HasPath() ? m_osfiletree.Path() : "");
+        }
+        // Nobody promises in which order a search finds the log files: the newest one counts.
+        if (m_i32Hours > 0 && !m_osfiletree.IsFolder() && StrEndsWith(szName, g_szLogFileSuffix, true) &&
+            m_osfiletree.WriteTime(&u64Written))
+        {
+            evidence.blLogFile = true;
+            evidence.u64LastWritten = std::max(evidence.u64LastWritten, u64Written);
+        }
+    }
+    return evidence;
+}
+
+// A log file of the future is not old.
+bool FolderCleaner::IsExpired(const Evidence& a_evidence) const
+{
+    if (m_i32Hours <= 0 || !a_evidence.blLogFile)
+        return true;
+    const auto i64Age = static_cast<int64_t>(PlatClock() - a_evidence.u64LastWritten);
+    return i64Age / g_i64Second >= m_i32Hours * g_i64HourSeconds;
+}
+
+// A process that runs holds its lock file open and shares it with nobody. One that nobody holds goes here.
+bool FolderCleaner::IsHeld(const Evidence& a_evidence)
+{
+    if (!a_evidence.blLockFile)
+        return false;
+    if (!a_evidence.szLockFile[0] || !m_osfileLock.IsUsable() ||
+        m_osfileLock.Open(a_evidence.szLockFile, OS_FILEOPEN_TEMPORARY, OS_FILEACCESS_READWRITE,
+                          OS_FILESHARE_EXCLUSIVE) != EOSSTS_SUCCESS)
+        return true;
+    m_osfileLock.Close();
+    return false;
+}
+}   // namespace
+
+void OsLogCleanFolders(const char* a_szFolder, int32_t a_i32Hours)
+{
+    if (!a_szFolder || !IsOfTheProduct(a_szFolder))
+        return;
+    FolderCleaner foldercleaner(a_i32Hours);
+    foldercleaner.Clean(a_szFolder);
+}
