@@ -42,6 +42,10 @@ uint64_t PlatProcessId();
 // True while a debugger is attached to this process.
 bool PlatProcessIsDebugged();
 
+// Lets the system report errors to the process instead of to the user, in the product's bits: 0x4 no repair of
+// misaligned access, 0x8000 no message box when a file cannot be opened. Nothing to do on a system that has neither.
+void PlatProcessSetErrorMode(uint32_t a_u32Mode);
+
 // The command line of this process, whole, quoted as PlatProcessStart takes it. False, with the last error 122, when
 // it does not fit.
 bool PlatProcessCommandLine(char16_t* a_wszCommandLine, size_t a_sizetCommandLine);

@@ -1,4 +1,4 @@
-// os_cosxml_test.cpp: one field out of an XML-like text.
+// os_cosxml_test.cpp: one field out of an XML-like text, and changed in it.
 #include "os_cosxml.h"
 #include "test_support.h"
 
@@ -80,4 +80,16 @@ TEST(Xml, ValueMovesToTheFrontOfItsOwnBuffer)
     EXPECT_EQ(InPlace("<logfile><![CDATA[value]]></logfile>"), (Result{true, "value"}));
     EXPECT_EQ(InPlace("abc<logfile></logfile>"), (Result{false, ""}));
     EXPECT_EQ(InPlace("abc"), (Result{false, ""}));
+}
+
+TEST(Xml, ReplacedElementKeepsItsCdata)
+{
+    char szText[40] = "<a>1</a><b><![CDATA[x]]></b>";
+    EXPECT_EQ(OsXmlReplaceElement(szText, sizeof szText, "a", ""), EOSSTS_SUCCESS);
+    EXPECT_EQ(OsXmlReplaceElement(szText, sizeof szText, "b", "long"), EOSSTS_SUCCESS);
+    EXPECT_STREQ(szText, "<a></a><b><![CDATA[long]]></b>");
+    EXPECT_EQ(OsXmlReplaceElement(szText, sizeof szText, "c", "1"), EOSSTS_NOSPACE);
+    EXPECT_EQ(OsXmlReplaceElement(szText, sizeof szText, "a", "1234567890"), EOSSTS_FAIL);
+    EXPECT_STREQ(szText, "<a></a><b><![CDATA[long]]></b>");
+    EXPECT_EQ(OsXmlReplaceElement(szText, sizeof szText, "a", "123456789"), EOSSTS_SUCCESS);
 }

@@ -21,6 +21,12 @@ long OsCfgGetLong(EOSCFGTAG a_eoscfgtag)
     return std::strtol(OsCfgGetString(a_eoscfgtag), nullptr, 0);
 }
 
+void OsCfgSetString(EOSCFGTAG a_eoscfgtag, const char* a_szValue)
+{
+    if (COsCfgSource* const poscfgsource = Source())
+        poscfgsource->SetString(OS_CFGSECTION_DSIDENTITY, a_eoscfgtag, a_szValue);
+}
+
 const char* OsCfgInfoGetString(EOSCFGINFO a_eoscfginfo)
 {
     COsCfgSource* const poscfgsource = Source();

@@ -136,6 +136,9 @@ public:
     // Looks after the log folders around a_szLogFolder: what has expired goes. Runs on the calling thread.
     virtual void ManageLogDirectories(const char* a_szLogFolder) = 0;
 
+    // Stores a value; the text must live as long as the configuration.
+    virtual EOSSTS SetString(EOSCFGSECTION, EOSCFGTAG, const char*) { return EOSSTS_FAIL; }
+
     // Lets go of a log folder of another process that it looked after: while it does, a lock file is in there.
     virtual void ReleaseManagedDirectory() {}
 
@@ -156,6 +159,9 @@ const char* OsCfgGetString(EOSCFGTAG a_eoscfgtag);
 
 // The same as a number: decimal, hexadecimal after "0x", octal after "0"; 0 for what is no number.
 long OsCfgGetLong(EOSCFGTAG a_eoscfgtag);
+
+// Stores a value of the identity section; the text must live as long as the configuration. Does nothing without one.
+void OsCfgSetString(EOSCFGTAG a_eoscfgtag, const char* a_szValue);
 
 // "(nodata)" and 0 without a configuration.
 const char* OsCfgInfoGetString(EOSCFGINFO a_eoscfginfo);

@@ -1,32 +1,36 @@
-// os_cosarguments.cpp: the environment carriers of the arguments, and the process-wide values beside them.
-#include "os_cosarguments.h"
+// os_cosarguments.cpp: the process-wide values beside the document, and the clearing of everything. What the
+// environment brings is in os_cosarguments_intake.cpp, what it is given in os_cosarguments_document.cpp.
+#include "os_cosarguments_impl.h"
 
 #include "os_cosenv.h"
+#include "os_coslocale.h"
 #include "os_cosspinlock.h"
 #include "os_cosstring.h"
 
+#include "plat_process.h"
+#include "plat_system.h"
+#include "plat_thread.h"
+
 #include <atomic>
 
-// ------------------------------------------------------------------------------------------------------- clear
+// ------------------------------------------------------------------------------------------- process-wide values
 
-void OsArgumentsClear(uint32_t a_u32Bits)
-{
-    // Settings of other components that run inside the same applications.
-    static constexpr const char* g_aszOther[] = {"OTTER_LOGDEBUG", "OTTER_LOGPATH",      "MVR_APPPROTOCOL",
-                                                 "MVR_FIRMWARE",   "MVR_UIRESOURCEFILE", "MVR_UISOCKETUNICODE",
-                                                 "UI_TIMEOUT"};
-    if ((a_u32Bits & OS_CLEARARGUMENTS_ENVIRONMENT) == 0)
-        return;
-    OsEnvDeletePrefix("MVR_OSSERVICESARGUMENTS");
-    for (const char* szName : g_aszOther)
-        OsEnvSet(szName, nullptr);
-}
+OsArgumentsTexts g_osargumentstexts;
 
-// --------------------------------------------------------------------------------------- process-wide values
-
-static uint64_t g_u64Lock;
+static uint64_t g_u64Lock;   // of the identity
 static OsCollectorIdentity g_oscollectoridentity;
 static std::atomic<bool> g_blServicesOwner{false};
+static char g_aszArgument[OS_ARGUMENT_LAST][OS_PATHSIZE];
+
+const char* OsArgumentsDocument()
+{
+    return g_osargumentstexts.szDocument;
+}
+
+const char* OsArgumentsVariable()
+{
+    return g_osargumentstexts.szVariable;
+}
 
 OsCollectorIdentity OsArgumentsCollector()
 {
@@ -50,8 +54,6 @@ void OsArgumentsSetServicesOwner(bool a_blOwner)
     g_blServicesOwner.store(a_blOwner, std::memory_order_relaxed);
 }
 
-static char g_aszArgument[OS_ARGUMENT_LAST][OS_PATHSIZE];
-
 const char* OsArgumentsGet(EOSARGUMENT a_eosargument)
 {
     return a_eosargument < OS_ARGUMENT_LAST ? g_aszArgument[a_eosargument] : "";
@@ -61,4 +63,87 @@ void OsArgumentsSet(EOSARGUMENT a_eosargument, const char* a_szValue)
 {
     if (a_eosargument < OS_ARGUMENT_LAST)
         SStrCpy(g_aszArgument[a_eosargument], OS_PATHSIZE, a_szValue);
+}
+
+// -------------------------------------------------------------------------------------------------------- clear
+
+void OsArgumentsThreadVariable(const char* a_szFamily, char (&a_szName)[OS_VARIABLESIZE])
+{
+    SStrPrintf(a_szName, sizeof a_szName, "%s_%llx_%llx", a_szFamily, static_cast<unsigned long long>(PlatProcessId()),
+               static_cast<unsigned long long>(PlatThreadId()));
+}
+
+static constexpr const char* g_aszFamily[] = {OS_VARIABLE, OS_VARIABLEUNICODE, OS_VARIABLEB64};
+
+void OsArgumentsClearThread()
+{
+    for (const char* szFamily : g_aszFamily)
+    {
+        char szName[OS_VARIABLESIZE];
+        OsArgumentsThreadVariable(szFamily, szName);
+        OsEnvSet(szName, nullptr);
+    }
+}
+
+static void ClearGeneral()
+{
+    for (const char* szFamily : g_aszFamily)
+        OsEnvSet(szFamily, nullptr);
+}
+
+static void ClearEnvironment()
+{
+    // Settings of other components that run inside the same applications.
+    static constexpr const char* g_aszOther[] = {"OTTER_LOGDEBUG", "OTTER_LOGPATH",      "MVR_APPPROTOCOL",
+                                                 "MVR_FIRMWARE",   "MVR_UIRESOURCEFILE", "MVR_UISOCKETUNICODE",
+                                                 "UI_TIMEOUT"};
+    OsEnvDeletePrefix(OS_VARIABLE);
+    for (const char* szName : g_aszOther)
+        OsEnvSet(szName, nullptr);
+}
+
+void OsArgumentsClear(uint32_t a_u32Bits)
+{
+    if (a_u32Bits & OS_CLEARARGUMENTS_DOCUMENT)
+        g_osargumentstexts.szDocument[0] = 0;
+    if (a_u32Bits & OS_CLEARARGUMENTS_THREAD)
+    {
+        OsArgumentsClearThread();
+        if (OsArgumentsIsServicesOwner() || (a_u32Bits & OS_CLEARARGUMENTS_GENERAL))
+            ClearGeneral();
+    }
+    if (a_u32Bits & OS_CLEARARGUMENTS_ENVIRONMENT)
+        ClearEnvironment();
+    if (a_u32Bits & OS_CLEARARGUMENTS_COLLECTOR)
+    {
+        OsArgumentsSetCollector({});
+        OsArgumentsUpdateCollector();
+    }
+}
+
+// ------------------------------------------------------------------------------------------ the files of the process
+
+void OsArgumentsProgramPath(char* a_szPath)
+{
+    char16_t wszPath[PLAT_PATHMAX];
+    *a_szPath = 0;
+    if (PlatProgramPath(wszPath, PLAT_PATHMAX))
+        CopyStringToUtf8(a_szPath, OS_PATHSIZE, wszPath, SIZE_MAX);
+}
+
+static bool FindOwnModule(void* a_pvPath, const PlatModule* a_pplatmodule)
+{
+    const uint64_t u64Address = reinterpret_cast<uint64_t>(&g_osargumentstexts);
+    if (u64Address - a_pplatmodule->u64Address >= a_pplatmodule->u64Size)
+        return true;
+    SStrCpy(static_cast<char*>(a_pvPath), OS_PATHSIZE, a_pplatmodule->szPath);
+    return false;
+}
+
+void OsArgumentsModulePath(char* a_szPath)
+{
+    *a_szPath = 0;
+    PlatModuleList(FindOwnModule, a_szPath);
+    if (!*a_szPath)
+        OsArgumentsProgramPath(a_szPath);
 }

@@ -1,4 +1,7 @@
 // os_cosarguments.h: what a process of the family hands down to its children through the environment.
+//
+// Whatever a variable holds is believed only as far as it fits: what is no text, too long or cut counts as not there.
+// The document and the texts change only while the library starts and stops, on one thread.
 #pragma once
 
 #include "os_types.h"
@@ -13,16 +16,23 @@ inline constexpr uint32_t OS_CLEARARGUMENTS_GENERAL = 0x4;       // with THREAD:
 inline constexpr uint32_t OS_CLEARARGUMENTS_ENVIRONMENT = 0x8;   // every inherited variable of the family
 inline constexpr uint32_t OS_CLEARARGUMENTS_COLLECTOR = 0x10;    // the collector's identity, in the document too
 
-// Any thread. After ENVIRONMENT no variable of the family is in the environment that children inherit.
+// After ENVIRONMENT no variable of the family is in the environment that children inherit.
 void OsArgumentsClear(uint32_t a_u32Bits);
+
+// The variables that carry a document for the calling thread alone: a thread that ends takes them along. Any thread.
+void OsArgumentsClearThread();
 
 // Takes in, once in the life of a process, what the environment holds for it: override, driver-let information,
 // inherited document; decides whether the process owns the services; fills the values below. By the library's start.
 void OsArgumentsIntake();
 
 // Fills the buffer with the document that a parent left in the environment, "" when there is none. A null buffer means
-// the document of this process. EOSSTS_SUCCESS, EOSSTS_NOMEMORY when it does not fit.
+// the document of this process. The variable of the calling thread goes before the general one; a document that does
+// not fit counts as absent. EOSSTS_SUCCESS, EOSSTS_NOMEMORY when for that reason there is none.
 EOSSTS OsArgumentsRead(char* a_szDocument, size_t a_sizetDocument);
+
+// True when the environment held an override that names this process.
+bool OsArgumentsHasOverride();
 
 // The document of this process ("" when it has none) and the name of the variable that it came from.
 const char* OsArgumentsDocument();
@@ -42,11 +52,11 @@ struct OsArgumentsBuildArgs
 };
 EOSSTS OsArgumentsBuild(const OsArgumentsBuildArgs& a_osargumentsbuildargs);
 
-// Forbids (a program whose own document says so) that OsArgumentsBuild writes a document.
+// Forbids (a program whose own document says so) that OsArgumentsBuild writes a document and that one is published.
 void OsArgumentsSetInherit(bool a_blInherit);
 
 // With hold: takes the arguments lock, puts the document into the environment that children inherit, and returns with
-// the lock held, so that the environment stays as it is until the child exists. Without: releases the lock.
+// the lock held, so that the environment stays as it is until the child exists. Without: releases the lock. Any thread.
 void OsArgumentsPublish(bool a_blHold);
 
 // Puts the collector's identity into the document of this process.
@@ -67,7 +77,7 @@ bool OsArgumentsIsServicesOwner();
 void OsArgumentsSetServicesOwner(bool a_blOwner);
 
 // What this process was told about itself: by its own document, by its parent, by an override. "" for what it was not
-// told. The texts change only while the library starts.
+// told.
 enum EOSARGUMENT : uint32_t
 {
     OS_ARGUMENT_UNIQUENAME = 0,   // of the program
@@ -87,3 +97,8 @@ enum EOSARGUMENT : uint32_t
 };
 const char* OsArgumentsGet(EOSARGUMENT a_eosargument);
 void OsArgumentsSet(EOSARGUMENT a_eosargument, const char* a_szValue);   // at most 511 characters
+
+// The files of this process, as the system writes them: the program, and the module that holds this library. "" for
+// what is not known or does not fit. The buffer has OS_PATHSIZE bytes.
+void OsArgumentsProgramPath(char* a_szPath);
+void OsArgumentsModulePath(char* a_szPath);

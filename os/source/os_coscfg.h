@@ -63,7 +63,7 @@ public:
 
     // Stores the pointer, not a copy, in the identity section, whatever section is named. The text must live as long
     // as the configuration.
-    EOSSTS SetString(EOSCFGSECTION a_eoscfgsection, EOSCFGTAG a_eoscfgtag, const char* a_szValue);
+    EOSSTS SetString(EOSCFGSECTION a_eoscfgsection, EOSCFGTAG a_eoscfgtag, const char* a_szValue) override;
 
     // Writes the support report. EOSSTS_CANNOTCREATE when its folder cannot be made, else the status of its open.
     EOSSTS WriteReport();

@@ -2,6 +2,7 @@
 #include "os_coslog.h"
 
 #include "os_cfg.h"
+#include "os_cosarguments.h"
 #include "os_cosenv.h"
 #include "os_coslog_impl.h"
 #include "os_cosmem.h"
@@ -152,7 +153,7 @@ static void AddModuleName(char* a_szLogFile, const char* a_szFile)
     if (char* const szDot = std::strrchr(a_szLogFile + (a_szFile - a_szLogFile), '.'))
         *szDot = '\0';
     char szModule[OS_PATHSIZE];
-    OsLogLibraryModule(szModule);
+    OsArgumentsModulePath(szModule);
     const std::string_view strviewModule(szModule);
     const size_t sizetSeparator = strviewModule.find_last_of("/\\");
     SStrCatf(a_szLogFile, OS_PATHSIZE, "_%s.log",

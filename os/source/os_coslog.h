@@ -49,7 +49,7 @@ public:
     void VPrintf(const char* a_szFile, uint32_t a_u32Line, uint32_t a_u32Level, const char* a_szFormat,
                  va_list a_valist) override;
     uint32_t WorkingWord() const override;
-    void SetWorkingWord(uint32_t a_u32Flags);
+    void SetWorkingWord(uint32_t a_u32Flags) override;
 
     const char* LogFile() const;   // the path, "" without one
     bool UsesCollector() const;    // lines go to a collector client that is not broken

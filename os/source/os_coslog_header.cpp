@@ -5,6 +5,7 @@
 #include "os_coslog_impl.h"
 
 #include "os_cfg.h"
+#include "os_cosarguments.h"
 #include "os_cosenv.h"
 #include "os_coslocale.h"
 #include "os_cosstring.h"
@@ -218,13 +219,6 @@ static void FileVersion(const char* a_szModule, char* a_szVersion)
     PutVersion(a_szVersion, au16Version);
 }
 
-static void ProgramPath(char* a_szPath)
-{
-    char16_t wszPath[PLAT_PATHMAX];
-    if (!PlatProgramPath(wszPath, PLAT_PATHMAX) || !CopyStringToUtf8(a_szPath, OS_PATHSIZE, wszPath, SIZE_MAX))
-        *a_szPath = '\0';
-}
-
 // The environment keeps it for later headers.
 void OsLogExeVersion(char* a_szVersion)
 {
@@ -233,7 +227,7 @@ void OsLogExeVersion(char* a_szVersion)
     if (OsEnvGet(szName, "", OS_LOGVERSIONSIZE, a_szVersion) == EOSSTS_SUCCESS && *a_szVersion)
         return;
     char szProgram[OS_PATHSIZE];
-    ProgramPath(szProgram);
+    OsArgumentsProgramPath(szProgram);
     FileVersion(szProgram, a_szVersion);
     OsEnvSet(szName, a_szVersion);
 }
@@ -277,30 +271,13 @@ void COsLogImpl::ModuleLine(OsLogSlot& a_oslogslot, const char* a_szTitle, const
     });
 }
 
-static bool FindOwnModule(void* a_pvPath, const PlatModule* a_pplatmodule)
-{
-    const uint64_t u64Address = reinterpret_cast<uint64_t>(&g_poslogresourceproc);
-    if (u64Address - a_pplatmodule->u64Address >= a_pplatmodule->u64Size)
-        return true;
-    SStrCpy(static_cast<char*>(a_pvPath), OS_PATHSIZE, a_pplatmodule->szPath);
-    return false;
-}
-
-void OsLogLibraryModule(char* a_szModule)
-{
-    *a_szModule = '\0';
-    PlatModuleList(FindOwnModule, a_szModule);
-    if (!*a_szModule)
-        ProgramPath(a_szModule);
-}
-
 void COsLogImpl::ModuleLines(OsLogSlot& a_oslogslot)
 {
     char szProgram[OS_PATHSIZE];
     char szModule[OS_PATHSIZE];
     char szVersion[OS_LOGVERSIONSIZE];
-    ProgramPath(szProgram);
-    OsLogLibraryModule(szModule);
+    OsArgumentsProgramPath(szProgram);
+    OsArgumentsModulePath(szModule);
     OsLogExeVersion(szVersion);
     ModuleLine(a_oslogslot, "appInfo", szProgram, szVersion);
     if (std::strcmp(szModule, szProgram) == 0)

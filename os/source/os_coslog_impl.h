@@ -269,6 +269,3 @@ char* OsLogPutPrefix(char* a_pch, const OsLogSlot& a_oslogslot, int32_t a_i32Num
 
 // The size of the stack of the thread that asked first, in bytes.
 uint64_t OsLogStackSize();
-
-// The path of the library's own module, OS_PATHSIZE bytes: that of the program, unless the library was loaded.
-void OsLogLibraryModule(char* a_szModule);

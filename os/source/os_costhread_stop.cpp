@@ -2,13 +2,11 @@
 // carries.
 #include "os_costhread_impl.h"
 
-#include "os_cosenv.h"
+#include "os_cosarguments.h"
 #include "os_cosspinlock.h"
-#include "os_cosstring.h"
 #include "os_log.h"
 #include "os_scope.h"
 
-#include "plat_process.h"
 #include "plat_thread.h"
 #include "plat_wait.h"
 
@@ -97,19 +95,6 @@ void COsThreadImpl::AskToEnd(int32_t a_i32Timeout)
         PlatEventSet(m_plathandleEnded);
 }
 
-// The variables that carry the arguments document for this thread alone.
-static void DeleteArguments()
-{
-    for (const char* szFamily :
-         {"MVR_OSSERVICESARGUMENTS", "MVR_OSSERVICESARGUMENTSUNICODE", "MVR_OSSERVICESARGUMENTSB64"})
-    {
-        char szName[128];
-        SStrPrintf(szName, sizeof szName, "%s_%llx_%llx", szFamily, static_cast<unsigned long long>(PlatProcessId()),
-                   static_cast<unsigned long long>(PlatThreadId()));
-        OsEnvSet(szName, "");
-    }
-}
-
 void COsThreadImpl::StopSelf(bool a_blIgnoreSelf)
 {
     const bool blLocked = LockUnlessBeingStopped();
@@ -133,7 +118,7 @@ void COsThreadImpl::StopSelf(bool a_blIgnoreSelf)
         Clear();
     if (!blLeave)
         return;
-    DeleteArguments();
+    OsArgumentsClearThread();
     Leave();
 }
 
@@ -218,7 +203,7 @@ void COsThreadImpl::Exit()
               static_cast<unsigned>(PlatThreadId()), static_cast<unsigned long long>(m_u64Id));
         return;
     }
-    DeleteArguments();
+    OsArgumentsClearThread();
     if (OsLogWorkingWord())
         OSLOG(OS_LOG_MILESTONE, "thr>>> Exiting...<%s>", m_szDisplayName);
     m_u32Status = OS_THREADSTATUS_STOPPED;

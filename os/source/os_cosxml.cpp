@@ -1,4 +1,4 @@
-// os_cosxml.cpp: take a field out of an XML-like text by plain substring search.
+// os_cosxml.cpp: take a field out of an XML-like text, or change it there, by plain substring search.
 #include "os_cosxml.h"
 
 #include "os_cosstring.h"
@@ -94,4 +94,49 @@ bool OsXmlExtract(const char* a_szSource, const char* a_szOpenTag, const char* a
     std::memmove(a_szDestination, szValue, sizetValue);
     a_szDestination[sizetValue] = 0;
     return true;
+}
+
+// ---------------------------------------------------------------------------------------------- elements by name
+
+namespace
+{
+struct OsXmlTags
+{
+    explicit OsXmlTags(const char* a_szName)
+    {
+        SStrPrintf(szOpen, sizeof szOpen, "<%s>", a_szName);
+        SStrPrintf(szClose, sizeof szClose, "</%s>", a_szName);
+    }
+
+    char szOpen[64];
+    char szClose[64];
+};
+}   // namespace
+
+bool OsXmlExtractElement(const char* a_szSource, const char* a_szName, char* a_szDestination, size_t a_sizetDestination)
+{
+    const OsXmlTags osxmltags(a_szName);
+    return OsXmlExtract(a_szSource, osxmltags.szOpen, osxmltags.szClose, a_szDestination, a_sizetDestination, true);
+}
+
+EOSSTS OsXmlReplaceElement(char* a_szText, size_t a_sizetText, const char* a_szName, const char* a_szValue)
+{
+    const OsXmlTags osxmltags(a_szName);
+    size_t sizetOld = 0;
+    const char* const szOld = OsXmlFind(a_szText, osxmltags.szOpen, osxmltags.szClose, true, &sizetOld);
+    if (!szOld)
+        return EOSSTS_NOSPACE;
+    const size_t sizetNew = std::strlen(a_szValue);
+    const size_t sizetBefore = static_cast<size_t>(szOld - a_szText);
+    const size_t sizetAfter = std::strlen(szOld + sizetOld);
+    if (sizetBefore + sizetNew + sizetAfter >= a_sizetText)
+    {
+        OSLOG(OS_LOG_ERROR, "buffer overflow...<%s> %d <%s> <%s>", a_szText, static_cast<int>(a_sizetText),
+              osxmltags.szOpen, a_szValue);
+        return EOSSTS_FAIL;
+    }
+    char* const szPlace = a_szText + sizetBefore;
+    std::memmove(szPlace + sizetNew, szPlace + sizetOld, sizetAfter + 1);
+    std::memcpy(szPlace, a_szValue, sizetNew);   // NOLINT(bugprone-not-null-terminated-result)
+    return EOSSTS_SUCCESS;
 }

@@ -1,4 +1,4 @@
-// os_cosxml.h: take a field out of an XML-like text by plain substring search.
+// os_cosxml.h: take a field out of an XML-like text, or change it there, by plain substring search.
 #pragma once
 
 #include "os_types.h"
@@ -13,3 +13,11 @@ bool OsXmlExtract(const char* a_szSource, const char* a_szOpenTag, const char* a
 // The first element's text in place: where it begins in a_szSource, and its length in bytes. Null when absent.
 const char* OsXmlFind(const char* a_szSource, const char* a_szOpenTag, const char* a_szCloseTag, bool a_blCdata,
                       size_t* a_psizetLength);
+
+// The same for the element of a bare name of at most 60 characters: no tags are written out, CDATA is unwrapped.
+bool OsXmlExtractElement(const char* a_szSource, const char* a_szName, char* a_szDestination,
+                         size_t a_sizetDestination);
+
+// Replaces the text of the first such element; one that was a CDATA section stays one. EOSSTS_SUCCESS; EOSSTS_NOSPACE
+// when there is no such element; EOSSTS_FAIL (logged), with the text as it was, when it does not fit a_sizetText.
+EOSSTS OsXmlReplaceElement(char* a_szText, size_t a_sizetText, const char* a_szName, const char* a_szValue);

@@ -33,6 +33,7 @@ public:
 
     // The working flag word: not 0 means that diagnostics are wanted.
     virtual uint32_t WorkingWord() const = 0;
+    virtual void SetWorkingWord(uint32_t) {}
 
 protected:
     ~COsLogSink() = default;   // owned by whoever installed it
@@ -51,6 +52,13 @@ inline uint32_t OsLogWorkingWord()
 {
     const COsLogSink* const poslogsink = g_poslogsink.load(std::memory_order_acquire);
     return poslogsink ? poslogsink->WorkingWord() : 0;
+}
+
+// Does nothing without a logger.
+inline void OsLogSetWorkingWord(uint32_t a_u32Flags)
+{
+    if (COsLogSink* const poslogsink = g_poslogsink.load(std::memory_order_acquire))
+        poslogsink->SetWorkingWord(a_u32Flags);
 }
 
 #define OSLOG_AT(a_szFile, a_u32Line, a_u32Level, ...)                                                                 \

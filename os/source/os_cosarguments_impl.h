@@ -1,0 +1,26 @@
+// os_cosarguments_impl.h: what the sources of the class share.
+#pragma once
+
+#include "os_cosarguments.h"
+
+inline constexpr size_t OS_OVERRIDESIZE = 2048;   // of the override document
+inline constexpr size_t OS_VARIABLESIZE = 128;    // of the name of a variable
+
+// The families of variables that carry a document: plain, in base64, as 16-bit text.
+inline constexpr char OS_VARIABLE[] = "MVR_OSSERVICESARGUMENTS";
+inline constexpr char OS_VARIABLEB64[] = "MVR_OSSERVICESARGUMENTSB64";
+inline constexpr char OS_VARIABLEUNICODE[] = "MVR_OSSERVICESARGUMENTSUNICODE";
+
+struct OsArgumentsTexts
+{
+    char szDocument[OS_ARGUMENTSSIZE];
+    char szOverride[OS_OVERRIDESIZE];
+    char szVariable[OS_VARIABLESIZE];   // that the document came from
+};
+extern OsArgumentsTexts g_osargumentstexts;
+
+// The variable of the family that is the calling thread's alone.
+void OsArgumentsThreadVariable(const char* a_szFamily, char (&a_szName)[OS_VARIABLESIZE]);
+
+// Replaces an element of the document of this process, if it has one of that name.
+void OsArgumentsReplace(const char* a_szElement, const char* a_szValue);
