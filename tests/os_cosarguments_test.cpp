@@ -167,6 +167,8 @@ TEST(Arguments, PublishedDocumentArrivesInAChild)
     EXPECT_NE(strDocument.find("</logpath>\n\t<logmodel>d100</logmodel>\n\t<loglevel>"), std::string::npos);
     EXPECT_EQ(Get("MVR_OSSERVICESARGUMENTS"), strDocument);
     EXPECT_EQ(Get(OfThread(g_szB64)), Get(g_szB64));
+    EXPECT_EQ(WhatAChildTakesIn(),
+              "|||d100|/log\xC3\xA9 ]|0||d100|||/root|/legacy||65535,12,34|||" + strDocument + "|" + g_szB64 + "|");
     // The lock keeps another thread from publishing until the child exists.
     std::atomic<bool> blPublished{false};
     std::thread thread([&] {
@@ -175,8 +177,6 @@ TEST(Arguments, PublishedDocumentArrivesInAChild)
         OsArgumentsPublish(false);
         OsArgumentsClearThread();
     });
-    EXPECT_EQ(WhatAChildTakesIn(),
-              "|||d100|/log\xC3\xA9 ]|0||d100|||/root|/legacy||65535,12,34|||" + strDocument + "|" + g_szB64 + "|");
     EXPECT_FALSE(blPublished);
     OsArgumentsPublish(false);
     thread.join();
