@@ -3,11 +3,75 @@
 
 #include "os_cosfile.h"
 #include "os_coslogcollector.h"
-#include "os_cosservices.h"
+#include "os_cosmem.h"
+#include "os_cossocket.h"
 
 namespace fs = std::filesystem;
 
-// A collector inside this test, with a command file whose folder is not there yet.
+// ------------------------------------------------------------------------------------------- collectors as programs
+
+// Collectors of one user, as two applications have them, beside the command file that all of them share.
+class RunningCollectors : public CollectorTest
+{
+protected:
+    void SetUp() override
+    {
+        CollectorTest::SetUp();
+        ASSERT_TRUE(m_collectorOther.StartFor(ProgramPath("logcollector"), PlatProcessId()));
+        ASSERT_TRUE(WaitFor([&] { return fs::exists(m_strFlush); }));
+    }
+
+    // Writes the command again and again: what the file holds while a collector begins to watch it is no command.
+    bool EndsOn(CollectorProcess& a_collector, const std::string& a_strCommand)
+    {
+        std::string strPadding;
+        return WaitFor([&] {
+            WriteWhole(m_strFlush, a_strCommand + strPadding);
+            strPadding += ' ';
+            return a_collector.WaitForExit(200) == 0;
+        });
+    }
+
+    CollectorProcess m_collectorOther;
+    const std::string m_strFlush = PathOf("system/PROGRAMDATA/mvr_orvane/common/logcollector/flush");
+};
+
+TEST_F(RunningCollectors, AreEndedByNameOrAllTogetherWithWhatTheyHaveReceived)
+{
+    const auto stream = StreamTo("log.20240101/a.log", "first");
+    ASSERT_TRUE(FileBecomes("log.20240101/a.log", "first"));
+    EXPECT_TRUE(EndsOn(m_collectorOther, "<cmd>exit</cmd><lcport>" + std::to_string(m_collectorOther.Port()) +
+                                             "</lcport><lcpidapp>" + std::to_string(PlatProcessId()) + "</lcpidapp>"));
+    EXPECT_TRUE(stream->Send(" second"));
+    ASSERT_TRUE(FileBecomes("log.20240101/a.log", "first second"));
+
+    const uint64_t u64Start = PlatTicks();
+    EXPECT_TRUE(EndsOn(m_collector, "<cmd>exitall</cmd>"));
+    EXPECT_LT(PlatTicks() - u64Start, 3000u);
+    EXPECT_EQ(ReadWhole(PathOf("log.20240101/a.log")), "first second");
+}
+
+TEST_F(RunningCollectors, FlushWithoutStallingAStream)
+{
+    std::vector<std::unique_ptr<StreamClient>> vecclient;
+    for (int i = 0; i < 64; ++i)
+        vecclient.push_back(StreamTo("log" + std::to_string(i)));
+    std::string strText;
+    for (int iRound = 0; iRound < 50; ++iRound)
+    {
+        WriteWhole(m_strFlush, "<cmd>flush</cmd>" + std::string(static_cast<size_t>(iRound), ' '));
+        const std::string strLine = "line " + std::to_string(iRound) + "\r\n";
+        for (const auto& client : vecclient)
+            EXPECT_TRUE(client->Send(strLine));
+        strText += strLine;
+    }
+    for (int i = 0; i < 64; ++i)
+        EXPECT_TRUE(FileBecomes("log" + std::to_string(i), strText)) << i;
+}
+
+// ---------------------------------------------------------------------------------------- one collector, in this test
+
+// With a command file whose folder is not there yet.
 class CommandFile : public FolderTest
 {
 protected:
@@ -17,14 +81,13 @@ protected:
         m_configuration.Set(OS_CFGTAG_ROOTCOMMONDIRECTORYLEGACY, m_path.string());
         m_u16Port = FreePort();
         setenv("MVR_LOGCOLLECTOR", std::to_string(m_u16Port).c_str(), 1);
-        OsServicesStart();
         m_collector = std::make_unique<COsLogCollector>(OS_COLLECTORMODE_SHARED, nullptr);
         m_collector->SetApplication(4711);
     }
     ~CommandFile() override
     {
         m_collector.reset();
-        OsServicesStop();
+        OsSocketCleanupStatic();
     }
 
     void Start()
@@ -59,6 +122,7 @@ protected:
         g_bLogCollectorStop.store(0);
     }
 
+    COsMem m_osmem;
     LogCapture m_log;
     FakeConfiguration m_configuration;
     std::string m_strFlush;

@@ -50,6 +50,33 @@ TEST_F(CollectorProgram, TheLastArgumentThatChoosesAModeWins)
     ExpectCollecting({"--clean", "--xml=" + LivingDocument()});
 }
 
+// Its own log is off unless it is asked for; its log folder is there in any case, and locked while it runs.
+TEST_F(CollectorProgram, LogsItselfIntoItsOwnFolderWhenAsked)
+{
+    const std::filesystem::path path = m_path / "system/LOCALAPPDATA/mvr_orvane/logcollector/logcollector";
+    const auto logs = [&path] {
+        std::vector<std::filesystem::path> vecpath;
+        for (const auto& entry : std::filesystem::recursive_directory_iterator(path))
+        {
+            if (entry.path().extension() == ".log")
+                vecpath.push_back(entry.path());
+        }
+        return vecpath;
+    };
+    ExpectNothingDone({});
+    EXPECT_TRUE(logs().empty());
+
+    setenv("MVR_LOGCOLLECTORDEBUG", "0", 1);
+    ExpectNothingDone({});
+    ASSERT_EQ(logs().size(), 1u);
+    EXPECT_EQ(logs()[0].filename(), "logcollector.log");
+    EXPECT_EQ(logs()[0].parent_path().filename().string().size(), sizeof "log." - 1 + 20);
+    const std::string strLog = ReadWhole(logs()[0].string());
+    EXPECT_NE(strLog.find("logcollector=false\r\n"), std::string::npos);
+    EXPECT_NE(strLog.find("Program is...<" + Backslashed(ProgramPath("logcollector")) + ">\r\n"), std::string::npos);
+    EXPECT_EQ(strLog.substr(strLog.size() - 2), "\r\n");
+}
+
 TEST_F(CollectorProgram, TheApplicationIsFoundInAnyDocumentThatNamesIt)
 {
     const std::string strId = std::to_string(PlatProcessId());

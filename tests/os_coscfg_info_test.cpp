@@ -55,7 +55,6 @@ TEST(Info, NumbersAndTextsAreOfOneMachine)
 TEST(Info, HostAndVolumeAreToldOnce)
 {
     LogCapture log;
-    OsCfgInfoGather();
     const std::string strHost = OsCfgInfoString(OS_CFGINFO_NETWORK_HOSTNAME);
     const std::string strSerial = OsCfgInfoString(OS_CFGINFO_VOLUME_SERIALNUMBER);
     EXPECT_EQ(strHost.find('.'), std::string::npos);

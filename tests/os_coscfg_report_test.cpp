@@ -91,7 +91,6 @@ TEST_F(ConfigurationReport, TheMachineTheBrandAndThePathsAreAsTheirReadersTell)
 {
     ASSERT_TRUE(OsCfgSetModelFlag("m100", true));
     ASSERT_TRUE(OsCfgSetModelFlag("m200", false));
-    OsCfgInfoGather();
     const std::string strReport = Written();
     const std::string strInfo = Section(strReport, "CFG Info");
     EXPECT_TRUE(Has(strInfo, "\r\nOS_CFGINFO_OS_BUILDSTRING............." +
@@ -163,7 +162,8 @@ TEST_F(ConfigurationReport, ExtensionsAreLocalItems)
 TEST_F(ConfigurationReport, TheMembersOfTheObjectFollowInOrder)
 {
     SStrCpy(m_oscfgimpl->m_szSystemDirectory, OS_PATHSIZE, "sys");
-    SStrCpy(m_oscfgimpl->m_szFileDataUnprotected, 16, "[prog");
+    m_oscfgimpl->m_szFileDataUnprotected = std::make_unique<char[]>(16);
+    SStrCpy(m_oscfgimpl->m_szFileDataUnprotected.get(), 16, "[prog");
     const std::string strDirectories = Section(Written(), "Directories");
     EXPECT_TRUE(Has(strDirectories, "\r\n\r\nm_szSystemDirectory                 = <sys>\r\n"));
     EXPECT_TRUE(Has(strDirectories, "\r\nm_szFudge                           = <prog>\r\n"));

@@ -12,12 +12,6 @@
 #include <cstdlib>
 #include <stdexcept>
 
-static std::string Backslashed(std::string a_strPath)
-{
-    std::replace(a_strPath.begin(), a_strPath.end(), '/', '\\');
-    return a_strPath;
-}
-
 // A shared collector inside this test, at a port that it was given.
 class SharedCollector : public FolderTest
 {

@@ -73,6 +73,7 @@ static void RunCollect(const LogCollectorArgs& a_logcollectorargs, char* a_szFol
         return;
     oslogcollector.SetApplication(static_cast<uint64_t>(a_logcollectorargs.i64ProcessIdApplication));
     oslogcollector.Start(nullptr, false);
+    OsServicesManage();
     WatchApplication(a_logcollectorargs.i64ProcessIdApplication);
     LetReadersSettle();
     oslogcollector.Stop(a_szFolder, OS_PATHSIZE);
@@ -87,9 +88,10 @@ int main(int a_iArguments, char** a_aszArgument)
 
     ChooseOwnLogging();
     OsArgumentsClear(OS_CLEARARGUMENTS_ENVIRONMENT);
-    OsServicesStart();
+    OsServicesStart(true);
     const RunMode runmode = LogCollectorParse(a_iArguments, a_aszArgument, logcollectorargs);
     if (runmode == RunMode::Collect)
+        RunCollect(logcollectorargs, szLeftoverFolder);
         RunCollect(logcollectorargs, szLeftoverFolder);
     if (runmode == RunMode::Clean)
         LogCollectorClean(logcollectorargs.i32HoursToKeep, logcollectorargs.szSubfolder);

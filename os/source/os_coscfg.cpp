@@ -46,6 +46,8 @@ COsCfg::COsCfg(const CreateArgs& a_createargs) : m_poscfgimpl(nullptr)
         return;
     }
     m_poscfgimpl->Load();
+    if (!a_createargs.blManageLater)
+        m_poscfgimpl->StartManagement();
 }
 
 // The management thread reads the configuration until it has ended; nobody finds the configuration once its texts go.
@@ -103,6 +105,12 @@ EOSSTS COsCfg::SetString(EOSCFGSECTION, EOSCFGTAG a_eoscfgtag, const char* a_szV
     if (!Usable(m_poscfgimpl))
         return EOSSTS_FAIL;
     return m_poscfgimpl->m_oscfgtable.Set(OS_CFGSECTION_DSIDENTITY, a_eoscfgtag, a_szValue);
+}
+
+void COsCfg::StartManagement()
+{
+    if (Usable(m_poscfgimpl))
+        m_poscfgimpl->StartManagement();
 }
 
 EOSSTS COsCfg::WriteReport()

@@ -39,6 +39,7 @@ public:
         const char* aszVersion[OS_CFGVERSIONS] = {"00", "00", "00", "00", "00", "00", "0000"};
         bool blForceSetAccess = false;
         const char* szProgram = "";   // the path of the application, "" to find out
+        bool blManageLater = false;   // StartManagement will be called
 
         // Both or none; the lists live as long as the configuration.
         const OsCfgExtension* aoscfgextensionSection = nullptr;
@@ -65,6 +66,10 @@ public:
     // as the configuration.
     EOSSTS SetString(EOSCFGSECTION a_eoscfgsection, EOSCFGTAG a_eoscfgtag, const char* a_szValue) override;
 
+    // Lets a thread look after the log folders, when this process owns its services and MVR_CLEANLOGFOLDERS (default
+    // "1") says so. Once; the construction calls it unless it was told not to.
+    void StartManagement();
+
     // Writes the support report. EOSSTS_CANNOTCREATE when its folder cannot be made, else the status of its open.
     EOSSTS WriteReport();
 
@@ -79,3 +84,19 @@ COsCfg* OsCfgGet();
 
 // Lets OsCfgGetCommon read the common settings file. The start of the library calls it first of all.
 void OsCfgCommonInstall();
+
+// Profiles: any INI file through the cache, which keeps the first 8,192 bytes of the last 16 files. Any thread.
+
+// EOSSTS_NOTFOUND when the file does not exist, EOSSTS_FAIL when it cannot be read or has no such key ("@0", "@1" ...:
+// the line of that number in the section), EOSSTS_NOMEMORY when the value does not fit; the value is empty then.
+EOSSTS OsCfgProfileRead(const char* a_szFile, const char* a_szSection, const char* a_szKey, char* a_szValue,
+                        size_t a_sizetValue);
+
+// Stores a value in the cache alone; the write-back brings it to the file, and makes one that does not exist. Until
+// then it is lost when another party changes the file. EOSSTS_NOTOPEN for what is no section, key or value,
+// EOSSTS_NOMEMORY when the file would have more than 8,192 bytes, EOSSTS_FAIL when it cannot be read.
+EOSSTS OsCfgProfileWrite(const char* a_szFile, const char* a_szSection, const char* a_szKey, const char* a_szValue);
+
+// Writes what was stored for a file, or for all (null or empty). EOSSTS_FAIL for one that is not in the cache or cannot
+// be written; all of them is always a success.
+EOSSTS OsCfgProfileWriteBack(const char* a_szFile);

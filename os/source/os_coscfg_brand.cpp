@@ -195,7 +195,7 @@ static void FillFolderName(BrandRecord& a_brandrecord, const char* a_szName)
 
 static std::unique_ptr<const BrandRecord> BuildRecord()
 {
-    auto brandrecord = std::make_unique<BrandRecord>();
+    auto brandrecord = std::make_unique_for_overwrite<BrandRecord>();   // the entries are filled one by one
     brandrecord->strDocument = ProgramDocument();
     ApplyOverride(brandrecord->strDocument);
     WalkDocument(*brandrecord);

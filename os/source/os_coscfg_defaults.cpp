@@ -17,7 +17,6 @@ static constexpr char g_szSource[] = "os/source/os_coscfg";
 
 void COsCfgImpl::Load()
 {
-    OsCfgInfoGather();
     if (!SetDirectories())
     {
         OSLOG(OS_LOG_ERROR, "SetDirectories failed...");
@@ -30,7 +29,6 @@ void COsCfgImpl::Load()
     StoreBrand();
     StoreNames();
     StoreProgram();
-    StartManagement();
 }
 
 void COsCfgImpl::Store(EOSCFGTAG a_eoscfgtag, const char* a_szValue)
@@ -272,6 +270,8 @@ static uint32_t ManageProc(COsThread* a_posthread)
 
 void COsCfgImpl::StartManagement()
 {
+    if (m_posthreadManage || !*m_szLogDirectory)
+        return;
     char szClean[16];
     OsEnvGet("MVR_CLEANLOGFOLDERS", "1", sizeof szClean, szClean);
     if (!OsArgumentsIsServicesOwner() || OsCfgIsCertificationHost() || szClean[0] != '1')

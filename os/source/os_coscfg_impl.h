@@ -87,8 +87,8 @@ uint32_t OsCfgTagSection(uint32_t a_u32Tag);
 const char* OsCfgTagDefault(uint32_t a_u32Tag);        // null for none
 const char* OsCfgSectionName(uint32_t a_u32Section);   // "dsIdentity" ...
 
-// Reads a text of at most a_sizetBuffer - 1 bytes, without its byte-order mark, and terminates it; the rest of the
-// buffer is zero. EOSSTS_NOTFOUND when the file cannot be opened, EOSSTS_FAIL (logged) when it cannot be read.
+// Reads a text of at most a_sizetBuffer - 1 bytes, without its byte-order mark, and terminates it. EOSSTS_NOTFOUND when
+// the file cannot be opened, EOSSTS_FAIL (logged) when it cannot be read; the text is empty then.
 EOSSTS OsCfgReadText(const char* a_szPath, bool a_blRedirectionOff, char* a_szBuffer, size_t a_sizetBuffer);
 
 // Splits a text in place: ends its first line at the CR or LF and moves the text behind that. Null behind the last.
@@ -169,22 +169,6 @@ bool OsCfgModelFlagAt(size_t a_sizetIndex, OsCfgModelFlag* a_poscfgmodelflag);  
 // the arguments) is one that roams. For paths that go to another process.
 void OsCfgLocalLogPath(char* a_szPath, size_t a_sizetPath, const char* a_szModel);
 
-// Profiles: any INI file through the cache, which keeps the first 8,192 bytes of the last 16 files. Any thread.
-
-// EOSSTS_NOTFOUND when the file does not exist, EOSSTS_FAIL when it cannot be read or has no such key ("@0", "@1" ...:
-// the line of that number in the section), EOSSTS_NOMEMORY when the value does not fit; the value is empty then.
-EOSSTS OsCfgProfileRead(const char* a_szFile, const char* a_szSection, const char* a_szKey, char* a_szValue,
-                        size_t a_sizetValue);
-
-// Stores a value in the cache alone; the write-back brings it to the file, and makes one that does not exist. Until
-// then it is lost when another party changes the file. EOSSTS_NOTOPEN for what is no section, key or value,
-// EOSSTS_NOMEMORY when the file would have more than 8,192 bytes, EOSSTS_FAIL when it cannot be read.
-EOSSTS OsCfgProfileWrite(const char* a_szFile, const char* a_szSection, const char* a_szKey, const char* a_szValue);
-
-// Writes what was stored for a file, or for all (null or empty). EOSSTS_FAIL for one that is not in the cache or cannot
-// be written; all of them is always a success.
-EOSSTS OsCfgProfileWriteBack(const char* a_szFile);
-
 // The name that a profile has in the protected layout (a_blDebug: that of its diagnostic companion), or the name
 // itself. EOSSTS_FAIL, with an empty name, when it has none or does not fit.
 EOSSTS OsCfgProfileMap(const char* a_szFile, bool a_blDebug, char* a_szMapped, size_t a_sizetMapped);
@@ -197,10 +181,10 @@ EOSSTS OsCfgProfileResolve(const char* a_szFile, const char* a_szSection, const 
 // process, from the arguments.
 const char* OsCfgSectionPrefix();
 
-// Facts about the machine, gathered once per process.
-void OsCfgInfoGather();
+// Facts about the machine, gathered once per process, by the first question.
 const char* OsCfgInfoString(EOSCFGINFO a_eoscfginfo);
 int64_t OsCfgInfoLong(EOSCFGINFO a_eoscfginfo);
+void OsCfgInfoTellNames();         // logs the host and the system volume, once per process
 bool OsCfgIsService();             // the process is in the services session
 bool OsCfgIsCertificationHost();   // a test of the system's image-acquisition service hosts this process
 const char* OsCfgUserName();       // item OS_CFGINFO_OS_USERNAME
@@ -243,6 +227,9 @@ public:
     ~COsCfgImpl();
     COsCfgImpl(const COsCfgImpl&) = delete;
     COsCfgImpl& operator=(const COsCfgImpl&) = delete;
+
+    // Starts the management thread where that is wanted.
+    void StartManagement();
 
     // Ends the management thread, then lets the lock file go. Reads of the configuration still work.
     void StopManagement();
@@ -320,10 +307,10 @@ public:
     char m_szUnitsBehavior[16] = {};
     char m_szSaneTwainVersion[32] = {};
 
-    // The INI files, as the table's values point into them.
-    char m_szFileData[OS_CFGFILESIZE] = {};
-    char m_szFileDataLegacy[OS_CFGFILESIZE] = {};
-    char m_szFileDataUnprotected[OS_CFGFILESIZE] = {};
+    // The INI files, as the table's values point into them. Null for one that was not read.
+    std::unique_ptr<char[]> m_szFileData;
+    std::unique_ptr<char[]> m_szFileDataLegacy;
+    std::unique_ptr<char[]> m_szFileDataUnprotected;
 
 private:
     // The steps of Load, in their order; os_coscfg_defaults.cpp.
@@ -334,7 +321,6 @@ private:
     void StoreBrand();
     void StoreNames();
     void StoreProgram();
-    void StartManagement();
 
     // The directory set, in this order; false when there is no folder to write to. os_coscfg_directories.cpp.
     bool SetDirectories();
@@ -357,7 +343,7 @@ private:
 
     // Loads one INI file into the table; the path is for OsCfgLoadMode::Path alone. EOSSTS_NOTFOUND when it cannot be
     // opened, EOSSTS_FAIL when it cannot be read.
-    EOSSTS LoadIni(const char* a_szPath, char (&a_szBuffer)[OS_CFGFILESIZE], OsCfgLoadMode a_oscfgloadmode);
+    EOSSTS LoadIni(const char* a_szPath, std::unique_ptr<char[]>& a_szBuffer, OsCfgLoadMode a_oscfgloadmode);
 
     COsThread* m_posthreadManage = nullptr;
     std::atomic<bool> m_blStopManaging = false;

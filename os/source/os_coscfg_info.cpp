@@ -87,25 +87,39 @@ static void NameRawSystem(const PlatVersion& a_platversion, char* a_szName, size
 
 // ------------------------------------------------------------------------------------------------------ gathering
 
+// Each group is gathered by the first question for one of its facts: most processes ask for few.
 namespace
 {
-struct Facts
+struct SystemFacts
 {
     PlatVersion platversion = {};
-    uint32_t u32SystemId = 0;
+    uint32_t u32Id = 0;
     char szName[OS_SYSTEMNAMESIZE] = {};
     char szNameRaw[OS_SYSTEMNAMESIZE] = {};
     char szBuild[16] = {};
     char szVersion[32] = {};
+};
 
+struct ProcessorFacts
+{
     PlatProcessor platprocessor = {};
-    bool blProcessor = false;
-    uint32_t u32Processors = 1;
+    bool blKnown = false;
+    uint32_t u32Count = 1;
+};
 
+struct MemoryFacts
+{
     PlatMemoryStatus platmemorystatus = {};
+};
 
-    char szHost[256] = {};
-    char szVolume[PLAT_PATHMAX] = {};
+struct HostFacts
+{
+    char szName[256] = {};
+};
+
+struct VolumeFacts
+{
+    char szDevice[PLAT_PATHMAX] = {};
     char szSerial[64] = {};
 };
 }   // namespace
@@ -116,12 +130,12 @@ static void CutAt(char* a_szText, char a_ch)
         *szEnd = 0;
 }
 
-static void GatherSystem(Facts& a_facts)
+static void Gather(SystemFacts& a_facts)
 {
     PlatVersion platversionRaw = {};
     PlatVersionGet(PLAT_VERSION_COOKED, &a_facts.platversion);
     PlatVersionGet(PLAT_VERSION_RAW, &platversionRaw);
-    OsCfgNameSystem(a_facts.platversion, a_facts.szName, sizeof a_facts.szName, &a_facts.u32SystemId);
+    OsCfgNameSystem(a_facts.platversion, a_facts.szName, sizeof a_facts.szName, &a_facts.u32Id);
     NameRawSystem(platversionRaw, a_facts.szNameRaw, sizeof a_facts.szNameRaw);
     SStrFromNum(a_facts.szBuild, sizeof a_facts.szBuild, a_facts.platversion.u32Build);
     SStrPrintf(a_facts.szVersion, sizeof a_facts.szVersion, "%02d%02d", static_cast<int>(a_facts.platversion.u32Major),
@@ -130,21 +144,26 @@ static void GatherSystem(Facts& a_facts)
 
 // The processor of the calling thread speaks for all: what is asked of it is the same on every processor of a machine,
 // because a thread may be moved between any two of its instructions.
-static void GatherProcessors(Facts& a_facts)
+static void Gather(ProcessorFacts& a_facts)
 {
-    a_facts.blProcessor = PlatProcessorGet(&a_facts.platprocessor);
+    a_facts.blKnown = PlatProcessorGet(&a_facts.platprocessor);
     if (const uint32_t u32Processors = PlatProcessorCount())
-        a_facts.u32Processors = u32Processors;
+        a_facts.u32Count = u32Processors;
 }
 
-static void GatherHost(Facts& a_facts)
+static void Gather(MemoryFacts& a_facts)
+{
+    PlatMemoryGetStatus(&a_facts.platmemorystatus);
+}
+
+static void Gather(HostFacts& a_facts)
 {
     char16_t wszHost[256];
     if (PlatHostName(wszHost, 256))
-        CopyStringToUtf8(a_facts.szHost, sizeof a_facts.szHost, wszHost, SIZE_MAX);
-    CutAt(a_facts.szHost, '.');
-    if (!a_facts.szHost[0])
-        SStrCpy(a_facts.szHost, sizeof a_facts.szHost, g_szNoData);
+        CopyStringToUtf8(a_facts.szName, sizeof a_facts.szName, wszHost, SIZE_MAX);
+    CutAt(a_facts.szName, '.');
+    if (!a_facts.szName[0])
+        SStrCpy(a_facts.szName, sizeof a_facts.szName, g_szNoData);
 }
 
 static bool FindSystemVolume(PlatVolume* a_pplatvolume)
@@ -156,9 +175,9 @@ static bool FindSystemVolume(PlatVolume* a_pplatvolume)
     return OsPathToSystem(wszDrive, OS_WIDEPATHSIZE, szDrive) && PlatVolumeGet(wszDrive, a_pplatvolume);
 }
 
-static void GatherVolume(Facts& a_facts)
+static void Gather(VolumeFacts& a_facts)
 {
-    SStrCpy(a_facts.szVolume, sizeof a_facts.szVolume, g_szNoData);
+    SStrCpy(a_facts.szDevice, sizeof a_facts.szDevice, g_szNoData);
     SStrCpy(a_facts.szSerial, sizeof a_facts.szSerial, g_szNoData);
     PlatVolume platvolume = {};
     if (!FindSystemVolume(&platvolume))
@@ -167,38 +186,30 @@ static void GatherVolume(Facts& a_facts)
                platvolume.u32SerialNumber);
     if (!platvolume.wszDevice[0])
         return;
-    CopyStringToUtf8(a_facts.szVolume, sizeof a_facts.szVolume, platvolume.wszDevice, SIZE_MAX);
-    CutAt(a_facts.szVolume, '{');
+    CopyStringToUtf8(a_facts.szDevice, sizeof a_facts.szDevice, platvolume.wszDevice, SIZE_MAX);
+    CutAt(a_facts.szDevice, '{');
 }
 
+template <class Facts>
 static const Facts& Known()
 {
     static std::atomic<const Facts*> g_pfacts;
     return OsCfgPublished(g_pfacts, [] {
         auto facts = std::make_unique<Facts>();
-        GatherSystem(*facts);
-        GatherProcessors(*facts);
-        PlatMemoryGetStatus(&facts->platmemorystatus);
-        GatherHost(*facts);
-        GatherVolume(*facts);
+        Gather(*facts);
         return facts;
     });
 }
 
 // Once, and not while gathering: the logger asks for numbers while it writes the header before its first line.
-static void TellNames(const Facts& a_facts)
+void OsCfgInfoTellNames()
 {
     static std::atomic<bool> g_blTold;
     if (g_blTold.exchange(true))
         return;
-    OSLOG(OS_LOG_NOTE, "OS_CFGINFO_NETWORK_HOSTNAME...........%s", a_facts.szHost);
-    OSLOG(OS_LOG_NOTE, "OS_CFGINFO_VOLUME_DEVICEID.............<%s>", a_facts.szVolume);
-    OSLOG(OS_LOG_NOTE, "OS_CFGINFO_VOLUME_SERIALNUMBER.........<%s>", a_facts.szSerial);
-}
-
-void OsCfgInfoGather()
-{
-    TellNames(Known());
+    OSLOG(OS_LOG_NOTE, "OS_CFGINFO_NETWORK_HOSTNAME...........%s", Known<HostFacts>().szName);
+    OSLOG(OS_LOG_NOTE, "OS_CFGINFO_VOLUME_DEVICEID.............<%s>", Known<VolumeFacts>().szDevice);
+    OSLOG(OS_LOG_NOTE, "OS_CFGINFO_VOLUME_SERIALNUMBER.........<%s>", Known<VolumeFacts>().szSerial);
 }
 
 // ------------------------------------------------------------------------------------------------------ the answers
@@ -208,13 +219,13 @@ namespace
 struct NumberRow
 {
     EOSCFGINFO eoscfginfo;
-    int64_t (*pfnAnswer)(const Facts& a_facts);
+    int64_t (*pfnAnswer)();
 };
 
 struct TextRow
 {
     EOSCFGINFO eoscfginfo;
-    const char* (*pfnAnswer)(const Facts& a_facts);
+    const char* (*pfnAnswer)();
 };
 
 struct VendorRow
@@ -245,59 +256,59 @@ static const char* TextOrNone(const char* a_szText)
 }
 
 // clang-format off
-#define OS_NUMBER(item_, value_) {OS_CFGINFO_##item_, []([[maybe_unused]] const Facts& facts) { return static_cast<int64_t>(value_); }}
-#define OS_TEXT(item_, value_) {OS_CFGINFO_##item_, []([[maybe_unused]] const Facts& facts) -> const char* { return value_; }}
+#define OS_NUMBER(item_, value_) {OS_CFGINFO_##item_, [] { return static_cast<int64_t>(value_); }}
+#define OS_TEXT(item_, value_) {OS_CFGINFO_##item_, []() -> const char* { return value_; }}
 
 static constexpr NumberRow g_anumberrow[] = {
-    OS_NUMBER(OS_KERNELVERSIONSTRING, StrToInt32(facts.szVersion)),
-    OS_NUMBER(OS_PLATFORM, facts.platversion.u32Platform),
-    OS_NUMBER(OS_MAJOR, facts.platversion.u32Major),
-    OS_NUMBER(OS_MINOR, facts.platversion.u32Minor),
-    OS_NUMBER(OS_ID, facts.u32SystemId),
-    OS_NUMBER(OS_SERVICEPACK, facts.platversion.u32ServicePackMajor * 100 + facts.platversion.u32ServicePackMinor),
-    OS_NUMBER(MEM_TOTALPHYSICAL, facts.platmemorystatus.u64TotalPhysical),
-    OS_NUMBER(MEM_AVAILABLEPHYSICAL, facts.platmemorystatus.u64AvailPhysical),
-    OS_NUMBER(MEM_TOTALVIRTUAL, facts.platmemorystatus.u64TotalVirtual),
-    OS_NUMBER(MEM_AVAILABLEVIRTUAL, facts.platmemorystatus.u64AvailVirtual),
-    OS_NUMBER(MEM_TOTALPAGEFILE, facts.platmemorystatus.u64TotalPagefile),
-    OS_NUMBER(MEM_AVAILABLEPAGEFILE, facts.platmemorystatus.u64AvailPagefile),
-    OS_NUMBER(MEM_LOAD, facts.platmemorystatus.u32Load),
-    OS_NUMBER(CPU_CACHESIZE, facts.platprocessor.u32CacheSize),
-    OS_NUMBER(CPU_FAMILY, facts.platprocessor.u32Family),
-    OS_NUMBER(CPU_IS_3DNOW, facts.platprocessor.bl3dNow),
-    OS_NUMBER(CPU_IS_FPU, facts.platprocessor.blFpu),
-    OS_NUMBER(CPU_IS_HYPERTHREADING, facts.platprocessor.blHyperThreading),
-    OS_NUMBER(CPU_IS_MMX, facts.platprocessor.blMmx),
-    OS_NUMBER(CPU_IS_POPCNT, facts.platprocessor.blPopcnt),
-    OS_NUMBER(CPU_IS_SSE, facts.platprocessor.blSse),
-    OS_NUMBER(CPU_IS_SSE2, facts.platprocessor.blSse2),
-    OS_NUMBER(CPU_IS_SSE3, facts.platprocessor.blSse3),
-    OS_NUMBER(CPU_IS_SSE41, facts.platprocessor.blSse41),
-    OS_NUMBER(CPU_IS_SSE42, facts.platprocessor.blSse42),
-    OS_NUMBER(CPU_IS_SSE4A, facts.platprocessor.blSse4a),
-    OS_NUMBER(CPU_LEVEL, facts.platprocessor.u32Level),
-    OS_NUMBER(CPU_MACHINEBITS, facts.platprocessor.u32MachineBits),
-    OS_NUMBER(CPU_MHZ, facts.platprocessor.u32Mhz),
-    OS_NUMBER(CPU_MODEL, facts.platprocessor.u32Model),
+    OS_NUMBER(OS_KERNELVERSIONSTRING, StrToInt32(Known<SystemFacts>().szVersion)),
+    OS_NUMBER(OS_PLATFORM, Known<SystemFacts>().platversion.u32Platform),
+    OS_NUMBER(OS_MAJOR, Known<SystemFacts>().platversion.u32Major),
+    OS_NUMBER(OS_MINOR, Known<SystemFacts>().platversion.u32Minor),
+    OS_NUMBER(OS_ID, Known<SystemFacts>().u32Id),
+    OS_NUMBER(OS_SERVICEPACK, Known<SystemFacts>().platversion.u32ServicePackMajor * 100 + Known<SystemFacts>().platversion.u32ServicePackMinor),
+    OS_NUMBER(MEM_TOTALPHYSICAL, Known<MemoryFacts>().platmemorystatus.u64TotalPhysical),
+    OS_NUMBER(MEM_AVAILABLEPHYSICAL, Known<MemoryFacts>().platmemorystatus.u64AvailPhysical),
+    OS_NUMBER(MEM_TOTALVIRTUAL, Known<MemoryFacts>().platmemorystatus.u64TotalVirtual),
+    OS_NUMBER(MEM_AVAILABLEVIRTUAL, Known<MemoryFacts>().platmemorystatus.u64AvailVirtual),
+    OS_NUMBER(MEM_TOTALPAGEFILE, Known<MemoryFacts>().platmemorystatus.u64TotalPagefile),
+    OS_NUMBER(MEM_AVAILABLEPAGEFILE, Known<MemoryFacts>().platmemorystatus.u64AvailPagefile),
+    OS_NUMBER(MEM_LOAD, Known<MemoryFacts>().platmemorystatus.u32Load),
+    OS_NUMBER(CPU_CACHESIZE, Known<ProcessorFacts>().platprocessor.u32CacheSize),
+    OS_NUMBER(CPU_FAMILY, Known<ProcessorFacts>().platprocessor.u32Family),
+    OS_NUMBER(CPU_IS_3DNOW, Known<ProcessorFacts>().platprocessor.bl3dNow),
+    OS_NUMBER(CPU_IS_FPU, Known<ProcessorFacts>().platprocessor.blFpu),
+    OS_NUMBER(CPU_IS_HYPERTHREADING, Known<ProcessorFacts>().platprocessor.blHyperThreading),
+    OS_NUMBER(CPU_IS_MMX, Known<ProcessorFacts>().platprocessor.blMmx),
+    OS_NUMBER(CPU_IS_POPCNT, Known<ProcessorFacts>().platprocessor.blPopcnt),
+    OS_NUMBER(CPU_IS_SSE, Known<ProcessorFacts>().platprocessor.blSse),
+    OS_NUMBER(CPU_IS_SSE2, Known<ProcessorFacts>().platprocessor.blSse2),
+    OS_NUMBER(CPU_IS_SSE3, Known<ProcessorFacts>().platprocessor.blSse3),
+    OS_NUMBER(CPU_IS_SSE41, Known<ProcessorFacts>().platprocessor.blSse41),
+    OS_NUMBER(CPU_IS_SSE42, Known<ProcessorFacts>().platprocessor.blSse42),
+    OS_NUMBER(CPU_IS_SSE4A, Known<ProcessorFacts>().platprocessor.blSse4a),
+    OS_NUMBER(CPU_LEVEL, Known<ProcessorFacts>().platprocessor.u32Level),
+    OS_NUMBER(CPU_MACHINEBITS, Known<ProcessorFacts>().platprocessor.u32MachineBits),
+    OS_NUMBER(CPU_MHZ, Known<ProcessorFacts>().platprocessor.u32Mhz),
+    OS_NUMBER(CPU_MODEL, Known<ProcessorFacts>().platprocessor.u32Model),
     OS_NUMBER(CPU_PROCESSBITS, sizeof(void*) * 8),
-    OS_NUMBER(CPU_STEPPING, facts.platprocessor.u32Stepping),
-    OS_NUMBER(CPU_TOTAL, facts.u32Processors),
-    OS_NUMBER(CPU_ARCHITECTURE, facts.platprocessor.u32Architecture),
+    OS_NUMBER(CPU_STEPPING, Known<ProcessorFacts>().platprocessor.u32Stepping),
+    OS_NUMBER(CPU_TOTAL, Known<ProcessorFacts>().u32Count),
+    OS_NUMBER(CPU_ARCHITECTURE, Known<ProcessorFacts>().platprocessor.u32Architecture),
 };
 
 static constexpr TextRow g_atextrow[] = {
-    OS_TEXT(OS_BUILDSTRING, facts.szBuild),
-    OS_TEXT(OS_NAMESTRING, facts.szName),
-    OS_TEXT(OS_VERSIONSTRING, facts.szVersion),
-    OS_TEXT(OS_KERNELVERSIONSTRING, facts.szVersion),
-    OS_TEXT(OS_NAMERAWSTRING, facts.szNameRaw),
-    OS_TEXT(CPU_MODELSTRING, TextOrNone(facts.platprocessor.szModel)),
-    OS_TEXT(CPU_VENDORSTRING, TextOrNone(facts.platprocessor.szVendor)),
-    OS_TEXT(CPU_HYPERVENDORSTRING, TextOrNone(facts.platprocessor.szHypervisor)),
-    OS_TEXT(CPU_VENDORNAMESTRING, VendorName(facts.platprocessor.szVendor)),
-    OS_TEXT(VOLUME_DEVICEID, facts.szVolume),
-    OS_TEXT(VOLUME_SERIALNUMBER, facts.szSerial),
-    OS_TEXT(NETWORK_HOSTNAME, facts.szHost),
+    OS_TEXT(OS_BUILDSTRING, Known<SystemFacts>().szBuild),
+    OS_TEXT(OS_NAMESTRING, Known<SystemFacts>().szName),
+    OS_TEXT(OS_VERSIONSTRING, Known<SystemFacts>().szVersion),
+    OS_TEXT(OS_KERNELVERSIONSTRING, Known<SystemFacts>().szVersion),
+    OS_TEXT(OS_NAMERAWSTRING, Known<SystemFacts>().szNameRaw),
+    OS_TEXT(CPU_MODELSTRING, TextOrNone(Known<ProcessorFacts>().platprocessor.szModel)),
+    OS_TEXT(CPU_VENDORSTRING, TextOrNone(Known<ProcessorFacts>().platprocessor.szVendor)),
+    OS_TEXT(CPU_HYPERVENDORSTRING, TextOrNone(Known<ProcessorFacts>().platprocessor.szHypervisor)),
+    OS_TEXT(CPU_VENDORNAMESTRING, VendorName(Known<ProcessorFacts>().platprocessor.szVendor)),
+    OS_TEXT(VOLUME_DEVICEID, Known<VolumeFacts>().szDevice),
+    OS_TEXT(VOLUME_SERIALNUMBER, Known<VolumeFacts>().szSerial),
+    OS_TEXT(NETWORK_HOSTNAME, Known<HostFacts>().szName),
 };
 #undef OS_NUMBER
 #undef OS_TEXT
@@ -348,16 +359,15 @@ const char* OsCfgInfoString(EOSCFGINFO a_eoscfginfo)
         OSLOG(OS_LOG_ERROR, "COsCfg::InfoGetString: Unsupported...%d", static_cast<int>(a_eoscfginfo));
         return g_szNoData;
     }
-    const Facts& facts = Known();
-    if (IsOfProcessor(a_eoscfginfo) && !facts.blProcessor)
+    if (IsOfProcessor(a_eoscfginfo) && !Known<ProcessorFacts>().blKnown)
     {
         OSLOG(OS_LOG_ERROR, "COsCfg::InfoGetString: Unsupported...%d %ld >= %ld", static_cast<int>(a_eoscfginfo), 0L,
               0L);
         return g_szNoData;
     }
     if (IsName(a_eoscfginfo))
-        TellNames(facts);
-    return ptextrow->pfnAnswer(facts);
+        OsCfgInfoTellNames();
+    return ptextrow->pfnAnswer();
 }
 
 int64_t OsCfgInfoLong(EOSCFGINFO a_eoscfginfo)
@@ -368,11 +378,10 @@ int64_t OsCfgInfoLong(EOSCFGINFO a_eoscfginfo)
         OSLOG(OS_LOG_ERROR, "COsCfg::InfoGetLong: Unsupported...%d", static_cast<int>(a_eoscfginfo));
         return 0;
     }
-    const Facts& facts = Known();
-    if (IsOfProcessor(a_eoscfginfo) && !facts.blProcessor)
+    if (IsOfProcessor(a_eoscfginfo) && !Known<ProcessorFacts>().blKnown)
     {
         OSLOG(OS_LOG_ERROR, "COsCfg::InfoGetLong: Unsupported...%ld >= %ld", 0L, 0L);
         return 0;
     }
-    return pnumberrow->pfnAnswer(facts);
+    return pnumberrow->pfnAnswer();
 }

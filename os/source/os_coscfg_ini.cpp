@@ -11,6 +11,7 @@
 #include "os_log.h"
 
 #include <cstring>
+#include <new>
 
 static constexpr char g_szSource[] = "os/source/os_coscfg";
 
@@ -66,7 +67,7 @@ const char* OsCfgSectionPrefix()
 
 EOSSTS OsCfgReadText(const char* a_szPath, bool a_blRedirectionOff, char* a_szBuffer, size_t a_sizetBuffer)
 {
-    std::memset(a_szBuffer, 0, a_sizetBuffer);
+    *a_szBuffer = 0;
     COsFile osfile;
     if (osfile.Open(a_szPath, OS_FILEOPEN_EXISTING, OS_FILEACCESS_READ, OS_FILESHARE_READ, a_blRedirectionOff) !=
         EOSSTS_SUCCESS)
@@ -78,17 +79,16 @@ EOSSTS OsCfgReadText(const char* a_szPath, bool a_blRedirectionOff, char* a_szBu
         if (osfile.Read(a_szBuffer + sizetTotal, a_sizetBuffer - 1 - sizetTotal, &sizetRead) != EOSSTS_SUCCESS)
         {
             OSLOG(OS_LOG_ERROR, "ReadFile failed...<%s>", a_szPath);
-            std::memset(a_szBuffer, 0, a_sizetBuffer);
+            *a_szBuffer = 0;
             return EOSSTS_FAIL;
         }
     }
+    a_szBuffer[sizetTotal] = 0;
 
-    static constexpr char g_achMark[] = {'\xEF', '\xBB', '\xBF'};
-    if (std::memcmp(a_szBuffer, g_achMark, sizeof g_achMark) == 0)
-    {
-        std::memmove(a_szBuffer, a_szBuffer + sizeof g_achMark, a_sizetBuffer - sizeof g_achMark);
-        std::memset(a_szBuffer + a_sizetBuffer - sizeof g_achMark, 0, sizeof g_achMark);
-    }
+    static constexpr char g_szMark[] = "\xEF\xBB\xBF";
+    static constexpr size_t g_sizetMark = sizeof g_szMark - 1;
+    if (std::strncmp(a_szBuffer, g_szMark, g_sizetMark) == 0)
+        std::memmove(a_szBuffer, a_szBuffer + g_sizetMark, sizetTotal + 1 - g_sizetMark);
     return EOSSTS_SUCCESS;
 }
 
@@ -259,14 +259,19 @@ void FindIni(const char* a_szPath, OsCfgLoadMode a_oscfgloadmode, char (&a_szFou
 }
 }   // namespace
 
-EOSSTS COsCfgImpl::LoadIni(const char* a_szPath, char (&a_szBuffer)[OS_CFGFILESIZE], OsCfgLoadMode a_oscfgloadmode)
+EOSSTS COsCfgImpl::LoadIni(const char* a_szPath, std::unique_ptr<char[]>& a_szBuffer, OsCfgLoadMode a_oscfgloadmode)
 {
     char szPath[OS_PATHSIZE];
     FindIni(a_szPath, a_oscfgloadmode, szPath);
     if (!szPath[0])
         return EOSSTS_NOTFOUND;
-    const EOSSTS eossts = OsCfgReadText(szPath, a_oscfgloadmode != OsCfgLoadMode::Path, a_szBuffer, sizeof a_szBuffer);
-    if (eossts == EOSSTS_SUCCESS)
-        IniLines(&m_oscfgtable, a_oscfgloadmode).Take(a_szBuffer);
-    return eossts;
+    std::unique_ptr<char[]> szBuffer(new (std::nothrow) char[OS_CFGFILESIZE]);
+    if (!szBuffer)
+        return EOSSTS_FAIL;
+    const EOSSTS eossts = OsCfgReadText(szPath, a_oscfgloadmode != OsCfgLoadMode::Path, szBuffer.get(), OS_CFGFILESIZE);
+    if (eossts != EOSSTS_SUCCESS)
+        return eossts;
+    a_szBuffer = std::move(szBuffer);
+    IniLines(&m_oscfgtable, a_oscfgloadmode).Take(a_szBuffer.get());
+    return EOSSTS_SUCCESS;
 }

@@ -57,10 +57,20 @@ const char* TextOf(const COsCfgImpl& a_oscfgimpl)
 {
     return a_oscfgimpl.*Member;
 }
+
+// One that was not read is empty.
+template <std::unique_ptr<char[]> COsCfgImpl::*Member>
+const char* TextOfFile(const COsCfgImpl& a_oscfgimpl)
+{
+    return a_oscfgimpl.*Member ? (a_oscfgimpl.*Member).get() : "";
+}
 #define OS_MEMBER(name_)                                                                                               \
-    OsReportMember                                                                                                     \
     {                                                                                                                  \
 #name_, &TextOf < &COsCfgImpl::name_>                                                                          \
+    }
+#define OS_MEMBERFILE(name_)                                                                                           \
+    {                                                                                                                  \
+#name_, &TextOfFile < &COsCfgImpl::name_>                                                                      \
     }
 
 constexpr OsReportMember g_aosreportmemberDirectory[] = {
@@ -110,9 +120,9 @@ constexpr OsReportMember g_aosreportmember[] = {
     OS_MEMBER(m_szLibraryName),
     OS_MEMBER(m_szLogTimeStamp),
     OS_MEMBER(m_szTmp),
-    OS_MEMBER(m_szFileData),
-    OS_MEMBER(m_szFileDataLegacy),
-    OS_MEMBER(m_szFileDataUnprotected),
+    OS_MEMBERFILE(m_szFileData),
+    OS_MEMBERFILE(m_szFileDataLegacy),
+    OS_MEMBERFILE(m_szFileDataUnprotected),
     OS_MEMBER(m_szUnitsBehavior),
     OS_MEMBER(m_szLogDebug),
     OS_MEMBER(m_szLogFilter),
@@ -121,6 +131,7 @@ constexpr OsReportMember g_aosreportmember[] = {
     OS_MEMBER(m_szUiTimeout),
 };
 #undef OS_MEMBER
+#undef OS_MEMBERFILE
 }   // namespace
 
 const OsReportInfo* OsReportInfoAt(size_t a_sizetIndex)

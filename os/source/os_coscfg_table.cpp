@@ -90,10 +90,10 @@ OsCfgTable::~OsCfgTable()
 
 void OsCfgTable::Store(Cell* a_pcell, const char* a_szValue, bool a_blOwned)
 {
-    const char* const szOld = a_pcell->szValue.exchange(a_szValue, std::memory_order_acq_rel);
-    if (a_pcell->blOwned)
-        delete[] szOld;
+    const char* const szOwned = a_pcell->blOwned ? a_pcell->szValue.load(std::memory_order_relaxed) : nullptr;
+    a_pcell->szValue.store(a_szValue, std::memory_order_release);
     a_pcell->blOwned = a_blOwned;
+    delete[] szOwned;
 }
 
 void OsCfgTable::Clear()

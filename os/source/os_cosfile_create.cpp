@@ -110,10 +110,13 @@ bool CreateOne(const char* a_szFolder)
     return false;
 }
 
-// Creates every missing component of an absolute path, from the root on. False with the system's last error.
+// Creates every missing component of an absolute path, from the root on. Mostly the last alone is missing. False with
+// the system's last error.
 bool CreateComponents(char* a_szAbsolute)
 {
     OsPathRemoveTrailing(a_szAbsolute);
+    if (CreateOne(a_szAbsolute))
+        return true;
     char* szNext = BehindRoot(a_szAbsolute);
     while (*szNext)
     {

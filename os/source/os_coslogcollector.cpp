@@ -107,6 +107,7 @@ COsLogCollectorImpl::COsLogCollectorImpl(CollectorMode a_collectormode, const ch
       m_poslnk(nullptr),
       m_possocketClient(nullptr),
       m_posfileFlush(nullptr),
+      m_blListening(false),
       m_blStraggler(false)
 {
     SStrCpy(m_szHost, sizeof m_szHost, OS_LC_HOST);
@@ -174,6 +175,8 @@ EOSSTS COsLogCollectorImpl::Start([[maybe_unused]] const char* a_szLogFile, bool
         OSLOG(OS_LOG_ERROR, "EventCreate failed...");
         return EOSSTS_FAIL;
     }
+    // Before the accept thread begins: the application waits for the port.
+    m_blListening = m_collectormode == OS_COLLECTORMODE_PRIVATE && ListenAndReport();
     if (m_posthreadAccept->Start("LogAccept", &LogAcceptEntry, this) != EOSSTS_SUCCESS)
     {
         OSLOG(OS_LOG_ERROR, "Start failed...");

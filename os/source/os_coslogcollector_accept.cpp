@@ -1,5 +1,5 @@
-// os_coslogcollector_accept.cpp: the accept thread. It binds the listener, tells the port, and starts one reader for
-// each connection until it is stopped or an accept fails.
+// os_coslogcollector_accept.cpp: the listener and the accept thread, which starts one reader for each connection until
+// it is stopped or an accept fails.
 #include "os_coslogcollector_impl.h"
 
 #include "os_cosfile_system.h"
@@ -27,7 +27,8 @@ void COsLogCollectorImpl::LogAccept()
     const ScopeGuard closeListener([this] { m_possocketListen->SocketDisconnect(false); });
     if (m_collectormode == OS_COLLECTORMODE_PRIVATE)
     {
-        ServeConnections();
+        if (m_blListening)
+            ServeConnections();
         return;
     }
 
@@ -35,7 +36,7 @@ void COsLogCollectorImpl::LogAccept()
     AnnouncementPath(szPath);
     OsFileDelete(szPath, OS_FILETYPE_ANY, false, false);
     COsFile osfile;
-    if (Announce(osfile, szPath))
+    if (Announce(osfile, szPath) && ListenAndReport())
         ServeConnections();
     osfile.Close();
     OsFileDelete(szPath, OS_FILETYPE_ANY, false, false);
@@ -89,9 +90,6 @@ bool COsLogCollectorImpl::ListenAndReport()
 
 void COsLogCollectorImpl::ServeConnections()
 {
-    if (!ListenAndReport())
-        return;
-
     LogCollectorRecord logcollectorrecord{};
     while (CreateRecord(logcollectorrecord) && AcceptOne(logcollectorrecord) && StartReader(logcollectorrecord))
         logcollectorrecord = {};

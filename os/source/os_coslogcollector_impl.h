@@ -132,5 +132,6 @@ private:
     COsSocket* m_possocketClient;                                 // roles 1 and 3
     COsFile* m_posfileFlush;                                      // whose monitor watches the command file
     COsLogOpenFiles m_oslogopenfiles;
+    bool m_blListening;   // a private collector, whose listener is there before its accept thread
     bool m_blStraggler;
 };

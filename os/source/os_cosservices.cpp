@@ -1,31 +1,229 @@
-// os_cosservices.cpp: start and stop of the library.
+// os_cosservices.cpp: start and stop of the library. The order is fixed: what is started later relies on what was
+// started before.
 #include "os_cosservices.h"
 
 #include "os_cfg.h"
 #include "os_cosarguments.h"
+#include "os_coscfg.h"
+#include "os_cosenv.h"
+#include "os_cosfile_paths.h"
+#include "os_coslog.h"
+#include "os_coslogcollector.h"
 #include "os_cosmem.h"
+#include "os_cosservices_identity.h"
 #include "os_cossocket.h"
+#include "os_cosstring.h"
 #include "os_costhread.h"
 #include "os_new.h"
 
+#include "plat_process.h"
+#include "plat_system.h"
+
+#include <cstdlib>
+#include <iterator>
+
 static constexpr char g_szSource[] = "os/source/os_cosservices";
 
-static COsMem* g_poscosmem;
+static constexpr char g_szDefaultDocument[] = "<arguments>\n"
+                                              "\t<uniquename>logcollector</uniquename>\n"
+                                              "\t<entity>application</entity>\n"
+                                              "\t<loglevel>0</loglevel>\n"
+                                              "</arguments>";
 
-EOSSTS OsServicesStart()
+static const char* g_szDocument = g_szDefaultDocument;
+static COsMem* g_poscosmem;
+static COsLog* g_poscoslog;
+static COsCfg* g_poscoscfg;
+
+void OsServicesSetDocument(const char* a_szDocument)
+{
+    g_szDocument = a_szDocument ? a_szDocument : g_szDefaultDocument;
+}
+
+// -------------------------------------------------------------------------------------------- what this process is
+
+static bool IsUtility(EOSCFGENTITY a_eoscfgentity)
+{
+    return a_eoscfgentity == OS_CFGENTITY_UTILITY || a_eoscfgentity == OS_CFGENTITY_APPUTILITY;
+}
+
+// The document that a model's utility makes for itself when it was started by nobody of the family.
+static bool DeriveLogFolder(OsServicesIdentity& a_osservicesidentity)
+{
+    char(&szFile)[OS_PATHSIZE] = a_osservicesidentity.szLogFile;
+    const char* const szModel = OsArgumentsGet(OS_ARGUMENT_LOGMODEL);
+    char szFolder[OS_PATHSIZE] = "";
+    OsCfgGetPath(OS_PATH_WRITEABLE_FOLDER_BRAND_LOCALORROAMING, szFolder, sizeof szFolder);
+    if (!szFolder[0])
+    {
+        OSLOG(OS_LOG_ERROR, "SetDirectories failed...");
+        return false;
+    }
+    for (const char* const szPart : {*szModel ? szModel : a_osservicesidentity.szUniqueName, "isis", "log"})
+        OsPathAppend(szFolder, sizeof szFolder, szPart);
+
+    OsArgumentsBuildArgs osargumentsbuildargs;
+    osargumentsbuildargs.szLogDirectory = szFolder;
+    osargumentsbuildargs.szModelDirectory = szModel;
+    osargumentsbuildargs.blFromInterfaceOpen = true;
+    OsArgumentsBuild(osargumentsbuildargs);
+    OsArgumentsPublish(true);
+    OsArgumentsPublish(false);
+
+    char szName[sizeof a_osservicesidentity.szUniqueName + sizeof ".log"];
+    SStrPrintf(szName, sizeof szName, "%s.log", a_osservicesidentity.szUniqueName);
+    SStrCpy(szFile, sizeof szFile, szFolder);
+    OsPathAppend(szFile, sizeof szFile, szName);
+    return true;
+}
+
+// What was inherited is kept by those who work for others; everybody else begins anew.
+static bool SettleDocument(OsServicesIdentity& a_osservicesidentity)
+{
+    switch (a_osservicesidentity.eoscfgentity)
+    {
+    case OS_CFGENTITY_APPLICATION:
+    case OS_CFGENTITY_DRIVER:
+    case OS_CFGENTITY_DLL:
+        OsArgumentsClear(OS_CLEARARGUMENTS_DOCUMENT);
+        return true;
+    case OS_CFGENTITY_UTILITY:
+    case OS_CFGENTITY_APPUTILITY:
+        return *OsArgumentsDocument() || DeriveLogFolder(a_osservicesidentity);
+    case OS_CFGENTITY_UNDEFINED:
+        break;
+    }
+    OSLOG(OS_LOG_CHECK, "unrecognized m_eoscfgentity...%d", static_cast<int>(a_osservicesidentity.eoscfgentity));
+    return true;
+}
+
+// --------------------------------------------------------------------------------------------- logger, configuration
+
+static bool CreateLogger(const OsServicesIdentity& a_osservicesidentity)
+{
+    OsServicesAnswerHeader();
+    const bool blOff = OsLogGetState() == OS_LOGSTATE_OFF;
+    COsLog::CreateArgs createargs;
+    createargs.szUniqueName = a_osservicesidentity.szUniqueName;
+    createargs.szLogFile = a_osservicesidentity.szLogFile;
+    createargs.szFilter = a_osservicesidentity.szFilter;
+    createargs.u32Flags =
+        a_osservicesidentity.u32Level | (blOff ? 0 : static_cast<uint32_t>(OsEnvGetNumber("MVR_DEBUG", 0)));
+    g_poscoslog = OSMEMNEW(COsLog, createargs);
+    return g_poscoslog != nullptr;
+}
+
+static bool CreateConfiguration(const OsServicesIdentity& a_osservicesidentity, bool a_blManageLater)
+{
+    COsCfg::CreateArgs createargs;
+    createargs.szUniqueName = a_osservicesidentity.szUniqueName;
+    createargs.eoscfgentity = a_osservicesidentity.eoscfgentity;
+    for (size_t sizet = 0; sizet < OS_CFGVERSIONS; ++sizet)
+        createargs.aszVersion[sizet] = a_osservicesidentity.aszVersion[sizet];
+    createargs.blForceSetAccess = a_osservicesidentity.blForceSetAccess;
+    createargs.szProgram = OsArgumentsGet(OS_ARGUMENT_APPLICATION);
+    createargs.blManageLater = a_blManageLater;
+    g_poscoscfg = OSMEMNEW(COsCfg, createargs);
+    return g_poscoscfg != nullptr;
+}
+
+static void TellDocument(const char* a_szFormat)
+{
+    if (g_poscoslog->WorkingWord() != 0)
+        OSLOG(OS_LOG_NOTE, a_szFormat, OsArgumentsVariable(), OsArgumentsDocument());
+}
+
+static void TellConfiguration(const OsServicesIdentity& a_osservicesidentity)
+{
+    if (a_osservicesidentity.u32Level != 0 && OsCfgGetLong(OS_CFGTAG_DEBUG) == 0)
+        g_poscoscfg->SetString(OS_CFGSECTION_DSIDENTITY, OS_CFGTAG_DEBUG, "1");
+    if (g_poscoslog->WorkingWord() != 0 && OsLogGetState() != OS_LOGSTATE_OFF)
+        g_poscoscfg->WriteReport();
+    TellDocument("%s before...<%s>");
+}
+
+// ------------------------------------------------------------------------------------------------- for our children
+
+static void BuildDocument(const OsServicesIdentity& a_osservicesidentity)
+{
+    char szFolder[OS_PATHSIZE];
+    OsArgumentsBuildArgs osargumentsbuildargs;
+    osargumentsbuildargs.szLogDirectory = OsCfgGetString(OS_CFGTAG_LOGDIRECTORY);
+    osargumentsbuildargs.szLogLevel = OsCfgGetString(OS_CFGTAG_DEBUG);
+    osargumentsbuildargs.szRootPath = OsCfgGetString(OS_CFGTAG_ROOTPATH);
+    osargumentsbuildargs.szLegacyRootPath = OsCfgGetString(OS_CFGTAG_ROOTPATHLEGACY);
+    if (a_osservicesidentity.eoscfgentity == OS_CFGENTITY_DRIVER || IsUtility(a_osservicesidentity.eoscfgentity))
+        osargumentsbuildargs.szModelDirectory = OsCfgGetString(OS_CFGTAG_MODELDIRECTORYREAL);
+    if (IsUtility(a_osservicesidentity.eoscfgentity))
+    {
+        if (!*OsArgumentsDocument())
+            return;
+        SStrCpy(szFolder, sizeof szFolder, a_osservicesidentity.szLogFile);
+        size_t sizetFolder = 0;
+        OsPathSplit(szFolder, &sizetFolder, nullptr);
+        szFolder[sizetFolder] = 0;
+        osargumentsbuildargs.szLogDirectory = szFolder;
+        osargumentsbuildargs.blFromInterfaceOpen = true;
+    }
+    OsArgumentsBuild(osargumentsbuildargs);
+    TellDocument("%s after...<%s>");
+}
+
+static void ForceThreadAffinity()
+{
+    const int64_t i64Affinity = OsCfgGetLong(OS_CFGTAG_FORCETHREADAFFINITY);
+    OsThreadSetForcedAffinity(static_cast<uint64_t>(i64Affinity));
+    if (i64Affinity == 0)
+        return;
+    OSLOG(OS_LOG_NOTE, "ForceThreadAffinity set to %d...", static_cast<int>(i64Affinity));
+    if (PlatProcessorCount() >= 2)
+        OsThreadApplyAffinity(static_cast<uint64_t>(i64Affinity));
+}
+
+// ---------------------------------------------------------------------------------------------------- start and stop
+
+EOSSTS OsServicesStart(bool a_blManageLater)
 {
     if (g_poscosmem)
         return EOSSTS_SUCCESS;
+    OsCfgCommonInstall();
+    OsArgumentsIntake();
+
+    OsServicesIdentity osservicesidentity;
+    OsServicesIdentify(g_szDocument, osservicesidentity);
+    OsArgumentsSetInherit(osservicesidentity.blInherit);
     g_poscosmem = OSMEMNEW(COsMem);
-    if (!g_poscosmem)
+    if (!g_poscosmem || !SettleDocument(osservicesidentity))
         return EOSSTS_FAIL;
-    OsThreadSetForcedAffinity(static_cast<uint64_t>(OsCfgGetLong(OS_CFGTAG_FORCETHREADAFFINITY)));
+    LogCollectorStartCollector();
+
+    if (!CreateLogger(osservicesidentity) || !CreateConfiguration(osservicesidentity, a_blManageLater))
+        return EOSSTS_FAIL;
+    TellConfiguration(osservicesidentity);
+    BuildDocument(osservicesidentity);
+    ForceThreadAffinity();
     return EOSSTS_SUCCESS;
+}
+
+void OsServicesManage()
+{
+    if (g_poscoscfg)
+        g_poscoscfg->StartManagement();
+}
+
+// A collector of our own ends with our stream: a later start makes another one.
+static void ForgetCollector()
+{
+    if (OsArgumentsCollector().u64ProcessIdApplication == PlatProcessId())
+        OsArgumentsClear(OS_CLEARARGUMENTS_COLLECTOR);
 }
 
 void OsServicesStop()
 {
+    OSMEMDELETE(g_poscoscfg);
     OSMEMDELETE(g_poscosmem);
+    OSMEMDELETE(g_poscoslog);
     OsSocketCleanupStatic();
-    OsArgumentsClear(OS_CLEARARGUMENTS_ENVIRONMENT);
+    ForgetCollector();
+    OsArgumentsClear(OS_CLEARARGUMENTS_DOCUMENT | OS_CLEARARGUMENTS_ENVIRONMENT);
 }

@@ -3,9 +3,27 @@
 
 #include "os_types.h"
 
-// Starts the library: sockets, memory manager, thread affinity. Again is harmless. Called by the program's main
-// thread before any other thread uses the library. EOSSTS_SUCCESS, or EOSSTS_FAIL when there is no memory.
-EOSSTS OsServicesStart();
+// The program's own document, which says who it is; it must live as long as the process. Before the start. Without one
+// the program is a private collector:
+//
+//   <arguments>
+//       <uniquename>logcollector</uniquename>   64 bytes; "*": the name of the program file
+//       <entity>application</entity>            driver, utility, apputility, dll
+//       <loglevel>0</loglevel>                  flags of the logger (os_coslog.h)
+//   </arguments>
+//
+// and, as far as it wants them, <logfile>, <logfilter>, <forcesetaccess>true</forcesetaccess>,
+// <inherit>false</inherit> (children are told nothing) and <version> with <major>, <minor>, <patch>, <build>, <day>,
+// <month> and <year>.
+void OsServicesSetDocument(const char* a_szDocument);
+
+// Starts the library: what the parent process says, memory manager, collector, logger, configuration, thread affinity.
+// Again is harmless, also after a stop. Called by the program's main thread before any other thread uses the library.
+// EOSSTS_SUCCESS; EOSSTS_FAIL when there is no memory, or for a utility that finds no folder for its log.
+// Old log folders are looked after by a thread of their own, now or when OsServicesManage is called: a program that
+// somebody waits for has time for that later.
+EOSSTS OsServicesStart(bool a_blManageLater = false);
+void OsServicesManage();
 
 // Frees what the start made, in reverse order, and leaves no variable of the family in the environment. Called when
 // no other thread uses the library any more.

@@ -1,0 +1,218 @@
+// os_cosservices_identity.cpp: the elements of the program's own document: its name, its kind, its log, its version;
+// then what its files say.
+#include "os_cosservices_identity.h"
+
+#include "os_cosarguments.h"
+#include "os_cosenv.h"
+#include "os_cosfile_paths.h"
+#include "os_coslog.h"
+#include "os_cosresource.h"
+#include "os_cosstring.h"
+#include "os_cosxml.h"
+
+#include <algorithm>
+#include <cstring>
+#include <iterator>
+
+namespace
+{
+// "" for an element that is absent or does not fit.
+template <size_t a_sizetText>
+void Take(const char* a_szDocument, const char* a_szName, char (&a_szText)[a_sizetText])
+{
+    char szOpen[32];
+    char szClose[32];
+    SStrPrintf(szOpen, sizeof szOpen, "<%s>", a_szName);
+    SStrPrintf(szClose, sizeof szClose, "</%s>", a_szName);
+    OsXmlExtract(a_szDocument, szOpen, szClose, a_szText, a_sizetText, true);
+}
+
+// ---------------------------------------------------------------------------------------------------------- the name
+
+// A program that takes its name from its module is called like its file, without what tells the kind of file.
+template <size_t a_sizetName>
+void NameOfModule(char (&a_szName)[a_sizetName])
+{
+    char szProgram[OS_PATHSIZE];
+    OsArgumentsModulePath(szProgram);
+    OsPathNormalize(szProgram);
+    const char* const szLast = std::strrchr(szProgram, '\\');
+    char szFile[OS_PATHSIZE];
+    SStrCpy(szFile, sizeof szFile, szLast ? szLast + 1 : szProgram);
+    for (char* sz = szFile; *sz; ++sz)
+        *sz = *sz >= 'A' && *sz <= 'Z' ? static_cast<char>(*sz - 'A' + 'a') : *sz;
+    if (char* const szWia = std::strstr(szFile, "wia.dll"); szWia && szWia != szFile)
+        *szWia = 0;
+    szFile[std::strcspn(szFile, ".")] = 0;
+    SStrCpy(a_szName, a_sizetName, szFile);
+}
+
+// The name that an override gives goes before the program's own; either is what children are told.
+void TakeName(const char* a_szDocument, OsServicesIdentity& a_osservicesidentity)
+{
+    char(&szName)[sizeof a_osservicesidentity.szUniqueName] = a_osservicesidentity.szUniqueName;
+    if (OsArgumentsHasOverride())
+        SStrCpy(szName, sizeof szName, OsArgumentsGet(OS_ARGUMENT_CALLERSUNIQUENAME));
+    else
+        Take(a_szDocument, "uniquename", szName);
+    if (std::strcmp(szName, "*") == 0)
+        NameOfModule(szName);
+    OsArgumentsSet(OS_ARGUMENT_UNIQUENAME, szName);
+    OsArgumentsSet(OS_ARGUMENT_CALLERSUNIQUENAME, szName);
+}
+
+EOSCFGENTITY EntityOf(const char* a_szEntity)
+{
+    static constexpr struct
+    {
+        const char* szEntity;
+        EOSCFGENTITY eoscfgentity;
+    } g_aentity[] = {
+        {"application", OS_CFGENTITY_APPLICATION}, {"driver", OS_CFGENTITY_DRIVER}, {"utility", OS_CFGENTITY_UTILITY},
+        {"apputility", OS_CFGENTITY_APPUTILITY},   {"dll", OS_CFGENTITY_DLL},
+    };
+    for (const auto& entity : g_aentity)
+    {
+        if (std::strcmp(entity.szEntity, a_szEntity) == 0)
+            return entity.eoscfgentity;
+    }
+    return OS_CFGENTITY_UNDEFINED;
+}
+
+// ----------------------------------------------------------------------------------------------------------- the log
+
+// A text that was written as a wide literal is taken out of it; what stands for nothing is nothing.
+template <size_t a_sizetText>
+void Unwrap(char (&a_szText)[a_sizetText])
+{
+    static constexpr char g_szOpen[] = "_T(\"";
+    static constexpr size_t g_sizetClose = 2;
+    static constexpr size_t g_sizetOpen = sizeof g_szOpen - 1;
+    const size_t sizetText = std::strlen(a_szText);
+    if (sizetText >= g_sizetOpen + g_sizetClose && std::strncmp(a_szText, g_szOpen, g_sizetOpen) == 0)
+    {
+        const size_t sizetInside = sizetText - g_sizetOpen - g_sizetClose;
+        std::memmove(a_szText, a_szText + g_sizetOpen, sizetInside);
+        a_szText[sizetInside] = 0;
+    }
+    if (std::strcmp(a_szText, "0") == 0 || StrICmp(a_szText, "NULL") == 0)
+        a_szText[0] = 0;
+}
+
+bool IsUtility(EOSCFGENTITY a_eoscfgentity)
+{
+    return a_eoscfgentity == OS_CFGENTITY_UTILITY || a_eoscfgentity == OS_CFGENTITY_APPUTILITY;
+}
+
+// A utility logs beside the program that it works for, into a file of its own name.
+void TakeLog(const char* a_szDocument, OsServicesIdentity& a_osservicesidentity)
+{
+    char(&szLogFile)[OS_PATHSIZE] = a_osservicesidentity.szLogFile;
+    const char* const szInherited = OsArgumentsGet(OS_ARGUMENT_LOGPATH);
+    if (*szInherited)
+        SStrCpy(szLogFile, sizeof szLogFile, szInherited);
+    else
+        Take(a_szDocument, "logfile", szLogFile);
+    Unwrap(szLogFile);
+    if (*szInherited && IsUtility(a_osservicesidentity.eoscfgentity))
+    {
+        char szFile[sizeof a_osservicesidentity.szUniqueName + sizeof ".log"];
+        SStrPrintf(szFile, sizeof szFile, "%s.log", a_osservicesidentity.szUniqueName);
+        OsPathAppend(szLogFile, sizeof szLogFile, szFile);
+    }
+
+    char szLevel[16];
+    Take(a_szDocument, "loglevel", szLevel);
+    const char* const szInheritedLevel = OsArgumentsGet(OS_ARGUMENT_LOGLEVEL);
+    a_osservicesidentity.u32Level = static_cast<uint32_t>(StrToInt32(*szInheritedLevel ? szInheritedLevel : szLevel));
+    Take(a_szDocument, "logfilter", a_osservicesidentity.szFilter);
+    Unwrap(a_osservicesidentity.szFilter);
+}
+
+// ------------------------------------------------------------------------------------------------------- the version
+
+// The version that the program file carries; false for none.
+bool VersionOfFile(const char*, uint16_t* a_au16Version)
+{
+    const char* szVersion = OsResourceText("VERSION");
+    if (!szVersion)
+        return false;
+    for (size_t sizet = 0; sizet < 4; ++sizet)
+    {
+        a_au16Version[sizet] = static_cast<uint16_t>(StrToInt32(szVersion));
+        szVersion += std::strcspn(szVersion, ".");
+        szVersion += *szVersion ? 1 : 0;
+    }
+    return true;
+}
+
+void TakeVersion(const char* a_szDocument, OsServicesIdentity& a_osservicesidentity)
+{
+    static constexpr const char* g_aszPart[OS_CFGVERSIONS] = {"major", "minor", "patch", "build",
+                                                              "day",   "month", "year"};
+    static constexpr size_t g_sizetYear = OS_CFGVERSIONS - 1;
+    char szVersion[OS_PATHSIZE];
+    Take(a_szDocument, "version", szVersion);
+    // The parts of a program that states none are those of its file; it has no date then.
+    int32_t ai32Part[OS_CFGVERSIONS] = {};
+    uint16_t au16File[4] = {};
+    if (!szVersion[0] && VersionOfFile(nullptr, au16File))
+        std::copy(std::begin(au16File), std::end(au16File), ai32Part);
+    for (size_t sizet = 0; sizet < OS_CFGVERSIONS; ++sizet)
+    {
+        char szPart[16];
+        Take(szVersion, g_aszPart[sizet], szPart);
+        if (szPart[0])
+            ai32Part[sizet] = StrToInt32(szPart);
+        char(&szFormatted)[16] = a_osservicesidentity.aszVersion[sizet];
+        SStrPrintf(szFormatted, sizeof szFormatted, sizet == g_sizetYear ? "%04d" : "%02d", ai32Part[sizet]);
+    }
+}
+
+// ----------------------------------------------------------------------------------------- what the program's files
+// say
+
+const char* ResourceOfModule(const char*, const char* a_szName)
+{
+    return OsResourceText(a_szName);
+}
+
+// The file that the set-up leaves beside the program, or in the folder of the system.
+const char* SetupOfModule(const char* a_szModule, const char* a_szName)
+{
+    static thread_local char t_szValue[OS_PATHSIZE];
+    char szFile[OS_PATHSIZE];
+    OsPathCopy(szFile, sizeof szFile, OsCfgGetString(OS_CFGTAG_SYSTEMDIRECTORY));
+    if (!szFile[0])
+    {
+        OsPathCopy(szFile, sizeof szFile, a_szModule);
+        size_t sizetFolder = 0;
+        OsPathSplit(szFile, &sizetFolder, nullptr);
+        szFile[sizetFolder] = 0;
+    }
+    OsPathAppend(szFile, sizeof szFile, "setup.txt");
+    OsCfgProfileRead(szFile, "versions", a_szName, t_szValue, sizeof t_szValue);
+    return t_szValue;
+}
+}   // namespace
+
+void OsServicesAnswerHeader()
+{
+    g_poslogresourceproc.store(&ResourceOfModule, std::memory_order_release);
+    g_poslogsetupproc.store(&SetupOfModule, std::memory_order_release);
+    g_poslogversionproc.store(&VersionOfFile, std::memory_order_release);
+}
+
+void OsServicesIdentify(const char* a_szDocument, OsServicesIdentity& a_osservicesidentity)
+{
+    char szText[16];
+    a_osservicesidentity = {};
+    TakeName(a_szDocument, a_osservicesidentity);
+    Take(a_szDocument, "entity", szText);
+    a_osservicesidentity.eoscfgentity = EntityOf(szText);
+    TakeLog(a_szDocument, a_osservicesidentity);
+    Take(a_szDocument, "forcesetaccess", szText);
+    a_osservicesidentity.blForceSetAccess = std::strcmp(szText, "true") == 0;
+    a_osservicesidentity.blInherit = !std::strstr(a_szDocument, "<inherit>false</inherit>");
+    TakeVersion(a_szDocument, a_osservicesidentity);
+}

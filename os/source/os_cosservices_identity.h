@@ -1,0 +1,24 @@
+// os_cosservices_identity.h: who this program is, as its own document, its parent and its files say. For the start of
+// the library.
+#pragma once
+
+#include "os_coscfg.h"
+#include "os_types.h"
+
+struct OsServicesIdentity
+{
+    char szUniqueName[64];
+    EOSCFGENTITY eoscfgentity;
+    char szLogFile[OS_PATHSIZE];
+    uint32_t u32Level;
+    char szFilter[OS_PATHSIZE];
+    bool blForceSetAccess;
+    bool blInherit;   // its children get a document
+    char aszVersion[OS_CFGVERSIONS][16];
+};
+
+// Reads the program's own document; what the parent gave (the values of os_cosarguments.h) goes before it.
+void OsServicesIdentify(const char* a_szDocument, OsServicesIdentity& a_osservicesidentity);
+
+// Has the logger's header find what the program's files say about it: resources, file version, set-up.
+void OsServicesAnswerHeader();
