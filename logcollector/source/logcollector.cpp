@@ -92,7 +92,6 @@ int main(int a_iArguments, char** a_aszArgument)
     const RunMode runmode = LogCollectorParse(a_iArguments, a_aszArgument, logcollectorargs);
     if (runmode == RunMode::Collect)
         RunCollect(logcollectorargs, szLeftoverFolder);
-        RunCollect(logcollectorargs, szLeftoverFolder);
     if (runmode == RunMode::Clean)
         LogCollectorClean(logcollectorargs.i32HoursToKeep, logcollectorargs.szSubfolder);
     if (szLeftoverFolder[0] && OsFileExists(szLeftoverFolder))

@@ -5,7 +5,6 @@
 #include "os_cfg.h"
 #include "os_cosarguments.h"
 #include "os_coscfg.h"
-#include "os_cosenv.h"
 #include "os_cosfile_paths.h"
 #include "os_coslog.h"
 #include "os_coslogcollector.h"
@@ -102,13 +101,11 @@ static bool SettleDocument(OsServicesIdentity& a_osservicesidentity)
 static bool CreateLogger(const OsServicesIdentity& a_osservicesidentity)
 {
     OsServicesAnswerHeader();
-    const bool blOff = OsLogGetState() == OS_LOGSTATE_OFF;
     COsLog::CreateArgs createargs;
     createargs.szUniqueName = a_osservicesidentity.szUniqueName;
     createargs.szLogFile = a_osservicesidentity.szLogFile;
     createargs.szFilter = a_osservicesidentity.szFilter;
-    createargs.u32Flags =
-        a_osservicesidentity.u32Level | (blOff ? 0 : static_cast<uint32_t>(OsEnvGetNumber("MVR_DEBUG", 0)));
+    createargs.u32Flags = a_osservicesidentity.u32Level;
     g_poscoslog = OSMEMNEW(COsLog, createargs);
     return g_poscoslog != nullptr;
 }

@@ -10,7 +10,7 @@ struct OsServicesIdentity
     char szUniqueName[64];
     EOSCFGENTITY eoscfgentity;
     char szLogFile[OS_PATHSIZE];
-    uint32_t u32Level;
+    uint32_t u32Level;   // flags of the logger
     char szFilter[OS_PATHSIZE];
     bool blForceSetAccess;
     bool blInherit;   // its children get a document
