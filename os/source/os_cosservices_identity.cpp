@@ -20,11 +20,7 @@ namespace
 template <size_t a_sizetText>
 void Take(const char* a_szDocument, const char* a_szName, char (&a_szText)[a_sizetText])
 {
-    char szOpen[32];
-    char szClose[32];
-    SStrPrintf(szOpen, sizeof szOpen, "<%s>", a_szName);
-    SStrPrintf(szClose, sizeof szClose, "</%s>", a_szName);
-    OsXmlExtract(a_szDocument, szOpen, szClose, a_szText, a_sizetText, true);
+    OsXmlExtractElement(a_szDocument, a_szName, a_szText, a_sizetText);
 }
 
 // ---------------------------------------------------------------------------------------------------------- the name
