@@ -12,18 +12,21 @@ enum PlatStandard : uint32_t
 
 struct PlatProcessStart
 {
-    const char16_t* wszProgram;       // the program file
-    const char16_t* wszCommandLine;   // whole, the program first, quoted as the product's system does
-    const char16_t* wszFolder;        // to start in; null: this process's
-    const char16_t* wszEnvironment;   // NAME=value texts, each terminated, the last followed by an empty one;
-                                      // null: this process's, as PlatEnv* shows it
-    PlatHandle aplathandle[3];        // PlatStandard order; PLAT_INVALID gives the child an empty stream
-    bool blInheritStandard;           // give it this process's own streams instead
-    bool blDetached;                  // a session of its own: signals to our terminal do not reach it
+    const char16_t* wszProgram;                 // the program file; a relative path counts from this process's folder
+    const char16_t* wszCommandLine;             // whole, the program first, quoted as the product's system does
+    const char16_t* wszFolder;                  // to start in; null: this process's
+    const char16_t* wszEnvironment;             // NAME=value texts, each terminated, the last followed by an empty one;
+                                                // null: this process's, as PlatEnv* shows it
+    PlatHandle aplathandle[3];                  // PlatStandard order; PLAT_INVALID gives the child an empty stream
+    bool blInheritStandard;                     // give it this process's own streams instead
+    bool blDetached;                            // a session of its own: signals to our terminal do not reach it
+    PlatHandle plathandleUser = PLAT_INVALID;   // run as this user, with the rights, the folders and the name of his in
+                                                // the environment; PLAT_INVALID: as this process's
 };
 
 // Starts a program. The child gets the three streams and no other handle of ours. Returns once the program runs;
 // a program that cannot be run is a failure here (2, 3, 5, 193, 267 for the folder). *a_pu64ProcessId receives its id.
+// Once nobody holds the process any more, the system forgets it at its end.
 PlatHandle PlatProcessCreate(const PlatProcessStart* a_pplatprocessstart, uint64_t* a_pu64ProcessId);
 
 // Opens a process to wait for it. Fails with 87 when no process has the id. A process that has ended but whose
@@ -57,6 +60,13 @@ bool PlatProcessIntegrity(uint32_t* a_pu32Integrity);
 
 // The session that the process belongs to; 0 is the services' session, where no user works.
 bool PlatProcessSession(uint64_t a_u64ProcessId, uint32_t* a_pu32Session);
+
+// The session of whoever sits at the machine's own screen and keyboard.
+uint32_t PlatSessionActive();
+
+// The user who works in a session, for PlatProcessStart. PLAT_INVALID with 1314 for a process that may not act for
+// others, with 1008 when nobody works there.
+PlatHandle PlatSessionUser(uint32_t a_u32Session);
 
 // A pipe of which one end goes to a child. The write end of ours blocks; the read end of ours does not.
 bool PlatPipeCreate(PlatHandle* a_pplathandleRead, PlatHandle* a_pplathandleWrite, bool a_blReadIsOurs);

@@ -50,7 +50,9 @@ inline constexpr uint32_t PLAT_ERROR_ALREADYEXISTS = 183;
 inline constexpr uint32_t PLAT_ERROR_BADEXEFORMAT = 193;
 inline constexpr uint32_t PLAT_ERROR_ENVVARNOTFOUND = 203;
 inline constexpr uint32_t PLAT_ERROR_DIRECTORY = 267;
+inline constexpr uint32_t PLAT_ERROR_NOTOKEN = 1008;     // nobody to act for
 inline constexpr uint32_t PLAT_ERROR_NOUNICODE = 1113;   // text that is no UTF-8 or no UTF-16
+inline constexpr uint32_t PLAT_ERROR_PRIVILEGENOTHELD = 1314;
 inline constexpr uint32_t PLAT_ERROR_WOULDBLOCK = 10035;
 inline constexpr uint32_t PLAT_ERROR_NOTSOCKET = 10038;
 inline constexpr uint32_t PLAT_ERROR_ADDRINUSE = 10048;
@@ -67,7 +69,7 @@ inline constexpr uint32_t PLAT_ERROR_HOSTNOTFOUND = 11001;
 uint32_t PlatGetLastError();
 void PlatSetLastError(uint32_t a_u32Error);
 
-// Releases any handle of the layer: event, thread, process, pipe, file, mapping, search, socket, socket event or
-// watch. A thread or process goes on running. Byte locks of a file end with its handle. Returns false, and sets 6,
+// Releases any handle of the layer: event, thread, process, user, pipe, file, mapping, search, socket, socket event
+// or watch. A thread or process goes on running. Byte locks of a file end with its handle. Returns false, and sets 6,
 // for PLAT_INVALID and for what is no open handle.
 bool PlatClose(PlatHandle a_plathandle);

@@ -257,14 +257,16 @@ TEST(Thread, RunsWhereItIsForcedTo)
 
 TEST(Thread, CarriesAChildProcessUntilItEnds)
 {
-    COsThread osthread;
     const PlatHandle plathandle = PlatProcessOpen(PlatProcessId());
-    osthread.ChildProcessSet(plathandle, 4711);
-    EXPECT_EQ(osthread.ChildProcess(), plathandle);
-    EXPECT_EQ(osthread.ChildProcessId(), 4711u);
-    osthread.ChildProcessEnded(7);
-    EXPECT_EQ(osthread.ChildProcess(), PLAT_INVALID);
-    EXPECT_EQ(osthread.ChildProcessId(), 0u);
-    EXPECT_EQ(osthread.ChildExitCode(), 7u);
+    {
+        COsThread osthread;
+        osthread.ChildProcessSet(plathandle, 4711);
+        EXPECT_EQ(osthread.ChildProcess(), plathandle);
+        EXPECT_EQ(osthread.ChildProcessId(), 4711u);
+        osthread.ChildProcessEnded(7);
+        EXPECT_EQ(osthread.ChildProcess(), PLAT_INVALID);
+        EXPECT_EQ(osthread.ChildProcessId(), 0u);
+        EXPECT_EQ(osthread.ChildExitCode(), 7u);
+    }
     EXPECT_FALSE(PlatClose(plathandle));
 }

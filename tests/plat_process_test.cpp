@@ -143,12 +143,41 @@ TEST_F(Process, IsWaitedForByItsId)
     EXPECT_EQ(u32ExitCode, 0u);
     EXPECT_TRUE(PlatClose(plathandle));
 
-    EXPECT_EQ(Part("code 0").ExitCode(), 0u);   // whose start forgets the other
+    // Nobody holds it any more, so that its number is free.
+    EXPECT_TRUE(WaitFor([&] {
+        const PlatHandle plathandleAgain = PlatProcessOpen(part.m_u64ProcessId);
+        return plathandleAgain == PLAT_INVALID || !PlatClose(plathandleAgain);
+    }));
     for (const uint64_t u64ProcessId : {part.m_u64ProcessId, uint64_t{0}, UINT64_MAX})
     {
         EXPECT_EQ(PlatProcessOpen(u64ProcessId), PLAT_INVALID);
         EXPECT_EQ(PlatGetLastError(), PLAT_ERROR_INVALIDPARAMETER);
     }
+}
+
+// Relative to our folder, also when the child starts in another.
+TEST_F(Process, RunsAProgramByARelativePath)
+{
+    std::filesystem::create_directory(PathOf("here"));
+    std::filesystem::current_path("/usr");
+    const std::u16string wstrFolder = Wide(PathOf("here"));
+    const PlatProcessStart platprocessstart{u"bin/true", u"true", wstrFolder.c_str(), nullptr, {}, true, false};
+    uint64_t u64ProcessId = 0;
+    const PlatHandle plathandle = PlatProcessCreate(&platprocessstart, &u64ProcessId);
+    EXPECT_NE(plathandle, PLAT_INVALID) << PlatGetLastError();
+    PlatClose(plathandle);
+}
+
+TEST_F(Process, TheUserOfASessionIsToldToAdministratorsAlone)
+{
+    const PlatHandle plathandle = PlatSessionUser(PlatSessionActive());
+    uint32_t u32Integrity = 0;
+    EXPECT_TRUE(PlatProcessIntegrity(&u32Integrity));
+    if (plathandle == PLAT_INVALID)
+        EXPECT_EQ(PlatGetLastError(),
+                  u32Integrity == PLAT_INTEGRITY_HIGH ? PLAT_ERROR_NOTOKEN : PLAT_ERROR_PRIVILEGENOTHELD);
+    else
+        EXPECT_TRUE(PlatClose(plathandle));
 }
 
 TEST_F(Process, BelongsToASession)

@@ -29,12 +29,17 @@ public:
     COsResourceImpl& operator=(const COsResourceImpl&) = delete;
 
     EOSSTS Open(const char* a_szFilename, const char* a_szResourceName);
+    bool IsIntact(const char* a_szFilename);
     const char* Data() const { return m_szData.get(); }
     size_t Size() const { return m_sizetData; }
 
 private:
     bool FindFile(const char* a_szFilename);
+    bool OpenFile();
     bool LoadModule();
+    bool ReadTrailer(OsResourceTrailer* a_posresourcetrailer) const;
+    bool ReadEntry(const OsResourceTrailer& a_osresourcetrailer, uint32_t a_u32Entry,
+                   OsResourceEntry* a_posresourceentry) const;
     bool LoadFooter(OsResourceTrailer* a_posresourcetrailer);
     bool FindResource(const OsResourceTrailer& a_osresourcetrailer, const char* a_szResourceName,
                       OsResourceEntry* a_posresourceentry);
@@ -139,15 +144,19 @@ bool COsResourceImpl::FindFile(const char* a_szFilename)
     return CopyStringFromUtf8(m_wszFileUsed, PLAT_PATHMAX, a_szFilename) != 0;
 }
 
+bool COsResourceImpl::OpenFile()
+{
+    m_plathandle = PlatFileOpen(m_wszFileUsed, PLAT_ACCESS_READ, PLAT_SHARE_READ | PLAT_SHARE_WRITE | PLAT_SHARE_DELETE,
+                                PLAT_DISPOSITION_OPENEXISTING, 0);
+    return m_plathandle != PLAT_INVALID && PlatFileSize(m_plathandle, &m_u64FileSize);
+}
+
 // A module is known by its first bytes.
 bool COsResourceImpl::LoadModule()
 {
     static constexpr char g_szModule[] = {0x7F, 'E', 'L', 'F'};
-    m_plathandle = PlatFileOpen(m_wszFileUsed, PLAT_ACCESS_READ, PLAT_SHARE_READ | PLAT_SHARE_WRITE | PLAT_SHARE_DELETE,
-                                PLAT_DISPOSITION_OPENEXISTING, 0);
     char szBegin[sizeof g_szModule];
-    return m_plathandle != PLAT_INVALID && PlatFileSize(m_plathandle, &m_u64FileSize) &&
-           ReadAt(0, szBegin, sizeof szBegin) && !std::memcmp(szBegin, g_szModule, sizeof szBegin);
+    return OpenFile() && ReadAt(0, szBegin, sizeof szBegin) && !std::memcmp(szBegin, g_szModule, sizeof szBegin);
 }
 
 bool COsResourceImpl::LoadResource(const OsResourceEntry& a_osresourceentry)
@@ -191,16 +200,28 @@ bool COsResourceImpl::ReadAt(uint64_t a_u64Offset, void* a_pvBuffer, size_t a_si
     return true;
 }
 
+bool COsResourceImpl::ReadTrailer(OsResourceTrailer* a_posresourcetrailer) const
+{
+    return m_u64FileSize >= sizeof *a_posresourcetrailer &&
+           ReadAt(m_u64FileSize - sizeof *a_posresourcetrailer, a_posresourcetrailer, sizeof *a_posresourcetrailer);
+}
+
+// False also for an entry that is not sound.
+bool COsResourceImpl::ReadEntry(const OsResourceTrailer& a_osresourcetrailer, uint32_t a_u32Entry,
+                                OsResourceEntry* a_posresourceentry) const
+{
+    return ReadAt(a_osresourcetrailer.u64Table + a_u32Entry * sizeof *a_posresourceentry, a_posresourceentry,
+                  sizeof *a_posresourceentry) &&
+           OsResourceIsSound(*a_posresourceentry, a_osresourcetrailer);
+}
+
 bool COsResourceImpl::LoadFooter(OsResourceTrailer* a_posresourcetrailer)
 {
     char szFile[OS_PATHSIZE * 3];
     CopyStringToUtf8(szFile, sizeof szFile, m_wszFileUsed, SIZE_MAX);
     OSLOG(OS_LOG_NOTE, "LoadFooter>>> Open...<%s> %p %016llX", szFile, static_cast<const void*>(this),
           static_cast<unsigned long long>(m_plathandle));
-    if (m_u64FileSize < sizeof *a_posresourcetrailer ||
-        !ReadAt(m_u64FileSize - sizeof *a_posresourcetrailer, a_posresourcetrailer, sizeof *a_posresourcetrailer))
-        return false;
-    return OsResourceIsSound(*a_posresourcetrailer, m_u64FileSize);
+    return ReadTrailer(a_posresourcetrailer) && OsResourceIsSound(*a_posresourcetrailer, m_u64FileSize);
 }
 
 bool COsResourceImpl::FindResource(const OsResourceTrailer& a_osresourcetrailer, const char* a_szResourceName,
@@ -208,9 +229,7 @@ bool COsResourceImpl::FindResource(const OsResourceTrailer& a_osresourcetrailer,
 {
     for (uint32_t u32 = 0; u32 < a_osresourcetrailer.u32Count; ++u32)
     {
-        if (!ReadAt(a_osresourcetrailer.u64Table + u32 * sizeof *a_posresourceentry, a_posresourceentry,
-                    sizeof *a_posresourceentry) ||
-            !OsResourceIsSound(*a_posresourceentry, a_osresourcetrailer))
+        if (!ReadEntry(a_osresourcetrailer, u32, a_posresourceentry))
             return false;
         OSLOG(OS_LOG_NOTE, "searching...%02d <%s> <%s>", static_cast<int>(u32), a_posresourceentry->szName,
               a_szResourceName);
@@ -218,6 +237,28 @@ bool COsResourceImpl::FindResource(const OsResourceTrailer& a_osresourcetrailer,
             return true;
     }
     return false;
+}
+
+bool COsResourceImpl::IsIntact(const char* a_szFilename)
+{
+    OsResourceTrailer osresourcetrailer;
+    if (!FindFile(a_szFilename) || !OpenFile() || !ReadTrailer(&osresourcetrailer) ||
+        std::memcmp(osresourcetrailer.szMagic, OS_RESOURCEMAGIC, sizeof OS_RESOURCEMAGIC) != 0)
+        return true;
+    if (!OsResourceIsSound(osresourcetrailer, m_u64FileSize))
+        return false;
+    OsResourceEntry osresourceentry;
+    for (uint32_t u32 = 0; u32 < osresourcetrailer.u32Count; ++u32)
+    {
+        if (!ReadEntry(osresourcetrailer, u32, &osresourceentry))
+            return false;
+    }
+    return true;
+}
+
+bool OsResourceIsIntact(const char* a_szFilename)
+{
+    return COsResourceImpl().IsIntact(a_szFilename);
 }
 
 // ----------------------------------------------------------------------------------------------- the local module

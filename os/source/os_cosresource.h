@@ -35,5 +35,9 @@ private:
 // Opens a resource of the module that holds this library. Null, and logged, when there is none. The caller deletes it.
 COsResource* OsResourceGetLocal(const char* a_szResourceName);
 
+// False when the file carries resources and what tells where they are does not hold: the file was damaged after it was
+// made. A file without resources, or one that cannot be read, has nothing to compare with.
+bool OsResourceIsIntact(const char* a_szFilename);
+
 // A text resource of this module, null when there is none. The text lives as long as the process. Any thread.
 const char* OsResourceText(const char* a_szName);

@@ -1,5 +1,6 @@
 // os_costhread.cpp: the thread object: the public side, start, affinity, and what runs on the new thread. Its end is in
-// os_costhread_stop.cpp.
+// os_costhread_stop.cpp; child processes are spawned in os_costhread_spawn.cpp, with os_costhread_launch.cpp, and asked
+// in os_costhread_child.cpp.
 //
 // What the starter, the stoppers and the thread tell each other goes through atomic words; two events of the thread,
 // "started" and "ended", only spare them to ask again and again. That the thread has ended, past its very last step,
@@ -113,6 +114,37 @@ void COsThread::ChildProcessEnded(uint32_t a_u32ExitCode)
 uint32_t COsThread::ChildExitCode() const
 {
     return Usable(m_posthreadimpl) ? m_posthreadimpl->ChildExitCode() : 0;
+}
+
+EOSSTS COsThread::Spawn(uint32_t a_u32Flags, const char* a_szProgram, const char* a_szArgument0,
+                        std::initializer_list<const char*> a_aszArgument)
+{
+    if (!Usable(m_posthreadimpl))
+        return EOSSTS_FAIL;
+    return m_posthreadimpl->Spawn({a_u32Flags, a_szProgram, a_szArgument0, a_aszArgument});
+}
+
+bool COsThread::ChildIsRunning()
+{
+    return Usable(m_posthreadimpl) && m_posthreadimpl->ChildIsRunning();
+}
+
+EOSSTS COsThread::ChildRead(char* a_szBuffer, size_t a_sizetBuffer, size_t* a_psizetRead, bool a_blOutputOnly)
+{
+    if (!Usable(m_posthreadimpl))
+        return EOSSTS_FAIL;
+    return m_posthreadimpl->ChildRead(a_szBuffer, a_sizetBuffer, a_psizetRead, a_blOutputOnly);
+}
+
+EOSSTS COsThread::ChildWrite(const void* a_pvBuffer, size_t a_sizetBytes)
+{
+    return Usable(m_posthreadimpl) ? m_posthreadimpl->ChildWrite(a_pvBuffer, a_sizetBytes) : EOSSTS_FAIL;
+}
+
+void COsThread::ChildCancel()
+{
+    if (Usable(m_posthreadimpl))
+        m_posthreadimpl->ChildCancel();
 }
 
 // ----------------------------------------------------------------------------------------------------------- start

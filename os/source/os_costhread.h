@@ -65,17 +65,21 @@ public:
     void* Argument() const;
     uint64_t Id() const;   // the system's id of the thread, 0 when it is not running
 
-    // The child process that this object carries, PLAT_INVALID for none, and its id. The object closes the handle.
+    // The child process that this object carries, PLAT_INVALID for none, and its id. The object closes the handle, at
+    // the earliest when another takes its place: a thread that still has it may still ask it. A child that runs when
+    // the object goes runs on.
     void ChildProcessSet(PlatHandle a_plathandle, uint64_t a_u64ProcessId);
     PlatHandle ChildProcess() const;
     uint64_t ChildProcessId() const;
     void ChildProcessEnded(uint32_t a_u32ExitCode);   // notes the exit code and lets the process go
     uint32_t ChildExitCode() const;
 
-    // Starts a child process and watches its first moments. a_u32Flags: OS_SPAWNFLAGS_...; a_szArgument0 must not be
-    // null and is not on the command line, where the program stands in its place; of the further arguments at most 31
-    // are taken, up to the first null or empty one. The arguments document is published to the child. EOSSTS_SUCCESS
-    // when it runs; EOSSTS_FAIL, also while an earlier child still runs.
+    // Starts a child process. a_u32Flags: OS_SPAWNFLAGS_...; a_szArgument0 must not be null and is not on the command
+    // line, where the program stands in its place; of the further arguments at most 31 are taken, up to the first null
+    // or empty one. A child that dies within 90 ms is started again, ForceSpawnRetry times in all, unless
+    // OS_SPAWNFLAGS_NORETRY says not to look. The child gets the published arguments document with our environment, and
+    // as its standard streams our pipes; without pipes our own streams, or empty ones when it does not share our
+    // console. EOSSTS_SUCCESS when it runs; EOSSTS_FAIL, also while an earlier child still runs.
     EOSSTS Spawn(uint32_t a_u32Flags, const char* a_szProgram, const char* a_szArgument0,
                  std::initializer_list<const char*> a_aszArgument = {});
 
@@ -83,12 +87,17 @@ public:
     bool ChildIsRunning();
 
     // Waits up to 3000 ms for what the child writes and takes at most a_sizetBuffer bytes of it. By default from its
-    // standard output or its standard error, whichever comes first. EOSSTS_SUCCESS; EOSSTS_FAIL, also when there are
-    // no pipes; EOSSTS_TIMEOUT; EOSSTS_CANCELLED; EOSSTS_EXITED when the child has gone and everything was read;
-    // EOSSTS_NOSPACE when the pipe gave nothing. One thread at a time.
+    // standard output or its standard error, whichever comes first; a_blOutputOnly leaves the latter for another read.
+    // EOSSTS_SUCCESS; EOSSTS_FAIL, also when there are no pipes; EOSSTS_TIMEOUT; EOSSTS_CANCELLED; EOSSTS_EXITED when
+    // the child has gone and all that it wrote was read; EOSSTS_NOSPACE when the pipe gave nothing. One thread at a
+    // time.
     EOSSTS ChildRead(char* a_szBuffer, size_t a_sizetBuffer, size_t* a_psizetRead, bool a_blOutputOnly = false);
-    EOSSTS ChildWrite(const void* a_pvBuffer, size_t a_sizetBytes);   // to its standard input; EOSSTS_FAIL
-    void ChildCancel();                                               // ends a read that waits, from any thread
+
+    // Writes all of it to the child's standard input, and waits for the child to make room. EOSSTS_FAIL, also when it
+    // has gone. One thread at a time.
+    EOSSTS ChildWrite(const void* a_pvBuffer, size_t a_sizetBytes);
+
+    void ChildCancel();   // ends the read that waits, else the next one; from any thread
 
     bool IsUsable() const { return m_posthreadimpl != nullptr; }
 

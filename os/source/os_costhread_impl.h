@@ -6,6 +6,8 @@
 #include "plat_types.h"
 
 #include <atomic>
+#include <initializer_list>
+#include <string>
 
 inline constexpr uint32_t OS_THREADSLICE = 10;   // milliseconds from one look to the next
 
@@ -28,6 +30,46 @@ enum EOSTHREADSTART : uint32_t
     OS_THREADSTART_CONFIRMED = 1,
     OS_THREADSTART_GIVENUP = 2,
 };
+
+// What ends the wait of a read.
+enum EOSCHILDWAIT : uint32_t
+{
+    OS_CHILDWAIT_CANCEL,
+    OS_CHILDWAIT_OUTPUT,
+    OS_CHILDWAIT_ERROR,
+    OS_CHILDWAIT_ENDED,
+    OS_CHILDWAIT_TIMEOUT,
+    OS_CHILDWAIT_FAILED,
+};
+
+// What a caller of Spawn asks for.
+struct OsSpawnRequest
+{
+    uint32_t u32Flags;
+    const char* szProgram;
+    const char* szArgument0;
+    std::initializer_list<const char*> aszArgument;
+};
+
+// What every try of a spawn starts the child with.
+struct OsSpawn
+{
+    uint32_t u32Flags = 0;
+    const char* szProgram = nullptr;
+    std::u16string wstrProgram;
+    std::u16string wstrCommandLine;
+    std::u16string wstrFolder;    // empty: this process's
+    std::u16string wstrDesktop;   // it and the attributes are for the product's system; here they are logged
+    uint32_t u32Attributes = 0;
+};
+
+// Fills what the flags and the program decide. False, and logged, when something does not fit.
+bool OsSpawnPrepare(const OsSpawnRequest& a_osspawnrequest, OsSpawn* a_posspawn);
+
+// Logs what is started and starts it; the streams are in PlatStandard order, PLAT_INVALID without pipes. PLAT_INVALID,
+// and logged, on failure.
+PlatHandle OsSpawnLaunch(const OsSpawn& a_osspawn, const PlatHandle (&a_aplathandleStream)[3],
+                         uint64_t* a_pu64ProcessId);
 
 class COsThreadImpl
 {
@@ -53,6 +95,12 @@ public:
     void ChildProcessEnded(uint32_t a_u32ExitCode);
     uint32_t ChildExitCode() const { return m_u32ChildExitCode; }
 
+    EOSSTS Spawn(const OsSpawnRequest& a_osspawnrequest);
+    bool ChildIsRunning();
+    EOSSTS ChildRead(char* a_szBuffer, size_t a_sizetBuffer, size_t* a_psizetRead, bool a_blOutputOnly);
+    EOSSTS ChildWrite(const void* a_pvBuffer, size_t a_sizetBytes);
+    void ChildCancel();
+
 private:
     EOSSTS Launch(const char* a_szDisplayName, OsThreadProc a_osthreadproc, void* a_pvArgument);
     bool PrepareEvents();
@@ -75,6 +123,14 @@ private:
     void CloseThread();
 
     [[noreturn]] static void Leave();
+
+    EOSSTS SpawnUntilItLives(const OsSpawn& a_osspawn, long a_lTries);
+    PlatHandle Launch(const OsSpawn& a_osspawn, uint64_t* a_pu64ProcessId);
+    bool CreatePipes(PlatHandle (&a_aplathandleTheirs)[3]);
+    void ClosePipes();
+    void ForgetChild();
+    EOSCHILDWAIT WaitForChild(PlatHandle a_plathandleChild, bool a_blOutputOnly, uint64_t a_u64Milliseconds);
+    EOSSTS ReadStream(PlatHandle& a_plathandle, char* a_szBuffer, size_t a_sizetBuffer, size_t* a_psizetRead);
 
     static void CloseAndForget(PlatHandle& a_plathandle);
 
@@ -99,6 +155,10 @@ private:
     PlatHandle m_plathandleStarted = PLAT_INVALID;   // signalled right before the procedure is called
     PlatHandle m_plathandleEnded = PLAT_INVALID;     // signalled by the thread's last step here
     std::atomic<PlatHandle> m_plathandleChild{PLAT_INVALID};
+    std::atomic<PlatHandle> m_plathandleFormerChild{PLAT_INVALID};   // has been let go; others may still be asking it
     std::atomic<uint64_t> m_u64ChildId{0};
     std::atomic<uint32_t> m_u32ChildExitCode{0};
+    bool m_blPipes = false;                                                         // the child was started with pipes
+    PlatHandle m_aplathandlePipe[3] = {PLAT_INVALID, PLAT_INVALID, PLAT_INVALID};   // our ends, in PlatStandard order
+    std::atomic<PlatHandle> m_plathandleCancel{PLAT_INVALID};
 };

@@ -1,5 +1,4 @@
-// os_costhread_stop.cpp: how a thread ends: stop, wait, exit, the object's end; and the child process that an object
-// carries.
+// os_costhread_stop.cpp: how a thread ends: stop, wait, exit, the object's end.
 #include "os_costhread_impl.h"
 
 #include "os_cosarguments.h"
@@ -165,7 +164,7 @@ COsThreadImpl::~COsThreadImpl()
     CloseAndForget(m_plathandleStop);
     CloseAndForget(m_plathandleStarted);
     CloseAndForget(m_plathandleEnded);
-    ChildProcessSet(PLAT_INVALID, 0);
+    ForgetChild();
 }
 
 // ----------------------------------------------------------------------------------------- what a procedure calls
@@ -214,19 +213,4 @@ void COsThreadImpl::Leave()
 {
     t_blLeaving = true;
     PlatThreadExit(0);
-}
-
-// ----------------------------------------------------------------------------------------------------- child process
-
-void COsThreadImpl::ChildProcessSet(PlatHandle a_plathandle, uint64_t a_u64ProcessId)
-{
-    m_u64ChildId = a_u64ProcessId;
-    PlatHandle plathandle = m_plathandleChild.exchange(a_plathandle);
-    CloseAndForget(plathandle);
-}
-
-void COsThreadImpl::ChildProcessEnded(uint32_t a_u32ExitCode)
-{
-    m_u32ChildExitCode = a_u32ExitCode;
-    ChildProcessSet(PLAT_INVALID, 0);
 }

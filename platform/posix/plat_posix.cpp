@@ -3,6 +3,7 @@
 
 #include <cerrno>
 #include <cstring>
+#include <fcntl.h>
 #include <unistd.h>
 
 // ------------------------------------------------------------------------------------------------ the last error
@@ -162,6 +163,28 @@ bool PosixToWide(const char* a_szText, char16_t* a_wszText, size_t a_sizetText)
     return true;
 }
 
+std::string PosixReadText(const char* a_szPath)
+{
+    std::string strText;
+    const int iFile = open(a_szPath, O_RDONLY | O_CLOEXEC);
+    if (iFile < 0)
+        return strText;
+    char szPiece[4096];
+    ssize_t ssizetRead;
+    while ((ssizetRead = read(iFile, szPiece, sizeof szPiece)) > 0)
+        strText.append(szPiece, static_cast<size_t>(ssizetRead));
+    close(iFile);
+    return strText;
+}
+
+std::string_view PosixTake(std::string_view& a_strviewText, char a_chSeparator)
+{
+    const size_t sizetEnd = a_strviewText.find(a_chSeparator);
+    const std::string_view strview = a_strviewText.substr(0, sizetEnd);
+    a_strviewText.remove_prefix(sizetEnd == std::string_view::npos ? a_strviewText.size() : sizetEnd + 1);
+    return strview;
+}
+
 // --------------------------------------------------------------------------------------------------------- close
 
 bool PlatClose(PlatHandle a_plathandle)
@@ -175,6 +198,8 @@ bool PlatClose(PlatHandle a_plathandle)
         return PosixCloseThread(a_plathandle);
     case PosixKind::Child:
         return PosixCloseChild(a_plathandle);
+    case PosixKind::User:
+        return PosixCloseUser(a_plathandle);
     case PosixKind::File:
     case PosixKind::FileTemporary:
         return PosixCloseFile(a_plathandle);

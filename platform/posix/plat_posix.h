@@ -7,6 +7,7 @@
 #include <cerrno>
 #include <mutex>
 #include <string>
+#include <string_view>
 #include <vector>
 
 // A handle carries what it is and a descriptor or a pointer, so that the layer needs no table of objects:
@@ -33,6 +34,7 @@ enum class PosixKind : uint32_t
     Module,        // pointer
     AppendFile,    // pointer
     Tree,          // pointer
+    User,          // pointer
 };
 
 constexpr PlatHandle PosixMakeHandle(PosixKind a_posixkind, uint64_t a_u64Value)
@@ -70,7 +72,8 @@ Object* PosixObjectOf(PlatHandle a_plathandle)
 constexpr bool PosixIsPointer(PosixKind a_posixkind)
 {
     return a_posixkind == PosixKind::Thread || a_posixkind == PosixKind::Child || a_posixkind == PosixKind::Find ||
-           a_posixkind == PosixKind::Module || a_posixkind == PosixKind::AppendFile || a_posixkind == PosixKind::Tree;
+           a_posixkind == PosixKind::Module || a_posixkind == PosixKind::AppendFile || a_posixkind == PosixKind::Tree ||
+           a_posixkind == PosixKind::User;
 }
 
 // The one translator from errno to the layer's numbers.
@@ -96,6 +99,12 @@ auto PosixRetry(Call a_call)
 bool PosixToUtf8(const char16_t* a_wszText, std::string& a_strText);
 bool PosixToWide(const char* a_szText, char16_t* a_wszText, size_t a_sizetText);
 
+// The whole of a text file; what cannot be read is empty.
+std::string PosixReadText(const char* a_szPath);
+
+// Takes the text up to the separator off the front of a_strviewText.
+std::string_view PosixTake(std::string_view& a_strviewText, char a_chSeparator);
+
 // A path of the product as a path of this system: separators, long-path prefix, drive letters. False like above.
 // Defined with the files.
 bool PosixPath(const char16_t* a_wszPath, std::string& a_strPath);
@@ -110,6 +119,23 @@ int PosixOpenNamedEvent(const char16_t* a_wszName, bool* a_pblExisted);
 
 // The descriptor that can be read once a child has ended.
 int PosixChildDescriptor(PlatHandle a_plathandle);
+
+// Takes over the descriptor of a child that nobody waits for any more, and sees the child off at its end.
+void PosixLeaveChild(int a_iProcess);
+
+// Somebody that a program can be run as.
+struct PosixUser
+{
+    std::string strName;
+    uint32_t u32Id = 0;
+    uint32_t u32Group = 0;
+    std::string strHome;
+    std::string strShell;
+    std::vector<uint32_t> vecu32Groups;   // all that he is in
+};
+
+// Makes an environment the user's: his name and folders, and none of what was said about ours.
+void PosixUserEnvironment(const PosixUser& a_posixuser, std::vector<std::string>& a_vecstrEnvironment);
 
 // The value of a variable; false, without an error, when it is unset or empty.
 bool PosixEnvGet(const char* a_szName, std::string& a_strValue);
@@ -131,6 +157,7 @@ bool PosixProgramPath(char* a_szPath, size_t a_sizetPath);
 // What PlatClose does for the kinds that are more than a descriptor; each is defined with its kind.
 bool PosixCloseThread(PlatHandle a_plathandle);
 bool PosixCloseChild(PlatHandle a_plathandle);
+bool PosixCloseUser(PlatHandle a_plathandle);
 bool PosixCloseNamedEvent(PlatHandle a_plathandle);
 bool PosixCloseFile(PlatHandle a_plathandle);
 bool PosixCloseFind(PlatHandle a_plathandle);

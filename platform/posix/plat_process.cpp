@@ -1,5 +1,6 @@
 // plat_process.cpp: processes: starting a program, and what is asked about one that runs. How a command line is split
-// is in plat_process_split.cpp, pipes and standard streams are in plat_process_pipe.cpp.
+// is in plat_process_split.cpp, what becomes of children that nobody waits for in plat_process_left.cpp, pipes and
+// standard streams are in plat_process_pipe.cpp.
 //
 // A child is started in the memory of its parent, which stands still until the program runs: that is as fast as it
 // gets, and an error is known at once. What the child does until then is therefore a short list of raw system calls.
@@ -17,6 +18,7 @@
 #include <new>
 #include <poll.h>
 #include <sched.h>
+#include <sys/prctl.h>
 #include <sys/resource.h>
 #include <sys/syscall.h>
 #include <sys/wait.h>
@@ -81,6 +83,7 @@ struct Launch
     std::vector<char*> vecpchEnvironment;
     int aiStream[3] = {g_iNone, g_iNone, g_iNone};
     bool blDetached = false;
+    const PosixUser* pposixuser = nullptr;   // null: ours
     Descriptor descriptorNull;
 
     // What the child reports: it runs in our memory.
@@ -142,6 +145,29 @@ static bool TakeStreams(const PlatProcessStart& a_platprocessstart, Launch& a_la
     return true;
 }
 
+// The child is in its own folder already when it runs the program.
+static bool ProgramFromOurFolder(Launch& a_launch)
+{
+    if (a_launch.strFolder.empty() || a_launch.strProgram.starts_with('/'))
+        return true;
+    char szFolder[PATH_MAX];
+    if (!getcwd(szFolder, sizeof szFolder))
+        return PosixFailErrno();
+    a_launch.strProgram = std::string(szFolder) + '/' + a_launch.strProgram;
+    return true;
+}
+
+static bool TakeUser(PlatHandle a_plathandle, Launch& a_launch)
+{
+    if (a_plathandle == PLAT_INVALID)
+        return true;
+    if (PosixKindOf(a_plathandle) != PosixKind::User)
+        return PosixFail(PLAT_ERROR_INVALIDHANDLE);
+    a_launch.pposixuser = PosixObjectOf<PosixUser>(a_plathandle);
+    PosixUserEnvironment(*a_launch.pposixuser, a_launch.vecstrEnvironment);
+    return true;
+}
+
 static bool Prepare(const PlatProcessStart& a_platprocessstart, Launch& a_launch)
 {
     if (!a_platprocessstart.wszProgram || !a_platprocessstart.wszCommandLine)
@@ -150,7 +176,8 @@ static bool Prepare(const PlatProcessStart& a_platprocessstart, Launch& a_launch
         (a_platprocessstart.wszFolder && !PosixPath(a_platprocessstart.wszFolder, a_launch.strFolder)) ||
         !PosixSplitCommandLine(a_platprocessstart.wszCommandLine, a_launch.vecstrArguments) ||
         !TakeEnvironment(a_platprocessstart.wszEnvironment, a_launch.vecstrEnvironment) ||
-        !TakeStreams(a_platprocessstart, a_launch))
+        !TakeUser(a_platprocessstart.plathandleUser, a_launch) || !TakeStreams(a_platprocessstart, a_launch) ||
+        !ProgramFromOurFolder(a_launch))
     {
         return false;
     }
@@ -211,12 +238,25 @@ static bool PlaceStreams(const int* a_aiStream)
     return true;
 }
 
+// For this process alone: the C library would change every thread of the parent.
+static bool BecomeUser(const PosixUser* a_pposixuser)
+{
+    if (!a_pposixuser)
+        return true;
+    const uint32_t u32Id = a_pposixuser->u32Id;
+    const uint32_t u32Group = a_pposixuser->u32Group;
+    const std::vector<uint32_t>& vecu32Groups = a_pposixuser->vecu32Groups;
+    return syscall(SYS_setgroups, vecu32Groups.size(), vecu32Groups.data()) == 0 &&
+           syscall(SYS_setresgid, u32Group, u32Group, u32Group) == 0 &&
+           syscall(SYS_setresuid, u32Id, u32Id, u32Id) == 0;
+}
+
 static int RunChild(void* a_pvLaunch)
 {
     auto* plaunch = static_cast<Launch*>(a_pvLaunch);
     if (plaunch->blDetached)
         syscall(SYS_setsid);
-    if (PlaceStreams(plaunch->aiStream))
+    if (PlaceStreams(plaunch->aiStream) && BecomeUser(plaunch->pposixuser))
     {
         plaunch->blFolderFailed = !plaunch->strFolder.empty() && syscall(SYS_chdir, plaunch->strFolder.c_str()) != 0;
         if (!plaunch->blFolderFailed)
@@ -248,24 +288,11 @@ struct PosixChild
 };
 }   // namespace
 
-// Children whose handle was closed while they ran. The kernel keeps each of them, once it has ended, until we ask.
-static std::mutex g_mutexLeft;
-static std::vector<pid_t> g_vecpidLeft;
-
 static bool HasEnded(pid_t a_pid, siginfo_t* a_psiginfo)
 {
     const int iResult =
         PosixRetry([&] { return waitid(P_PID, static_cast<id_t>(a_pid), a_psiginfo, WEXITED | WNOHANG); });
     return iResult != 0 || a_psiginfo->si_pid != 0;   // no such child: the kernel was told to forget it by itself
-}
-
-static void SweepLeftChildren()
-{
-    const std::lock_guard<std::mutex> guard(g_mutexLeft);
-    std::erase_if(g_vecpidLeft, [](pid_t pid) {
-        siginfo_t siginfo{};
-        return HasEnded(pid, &siginfo);
-    });
 }
 
 static uint32_t CodeOf(const siginfo_t& a_siginfo, const PosixChild& a_posixchild)
@@ -296,17 +323,23 @@ int PosixChildDescriptor(PlatHandle a_plathandle)
 bool PosixCloseChild(PlatHandle a_plathandle)
 {
     const std::unique_ptr<PosixChild> uniqueChild(PosixObjectOf<PosixChild>(a_plathandle));
-    close(uniqueChild->iProcess);
-    if (!AskForEnd(uniqueChild.get()))
+    if (AskForEnd(uniqueChild.get()))
     {
-        const std::lock_guard<std::mutex> guard(g_mutexLeft);
-        g_vecpidLeft.push_back(uniqueChild->pid);
+        close(uniqueChild->iProcess);
     }
-    SweepLeftChildren();
+    else
+    {
+        PosixLeaveChild(uniqueChild->iProcess);
+    }
     return true;
 }
 
 // --------------------------------------------------------------------------------------------------------- create
+
+// The C library's clone() by its other name. A thread checker stands in for the first one, takes every child for a
+// process with a memory of its own, and would be blind to the locks of this thread from then on.
+extern "C" int PosixClone(int (*a_pfnChild)(void*), void* a_pvStack, int a_iFlags, void* a_pvArgument,
+                          ...) __asm__("__clone");
 
 // Runs the child until its program runs, or until it has reported why that cannot be.
 static pid_t Start(Launch& a_launch, int* a_piProcess)
@@ -317,11 +350,15 @@ static pid_t Start(Launch& a_launch, int* a_piProcess)
     sigset_t sigsetAll;
     sigset_t sigsetBefore;
     sigfillset(&sigsetAll);
+    const int iDumpable = prctl(PR_GET_DUMPABLE);
     pthread_sigmask(SIG_SETMASK, &sigsetAll, &sigsetBefore);
-    const pid_t pid = clone(RunChild, uniqueStack.get() + sizetStack, CLONE_VM | CLONE_VFORK | CLONE_PIDFD | SIGCHLD,
-                            &a_launch, a_piProcess);
+    const pid_t pid = PosixClone(RunChild, uniqueStack.get() + sizetStack,
+                                 CLONE_VM | CLONE_VFORK | CLONE_PIDFD | SIGCHLD, &a_launch, a_piProcess);
     const int iError = errno;
     pthread_sigmask(SIG_SETMASK, &sigsetBefore, nullptr);
+    // The child changed its user in our memory, which the system then no longer shows to debuggers and crash reports.
+    if (a_launch.pposixuser)
+        prctl(PR_SET_DUMPABLE, iDumpable);
     errno = iError;
     return pid;
 }
@@ -337,7 +374,6 @@ static uint32_t LaunchError(const Launch& a_launch)
 
 PlatHandle PlatProcessCreate(const PlatProcessStart* a_pplatprocessstart, uint64_t* a_pu64ProcessId)
 {
-    SweepLeftChildren();
     Launch launch;
     if (!Prepare(*a_pplatprocessstart, launch))
         return PLAT_INVALID;

@@ -1,0 +1,140 @@
+// os_costhread_spawn.cpp: starting a child process: the checks, the tries, the watch on the child's first moments. What
+// it is started with, and as whom, is in os_costhread_launch.cpp.
+#include "os_costhread_impl.h"
+
+#include "os_cfg.h"
+#include "os_cosresource.h"
+#include "os_log.h"
+#include "os_scope.h"
+
+#include "plat_process.h"
+#include "plat_wait.h"
+
+#include <new>
+#include <utility>
+
+static constexpr char g_szSource[] = "os/source/os_costhread";
+
+static constexpr uint32_t g_u32EarlyDeathTests = 3;
+static constexpr uint32_t g_u32EarlyDeathSlice = 30;   // milliseconds of each
+static constexpr uint32_t g_u32EarlyDeathExitCode = 99;
+
+static bool CheckRequest(const OsSpawnRequest& a_osspawnrequest)
+{
+    if (!a_osspawnrequest.szProgram || !*a_osspawnrequest.szProgram)
+    {
+        OSLOG(OS_LOG_ERROR, "Spawn: a_szProgram is NULL or empty...");
+        return false;
+    }
+    if (!a_osspawnrequest.szArgument0)
+    {
+        OSLOG(OS_LOG_ERROR, "Spawn: a_szArg0 is NULL...");
+        return false;
+    }
+    return true;
+}
+
+static bool CheckProgram(const OsSpawnRequest& a_osspawnrequest)
+{
+    if ((a_osspawnrequest.u32Flags & OS_SPAWNFLAGS_CHECKFILE) == 0 || OsResourceIsIntact(a_osspawnrequest.szProgram))
+        return true;
+    OSLOG(OS_LOG_ERROR, "corrupted binary...");
+    return false;
+}
+
+// The number of tries, 0 when the child's first moments are not looked at and one try is all.
+static long WatchedTries(uint32_t a_u32Flags)
+{
+    const bool blWanted = (a_u32Flags & OS_SPAWNFLAGS_NORETRY) == 0;
+    const long lTries = blWanted ? OsCfgGetLong(OS_CFGTAG_FORCESPAWNRETRY) : 0;
+    return lTries > 0 ? lTries : 0;
+}
+
+EOSSTS COsThreadImpl::Spawn(const OsSpawnRequest& a_osspawnrequest)
+{
+    if (!CheckRequest(a_osspawnrequest))
+        return EOSSTS_FAIL;
+    if (ChildIsRunning())
+    {
+        OSLOG(OS_LOG_ERROR, "Spawn: This object already has something spawned...");
+        return EOSSTS_FAIL;
+    }
+    ClosePipes();
+    if (!CheckProgram(a_osspawnrequest))
+        return EOSSTS_FAIL;
+    try
+    {
+        OsSpawn osspawn;
+        const long lTries = WatchedTries(a_osspawnrequest.u32Flags);
+        if (!OsSpawnPrepare(a_osspawnrequest, &osspawn))
+            return EOSSTS_FAIL;
+        if (lTries > 0)
+            osspawn.u32Flags |= OS_SPAWNFLAGS_CHECKSTART;
+        return SpawnUntilItLives(osspawn, lTries);
+    }
+    catch (const std::bad_alloc&)
+    {
+        OSLOG(OS_LOG_ERROR, "Spawn: OsMemQuickAlloc failed...<%s>", a_osspawnrequest.szProgram);
+        ClosePipes();
+        return EOSSTS_FAIL;
+    }
+}
+
+// False, and logged, when it has died.
+static bool SurvivesItsStart(PlatHandle a_plathandle, const char* a_szProgram)
+{
+    for (uint32_t u32Test = 1; u32Test <= g_u32EarlyDeathTests; ++u32Test)
+    {
+        const uint32_t u32Wait = PlatWaitAny(&a_plathandle, 1, g_u32EarlyDeathSlice);
+        if (u32Wait == PLAT_WAIT_TIMEOUT)
+            continue;
+        if (u32Wait == 0)
+        {
+            OSLOG(OS_LOG_ERROR, "WAIT_OBJECT_0...%u <%s>", static_cast<unsigned>(u32Test), a_szProgram);
+        }
+        else
+        {
+            OSLOG(OS_LOG_ERROR, "WAIT_FAILED...<%s>", a_szProgram);
+        }
+        OSLOG(OS_LOG_ERROR, "Retry the spawn for...<%s>", a_szProgram);
+        return false;
+    }
+    return true;
+}
+
+EOSSTS COsThreadImpl::SpawnUntilItLives(const OsSpawn& a_osspawn, long a_lTries)
+{
+    const bool blWatched = (a_osspawn.u32Flags & OS_SPAWNFLAGS_CHECKSTART) != 0;
+    ScopeGuard closeOnFailure([this] { ClosePipes(); });
+    do
+    {
+        uint64_t u64ProcessId = 0;
+        PlatHandle plathandle = Launch(a_osspawn, &u64ProcessId);
+        if (plathandle == PLAT_INVALID)
+            return EOSSTS_FAIL;
+        if (!blWatched || SurvivesItsStart(plathandle, a_osspawn.szProgram))
+        {
+            ChildProcessSet(plathandle, u64ProcessId);
+            closeOnFailure.Dismiss();
+            return EOSSTS_SUCCESS;
+        }
+        PlatProcessTerminate(plathandle, g_u32EarlyDeathExitCode);
+        CloseAndForget(plathandle);
+    } while (--a_lTries > 0);
+    OSLOG(OS_LOG_ERROR, "Retry count exceeded...");
+    return EOSSTS_FAIL;
+}
+
+// With pipes of its own for each try: what a child that died has left in its pipes is not the next one's.
+PlatHandle COsThreadImpl::Launch(const OsSpawn& a_osspawn, uint64_t* a_pu64ProcessId)
+{
+    PlatHandle aplathandleTheirs[3] = {PLAT_INVALID, PLAT_INVALID, PLAT_INVALID};
+    const ScopeGuard closeTheirs([&] {
+        for (PlatHandle& plathandle : aplathandleTheirs)
+            CloseAndForget(plathandle);
+    });
+    ClosePipes();
+    if ((a_osspawn.u32Flags & OS_SPAWNFLAGS_PIPES) && !CreatePipes(aplathandleTheirs))
+        return PLAT_INVALID;
+    return OsSpawnLaunch(a_osspawn, aplathandleTheirs, a_pu64ProcessId);
+}
