@@ -155,19 +155,6 @@ TEST_F(Process, IsWaitedForByItsId)
     }
 }
 
-// Relative to our folder, also when the child starts in another.
-TEST_F(Process, RunsAProgramByARelativePath)
-{
-    std::filesystem::create_directory(PathOf("here"));
-    std::filesystem::current_path("/usr");
-    const std::u16string wstrFolder = Wide(PathOf("here"));
-    const PlatProcessStart platprocessstart{u"bin/true", u"true", wstrFolder.c_str(), nullptr, {}, true, false};
-    uint64_t u64ProcessId = 0;
-    const PlatHandle plathandle = PlatProcessCreate(&platprocessstart, &u64ProcessId);
-    EXPECT_NE(plathandle, PLAT_INVALID) << PlatGetLastError();
-    PlatClose(plathandle);
-}
-
 TEST_F(Process, TheUserOfASessionIsToldToAdministratorsAlone)
 {
     const PlatHandle plathandle = PlatSessionUser(PlatSessionActive());
