@@ -184,8 +184,10 @@ PosixShare PosixShareTake(int a_iDescriptor, const PosixShareRequest& a_posixsha
     const RangeClaim* const prangeclaimEnd = std::end(arangeclaim);
     PosixShare posixshare = PosixShare::Granted;
 
-    // An opener who will be refused must not stand in anybody's way even for a moment with what it took before.
-    const RangeClaim* prangeclaim = PosixShareIsOpen(a_posixsharerequest) ? prangeclaimEnd : std::begin(arangeclaim);
+    // An opener who will be refused must not stand in anybody's way even for a moment with what it took before. Who
+    // shares everything, or deletes the name and no more, takes it all at once.
+    const bool blAtOnce = PosixShareIsOpen(a_posixsharerequest) || a_posixsharerequest.blPassing;
+    const RangeClaim* prangeclaim = blAtOnce ? prangeclaimEnd : std::begin(arangeclaim);
     while (prangeclaim != prangeclaimEnd && posixshare == PosixShare::Granted)
         posixshare = Ask(a_iDescriptor, *prangeclaim++);
 

@@ -26,19 +26,24 @@ public:
                status.st_ino == a_status.st_ino;
     }
 
+    // Nobody can come by the name any more: what was taken may go when the descriptor does.
+    void NameHasGone() { m_blNamed = false; }
+
 private:
     void Release();
 
     int m_iFolder;
     const char* m_szName;
     int m_iDescriptor = -1;
+    bool m_blNamed = true;
 };
 
 void NameGuard::Release()
 {
     if (m_iDescriptor < 0)
         return;
-    PosixShareDrop(m_iDescriptor);
+    if (m_blNamed)
+        PosixShareDrop(m_iDescriptor);
     close(m_iDescriptor);
     m_iDescriptor = -1;
 }
@@ -65,7 +70,7 @@ bool NameGuard::Take(const struct stat& a_status)
     }
 }
 
-// Calls a_action(status) for what has the name, guarded, and again when another file took the name meanwhile.
+// Calls a_action(guard, status) for what has the name, and again when another file took the name meanwhile.
 template <class Action>
 static bool WithName(int a_iFolder, const std::string& a_strName, Action a_action)
 {
@@ -78,7 +83,7 @@ static bool WithName(int a_iFolder, const std::string& a_strName, Action a_actio
         if (!nameguard.Take(status))
             return false;
         if (nameguard.StillNamed(status))
-            return a_action(status);
+            return a_action(nameguard, status);
         if (!posixpatience.Wait())
             return PosixFail(PLAT_ERROR_SHARING);
     }
@@ -86,11 +91,14 @@ static bool WithName(int a_iFolder, const std::string& a_strName, Action a_actio
 
 bool PosixDeleteFile(int a_iFolder, const std::string& a_strName, bool a_blReadOnly)
 {
-    return WithName(a_iFolder, a_strName, [&](const struct stat& a_status) {
+    return WithName(a_iFolder, a_strName, [&](NameGuard& a_nameguard, const struct stat& a_status) {
         const bool blRefused = S_ISREG(a_status.st_mode) && PosixIsReadOnly(a_status.st_mode) && !a_blReadOnly;
         if (blRefused || S_ISDIR(a_status.st_mode))
             return PosixFail(PLAT_ERROR_ACCESSDENIED);
-        return unlinkat(a_iFolder, a_strName.c_str(), 0) == 0 || PosixFailPath(a_strName);
+        if (unlinkat(a_iFolder, a_strName.c_str(), 0) != 0)
+            return PosixFailPath(a_strName);
+        a_nameguard.NameHasGone();
+        return true;
     });
 }
 
@@ -123,7 +131,7 @@ bool PlatFileMove(const char16_t* a_wszOld, const char16_t* a_wszNew)
         return false;
     PosixTrimPath(strOld);
     PosixTrimPath(strNew);
-    return WithName(AT_FDCWD, strOld, [&](const struct stat& a_status) {
+    return WithName(AT_FDCWD, strOld, [&](const NameGuard&, const struct stat& a_status) {
         const auto rename = [&] { return RenameWithoutReplacing(strOld.c_str(), strNew.c_str(), a_status) == 0; };
         if (rename() || (errno == ENOENT && PosixMakeDrive(a_wszNew) && rename()))
             return true;
