@@ -5,6 +5,7 @@
 // Every cell runs all targets in turn, several rounds; a figure is the median. Every run checks every byte. Exit code
 // 1 when one byte differs.
 #include "bench_load.h"
+#include "bench_support.h"
 #include "bench_target.h"
 
 #include <algorithm>
@@ -21,34 +22,6 @@
 using Clock = std::chrono::steady_clock;
 
 static bool g_blEveryByte = true;
-
-static double Median(std::vector<double> a_vecd)
-{
-    if (a_vecd.empty())
-        return 0;
-    std::sort(a_vecd.begin(), a_vecd.end());
-    return a_vecd[a_vecd.size() / 2];
-}
-
-// A folder in memory where there is one: the disk is not what is measured.
-class WorkFolder
-{
-public:
-    WorkFolder()
-    {
-        const char* const szBase = access("/dev/shm", W_OK) == 0 ? "/dev/shm" : "/tmp";
-        std::string strTemplate = std::string(szBase) + "/bench.XXXXXX";
-        m_strPath = mkdtemp(strTemplate.data());
-    }
-    ~WorkFolder() { std::filesystem::remove_all(m_strPath); }
-    WorkFolder(const WorkFolder&) = delete;
-    WorkFolder& operator=(const WorkFolder&) = delete;
-
-    const std::string& Path() const { return m_strPath; }
-
-private:
-    std::string m_strPath;
-};
 
 static std::vector<TargetKind> InstalledTargets()
 {
