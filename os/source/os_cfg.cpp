@@ -39,10 +39,14 @@ int64_t OsCfgInfoGetLong(EOSCFGINFO a_eoscfginfo)
     return poscfgsource ? poscfgsource->InfoGetLong(a_eoscfginfo) : 0;
 }
 
+std::atomic<OsCfgPathProc> g_poscfgpathproc{nullptr};
+
 EOSSTS OsCfgGetPath(EOSPATH a_eospath, char* a_szPath, size_t a_sizetPath)
 {
     if (COsCfgSource* const poscfgsource = Source())
         return poscfgsource->GetPath(a_eospath, a_szPath, a_sizetPath);
+    if (const OsCfgPathProc poscfgpathproc = g_poscfgpathproc.load(std::memory_order_acquire))
+        return poscfgpathproc(a_eospath, a_szPath, a_sizetPath);
     if (a_szPath && a_sizetPath)
         *a_szPath = 0;
     return EOSSTS_FAIL;

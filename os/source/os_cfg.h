@@ -167,7 +167,11 @@ void OsCfgSetString(EOSCFGTAG a_eoscfgtag, const char* a_szValue);
 const char* OsCfgInfoGetString(EOSCFGINFO a_eoscfginfo);
 int64_t OsCfgInfoGetLong(EOSCFGINFO a_eoscfginfo);
 
-// EOSSTS_FAIL, with an empty path, without a configuration.
+// Paths are wanted before the configuration exists; what resolves them by itself installs itself here.
+using OsCfgPathProc = EOSSTS (*)(EOSPATH a_eospath, char* a_szPath, size_t a_sizetPath);
+extern std::atomic<OsCfgPathProc> g_poscfgpathproc;
+
+// EOSSTS_FAIL, with an empty path, for an identifier that does not resolve, and for all with neither of the two.
 EOSSTS OsCfgGetPath(EOSPATH a_eospath, char* a_szPath, size_t a_sizetPath);
 
 // Does nothing without a configuration.

@@ -82,7 +82,8 @@ private:
 // The process's configuration, null without one.
 COsCfg* OsCfgGet();
 
-// Lets OsCfgGetCommon read the common settings file. The start of the library calls it first of all.
+// Lets OsCfgGetCommon read the common settings file, and OsCfgGetPath resolve without a configuration what needs none.
+// The start of the library calls it first of all.
 void OsCfgCommonInstall();
 
 // Profiles: any INI file through the cache, which keeps the first 8,192 bytes of the last 16 files. Any thread.

@@ -140,4 +140,5 @@ void OsCfgCommonInstall()
     g_poscfgcommonproc.store(
         [](const char* a_szKey, const char* a_szDefault) { return OsCfgCommonGet(a_szKey, a_szDefault); },
         std::memory_order_release);
+    g_poscfgpathproc.store(OsCfgResolvePath, std::memory_order_release);
 }

@@ -211,7 +211,7 @@ private:
     void FlushKept();
     static void ReleaseFile(OsLogFile* a_poslogfile);   // null is left alone
     bool WriteOut(OsLogSlot& a_oslogslot, const char* a_pch, size_t a_sizetLength);
-    bool SendToCollector(const char* a_pch, size_t a_sizetLength);
+    bool SendToCollector(const OsLogSlot& a_oslogslot, const char* a_pch, size_t a_sizetLength);
 
     // os_coslog_header.cpp
     bool WriteHeaderIfPending(OsLogSlot& a_oslogslot);

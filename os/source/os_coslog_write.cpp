@@ -6,6 +6,7 @@
 #include "os_coslog_impl.h"
 
 #include "os_cosenv.h"
+#include "os_cosfile.h"
 #include "os_cosfile_paths.h"
 #include "os_cosfile_system.h"
 #include "os_cosstring.h"
@@ -150,8 +151,21 @@ bool COsLogImpl::OpenDestination(OsLogSlot& a_oslogslot, bool a_blMakeFolder)
 
 // ------------------------------------------------------------------------------------------------------ write-out
 
-// A line whose sending timed out counts as delivered.
-bool COsLogImpl::SendToCollector(const char* a_pch, size_t a_sizetLength)
+// A collector that was killed may have written a part of a line last; what is appended begins a line of its own.
+static void EndTornLine(const char* a_szLogFile)
+{
+    COsFile osfile;
+    char chLast = '\n';
+    if (osfile.Open(a_szLogFile, OS_FILEOPEN_EXISTING, OS_FILEACCESS_READWRITE, OS_FILESHARE_READWRITE) ==
+            EOSSTS_SUCCESS &&
+        osfile.Seek(OS_FILESEEK_END, -1) == EOSSTS_SUCCESS && osfile.Read(&chLast, 1, nullptr) == EOSSTS_SUCCESS &&
+        chLast != '\n')
+        osfile.Append("\r\n", 2);
+}
+
+// A line whose sending timed out counts as delivered. Of one that could not be sent the collector may have got a part:
+// it goes whole to the file, like all that follow.
+bool COsLogImpl::SendToCollector(const OsLogSlot& a_oslogslot, const char* a_pch, size_t a_sizetLength)
 {
     const std::lock_guard<std::mutex> guard(m_mutexCollector);
     if (!UsesCollector())
@@ -159,6 +173,7 @@ bool COsLogImpl::SendToCollector(const char* a_pch, size_t a_sizetLength)
     const EOSSTS eossts = m_uniqueCollector->ClientWrite(a_pch, a_sizetLength);
     if (eossts == EOSSTS_SUCCESS || eossts == EOSSTS_TIMEOUT)
         return true;
+    EndTornLine(a_oslogslot.poslogpath->szLogFile);
     m_blCollector.store(false, std::memory_order_release);
     return false;
 }
@@ -168,7 +183,7 @@ bool COsLogImpl::WriteOut(OsLogSlot& a_oslogslot, const char* a_pch, size_t a_si
 {
     if (!a_oslogslot.poslogfile)
     {
-        if (SendToCollector(a_pch, a_sizetLength))
+        if (SendToCollector(a_oslogslot, a_pch, a_sizetLength))
             return true;
         if (!OpenDestination(a_oslogslot, false))
             return false;

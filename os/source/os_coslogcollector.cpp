@@ -106,15 +106,14 @@ COsLogCollectorImpl::COsLogCollectorImpl(CollectorMode a_collectormode, const ch
       m_possocketListen(nullptr),
       m_poslnk(nullptr),
       m_possocketClient(nullptr),
+      m_blLost(false),
       m_posfileFlush(nullptr),
       m_blListening(false),
       m_blStraggler(false)
 {
     SStrCpy(m_szHost, sizeof m_szHost, OS_LC_HOST);
     ChoosePort();
-    const bool blClient =
-        m_collectormode == OS_COLLECTORMODE_SHAREDCLIENT || m_collectormode == OS_COLLECTORMODE_PRIVATECLIENT;
-    if (blClient)
+    if (IsClient())
         SStrCpy(m_szLogFile, sizeof m_szLogFile, a_szName ? a_szName : "");
     m_possocketListen = OSMEMNEW(COsSocket);
 }
@@ -137,31 +136,41 @@ void COsLogCollectorImpl::ChoosePort()
         if (StrToInt32(m_szPort) < OS_LC_LEASTSHAREDPORT)
             SStrCpy(m_szPort, sizeof m_szPort, OS_LC_SHAREDPORT);
         return;
-    case OS_COLLECTORMODE_PRIVATECLIENT: {
-        const OsCollectorIdentity oscollectoridentity = OsArgumentsCollector();
-        SStrPrintf(m_szPort, sizeof m_szPort, "%d", oscollectoridentity.i32Port);
-        m_u64ProcessIdApplication = oscollectoridentity.u64ProcessIdApplication;
+    case OS_COLLECTORMODE_PRIVATECLIENT:
+        TakeIdentity();
         return;
-    }
     }
     throw std::invalid_argument("COsLogCollector: unknown role");
 }
 
+// Where the collector of this application is, as far as this process knows.
+void COsLogCollectorImpl::TakeIdentity()
+{
+    const OsCollectorIdentity oscollectoridentity = OsArgumentsCollector();
+    SStrPrintf(m_szPort, sizeof m_szPort, "%d", oscollectoridentity.i32Port);
+    m_u64ProcessIdApplication = oscollectoridentity.u64ProcessIdApplication;
+}
+
+bool COsLogCollectorImpl::IsClient() const
+{
+    return m_collectormode == OS_COLLECTORMODE_SHAREDCLIENT || m_collectormode == OS_COLLECTORMODE_PRIVATECLIENT;
+}
+
 // ------------------------------------------------------------------------------------------------------- Start
 
-static bool IsServicesSession()
+bool OsLcIsServicesSession()
 {
     uint32_t u32Session = 0;
     return PlatProcessSession(PlatProcessId(), &u32Session) && u32Session == g_u32SessionServices;
 }
 
-EOSSTS COsLogCollectorImpl::Start([[maybe_unused]] const char* a_szLogFile, bool a_blCheckOther)
+EOSSTS COsLogCollectorImpl::Start(const char* a_szLogFile, bool a_blCheckOther)
 {
     g_bLogCollectorStopping.store(0);
-    if (IsServicesSession())
+    if (OsLcIsServicesSession())
         return EOSSTS_FAIL;
-    if (m_collectormode != OS_COLLECTORMODE_SHARED && m_collectormode != OS_COLLECTORMODE_PRIVATE)
-        return EOSSTS_FAIL;
+    if (IsClient())
+        return StartClient(a_szLogFile);
     if (m_poslnk)
         return EOSSTS_SUCCESS;
     if (m_collectormode == OS_COLLECTORMODE_SHARED && a_blCheckOther && OtherSharedRuns())

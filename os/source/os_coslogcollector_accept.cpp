@@ -2,6 +2,7 @@
 // it is stopped or an accept fails.
 #include "os_coslogcollector_impl.h"
 
+#include "os_cfg.h"
 #include "os_cosfile_system.h"
 #include "os_cosstring.h"
 #include "os_new.h"
@@ -50,6 +51,7 @@ void COsLogCollectorImpl::LogAccept()
 bool COsLogCollectorImpl::Announce(COsFile& a_osfile, const char* a_szPath)
 {
     char szText[OS_LC_ANNOUNCEMENTSIZE];
+    OsFileCreateDirectory(OsCfgGetString(OS_CFGTAG_ROOTCOMMONDIRECTORYLEGACY));
     return OsLcBuildAnnouncement(szText, sizeof szText, m_szHost, m_szPort) == EOSSTS_SUCCESS &&
            a_osfile.Open(a_szPath, OS_FILEOPEN_ALWAYS, OS_FILEACCESS_READWRITE, OS_FILESHARE_READWRITE) ==
                EOSSTS_SUCCESS &&

@@ -1,17 +1,116 @@
-// os_coslogcollector_client.cpp: the client side: log lines over the connection to a collector.
+// os_coslogcollector_client.cpp: the client roles: finding the collector, the connection with its header, log lines.
 #include "os_coslogcollector_impl.h"
 
+#include "os_cosarguments.h"
+#include "os_cosfile_system.h"
+#include "os_cosstring.h"
 #include "os_new.h"
+#include "os_scope.h"
+
+#include "plat_wait.h"
+
+#include <cstring>
 
 static constexpr char g_szSource[] = "os/source/os_coslogcollector";
 
+static constexpr int g_iConnectTries = 8;
+static constexpr int32_t g_i32ConnectTimeout = 250;
+static constexpr size_t g_sizetAnnouncementMost = 1024;
+
 // A collector that takes nothing for so long is given up: its clients must not stand still for ever.
 static constexpr uint32_t g_u32ClientTimeout = 5000;
+
+// ------------------------------------------------------------------------------------------------------- start
+
+// What it logs on its way would come back to a client that is not ready.
+EOSSTS COsLogCollectorImpl::StartClient(const char* a_szLogFile)
+{
+    const bool blPrivate = m_collectormode == OS_COLLECTORMODE_PRIVATECLIENT;
+    if (m_possocketClient)
+        return EOSSTS_SUCCESS;
+    if (blPrivate && OsLcIsCollectorProgram())
+        return EOSSTS_FAIL;
+    {
+        const COsLogSuppress oslogsuppress;
+        if (blPrivate)
+            TakeIdentity();
+        EOSSTS eossts = blPrivate ? EOSSTS_SUCCESS : FindShared();
+        if (eossts == EOSSTS_SUCCESS)
+            eossts = Connect();
+        if (eossts == EOSSTS_SUCCESS)
+            eossts = SendHeader(a_szLogFile ? a_szLogFile : m_szLogFile);
+        if (eossts != EOSSTS_SUCCESS)
+            return eossts;
+    }
+    if (blPrivate)
+        OSLOG(OS_LOG_MILESTONE, "LogCollector initialization complete...");
+    return EOSSTS_SUCCESS;
+}
+
+// Takes host and port from the announcement of a shared collector. One that nobody holds a lock on is left over from a
+// collector that has gone: EOSSTS_BUSY, and it is deleted. The lock's byte is not read, it belongs to the collector.
+EOSSTS COsLogCollectorImpl::FindShared()
+{
+    char szPath[OS_PATHSIZE];
+    char szText[g_sizetAnnouncementMost + 1] = {};
+    AnnouncementPath(szPath);
+    COsFile osfile;
+    if (osfile.Open(szPath, OS_FILEOPEN_EXISTING, OS_FILEACCESS_READWRITE, OS_FILESHARE_READWRITE) != EOSSTS_SUCCESS)
+        return EOSSTS_FAIL;
+    if (osfile.LockByte(0, 1, szPath, true) == EOSSTS_SUCCESS)
+    {
+        osfile.UnlockByte(0);
+        osfile.Close();
+        OsFileDelete(szPath, OS_FILETYPE_ANY, false, false);
+        return EOSSTS_BUSY;
+    }
+    osfile.Seek(OS_FILESEEK_START, 1);
+    osfile.Read(szText, g_sizetAnnouncementMost, nullptr);
+    return OsLcReadAnnouncement(szText, m_szHost, m_szPort) ? EOSSTS_SUCCESS : EOSSTS_FAIL;
+}
+
+// In a child process the end of the application, which the collector serves, ends the attempt as well.
+EOSSTS COsLogCollectorImpl::Connect()
+{
+    COsSocket::ConnectArgs connectargs;
+    connectargs.szHost = m_szHost;
+    connectargs.szPort = m_szPort;
+    connectargs.szName = "log";
+    connectargs.u64ProcessId = m_collectormode == OS_COLLECTORMODE_PRIVATECLIENT ? m_u64ProcessIdApplication : 0;
+    connectargs.blSecure = true;
+    connectargs.i32Timeout = g_i32ConnectTimeout;
+    connectargs.blNoDelay = true;
+
+    m_possocketClient = OSMEMNEW(COsSocket);
+    for (int iTry = 0; m_possocketClient && iTry < g_iConnectTries; ++iTry)
+    {
+        if (m_possocketClient->SocketConnect(connectargs) == EOSSTS_SUCCESS)
+            return EOSSTS_SUCCESS;
+        PlatSleep(0);
+    }
+    OSMEMDELETE(m_possocketClient);
+    return EOSSTS_FAIL;
+}
+
+// A refused connection shows here. Without its whole header a stream is worth nothing: the first lines would count as
+// the header, and be lost.
+EOSSTS COsLogCollectorImpl::SendHeader(const char* a_szLogFile)
+{
+    char szHeader[OS_LC_HEADERSIZE];
+    if (OsLcBuildHeader(szHeader, sizeof szHeader, a_szLogFile) == EOSSTS_SUCCESS &&
+        ClientWrite(szHeader, std::strlen(szHeader)) == EOSSTS_SUCCESS)
+        return EOSSTS_SUCCESS;
+    OSMEMDELETE(m_possocketClient);
+    return EOSSTS_FAIL;
+}
+
+// ------------------------------------------------------------------------------------------------------- lines
 
 void COsLogCollectorImpl::TakeClientSocket(COsSocket* a_possocket)
 {
     OSMEMDELETE(m_possocketClient);
     m_possocketClient = a_possocket;
+    m_blLost = false;
 }
 
 EOSSTS COsLogCollectorImpl::ClientWrite(const void* a_pvBuffer, size_t a_sizetBytes)
@@ -31,12 +130,14 @@ EOSSTS COsLogCollectorImpl::ClientWrite(const void* a_pvBuffer, size_t a_sizetBy
     {
         size_t sizetWritten = 0;
         const EOSSTS eossts = m_possocketClient->SocketWrite(writeargs, &sizetWritten);
-        if (eossts != EOSSTS_SUCCESS)
-            return eossts;
-        if (sizetWritten == 0)
-            return EOSSTS_DISCONNECTED;
-        writeargs.pvBuffer = static_cast<const char*>(writeargs.pvBuffer) + sizetWritten;
-        writeargs.sizetBuffer -= sizetWritten;
+        if (eossts == EOSSTS_SUCCESS && sizetWritten != 0)
+        {
+            writeargs.pvBuffer = static_cast<const char*>(writeargs.pvBuffer) + sizetWritten;
+            writeargs.sizetBuffer -= sizetWritten;
+            continue;
+        }
+        m_blLost = true;
+        return eossts == EOSSTS_SUCCESS ? EOSSTS_DISCONNECTED : eossts;
     }
     return EOSSTS_SUCCESS;
 }

@@ -4,7 +4,8 @@
 //   os_coslogcollector_accept.cpp   the accept thread: binding, reporting, one reader for each connection
 //   os_coslogcollector_reader.cpp   a reader: one stream into one file
 //   os_coslogcollector_command.cpp  the command file: flush all open log files, end the collector
-//   os_coslogcollector_client.cpp   a client's lines to its collector
+//   os_coslogcollector_client.cpp   a client: finding its collector, the connection, its lines
+//   os_coslogcollector_spawn.cpp    an application starts its collector
 //   os_coslogcollector_stop.cpp     Stop
 #pragma once
 
@@ -78,6 +79,8 @@ private:
     void ChoosePort();
     bool OtherSharedRuns();
     static void AnnouncementPath(char* a_szPath);   // OS_PATHSIZE bytes
+    void TakeIdentity();
+    bool IsClient() const;
     bool CreateServiceObjects();
     void FreeServiceObjects();
 
@@ -109,6 +112,12 @@ private:
     void MonitorFlushCallback(const char* a_szPath);
     bool IsNamed(const OsLcCommand& a_oslccommand) const;
 
+    // A client.
+    EOSSTS StartClient(const char* a_szLogFile);
+    EOSSTS FindShared();
+    EOSSTS Connect();
+    EOSSTS SendHeader(const char* a_szLogFile);
+
     // Stop.
     void StopAccepting();
     void StopReaders();
@@ -130,8 +139,15 @@ private:
     std::atomic<const COsThread*> m_posthreadStarting{nullptr};   // a reader whose start has not returned
     COsLnk* m_poslnk;                                             // of LogCollectorRecord
     COsSocket* m_possocketClient;                                 // roles 1 and 3
+    bool m_blLost;                                                // a send of the client failed
     COsFile* m_posfileFlush;                                      // whose monitor watches the command file
     COsLogOpenFiles m_oslogopenfiles;
     bool m_blListening;   // a private collector, whose listener is there before its accept thread
     bool m_blStraggler;
 };
+
+// True in the session where no user works: there nobody uses a collector.
+bool OsLcIsServicesSession();
+
+// True when this program is a collector by its path: a collector has none itself.
+bool OsLcIsCollectorProgram();

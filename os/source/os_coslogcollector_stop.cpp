@@ -104,21 +104,19 @@ void COsLogCollectorImpl::FreeRecords()
 // -------------------------------------------------------------------------------------------------- the client
 
 // Only the process that owns the services of its application tells the collector that the application is done. The
-// marker must arrive as a read of its own: hence the pause.
+// marker must arrive as a read of its own: hence the pauses before and after it. A lost connection gets none, and
+// nobody waits for its other end.
 void COsLogCollectorImpl::DisconnectClient()
 {
     if (!m_possocketClient)
         return;
-    if (OsArgumentsIsServicesOwner() && m_collectormode == OS_COLLECTORMODE_PRIVATECLIENT)
+    if (!m_blLost && OsArgumentsIsServicesOwner() && m_collectormode == OS_COLLECTORMODE_PRIVATECLIENT)
     {
-        COsSocket::WriteArgs writeargs;
-        writeargs.pvBuffer = OS_LC_ENDMARKER;
-        writeargs.sizetBuffer = std::strlen(OS_LC_ENDMARKER);
-        size_t sizetWritten = 0;
-        m_possocketClient->SocketWrite(writeargs, &sizetWritten);
+        PlatSleep(g_u32MarkerPause);
+        ClientWrite(OS_LC_ENDMARKER, std::strlen(OS_LC_ENDMARKER));
         PlatSleep(g_u32MarkerPause);
     }
-    m_possocketClient->SocketDisconnect(true);
+    m_possocketClient->SocketDisconnect(!m_blLost);
     OSMEMDELETE(m_possocketClient);
 }
 

@@ -7,6 +7,7 @@
 #include "os_coscfg.h"
 #include "os_cosfile_paths.h"
 #include "os_coslog.h"
+#include "os_coslogcollector.h"
 #include "os_cosmem.h"
 #include "os_cosservices_identity.h"
 #include "os_cossocket.h"
@@ -191,6 +192,8 @@ EOSSTS OsServicesStart(bool a_blManageLater)
     g_poscosmem = OSMEMNEW(COsMem);
     if (!g_poscosmem || !SettleDocument(osservicesidentity))
         return EOSSTS_FAIL;
+    LogCollectorStartCollector();
+
     if (!CreateLogger(osservicesidentity) || !CreateConfiguration(osservicesidentity, a_blManageLater))
         return EOSSTS_FAIL;
     TellConfiguration(osservicesidentity);

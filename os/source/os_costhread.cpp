@@ -129,11 +129,12 @@ bool COsThread::ChildIsRunning()
     return Usable(m_posthreadimpl) && m_posthreadimpl->ChildIsRunning();
 }
 
-EOSSTS COsThread::ChildRead(char* a_szBuffer, size_t a_sizetBuffer, size_t* a_psizetRead, bool a_blOutputOnly)
+EOSSTS COsThread::ChildRead(char* a_szBuffer, size_t a_sizetBuffer, size_t* a_psizetRead, bool a_blOutputOnly,
+                            uint32_t a_u32Timeout)
 {
     if (!Usable(m_posthreadimpl))
         return EOSSTS_FAIL;
-    return m_posthreadimpl->ChildRead(a_szBuffer, a_sizetBuffer, a_psizetRead, a_blOutputOnly);
+    return m_posthreadimpl->ChildRead(a_szBuffer, a_sizetBuffer, a_psizetRead, a_blOutputOnly, a_u32Timeout);
 }
 
 EOSSTS COsThread::ChildWrite(const void* a_pvBuffer, size_t a_sizetBytes)

@@ -86,12 +86,13 @@ public:
     // True while the child runs. Once it has ended, its exit code is noted and the process let go.
     bool ChildIsRunning();
 
-    // Waits up to 3000 ms for what the child writes and takes at most a_sizetBuffer bytes of it. By default from its
-    // standard output or its standard error, whichever comes first; a_blOutputOnly leaves the latter for another read.
-    // EOSSTS_SUCCESS; EOSSTS_FAIL, also when there are no pipes; EOSSTS_TIMEOUT; EOSSTS_CANCELLED; EOSSTS_EXITED when
-    // the child has gone and all that it wrote was read; EOSSTS_NOSPACE when the pipe gave nothing. One thread at a
-    // time.
-    EOSSTS ChildRead(char* a_szBuffer, size_t a_sizetBuffer, size_t* a_psizetRead, bool a_blOutputOnly = false);
+    // Waits up to a_u32Timeout ms for what the child writes and takes at most a_sizetBuffer bytes of it. By default
+    // from its standard output or its standard error, whichever comes first; a_blOutputOnly leaves the latter for
+    // another read. EOSSTS_SUCCESS; EOSSTS_FAIL, also when there are no pipes; EOSSTS_TIMEOUT; EOSSTS_CANCELLED;
+    // EOSSTS_EXITED when the child has gone and all that it wrote was read; EOSSTS_NOSPACE when the pipe gave nothing.
+    // One thread at a time.
+    EOSSTS ChildRead(char* a_szBuffer, size_t a_sizetBuffer, size_t* a_psizetRead, bool a_blOutputOnly = false,
+                     uint32_t a_u32Timeout = 3000);
 
     // Writes all of it to the child's standard input, and waits for the child to make room. EOSSTS_FAIL, also when it
     // has gone. One thread at a time.

@@ -16,8 +16,6 @@
 
 static constexpr char g_szSource[] = "os/source/os_costhread";
 
-static constexpr uint64_t g_u64ReadTimeout = 3000;   // milliseconds
-
 // ------------------------------------------------------------------------------------------------------ the record
 
 void COsThreadImpl::ChildProcessSet(PlatHandle a_plathandle, uint64_t a_u64ProcessId)
@@ -145,12 +143,13 @@ EOSSTS COsThreadImpl::ReadStream(PlatHandle& a_plathandle, char* a_szBuffer, siz
     }
 }
 
-EOSSTS COsThreadImpl::ChildRead(char* a_szBuffer, size_t a_sizetBuffer, size_t* a_psizetRead, bool a_blOutputOnly)
+EOSSTS COsThreadImpl::ChildRead(char* a_szBuffer, size_t a_sizetBuffer, size_t* a_psizetRead, bool a_blOutputOnly,
+                                uint32_t a_u32Timeout)
 {
     *a_psizetRead = 0;
     if (!HasPipes(m_blPipes))
         return EOSSTS_FAIL;
-    const uint64_t u64End = PlatTicks() + g_u64ReadTimeout;
+    const uint64_t u64End = PlatTicks() + a_u32Timeout;
     for (PlatHandle plathandleChild = m_plathandleChild;;)
     {
         // Once the child has ended, a last look: it may have written between our look at its pipes and its end.

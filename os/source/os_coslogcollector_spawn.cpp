@@ -1,0 +1,119 @@
+// os_coslogcollector_spawn.cpp: an application starts the collector that serves it and its children.
+#include "os_coslogcollector_impl.h"
+
+#include "os_cfg.h"
+#include "os_cosarguments.h"
+#include "os_cosenv.h"
+#include "os_cosfile_system.h"
+#include "os_cosmem.h"
+#include "os_cosstring.h"
+#include "os_log.h"
+#include "os_scope.h"
+
+#include "plat_process.h"
+#include "plat_system.h"
+
+#include <cstring>
+
+static constexpr char g_szSource[] = "os/source/os_coslogcollector";
+
+static constexpr uint32_t g_u32SpawnFlags = OS_SPAWNFLAGS_CHECKFILE | OS_SPAWNFLAGS_NOREDIRECTION |
+                                            OS_SPAWNFLAGS_PIPES | OS_SPAWNFLAGS_NORETRY | OS_SPAWNFLAGS_NOWINDOW;
+static_assert(g_u32SpawnFlags == 0xC601);
+
+static constexpr uint64_t g_u64ReplyTimeout = 10000;   // milliseconds
+static constexpr int32_t g_i32PortMost = 65535;
+
+// ------------------------------------------------------------------------------------------------------- whether
+
+bool OsLcIsCollectorProgram()
+{
+    char szProgram[OS_PATHSIZE];
+    OsArgumentsProgramPath(szProgram);
+    return StrIstr(szProgram, "logcollector") != nullptr;
+}
+
+static bool IsWanted()
+{
+    char szDefault[OS_PATHSIZE];
+    OsEnvGet("MVR_LOGCOLLECTORXMLOVERRIDE", "enabled", sizeof szDefault, szDefault);
+    return StrICmp(OsCfgGetCommon("LogCollector", szDefault), "enabled") == 0;
+}
+
+static bool HasCollector()
+{
+    const OsCollectorIdentity oscollectoridentity = OsArgumentsCollector();
+    return oscollectoridentity.i32Port != 0 && oscollectoridentity.u64ProcessIdApplication != 0;
+}
+
+// ----------------------------------------------------------------------------------------------------- the reply
+
+static bool TakeReply(const char* a_szReply, OsCollectorIdentity& a_oscollectoridentity)
+{
+    char szPort[OS_LC_PORTSIZE];
+    if (OsLcReadStartReply(a_szReply, szPort, &a_oscollectoridentity.u64ProcessIdCollector) != EOSSTS_SUCCESS)
+        return false;
+    a_oscollectoridentity.i32Port = StrToInt32(szPort);
+    return a_oscollectoridentity.i32Port > 0 && a_oscollectoridentity.i32Port <= g_i32PortMost;
+}
+
+// The reply may come in pieces, late, or never; a_szReply has OS_LC_DOCUMENTSIZE bytes.
+static bool ReadReply(COsThread& a_osthread, char* a_szReply, OsCollectorIdentity& a_oscollectoridentity)
+{
+    const uint64_t u64End = PlatTicks() + g_u64ReplyTimeout;
+    uint64_t u64Now = PlatTicks();
+    for (size_t sizetReply = 0; sizetReply < OS_LC_DOCUMENTSIZE - 1 && u64Now < u64End; u64Now = PlatTicks())
+    {
+        size_t sizetRead = 0;
+        if (a_osthread.ChildRead(a_szReply + sizetReply, OS_LC_DOCUMENTSIZE - 1 - sizetReply, &sizetRead, true,
+                                 static_cast<uint32_t>(u64End - u64Now)) != EOSSTS_SUCCESS)
+            return false;
+        sizetReply += sizetRead;
+        a_szReply[sizetReply] = '\0';
+        if (std::strstr(a_szReply, OS_LC_REPLYEND))
+            return TakeReply(a_szReply, a_oscollectoridentity);
+    }
+    return false;
+}
+
+// The collector runs on when the object that started it has gone.
+static bool StartAndAsk(const char* a_szProgram, OsCollectorIdentity& a_oscollectoridentity)
+{
+    char szArgument[256];
+    auto* const szReply = static_cast<char*>(OSMEMALLOC(OS_LC_DOCUMENTSIZE, OS_MEMFLAG_PAGES));
+    if (!szReply)
+        return false;
+    const ScopeGuard freeReply([szReply] { OSMEMFREE(szReply, OS_MEMFLAG_PAGES); });
+    COsThread osthread;
+    return OsLcBuildStartArgument(szArgument, sizeof szArgument, a_oscollectoridentity.u64ProcessIdApplication) ==
+               EOSSTS_SUCCESS &&
+           osthread.Spawn(g_u32SpawnFlags, a_szProgram, a_szProgram, {szArgument}) == EOSSTS_SUCCESS &&
+           ReadReply(osthread, szReply, a_oscollectoridentity);
+}
+
+// ----------------------------------------------------------------------------------------------------- the start
+
+bool LogCollectorStartCollector()
+{
+    char szProgram[OS_PATHSIZE];
+    if (OsLogGetState() == OS_LOGSTATE_OFF)
+        return false;
+    if (!IsWanted())
+        return true;
+    if (OsLcIsCollectorProgram() || OsLcIsServicesSession() ||
+        OsCfgGetPath(OS_PATH_READABLE_FILE_LOGCOLLECTOREXE, szProgram, sizeof szProgram) != EOSSTS_SUCCESS ||
+        !OsFileExists(szProgram, true))
+        return false;
+    if (HasCollector())
+        return true;
+
+    OsCollectorIdentity oscollectoridentity{};
+    oscollectoridentity.u64ProcessIdApplication = PlatProcessId();
+    if (!StartAndAsk(szProgram, oscollectoridentity))
+        return false;
+    OsArgumentsSetCollector(oscollectoridentity);
+    OsArgumentsUpdateCollector();
+    OsArgumentsPublish(true);
+    OsArgumentsPublish(false);
+    return true;
+}

@@ -1,0 +1,270 @@
+// collector_client_test.cpp: the application's side of the collector: starting one, connecting to it, and what is left
+// in the log when one of the two is killed.
+#include "collector_support.h"
+#include "log_support.h"
+
+#include "os_cosarguments.h"
+#include "os_coscfg.h"
+#include "os_coslogcollector.h"
+#include "os_coslogcollector_protocol.h"
+#include "os_cosmem.h"
+#include "os_cossocket.h"
+#include "os_costhread.h"
+
+#include <csignal>
+#include <sys/wait.h>
+#include <thread>
+#include <unistd.h>
+
+namespace fs = std::filesystem;
+
+class CollectorClient : public LoggerTest
+{
+protected:
+    CollectorClient()
+    {
+        OsCfgCommonInstall();
+        OsArgumentsSetServicesOwner(true);
+        OsLogSetState(OS_LOGSTATE_ALLOW);
+        char szPath[OS_PATHSIZE] = "";
+        OsCfgGetPath(OS_PATH_READABLE_FILE_COMMON_CONSTINI, szPath, sizeof szPath);
+        std::replace(szPath, szPath + sizeof szPath, '\\', '/');
+        m_pathProgram = fs::path(szPath).replace_filename("logcollector");
+        fs::create_directories(m_pathProgram.parent_path());
+    }
+
+    void InstallScript(const std::string& a_strScript) const
+    {
+        WriteWhole(m_pathProgram, "#!/bin/sh\n" + a_strScript + "\n");
+        fs::permissions(m_pathProgram, fs::perms::owner_all);
+    }
+
+    // The real collector, started as the start of the library does it, and a logger that uses it.
+    void BeginCollected()
+    {
+        fs::create_symlink(ProgramPath("logcollector"), m_pathProgram);
+        ASSERT_TRUE(LogCollectorStartCollector());
+        m_plathandleCollector = PlatProcessOpen(OsArgumentsCollector().u64ProcessIdCollector);
+        Begin();
+        ASSERT_TRUE(m_uniqueLog->UsesCollector());
+    }
+    void WaitForCollectorsEnd()
+    {
+        EXPECT_EQ(PlatWaitAny(&m_plathandleCollector, 1, 20000), 0u);
+        PlatClose(m_plathandleCollector);
+    }
+
+    COsMem m_osmem;
+    fs::path m_pathProgram;
+    PlatHandle m_plathandleCollector = PLAT_INVALID;
+};
+
+// ------------------------------------------------------------------------------------------------- the start
+
+TEST_F(CollectorClient, OnlyAWholeReplyOnStandardOutputMakesACollectorAndNoneTakesLong)
+{
+    const struct
+    {
+        std::string strScript;
+        int32_t i32Port;   // 0: no collector
+    } arow[] = {
+        {"exit 0", 0},
+        {"echo rubbish", 0},
+        {"exec yes", 0},
+        {"echo '<lc><lcport>5000</lcport><lcpidlc>77</lcpidlc></lc>' >&2; exec cat", 0},
+        {"echo '<lc><port>abort</port></lc>'; exec cat", 0},
+        {"echo '<lc><lcport>0</lcport><lcpidlc>77</lcpidlc></lc>'; exec cat", 0},
+        {"echo '<lc><lcport>65536</lcport><lcpidlc>77</lcpidlc></lc>'; exec cat", 0},
+        {"echo '<lc><lcport>-1</lcport><lcpidlc>77</lcpidlc></lc>'; exec cat", 0},
+        {"printf '<lc><lcport>50'; echo noise >&2; sleep 0.1; printf '00</lcport><lcpidlc>77</lcpidlc></l';"
+         "sleep 0.1; printf 'c>'; exec cat",
+         5000},
+    };
+    WriteWhole(m_pathProgram, "no program");
+    EXPECT_FALSE(LogCollectorStartCollector()) << "a file that cannot be run";
+    for (const auto& row : arow)
+    {
+        InstallScript(row.strScript);
+        const uint64_t u64Begin = PlatTicks();
+        EXPECT_EQ(LogCollectorStartCollector(), row.i32Port != 0) << row.strScript;
+        EXPECT_LT(PlatTicks() - u64Begin, 11000u) << row.strScript;
+        EXPECT_EQ(OsArgumentsCollector().i32Port, row.i32Port) << row.strScript;
+        EXPECT_EQ(OsArgumentsCollector().u64ProcessIdApplication, row.i32Port ? PlatProcessId() : 0);
+    }
+    InstallScript("exit 0");
+    EXPECT_TRUE(LogCollectorStartCollector()) << "there is one already";
+    EXPECT_EQ(OsArgumentsCollector().u64ProcessIdCollector, 77u);
+}
+
+TEST_F(CollectorClient, ACollectorThatIsNotWantedIsNotStarted)
+{
+    InstallScript("echo '<lc><lcport>5000</lcport><lcpidlc>77</lcpidlc></lc>'");
+    setenv("MVR_LOGCOLLECTORXMLOVERRIDE", "off", 1);
+    EXPECT_TRUE(LogCollectorStartCollector());
+    EXPECT_EQ(OsArgumentsCollector().i32Port, 0);
+}
+
+// ------------------------------------------------------------------------------------------------ the stream
+
+TEST_F(CollectorClient, TheApplicationEndsItsCollectorAndLeavesNoTraceOfThatInItsLog)
+{
+    BeginCollected();
+    Log(OS_LOG_NOTE, "collected");
+    m_uniqueLog.reset();
+    WaitForCollectorsEnd();
+    EXPECT_EQ(Messages(), (Texts{"first", "collected"}));
+    EXPECT_EQ(Lines()[0].substr(Lines()[0].find("logcollector=")), "logcollector=true");
+}
+
+TEST_F(CollectorClient, AKilledProcessHasAllThatItLoggedInTheCollectedFile)
+{
+    BeginCollected();
+    const pid_t pid = fork();
+    if (pid == 0)
+    {
+        const std::string strLog = PathOf("child.log");
+        COsLog oslog({});
+        oslog.Start(strLog.c_str(), 0, "");
+        for (int i = 0; i < 1000; ++i)
+            Log(OS_LOG_NOTE, std::to_string(i));
+        raise(SIGKILL);
+    }
+    EXPECT_EQ(waitpid(pid, nullptr, 0), pid);
+    m_uniqueLog.reset();
+    WaitForCollectorsEnd();
+    const Texts texts = MessagesOf(PathOf("child.log"));
+    ASSERT_EQ(texts.size(), 1000u);
+    EXPECT_EQ(texts.back(), "999");
+}
+
+// What the threads logged, as it stands in the file. A thread's numbers go up by one, but for the lines that the dead
+// collector had not written yet; those are one gap at most, and only one line can have been cut.
+TEST_F(CollectorClient, EveryLineFromTheFailingOneOnIsInTheFileOfAProcessWhoseCollectorWasKilled)
+{
+    static constexpr size_t sizetThreads = 4, sizetHeaderLines = 7;
+    BeginCollected();
+    std::atomic<bool> blStop = false;
+    std::atomic<size_t> asizetLogged[sizetThreads] = {};
+    std::vector<std::thread> vecthread;
+    for (size_t sizetThread = 0; sizetThread < sizetThreads; ++sizetThread)
+    {
+        vecthread.emplace_back([&, sizetThread] {
+            while (!blStop)
+                Log(OS_LOG_NOTE, std::to_string(sizetThread) + " " + std::to_string(++asizetLogged[sizetThread]) + ".");
+        });
+    }
+    EXPECT_TRUE(WaitFor([&] { return SizeOf("a.log") > 300000; }));
+    EXPECT_TRUE(PlatProcessTerminate(m_plathandleCollector, 1));
+    EXPECT_TRUE(WaitFor([&] { return !m_uniqueLog->UsesCollector(); }));
+    for (const std::atomic<size_t>& sizetLogged : asizetLogged)
+    {
+        const size_t sizetBefore = sizetLogged;
+        EXPECT_TRUE(WaitFor([&] { return sizetLogged > sizetBefore + 100; }));
+    }
+    blStop = true;
+    for (std::thread& thread : vecthread)
+        thread.join();
+    m_uniqueLog.reset();
+    WaitForCollectorsEnd();
+
+    size_t asizetLast[sizetThreads] = {};
+    size_t sizetOther = 0, sizetLost = 0, sizetGaps = 0;
+    for (const std::string& strLine : Lines())
+    {
+        size_t sizetThread = sizetThreads, sizetNumber = 0;
+        char chEnd = '\0';
+        const size_t sizetMessage = strLine.find(" V. ");
+        if (sizetMessage != std::string::npos)
+            sscanf(strLine.c_str() + sizetMessage, " V. %zu %zu%c", &sizetThread, &sizetNumber, &chEnd);
+        if (chEnd != '.' || sizetThread >= sizetThreads)
+        {
+            sizetOther += 1;
+            continue;
+        }
+        EXPECT_GT(sizetNumber, asizetLast[sizetThread]) << "doubled, or in the wrong place: " << strLine;
+        sizetLost += sizetNumber - asizetLast[sizetThread] - 1;
+        sizetGaps += sizetNumber != asizetLast[sizetThread] + 1;
+        asizetLast[sizetThread] = sizetNumber;
+    }
+    for (size_t sizetThread = 0; sizetThread < sizetThreads; ++sizetThread)
+        EXPECT_EQ(asizetLast[sizetThread], asizetLogged[sizetThread]);
+    EXPECT_LE(sizetGaps, sizetThreads);
+    EXPECT_LE(sizetOther, sizetHeaderLines + 1);
+    printf("%zu lines were on their way to the collector\n", sizetLost);
+}
+
+TEST_F(CollectorClient, WhatAKilledCollectorWroteInPartIsEndedBeforeTheNextLine)
+{
+    OsArgumentsSetCollector({FreePort(), PlatProcessId(), 0});
+    COsSocket ossocketListen, ossocketStream;
+    const std::string strPort = std::to_string(OsArgumentsCollector().i32Port);
+    ASSERT_EQ(ossocketListen.SocketCreate("127.0.0.1", strPort.c_str(), "", nullptr), EOSSTS_SUCCESS);
+    ASSERT_EQ(ossocketListen.SocketListen(), EOSSTS_SUCCESS);
+    Begin();
+    ASSERT_EQ(ossocketStream.SocketCreate("127.0.0.1", strPort.c_str(), "", &ossocketListen), EOSSTS_SUCCESS);
+    ASSERT_EQ(ossocketStream.SocketAccept(nullptr), EOSSTS_SUCCESS);
+    char szPiece[1024] = "";
+    size_t sizetRead = 0;
+    EXPECT_EQ(ossocketStream.SocketRead({.pvBuffer = szPiece, .sizetBuffer = Header(m_strLog).size()}, &sizetRead),
+              EOSSTS_SUCCESS);
+    EXPECT_EQ(szPiece, Header(m_strLog));
+
+    WriteWhole(m_strLog, "part of a li");
+    ossocketStream.SocketDisconnect(false);
+    Log(OS_LOG_NOTE, "next");
+    EXPECT_EQ(Lines()[0], "part of a li");
+    EXPECT_TRUE(Lines()[1].ends_with(" V. next"));
+}
+
+// ------------------------------------------------------------------------------------------- a shared collector
+
+TEST_F(CollectorClient, ASharedCollectorIsFoundByItsAnnouncementAndAStaleOneIsDeleted)
+{
+    setenv("MVR_LOGCOLLECTOR", std::to_string(FreePort()).c_str(), 1);
+    COsThread osthread;
+    const std::string strProgram = ProgramPath("shared_collector");
+    ASSERT_EQ(osthread.Spawn(OS_SPAWNFLAGS_PIPES, strProgram.c_str(), ""), EOSSTS_SUCCESS);
+    char szAnnouncement[OS_PATHSIZE] = "";
+    size_t sizetRead = 0;
+    ASSERT_EQ(osthread.ChildRead(szAnnouncement, sizeof szAnnouncement - 1, &sizetRead, true), EOSSTS_SUCCESS);
+    FakeConfiguration fakeconfiguration;
+    const std::string strFolder = std::string(szAnnouncement, std::string_view(szAnnouncement).rfind('\\'));
+    fakeconfiguration.Set(OS_CFGTAG_ROOTCOMMONDIRECTORYLEGACY, strFolder);
+
+    COsLogCollector oslogcollector(OS_COLLECTORMODE_SHAREDCLIENT, m_strLog.c_str());
+    EXPECT_TRUE(WaitFor([&] { return oslogcollector.Start(m_strLog.c_str(), true) == EOSSTS_SUCCESS; }));
+    EXPECT_EQ(oslogcollector.ClientWrite("shared\r\n", 8), EOSSTS_SUCCESS);
+    EXPECT_TRUE(WaitFor([&] { return ReadWhole(m_strLog) == "shared\r\n"; }));
+
+    EXPECT_TRUE(PlatProcessTerminate(osthread.ChildProcess(), 1));
+    EXPECT_TRUE(WaitFor([&] { return !osthread.ChildIsRunning(); }));
+    EXPECT_EQ(oslogcollector.ClientWrite("lost\r\n", 6), EOSSTS_DISCONNECTED);
+    COsLogCollector oslogcollectorLate(OS_COLLECTORMODE_SHAREDCLIENT, m_strLog.c_str());
+    EXPECT_EQ(oslogcollectorLate.Start(m_strLog.c_str(), true), EOSSTS_BUSY);
+    EXPECT_EQ(oslogcollectorLate.Start(m_strLog.c_str(), true), EOSSTS_FAIL);
+}
+
+// A program of the family that has "logcollector" in its path uses no collector. Where this one has, a copy in another
+// folder does its work.
+int main(int a_iArguments, char** a_aszArgument)
+{
+    const fs::path pathProgram = fs::read_symlink("/proc/self/exe");
+    if (pathProgram.string().find("logcollector") == std::string::npos)
+    {
+        testing::InitGoogleTest(&a_iArguments, a_aszArgument);
+        return RUN_ALL_TESTS();
+    }
+    std::string strFolder = (fs::temp_directory_path() / "ost.XXXXXX").string();
+    const fs::path pathCopy = fs::path(mkdtemp(strFolder.data())) / "test";
+    fs::copy_file(pathProgram, pathCopy);
+    int iStatus = 0;
+    const pid_t pid = fork();
+    if (pid == 0)
+    {
+        execv(pathCopy.c_str(), a_aszArgument);
+        _exit(1);
+    }
+    waitpid(pid, &iStatus, 0);
+    fs::remove_all(strFolder);
+    return WIFEXITED(iStatus) ? WEXITSTATUS(iStatus) : 1;
+}
