@@ -9,6 +9,31 @@
 #include "os_cosfile_paths.h"
 #include "os_cosfile_system.h"
 
+#include <functional>
+
+// A logger that is led back to where its line comes from.
+class CallingSink final : public COsLogSink
+{
+public:
+    explicit CallingSink(std::function<void()> a_function)
+        : m_function(std::move(a_function)), m_poslogsink(g_poslogsink.exchange(this))
+    {
+    }
+    ~CallingSink() { g_poslogsink.store(m_poslogsink); }
+    void VPrintf(const char*, uint32_t, uint32_t, const char*, va_list) override
+    {
+        if (m_iDepth++ == 0)
+            m_function();
+        --m_iDepth;
+    }
+    uint32_t WorkingWord() const override { return 0; }
+
+private:
+    std::function<void()> m_function;
+    COsLogSink* m_poslogsink;
+    int m_iDepth = 0;
+};
+
 class ConfigurationTest : public FolderTest
 {
 protected:
@@ -46,5 +71,10 @@ protected:
     static std::string Tag(COsCfg& a_poscfg, EOSCFGTAG a_eoscfgtag)
     {
         return a_poscfg.GetString(OS_CFGSECTION_DSIDENTITY, a_eoscfgtag);
+    }
+    static void ExpectTags(COsCfg& a_oscfg, std::initializer_list<std::pair<EOSCFGTAG, std::string>> a_list)
+    {
+        for (const auto& [eoscfgtag, strValue] : a_list)
+            EXPECT_EQ(Tag(a_oscfg, eoscfgtag), strValue) << OsCfgTagName(eoscfgtag);
     }
 };

