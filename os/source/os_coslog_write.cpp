@@ -160,7 +160,7 @@ static void EndTornLine(const char* a_szLogFile)
             EOSSTS_SUCCESS &&
         osfile.Seek(OS_FILESEEK_END, -1) == EOSSTS_SUCCESS && osfile.Read(&chLast, 1, nullptr) == EOSSTS_SUCCESS &&
         chLast != '\n')
-        osfile.Append("\r\n", 2);
+        chLast == '\r' ? osfile.Append("\n", 1) : osfile.Append("\r\n", 2);
 }
 
 // A line whose sending timed out counts as delivered. Of one that could not be sent the collector may have got a part:

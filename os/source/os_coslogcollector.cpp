@@ -107,6 +107,7 @@ COsLogCollectorImpl::COsLogCollectorImpl(CollectorMode a_collectormode, const ch
       m_poslnk(nullptr),
       m_possocketClient(nullptr),
       m_blLost(false),
+      m_u64Written(0),
       m_posfileFlush(nullptr),
       m_blListening(false),
       m_blStraggler(false)

@@ -20,6 +20,8 @@ static constexpr size_t g_sizetAnnouncementMost = 1024;
 // A collector that takes nothing for so long is given up: its clients must not stand still for ever.
 static constexpr uint32_t g_u32ClientTimeout = 5000;
 
+static constexpr uint32_t g_u32WrittenTimeout = 500;
+
 // ------------------------------------------------------------------------------------------------------- start
 
 // What it logs on its way would come back to a client that is not ready.
@@ -38,7 +40,7 @@ EOSSTS COsLogCollectorImpl::StartClient(const char* a_szLogFile)
         if (eossts == EOSSTS_SUCCESS)
             eossts = Connect();
         if (eossts == EOSSTS_SUCCESS)
-            eossts = SendHeader(a_szLogFile ? a_szLogFile : m_szLogFile);
+            eossts = SendHeader(a_szLogFile);
         if (eossts != EOSSTS_SUCCESS)
             return eossts;
     }
@@ -92,14 +94,27 @@ EOSSTS COsLogCollectorImpl::Connect()
     return EOSSTS_FAIL;
 }
 
+static uint64_t SizeOf(const char* a_szLogFile)
+{
+    OsFileInfo osfileinfo;
+    const bool blThere = OsFileGetInfo(a_szLogFile, &osfileinfo) == EOSSTS_SUCCESS;
+    return blThere ? osfileinfo.u64Size : 0;
+}
+
 // A refused connection shows here. Without its whole header a stream is worth nothing: the first lines would count as
 // the header, and be lost.
 EOSSTS COsLogCollectorImpl::SendHeader(const char* a_szLogFile)
 {
     char szHeader[OS_LC_HEADERSIZE];
-    if (OsLcBuildHeader(szHeader, sizeof szHeader, a_szLogFile) == EOSSTS_SUCCESS &&
+    if (a_szLogFile)
+        SStrCpy(m_szLogFile, sizeof m_szLogFile, a_szLogFile);
+    const uint64_t u64Size = SizeOf(m_szLogFile);
+    if (OsLcBuildHeader(szHeader, sizeof szHeader, m_szLogFile) == EOSSTS_SUCCESS &&
         ClientWrite(szHeader, std::strlen(szHeader)) == EOSSTS_SUCCESS)
+    {
+        m_u64Written = u64Size;
         return EOSSTS_SUCCESS;
+    }
     OSMEMDELETE(m_possocketClient);
     return EOSSTS_FAIL;
 }
@@ -134,10 +149,19 @@ EOSSTS COsLogCollectorImpl::ClientWrite(const void* a_pvBuffer, size_t a_sizetBy
         {
             writeargs.pvBuffer = static_cast<const char*>(writeargs.pvBuffer) + sizetWritten;
             writeargs.sizetBuffer -= sizetWritten;
+            m_u64Written += sizetWritten;
             continue;
         }
         m_blLost = true;
         return eossts == EOSSTS_SUCCESS ? EOSSTS_DISCONNECTED : eossts;
     }
     return EOSSTS_SUCCESS;
+}
+
+// A collector says nothing of what it has done, but the file does. Nobody waits long for a file that does not grow:
+// it may have been deleted.
+void COsLogCollectorImpl::WaitUntilWritten() const
+{
+    for (uint32_t u32Step = 0; u32Step < g_u32WrittenTimeout && SizeOf(m_szLogFile) < m_u64Written; ++u32Step)
+        PlatSleep(1);
 }

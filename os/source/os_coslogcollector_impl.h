@@ -117,6 +117,7 @@ private:
     EOSSTS FindShared();
     EOSSTS Connect();
     EOSSTS SendHeader(const char* a_szLogFile);
+    void WaitUntilWritten() const;
 
     // Stop.
     void StopAccepting();
@@ -140,7 +141,8 @@ private:
     COsLnk* m_poslnk;                                             // of LogCollectorRecord
     COsSocket* m_possocketClient;                                 // roles 1 and 3
     bool m_blLost;                                                // a send of the client failed
-    COsFile* m_posfileFlush;                                      // whose monitor watches the command file
+    uint64_t m_u64Written;     // the size of its log file once all that it sent is there, if nobody else writes
+    COsFile* m_posfileFlush;   // whose monitor watches the command file
     COsLogOpenFiles m_oslogopenfiles;
     bool m_blListening;   // a private collector, whose listener is there before its accept thread
     bool m_blStraggler;

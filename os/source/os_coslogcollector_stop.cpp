@@ -104,15 +104,15 @@ void COsLogCollectorImpl::FreeRecords()
 // -------------------------------------------------------------------------------------------------- the client
 
 // Only the process that owns the services of its application tells the collector that the application is done. The
-// marker must arrive as a read of its own: hence the pauses before and after it. A lost connection gets none, and
-// nobody waits for its other end.
+// marker must arrive as a read of its own: it is sent when all that came before has been read, and a pause follows. A
+// lost connection gets none, and nobody waits for its other end.
 void COsLogCollectorImpl::DisconnectClient()
 {
     if (!m_possocketClient)
         return;
     if (!m_blLost && OsArgumentsIsServicesOwner() && m_collectormode == OS_COLLECTORMODE_PRIVATECLIENT)
     {
-        PlatSleep(g_u32MarkerPause);
+        WaitUntilWritten();
         ClientWrite(OS_LC_ENDMARKER, std::strlen(OS_LC_ENDMARKER));
         PlatSleep(g_u32MarkerPause);
     }
