@@ -78,6 +78,10 @@ bool PlatFileFlush(PlatHandle a_plathandle);    // to the disk
 bool PlatFileLock(PlatHandle a_plathandle, uint64_t a_u64Offset, uint64_t a_u64Length);
 bool PlatFileUnlock(PlatHandle a_plathandle, uint64_t a_u64Offset, uint64_t a_u64Length);
 
+// The same for bytes that the caller knows to be locked by this handle, without the proof that they are: the proof
+// costs many times what the lock does.
+bool PlatFileUnlockHeld(PlatHandle a_plathandle, uint64_t a_u64Offset, uint64_t a_u64Length);
+
 enum PlatEntry : uint32_t
 {
     PLAT_ENTRY_FOLDER = 1,

@@ -107,6 +107,10 @@ void* OsMemSharedAlloc(EOSSHAREDALLOC a_eossharedalloc, const char* a_szName, ui
 // EOSSTS_NOTLOCKED when another does, EOSSTS_FAIL for what is no mapping.
 EOSSTS OsMemSharedLock(void* a_pvView, const char* a_szFile, uint32_t a_u32Line);
 EOSSTS OsMemSharedUnlock(void* a_pvView, const char* a_szFile, uint32_t a_u32Line);
+
+// How many bytes of a view can be touched: less than it has when somebody has cut its file since, 0 for what is no
+// view. To touch what has been cut off ends the process.
+uint64_t OsMemSharedSize(void* a_pvView, const char* a_szFile, uint32_t a_u32Line);
 EOSSTS OsMemSharedFlush(void* a_pvView, const char* a_szFile, uint32_t a_u32Line);
 
 // Moves a view to another offset, rounded down to the system's granularity, so that it holds the a_sizetSize bytes

@@ -90,6 +90,7 @@ public:
     void* SharedAlloc(const OsMemSharedRequest& a_osmemsharedrequest, const OsMemCaller& a_osmemcaller);
     EOSSTS SharedLock(void* a_pvView, const OsMemCaller& a_osmemcaller);
     EOSSTS SharedUnlock(void* a_pvView, const OsMemCaller& a_osmemcaller);
+    uint64_t SharedSize(void* a_pvView, const OsMemCaller& a_osmemcaller);
     EOSSTS SharedFlush(void* a_pvView, const OsMemCaller& a_osmemcaller);
     void* SharedRemap(void* a_pvView, uint64_t a_u64Offset, size_t a_sizetSize, const OsMemCaller& a_osmemcaller);
 

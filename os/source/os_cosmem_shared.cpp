@@ -11,6 +11,7 @@
 #include "plat_file.h"
 #include "plat_memory.h"
 
+#include <algorithm>
 #include <iterator>
 
 static constexpr char g_szSource[] = "os/source/os_cosmem";
@@ -125,6 +126,12 @@ bool COsMemImpl::WithMapping(const void* a_pvView, const OsMemCaller& a_osmemcal
     return false;
 }
 
+// What the views of a record are views of.
+static PlatHandle MemoryOf(const OsMemRecord& a_osmemrecord)
+{
+    return a_osmemrecord.plathandleMapping ? a_osmemrecord.plathandleMapping : a_osmemrecord.plathandleFile;
+}
+
 EOSSTS COsMemImpl::SharedLock(void* a_pvView, const OsMemCaller& a_osmemcaller)
 {
     bool blHeld = false;
@@ -144,10 +151,22 @@ EOSSTS COsMemImpl::SharedUnlock(void* a_pvView, const OsMemCaller& a_osmemcaller
     const bool blMapping = WithMapping(a_pvView, a_osmemcaller, [&](uint32_t a_u32Slot) {
         OsMemRecord& osmemrecord = m_aosmemrecord[a_u32Slot];
         if (osmemrecord.u32Lock != 0)
-            PlatFileUnlock(osmemrecord.plathandleFile, 0, 1);
+            PlatFileUnlockHeld(osmemrecord.plathandleFile, 0, 1);
         osmemrecord.u32Lock = 0;
     });
     return blMapping ? EOSSTS_SUCCESS : EOSSTS_FAIL;
+}
+
+uint64_t COsMemImpl::SharedSize(void* a_pvView, const OsMemCaller& a_osmemcaller)
+{
+    uint64_t u64Size = 0;
+    WithMapping(a_pvView, a_osmemcaller, [&](uint32_t a_u32Slot) {
+        const OsMemRecord& osmemrecord = m_aosmemrecord[a_u32Slot];
+        uint64_t u64Length = 0;
+        if (PlatFileSize(MemoryOf(osmemrecord), &u64Length) && u64Length > osmemrecord.u64Offset)
+            u64Size = std::min(osmemrecord.u64View, u64Length - osmemrecord.u64Offset);
+    });
+    return u64Size;
 }
 
 EOSSTS COsMemImpl::SharedFlush(void* a_pvView, const OsMemCaller& a_osmemcaller)
@@ -165,8 +184,7 @@ EOSSTS COsMemImpl::SharedFlush(void* a_pvView, const OsMemCaller& a_osmemcaller)
 static void* MapPart(const OsMemRecord& a_osmemrecord, uint64_t a_u64Offset, size_t a_sizetSize,
                      OsMemRecord* a_posmemrecordNew)
 {
-    const PlatHandle plathandle =
-        a_osmemrecord.plathandleMapping ? a_osmemrecord.plathandleMapping : a_osmemrecord.plathandleFile;
+    const PlatHandle plathandle = MemoryOf(a_osmemrecord);
     uint64_t u64Length = 0;
     if (!PlatFileSize(plathandle, &u64Length) || a_u64Offset > u64Length)
     {
@@ -260,6 +278,12 @@ EOSSTS OsMemSharedUnlock(void* a_pvView, const char* a_szFile, uint32_t a_u32Lin
 {
     COsMemImpl* const posmemimpl = UsableManager();
     return posmemimpl ? posmemimpl->SharedUnlock(a_pvView, {a_szFile, a_u32Line}) : EOSSTS_FAIL;
+}
+
+uint64_t OsMemSharedSize(void* a_pvView, const char* a_szFile, uint32_t a_u32Line)
+{
+    COsMemImpl* const posmemimpl = UsableManager();
+    return posmemimpl ? posmemimpl->SharedSize(a_pvView, {a_szFile, a_u32Line}) : 0;
 }
 
 EOSSTS OsMemSharedFlush(void* a_pvView, const char* a_szFile, uint32_t a_u32Line)

@@ -3,6 +3,7 @@
 #include "os_cosenv.h"
 #include "os_coslocale.h"
 #include "os_cossocket_impl.h"
+#include "os_cossocket_shared_impl.h"
 #include "os_cosspinlock.h"
 #include "os_cosstring.h"
 #include "os_new.h"
@@ -192,6 +193,9 @@ EOSSTS COsSocket::SocketResolveHost(const char* a_szHost, char* a_szAddress)
 
 // Construction.
 
+SocketState::SocketState() = default;
+SocketState::~SocketState() = default;
+
 bool COsSocketImpl::Initialize()
 {
     m_psocketstate.reset(new (std::nothrow) SocketState);
@@ -223,7 +227,9 @@ EOSSTS COsSocketImpl::Unsupported() const
 // An object that is used again without having been disconnected lets go of what it has.
 void COsSocketImpl::ReleaseLeftovers()
 {
-    if (m_psocketstate->plathandleConnected != PLAT_INVALID || m_psocketstate->psocketlistener)
+    const SocketShared* const psocketshared = m_psocketstate->psocketshared.get();
+    if (m_psocketstate->plathandleConnected != PLAT_INVALID || m_psocketstate->psocketlistener ||
+        (psocketshared && psocketshared->IsAttached()))
         Disconnect(false);
 }
 
@@ -374,8 +380,26 @@ EOSSTS COsSocketImpl::Listen()
 
 EOSSTS COsSocketImpl::Accept(COsSync* a_possyncStop)
 {
-    if (Type() != OS_SOCKETTYPE_TCP)
-        return Unsupported();
+    if (Type() == OS_SOCKETTYPE_TCP)
+        return AcceptTcp(a_possyncStop);
+    return OsSocketIsShared(Type()) ? AcceptShared() : Unsupported();
+}
+
+// The stop event belongs to the transport that has a listener.
+EOSSTS COsSocketImpl::AcceptShared()
+{
+    ScopeGuard disconnectOnFailure([this] { Disconnect(false); });
+    const SocketOperation socketoperation(*m_psocketstate);
+    const EOSSTS eossts =
+        socketoperation.Entered() ? m_psocketstate->psocketshared->AwaitConnector(Type()) : EOSSTS_NOTOPEN;
+    if (eossts == EOSSTS_SUCCESS && !m_psocketstate->psocketshared->WatchConnector(Type()))
+        return EOSSTS_FAIL;
+    disconnectOnFailure.Dismiss();
+    return eossts;
+}
+
+EOSSTS COsSocketImpl::AcceptTcp(COsSync* a_possyncStop)
+{
     const SocketOperation socketoperation(*m_psocketstate);
     const PlatHandle plathandleListening = socketoperation.Listening();
     if (plathandleListening == PLAT_INVALID)
@@ -446,6 +470,14 @@ void COsSocketImpl::ForgetListener()
 
 EOSSTS COsSocketImpl::GetInfo(char* a_szHost, char* a_szPort) const
 {
+    if (const SocketTransport* const psockettransport = OsSocketTransportOfType(Type()))
+    {
+        if (a_szHost)
+            SStrCpy(a_szHost, OS_SOCKETHOSTSIZE, psockettransport->szHost);
+        if (a_szPort)
+            OsSocketTellChannels(Type(), m_psocketstate->psocketshared->m_socketchannelnames, a_szPort);
+        return EOSSTS_SUCCESS;
+    }
     if (Type() != OS_SOCKETTYPE_TCP)
         return Unsupported();
     if (a_szHost)

@@ -1,6 +1,7 @@
 // os_cossocket_connect.cpp: the choice of the transport, and connecting.
 #include "os_cfg.h"
 #include "os_cossocket_impl.h"
+#include "os_cossocket_shared_impl.h"
 #include "os_cosstring.h"
 #include "os_scope.h"
 
@@ -18,58 +19,29 @@ static constexpr uint32_t OS_CONNECTRESULT_CANCEL = 0;
 static constexpr uint32_t OS_CONNECTRESULT_ENDED = 1;
 static constexpr uint32_t OS_CONNECTRESULT_EXITED = 2;
 
-namespace
-{
-
-// The types that a transport host stands for.
-struct SocketTransport
-{
-    const char* szHost;
-    EOSSOCKETTYPE eossockettypeWrite;
-    EOSSOCKETTYPE eossockettypeRead;
-    EOSSOCKETTYPE eossockettypeReadWrite;
-};
-
-}   // namespace
-
-static constexpr SocketTransport g_asockettransport[] = {
-    {"@SHAREDMEMORY", OS_SOCKETTYPE_SHAREDMEMORYW, OS_SOCKETTYPE_SHAREDMEMORYR, OS_SOCKETTYPE_SHAREDMEMORYRW},
-    {"@MESSAGEQUEUE", OS_SOCKETTYPE_MESSAGEQUEUEW, OS_SOCKETTYPE_MESSAGEQUEUER, OS_SOCKETTYPE_MESSAGEQUEUERW},
-};
-
-// A port with two channels goes both ways; one channel says by its name which way it goes.
-static EOSSOCKETTYPE TransportType(const SocketTransport& a_sockettransport, const char* a_szPort)
-{
-    if (std::strchr(a_szPort, ';'))
-        return a_sockettransport.eossockettypeReadWrite;
-    const char* szName = a_szPort;
-    for (const char* szRest = a_szPort; *szRest; ++szRest)
-    {
-        if (*szRest == '/' || *szRest == '\\')
-            szName = szRest + 1;
-    }
-    if (*szName == 'r')
-        return a_sockettransport.eossockettypeRead;
-    return *szName == 'w' ? a_sockettransport.eossockettypeWrite : OS_SOCKETTYPE_UNDEFINED;
-}
-
 // False (logged) when the port does not say what is meant.
-bool COsSocketImpl::ChooseType(const char* a_szHost, const char* a_szPort)
+bool COsSocketImpl::ChooseType(const char* a_szHost, const char* a_szPort, const char* a_szName)
 {
-    for (const SocketTransport& sockettransport : g_asockettransport)
-    {
-        if (std::strcmp(a_szHost, sockettransport.szHost) != 0)
-            continue;
-        const EOSSOCKETTYPE eossockettype = TransportType(sockettransport, a_szPort);
-        if (eossockettype == OS_SOCKETTYPE_UNDEFINED)
-        {
-            OSLOG(OS_LOG_ERROR, "bad port...<%s>", a_szPort);
-            return false;
-        }
-        m_psocketstate->eossockettype = eossockettype;
-        return true;
-    }
     m_psocketstate->eossockettype = OS_SOCKETTYPE_TCP;
+    const SocketTransport* const psockettransport = OsSocketTransportOfHost(a_szHost);
+    if (!psockettransport)
+        return true;
+    const EOSSOCKETTYPE eossockettype = OsSocketTransportType(*psockettransport, a_szPort);
+    if (eossockettype == OS_SOCKETTYPE_UNDEFINED)
+    {
+        OSLOG(OS_LOG_ERROR, "bad port...<%s>", a_szPort);
+        return false;
+    }
+    SocketState& socketstate = *m_psocketstate;
+    if (!socketstate.psocketshared)
+        socketstate.psocketshared.reset(new (std::nothrow) SocketShared);
+    if (!socketstate.psocketshared)
+    {
+        OSLOG(OS_LOG_CHECK, "OsMemNew failed...");
+        return false;
+    }
+    OsSocketNameChannels(eossockettype, a_szHost, a_szPort, a_szName, &socketstate.psocketshared->m_socketchannelnames);
+    socketstate.eossockettype = eossockettype;
     return true;
 }
 
@@ -77,26 +49,30 @@ EOSSTS COsSocketImpl::Connect(const COsSocket::ConnectArgs& a_connectargs)
 {
     const char* const szHost = a_connectargs.szHost ? a_connectargs.szHost : OS_LOOPBACK;
     const char* const szPort = a_connectargs.szPort ? a_connectargs.szPort : "";
-    OSLOG(OS_LOG_NOTE, "sock>>> <%s> <%s> <%s> %llu %d %d %d", a_connectargs.szName ? a_connectargs.szName : "",
-          Redact(a_connectargs.szHost), szPort, static_cast<unsigned long long>(a_connectargs.u64ProcessId),
-          static_cast<int>(a_connectargs.blSecure), static_cast<int>(a_connectargs.i32Timeout), 1);
+    const char* const szName = a_connectargs.szName ? a_connectargs.szName : "";
+    OSLOG(OS_LOG_NOTE, "sock>>> <%s> <%s> <%s> %llu %d %d %d", szName, Redact(a_connectargs.szHost), szPort,
+          static_cast<unsigned long long>(a_connectargs.u64ProcessId), static_cast<int>(a_connectargs.blSecure),
+          static_cast<int>(a_connectargs.i32Timeout), 1);
     ReleaseLeftovers();
     ScopeGuard disconnectOnFailure([this] { Disconnect(false); });
-    if (!ChooseType(szHost, szPort))
+    const SocketOperation socketoperation(*m_psocketstate);
+    if (!socketoperation.Entered() || !ChooseType(szHost, szPort, szName))
         return EOSSTS_FAIL;
-    if (Type() != OS_SOCKETTYPE_TCP)
+    const EOSSTS eossts = Type() == OS_SOCKETTYPE_TCP ? ConnectTcp(a_connectargs, szHost, szPort)
+                                                      : ConnectShared(a_connectargs.u64ProcessId);
+    if (eossts == EOSSTS_SUCCESS)
+        disconnectOnFailure.Dismiss();
+    return eossts;
+}
+
+EOSSTS COsSocketImpl::ConnectShared(uint64_t a_u64ProcessId)
+{
+    if (!OsSocketIsShared(Type()))
     {
         OSLOG(OS_LOG_ERROR, "Unsupported...%d", TypeNumber());
         return EOSSTS_FAIL;
     }
-
-    const SocketOperation socketoperation(*m_psocketstate);
-    if (!socketoperation.Entered())
-        return EOSSTS_FAIL;
-    const EOSSTS eossts = ConnectTcp(a_connectargs, szHost, szPort);
-    if (eossts == EOSSTS_SUCCESS)
-        disconnectOnFailure.Dismiss();
-    return eossts;
+    return m_psocketstate->psocketshared->Connect(Type(), a_u64ProcessId) ? EOSSTS_SUCCESS : EOSSTS_FAIL;
 }
 
 EOSSTS COsSocketImpl::ConnectTcp(const COsSocket::ConnectArgs& a_connectargs, const char* a_szHost,

@@ -5,6 +5,7 @@
 // os_cossocket_io.cpp        read, write, disconnect, and who may close while others work
 // os_cossocket_wait.cpp      the one wait of the TCP transport, and what cancels it
 // os_cossocket_debug.cpp     the side log and the data trace
+// os_cossocket_shared*       the shared-memory transport, a class of its own
 //
 // A transport has its own branch wherever an operation switches on the socket type; what no branch takes is answered
 // with "Unsupported...%d".
@@ -19,6 +20,8 @@
 #include <atomic>
 #include <memory>
 #include <optional>
+
+class SocketShared;
 
 inline constexpr char OS_LOOPBACK[] = "127.0.0.1";
 
@@ -60,6 +63,9 @@ struct SocketEvent
 // to the thread that reads, the one that writes, or the one that disconnects.
 struct SocketState
 {
+    SocketState();
+    ~SocketState();
+
     std::atomic<uint32_t> u32Operations{0};   // low half: all; high half: reads
     std::atomic<const void*> pvCloser{nullptr};
 
@@ -78,6 +84,8 @@ struct SocketState
     bool blOwnsListener = false;
     bool blSideLog = false;
     uint16_t u16Port = 0;
+    std::unique_ptr<SocketShared>
+        psocketshared;               // made by the first connect to a transport host, before the type is set
     PlatAddress plataddress{};       // bound address of a listener, else the peer
     char szHost[OS_PATHSIZE] = "";   // the address in use, dotted once it is resolved
 };
@@ -151,6 +159,8 @@ private:
     bool MakeListener(const char* a_szPort, bool* a_pblPort);
     bool BindListener(const PlatAddress& a_plataddress);
     bool CreateCancelEvent();
+    EOSSTS AcceptTcp(COsSync* a_possyncStop);
+    EOSSTS AcceptShared();
     EOSSTS WaitForConnection(COsSync* a_possyncStop);
     EOSSTS Adopt(PlatHandle a_plathandleConnected);
     void ForgetListener();
@@ -158,7 +168,8 @@ private:
     void LogAddress(uint32_t a_u32Level, const PlatAddress& a_plataddress) const;
 
     // Connect.
-    bool ChooseType(const char* a_szHost, const char* a_szPort);
+    bool ChooseType(const char* a_szHost, const char* a_szPort, const char* a_szName);
+    EOSSTS ConnectShared(uint64_t a_u64ProcessId);
     EOSSTS ConnectTcp(const COsSocket::ConnectArgs& a_connectargs, const char* a_szHost, const char* a_szPort);
     bool FindPeer();
     bool CreateConnectSocket(bool a_blNoDelay);
@@ -199,6 +210,7 @@ private:
     void RequestCancel();
     void ConsumeCancel();
     void CancelTcp();
+    void Wake();
 
     // The side log, for the calls of SOCKETSIDELOG.
     void SideLog(uint32_t a_u32Line, const char* a_szFormat, ...) const OS_PRINTFLIKE(3, 4);

@@ -1,6 +1,7 @@
 // os_cossocket_io.cpp: read, write, disconnect, and who may close while others work.
 #include "os_cfg.h"
 #include "os_cossocket_impl.h"
+#include "os_cossocket_shared_impl.h"
 #include "os_cosspinlock.h"
 
 #include "plat_system.h"
@@ -42,21 +43,6 @@ PlatHandle SocketOperation::Listening() const
 
 // Read.
 
-EOSSTS COsSocketImpl::Read(const COsSocket::ReadArgs& a_readargs, size_t* a_psizetRead)
-{
-    *a_psizetRead = 0;
-    const SocketOperation socketoperation(*m_psocketstate, SocketOperation::OS_OPERATION_READ);
-    if (Type() != OS_SOCKETTYPE_TCP)
-        return Unsupported();
-    const PlatHandle plathandle = socketoperation.Connected();
-    if (plathandle == PLAT_INVALID)
-    {
-        OSLOG(OS_LOG_ERROR, "sock>>> read: must open a socket first...");
-        return EOSSTS_NOTOPEN;
-    }
-    return ReadTcp(a_readargs, plathandle, a_psizetRead);
-}
-
 // Makes all of the buffer zero that holds no received bytes.
 static void ClearRest(const COsSocket::ReadArgs& a_readargs, size_t a_sizetReceived)
 {
@@ -65,6 +51,28 @@ static void ClearRest(const COsSocket::ReadArgs& a_readargs, size_t a_sizetRecei
         std::memset(static_cast<char*>(a_readargs.pvBuffer) + a_sizetReceived, 0, sizetDirty - a_sizetReceived);
     if (a_readargs.psizetDirty)
         *a_readargs.psizetDirty = a_sizetReceived;
+}
+
+EOSSTS COsSocketImpl::Read(const COsSocket::ReadArgs& a_readargs, size_t* a_psizetRead)
+{
+    *a_psizetRead = 0;
+    const SocketOperation socketoperation(*m_psocketstate, SocketOperation::OS_OPERATION_READ);
+    if (OsSocketReadsShared(Type()) && socketoperation.Entered())
+    {
+        const EOSSTS eossts = m_psocketstate->psocketshared->Read(a_readargs, a_psizetRead);
+        if (eossts == EOSSTS_SUCCESS)
+            ClearRest(a_readargs, *a_psizetRead);
+        return eossts;
+    }
+    if (Type() != OS_SOCKETTYPE_TCP && !OsSocketReadsShared(Type()))
+        return Unsupported();
+    const PlatHandle plathandle = socketoperation.Connected();
+    if (plathandle == PLAT_INVALID)
+    {
+        OSLOG(OS_LOG_ERROR, "sock>>> read: must open a socket first...");
+        return EOSSTS_NOTOPEN;
+    }
+    return ReadTcp(a_readargs, plathandle, a_psizetRead);
 }
 
 // Takes what has arrived. False, with the buffer untouched, when there is nothing to take.
@@ -177,7 +185,9 @@ EOSSTS COsSocketImpl::Write(const COsSocket::WriteArgs& a_writeargs, size_t* a_p
     size_t& sizetResult = a_psizetWritten ? *a_psizetWritten : sizetWritten;
     sizetResult = 0;
     const SocketOperation socketoperation(*m_psocketstate);
-    if (Type() != OS_SOCKETTYPE_TCP)
+    if (OsSocketWritesShared(Type()) && socketoperation.Entered())
+        return m_psocketstate->psocketshared->Write(a_writeargs, &sizetResult);
+    if (Type() != OS_SOCKETTYPE_TCP && !OsSocketWritesShared(Type()))
     {
         if (a_writeargs.blLogging)
             OSLOG(OS_LOG_CHECK, "Unsuppported...%d", TypeNumber());
@@ -262,6 +272,8 @@ bool COsSocketImpl::Disconnect(bool a_blGraceful)
         PlatSocketShutdown(plathandle, !a_blGraceful, true);
         CancelTcp();
     }
+    if (OsSocketIsShared(Type()))
+        m_psocketstate->psocketshared->Wake();
     const bool blLeft = WaitForOperations();
     if (blLeft && blConnected && a_blGraceful)
         WaitForPeer();
@@ -297,7 +309,7 @@ bool COsSocketImpl::WaitForOperations()
         if (PlatTicks() - u64Begin >= OS_LEAVETIMEOUT)
             return false;
         if (u32Pauses % OS_LEAVECANCEL == 0)
-            RequestCancel();
+            Wake();
         PlatSleep(1);
     }
     return true;
@@ -319,6 +331,8 @@ static void CloseHandle(PlatHandle a_plathandle)
 
 void COsSocketImpl::Release()
 {
+    if (m_psocketstate->psocketshared)
+        m_psocketstate->psocketshared->Release();
     CloseHandle(m_psocketstate->socketeventRead.plathandle);
     CloseHandle(m_psocketstate->socketeventWrite.plathandle);
     m_psocketstate->socketeventRead = {};

@@ -7,6 +7,7 @@
 // What is known already needs no wait: a cancel that is requested is a flag beside its event, and a look at a socket
 // that has something to report is one call where selecting, waiting and enumerating are three.
 #include "os_cossocket_impl.h"
+#include "os_cossocket_shared_impl.h"
 #include "os_cosspinlock.h"
 #include "os_cossync.h"
 #include "os_costhread.h"
@@ -298,9 +299,11 @@ void COsSocketImpl::Cancel()
     switch (Type())
     {
     case OS_SOCKETTYPE_UNDEFINED:
+        break;
     case OS_SOCKETTYPE_SHAREDMEMORYW:
     case OS_SOCKETTYPE_SHAREDMEMORYR:
     case OS_SOCKETTYPE_SHAREDMEMORYRW:
+        m_psocketstate->psocketshared->Cancel();
         break;
     case OS_SOCKETTYPE_TCP:
         CancelTcp();
@@ -320,6 +323,15 @@ void COsSocketImpl::CancelTcp()
         OSLOG(OS_LOG_NOTE, "warning, waiting for a read to be canceled...");
         PlatSleep(OS_CANCELPAUSE);
     }
+}
+
+// Ends the waits of whatever transport there is.
+void COsSocketImpl::Wake()
+{
+    if (OsSocketIsShared(Type()))
+        m_psocketstate->psocketshared->Wake();
+    else
+        RequestCancel();
 }
 
 void COsSocketImpl::RequestCancel()

@@ -70,11 +70,17 @@ static bool HoldsLock(int a_iDescriptor, const struct flock& a_flock)
 
 bool PlatFileUnlock(PlatHandle a_plathandle, uint64_t a_u64Offset, uint64_t a_u64Length)
 {
-    struct flock flock;
+    struct flock flock = {};
     if (!MakeLock(a_plathandle, a_u64Offset, a_u64Length, F_UNLCK, flock))
         return false;
-    const int iDescriptor = PosixDescriptorOf(a_plathandle);
-    if (!HoldsLock(iDescriptor, flock))
+    if (!HoldsLock(PosixDescriptorOf(a_plathandle), flock))
         return PosixFail(PLAT_ERROR_NOTLOCKED);
-    return fcntl(iDescriptor, F_OFD_SETLK, &flock) == 0 || PosixFailErrno();
+    return PlatFileUnlockHeld(a_plathandle, a_u64Offset, a_u64Length);
+}
+
+bool PlatFileUnlockHeld(PlatHandle a_plathandle, uint64_t a_u64Offset, uint64_t a_u64Length)
+{
+    struct flock flock = {};
+    return MakeLock(a_plathandle, a_u64Offset, a_u64Length, F_UNLCK, flock) &&
+           (fcntl(PosixDescriptorOf(a_plathandle), F_OFD_SETLK, &flock) == 0 || PosixFailErrno());
 }
