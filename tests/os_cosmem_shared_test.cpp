@@ -311,13 +311,15 @@ static PlatHandle StartPeer(const std::string& a_strFile)
     return PlatProcessCreate(&platprocessstart, &u64ProcessId);
 }
 
-class SharedBetweenProcesses : public Shared, public testing::WithParamInterface<uint32_t>
+// The creator's mode, 0 for the one that is chosen without a setting; the peer has the default one.
+class SharedBetweenProcesses : public Shared, public testing::WithParamInterface<std::pair<int, uint32_t>>
 {
 };
 
 TEST_P(SharedBetweenProcesses, MemoryAndLockAreOne)
 {
-    char* const pcView = Create(GetParam(), OS_SHAREDLOCK_LOCK);
+    m_cfgfake.Set(OS_CFGTAG_FORCEMEMORYMAP, std::to_string(GetParam().first));
+    char* const pcView = Create(GetParam().second, OS_SHAREDLOCK_LOCK);
     ASSERT_NE(pcView, nullptr);
     Put(pcView, "ours");
     const PlatHandle plathandlePeer = StartPeer(m_strFile);
@@ -340,7 +342,9 @@ TEST_P(SharedBetweenProcesses, MemoryAndLockAreOne)
     Release(pcView);
 }
 
-INSTANTIATE_TEST_SUITE_P(Modes, SharedBetweenProcesses, testing::Values(0u, OS_SHAREDFLAG_FILE));
+INSTANTIATE_TEST_SUITE_P(Modes, SharedBetweenProcesses,
+                         testing::Values(std::pair{0, 0u}, std::pair{1, 0u}, std::pair{2, 0u}, std::pair{3, 0u},
+                                         std::pair{4, 0u}, std::pair{4, OS_SHAREDFLAG_FILE}));
 
 class Peer : public Shared
 {
@@ -349,11 +353,17 @@ class Peer : public Shared
 TEST_F(Peer, DISABLED_TakesItsTurns)
 {
     m_strFile = std::getenv("TEST_SHAREDFILE");
-    char* const pcView = Open();
+    char* pcView = Open();
     ASSERT_NE(pcView, nullptr);
     EXPECT_EQ(Get(pcView), "ours");
     EXPECT_EQ(Lock(pcView), EOSSTS_NOTLOCKED);
     Put(pcView, "peer");
+    EXPECT_EQ(OsMemSharedFlush(pcView, "caller", 1), EOSSTS_SUCCESS);
+    pcView = static_cast<char*>(OsMemSharedRemap(pcView, m_u64Bytes - 5, 5, "caller", 1));
+    ASSERT_NE(pcView, nullptr);
+    EXPECT_STREQ(pcView + (m_u64Bytes - 5) % PlatMemoryGranularity(), "peer");
+    pcView = static_cast<char*>(OsMemSharedRemap(pcView, 0, m_u64Bytes, "caller", 1));
+    ASSERT_NE(pcView, nullptr);
     Turn(pcView) = 1;
     ASSERT_TRUE(Await(pcView, 2));
     EXPECT_EQ(Lock(pcView), EOSSTS_LOCKED);

@@ -11,31 +11,6 @@
 #include <iostream>
 #include <thread>
 
-// The two channels of a creating side, named as it sees them.
-struct CreatingSide
-{
-    explicit CreatingSide(const std::string& a_strFolder)
-        : strIn(a_strFolder + "/r1.socket"), strOut(a_strFolder + "/w1.socket")
-    {
-        cfg.Set(OS_CFGTAG_ROOTCOMMONDIRECTORY, a_strFolder);
-    }
-    bool Create() { return in.Create(strIn, false, true) && out.Create(strOut, true, true); }
-
-    std::string strIn;
-    std::string strOut;
-    FakeConfiguration cfg;
-    CreatedChannel in;
-    CreatedChannel out;
-};
-
-// Everything that is read is written back.
-static void Echo(CreatingSide& a_creatingside)
-{
-    std::vector<char> vecch(200000);
-    while (const int32_t i32Read = a_creatingside.in.Read(vecch.data(), static_cast<int32_t>(vecch.size())))
-        a_creatingside.out.Write(vecch.data(), i32Read);
-}
-
 // Holds a channel's lock until the process ends.
 static void HoldLock(const std::string& a_strFile)
 {
@@ -46,32 +21,42 @@ static void HoldLock(const std::string& a_strFile)
         PlatSleep(0);
 }
 
-// The creating side: a folder, and then orders on its input, each answered with a line.
+// The creating side, in the folder that it is given. It takes orders, each of which it answers with a line; what is no
+// order is written into the channel.
 int PlayPart(const std::vector<std::string>& a_vecstrArguments)
 {
     const COsMem osmem;
-    CreatingSide creatingside(a_vecstrArguments[0]);
-    if (!creatingside.Create())
+    FakeConfiguration cfg;
+    cfg.Set(OS_CFGTAG_ROOTCOMMONDIRECTORY, a_vecstrArguments[0]);
+    const std::string strIn = a_vecstrArguments[0] + "/r1.socket";
+    const std::string strOut = a_vecstrArguments[0] + "/w1.socket";
+    CreatedChannel in;
+    CreatedChannel out;
+    if (!in.Create(strIn, false, true) || !out.Create(strOut, true, true))
         return 1;
     Say("ready\n");
+    std::vector<char> vecch(200000);
     for (std::string strOrder; std::getline(std::cin, strOrder);)
     {
         std::string strAnswer = "done";
         if (strOrder == "echo")
         {
-            Echo(creatingside);
+            while (const int32_t i32Read = in.Read(vecch.data(), static_cast<int32_t>(vecch.size())))
+                out.Write(vecch.data(), i32Read);
         }
         else if (strOrder == "await")
         {
-            strAnswer = creatingside.in.Await();
+            strAnswer = in.Await();
         }
         else if (strOrder == "lock")
         {
-            HoldLock(creatingside.strIn);
-            HoldLock(creatingside.strOut);
+            HoldLock(strIn);
+            HoldLock(strOut);
         }
         else
-            creatingside.out.Write(strOrder.data(), static_cast<int32_t>(strOrder.size()));
+        {
+            out.Write(strOrder.data(), static_cast<int32_t>(strOrder.size()));
+        }
         Say(strAnswer + "\n");
     }
     return 0;
@@ -91,14 +76,22 @@ protected:
         PlatProcessTerminate(m_part->m_plathandle, 9);
         m_part->ExitCode();
     }
+    // While something waits for the peer; the wait is not over before.
+    std::jthread KillSoon()
+    {
+        return std::jthread([this] {
+            PlatSleep(100);
+            Kill();
+        });
+    }
     void Order(const std::string& a_strOrder)
     {
         EXPECT_TRUE(PlatPipeWrite(m_part->m_plathandleInput, (a_strOrder + "\n").data(), a_strOrder.size() + 1));
     }
-    void OrderAndWait(const std::string& a_strOrder)
+    std::string Ask(const std::string& a_strOrder)
     {
         Order(a_strOrder);
-        EXPECT_EQ(m_part->OutputUpTo("\n"), "done\n");
+        return m_part->OutputUpTo("\n");
     }
     EOSSTS Connect(uint64_t a_u64ProcessId = 0, const std::string& a_strPort = "")
     {
@@ -161,7 +154,8 @@ TEST_F(SharedSocket, OneChannelGoesOneWay)
     ASSERT_EQ(Connect(0, PathOf("w1.socket")), EOSSTS_SUCCESS);
     EXPECT_EQ(Write("x"), EOSSTS_FAIL);
     EXPECT_TRUE(m_logcapture.HasAt(64, "Unsuppported...3"));
-    OrderAndWait("hello");
+    Ask("hello");
+    EXPECT_EQ(m_possocket.SocketAccept(nullptr), EOSSTS_SUCCESS);
     EXPECT_EQ(Read(OS_INFINITE, 3), "hel");
     EXPECT_EQ(Read(0), "lo");
     const std::clock_t clockBegin = std::clock();
@@ -172,6 +166,7 @@ TEST_F(SharedSocket, OneChannelGoesOneWay)
     Read();
     EXPECT_EQ(m_eossts, EOSSTS_NOTOPEN);
     EXPECT_TRUE(m_logcapture.HasAt(1, "sock>>> read: must open a socket first..."));
+    EXPECT_EQ(m_possocket.SocketAccept(nullptr), EOSSTS_NOTOPEN);
 
     ASSERT_EQ(Connect(0, PathOf("r1.socket")), EOSSTS_SUCCESS);
     EXPECT_EQ(Connect(0, PathOf("r1.socket")), EOSSTS_FAIL);   // nobody attaches twice
@@ -184,8 +179,7 @@ TEST_F(SharedSocket, CancelReachesTheCreatingSideAndDisconnectThisOne)
 {
     Start();
     ASSERT_EQ(Connect(), EOSSTS_SUCCESS);
-    Order("await");
-    EXPECT_EQ(m_part->OutputUpTo("\n"), "r1EventOkToRead\n");   // that there is somebody now
+    EXPECT_EQ(Ask("await"), "r1EventOkToRead\n");   // that there is somebody now
     Order("await");
     m_possocket.SocketCancel();
     EXPECT_EQ(m_part->OutputUpTo("\n"), "r1EventCancel\n");
@@ -210,64 +204,38 @@ TEST_F(SharedSocket, APeerKilledBeforeTheConnectFailsIt)
     EXPECT_EQ(m_osmem.GetCounts().u32Current, 0u);
 }
 
-TEST_F(SharedSocket, APeerKilledEndsAReadOnceItsRecordsAreRead)
+TEST_F(SharedSocket, APeerKilledEndsEveryWaitOnceItsRecordsAreRead)
 {
     for (const bool blNamed : {true, false})
     {
         Start();
         ASSERT_EQ(Connect(blNamed ? m_part->m_u64ProcessId : 0), EOSSTS_SUCCESS);
-        OrderAndWait("last words");
-        std::thread killer([&] {
-            PlatSleep(100);
-            Kill();
-        });
+        Ask("last words");
+        const std::jthread killer = KillSoon();
         EXPECT_EQ(Read(), "last words");
         EXPECT_EQ(Read(), "");
         EXPECT_EQ(m_eossts, EOSSTS_FAIL);
-        killer.join();
     }
+    EXPECT_EQ(Write(std::string(1000000, 'x')), EOSSTS_FAIL);   // what there was room for is lost with the peer
+    EXPECT_EQ(m_possocket.SocketAccept(nullptr), EOSSTS_EXITED);
+    EXPECT_TRUE(m_logcapture.HasAt(4, "Accept: EventWait failed...13"));
+    EXPECT_TRUE(m_logcapture.HasPart("Accept(sockettype=3,"));
 }
 
 TEST_F(SharedSocket, APeerKilledEndsAWriteThatWaitsForRoom)
 {
     Start();
     ASSERT_EQ(Connect(0, PathOf("r1.socket")), EOSSTS_SUCCESS);
-    std::thread killer([&] {
-        PlatSleep(100);
-        Kill();
-    });
+    const std::jthread killer = KillSoon();
     EXPECT_EQ(Write(std::string(1000000, 'x')), EOSSTS_FAIL);
-    killer.join();
-    m_possocket.SocketDisconnect(false);
-}
-
-TEST_F(SharedSocket, AcceptTakesASignalAndEndsWithThePeer)
-{
-    EXPECT_EQ(Connect(0, PathOf("r1.socket")), EOSSTS_FAIL);
-    EXPECT_EQ(m_possocket.SocketAccept(nullptr), EOSSTS_NOTOPEN);
-    Start();
-    ASSERT_EQ(Connect(m_part->m_u64ProcessId), EOSSTS_SUCCESS);
-    std::thread killer([&] {
-        PlatSleep(100);
-        Kill();
-    });
-    EXPECT_EQ(m_possocket.SocketAccept(nullptr), EOSSTS_EXITED);
-    killer.join();
-    EXPECT_TRUE(m_logcapture.HasAt(4, "Accept: EventWait failed...13"));
-    EXPECT_TRUE(m_logcapture.HasPart("Accept(sockettype=3,"));
-
-    Start();
-    ASSERT_EQ(Connect(), EOSSTS_SUCCESS);
-    OrderAndWait("a record");
-    EXPECT_EQ(m_possocket.SocketAccept(nullptr), EOSSTS_SUCCESS);
 }
 
 TEST_F(SharedSocket, ALockThatStaysTakenEndsAfterItsTriesAndOneOfAKilledPeerNever)
 {
     Start();
     ASSERT_EQ(Connect(), EOSSTS_SUCCESS);
-    OrderAndWait("a record");
-    OrderAndWait("lock");
+    Ask("a record");
+    Ask("lock");
     std::thread writer([&] { EXPECT_EQ(Write("x"), EOSSTS_FAIL); });
     EXPECT_EQ(Read(), "");
     EXPECT_EQ(m_eossts, EOSSTS_FAIL);
@@ -275,20 +243,16 @@ TEST_F(SharedSocket, ALockThatStaysTakenEndsAfterItsTriesAndOneOfAKilledPeerNeve
     EXPECT_TRUE(m_logcapture.HasAt(1, "Retry 500 for the busy RingBuffer.Read()"));
     EXPECT_TRUE(m_logcapture.HasAt(1, "Retry 500 for the busy RingBuffer.Write()"));
 
-    std::thread killer([&] {
-        PlatSleep(100);
-        Kill();
-    });
+    const std::jthread killer = KillSoon();
     EXPECT_EQ(Write("x"), EOSSTS_SUCCESS);
     EXPECT_EQ(Read(), "a record");
-    killer.join();
 }
 
 TEST_F(SharedSocket, ASpoiltBlockEndsWhatUsesIt)
 {
     Start();
     ASSERT_EQ(Connect(), EOSSTS_SUCCESS);
-    OrderAndWait("a record");
+    Ask("a record");
     for (const char* szFile : {"r1.socket", "w1.socket"})
         std::fstream(PathOf(szFile), std::ios::binary | std::ios::in | std::ios::out) << '\2';
     EXPECT_EQ(Write("x"), EOSSTS_FAIL);

@@ -7,6 +7,12 @@
 // One thread reads and one thread writes an object at a time; another may call SocketCancel or SocketDisconnect to end
 // a blocked read.
 // Time-outs are in milliseconds, OS_INFINITE is no limit.
+//
+// The host "@SHAREDMEMORY" connects to channels in files that another process has made. The port is the path of one
+// channel, whose name begins with "w" (this side reads it) or "r" (this side writes it), or of two: the one that this
+// side writes, ";", the one that it reads. A read then gives at most one record, a write returns when everything is
+// stored, and both fail when the other process ends. Stop events, threads and the time-out of a write have no meaning
+// there, and SocketCancel reaches the waits of the other side.
 #pragma once
 
 #include "os_types.h"
