@@ -116,27 +116,6 @@ TEST_F(CollectorClient, TheApplicationEndsItsCollectorAndLeavesNoTraceOfThatInIt
     EXPECT_EQ(Lines()[0].substr(Lines()[0].find("logcollector=")), "logcollector=true");
 }
 
-TEST_F(CollectorClient, AKilledProcessHasAllThatItLoggedInTheCollectedFile)
-{
-    BeginCollected();
-    const pid_t pid = fork();
-    if (pid == 0)
-    {
-        const std::string strLog = PathOf("child.log");
-        COsLog oslog({});
-        oslog.Start(strLog.c_str(), 0, "");
-        for (int i = 0; i < 1000; ++i)
-            Log(OS_LOG_NOTE, std::to_string(i));
-        raise(SIGKILL);
-    }
-    EXPECT_EQ(waitpid(pid, nullptr, 0), pid);
-    m_uniqueLog.reset();
-    WaitForCollectorsEnd();
-    const Texts texts = MessagesOf(PathOf("child.log"));
-    ASSERT_EQ(texts.size(), 1000u);
-    EXPECT_EQ(texts.back(), "999");
-}
-
 // What the threads logged, as it stands in the file. A thread's numbers go up by one, but for the lines that the dead
 // collector had not written yet; those are one gap at most, and only one line can have been cut.
 TEST_F(CollectorClient, EveryLineFromTheFailingOneOnIsInTheFileOfAProcessWhoseCollectorWasKilled)
@@ -193,27 +172,49 @@ TEST_F(CollectorClient, EveryLineFromTheFailingOneOnIsInTheFileOfAProcessWhoseCo
     printf("%zu lines were on their way to the collector\n", sizetLost);
 }
 
-TEST_F(CollectorClient, WhatAKilledCollectorWroteInPartIsEndedBeforeTheNextLine)
+// A logger whose collector is this case: its stream is accepted and not read.
+class CollectorOfOurs : public CollectorClient
 {
-    OsArgumentsSetCollector({FreePort(), PlatProcessId(), 0});
-    COsSocket ossocketListen, ossocketStream;
-    const std::string strPort = std::to_string(OsArgumentsCollector().i32Port);
-    ASSERT_EQ(ossocketListen.SocketCreate("127.0.0.1", strPort.c_str(), "", nullptr), EOSSTS_SUCCESS);
-    ASSERT_EQ(ossocketListen.SocketListen(), EOSSTS_SUCCESS);
-    Begin();
-    ASSERT_EQ(ossocketStream.SocketCreate("127.0.0.1", strPort.c_str(), "", &ossocketListen), EOSSTS_SUCCESS);
-    ASSERT_EQ(ossocketStream.SocketAccept(nullptr), EOSSTS_SUCCESS);
+protected:
+    CollectorOfOurs()
+    {
+        const std::string strPort = std::to_string(FreePort());
+        OsArgumentsSetCollector({std::stoi(strPort), PlatProcessId(), 0});
+        EXPECT_EQ(m_ossocketListen.SocketCreate("127.0.0.1", strPort.c_str(), "", nullptr), EOSSTS_SUCCESS);
+        EXPECT_EQ(m_ossocketListen.SocketListen(), EOSSTS_SUCCESS);
+        Begin();
+        EXPECT_EQ(m_ossocketStream.SocketCreate("127.0.0.1", strPort.c_str(), "", &m_ossocketListen), EOSSTS_SUCCESS);
+        EXPECT_EQ(m_ossocketStream.SocketAccept(nullptr), EOSSTS_SUCCESS);
+    }
+
+    COsSocket m_ossocketListen;
+    COsSocket m_ossocketStream;
+};
+
+TEST_F(CollectorOfOurs, WhatAKilledCollectorWroteInPartIsEndedBeforeTheNextLine)
+{
     char szPiece[1024] = "";
     size_t sizetRead = 0;
-    EXPECT_EQ(ossocketStream.SocketRead({.pvBuffer = szPiece, .sizetBuffer = Header(m_strLog).size()}, &sizetRead),
+    EXPECT_EQ(m_ossocketStream.SocketRead({.pvBuffer = szPiece, .sizetBuffer = Header(m_strLog).size()}, &sizetRead),
               EOSSTS_SUCCESS);
     EXPECT_EQ(szPiece, Header(m_strLog));
 
     WriteWhole(m_strLog, "part of a li");
-    ossocketStream.SocketDisconnect(false);
+    m_ossocketStream.SocketDisconnect(false);
     Log(OS_LOG_NOTE, "next");
     EXPECT_EQ(Lines()[0], "part of a li");
     EXPECT_TRUE(Lines()[1].ends_with(" V. next"));
+}
+
+TEST_F(CollectorOfOurs, OneThatStandsStillIsWaitedForOnceAndNoLineIsLost)
+{
+    const uint64_t u64Begin = PlatTicks();
+    int iLines = 0;
+    while (m_uniqueLog->UsesCollector())
+        Log(OS_LOG_NOTE, std::to_string(++iLines) + std::string(1000, '.'));
+    m_uniqueLog.reset();
+    EXPECT_LT(PlatTicks() - u64Begin, 9000u);
+    EXPECT_EQ(Messages(), Texts{std::to_string(iLines) + std::string(1000, '.')});
 }
 
 // ------------------------------------------------------------------------------------------- a shared collector

@@ -38,7 +38,8 @@ public:
     void Stop(char* a_szFolder, size_t a_sizetFolder);
 
     // A client sends log text: all of it, one space for nothing. One thread at a time. EOSSTS_DISCONNECTED, also
-    // without a connection (logged), and whatever else the connection says; a part may have been sent then.
+    // without a connection (logged) and from a collector that stood still for 5 s on, and whatever else the connection
+    // says; a part may have been sent then. After a failure nothing is sent any more.
     EOSSTS ClientWrite(const void* a_pvBuffer, size_t a_sizetBytes);
 
     // Gives a client its connection, which it owns from now on.

@@ -7,6 +7,7 @@
 #include "os_new.h"
 #include "os_scope.h"
 
+#include "plat_system.h"
 #include "plat_wait.h"
 
 #include <cstring>
@@ -128,6 +129,8 @@ void COsLogCollectorImpl::TakeClientSocket(COsSocket* a_possocket)
     m_blLost = false;
 }
 
+// A collector that stands still is given up with the first piece that had to wait for so long, even if there was a bit
+// of room for it in the end: the next one would wait just as long.
 EOSSTS COsLogCollectorImpl::ClientWrite(const void* a_pvBuffer, size_t a_sizetBytes)
 {
     if (!m_possocketClient)
@@ -141,21 +144,18 @@ EOSSTS COsLogCollectorImpl::ClientWrite(const void* a_pvBuffer, size_t a_sizetBy
     writeargs.u32Timeout = g_u32ClientTimeout;
     writeargs.blLogging = false;
     writeargs.blRaw = true;
-    while (writeargs.sizetBuffer)
+    EOSSTS eossts = EOSSTS_SUCCESS;
+    while (writeargs.sizetBuffer && !m_blLost)
     {
+        const uint64_t u64Begin = PlatTicks();
         size_t sizetWritten = 0;
-        const EOSSTS eossts = m_possocketClient->SocketWrite(writeargs, &sizetWritten);
-        if (eossts == EOSSTS_SUCCESS && sizetWritten != 0)
-        {
-            writeargs.pvBuffer = static_cast<const char*>(writeargs.pvBuffer) + sizetWritten;
-            writeargs.sizetBuffer -= sizetWritten;
-            m_u64Written += sizetWritten;
-            continue;
-        }
-        m_blLost = true;
-        return eossts == EOSSTS_SUCCESS ? EOSSTS_DISCONNECTED : eossts;
+        eossts = m_possocketClient->SocketWrite(writeargs, &sizetWritten);
+        m_blLost = eossts != EOSSTS_SUCCESS || sizetWritten == 0 || PlatTicks() - u64Begin >= g_u32ClientTimeout;
+        writeargs.pvBuffer = static_cast<const char*>(writeargs.pvBuffer) + sizetWritten;
+        writeargs.sizetBuffer -= sizetWritten;
+        m_u64Written += sizetWritten;
     }
-    return EOSSTS_SUCCESS;
+    return writeargs.sizetBuffer && eossts == EOSSTS_SUCCESS ? EOSSTS_DISCONNECTED : eossts;
 }
 
 // A collector says nothing of what it has done, but the file does. Nobody waits long for a file that does not grow:
