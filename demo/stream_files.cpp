@@ -7,8 +7,9 @@
 #include "collector_process.h"
 
 #include "os_coslogcollector_protocol.h"
-#include "os_cosservices.h"
+#include "os_cosmem.h"
 #include "os_cossocket.h"
+#include "os_scope.h"
 
 #include "plat_process.h"
 #include "plat_system.h"
@@ -136,7 +137,8 @@ int main(int a_iArguments, char** a_aszArgument)
         std::fprintf(stderr, "usage: stream_files COLLECTOR FOLDER FILE...\n");
         return 2;
     }
-    OsServicesStart();
+    const COsMem osmem;
+    const ScopeGuard cleanup([] { OsSocketCleanupStatic(); });
     CollectorProcess collector;
     if (!collector.StartFor(a_aszArgument[1], PlatProcessId()))
     {
@@ -159,6 +161,5 @@ int main(int a_iArguments, char** a_aszArgument)
     }
     const bool blEnded = collector.WaitForExit(10000) == 0;
     std::printf("collector: %s after its last stream\n", blEnded ? "ended" : "DID NOT END");
-    OsServicesStop();
     return blEqual && blEnded ? 0 : 1;
 }

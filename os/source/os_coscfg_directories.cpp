@@ -78,6 +78,8 @@ bool COsCfgImpl::SetDirectories()
     if (!*m_szLegacyRootWriteableDirectory || !*m_szUserDirectory || (!UsesOthersLog() && !*m_szLogFilename))
         return false;
     CreateFolders();
+    if (OsCfgIsReportWanted())
+        WriteReport();
     return true;
 }
 
