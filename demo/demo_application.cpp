@@ -1,12 +1,14 @@
 // demo_application.cpp: an application of the family in small: it starts the library, logs from several threads, and
 // starts child processes that do the same.
 //
-//     demo_application [--name=NAME] [--threads=N] [--lines=N] [--children=N] [--victims=N]
+//     demo_application [--name=NAME] [--threads=N] [--lines=N] [--children=N] [--victims=N] [--tell-collector]
 //
 // Everything that it logs goes to the collector that the start of the library spawned, each process into a log file of
 // its own. A victim is a child that logs without end, tells after every line how many it has logged, and is killed.
-// Prints one line for each process: its name, its log file and the lines that it has logged, or at least has logged.
+// Prints one line for each process: its name, its log file and the lines that it has logged, or at least has logged;
+// when asked to, the process id of the collector first.
 #include "os_cfg.h"
+#include "os_cosarguments.h"
 #include "os_coslog.h"
 #include "os_cosservices.h"
 #include "os_cosstring.h"
@@ -36,6 +38,7 @@ struct Options
     unsigned long ulChildren = 0;
     unsigned long ulVictims = 0;
     bool blVictim = false;
+    bool blTellCollector = false;
 };
 
 static Options ReadOptions(int a_iArguments, char** a_aszArgument)
@@ -60,6 +63,8 @@ static Options ReadOptions(int a_iArguments, char** a_aszArgument)
             options.ulVictims = ulValue;
         else if (strKey == "--victim")
             options.blVictim = true;
+        else if (strKey == "--tell-collector")
+            options.blTellCollector = true;
     }
     return options;
 }
@@ -186,6 +191,8 @@ int main(int a_iArguments, char** a_aszArgument)
         return 1;
 
     const std::string strLog = OsCfgGetString(OS_CFGTAG_MVRLOG);
+    if (options.blTellCollector)
+        Tell("collector", "-", static_cast<unsigned long>(OsArgumentsCollector().u64ProcessIdCollector), "started");
     if (options.blVictim)
     {
         std::printf("%s\n", strLog.c_str());
