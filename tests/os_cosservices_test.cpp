@@ -1,0 +1,139 @@
+// os_cosservices_test.cpp: the library from its start to its stop, as a program has it: what the program says of
+// itself, what its parent says, what its children are told.
+#include "test_support.h"
+
+#include "os_cosarguments.h"
+#include "os_coscfg.h"
+#include "os_coslog.h"
+#include "os_cosmem.h"
+#include "os_cosservices.h"
+#include "os_cosxml.h"
+
+#include <set>
+
+namespace fs = std::filesystem;
+
+class Services : public FolderTest
+{
+protected:
+    ~Services() override { OsServicesStop(); }
+
+    // A program that uses no collector.
+    void Start(const std::string& a_strElements)
+    {
+        const fs::path path = m_path / "system/SYSTEMROOT/lib/mvr_orvane/common";
+        fs::create_directories(path);
+        WriteWhole((path / "const.ini").string(), "LogCollector=disabled\r\n");
+        m_strDocument = "<arguments>" + a_strElements + "</arguments>";
+        OsServicesSetDocument(m_strDocument.c_str());
+        ASSERT_EQ(OsServicesStart(), EOSSTS_SUCCESS);
+    }
+    static void Inherit(const std::string& a_strElements)
+    {
+        char szEncoded[8192];
+        size_t sizetEncoded = 0;
+        const std::string strDocument = "<arguments>" + a_strElements + "</arguments>";
+        Base64Encode(szEncoded, sizeof szEncoded, &sizetEncoded, strDocument.c_str(), strDocument.size(), false);
+        setenv("MVR_OSSERVICESARGUMENTSB64", szEncoded, 1);
+    }
+    // Of the document for children.
+    static std::string Element(const char* a_szName)
+    {
+        char szValue[OS_PATHSIZE];
+        OsXmlExtractElement(OsArgumentsDocument(), a_szName, szValue, sizeof szValue);
+        return szValue;
+    }
+    static std::string LogFile()
+    {
+        std::string strFile = OsLogGet()->LogFile();
+        std::replace(strFile.begin(), strFile.end(), '\\', '/');
+        return strFile;
+    }
+
+    std::string m_strDocument;
+};
+
+static constexpr char g_szSource[] = "tests/os_cosservices_test";
+
+TEST_F(Services, StartAgainAfterAStopInAFolderOfTheirOwn)
+{
+    std::set<std::string> setstrLog;
+    for (int i = 0; i < 3; ++i)
+    {
+        Start("<uniquename>prog</uniquename><entity>application</entity><loglevel>1</loglevel>");
+        OSLOG(OS_LOG_NOTE, "run %d", i);
+        setstrLog.insert(LogFile());
+        OsServicesStop();
+        EXPECT_EQ(OsLogGet(), nullptr);
+        EXPECT_EQ(OsCfgGet(), nullptr);
+        EXPECT_EQ(getenv("MVR_OSSERVICESARGUMENTS"), nullptr);
+    }
+    ASSERT_EQ(setstrLog.size(), 3u);
+    int iRun = 0;
+    for (const std::string& strLog : setstrLog)
+    {
+        const std::string strText = ReadWhole(strLog);
+        EXPECT_NE(strText.find("run " + std::to_string(iRun++) + "\r\n"), std::string::npos) << strLog;
+        EXPECT_NE(strText.find("### OsServicesStart...\r\n"), std::string::npos);
+        EXPECT_TRUE(strText.ends_with("### OsServicesStop...\r\n"));
+        EXPECT_FALSE(fs::exists(fs::path(strLog).parent_path() / "log.lock"));
+    }
+}
+
+TEST_F(Services, TheProgramsOwnDocumentSaysWhoItIs)
+{
+    Start("<uniquename>*</uniquename><entity>dll</entity><loglevel>0x10</loglevel>"
+          "<version><major>7</major><minor>12</minor><year>2024</year></version>");
+    EXPECT_STREQ(OsArgumentsGet(OS_ARGUMENT_UNIQUENAME), "os_cosservices_test");
+    EXPECT_EQ(fs::path(LogFile()).filename(), "os_cosservices_test.log");
+    EXPECT_STREQ(OsCfgGetString(OS_CFGTAG_VERSIONMAJORNUM), "07");
+    EXPECT_STREQ(OsCfgGetString(OS_CFGTAG_VERSIONPATCHNUM), "00");
+    EXPECT_STREQ(OsCfgGetString(OS_CFGTAG_VERSIONYEAR), "2024");
+    EXPECT_TRUE(OsArgumentsIsServicesOwner());
+}
+
+TEST_F(Services, ChildrenAreToldWhereTheyAre)
+{
+    Inherit("<rootpath>" + PathOf("root") +
+            "</rootpath><loglevel>4</loglevel><callersuniquename>other</callersuniquename>");
+    Start("<uniquename>prog</uniquename><entity>application</entity>");
+    EXPECT_FALSE(OsArgumentsIsServicesOwner()) << "the process that told us does";
+    EXPECT_EQ(LogFile().find(PathOf("root") + "/prog/prog/log."), 0u);
+    EXPECT_EQ(Element("logpath"), OsCfgGetString(OS_CFGTAG_LOGDIRECTORY));
+    EXPECT_EQ(Element("rootpath"), OsCfgGetString(OS_CFGTAG_ROOTPATH));
+    EXPECT_EQ(Element("callersuniquename"), "prog");
+    EXPECT_EQ(Element("frominterfaceopen"), "false");
+    EXPECT_EQ(Element("loglevel"), "1") << "somebody wants diagnostics";
+    EXPECT_EQ(Element("lcport"), "0");
+}
+
+TEST_F(Services, AUtilityLogsBesideWhomItWorksFor)
+{
+    const std::string strFolder = PathOf("root/model/caller/log.20240101000000000000");
+    fs::create_directories(strFolder);
+    Inherit("<logpath>" + strFolder + "</logpath><loglevel>1</loglevel>");
+    Start("<uniquename>tool</uniquename><entity>utility</entity>");
+    OSLOG(OS_LOG_NOTE, "at work");
+    EXPECT_EQ(LogFile(), strFolder + "/tool.log");
+    EXPECT_NE(ReadWhole(strFolder + "/tool.log").find("at work\r\n"), std::string::npos);
+    std::string strLogPath = Element("logpath");
+    std::replace(strLogPath.begin(), strLogPath.end(), '\\', '/');
+    EXPECT_EQ(strLogPath, strFolder);
+    EXPECT_EQ(Element("frominterfaceopen"), "true");
+}
+
+TEST_F(Services, AUtilityThatNobodyStartedFindsAFolderForItself)
+{
+    Start("<uniquename>tool</uniquename><entity>apputility</entity><loglevel>1</loglevel>");
+    EXPECT_EQ(LogFile(), PathOf("system/LOCALAPPDATA/mvr_orvane/tool/isis/log/tool.log"));
+    EXPECT_EQ(Element("frominterfaceopen"), "true");
+}
+
+TEST_F(Services, AProgramThatForbidsItTellsItsChildrenNothing)
+{
+    Start("<uniquename>prog</uniquename><entity>application</entity><inherit>false</inherit>");
+    EXPECT_STREQ(OsArgumentsDocument(), "");
+    OsArgumentsPublish(true);
+    OsArgumentsPublish(false);
+    EXPECT_EQ(getenv("MVR_OSSERVICESARGUMENTS"), nullptr);
+}
