@@ -39,14 +39,16 @@ stream_real_files() {
   tail -n 3 "$logs"/1*compiler.txt.log
 }
 
-# Every line begins with its number: five digits or more that count without a gap. Of the messages there must be as
+# Every line begins with its number, and these count without a gap; a message may have line feeds of its own. Of the messages there must be as
 # many as the process has logged, or for one that was killed, at least as many.
 check_log() {
   local name=$1 log=${2//\\//} lines=$3 end=$4
-  awk -v name="$name" -v want="$lines" -v end="$end" '
-    $1 + 0 != NR - 1 || !/\r$/ { ++bad }
+  awk -v RS='\r\n' -v name="$name" -v want="$lines" -v end="$end" '
+    seen[$1 + 0]++ { ++bad }
+    $1 + 0 > last { last = $1 + 0 }
     / says line / { ++said }
     END {
+      if (last != NR - 1) ++bad
       printf "  %-14s %8d lines, numbered without a gap: %s, %d of %s%d messages (%s)\n",
              name, NR, bad ? "NO" : "yes", said, end == "killed" ? "at least " : "", want, end
       exit bad || (end == "killed" ? said < want : said != want)
