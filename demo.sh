@@ -13,7 +13,7 @@ work=$(mktemp -d)
 export LOCALAPPDATA=$work/local APPDATA=$work/roaming PROGRAMDATA=$work/program
 mkdir -p "$work/input" "$work/bin"
 cp build/release/bin/{logcollector,stream_files,demo_application} "$work/bin"
-trap 'rm -rf "$work/input" "$work/bin"' EXIT
+trap '[ "$BASHPID" -ne $$ ] || rm -rf "$work/input" "$work/bin"' EXIT   # not of a process that is yet to become another
 failed=0
 
 show() { printf '\n== %s\n' "$1"; }
