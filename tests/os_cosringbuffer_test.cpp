@@ -8,7 +8,7 @@
 
 #include <random>
 
-// Writes records without an end.
+// Writes records until the test ends.
 int PlayPart(const std::vector<std::string>& a_vecstrArguments)
 {
     const COsMem osmem;
@@ -16,13 +16,15 @@ int PlayPart(const std::vector<std::string>& a_vecstrArguments)
     COsRingBuffer osringbuffer;
     if (osringbuffer.Create(a_vecstrArguments[0].c_str(), true, 20000) != EOSSTS_SUCCESS || !Say("ready"))
         return 1;
-    for (uint64_t u64Done = 0;;)
+    const PlatHandle plathandleTest = PlatProcessOpen(std::stoull(a_vecstrArguments[1]));
+    for (uint64_t u64Done = 0; PlatWaitAny(&plathandleTest, 1, 0) == PLAT_WAIT_TIMEOUT;)
     {
         int32_t i32Written = 0;
         if (osringbuffer.Write(recordstream.At(u64Done), 0, recordstream.NextLength(), &i32Written) != EOSSTS_SUCCESS)
             PlatSleep(0);
         u64Done += static_cast<uint64_t>(i32Written);
     }
+    return 0;
 }
 
 class RingBuffer : public FolderTest
@@ -196,7 +198,7 @@ TEST_F(RingBuffer, WhatContradictsItselfIsRefused)
 
 TEST_F(RingBuffer, ACutBlockIsRefusedAlsoWhileItIsInUse)
 {
-    for (const uintmax_t uSize : {0, 10, 87, 4096})   // of the last one, a page is there
+    for (const unsigned uSize : {0u, 10u, 87u, 4096u})   // of the last one, a page is there
     {
         Make(uSize == 4096 ? 8000 : 100);
         std::filesystem::resize_file(m_strFile, uSize);
@@ -238,7 +240,7 @@ TEST_F(RingBuffer, AKilledWriterLeavesWholeRecordsAndNoLock)
 {
     for (uint64_t u64Kill = 100000; u64Kill <= 2000000; u64Kill += 100000)
     {
-        Part part(m_strFile);
+        Part part(m_strFile + " " + std::to_string(PlatProcessId()));
         ASSERT_EQ(part.OutputUpTo("ready"), "ready");
         ASSERT_TRUE(WaitFor([&] { return m_reader.Connect(m_strFile.c_str(), false) == EOSSTS_SUCCESS; }));
         RecordStream recordstream(3000);

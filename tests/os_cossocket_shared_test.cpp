@@ -21,8 +21,8 @@ static void HoldLock(const std::string& a_strFile)
         PlatSleep(0);
 }
 
-// The creating side, in the folder that it is given. It takes orders, each of which it answers with a line; what is no
-// order is written into the channel.
+// The creating side, in the folder and for the process that it is given. It takes orders, each of which it answers with
+// a line; what is no order is written into the channel.
 int PlayPart(const std::vector<std::string>& a_vecstrArguments)
 {
     const COsMem osmem;
@@ -32,7 +32,8 @@ int PlayPart(const std::vector<std::string>& a_vecstrArguments)
     const std::string strOut = a_vecstrArguments[0] + "/w1.socket";
     CreatedChannel in;
     CreatedChannel out;
-    if (!in.Create(strIn, false, true) || !out.Create(strOut, true, true))
+    const uint64_t u64Test = std::stoull(a_vecstrArguments[1]);
+    if (!in.Create(strIn, false, true) || !out.Create(strOut, true, true) || !in.Watch(u64Test) || !out.Watch(u64Test))
         return 1;
     Say("ready\n");
     std::vector<char> vecch(200000);
@@ -68,7 +69,7 @@ protected:
     void Start()
     {
         m_possocket.SocketDisconnect(false);   // nobody makes a file anew that is in use
-        m_part = std::make_unique<Part>(m_path.string());
+        m_part = std::make_unique<Part>(m_path.string() + " " + std::to_string(PlatProcessId()));
         ASSERT_EQ(m_part->OutputUpTo("\n"), "ready\n");
     }
     void Kill()

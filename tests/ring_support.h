@@ -31,15 +31,18 @@ public:
                Event(m_ossyncCancel, strName + "EventCancel", szGroup);
     }
 
+    // Waits end when that process does.
+    bool Watch(uint64_t a_u64ProcessId) { return Awaited().EventIncludeProcessId(a_u64ProcessId) == EOSSTS_SUCCESS; }
+
     // The name of the event that ended the wait; empty when none did.
     std::string Await(uint32_t a_u32Timeout = OS_INFINITE)
     {
         char szName[OS_PATHSIZE] = "";
-        (m_blWrites ? m_ossyncOkToWrite : m_ossyncOkToRead).EventWait(a_u32Timeout, szName);
+        Awaited().EventWait(a_u32Timeout, szName);
         return szName;
     }
 
-    // Up to so many bytes of the next record; 0 when the other side has cancelled.
+    // Up to so many bytes of the next record; 0 when the other side has cancelled or ended.
     int32_t Read(void* a_pvBuffer, int32_t a_i32Length)
     {
         int32_t i32Read = 0;
@@ -71,6 +74,8 @@ public:
     COsSync m_ossyncCancel;
 
 private:
+    COsSync& Awaited() { return m_blWrites ? m_ossyncOkToWrite : m_ossyncOkToRead; }
+
     static bool Event(COsSync& a_ossync, const std::string& a_strName, const char* a_szGroup)
     {
         return a_ossync.EventCreate(a_strName.c_str(), a_szGroup) == EOSSTS_SUCCESS;
