@@ -9,6 +9,7 @@
 #include "plat_thread.h"
 
 #include <csignal>
+#include <cstring>
 #include <set>
 #include <sys/time.h>
 #include <thread>
@@ -127,6 +128,25 @@ TEST_F(LoggerTest, TheFilterChoosesTheSources)
     m_uniqueLog->Start(nullptr, 0, "");
     logFrom({"os_cosmem"});
     EXPECT_EQ(Messages(), (Texts{"first", "os_cossocket", "errors pass", "os_cossocket", "os_cosmem", "os_cosmem"}));
+}
+
+// The text of a source decides, not the place where it stands, and the filter that is in force now.
+TEST_F(LoggerTest, TheFilterSeesThatASourceChanges)
+{
+    Begin();
+    char szFile[128];
+    for (const char* szFilter : {"7", "~7", "7"})
+    {
+        m_uniqueLog->Start(nullptr, 0, szFilter);
+        for (int i = 0; i < 40; ++i)
+        {
+            snprintf(szFile, sizeof szFile, "source%0*d", i < 20 ? 1 : 80, i % 10);   // short and long ones
+            Log(OS_LOG_NOTE, szFile + std::strlen(szFile) - 1, szFile);
+        }
+    }
+    const Texts vecstr = Messages();
+    EXPECT_EQ(vecstr.size(), 1u + 4 + 36 + 4);
+    EXPECT_EQ(std::count(vecstr.begin(), vecstr.end(), "7"), 8);
 }
 
 TEST_F(LoggerTest, NothingIsWrittenBeforeTheStart)

@@ -1,4 +1,4 @@
-// os_coslog.cpp: the public object, creation, start, path and filter, destruction.
+// os_coslog.cpp: the public object, creation, start and path, destruction.
 #include "os_coslog.h"
 
 #include "os_cfg.h"
@@ -321,75 +321,4 @@ void COsLogImpl::TakeCollector(COsLogCollector* a_poslogcollector)
     const std::lock_guard<std::mutex> guard(m_mutexCollector);
     m_uniqueCollector.swap(uniqueCollector);
     m_blCollector.store(a_poslogcollector != nullptr, std::memory_order_release);
-}
-
-// -------------------------------------------------------------------------------------------------------- filter
-
-static char Lower(char a_ch)
-{
-    return a_ch >= 'A' && a_ch <= 'Z' ? static_cast<char>(a_ch + ('a' - 'A')) : a_ch;
-}
-
-// Takes the tokens over as far as there is room for them, and never a part of one.
-static void FillFilter(OsLogFilter& a_oslogfilter, std::string_view a_strviewFilter, const char* a_szSeparators,
-                       bool a_blLower)
-{
-    char* pch = a_oslogfilter.szText;
-    const char* const pchEnd = pch + sizeof a_oslogfilter.szText;
-    while (a_oslogfilter.sizetTokens < OS_LOGFILTERTOKENS)
-    {
-        a_strviewFilter.remove_prefix(
-            std::min(a_strviewFilter.find_first_not_of(a_szSeparators), a_strviewFilter.size()));
-        const std::string_view strviewToken = a_strviewFilter.substr(0, a_strviewFilter.find_first_of(a_szSeparators));
-        a_strviewFilter.remove_prefix(strviewToken.size());
-        const size_t sizetBlank = a_oslogfilter.sizetTokens ? 1 : 0;
-        if (strviewToken.empty() || static_cast<size_t>(pchEnd - pch) <= sizetBlank + strviewToken.size())
-            break;
-
-        if (sizetBlank)
-            *pch++ = ' ';
-        const char* const pchToken = pch;
-        for (const char ch : strviewToken)
-            *pch++ = a_blLower ? Lower(ch) : ch;
-        const bool blExclude = *pchToken == '~';
-        const size_t sizetSkip = blExclude ? 1 : 0;
-        a_oslogfilter.atoken[a_oslogfilter.sizetTokens++] = {{pchToken + sizetSkip, strviewToken.size() - sizetSkip},
-                                                             blExclude};
-        a_oslogfilter.blIncludes |= !blExclude;
-    }
-    *pch = '\0';
-}
-
-void COsLogImpl::SetFilter(const char* a_szFilter, const char* a_szSeparators, bool a_blLower)
-{
-    std::unique_ptr<OsLogFilter> uniqueFilter(new (std::nothrow) OsLogFilter{});
-    if (!uniqueFilter)
-        return;
-    FillFilter(*uniqueFilter, a_szFilter, a_szSeparators, a_blLower);
-
-    const OsLogGuard oslogguard(m_osloglock);
-    OsLogFilter* poslogfilter = m_uniqueFilters.get();
-    while (poslogfilter && std::strcmp(poslogfilter->szText, uniqueFilter->szText) != 0)
-        poslogfilter = poslogfilter->uniqueNext.get();
-    if (!poslogfilter)
-    {
-        poslogfilter = uniqueFilter.get();
-        uniqueFilter->uniqueNext = std::move(m_uniqueFilters);
-        m_uniqueFilters = std::move(uniqueFilter);
-    }
-    m_poslogfilter.store(poslogfilter, std::memory_order_release);
-}
-
-bool OsLogFilter::Passes(std::string_view a_strviewSource) const
-{
-    bool blIncluded = !blIncludes;
-    for (size_t sizetToken = 0; sizetToken < sizetTokens; ++sizetToken)
-    {
-        const Token& token = atoken[sizetToken];
-        const bool blFound = a_strviewSource.find(token.strview) != std::string_view::npos;
-        if (blFound && token.blExclude)
-            return false;
-        blIncluded |= blFound && !token.blExclude;
-    }
-    return blIncluded;
 }

@@ -1,7 +1,7 @@
-// os_coslog_call.cpp: the log call: levels, slots, the filter, the line.
+// os_coslog_call.cpp: the log call: levels, slots, the line.
 //
-// What does not pass costs a few loads and compares. What passes takes the thread's slot; a thread that is inside the
-// logger already, on whichever way, drops its line.
+// What does not pass costs a few loads and comparisons. What passes takes the thread's slot; a thread that is inside
+// the logger already, on whichever way, drops its line.
 #include "os_coslog_impl.h"
 
 #include "os_cosstring.h"
@@ -22,7 +22,7 @@ static constexpr uint32_t g_u32CheckModeTell = 0x2;
 
 void COsLogImpl::Log(const OsLogCall& a_oslogcall, va_list a_valist)
 {
-    if (Passes(a_oslogcall.u32Level))
+    if (Passes(a_oslogcall))
         LogLine(a_oslogcall, a_valist);
     if (a_oslogcall.u32Level == OS_LOG_CHECK && m_u32CheckMode != 0)
         CheckFailed(a_oslogcall);
@@ -30,9 +30,10 @@ void COsLogImpl::Log(const OsLogCall& a_oslogcall, va_list a_valist)
 
 // -------------------------------------------------------------------------------------------------------- levels
 
-bool COsLogImpl::Passes(uint32_t a_u32Level) const
+bool COsLogImpl::Passes(const OsLogCall& a_oslogcall) const
 {
-    return OsLogGetState() == OS_LOGSTATE_ON && Path()->blLogs && LevelPasses(a_u32Level);
+    return OsLogGetState() == OS_LOGSTATE_ON && Path()->blLogs && LevelPasses(a_oslogcall.u32Level) &&
+           FilterPasses(a_oslogcall);
 }
 
 bool COsLogImpl::LevelPasses(uint32_t a_u32Level) const
@@ -175,22 +176,6 @@ bool COsLogImpl::SetBuffer(OsLogSlot& a_oslogslot, size_t a_sizetBuffer)
 
 // ------------------------------------------------------------------------------------------------------ the line
 
-// The base name: behind the last backslash, without extension, in lower case.
-static void TakeSource(OsLogSlot& a_oslogslot, const char* a_szFile)
-{
-    const std::string_view strviewFile(a_szFile ? a_szFile : "");
-    const size_t sizetSlash = strviewFile.rfind('\\');
-    std::string_view strviewBase = strviewFile.substr(sizetSlash == std::string_view::npos ? 0 : sizetSlash + 1);
-    strviewBase = strviewBase.substr(0, strviewBase.rfind('.'));
-    const size_t sizetSource = std::min(strviewBase.size(), sizeof a_oslogslot.szSource);
-    for (size_t sizet = 0; sizet < sizetSource; ++sizet)
-    {
-        const char ch = strviewBase[sizet];
-        a_oslogslot.szSource[sizet] = ch >= 'A' && ch <= 'Z' ? static_cast<char>(ch + ('a' - 'A')) : ch;
-    }
-    a_oslogslot.sizetSource = sizetSource;
-}
-
 // The calendar is asked once a second; below the second all clocks agree.
 static void TakeTime(OsLogSlot& a_oslogslot)
 {
@@ -214,7 +199,7 @@ void COsLogImpl::LogLine(const OsLogCall& a_oslogcall, va_list a_valist)
     poslogslot->u32Line = a_oslogcall.u32Line;
     poslogslot->u32Level = a_oslogcall.u32Level;
     poslogslot->poslogpath = Path();
-    TakeSource(*poslogslot, a_oslogcall.szFile);
+    poslogslot->sizetSource = OsLogSourceName(poslogslot->achSource, a_oslogcall.szFile);
     TakeTime(*poslogslot);
     if (Prepare(*poslogslot))
         WriteLine(*poslogslot, a_oslogcall.szFormat, a_valist);
@@ -223,10 +208,6 @@ void COsLogImpl::LogLine(const OsLogCall& a_oslogcall, va_list a_valist)
 // Everything that has to be so before the line is formatted. False: the line is dropped.
 bool COsLogImpl::Prepare(OsLogSlot& a_oslogslot)
 {
-    const std::string_view strviewSource(a_oslogslot.szSource, a_oslogslot.sizetSource);
-    const OsLogFilter* const poslogfilter = m_poslogfilter.load(std::memory_order_acquire);
-    if (a_oslogslot.u32Level != OS_LOG_ERROR && !poslogfilter->Passes(strviewSource))
-        return false;
     if (WorkingWord() & OS_LOGFLAG_FLUSH)
     {
         m_u32WorkingWord.fetch_and(~OS_LOGFLAG_FLUSH);

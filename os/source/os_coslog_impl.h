@@ -1,7 +1,8 @@
 // os_coslog_impl.h: the implementation object, which the sources of the class share.
 //
-//   os_coslog.cpp          the public object, creation, start, path and filter, destruction
-//   os_coslog_call.cpp     the log call: levels, slots, filter, the line
+//   os_coslog.cpp          the public object, creation, start and path, destruction
+//   os_coslog_filter.cpp   the filter
+//   os_coslog_call.cpp     the log call: levels, slots, the line
 //   os_coslog_line.cpp     the prefix of a line, formatting
 //   os_coslog_write.cpp    the destination: folder check, redirection, file or collector, flush
 //   os_coslog_header.cpp   the header block
@@ -25,9 +26,11 @@
 inline constexpr size_t OS_LOGSLOTS = 64;
 inline constexpr size_t OS_LOGFILTERSIZE = 128;
 inline constexpr size_t OS_LOGFILTERTOKENS = 31;
-inline constexpr size_t OS_LOGMARGIN = 256;      // that a line buffer has beyond the message, at least
-inline constexpr size_t OS_LOGGROWTH = 8192;     // what a new one gets beyond that
-inline constexpr size_t OS_LOGPREFIXMAX = 128;   // room for a prefix, a part of the margin
+inline constexpr size_t OS_LOGVERDICTS = 256;     // that a filter remembers
+inline constexpr size_t OS_LOGVERDICTSIZE = 56;   // of the file argument; a longer one is not remembered
+inline constexpr size_t OS_LOGMARGIN = 256;       // that a line buffer has beyond the message, at least
+inline constexpr size_t OS_LOGGROWTH = 8192;      // what a new one gets beyond that
+inline constexpr size_t OS_LOGPREFIXMAX = 128;    // room for a prefix, a part of the margin
 
 // The lock. A signal handler that logs may find that the thread which it interrupted holds it: it is refused then.
 class OsLogLock
@@ -83,13 +86,33 @@ struct OsLogFilter
         std::string_view strview;   // of szText, without the "~"
         bool blExclude;
     };
-    bool Passes(std::string_view a_strviewSource) const;
+
+    // What the filter says to a call's file argument. Written once, by the call that claimed it.
+    struct Verdict
+    {
+        enum : uint32_t
+        {
+            OS_FREE,
+            OS_CLAIMED,
+            OS_KNOWN,
+        };
+        std::atomic<uint32_t> u32State;
+        bool blPasses;
+        char szFile[OS_LOGVERDICTSIZE];
+    };
+
+    // Whether a call with this file argument, which may be null, passes. Verdicts are remembered: a call that is
+    // filtered out pays for little more than a comparison of texts. Neither locks nor allocates.
+    bool Passes(const char* a_szFile) const;
+    bool Judge(const char* a_szFile) const;
+    bool Remember(Verdict& a_verdict, const char* a_szFile) const;
 
     std::unique_ptr<OsLogFilter> uniqueNext;
     char szText[OS_LOGFILTERSIZE];   // as the header prints it
     Token atoken[OS_LOGFILTERTOKENS];
     size_t sizetTokens;
-    bool blIncludes;   // there is a token that is not excluded
+    bool blIncludes;                             // there is a token that is not excluded
+    std::unique_ptr<Verdict[]> uniqueVerdicts;   // null: none is remembered
 };
 
 // The log file, kept open between the lines. The path that it belongs to and every call that works with it count.
@@ -133,7 +156,7 @@ struct OsLogSlot
     uint32_t u32LastError;
     uint32_t u32Line;
     uint32_t u32Level;
-    char szSource[OS_PATHSIZE];
+    char achSource[OS_PATHSIZE];   // without an end
     size_t sizetSource;
     uint64_t u64Second;   // that ostimerecord was converted for
     OsTimeRecord ostimerecord;
@@ -181,12 +204,15 @@ private:
     void SetStateFromEnvironment();
     void SetFlags(uint32_t a_u32Flags, uint32_t a_u32TakenOut);
     void SetPath(const char* a_szLogFile, OsLogHeader a_oslogheader, int32_t a_i32LineCounter);
-    void SetFilter(const char* a_szFilter, const char* a_szSeparators, bool a_blLower);
     void StartPath(const char* a_szLogFile);
     void StartCollector();
 
+    // os_coslog_filter.cpp
+    void SetFilter(const char* a_szFilter, const char* a_szSeparators, bool a_blLower);
+    bool FilterPasses(const OsLogCall& a_oslogcall) const;
+
     // os_coslog_call.cpp
-    bool Passes(uint32_t a_u32Level) const;
+    bool Passes(const OsLogCall& a_oslogcall) const;
     bool LevelPasses(uint32_t a_u32Level) const;
     void LogLine(const OsLogCall& a_oslogcall, va_list a_valist);
     OsLogSlot* FindSlot(uint64_t a_u64ThreadId);
@@ -254,6 +280,10 @@ private:
 
     OsLogSlot m_aoslogslot[OS_LOGSLOTS] = {};
 };
+
+// The base name of a call's file argument, which may be null: what is behind the last backslash, without extension, in
+// lower case. The name has OS_PATHSIZE bytes and no end; returns its length.
+size_t OsLogSourceName(char* a_achSource, const char* a_szFile);
 
 // Format into a_szBuffer, or at the end of the text in it. Returns the length of the whole text, -1 when something is
 // null or does not fit; that is told on the standard error stream, never through the logger.

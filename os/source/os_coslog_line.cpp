@@ -91,7 +91,7 @@ char* OsLogPutPrefix(char* a_pch, const OsLogSlot& a_oslogslot, int32_t a_i32Num
     pch = PutTriple(pch, a_oslogslot.u32Microseconds);
     *pch++ = ' ';
     const size_t sizetSource = std::min(a_oslogslot.sizetSource, g_sizetSource);
-    std::memcpy(pch, a_oslogslot.szSource, sizetSource);
+    std::memcpy(pch, a_oslogslot.achSource, sizetSource);
     std::memset(pch + sizetSource, ' ', g_sizetSource + 1 - sizetSource);
     pch = PutSigned(pch + g_sizetSource + 1, static_cast<int32_t>(a_oslogslot.u32Line), 1, 5);
     *pch++ = ' ';
