@@ -1,13 +1,14 @@
 #!/usr/bin/env bash
-# Builds release and prints what the collector costs beside the least that could do its work, and beside those of
-# socat, syslog-ng and rsyslog that are installed. ./bench.sh --peers installs them first (without starting them).
+# Builds release and prints what collector, logger and ring buffer cost, as ratios: beside the least that could do their
+# work, and beside those of socat, syslog-ng, rsyslog, spdlog and glog that are installed. ./bench.sh --peers installs
+# them first (without starting them). A number is that of the rounds.
 set -euo pipefail
 cd "$(dirname "$0")"
 . tools/setup.sh
-setup_packages g++ cmake ninja-build
+setup_packages g++ cmake ninja-build libbenchmark-dev
 if [ "${1:-}" = --peers ]; then
   shift
-  setup_packages socat syslog-ng-core libestr0 libfastjson4
+  setup_packages socat syslog-ng-core libestr0 libfastjson4 libspdlog-dev libgoogle-glog-dev
   # The two daemons refuse to be installed beside each other: this one is only unpacked.
   if [ ! -x /usr/sbin/rsyslogd ] && [ ! -x build/peers/usr/sbin/rsyslogd ]; then
     echo "== Unpacking: rsyslog"
@@ -15,6 +16,12 @@ if [ "${1:-}" = --peers ]; then
     (cd build/peers && apt-get download -qq rsyslog >/dev/null 2>&1 && dpkg -x rsyslog_*.deb . && rm -f rsyslog_*.deb)
   fi
 fi
-build release logcollector floor_collector floor_port collector_bench
+build release logcollector floor_collector floor_port collector_bench logger_bench clean_bench ring_bench peers
 ulimit -n "$(ulimit -Hn)"
-exec build/release/bin/collector_bench "${1:-5}"
+rounds=${1:-3}
+status=0
+for bench in "logger_bench $((rounds * 5))" clean_bench ring_bench "collector_bench $rounds"; do
+  # shellcheck disable=SC2086
+  build/release/bin/$bench || status=1
+done
+exit $status

@@ -1,13 +1,13 @@
 // bench_load.cpp: sender threads, waiting for the files, comparing them.
 #include "bench_load.h"
 
+#include "bench_support.h"
+
 #include <algorithm>
 #include <arpa/inet.h>
 #include <chrono>
 #include <cstdio>
 #include <cstring>
-#include <fstream>
-#include <iterator>
 #include <netinet/tcp.h>
 #include <sys/socket.h>
 #include <sys/stat.h>
@@ -60,7 +60,7 @@ static int Connect(uint16_t a_u16Port, bool a_blNoDelay)
     return -1;
 }
 
-static bool SendAll(int a_iSocket, const char* a_pchText, size_t a_sizetText)
+bool SendAll(int a_iSocket, const char* a_pchText, size_t a_sizetText)
 {
     while (a_sizetText != 0)
     {
@@ -104,11 +104,11 @@ static bool WaitForSize(const std::string& a_strPath, size_t a_sizetBytes)
     return true;
 }
 
-static bool HasContent(const std::string& a_strPath, const std::string& a_strText)
+int OpenStream(const LoadTarget& a_loadtarget, const std::string& a_strPath, bool a_blNoDelay)
 {
-    std::ifstream stream(a_strPath, std::ios::binary);
-    const std::string strContent{std::istreambuf_iterator<char>(stream), std::istreambuf_iterator<char>()};
-    return strContent == a_strText;
+    const int iSocket = Connect(PortOf(a_loadtarget, 0), a_blNoDelay);
+    SendHeader(iSocket, a_loadtarget, a_strPath);
+    return iSocket;
 }
 
 LoadResult RunLoad(const Load& a_load, const LoadTarget& a_loadtarget)
@@ -146,7 +146,7 @@ LoadResult RunLoad(const Load& a_load, const LoadTarget& a_loadtarget)
 
     for (uint32_t u32 = 0; u32 < a_load.u32Streams; ++u32)
     {
-        blEveryByte = blEveryByte && HasContent(vecstrPath[u32], strText);
+        blEveryByte = blEveryByte && ReadFile(vecstrPath[u32]) == strText;
         close(veciSocket[u32]);
     }
     return {blEveryByte, dSeconds};

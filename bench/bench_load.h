@@ -33,6 +33,10 @@ struct LoadResult
 
 LoadResult RunLoad(const Load& a_load, const LoadTarget& a_loadtarget);
 
+// Opens one connection and sends its header.
+int OpenStream(const LoadTarget& a_loadtarget, const std::string& a_strPath, bool a_blNoDelay);
+bool SendAll(int a_iSocket, const char* a_pchText, size_t a_sizetText);
+
 // Opens so many connections, each of which sends a header and one line, waits until all lines are in their files, and
 // keeps the connections open. Empty when one of them failed.
 std::vector<int> OpenIdle(uint32_t a_u32Connections, const LoadTarget& a_loadtarget);

@@ -1,9 +1,13 @@
-// bench_support.h: what the benchmarks share: a folder of their own, and the figure that stands for several runs.
+// bench_support.h: what the benchmarks share: a folder of their own, whole files, the figure that stands for several
+// runs, and what is said to one that has a limit.
 #pragma once
 
 #include <algorithm>
+#include <cstdio>
 #include <cstdlib>
 #include <filesystem>
+#include <fstream>
+#include <iterator>
 #include <string>
 #include <unistd.h>
 #include <vector>
@@ -39,3 +43,16 @@ public:
 private:
     std::string m_strPath;
 };
+
+inline std::string ReadFile(const std::string& a_strPath)
+{
+    std::ifstream stream(a_strPath, std::ios::binary);
+    return {std::istreambuf_iterator<char>(stream), std::istreambuf_iterator<char>()};
+}
+
+inline std::string Verdict(double a_dFigure, double a_dLimit)
+{
+    char szVerdict[64];
+    std::snprintf(szVerdict, sizeof szVerdict, "limit %g: %s", a_dLimit, a_dFigure <= a_dLimit ? "ok" : "OVER");
+    return szVerdict;
+}

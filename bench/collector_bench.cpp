@@ -8,12 +8,10 @@
 #include "bench_support.h"
 #include "bench_target.h"
 
-#include <algorithm>
 #include <chrono>
 #include <cstdio>
 #include <cstdlib>
 #include <filesystem>
-#include <fstream>
 #include <string>
 #include <thread>
 #include <unistd.h>
@@ -112,12 +110,6 @@ static void BenchThroughput(const std::vector<TargetKind>& a_vectargetkind, int 
 }
 
 // ----------------------------------------------------------------------------------------------------------- idle
-
-static std::string ReadFile(const std::string& a_strPath)
-{
-    std::ifstream stream(a_strPath);
-    return {std::istreambuf_iterator<char>(stream), std::istreambuf_iterator<char>()};
-}
 
 static double ResidentKilobytes(pid_t a_pid)
 {

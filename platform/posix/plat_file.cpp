@@ -287,6 +287,16 @@ bool PlatFileWrite(PlatHandle a_plathandle, const void* a_pvBuffer, size_t a_siz
 
 // ----------------------------------------------------------------------------------------------------- appending
 
+// A write to a position that is told does not wait for those who use the descriptor's own; the bytes are appended all
+// the same. What has no positions takes the bytes as they come.
+bool PosixWriteAppending(int a_iDescriptor, const void* a_pvBuffer, size_t a_sizetBytes, size_t* a_psizetWritten)
+{
+    return WriteAll(a_pvBuffer, a_sizetBytes, a_psizetWritten, [=](const char* pch, size_t sizet) {
+        const ssize_t ssizet = pwrite(a_iDescriptor, pch, sizet, 0);
+        return ssizet < 0 && errno == ESPIPE ? write(a_iDescriptor, pch, sizet) : ssizet;
+    });
+}
+
 // Set once a descriptor was made an appending one for good: then a seek has to take that back.
 static std::atomic<bool> g_blAppendFlagUsed{false};
 

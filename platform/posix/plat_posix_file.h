@@ -45,6 +45,9 @@ inline constexpr PlatHandle POSIX_FILE_EXCLUSIVE = PlatHandle{1} << 42;   // it 
 // the last error otherwise.
 int PosixFileDescriptor(PlatHandle a_plathandle, PlatHandle a_plathandleAccess);
 
+// Writes all bytes to a descriptor that appends. Threads that share it do not wait for one another here.
+bool PosixWriteAppending(int a_iDescriptor, const void* a_pvBuffer, size_t a_sizetBytes, size_t* a_psizetWritten);
+
 // ------------------------------------------------------------------------------------------------------- paths
 
 // Fails with what errno says about a path; a missing file (2) is told from a missing folder on the way to it (3).
