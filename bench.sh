@@ -20,7 +20,7 @@ build release logcollector floor_collector floor_port collector_bench logger_ben
 ulimit -n "$(ulimit -Hn)"
 rounds=${1:-3}
 status=0
-for bench in "logger_bench $((rounds * 5))" clean_bench ring_bench "collector_bench $rounds"; do
+for bench in "logger_bench $((rounds * 3))" "clean_bench 1" ring_bench "collector_bench $rounds"; do
   # shellcheck disable=SC2086
   build/release/bin/$bench || status=1
 done

@@ -64,7 +64,7 @@ int main(int a_iArguments, char** a_aszArgument)
 {
     if (a_iArguments > 1 && std::strcmp(a_aszArgument[1], "--start") == 0)
         return StartOnce();
-    const int iRounds = a_iArguments > 1 ? std::atoi(a_aszArgument[1]) : 15;
+    const int iRounds = a_iArguments > 1 ? std::atoi(a_aszArgument[1]) : 9;
     BenchStart();
 
     const WorkFolder workfolder;

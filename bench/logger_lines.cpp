@@ -107,10 +107,17 @@ private:
     std::string m_strLine;
 };
 
+// Without a collector. A start makes a client whenever there is none.
+static void StartAlone(const std::string& a_strPath)
+{
+    OsLogGet()->Start(a_strPath.c_str(), 0, "");
+    OsLogGet()->TakeCollector(nullptr);
+}
+
 // The line before the others takes the header along, which is not part of their price.
 static double LogToFile(const std::string& a_strPath, const LineRun& a_linerun)
 {
-    OsLogGet()->Start(a_strPath.c_str(), 0, "");
+    StartAlone(a_strPath);
     OSLOG(OS_LOG_NOTE, "begin");
     return SecondsOfLines(a_linerun, LogLine);
 }
@@ -186,7 +193,6 @@ static bool Compare(const std::vector<Writer>& a_vecwriter, const LineRun& a_lin
 bool BenchFileLines(const std::string& a_strFolder, int a_iRounds)
 {
     std::printf("\n== Lines into a file, against open, append and close of the same bytes, and against the peers\n");
-    OsLogGet()->TakeCollector(nullptr);
     const std::string strFirst = a_strFolder + "/first.log";
     LogToFile(strFirst, {1, 1});
     BareLine::Learn(strFirst);
