@@ -335,6 +335,32 @@ TEST_F(LoggerTest, ThreadsWriteWholeLinesNumberedWithoutAGap)
     EXPECT_EQ(*setstrNumber.rbegin(), "40006");
 }
 
+// Whoever comes while another thread writes the header waits for it.
+TEST_F(LoggerTest, ThreadsThatBeginTogetherLoseNoLine)
+{
+    Create();
+    for (int iRun = 0; iRun < 20; ++iRun)
+    {
+        m_strLog = PathOf(std::to_string(iRun) + ".log");
+        m_uniqueLog->Start(m_strLog.c_str(), 0, "");
+        std::atomic<int> iReady{0};
+        std::vector<std::thread> vecthread;
+        for (int iThread = 0; iThread < 8; ++iThread)
+        {
+            vecthread.emplace_back([&iReady] {
+                for (++iReady; iReady < 8;)
+                    std::this_thread::yield();
+                Log(OS_LOG_NOTE, "1");
+                Log(OS_LOG_NOTE, "2");
+            });
+        }
+        for (std::thread& thread : vecthread)
+            thread.join();
+        EXPECT_EQ(Messages().size(), 16u) << iRun;
+        EXPECT_EQ(Lines().size(), 22u) << iRun;
+    }
+}
+
 // Starting anew and flushing go on beside the lines: what is written is whole, and numbered without a gap.
 TEST_F(LoggerTest, ARestartAmongLinesLeavesNoGap)
 {

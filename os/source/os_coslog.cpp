@@ -98,18 +98,29 @@ void COsLog::TakeCollector(COsLogCollector* a_poslogcollector)
 
 // ---------------------------------------------------------------------------------------------- what calls share
 
-bool OsLogLock::Acquire()
+bool OsLogLock::Acquire(uint32_t a_u32Milliseconds)
 {
-    const uint64_t u64ThreadId = PlatThreadId();
-    for (;;)
+    uint64_t u64Free = 0;
+    while (!m_u64Owner.compare_exchange_strong(u64Free, PlatThreadId(), std::memory_order_acquire))
     {
-        uint64_t u64Owner = 0;
-        if (m_u64Owner.compare_exchange_strong(u64Owner, u64ThreadId, std::memory_order_acquire))
-            return true;
-        if (u64Owner == u64ThreadId)
+        if (!Wait(a_u32Milliseconds))
+            return false;
+        u64Free = 0;
+    }
+    return true;
+}
+
+bool OsLogLock::Wait(uint32_t a_u32Milliseconds) const
+{
+    const uint64_t u64Begin = PlatTicks();
+    while (const uint64_t u64Owner = m_u64Owner.load(std::memory_order_acquire))
+    {
+        const bool blOver = a_u32Milliseconds != OS_INFINITE && PlatTicks() - u64Begin >= a_u32Milliseconds;
+        if (blOver || u64Owner == PlatThreadId())
             return false;
         std::this_thread::yield();
     }
+    return true;
 }
 
 OsLogKeepError::OsLogKeepError() : m_u32Error(PlatGetLastError()), m_iErrno(errno) {}
@@ -178,7 +189,7 @@ COsLogImpl::COsLogImpl(const COsLog::CreateArgs& a_createargs)
     const bool blExpanded = ExpandPath(szLogFile, szExpanded, &szFile);
     if (blExpanded)
         AddModuleName(szExpanded, szFile);
-    SetPath(blExpanded ? szExpanded : szLogFile, OsLogHeader::Pending, 0);
+    SetPath(blExpanded ? szExpanded : szLogFile, true, 0);
     SetFilter(a_createargs.szFilter ? a_createargs.szFilter : "", " ", false);
 }
 
@@ -238,7 +249,7 @@ void COsLogImpl::StartPath(const char* a_szLogFile)
     OsLogPath* const poslogpath = Path();
     if (!a_szLogFile)
     {
-        poslogpath->oslogheader = OsLogHeader::Written;
+        poslogpath->blHeaderPending = false;
         return;
     }
     char szExpanded[OS_PATHSIZE];
@@ -246,7 +257,7 @@ void COsLogImpl::StartPath(const char* a_szLogFile)
     const bool blExpanded = ExpandPath(a_szLogFile, szExpanded, &szFile);
     const bool blNew = std::strcmp(a_szLogFile, poslogpath->szLogFile) != 0;
     if (blNew)
-        SetPath(blExpanded ? szExpanded : a_szLogFile, OsLogHeader::Pending, 0);
+        SetPath(blExpanded ? szExpanded : a_szLogFile, true, 0);
 }
 
 // What is taken out of the word and means something stays in force until the logger goes.
@@ -274,7 +285,7 @@ static OsLogPath* FindPath(OsLogPath* a_poslogpath, const char* a_szLogFile)
 
 // Makes a path the current one; without memory the one before goes on. The file of the one before is closed as soon as
 // no call works with it any more.
-void COsLogImpl::SetPath(const char* a_szLogFile, OsLogHeader a_oslogheader, int32_t a_i32LineCounter)
+void COsLogImpl::SetPath(const char* a_szLogFile, bool a_blHeaderPending, int32_t a_i32LineCounter)
 {
     std::unique_ptr<OsLogPath> uniquePath(new (std::nothrow) OsLogPath{});
     if (!uniquePath)
@@ -293,7 +304,7 @@ void COsLogImpl::SetPath(const char* a_szLogFile, OsLogHeader a_oslogheader, int
             m_uniquePaths = std::move(uniquePath);
         }
         poslogpath->i32LineCounter = a_i32LineCounter;
-        poslogpath->oslogheader = a_oslogheader;
+        poslogpath->blHeaderPending = a_blHeaderPending;
         poslogpathBefore = m_poslogpath.exchange(poslogpath, std::memory_order_acq_rel);
         if (poslogpathBefore == poslogpath)
             poslogpathBefore = nullptr;

@@ -20,6 +20,9 @@ static constexpr uint64_t g_u64ClockPerMillisecond = 10000;
 static constexpr uint64_t g_u64ClockPerMicrosecond = 10;
 static constexpr uint32_t g_u32CheckModeTell = 0x2;
 
+// The header asks others, who may wait for a lock that a thread holds which waits here.
+static constexpr uint32_t g_u32FirstTimeout = 250;   // ms
+
 void COsLogImpl::Log(const OsLogCall& a_oslogcall, va_list a_valist)
 {
     if (Passes(a_oslogcall))
@@ -30,10 +33,21 @@ void COsLogImpl::Log(const OsLogCall& a_oslogcall, va_list a_valist)
 
 // -------------------------------------------------------------------------------------------------------- levels
 
-bool COsLogImpl::Passes(const OsLogCall& a_oslogcall) const
+bool COsLogImpl::Passes(const OsLogCall& a_oslogcall)
 {
-    return OsLogGetState() == OS_LOGSTATE_ON && Path()->blLogs && LevelPasses(a_oslogcall.u32Level) &&
-           FilterPasses(a_oslogcall);
+    return Path()->blLogs && LevelPasses(a_oslogcall.u32Level) && FilterPasses(a_oslogcall) && StateAllows();
+}
+
+// Logging is suppressed also while another call does what comes before a first line. Its end is waited for, but not
+// from inside the logger, where that call may wait for this thread.
+bool COsLogImpl::StateAllows()
+{
+    const int iState = OsLogGetState();
+    if (iState != OS_LOGSTATE_SUPPRESSED)
+        return iState == OS_LOGSTATE_ON;
+    if (m_osloglockFirst.IsHeld() && (IsInside() || !m_osloglockFirst.Wait(g_u32FirstTimeout)))
+        return false;
+    return OsLogGetState() == OS_LOGSTATE_ON;
 }
 
 bool COsLogImpl::LevelPasses(uint32_t a_u32Level) const
@@ -70,6 +84,12 @@ OsLogSlot* COsLogImpl::FindSlot(uint64_t a_u64ThreadId)
         }
     }
     return nullptr;
+}
+
+bool COsLogImpl::IsInside()
+{
+    const OsLogSlot* const poslogslot = FindSlot(PlatThreadId());
+    return poslogslot && poslogslot->u32Busy.load(std::memory_order_relaxed) == OsLogSlot::OS_INSIDE;
 }
 
 OsLogSlot* COsLogImpl::ClaimFree(uint64_t a_u64ThreadId)
@@ -213,11 +233,23 @@ bool COsLogImpl::Prepare(OsLogSlot& a_oslogslot)
         m_u32WorkingWord.fetch_and(~OS_LOGFLAG_FLUSH);
         m_blFlushEvery = true;
     }
-    if (!FolderIsThere(a_oslogslot))
+    return IsPrepared(*a_oslogslot.poslogpath) ? Open(a_oslogslot) : PrepareFirst(a_oslogslot);
+}
+
+bool COsLogImpl::IsPrepared(const OsLogPath& a_oslogpath) const
+{
+    return m_blFolderFound.load(std::memory_order_relaxed) && !m_blRedirectPending.load(std::memory_order_relaxed) &&
+           !a_oslogpath.blHeaderPending.load(std::memory_order_acquire);
+}
+
+bool COsLogImpl::PrepareFirst(OsLogSlot& a_oslogslot)
+{
+    const OsLogGuard oslogguard(m_osloglockFirst, g_u32FirstTimeout);
+    if (!oslogguard.Held() || !FolderIsThere(a_oslogslot))
         return false;
-    Redirect(a_oslogslot);
     a_oslogslot.poslogpath = Path();
-    return (UsesCollector() || OpenDestination(a_oslogslot, true)) && WriteHeaderIfPending(a_oslogslot);
+    Redirect(a_oslogslot);
+    return Open(a_oslogslot) && WriteHeaderIfPending(a_oslogslot);
 }
 
 // The message is formatted where the longest prefix would end, then the prefix is put right before it. So the number

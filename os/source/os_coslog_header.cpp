@@ -26,22 +26,17 @@ std::atomic<OsLogTextProc> g_poslogresourceproc{nullptr};
 std::atomic<OsLogTextProc> g_poslogsetupproc{nullptr};
 std::atomic<OsLogVersionProc> g_poslogversionproc{nullptr};
 
-// False: another call writes it at this moment, or logging is suppressed; the line is dropped.
+// False: logging is suppressed; the line is dropped.
 bool COsLogImpl::WriteHeaderIfPending(OsLogSlot& a_oslogslot)
 {
-    std::atomic<OsLogHeader>& oslogheader = a_oslogslot.poslogpath->oslogheader;
-    if (oslogheader.load(std::memory_order_acquire) == OsLogHeader::Written)
+    if (!a_oslogslot.poslogpath->blHeaderPending)
         return true;
     const COsLogSuppress oslogsuppress;
-    OsLogHeader oslogheaderPending = OsLogHeader::Pending;
     if (!oslogsuppress.WasAllowed())
         return false;
-    if (oslogheader.compare_exchange_strong(oslogheaderPending, OsLogHeader::Writing))
-    {
-        WriteHeader(a_oslogslot);
-        oslogheader.store(OsLogHeader::Written, std::memory_order_release);
-    }
-    return oslogheaderPending != OsLogHeader::Writing;
+    WriteHeader(a_oslogslot);
+    a_oslogslot.poslogpath->blHeaderPending = false;
+    return true;
 }
 
 void COsLogImpl::WriteHeader(OsLogSlot& a_oslogslot)

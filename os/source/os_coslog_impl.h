@@ -9,7 +9,8 @@
 //
 // A call has a slot of its own and shares with others what stands below "shared". Paths and filters are never changed
 // once they are in use and live as long as the logger, so that a call may go on with the one it began with while the
-// logger is started anew. The one lock is held for a few instructions and never while anything else is called.
+// logger is started anew. The one lock that every line takes is held for a few instructions and never while anything
+// else is called; the one before a first line may be held for long, but nobody waits for it without a limit.
 #pragma once
 
 #include "os_coslog.h"
@@ -32,12 +33,18 @@ inline constexpr size_t OS_LOGMARGIN = 256;       // that a line buffer has beyo
 inline constexpr size_t OS_LOGGROWTH = 8192;      // what a new one gets beyond that
 inline constexpr size_t OS_LOGPREFIXMAX = 128;    // room for a prefix, a part of the margin
 
-// The lock. A signal handler that logs may find that the thread which it interrupted holds it: it is refused then.
+// A lock that a thread waits for with a limit. A signal handler that logs may find that the thread which it interrupted
+// holds it: it is refused then.
 class OsLogLock
 {
 public:
-    bool Acquire();
+    bool Acquire(uint32_t a_u32Milliseconds);
     void Release() { m_u64Owner.store(0, std::memory_order_release); }
+
+    bool IsHeld() const { return m_u64Owner.load(std::memory_order_acquire) != 0; }
+
+    // Waits until no other thread holds it. False when it is still held then, or when the calling thread holds it.
+    bool Wait(uint32_t a_u32Milliseconds) const;
 
 private:
     std::atomic<uint64_t> m_u64Owner{0};   // a thread id, 0 when it is free
@@ -46,7 +53,10 @@ private:
 class OsLogGuard
 {
 public:
-    explicit OsLogGuard(OsLogLock& a_osloglock) : m_osloglock(a_osloglock), m_blHeld(a_osloglock.Acquire()) {}
+    explicit OsLogGuard(OsLogLock& a_osloglock, uint32_t a_u32Milliseconds = OS_INFINITE)
+        : m_osloglock(a_osloglock), m_blHeld(a_osloglock.Acquire(a_u32Milliseconds))
+    {
+    }
     ~OsLogGuard()
     {
         if (m_blHeld)
@@ -122,20 +132,13 @@ struct OsLogFile
     std::atomic<uint32_t> u32Users;
 };
 
-enum class OsLogHeader : uint32_t
-{
-    Written,
-    Pending,
-    Writing,
-};
-
 // Where lines go, and how many went there since the header.
 struct OsLogPath
 {
     std::unique_ptr<OsLogPath> uniqueNext;
     char szLogFile[OS_PATHSIZE];
     bool blLogs;   // it is one of a log file
-    std::atomic<OsLogHeader> oslogheader;
+    std::atomic<bool> blHeaderPending;
     std::atomic<int32_t> i32LineCounter;
     std::atomic<bool> blTorn;   // the last line got there in part
     OsLogFile* poslogfile;      // under the lock; null when it is not open
@@ -203,7 +206,7 @@ private:
     // os_coslog.cpp
     void SetStateFromEnvironment();
     void SetFlags(uint32_t a_u32Flags, uint32_t a_u32TakenOut);
-    void SetPath(const char* a_szLogFile, OsLogHeader a_oslogheader, int32_t a_i32LineCounter);
+    void SetPath(const char* a_szLogFile, bool a_blHeaderPending, int32_t a_i32LineCounter);
     void StartPath(const char* a_szLogFile);
     void StartCollector();
 
@@ -212,16 +215,20 @@ private:
     bool FilterPasses(const OsLogCall& a_oslogcall) const;
 
     // os_coslog_call.cpp
-    bool Passes(const OsLogCall& a_oslogcall) const;
+    bool Passes(const OsLogCall& a_oslogcall);
+    bool StateAllows();
     bool LevelPasses(uint32_t a_u32Level) const;
     void LogLine(const OsLogCall& a_oslogcall, va_list a_valist);
     OsLogSlot* FindSlot(uint64_t a_u64ThreadId);
+    bool IsInside();
     OsLogSlot* ClaimFree(uint64_t a_u64ThreadId);
     OsLogSlot* ClaimSlot(uint64_t a_u64ThreadId);
     void ReclaimSlots();
     OsLogSlot* Enter();
     void Leave(OsLogSlot& a_oslogslot);
     bool Prepare(OsLogSlot& a_oslogslot);
+    bool IsPrepared(const OsLogPath& a_oslogpath) const;
+    bool PrepareFirst(OsLogSlot& a_oslogslot);
     void WriteLine(OsLogSlot& a_oslogslot, const char* a_szFormat, va_list a_valist);
     bool FormatMessage(OsLogSlot& a_oslogslot, const char* a_szFormat, va_list a_valist, size_t* a_psizetLength);
     static bool SetBuffer(OsLogSlot& a_oslogslot, size_t a_sizetBuffer);
@@ -229,7 +236,8 @@ private:
 
     // os_coslog_write.cpp
     bool FolderIsThere(const OsLogSlot& a_oslogslot);
-    void Redirect(const OsLogSlot& a_oslogslot);
+    void Redirect(OsLogSlot& a_oslogslot);
+    bool Open(OsLogSlot& a_oslogslot);
     bool OpenDestination(OsLogSlot& a_oslogslot, bool a_blMakeFolder);
     bool OpenFile(OsLogSlot& a_oslogslot);
     OsLogFile* TakeKept(const OsLogPath* a_poslogpath);
@@ -271,6 +279,7 @@ private:
     OsLogPath m_oslogpathNone = {};
     OsLogFilter m_oslogfilterNone = {};
     OsLogLock m_osloglock;
+    OsLogLock m_osloglockFirst;   // what comes before the first line of a path is done by one call at a time
     std::unique_ptr<OsLogPath> m_uniquePaths;       // all that were used
     std::unique_ptr<OsLogFilter> m_uniqueFilters;   // likewise
 

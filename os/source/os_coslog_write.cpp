@@ -47,7 +47,7 @@ bool COsLogImpl::FolderIsThere(const OsLogSlot& a_oslogslot)
 }
 
 // MVR_DEBUGDIR names a folder where this run logs into a file of its own, named by the time of its first line.
-void COsLogImpl::Redirect(const OsLogSlot& a_oslogslot)
+void COsLogImpl::Redirect(OsLogSlot& a_oslogslot)
 {
     if (!m_blRedirectPending.load(std::memory_order_relaxed))
         return;
@@ -63,7 +63,8 @@ void COsLogImpl::Redirect(const OsLogSlot& a_oslogslot)
                                  ostimerecord.u16Minute, ostimerecord.u16Second, ostimerecord.u16Milliseconds);
     if (iLength < 0)
         return;
-    SetPath(szLogFile, a_oslogslot.poslogpath->oslogheader, a_oslogslot.poslogpath->i32LineCounter);
+    SetPath(szLogFile, a_oslogslot.poslogpath->blHeaderPending, a_oslogslot.poslogpath->i32LineCounter);
+    a_oslogslot.poslogpath = Path();
 }
 
 // ------------------------------------------------------------------------------------------------------- the file
@@ -147,6 +148,12 @@ bool COsLogImpl::OpenDestination(OsLogSlot& a_oslogslot, bool a_blMakeFolder)
     if (!blOpen)
         OsLogSetState(OS_LOGSTATE_OFF);
     return blOpen;
+}
+
+// A collector needs no file to be open.
+bool COsLogImpl::Open(OsLogSlot& a_oslogslot)
+{
+    return UsesCollector() || OpenDestination(a_oslogslot, true);
 }
 
 // ------------------------------------------------------------------------------------------------------ write-out
