@@ -10,6 +10,7 @@
 #include "os_cfg.h"
 #include "os_cosfile_system.h"
 #include "os_coslocale.h"
+#include "os_cosmem.h"
 #include "os_cosspinlock.h"
 #include "os_cosstring.h"
 #include "os_new.h"
@@ -274,6 +275,7 @@ void COsFileMonitor::Report(uint32_t a_u32Event)
         a_osfilemonitorrecord.blFirstChange = m_blFirstChange;
     });
     m_blFirstChange = false;
+    OsMemLogUsage(g_szSource, static_cast<uint32_t>(__LINE__));
 }
 
 void COsFileMonitor::ReportUnreadable()
