@@ -90,8 +90,10 @@ bool PlatAppendWrite(PlatHandle a_plathandle, const void* a_pvBuffer, size_t a_s
 {
     const PosixAppendFile* pposixappendfile = AppendFileOf(a_plathandle);
     if (pposixappendfile)
+    {
         return PosixWriteAppending(PosixDescriptorOf(pposixappendfile->plathandleFile), a_pvBuffer, a_sizetBytes,
                                    a_psizetWritten);
+    }
     if (a_psizetWritten)
         *a_psizetWritten = 0;
     return false;
