@@ -16,7 +16,7 @@ if [ "${1:-}" = --peers ]; then
     (cd build/peers && apt-get download -qq rsyslog >/dev/null 2>&1 && dpkg -x rsyslog_*.deb . && rm -f rsyslog_*.deb)
   fi
 fi
-build release logcollector floor_collector floor_port collector_bench logger_bench clean_bench ring_bench peers
+build release logcollector floor_collector floor_port application_start collector_bench logger_bench clean_bench ring_bench peers
 ulimit -n "$(ulimit -Hn)"
 rounds=${1:-3}
 status=0

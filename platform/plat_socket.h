@@ -54,6 +54,9 @@ bool PlatSocketSend(PlatHandle a_plathandle, const void* a_pvBuffer, size_t a_si
 bool PlatSocketWaiting(PlatHandle a_plathandle, size_t* a_psizetBytes);   // bytes that have arrived and are not read
 bool PlatSocketShutdown(PlatHandle a_plathandle, bool a_blReceive, bool a_blSend);
 bool PlatSocketSetOption(PlatHandle a_plathandle, PlatSocketOption a_platsocketoption, bool a_blOn);
+
+// How much the system keeps of what was sent and has not arrived, in bytes and roughly. Before the connect.
+bool PlatSocketSetSendBuffer(PlatHandle a_plathandle, uint32_t a_u32Bytes);
 bool PlatSocketName(PlatHandle a_plathandle, PlatAddress* a_pplataddress);   // the address that it is bound to
 
 // What of a_u32Mask the socket has to report now, 0 for nothing. A connection whose peer has closed reports

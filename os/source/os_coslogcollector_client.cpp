@@ -16,6 +16,7 @@ static constexpr char g_szSource[] = "os/source/os_coslogcollector";
 
 static constexpr int g_iConnectTries = 8;
 static constexpr int32_t g_i32ConnectTimeout = 250;
+static constexpr uint32_t g_u32SendBuffer = 32768;   // bytes: what is on its way is lost with a killed collector
 static constexpr size_t g_sizetAnnouncementMost = 1024;
 
 // A collector that takes nothing for so long is given up: its clients must not stand still for ever.
@@ -83,6 +84,7 @@ EOSSTS COsLogCollectorImpl::Connect()
     connectargs.blSecure = true;
     connectargs.i32Timeout = g_i32ConnectTimeout;
     connectargs.blNoDelay = true;
+    connectargs.u32SendBuffer = g_u32SendBuffer;
 
     m_possocketClient = OSMEMNEW(COsSocket);
     for (int iTry = 0; m_possocketClient && iTry < g_iConnectTries; ++iTry)

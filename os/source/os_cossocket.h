@@ -63,6 +63,7 @@ public:
         bool blSecure = false;       // stored only
         int32_t i32Timeout = -1;     // -1: 20000
         bool blNoDelay = false;
+        uint32_t u32SendBuffer = 0;   // bytes that may be on their way, roughly; 0: as the system sees fit
     };
     // Success says that the attempt is over; a refused connection shows at the first read or write.
     // EOSSTS_TIMEOUT, EOSSTS_CANCELLED, EOSSTS_EXITED, EOSSTS_FAIL.

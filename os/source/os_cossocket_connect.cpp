@@ -84,7 +84,7 @@ EOSSTS COsSocketImpl::ConnectTcp(const COsSocket::ConnectArgs& a_connectargs, co
         OSLOG(OS_LOG_ERROR, "sock>>> connect: OsSocketInitializeStatic failed...");
         return EOSSTS_FAIL;
     }
-    if (!FindPeer() || !CreateConnectSocket(a_connectargs.blNoDelay))
+    if (!FindPeer() || !CreateConnectSocket(a_connectargs))
         return EOSSTS_FAIL;
     PreparePort(a_szPort);
     const bool blStarted = CreateCancelEvent() && WatchProcess(a_connectargs.u64ProcessId) && StartConnect();
@@ -108,7 +108,7 @@ bool COsSocketImpl::FindPeer()
     return true;
 }
 
-bool COsSocketImpl::CreateConnectSocket(bool a_blNoDelay)
+bool COsSocketImpl::CreateConnectSocket(const COsSocket::ConnectArgs& a_connectargs)
 {
     const PlatHandle plathandle = PlatSocketCreate();
     m_psocketstate->plathandleConnected = plathandle;
@@ -117,13 +117,15 @@ bool COsSocketImpl::CreateConnectSocket(bool a_blNoDelay)
         OSLOG(OS_LOG_ERROR, "sock>>> connect: socket failed...");
         return false;
     }
+    if (a_connectargs.u32SendBuffer != 0 && !PlatSocketSetSendBuffer(plathandle, a_connectargs.u32SendBuffer))
+        OSLOG(OS_LOG_ERROR, "sock>>> connect: setsockopt(SO_SNDBUF) failed...");
     if (!OsCfgExists())
         return true;
     if (OsCfgGetLong(OS_CFGTAG_FORCENETKEEPALIVE) != 0 &&
         !PlatSocketSetOption(plathandle, PLAT_SOCKETOPTION_KEEPALIVE, true))
         OSLOG(OS_LOG_ERROR, "sock>>> connect: setsockopt(SO_KEEPALIVE) failed...");
     const long lNoDelay = OsCfgGetLong(OS_CFGTAG_FORCENETNODELAY);
-    if ((lNoDelay >= 2 || (lNoDelay != 0 && a_blNoDelay)) &&
+    if ((lNoDelay >= 2 || (lNoDelay != 0 && a_connectargs.blNoDelay)) &&
         !PlatSocketSetOption(plathandle, PLAT_SOCKETOPTION_NODELAY, true))
         OSLOG(OS_LOG_ERROR, "sock>>> connect: setsockopt(TCP_NODELAY) failed...");
     return true;

@@ -172,7 +172,7 @@ private:
     EOSSTS ConnectShared(uint64_t a_u64ProcessId);
     EOSSTS ConnectTcp(const COsSocket::ConnectArgs& a_connectargs, const char* a_szHost, const char* a_szPort);
     bool FindPeer();
-    bool CreateConnectSocket(bool a_blNoDelay);
+    bool CreateConnectSocket(const COsSocket::ConnectArgs& a_connectargs);
     void PreparePort(const char* a_szPort);
     bool WatchProcess(uint64_t a_u64ProcessId);
     bool StartConnect();

@@ -23,7 +23,6 @@
 
 static constexpr char g_szSource[] = "os/source/os_costhread";
 
-static constexpr int g_iStartYields = 200;            // a wait costs more than most threads need to begin
 static constexpr uint32_t g_u32StartTimeout = 5000;   // milliseconds, like the others
 static constexpr int32_t g_i32FailedStartTimeout = 70000;
 static constexpr int32_t g_i32DestroyTimeout = 30000;
@@ -245,8 +244,6 @@ bool COsThreadImpl::Begin()
 EOSSTS COsThreadImpl::Confirm()
 {
     const PlatHandle aplathandle[] = {m_plathandleStarted, m_plathandleEnded};
-    for (int i = 0; i < g_iStartYields && m_u32Start == OS_THREADSTART_PENDING; ++i)
-        PlatSleep(0);
     uint32_t u32Waited = 0;
     for (; u32Waited < g_u32StartTimeout; u32Waited += OS_THREADSLICE)
     {

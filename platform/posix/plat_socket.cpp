@@ -4,8 +4,10 @@
 
 #include "plat_posix.h"
 
+#include <algorithm>
 #include <arpa/inet.h>
 #include <cerrno>
+#include <climits>
 #include <cstdio>
 #include <cstring>
 #include <memory>
@@ -192,6 +194,14 @@ bool PlatSocketSetOption(PlatHandle a_plathandle, PlatSocketOption a_platsocketo
     const auto& option = g_aoption[a_platsocketoption];
     const int iOn = a_blOn ? 1 : 0;
     return setsockopt(iSocket, option.iLevel, option.iName, &iOn, sizeof iOn) == 0 || PosixFailErrno();
+}
+
+bool PlatSocketSetSendBuffer(PlatHandle a_plathandle, uint32_t a_u32Bytes)
+{
+    const int iSocket = SocketOf(a_plathandle);
+    const int iBytes = static_cast<int>(std::min<uint32_t>(a_u32Bytes, INT_MAX));
+    return iSocket >= 0 &&
+           (setsockopt(iSocket, SOL_SOCKET, SO_SNDBUF, &iBytes, sizeof iBytes) == 0 || PosixFailErrno());
 }
 
 bool PlatSocketName(PlatHandle a_plathandle, PlatAddress* a_pplataddress)

@@ -124,15 +124,6 @@ static void* RunThread(void* a_pvThread)
     return nullptr;
 }
 
-// A new thread runs at once where a processor is free: yielding for a moment saves the sleep, which takes longer.
-static void WaitForId(const PosixThread& a_posixthread)
-{
-    constexpr int iYields = 200;
-    for (int i = 0; i < iYields && a_posixthread.iThreadId.load(std::memory_order_acquire) == 0; ++i)
-        sched_yield();
-    a_posixthread.iThreadId.wait(0, std::memory_order_acquire);
-}
-
 PlatHandle PlatThreadBegin(PlatThreadProc a_platthreadproc, void* a_pvArgument, uint64_t* a_pu64Id)
 {
     constexpr size_t sizetStack = size_t{1} << 20;
@@ -156,7 +147,7 @@ PlatHandle PlatThreadBegin(PlatThreadProc a_platthreadproc, void* a_pvArgument, 
         return PLAT_INVALID;
     }
     PosixThread* pposixthread = uniqueThread.release();
-    WaitForId(*pposixthread);
+    pposixthread->iThreadId.wait(0, std::memory_order_acquire);
     *a_pu64Id = static_cast<uint64_t>(pposixthread->iThreadId.load());
     return PosixMakeHandle(PosixKind::Thread, pposixthread);
 }
