@@ -116,17 +116,17 @@ TEST_F(SocketWaitTest, ChildOfAThreadEndsTheWaitAndOneThatHasEndedIsNoted)
     SocketPair socketpair;
     COsThread posthread;
     const COsSocket::ReadArgs readargs{.u32Timeout = 50, .posthread = &posthread};
+    const auto spawn = [&] { return posthread.Spawn(OS_SPAWNFLAGS_NORETRY, "/bin/sleep", "sleep", {"1000"}); };
     EXPECT_TRUE(WaitFor([&] {
-        OtherProcess otherprocess;
-        posthread.ChildProcessSet(PlatProcessOpen(otherprocess.Id()), otherprocess.Id());
-        std::thread ender([&] { otherprocess.End(); });
+        EXPECT_EQ(spawn(), EOSSTS_SUCCESS);
+        std::thread ender([plathandle = posthread.ChildProcess()] { PlatProcessTerminate(plathandle, 3); });
         const EOSSTS eossts = Receive(socketpair.server, readargs).eossts;
         ender.join();
         return eossts == EOSSTS_EXITED;   // else it had ended before the wait
     }));
 
-    OtherProcess otherprocess;
-    posthread.ChildProcessSet(otherprocess.Detach(), otherprocess.Id());
+    EXPECT_TRUE(WaitFor([&] { return !posthread.ChildIsRunning(); }));
+    EXPECT_EQ(spawn(), EOSSTS_SUCCESS);
     EXPECT_EQ(Receive(socketpair.server, readargs).eossts, EOSSTS_TIMEOUT);
     PlatProcessTerminate(posthread.ChildProcess(), 7);
     EXPECT_TRUE(WaitFor([&] {

@@ -205,8 +205,11 @@ TEST_F(GroupedEvent, WaitOfOneTellsWhichOfEightItWas)
     }
     EXPECT_EQ(ossyncFirst.EventWait(0, szName), EOSSTS_TIMEOUT);
 
-    m_listossync.pop_back();   // makes room
+    m_listossync.pop_front();   // makes room in the group that it has made
     EXPECT_EQ(ossyncNinth.EventCreate("ninth", "group"), EOSSTS_SUCCESS);
+    m_listossync.back().EventSet();
+    EXPECT_EQ(ossyncNinth.EventWait(0, szName), EOSSTS_SUCCESS);
+    EXPECT_STREQ(szName, "event7");
     m_listossync.clear();
     ossyncNinth.EventClose();
     EXPECT_FALSE(std::filesystem::exists(m_path / "group"));

@@ -254,19 +254,3 @@ TEST(Thread, RunsWhereItIsForcedTo)
         EXPECT_EQ(logcapture.HasAt(OS_LOG_CHECK, "SetThreadIdealProcessor failed...87"), u64Forced == 3);
     }
 }
-
-TEST(Thread, CarriesAChildProcessUntilItEnds)
-{
-    const PlatHandle plathandle = PlatProcessOpen(PlatProcessId());
-    {
-        COsThread osthread;
-        osthread.ChildProcessSet(plathandle, 4711);
-        EXPECT_EQ(osthread.ChildProcess(), plathandle);
-        EXPECT_EQ(osthread.ChildProcessId(), 4711u);
-        osthread.ChildProcessEnded(7);
-        EXPECT_EQ(osthread.ChildProcess(), PLAT_INVALID);
-        EXPECT_EQ(osthread.ChildProcessId(), 0u);
-        EXPECT_EQ(osthread.ChildExitCode(), 7u);
-    }
-    EXPECT_FALSE(PlatClose(plathandle));
-}

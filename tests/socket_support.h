@@ -7,7 +7,6 @@
 #include "plat_process.h"
 
 #include <string>
-#include <utility>
 
 // A listener on a port that the system chose.
 struct Listener
@@ -90,7 +89,6 @@ public:
 
     void End() const { PlatProcessTerminate(m_plathandle, 3); }
     uint64_t Id() const { return m_u64Id; }
-    PlatHandle Detach() { return std::exchange(m_plathandle, PLAT_INVALID); }
 
 private:
     PlatHandle m_plathandle = PLAT_INVALID;

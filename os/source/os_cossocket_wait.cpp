@@ -12,7 +12,6 @@
 #include "os_cossync.h"
 #include "os_costhread.h"
 
-#include "plat_process.h"
 #include "plat_wait.h"
 
 #include <initializer_list>
@@ -67,36 +66,10 @@ static uint32_t EventMask(const COsSocket::SelectArgs& a_selectargs)
     return u32Mask | PLAT_SOCKET_CLOSE;
 }
 
-static PlatHandle StopEvent(const COsSync* a_possync)
-{
-    if (!a_possync)
-        return PLAT_INVALID;
-    if (!a_possync->IsUsable())
-    {
-        OSLOG(OS_LOG_CHECK, "sync>>> m_possyncimpl is null...");
-        return PLAT_INVALID;
-    }
-    return a_possync->EventHandle();
-}
-
 // The child process of the thread; one that has ended is noted there and not waited for.
 static PlatHandle RunningChild(COsThread* a_posthread)
 {
-    if (!a_posthread)
-        return PLAT_INVALID;
-    if (!a_posthread->IsUsable())
-    {
-        OSLOG(OS_LOG_ERROR, "m_posthreadimpl is null...");
-        return PLAT_INVALID;
-    }
-    const PlatHandle plathandleChild = a_posthread->ChildProcess();
-    if (plathandleChild == PLAT_INVALID)
-        return PLAT_INVALID;
-    uint32_t u32ExitCode = 0;
-    if (PlatProcessExitCode(plathandleChild, &u32ExitCode) && u32ExitCode == PLAT_STILLACTIVE)
-        return plathandleChild;
-    a_posthread->ChildProcessEnded(u32ExitCode);
-    return PLAT_INVALID;
+    return a_posthread && a_posthread->ChildIsRunning() ? a_posthread->ChildProcess() : PLAT_INVALID;
 }
 
 EOSSTS COsSocketImpl::Select(const COsSocket::SelectArgs& a_selectargs)
@@ -124,7 +97,7 @@ std::optional<EOSSTS> COsSocketImpl::Await(SocketWait* a_psocketwait)
     {
         if (const std::optional<EOSSTS> eossts = BeginWait(a_psocketwait))
             return eossts;
-        const PlatHandle plathandleStop = StopEvent(selectargs.possyncStop);
+        const PlatHandle plathandleStop = selectargs.possyncStop ? selectargs.possyncStop->EventHandle() : PLAT_INVALID;
         const PlatHandle plathandleChild = RunningChild(selectargs.posthread);
         if (CancelIsRequested())
             return EndWait(*a_psocketwait, OS_WAITRESULT_CANCEL);

@@ -40,9 +40,6 @@ public:
     // The event's handle for a wait of another kind, PLAT_INVALID when there is none.
     PlatHandle EventHandle() const;
 
-    // False when the allocation of the implementation failed.
-    bool IsUsable() const { return m_possyncimpl != nullptr; }
-
 private:
     COsSyncImpl* m_possyncimpl;   // null only when its allocation failed
 };

@@ -1,6 +1,8 @@
 // os_cossync_group.cpp: the group of an event: joining its shared file, leaving it, and what a wait needs of it.
 //
-// - The group's file is created or opened by one party at a time, so that nobody sees it half made.
+// - The group's file is made, joined and removed by one party at a time, so that nobody sees it half made, and goes
+// with
+//   the last of its events, whichever that is.
 // - The events that this process registered are in a list of its own. What stands in the shared block beside them, of
 //   another process, of one that was killed or written by anybody else, is never waited for.
 #include "os_cossync_impl.h"
@@ -75,37 +77,53 @@ private:
 };
 }   // namespace
 
-// The file of the group, in the folder that all users share.
-static void GroupPath(const char* a_szGroup, char (&a_szPath)[OS_PATHSIZE])
+// The file of the group, in the folder that all users share. False when its name is too long.
+static bool GroupPath(const char* a_szGroup, char (&a_szPath)[OS_PATHSIZE], char16_t (&a_wszPath)[OS_PATHSIZE])
 {
     const char* const szRoot = OsCfgGetString(OS_CFGTAG_ROOTCOMMONDIRECTORY);
     SStrPrintf(a_szPath, sizeof a_szPath, "%s%s%s", szRoot, *szRoot ? "\\" : "", a_szGroup);
+    return *a_szPath && CopyStringFromUtf8(a_wszPath, std::size(a_wszPath), a_szPath);
 }
 
-// A file that nobody has open is the leftover of a killed process, events, lock and all, and is made anew. One that is
-// no group is left alone, so that the caller is told.
-static EOSSHAREDALLOC HowToMap(const char* a_szPath)
+// Nobody else has the file open while it is open like this.
+static PlatHandle OpenAlone(const char16_t* a_wszPath, PlatDisposition a_platdisposition)
 {
-    char16_t wszPath[OS_PATHSIZE];
-    if (!CopyStringFromUtf8(wszPath, std::size(wszPath), a_szPath))
-        return OS_SHAREDALLOC_OPEN;
-    const PlatHandle plathandle =
-        PlatFileOpen(wszPath, PLAT_ACCESS_READ, PLAT_SHARE_NONE, PLAT_DISPOSITION_OPENEXISTING, 0);
+    return PlatFileOpen(a_wszPath, PLAT_ACCESS_READ | PLAT_ACCESS_WRITE, PLAT_SHARE_NONE, a_platdisposition, 0);
+}
+
+// What the file tells as the size of its block. False when it cannot be opened alone, or tells none. An empty one is
+// none: who made it was killed before he had written it.
+static bool ReadSizeAlone(const char16_t* a_wszPath, uint64_t* a_pu64Size)
+{
+    const PlatHandle plathandle = OpenAlone(a_wszPath, PLAT_DISPOSITION_OPENEXISTING);
     if (plathandle == PLAT_INVALID)
-        return PlatGetLastError() == PLAT_ERROR_FILENOTFOUND ? OS_SHAREDALLOC_CREATE : OS_SHAREDALLOC_OPEN;
-    uint64_t u64Size = 0;
+        return false;
     size_t sizetRead = 0;
-    const bool blRead = PlatFileRead(plathandle, &u64Size, sizeof u64Size, &sizetRead);
+    const bool blRead = PlatFileRead(plathandle, a_pu64Size, sizeof *a_pu64Size, &sizetRead);
     PlatClose(plathandle);
-    const bool blGroup = blRead && sizetRead == sizeof u64Size && u64Size >= sizeof(OsSyncGroup);
-    return blGroup ? OS_SHAREDALLOC_CREATE : OS_SHAREDALLOC_OPEN;
+    PlatSetLastError(blRead && sizetRead == 0 ? PLAT_ERROR_FILENOTFOUND : PLAT_ERROR_NONE);
+    return blRead && sizetRead == sizeof *a_pu64Size;
 }
 
-static OsSyncGroup* MapGroup(EOSSHAREDALLOC a_eossharedalloc, const char* a_szPath)
+// True for no file, and for one that nobody has open: the leftover of a killed process, events, lock and all. One that
+// is no group is left alone, so that the caller is told.
+static bool IsToBeMade(const char16_t* a_wszPath)
 {
-    return static_cast<OsSyncGroup*>(OsMemSharedAlloc(a_eossharedalloc, a_szPath, sizeof(OsSyncGroup),
-                                                      sizeof(OsSyncGroup), OS_SHAREDLOCK_NONE, OS_SHAREDFLAG_FILE,
-                                                      g_szSource, static_cast<uint32_t>(__LINE__)));
+    uint64_t u64Size = 0;
+    if (ReadSizeAlone(a_wszPath, &u64Size))
+        return u64Size >= sizeof(OsSyncGroup);
+    return PlatGetLastError() == PLAT_ERROR_FILENOTFOUND;
+}
+
+static bool MakeFile(const char16_t* a_wszPath)
+{
+    static constexpr OsSyncGroup ossyncgroup{sizeof(OsSyncGroup), 0, {}, {}};
+    const PlatHandle plathandle = OpenAlone(a_wszPath, PLAT_DISPOSITION_CREATEALWAYS);
+    if (plathandle == PLAT_INVALID)
+        return false;
+    const bool blWritten = PlatFileWrite(plathandle, &ossyncgroup, sizeof ossyncgroup, nullptr);
+    PlatClose(plathandle);
+    return blWritten;
 }
 
 // ------------------------------------------------------------------------------------------------------------ join
@@ -120,35 +138,29 @@ bool COsSyncImpl::GroupJoin()
     }
 
     const GroupFileLock groupfilelock(m_szGroup);
-    bool blNew = false;
-    if (!groupfilelock.IsHeld() || !GroupMap(&blNew))
+    if (!groupfilelock.IsHeld() || !GroupMap())
     {
         OSLOG(OS_LOG_CHECK, "sync>>> OsMemSharedAlloc failed...<%s> <%s>", m_szName, m_szGroup);
         return false;
     }
-    return GroupRegister(blNew);
+    return GroupRegister();
 }
 
-// A file that has gone meanwhile, or that cannot be opened, is created.
-bool COsSyncImpl::GroupMap(bool* a_pblNew)
+bool COsSyncImpl::GroupMap()
 {
     char szPath[OS_PATHSIZE];
-    GroupPath(m_szGroup, szPath);
-    if (!*szPath)
+    char16_t wszPath[OS_PATHSIZE];
+    if (!GroupPath(m_szGroup, szPath, wszPath) || (IsToBeMade(wszPath) && !MakeFile(wszPath)))
         return false;
-    if (HowToMap(szPath) == OS_SHAREDALLOC_OPEN)
-        m_possyncgroupShared = MapGroup(OS_SHAREDALLOC_OPEN, szPath);
-    *a_pblNew = !m_possyncgroupShared;
-    if (!m_possyncgroupShared)
-        m_possyncgroupShared = MapGroup(OS_SHAREDALLOC_CREATE, szPath);
+    m_possyncgroupShared = static_cast<OsSyncGroup*>(
+        OsMemSharedAlloc(OS_SHAREDALLOC_OPEN, szPath, sizeof(OsSyncGroup), sizeof(OsSyncGroup), OS_SHAREDLOCK_NONE,
+                         OS_SHAREDFLAG_FILE, g_szSource, static_cast<uint32_t>(__LINE__)));
     return m_possyncgroupShared != nullptr;
 }
 
-bool COsSyncImpl::GroupRegister(bool a_blNew)
+bool COsSyncImpl::GroupRegister()
 {
     const COsSpinGuard spinguard(&m_possyncgroupShared->u64Lock);
-    if (a_blNew)
-        m_possyncgroupShared->u64Size = sizeof(OsSyncGroup);
     if (m_possyncgroupShared->u64Size < sizeof(OsSyncGroup))
     {
         OSLOG(OS_LOG_CHECK, "sync>>> mismatch detected in OsSyncGroup...%d < %d",
@@ -184,6 +196,18 @@ void COsSyncImpl::GroupUnregister()
     *ppossyncimpl = m_possyncimplNext;
 }
 
+// The last one takes the file along, while nobody can join.
+static void RemoveFileUnlessOpen(const char* a_szGroup)
+{
+    char szPath[OS_PATHSIZE];
+    char16_t wszPath[OS_PATHSIZE];
+    uint64_t u64Size = 0;
+    const GroupFileLock groupfilelock(a_szGroup);
+    if (groupfilelock.IsHeld() && GroupPath(a_szGroup, szPath, wszPath) && ReadSizeAlone(wszPath, &u64Size) &&
+        u64Size == sizeof(OsSyncGroup))
+        PlatFileDelete(wszPath);
+}
+
 // Undoes as much of the joining as was done.
 void COsSyncImpl::GroupLeave()
 {
@@ -191,6 +215,8 @@ void COsSyncImpl::GroupLeave()
         GroupUnregister();
     if (m_possyncgroupShared)
         OSMEMFREE(m_possyncgroupShared, OS_MEMFLAG_BLOCK);
+    if (m_u64Slot)
+        RemoveFileUnlessOpen(m_szGroup);
     if (m_possyncgroupCopy)
         OSMEMFREE(m_possyncgroupCopy, OS_MEMFLAG_BLOCK);
 }

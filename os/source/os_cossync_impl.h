@@ -78,8 +78,8 @@ private:
 
     // os_cossync_group.cpp
     bool GroupJoin();
-    bool GroupMap(bool* a_pblNew);
-    bool GroupRegister(bool a_blNew);
+    bool GroupMap();
+    bool GroupRegister();
     void GroupUnregister();
     void GroupLeave();
     void GroupAppend(OsSyncWaitList& a_ossyncwaitlist) const;

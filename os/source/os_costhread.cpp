@@ -88,12 +88,6 @@ uint64_t COsThread::Id() const
     return Usable(m_posthreadimpl) ? m_posthreadimpl->Id() : 0;
 }
 
-void COsThread::ChildProcessSet(PlatHandle a_plathandle, uint64_t a_u64ProcessId)
-{
-    if (Usable(m_posthreadimpl))
-        m_posthreadimpl->ChildProcessSet(a_plathandle, a_u64ProcessId);
-}
-
 PlatHandle COsThread::ChildProcess() const
 {
     return Usable(m_posthreadimpl) ? m_posthreadimpl->ChildProcess() : PLAT_INVALID;
@@ -102,12 +96,6 @@ PlatHandle COsThread::ChildProcess() const
 uint64_t COsThread::ChildProcessId() const
 {
     return Usable(m_posthreadimpl) ? m_posthreadimpl->ChildProcessId() : 0;
-}
-
-void COsThread::ChildProcessEnded(uint32_t a_u32ExitCode)
-{
-    if (Usable(m_posthreadimpl))
-        m_posthreadimpl->ChildProcessEnded(a_u32ExitCode);
 }
 
 uint32_t COsThread::ChildExitCode() const

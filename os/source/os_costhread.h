@@ -68,11 +68,9 @@ public:
     // The child process that this object carries, PLAT_INVALID for none, and its id. The object closes the handle, at
     // the earliest when another takes its place: a thread that still has it may still ask it. A child that runs when
     // the object goes runs on.
-    void ChildProcessSet(PlatHandle a_plathandle, uint64_t a_u64ProcessId);
     PlatHandle ChildProcess() const;
     uint64_t ChildProcessId() const;
-    void ChildProcessEnded(uint32_t a_u32ExitCode);   // notes the exit code and lets the process go
-    uint32_t ChildExitCode() const;
+    uint32_t ChildExitCode() const;   // of the last one that has ended
 
     // Starts a child process. a_u32Flags: OS_SPAWNFLAGS_...; a_szArgument0 must not be null and is not on the command
     // line, where the program stands in its place; of the further arguments at most 31 are taken, up to the first null
@@ -99,8 +97,6 @@ public:
     EOSSTS ChildWrite(const void* a_pvBuffer, size_t a_sizetBytes);
 
     void ChildCancel();   // ends the read that waits, else the next one; from any thread
-
-    bool IsUsable() const { return m_posthreadimpl != nullptr; }
 
 private:
     friend class COsThreadImpl;

@@ -28,12 +28,6 @@ void COsThreadImpl::ChildProcessSet(PlatHandle a_plathandle, uint64_t a_u64Proce
     CloseAndForget(plathandleFormer);
 }
 
-void COsThreadImpl::ChildProcessEnded(uint32_t a_u32ExitCode)
-{
-    m_u32ChildExitCode = a_u32ExitCode;
-    ChildProcessSet(PLAT_INVALID, 0);
-}
-
 bool COsThreadImpl::ChildIsRunning()
 {
     const PlatHandle plathandle = m_plathandleChild;
@@ -42,7 +36,8 @@ bool COsThreadImpl::ChildIsRunning()
         return false;
     if (PlatProcessExitCode(plathandle, &u32ExitCode) && u32ExitCode == PLAT_STILLACTIVE)
         return true;
-    ChildProcessEnded(u32ExitCode);
+    m_u32ChildExitCode = u32ExitCode;
+    ChildProcessSet(PLAT_INVALID, 0);
     return false;
 }
 

@@ -89,10 +89,8 @@ public:
     void* Argument() const { return m_pvArgument; }
     uint64_t Id() const { return m_u64Id; }
 
-    void ChildProcessSet(PlatHandle a_plathandle, uint64_t a_u64ProcessId);
     PlatHandle ChildProcess() const { return m_plathandleChild; }
     uint64_t ChildProcessId() const { return m_u64ChildId; }
-    void ChildProcessEnded(uint32_t a_u32ExitCode);
     uint32_t ChildExitCode() const { return m_u32ChildExitCode; }
 
     EOSSTS Spawn(const OsSpawnRequest& a_osspawnrequest);
@@ -129,6 +127,7 @@ private:
     PlatHandle Launch(const OsSpawn& a_osspawn, uint64_t* a_pu64ProcessId);
     bool CreatePipes(PlatHandle (&a_aplathandleTheirs)[3]);
     void ClosePipes();
+    void ChildProcessSet(PlatHandle a_plathandle, uint64_t a_u64ProcessId);
     void ForgetChild();
     EOSCHILDWAIT WaitForChild(PlatHandle a_plathandleChild, bool a_blOutputOnly, uint64_t a_u64Milliseconds);
     EOSSTS ReadStream(PlatHandle& a_plathandle, char* a_szBuffer, size_t a_sizetBuffer, size_t* a_psizetRead);
