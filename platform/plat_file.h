@@ -141,6 +141,11 @@ void* PlatMappingView(PlatHandle a_plathandle, uint64_t a_u64Offset, bool a_blWr
 bool PlatMappingFlush(void* a_pvView, size_t a_sizetView);
 bool PlatMappingRelease(void* a_pvView, size_t a_sizetView);
 
+// Between the two calls the thread may touch all of the view, also when somebody cuts its file meanwhile: what has gone
+// is zero then, and stays so for this process. One view at a time. Unguard is false when something had gone.
+void PlatMappingGuard(const void* a_pvView, size_t a_sizetView);
+bool PlatMappingUnguard();
+
 // Memory without a file of its own, which another process opens by the creator's process id and this handle's value.
 PlatHandle PlatMemoryFileCreate(uint64_t a_u64Size);
 PlatHandle PlatMemoryFileOpen(uint64_t a_u64ProcessId, PlatHandle a_plathandleTheirs);

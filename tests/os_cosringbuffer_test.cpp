@@ -7,6 +7,7 @@
 #include "plat_file.h"
 
 #include <random>
+#include <thread>
 
 // Writes records until the test ends.
 int PlayPart(const std::vector<std::string>& a_vecstrArguments)
@@ -211,6 +212,30 @@ TEST_F(RingBuffer, ACutBlockIsRefusedAlsoWhileItIsInUse)
     }
 }
 
+// However the cut falls into an operation, nobody dies of it, and no bytes are told that are not there.
+TEST_F(RingBuffer, ABlockThatIsCutInTheMiddleOfAnOperationIsRefused)
+{
+    const std::string strRecord(4'000'000, 'x');
+    std::string strGot(strRecord.size(), '\0');
+    for (const int iMicroseconds : {0, 100, 300, 500, 800, 1200, 1600, 2000, 3000, 4000, 6000})
+    {
+        Make(4'000'100);
+        std::jthread cutter([&] {
+            std::this_thread::sleep_for(std::chrono::microseconds(iMicroseconds));
+            std::filesystem::resize_file(m_strFile, 0);
+        });
+        for (m_eossts = EOSSTS_SUCCESS; m_eossts == EOSSTS_SUCCESS;)
+        {
+            int32_t i32Read = 0;
+            if (Write(strRecord) != 0)
+                m_eossts = m_reader.Read(strGot.data(), INT32_MAX, &i32Read, &m_i32Remaining);
+            EXPECT_TRUE(i32Read == 0 || strGot == strRecord);
+        }
+        EXPECT_EQ(m_eossts, EOSSTS_FAIL);
+        EXPECT_TRUE(m_logcapture.HasAt(1, "memory is damaged"));
+    }
+}
+
 // Whatever stands in the header and in front of the records, nothing is touched outside the block, which here ends
 // with its page.
 TEST_F(RingBuffer, RandomBlocksNeverLeadOutside)
@@ -248,7 +273,13 @@ TEST_F(RingBuffer, AKilledWriterLeavesWholeRecordsAndNoLock)
         bool blKilled = false;
         EXPECT_TRUE(WaitFor([&] {
             std::string strRecord;
-            while (!(strRecord = Read()).empty() && recordstream.Is(strRecord.data(), strRecord.size(), u64Done))
+            const auto next = [&] {
+                do
+                    strRecord = Read();
+                while (m_eossts == EOSSTS_BUSY);
+                return !strRecord.empty();
+            };
+            while (next() && recordstream.Is(strRecord.data(), strRecord.size(), u64Done))
             {
                 u64Done += strRecord.size();
                 if (u64Done < u64Kill || blKilled)

@@ -213,38 +213,6 @@ TEST_F(PlatSocket, EventFollowsTheSocketAndMaskSelectedLast)
     EXPECT_TRUE(PlatSocketEventSelect(handleClient, m_handleEvent, READ | CLOSE) && IsReady(m_handleEvent));
 }
 
-TEST_F(PlatSocket, BlocksReachASlowReaderWholeAndInOrder)
-{
-    constexpr size_t sizetBlock = 65536;
-    constexpr size_t sizetBlocks = 256;
-    const Handle handlePeer(ConnectAndAccept(m_handleClient));
-    std::jthread jthread([&] {
-        for (size_t sizetDone = 0; sizetDone < sizetBlock * sizetBlocks;)
-        {
-            const std::string strBlock(sizetBlock - sizetDone % sizetBlock,
-                                       static_cast<char>('a' + sizetDone / sizetBlock % 26));
-            size_t sizetSent = 0;
-            EXPECT_TRUE(PlatSocketEventSelect(m_handleClient, m_handleEvent, WRITE | CLOSE));
-            ASSERT_TRUE(IsReady(m_handleEvent, PLAT_INFINITE));
-            EXPECT_TRUE(PlatSocketSend(m_handleClient, strBlock.data(), strBlock.size(), &sizetSent) ||
-                        PlatGetLastError() == PLAT_ERROR_WOULDBLOCK);
-            sizetDone += sizetSent;
-        }
-        EXPECT_TRUE(PlatSocketShutdown(m_handleClient, true, true));
-    });
-    std::vector<char> vecch(sizetBlock);
-    size_t sizetTotal = 0;
-    for (size_t sizetRead = 1; sizetRead;)
-    {
-        ASSERT_TRUE(WaitFor([&] { return PlatSocketPoll(handlePeer, READ | CLOSE) != 0; }));
-        ASSERT_TRUE(PlatSocketReceive(handlePeer, vecch.data(), vecch.size(), &sizetRead)) << PlatGetLastError();
-        for (size_t sizet = 0; sizet < sizetRead; ++sizet, ++sizetTotal)
-            ASSERT_EQ(vecch[sizet], static_cast<char>('a' + sizetTotal / sizetBlock % 26));
-        PlatSleep(0);
-    }
-    EXPECT_EQ(sizetTotal, sizetBlock * sizetBlocks);
-}
-
 TEST_F(PlatSocket, AddressesAndNames)
 {
     char szText[16];

@@ -109,7 +109,7 @@ EOSSTS OsMemSharedLock(void* a_pvView, const char* a_szFile, uint32_t a_u32Line)
 EOSSTS OsMemSharedUnlock(void* a_pvView, const char* a_szFile, uint32_t a_u32Line);
 
 // How many bytes of a view can be touched: less than it has when somebody has cut its file since, 0 for what is no
-// view. To touch what has been cut off ends the process.
+// view. To touch what has been cut off ends the process, outside of a PlatMappingGuard.
 uint64_t OsMemSharedSize(void* a_pvView, const char* a_szFile, uint32_t a_u32Line);
 EOSSTS OsMemSharedFlush(void* a_pvView, const char* a_szFile, uint32_t a_u32Line);
 

@@ -10,6 +10,8 @@
 #include "os_cosmem.h"
 #include "os_log.h"
 
+#include "plat_file.h"
+
 #include <algorithm>
 #include <atomic>
 #include <cstring>
@@ -128,6 +130,7 @@ EOSSTS COsRingBuffer::Create(const char* a_szName, bool a_blWriter, uint32_t a_u
         return EOSSTS_FAIL;
     }
 
+    PlatMappingGuard(m_pvBlock, static_cast<size_t>(m_i32HeaderSize));
     m_blWriter = a_blWriter;
     LoadHeader(&m_header);
     m_header.au8[OS_RING_VERSION] = g_u8Version;
@@ -137,7 +140,11 @@ EOSSTS COsRingBuffer::Create(const char* a_szName, bool a_blWriter, uint32_t a_u
     m_header.Set(m_blWriter ? OS_RING_WRITEOFFSET : OS_RING_READOFFSET, m_i32HeaderSize);
     m_header.au8[OS_RING_WRITTEN] = 0;
     StoreHeader();
-    Leave();
+    if (!Leave())
+    {
+        Release();
+        return Damaged();
+    }
     OSLOG(OS_LOG_NOTE, "created as a %s process", m_blWriter ? "writer" : "reader");
     return EOSSTS_SUCCESS;
 }
@@ -163,13 +170,14 @@ EOSSTS COsRingBuffer::Connect(const char* a_szName, bool a_blWriter)
         return EOSSTS_BUSY;
     }
 
+    PlatMappingGuard(m_pvBlock, static_cast<size_t>(m_i32HeaderSize));
     const EOSSTS eossts = Attach(a_blWriter);
-    if (eossts != EOSSTS_SUCCESS)
+    const bool blWhole = Leave();
+    if (eossts != EOSSTS_SUCCESS || !blWhole)
     {
         Release();
-        return eossts;
+        return blWhole ? eossts : Damaged();
     }
-    Leave();
     OSLOG(OS_LOG_NOTE, "connected as a %s process", m_blWriter ? "writer" : "reader");
     return EOSSTS_SUCCESS;
 }
@@ -210,7 +218,8 @@ void COsRingBuffer::Release()
 
 // --------------------------------------------------------------------------------------------------------- the lock
 
-// Takes the lock and a copy of the header that has been checked. The lock is held only after EOSSTS_SUCCESS.
+// Takes the lock and a copy of the header that has been checked. The lock is held only after EOSSTS_SUCCESS. From
+// then on the block may be touched: a file that is cut after the check is found out by Leave.
 EOSSTS COsRingBuffer::Enter()
 {
     const EOSSTS eosstsLock = OsMemSharedLock(m_pvBlock, g_szSource, __LINE__);
@@ -223,6 +232,7 @@ EOSSTS COsRingBuffer::Enter()
         return EOSSTS_FAIL;
 
     const int32_t i32Total = Total();
+    PlatMappingGuard(m_pvBlock, static_cast<size_t>(i32Total));
     const bool blWhole = IsWhole(i32Total);
     Header header;
     if (blWhole)
@@ -237,9 +247,12 @@ EOSSTS COsRingBuffer::Enter()
     return EOSSTS_SUCCESS;
 }
 
-void COsRingBuffer::Leave()
+// False when some of the block had gone that was touched since the lock was taken.
+bool COsRingBuffer::Leave()
 {
+    const bool blWhole = PlatMappingUnguard();
     OsMemSharedUnlock(m_pvBlock, g_szSource, __LINE__);
+    return blWhole;
 }
 
 // ------------------------------------------------------------------------------------------------------------ writing
@@ -262,7 +275,8 @@ EOSSTS COsRingBuffer::Write(const void* a_pvBuffer, size_t a_sizetOffset, int32_
         return eossts;
     Place place = {m_header.Get(OS_RING_WRITEOFFSET), m_header.Get(OS_RING_FREE)};
     const int32_t i32Written = Append(static_cast<const uint8_t*>(a_pvBuffer) + a_sizetOffset, a_i32Length, &place);
-    Leave();
+    if (!Leave())
+        return Damaged();
 
     if (i32Written == 0)
     {
@@ -317,9 +331,9 @@ EOSSTS COsRingBuffer::Read(void* a_pvBuffer, int32_t a_i32Length, int32_t* a_pi3
     if (const EOSSTS eossts = Enter(); eossts != EOSSTS_SUCCESS)
         return eossts;
     const EOSSTS eossts = Take(static_cast<uint8_t*>(a_pvBuffer), a_i32Length, a_pi32Read, a_pi32Remaining);
-    Leave();
+    const bool blWhole = Leave();
 
-    switch (eossts)
+    switch (blWhole ? eossts : EOSSTS_FAIL)
     {
     case EOSSTS_SUCCESS:
         OSLOG(OS_LOG_NOTE, "read %d bytes from memory", *a_pi32Read);
@@ -328,24 +342,35 @@ EOSSTS COsRingBuffer::Read(void* a_pvBuffer, int32_t a_i32Length, int32_t* a_pi3
         OSLOG(OS_LOG_NOTE, "no data to read");
         return eossts;
     default:
+        *a_pi32Read = 0;
+        *a_pi32Remaining = 0;
         return Damaged();
     }
 }
 
-// Tells without the lock whether there may be a record. The counter alone cannot: it does not see 256 records that
-// nobody has read, and their writer may be waiting for an answer to them.
+// Tells without the lock whether there may be a record.
 EOSSTS COsRingBuffer::LookForRecord() const
 {
     if (!IsWhole(Total()))
         return Damaged();
+    PlatMappingGuard(m_pvBlock, static_cast<size_t>(m_i32HeaderSize));
+    const bool blEmpty = LooksEmpty();
+    if (!PlatMappingUnguard())
+        return Damaged();
+    return blEmpty ? EOSSTS_NOSPACE : EOSSTS_SUCCESS;
+}
+
+// The counter alone cannot tell: it does not see 256 records that nobody has read, and their writer may be waiting for
+// an answer to them.
+bool COsRingBuffer::LooksEmpty() const
+{
     if (std::atomic_ref<uint8_t>(*At(OS_RING_WRITTEN)).load(std::memory_order_acquire) != m_u8RecordsRead)
-        return EOSSTS_SUCCESS;
+        return false;
     const uint64_t au64Word[] = {Word(At(0), 0).load(std::memory_order_relaxed),
                                  Word(At(0), 1).load(std::memory_order_relaxed)};
     Header header;
     std::memcpy(header.au8, au64Word, sizeof au64Word);
-    const bool blEmpty = IsEmpty(header, {m_header.Get(OS_RING_READOFFSET), header.Get(OS_RING_FREE)});
-    return blEmpty ? EOSSTS_NOSPACE : EOSSTS_SUCCESS;
+    return IsEmpty(header, {m_header.Get(OS_RING_READOFFSET), header.Get(OS_RING_FREE)});
 }
 
 // What lies where the next record would be may be payload of an old one.
@@ -430,7 +455,8 @@ EOSSTS COsRingBuffer::UserAreaWrite(const void* a_pvData)
     if (const EOSSTS eossts = EnterUserArea(); eossts != EOSSTS_SUCCESS)
         return eossts;
     std::memcpy(UserArea(), a_pvData, OS_RINGUSERDATA);
-    Leave();
+    if (!Leave())
+        return Damaged();
     OSLOG(OS_LOG_NOTE, "wrote %d bytes to user area", static_cast<int>(OS_RINGUSERDATA));
     return EOSSTS_SUCCESS;
 }
@@ -440,7 +466,8 @@ EOSSTS COsRingBuffer::UserAreaRead(void* a_pvData)
     if (const EOSSTS eossts = EnterUserArea(); eossts != EOSSTS_SUCCESS)
         return eossts;
     std::memcpy(a_pvData, UserArea(), OS_RINGUSERDATA);
-    Leave();
+    if (!Leave())
+        return Damaged();
     OSLOG(OS_LOG_NOTE, "read %d bytes from user data", static_cast<int>(OS_RINGUSERDATA));
     return EOSSTS_SUCCESS;
 }

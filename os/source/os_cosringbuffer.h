@@ -78,13 +78,14 @@ private:
     EOSSTS Attach(bool a_blWriter);
     EOSSTS Enter();
     EOSSTS EnterUserArea();
-    void Leave();
+    bool Leave();
     EOSSTS Damaged() const;
 
     int32_t Append(const uint8_t* a_pu8Payload, int32_t a_i32Length, Place* a_pplace);
     EOSSTS Take(uint8_t* a_pu8Buffer, int32_t a_i32Length, int32_t* a_pi32Read, int32_t* a_pi32Remaining);
     void FinishRecord(const Place& a_place);
     EOSSTS LookForRecord() const;
+    bool LooksEmpty() const;
 
     void LoadHeader(Header* a_pheader) const;
     void StoreHeader();

@@ -1,8 +1,12 @@
-// plat_mapping.cpp: views of files, and memory without a file.
+// plat_mapping.cpp: views of files, what is done when somebody cuts the file, and memory without a file.
 #include "plat_posix_file.h"
 
+#include "plat_memory.h"
+
+#include <atomic>
 #include <cerrno>
 #include <climits>
+#include <csignal>
 #include <cstdio>
 #include <cstring>
 #include <fcntl.h>
@@ -45,6 +49,66 @@ bool PlatMappingFlush(void* a_pvView, size_t a_sizetView)
 bool PlatMappingRelease(void* a_pvView, size_t a_sizetView)
 {
     return munmap(a_pvView, a_sizetView) == 0 || PosixFailErrno();
+}
+
+// ------------------------------------------------------------------------------------------------- views that are cut
+
+namespace
+{
+
+struct GuardedView
+{
+    uintptr_t uBegin = 0;
+    size_t sizetView = 0;
+    bool blCut = false;
+};
+
+}   // namespace
+
+static thread_local GuardedView t_guardedview;
+static struct sigaction g_actionBefore;
+static uintptr_t g_uPage;
+
+// Puts an empty page where a touched one of the view has gone. Every other signal is for whoever had it before: one
+// that an instruction caused comes again as soon as this returns.
+static void FillGap(int a_iSignal, siginfo_t* a_psiginfo, void*)
+{
+    const auto uAddress = reinterpret_cast<uintptr_t>(a_psiginfo->si_addr);
+    const bool blSent = a_psiginfo->si_code <= 0;
+    void* const pvPage = static_cast<char*>(a_psiginfo->si_addr) - uAddress % g_uPage;
+    if (!blSent && uAddress - t_guardedview.uBegin < t_guardedview.sizetView &&
+        mmap(pvPage, g_uPage, PROT_READ | PROT_WRITE, MAP_PRIVATE | MAP_ANONYMOUS | MAP_FIXED, -1, 0) != MAP_FAILED)
+    {
+        t_guardedview.blCut = true;
+        return;
+    }
+    sigaction(a_iSignal, &g_actionBefore, nullptr);
+    if (blSent)
+        raise(a_iSignal);
+}
+
+static bool InstallFillGap()
+{
+    g_uPage = PlatMemoryGranularity();
+    struct sigaction action = {};
+    action.sa_sigaction = FillGap;
+    action.sa_flags = SA_SIGINFO | SA_ONSTACK;
+    return sigaction(SIGBUS, nullptr, &g_actionBefore) == 0 && sigaction(SIGBUS, &action, nullptr) == 0;
+}
+
+// The fences keep the compiler from moving what is guarded out of the guard.
+void PlatMappingGuard(const void* a_pvView, size_t a_sizetView)
+{
+    [[maybe_unused]] static const bool g_blInstalled = InstallFillGap();
+    t_guardedview = {reinterpret_cast<uintptr_t>(a_pvView), a_sizetView};
+    std::atomic_signal_fence(std::memory_order_seq_cst);
+}
+
+bool PlatMappingUnguard()
+{
+    std::atomic_signal_fence(std::memory_order_seq_cst);
+    t_guardedview.sizetView = 0;
+    return !t_guardedview.blCut;
 }
 
 // --------------------------------------------------------------------------------------------------- memory files
