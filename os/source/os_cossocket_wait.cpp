@@ -301,10 +301,7 @@ void COsSocketImpl::CancelTcp()
 // Ends the waits of whatever transport there is.
 void COsSocketImpl::Wake()
 {
-    if (OsSocketIsShared(Type()))
-        m_psocketstate->psocketshared->Wake();
-    else
-        RequestCancel();
+    OsSocketIsShared(Type()) ? m_psocketstate->psocketshared->Wake() : RequestCancel();
 }
 
 void COsSocketImpl::RequestCancel()

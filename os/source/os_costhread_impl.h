@@ -124,7 +124,7 @@ private:
     [[noreturn]] static void Leave();
 
     EOSSTS SpawnUntilItLives(const OsSpawn& a_osspawn, long a_lTries);
-    PlatHandle Launch(const OsSpawn& a_osspawn, uint64_t* a_pu64ProcessId);
+    PlatHandle LaunchChild(const OsSpawn& a_osspawn, uint64_t* a_pu64ProcessId);
     bool CreatePipes(PlatHandle (&a_aplathandleTheirs)[3]);
     void ClosePipes();
     void ChildProcessSet(PlatHandle a_plathandle, uint64_t a_u64ProcessId);

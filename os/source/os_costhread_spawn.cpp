@@ -109,7 +109,7 @@ EOSSTS COsThreadImpl::SpawnUntilItLives(const OsSpawn& a_osspawn, long a_lTries)
     do
     {
         uint64_t u64ProcessId = 0;
-        PlatHandle plathandle = Launch(a_osspawn, &u64ProcessId);
+        PlatHandle plathandle = LaunchChild(a_osspawn, &u64ProcessId);
         if (plathandle == PLAT_INVALID)
             return EOSSTS_FAIL;
         if (!blWatched || SurvivesItsStart(plathandle, a_osspawn.szProgram))
@@ -126,7 +126,7 @@ EOSSTS COsThreadImpl::SpawnUntilItLives(const OsSpawn& a_osspawn, long a_lTries)
 }
 
 // With pipes of its own for each try: what a child that died has left in its pipes is not the next one's.
-PlatHandle COsThreadImpl::Launch(const OsSpawn& a_osspawn, uint64_t* a_pu64ProcessId)
+PlatHandle COsThreadImpl::LaunchChild(const OsSpawn& a_osspawn, uint64_t* a_pu64ProcessId)
 {
     PlatHandle aplathandleTheirs[3] = {PLAT_INVALID, PLAT_INVALID, PLAT_INVALID};
     const ScopeGuard closeTheirs([&] {

@@ -85,16 +85,9 @@ namespace
 class LineReader
 {
 public:
-    explicit LineReader(const char* a_szPath) : m_iFile(open(a_szPath, O_RDONLY | O_CLOEXEC)) {}
-    ~LineReader()
-    {
-        if (m_iFile >= 0)
-            close(m_iFile);
-    }
-    LineReader(const LineReader&) = delete;
-    LineReader& operator=(const LineReader&) = delete;
+    explicit LineReader(const char* a_szPath) : m_posixdescriptor(open(a_szPath, O_RDONLY | O_CLOEXEC)) {}
 
-    bool IsOpen() const { return m_iFile >= 0; }
+    bool IsOpen() const { return m_posixdescriptor.IsOpen(); }
 
     // The next line without its end, null after the last. Of a line that is longer than the buffer, the rest comes
     // as lines of their own.
@@ -128,14 +121,14 @@ private:
         {
             char* pchFree = m_achBuffer + m_sizetFilled;
             const size_t sizetFree = sizeof m_achBuffer - 1 - m_sizetFilled;
-            const ssize_t ssizetRead = PosixRetry([&] { return read(m_iFile, pchFree, sizetFree); });
+            const ssize_t ssizetRead = PosixRetry([&] { return read(m_posixdescriptor.Get(), pchFree, sizetFree); });
             if (ssizetRead <= 0)
                 break;
             m_sizetFilled += static_cast<size_t>(ssizetRead);
         }
     }
 
-    int m_iFile;
+    PosixDescriptor m_posixdescriptor;
     size_t m_sizetTaken = 0;
     size_t m_sizetFilled = 0;
     char m_achBuffer[8192] = {};

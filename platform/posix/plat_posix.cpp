@@ -166,14 +166,11 @@ bool PosixToWide(const char* a_szText, char16_t* a_wszText, size_t a_sizetText)
 std::string PosixReadText(const char* a_szPath)
 {
     std::string strText;
-    const int iFile = open(a_szPath, O_RDONLY | O_CLOEXEC);
-    if (iFile < 0)
-        return strText;
+    const PosixDescriptor posixdescriptor(open(a_szPath, O_RDONLY | O_CLOEXEC));
     char szPiece[4096];
     ssize_t ssizetRead;
-    while ((ssizetRead = read(iFile, szPiece, sizeof szPiece)) > 0)
+    while (posixdescriptor.IsOpen() && (ssizetRead = read(posixdescriptor.Get(), szPiece, sizeof szPiece)) > 0)
         strText.append(szPiece, static_cast<size_t>(ssizetRead));
-    close(iFile);
     return strText;
 }
 

@@ -1,5 +1,5 @@
-// plat_posix.h: what the sources of this backend share: how a handle is made up, the one translator of errno, and
-// text in both encodings.
+// plat_posix.h: what the sources of this backend share: how a handle is made up, a descriptor that closes itself, the
+// one translator of errno, and text in both encodings.
 #pragma once
 
 #include "plat_types.h"
@@ -8,6 +8,7 @@
 #include <mutex>
 #include <string>
 #include <string_view>
+#include <unistd.h>
 #include <vector>
 
 // A handle carries what it is and a descriptor or a pointer, so that the layer needs no table of objects:
@@ -75,6 +76,36 @@ constexpr bool PosixIsPointer(PosixKind a_posixkind)
            a_posixkind == PosixKind::Module || a_posixkind == PosixKind::AppendFile || a_posixkind == PosixKind::Tree ||
            a_posixkind == PosixKind::User;
 }
+
+// A descriptor that is closed when its owner is left.
+class PosixDescriptor
+{
+public:
+    explicit PosixDescriptor(int a_iDescriptor = -1) : m_iDescriptor(a_iDescriptor) {}
+    ~PosixDescriptor()
+    {
+        if (m_iDescriptor >= 0)
+            close(m_iDescriptor);
+    }
+    PosixDescriptor(const PosixDescriptor&) = delete;
+    PosixDescriptor& operator=(const PosixDescriptor&) = delete;
+
+    bool IsOpen() const { return m_iDescriptor >= 0; }
+    int Get() const { return m_iDescriptor; }
+    void Take(int a_iDescriptor)   // in place of none
+    {
+        m_iDescriptor = a_iDescriptor;
+    }
+    int Release()
+    {
+        const int iDescriptor = m_iDescriptor;
+        m_iDescriptor = -1;
+        return iDescriptor;
+    }
+
+private:
+    int m_iDescriptor;
+};
 
 // The one translator from errno to the layer's numbers.
 uint32_t PosixTranslate(int a_iErrno);

@@ -1,5 +1,5 @@
-// plat_posix_file.h: what the file sources of this backend share: a descriptor that closes itself, what a file
-// handle carries beside its descriptor, paths, and the locks that stand for share modes.
+// plat_posix_file.h: what the file sources of this backend share: what a file handle carries beside its descriptor,
+// paths, and the locks that stand for share modes.
 #pragma once
 
 #include "plat_file.h"
@@ -7,33 +7,6 @@
 
 #include <string>
 #include <sys/stat.h>
-#include <unistd.h>
-
-// A descriptor that is closed when its owner is left.
-class PosixDescriptor
-{
-public:
-    explicit PosixDescriptor(int a_iDescriptor = -1) : m_iDescriptor(a_iDescriptor) {}
-    ~PosixDescriptor()
-    {
-        if (m_iDescriptor >= 0)
-            close(m_iDescriptor);
-    }
-    PosixDescriptor(const PosixDescriptor&) = delete;
-    PosixDescriptor& operator=(const PosixDescriptor&) = delete;
-
-    bool IsOpen() const { return m_iDescriptor >= 0; }
-    int Get() const { return m_iDescriptor; }
-    int Release()
-    {
-        const int iDescriptor = m_iDescriptor;
-        m_iDescriptor = -1;
-        return iDescriptor;
-    }
-
-private:
-    int m_iDescriptor;
-};
 
 // What a file handle carries beside its descriptor. A descriptor may be open for more than its handle is for,
 // because the locks need it; the handle says what was asked for.

@@ -56,22 +56,6 @@ void PosixRestoreDescriptorLimit()
 
 namespace
 {
-// A descriptor that goes at the end of the scope.
-class Descriptor
-{
-public:
-    ~Descriptor()
-    {
-        if (m_iDescriptor >= 0)
-            close(m_iDescriptor);
-    }
-    Descriptor() = default;
-    Descriptor(const Descriptor&) = delete;
-    Descriptor& operator=(const Descriptor&) = delete;
-
-    int m_iDescriptor = g_iNone;
-};
-
 // Everything that the child needs, made ready beforehand.
 struct Launch
 {
@@ -84,7 +68,7 @@ struct Launch
     int aiStream[3] = {g_iNone, g_iNone, g_iNone};
     bool blDetached = false;
     const PosixUser* pposixuser = nullptr;   // null: ours
-    Descriptor descriptorNull;
+    PosixDescriptor posixdescriptorNull;     // opened when a stream wants it
 
     // What the child reports: it runs in our memory.
     int iError = 0;
@@ -136,9 +120,9 @@ static bool TakeStreams(const PlatProcessStart& a_platprocessstart, Launch& a_la
             continue;
         if (!a_platprocessstart.blInheritStandard && plathandle != PLAT_INVALID)
             return PosixFail(PLAT_ERROR_INVALIDHANDLE);
-        if (a_launch.descriptorNull.m_iDescriptor < 0)
-            a_launch.descriptorNull.m_iDescriptor = open("/dev/null", O_RDWR | O_CLOEXEC);
-        iStream = a_launch.descriptorNull.m_iDescriptor;
+        if (!a_launch.posixdescriptorNull.IsOpen())
+            a_launch.posixdescriptorNull.Take(open("/dev/null", O_RDWR | O_CLOEXEC));
+        iStream = a_launch.posixdescriptorNull.Get();
         if (iStream < 0)
             return PosixFailErrno();
     }

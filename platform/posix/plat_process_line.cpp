@@ -3,8 +3,6 @@
 #include "plat_process.h"
 
 #include <algorithm>
-#include <cstdio>
-#include <memory>
 
 // The program's name stands as it is, between quotation marks when it holds a blank.
 static void AppendProgram(const std::string& a_strProgram, std::string& a_strLine)
@@ -35,23 +33,12 @@ static void AppendArgument(const std::string& a_strArgument, std::string& a_strL
     a_strLine += '"';
 }
 
-static bool ReadArguments(std::string& a_strArguments)
-{
-    const std::unique_ptr<FILE, int (*)(FILE*)> pfile(fopen("/proc/self/cmdline", "re"), fclose);
-    if (!pfile)
-        return PosixFailErrno();
-    char achPiece[4096];
-    while (const size_t sizetRead = fread(achPiece, 1, sizeof achPiece, pfile.get()))
-        a_strArguments.append(achPiece, sizetRead);
-    return true;
-}
-
 bool PlatProcessCommandLine(char16_t* a_wszCommandLine, size_t a_sizetCommandLine)
 {
-    std::string strArguments;
+    const std::string strArguments = PosixReadText("/proc/self/cmdline");
+    if (strArguments.empty())
+        return PosixFailErrno();
     std::string strLine;
-    if (!ReadArguments(strArguments))
-        return false;
     for (size_t sizetStart = 0; sizetStart < strArguments.size();)
     {
         const size_t sizetEnd = std::min(strArguments.find('\0', sizetStart), strArguments.size());
