@@ -66,8 +66,8 @@ uint32_t PlatSocketPoll(PlatHandle a_plathandle, uint32_t a_u32Mask);
 
 // A socket event: ready (PlatWaitAny) while the socket that was selected onto it has something of the mask to
 // report. A connection that has closed or broken makes it ready whatever the mask, so that a mask should ask for
-// PLAT_SOCKET_CLOSE. Selecting again replaces socket and mask; a mask of 0 ends it. A socket may be on several events.
-// PlatEventSet and PlatEventReset do nothing to it.
+// PLAT_SOCKET_CLOSE. Selecting again replaces the mask; 0 ends it. An event serves one socket at a time, a socket may
+// be on several events. PlatEventSet and PlatEventReset do nothing to it.
 PlatHandle PlatSocketEventCreate();
 bool PlatSocketEventSelect(PlatHandle a_plathandle, PlatHandle a_plathandleEvent, uint32_t a_u32Mask);
 

@@ -132,13 +132,11 @@ EOSSTS COsRingBuffer::Create(const char* a_szName, bool a_blWriter, uint32_t a_u
 
     PlatMappingGuard(m_pvBlock, static_cast<size_t>(m_i32HeaderSize));
     m_blWriter = a_blWriter;
-    LoadHeader(&m_header);
     m_header.au8[OS_RING_VERSION] = g_u8Version;
     m_header.au8[OS_RING_CREATED] = 1;
     m_header.Set(OS_RING_TOTAL, static_cast<int32_t>(i64Total));
     m_header.Set(OS_RING_FREE, DataSize());
     m_header.Set(m_blWriter ? OS_RING_WRITEOFFSET : OS_RING_READOFFSET, m_i32HeaderSize);
-    m_header.au8[OS_RING_WRITTEN] = 0;
     StoreHeader();
     if (!Leave())
     {

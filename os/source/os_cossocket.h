@@ -60,7 +60,7 @@ public:
         const char* szPort = nullptr;
         const char* szName = "";     // a label for the log
         uint64_t u64ProcessId = 0;   // its end aborts every wait of the connection
-        bool blSecure = false;       // stored only
+        bool blSecure = false;       // told in the log only
         int32_t i32Timeout = -1;     // -1: 20000
         bool blNoDelay = false;
         uint32_t u32SendBuffer = 0;   // bytes that may be on their way, roughly; 0: as the system sees fit
@@ -118,7 +118,8 @@ public:
     void SocketCancel();
 
     // Shuts the connection down and releases everything, as often as called. Any thread: what is under way ends, and
-    // has ended when the call returns. Graceful: what was written is sent off, and the peer is given time to close.
+    // has ended when the call returns. Graceful: what was written is sent off; when a read was ended by it, the peer is
+    // given time to close.
     void SocketDisconnect(bool a_blGraceful);
 
     // The address and port in use. Buffers of OS_SOCKETHOSTSIZE and OS_SOCKETPORTSIZE bytes, each may be null.

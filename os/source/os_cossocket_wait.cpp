@@ -179,8 +179,12 @@ bool COsSocketImpl::SelectEvent(SocketEvent* a_psocketevent, PlatHandle a_platha
 {
     if (a_psocketevent->plathandleSocket == a_plathandleSocket && a_psocketevent->u32Mask == a_u32Mask)
         return true;
-    if (a_psocketevent->plathandle == PLAT_INVALID)
-        a_psocketevent->plathandle = PlatSocketEventCreate();
+    if (a_psocketevent->plathandleSocket != a_plathandleSocket)
+    {
+        if (a_psocketevent->plathandle != PLAT_INVALID)
+            PlatClose(a_psocketevent->plathandle);
+        *a_psocketevent = {.plathandle = PlatSocketEventCreate()};
+    }
     if (a_psocketevent->plathandle == PLAT_INVALID ||
         !PlatSocketEventSelect(a_plathandleSocket, a_psocketevent->plathandle, a_u32Mask))
         return false;

@@ -8,9 +8,7 @@
 #include <arpa/inet.h>
 #include <cerrno>
 #include <climits>
-#include <cstdio>
 #include <cstring>
-#include <memory>
 #include <netinet/in.h>
 #include <netinet/tcp.h>
 #include <poll.h>
@@ -267,21 +265,6 @@ PlatHandle PlatSocketEventCreate()
     return PLAT_INVALID;
 }
 
-// Takes away whichever socket was selected before. Only the system's description of the descriptor names it; that is
-// read once for each new socket, not for each wait.
-static void RemoveOthers(int a_iEvent, int a_iSocket)
-{
-    char szLine[256];
-    snprintf(szLine, sizeof szLine, "/proc/self/fdinfo/%d", a_iEvent);
-    const std::unique_ptr<FILE, int (*)(FILE*)> pfile(fopen(szLine, "re"), fclose);
-    int iOther = 0;
-    while (pfile && fgets(szLine, sizeof szLine, pfile.get()))
-    {
-        if (sscanf(szLine, "tfd: %d", &iOther) == 1 && iOther != a_iSocket)
-            epoll_ctl(a_iEvent, EPOLL_CTL_DEL, iOther, nullptr);
-    }
-}
-
 bool PlatSocketEventSelect(PlatHandle a_plathandle, PlatHandle a_plathandleEvent, uint32_t a_u32Mask)
 {
     const int iSocket = SocketOf(a_plathandle);
@@ -293,16 +276,11 @@ bool PlatSocketEventSelect(PlatHandle a_plathandle, PlatHandle a_plathandleEvent
     if (!a_u32Mask)
         return epoll_ctl(iEvent, EPOLL_CTL_DEL, iSocket, nullptr) == 0 || errno == ENOENT || PosixFailErrno();
 
-    // The socket is nearly always the one of the last call. A socket that was closed has left by itself, and another
-    // that got its number is not found.
     struct epoll_event epollevent = {};
     epollevent.events = ConditionsOf(a_u32Mask);
     if (epoll_ctl(iEvent, EPOLL_CTL_MOD, iSocket, &epollevent) == 0)
         return true;
-    if (errno != ENOENT)
-        return PosixFailErrno();
-    RemoveOthers(iEvent, iSocket);
-    return epoll_ctl(iEvent, EPOLL_CTL_ADD, iSocket, &epollevent) == 0 || PosixFailErrno();
+    return (errno == ENOENT && epoll_ctl(iEvent, EPOLL_CTL_ADD, iSocket, &epollevent) == 0) || PosixFailErrno();
 }
 
 // -------------------------------------------------------------------------------------------------- addresses
