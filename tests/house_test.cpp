@@ -55,8 +55,7 @@ static int FloorOf(const std::string& a_strName)
         {"os_costime", 1}, {"os_coslocale", 1},   {"os_cosenv", 1},       {"os_cosmem", 2},
         {"os_cossync", 2}, {"os_coslnk", 2},      {"os_cosarguments", 2}, {"os_costhread", 3},
         {"os_cosfile", 3}, {"os_cossocket", 3},   {"os_coslog", 4},       {"os_coslogcollector", 4},
-        {"os_coscfg", 4},  {"os_cosresource", 3}, {"os_cosservices", 5},
-        {"os_cosringbuffer", 3},
+        {"os_coscfg", 4},  {"os_cosresource", 3}, {"os_cosservices", 5},  {"os_cosringbuffer", 3},
     };
     size_t sizetLongest = 0;
     int iFloor = -1;
