@@ -69,8 +69,11 @@ enum PlatSeek : uint32_t
 
 bool PlatFileSeek(PlatHandle a_plathandle, PlatSeek a_platseek, int64_t a_i64Offset, uint64_t* a_pu64Position);
 bool PlatFileSize(PlatHandle a_plathandle, uint64_t* a_pu64Size);
-bool PlatFileSetEnd(PlatHandle a_plathandle);   // cuts or extends the file to the handle's position
-bool PlatFileFlush(PlatHandle a_plathandle);    // to the disk
+bool PlatFileFlush(PlatHandle a_plathandle);   // to the disk
+
+// Cuts or extends the file to the handle's position. What it is extended by is taken from the disk at once, where the
+// disk can do that: whoever touches a view of it finds room.
+bool PlatFileSetEnd(PlatHandle a_plathandle);
 
 // Locks bytes for this handle alone, without waiting (33 when others hold one of them). The lock belongs to the open
 // file, not to the process: two handles of one process exclude each other, closing one leaves the other's lock alone.

@@ -8,6 +8,9 @@
 #include "plat_process.h"
 
 #include <atomic>
+#include <sched.h>
+#include <sys/mount.h>
+#include <unistd.h>
 
 class Shared : public FolderTest
 {
@@ -233,6 +236,21 @@ TEST_F(Shared, ALinkThatLeadsNowhereIsTold)
     WriteWhole(m_strFile, strLink);   // left over from a creator that has gone
     EXPECT_EQ(Open(), nullptr);
     EXPECT_TRUE(m_logcapture.HasAt(64, Logged("mem>>> DuplicateHandle failed...", " <" + strHandle + ">")));
+}
+
+// Else the first touch of what found no room would end the process.
+TEST_F(Shared, AFullDiskIsToldBeforeTheMemoryIsTouched)
+{
+    std::filesystem::create_directory(PathOf("disk"));
+    const bool blOurs = unshare(CLONE_NEWNS | (geteuid() == 0 ? 0 : CLONE_NEWUSER)) == 0 &&
+                        mount(nullptr, "/", nullptr, MS_REC | MS_PRIVATE, nullptr) == 0;
+    if (!blOurs || mount("none", PathOf("disk").c_str(), "tmpfs", 0, "size=64k") != 0)
+        GTEST_SKIP() << "no disk of our own on this machine";
+    m_strFile = PathOf("disk/shared.mem");
+    EXPECT_EQ(Create(OS_SHAREDFLAG_FILE, OS_SHAREDLOCK_NONE, 1 << 20), nullptr);
+    EXPECT_TRUE(m_logcapture.HasAt(64, "mem>>> SetEndOfFile failed..."));
+    EXPECT_FALSE(std::filesystem::exists(m_strFile));
+    umount(PathOf("disk").c_str());
 }
 
 TEST_F(Shared, AnOpenedFileGrowsForItsViewAndIsCutToTheSizeAskedFor)

@@ -371,13 +371,30 @@ bool PlatFileSize(PlatHandle a_plathandle, uint64_t* a_pu64Size)
     return true;
 }
 
+// False, with the file as long as before, when there is no room. A disk that cannot tell promises none.
+static bool TakeRoom(int a_iDescriptor, off_t a_offEnd)
+{
+    struct stat status;
+    if (fstat(a_iDescriptor, &status) != 0)
+        return PosixFailErrno();
+    const off_t offBefore = status.st_size;
+    if (offBefore >= a_offEnd ||
+        PosixRetry([&] { return fallocate(a_iDescriptor, 0, offBefore, a_offEnd - offBefore); }) == 0 ||
+        errno == EOPNOTSUPP || errno == ENOSYS)
+        return true;
+    const int iError = errno;
+    return ftruncate(a_iDescriptor, offBefore) == 0 ? PosixFail(PosixTranslate(iError)) : PosixFailErrno();
+}
+
 bool PlatFileSetEnd(PlatHandle a_plathandle)
 {
     const int iDescriptor = PosixFileDescriptor(a_plathandle, POSIX_FILE_WRITE);
     if (iDescriptor < 0)
         return false;
     const off_t off = lseek(iDescriptor, 0, SEEK_CUR);
-    return (off >= 0 && ftruncate(iDescriptor, off) == 0) || PosixFailErrno();
+    if (off < 0)
+        return PosixFailErrno();
+    return TakeRoom(iDescriptor, off) && (ftruncate(iDescriptor, off) == 0 || PosixFailErrno());
 }
 
 bool PlatFileFlush(PlatHandle a_plathandle)
