@@ -143,6 +143,7 @@ TEST(Brand, OneWordOfTheEnvironmentChangesTheCompany)
     setenv("MVR_COMPANYNAMESHORT", "Brisal", 1);
     EXPECT_STREQ(OsCfgBrand("companyname"), "Brisal");
     EXPECT_STREQ(OsCfgBrand("companyprefix"), "brisal");
+    EXPECT_STREQ(OsCfgBrandFolder(), "Brisal");
     EXPECT_NE(std::strstr(OsCfgBrand("brandxml"), "<companynameshort>Brisal</companynameshort>"), nullptr);
 }
 

@@ -249,7 +249,7 @@ TEST_F(LogFolders, EmptyFoldersGoUnlessTheyAreYoung)
     const std::string strOld = "log.20240101115959000000";
     for (const std::string& strName : {strYoung, strOld, std::string("log.old")})
         fs::create_directories(Beside(strName) + "/a/b");
-    Manage("6");
+    Manage("0");
     EXPECT_FALSE(Has(strOld));
     EXPECT_TRUE(Has(strYoung) && Has("log.old")) << "changed just now";
 }
@@ -281,14 +281,16 @@ TEST_F(LogFolders, FolderThatItsOwnProcessLocksIsManagedAllTheSame)
 TEST_F(Directories, OwnerOfTheServicesLooksAfterTheLogFoldersByItself)
 {
     setenv("MVR_CLEANLOGFOLDERS", "1", 1);
+    LogDirectory("app");
+    EXPECT_FALSE(m_logcapture.HasPart("new COsThread")) << "a child leaves it to the owner";
     OsArgumentsSetServicesOwner(true);
-    PutConst("");
     const std::string strOld = LocalBrand() + "/app/app/log.20200101000000000000";
     fs::create_directories(strOld + "/tmp");
     std::string strLog;
     {
         COsCfg oscfg(Program("app", OS_CFGENTITY_APPLICATION));
         strLog = Native(Tag(oscfg, OS_CFGTAG_LOGDIRECTORY));
+        EXPECT_TRUE(m_logcapture.HasPart("new COsThread"));
         EXPECT_TRUE(WaitFor([&] { return !fs::exists(strOld); }));
         EXPECT_TRUE(fs::exists(strLog + "/log.lock"));
     }

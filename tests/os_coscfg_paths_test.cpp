@@ -106,8 +106,9 @@ TEST_F(Paths, TextFileStandsInForAMissingIniFile)
 TEST_F(Paths, WithoutDebugIniTheProtectedFileServesBoth)
 {
     PutCommon("UseDebugIni=no");
-    OsArgumentsSet(OS_ARGUMENT_UNIQUENAME, "app");
-    EXPECT_EQ(Resolve(OS_PATH_WRITEABLE_FILE_UNPROTECTED_DEBUGINI), Readable() + "\\common\\const\\app_const.ini");
+    OsArgumentsSet(OS_ARGUMENT_UNIQUENAME, "wia");
+    EXPECT_EQ(Resolve(OS_PATH_WRITEABLE_FILE_UNPROTECTED_DEBUGINI), Readable() + "\\common\\const\\wia_const.ini");
+    EXPECT_EQ(Resolve(OS_PATH_WRITEABLE_FOLDER_LOCALORROAMING), Legacy()) << "works for all users";
 }
 
 TEST_F(Paths, ConstIniGetsItsNameBackOrIsUsedUnderTheOther)

@@ -263,7 +263,7 @@ TEST_F(ProfilePath, DiagnosticsAreServedFromTheUnprotectedFolder)
     const std::tuple<const char*, const char*, const char*, std::string> atuple[] = {
         {"/x/m.ini", "a.dsIdentity", "debugfilter", strDebug + "m.ini"},
         {"/x/m.ini", "a.dsIdentity", "nodebug", "\\x\\m.ini"},
-        {"/x/m.ini", "wia.images", "key", strLegacy + "m.ini"},
+        {"/x/m_const.ini.txt", "wia.images", "key", strLegacy + "m_debug.ini.txt"},
         {"/x/const.ini", "dsidentity", "key", strConst + "prog_const.ini"},
         {"const.ini", "hvcfgmgr.x.dsidentity", "debug", strDebug + "hvcfgmgr_debug.ini"}};
     for (const auto& [szFile, szSection, szKey, strServing] : atuple)

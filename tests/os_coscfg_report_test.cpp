@@ -86,7 +86,7 @@ TEST_F(ConfigurationReport, TheMachineTheBrandAndThePathsAreAsTheirReadersTell)
     for (uint32_t u32Path = 1; u32Path < OS_PATH_LAST; ++u32Path)
     {
         char szPath[OS_PATHSIZE] = "";
-        m_oscfgimpl->GetPath(static_cast<EOSPATH>(u32Path), szPath, sizeof szPath);
+        OsCfgResolvePath(static_cast<EOSPATH>(u32Path), szPath, sizeof szPath);
         const size_t sizetAt = strPaths.find(Dotted(OsCfgPathName(u32Path), 84, szPath), sizetLast);
         ASSERT_NE(sizetAt, std::string::npos) << u32Path;
         sizetLast = sizetAt + 1;

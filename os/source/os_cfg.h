@@ -18,7 +18,6 @@ enum EOSCFGSECTION : uint32_t
     OS_CFGSECTION_MVRALLDS = 4,
 };
 
-// The tags that the floors below the configuration read.
 // Every tag, OS_CFGTAG_HOMEDIRECTORY (1) to OS_CFGTAG_N50 (344).
 enum EOSCFGTAG : uint32_t
 {

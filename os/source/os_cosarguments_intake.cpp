@@ -285,13 +285,9 @@ static void HandDownOverride()
 // The model that a driver's module is called after: its file's name, in small letters, without what tells its kind.
 static void ModelOfModule(const char* a_szModule, char* a_szModel, size_t a_sizetModel)
 {
-    const char* szFile = a_szModule;
-    for (const char* sz = a_szModule; *sz; ++sz)
-        szFile = *sz == '/' || *sz == '\\' ? sz + 1 : szFile;
     char szName[OS_PATHSIZE];
-    SStrCpy(szName, sizeof szName, szFile);
-    for (char* sz = szName; *sz; ++sz)
-        *sz = *sz >= 'A' && *sz <= 'Z' ? static_cast<char>(*sz - 'A' + 'a') : *sz;
+    SStrCpy(szName, sizeof szName, StrFileName(a_szModule));
+    StrLower(szName);
     if (char* const szWia = std::strstr(szName, "wia.dll"); szWia && szWia != szName)
         *szWia = 0;
     szName[std::strcspn(szName, ".")] = 0;

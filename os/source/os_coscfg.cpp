@@ -5,16 +5,12 @@
 #include "os_coscfg_impl.h"
 
 #include "os_cosfile.h"
-#include "os_cosfile_paths.h"
-#include "os_coslocale.h"
 #include "os_cosstring.h"
 #include "os_costhread.h"
 #include "os_log.h"
 #include "os_new.h"
 
 #include "plat_process.h"
-
-#include <cstdint>
 
 static constexpr char g_szSource[] = "os/source/os_coscfg";
 
@@ -82,7 +78,7 @@ int64_t COsCfg::InfoGetLong(EOSCFGINFO a_eoscfginfo)
 EOSSTS COsCfg::GetPath(EOSPATH a_eospath, char* a_szPath, size_t a_sizetPath)
 {
     if (Usable(m_poscfgimpl))
-        return m_poscfgimpl->GetPath(a_eospath, a_szPath, a_sizetPath);
+        return OsCfgResolvePath(a_eospath, a_szPath, a_sizetPath);
     if (a_szPath && a_sizetPath)
         *a_szPath = 0;
     return EOSSTS_FAIL;
@@ -120,14 +116,6 @@ EOSSTS COsCfg::WriteReport()
 
 // --------------------------------------------------------------------------------- construction of the implementation
 
-static void ReadMainProgram(char* a_szProgram, size_t a_sizetProgram)
-{
-    char16_t wszProgram[OS_WIDEPATHSIZE];
-    if (PlatProgramPath(wszProgram, OS_WIDEPATHSIZE))
-        CopyStringToUtf8(a_szProgram, a_sizetProgram, wszProgram, SIZE_MAX);
-    OsPathNormalize(a_szProgram);
-}
-
 COsCfgImpl::COsCfgImpl(const COsCfg::CreateArgs& a_createargs)
     : m_eoscfgentity(a_createargs.eoscfgentity), m_blForceSetAccess(a_createargs.blForceSetAccess)
 {
@@ -135,7 +123,7 @@ COsCfgImpl::COsCfgImpl(const COsCfg::CreateArgs& a_createargs)
     for (size_t sizet = 0; sizet < OS_CFGVERSIONS; ++sizet)
         SStrCpy(m_aszVersion[sizet], sizeof m_aszVersion[sizet], a_createargs.aszVersion[sizet]);
     SStrCpy(m_szApplication, sizeof m_szApplication, a_createargs.szProgram);
-    ReadMainProgram(m_szMainProgram, sizeof m_szMainProgram);
+    OsCfgResolvePath(OS_PATH_READABLE_FILE_MAINPROGRAM, m_szMainProgram, sizeof m_szMainProgram);
 
     // Whoever steps through the program must not be overtaken by its time-outs.
     const bool blDebugged = PlatProcessIsDebugged();

@@ -37,7 +37,7 @@ static constexpr char g_szDefaultDocument[] = "<brand>\n"
                                               "\t<urlcompany></urlcompany>\n"
                                               "\t<urlsupport></urlsupport>\n"
                                               "</brand>\n";
-static constexpr char g_szMakerWord[] = "orvane";
+static constexpr char g_szMakerWord[] = "Orvane";
 static constexpr char g_szMakerFolder[] = "mvr_orvane";
 
 namespace
@@ -84,14 +84,6 @@ static void ReplaceElement(std::string& a_strDocument, const std::string& a_strN
     a_strDocument.replace(sizetOpen, sizetClose + strClose.size() - sizetOpen, strElement);
 }
 
-static std::string LowerCase(const char* a_szText)
-{
-    std::string strText = a_szText;
-    for (char& ch : strText)
-        ch = ch >= 'A' && ch <= 'Z' ? static_cast<char>(ch + ('a' - 'A')) : ch;
-    return strText;
-}
-
 // One word from the environment makes the program another company's.
 static void ApplyOverride(std::string& a_strDocument)
 {
@@ -100,7 +92,8 @@ static void ApplyOverride(std::string& a_strDocument)
         return;
     ReplaceElement(a_strDocument, "companyname", szShortName);
     ReplaceElement(a_strDocument, "companynameshort", szShortName);
-    ReplaceElement(a_strDocument, "companyprefix", LowerCase(szShortName));
+    StrLower(szShortName);
+    ReplaceElement(a_strDocument, "companyprefix", szShortName);
 }
 
 // --------------------------------------------------------------------------------------------------- the elements
@@ -174,13 +167,18 @@ static const char* FindValue(const BrandRecord& a_brandrecord, const char* a_szN
     return "";
 }
 
-// A document without a name for a folder, or with an empty one, means the folder that goes with its company: an empty
-// name would be the folder above.
+// The name of the folder that goes with a company. It is never empty: that would be the folder above.
+static const char* FolderOf(const BrandRecord& a_brandrecord)
+{
+    const char* const szWord = FindValue(a_brandrecord, "companynameshort");
+    const bool blMaker = !*szWord || StrICmp(szWord, g_szMakerWord) == 0 || std::strlen(szWord) >= OS_BRANDNAMESIZE;
+    return blMaker ? g_szMakerFolder : szWord;
+}
+
+// A document without a name for a folder, or with an empty one, means the folder that goes with its company.
 static void FillFolderName(BrandRecord& a_brandrecord, const char* a_szName)
 {
-    const char* szFolder = FindValue(a_brandrecord, "companynameshort");
-    if (!StrICmp(szFolder, g_szMakerWord))
-        szFolder = g_szMakerFolder;
+    const char* const szFolder = FolderOf(a_brandrecord);
     for (size_t sizet = 0; sizet < a_brandrecord.sizetEntries; ++sizet)
     {
         BrandEntry& brandentry = a_brandrecord.abrandentry[sizet];
@@ -217,6 +215,17 @@ const char* OsCfgBrand(const char* a_szName)
         return "";
     const BrandRecord& brandrecord = Record();
     return StrICmp(a_szName, "brandxml") ? FindValue(brandrecord, a_szName) : brandrecord.strDocument.c_str();
+}
+
+const char* OsCfgBrandWord()
+{
+    const char* const szWord = OsCfgBrand("companynameshort");
+    return *szWord ? szWord : g_szMakerWord;
+}
+
+const char* OsCfgBrandFolder()
+{
+    return FolderOf(Record());
 }
 
 const char* OsCfgBrandEntry(size_t a_sizetIndex, const char** a_pszValue)

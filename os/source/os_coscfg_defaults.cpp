@@ -201,17 +201,6 @@ constexpr struct
 constexpr char g_szFamily[] = "hostprogramfamily";
 constexpr EOSCFGTAG g_eoscfgtagFamily = OS_CFGTAG_HOSTPROGRAM20;
 constexpr EOSCFGTAG g_eoscfgtagUnits = OS_CFGTAG_HOSTPROGRAM01;
-
-const char* FileNameOf(const char* a_szPath)
-{
-    const char* szName = a_szPath;
-    for (const char* sz = a_szPath; *sz; ++sz)
-    {
-        if (*sz == '\\' || *sz == '/')
-            szName = sz + 1;
-    }
-    return szName;
-}
 }   // namespace
 
 void COsCfgImpl::StoreProgram()
@@ -230,21 +219,17 @@ void COsCfgImpl::StoreProgram()
 
 void COsCfgImpl::FindApplication()
 {
-    char szProgram[OS_PATHSIZE] = "";
-    GetPath(OS_PATH_READABLE_FILE_APPLICATION, szProgram, sizeof szProgram);
-    if (!szProgram[0])
-        SStrCpy(szProgram, sizeof szProgram, m_szMainProgram);
     if (!m_szApplication[0])
-        SStrCpy(m_szApplication, sizeof m_szApplication, szProgram);
+        SStrCpy(m_szApplication, sizeof m_szApplication, m_szMainProgram);
     OsPathNormalize(m_szApplication);
-    if (StrIstr(FileNameOf(m_szApplication), g_szFamily))
+    if (StrIstr(StrFileName(m_szApplication), g_szFamily))
         Store(g_eoscfgtagFamily, "1");
 }
 
 void COsCfgImpl::StoreHostProgram()
 {
     static_assert(std::size(g_ahostprogram) == OS_CFGTAG_HOSTPROGRAM20 - OS_CFGTAG_HOSTPROGRAM01 + 1);
-    const char* const szFileName = FileNameOf(m_szApplication);
+    const char* const szFileName = StrFileName(m_szApplication);
     for (const auto& hostprogram : g_ahostprogram)
     {
         if (StrICmp(szFileName, hostprogram.szProgram) != 0)

@@ -39,12 +39,6 @@ void SetArgumentOr(PathBuffer& a_szPath, EOSARGUMENT a_eosargument, const char* 
     OsPathCopy(a_szPath, sizeof a_szPath, *szGiven ? szGiven : a_szElse);
 }
 
-const char* FileNameOf(const char* a_szPath)
-{
-    const char* const szLast = std::strrchr(a_szPath, '\\');
-    return szLast ? szLast + 1 : a_szPath;
-}
-
 // Empty for a path without one.
 void CutFileName(PathBuffer& a_szPath)
 {
@@ -58,13 +52,6 @@ void CurrentLogFile(PathBuffer& a_szPath)
 {
     const COsLog* const poslog = OsLogGet();
     OsPathCopy(a_szPath, sizeof a_szPath, poslog ? poslog->LogFile() : "");
-}
-
-// In text of any encoding only ASCII letters can be told.
-void MakeLower(char* a_szText)
-{
-    for (char* sz = a_szText; *sz; ++sz)
-        *sz = *sz >= 'A' && *sz <= 'Z' ? static_cast<char>(*sz - 'A' + 'a') : *sz;
 }
 }   // namespace
 
@@ -94,10 +81,10 @@ void COsCfgImpl::SetProgram()
 {
     OsCfgSpecialFolder(m_szSystemDirectory, sizeof m_szSystemDirectory, OS_SPECIALFOLDER_SYSTEM);
     OsCfgResolvePath(OS_PATH_READABLE_FILE_MODULEPATH, m_szLibraryPath, sizeof m_szLibraryPath);
-    m_szLibraryName = FileNameOf(m_szMainProgram);
+    m_szLibraryName = StrFileName(m_szMainProgram);
     CutFileName(m_szLibraryPath);
     SStrCpy(m_szHomeDirectory, sizeof m_szHomeDirectory, m_szMainProgram);
-    SStrCpy(m_szProgramFileName, sizeof m_szProgramFileName, FileNameOf(m_szMainProgram));
+    SStrCpy(m_szProgramFileName, sizeof m_szProgramFileName, StrFileName(m_szMainProgram));
     CutFileName(m_szHomeDirectory);
 }
 
@@ -109,7 +96,7 @@ static void MoveToUser(PathBuffer& a_szPath, const char* a_szUser)
 {
     PathBuffer szProfile;
     OsCfgSpecialFolder(szProfile, sizeof szProfile, OS_SPECIALFOLDER_DEFAULTUSER_PROFILE);
-    const ptrdiff_t ptrdiffParent = FileNameOf(szProfile) - szProfile;
+    const ptrdiff_t ptrdiffParent = StrFileName(szProfile) - szProfile;
     if (ptrdiffParent <= 1 || !OsCfgPathLiesBelow(a_szPath, szProfile))
         return;
     PathBuffer szRest;
@@ -164,7 +151,7 @@ static void ModelOfLogFile(char* a_szModel, size_t a_sizetModel)
     CurrentLogFile(szPath);
     for (int i = 0; i < 3; ++i)
         CutFileName(szPath);
-    SStrCpy(a_szModel, a_sizetModel, FileNameOf(szPath));
+    SStrCpy(a_szModel, a_sizetModel, StrFileName(szPath));
 }
 
 void COsCfgImpl::FindLogModel(char* a_szModel, size_t a_sizetModel) const
@@ -224,7 +211,7 @@ static bool FolderOfEnvironment(PathBuffer& a_szPath)
         return false;
     if (SStrReplace(a_szPath, sizeof a_szPath, "@@@BRAND@@@", OsCfgBrandWord(), true) == EOSSTS_FAIL)
         return false;
-    MakeLower(a_szPath);
+    StrLower(a_szPath);
     OsPathNormalize(a_szPath);
     return true;
 }

@@ -105,6 +105,8 @@ bool OsCfgCommonIsYes(const char* a_szKey, const char* a_szDefault);
 const char* OsCfgBrand(const char* a_szName);
 inline constexpr size_t OS_BRANDNAMESIZE = 64;
 const char* OsCfgBrandEntry(size_t a_sizetIndex, const char** a_pszValue);   // null behind the last
+const char* OsCfgBrandWord();                                                // the short name, or the maker's own
+const char* OsCfgBrandFolder();                                              // the name of the brand's folders
 
 enum EOSSPECIALFOLDER : uint32_t
 {
@@ -129,9 +131,6 @@ enum EOSSPECIALFOLDER : uint32_t
 
 // Special folders by their number. EOSSTS_FAIL, with an empty path, for another, and where the system has none.
 EOSSTS OsCfgSpecialFolder(char* a_szPath, size_t a_sizetPath, uint32_t a_u32SpecialFolder);
-
-const char* OsCfgBrandWord();     // the brand's short name, or the maker's own
-const char* OsCfgBrandFolder();   // the name of the brand's folders, found out once per process
 
 // The identifier's name; "OS_PATH_010" for a number without one.
 const char* OsCfgPathName(uint32_t a_u32Path);
@@ -238,7 +237,6 @@ public:
     // be computed.
     void Load();
 
-    EOSSTS GetPath(EOSPATH a_eospath, char* a_szPath, size_t a_sizetPath);
     void ManageLogDirectories(const char* a_szLogFolder);
     void ReleaseManagedDirectory();
     EOSSTS WriteReport();

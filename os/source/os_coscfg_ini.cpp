@@ -112,11 +112,6 @@ bool EndsWith(const char* a_szText, const char* a_szSuffix)
     return StrEndsWith(a_szText, a_szSuffix, true);
 }
 
-bool BeginsWith(const char* a_szText, const char* a_szPrefix)
-{
-    return StrIstr(a_szText, a_szPrefix) == a_szText;
-}
-
 // Takes the lines of one file, in place: the values that it stores point into them.
 class IniLines
 {
@@ -171,7 +166,7 @@ void IniLines::TakeHeader(char* a_szHeader)
     const char* szName = a_szHeader;
     if (*m_szPrefix)
     {
-        if (!BeginsWith(a_szHeader, m_szPrefix))
+        if (!StrIStartsWith(a_szHeader, m_szPrefix))
             return;
         szName = std::strrchr(a_szHeader, '.') + 1;   // the prefix ends with one
     }
@@ -198,7 +193,7 @@ bool IniLines::IsSectionOurs(const char* a_szName) const
 
 bool IniLines::IsKeyOurs(const char* a_szKey) const
 {
-    const bool blDebug = BeginsWith(a_szKey, "debug");
+    const bool blDebug = StrIStartsWith(a_szKey, "debug");
     if (m_oscfgloadmode == OsCfgLoadMode::Protected)
         return !(m_blDebugIni && blDebug);
     if (m_oscfgloadmode == OsCfgLoadMode::Unprotected)

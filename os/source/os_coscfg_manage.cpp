@@ -230,7 +230,7 @@ void COsCfgImpl::ManageLogDirectories(const char* a_szLogFolder)
     }
     for (const LogFolder& logfolder : Expired(ListLogFolders(szParent), lBackup))
     {
-        if (mayGo(logfolder) && !IsLocked(logfolder.strPath.c_str()))
+        if (mayGo(logfolder) && !IsYoung(logfolder) && !IsLocked(logfolder.strPath.c_str()))
             OsFileRemoveTree(logfolder.strPath.c_str());
     }
 }

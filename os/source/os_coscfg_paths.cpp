@@ -1,6 +1,6 @@
 // os_coscfg_paths.cpp: path identifiers and special folders.
 //
-// In order: the special folders, the brand's folders, the writeable and readable ones that build on them, the INI
+// In order: the special folders, components of paths, the writeable and readable ones that build on them, the INI
 // files, the table of all identifiers, the resolver with its cache. Inside, a path is a buffer of OS_PATHSIZE bytes,
 // and an empty one is none.
 #include "os_coscfg_impl.h"
@@ -91,29 +91,7 @@ EOSSTS OsCfgSpecialFolder(char* a_szPath, size_t a_sizetPath, uint32_t a_u32Spec
     return *a_szPath ? EOSSTS_SUCCESS : EOSSTS_FAIL;
 }
 
-// ------------------------------------------------------------------------------------------------------- the brand
-
-static constexpr char g_szMaker[] = "Orvane";
-static constexpr char g_szMakerFolder[] = "mvr_orvane";
-
-const char* OsCfgBrandWord()
-{
-    const char* const szShortName = OsCfgBrand("companynameshort");
-    return *szShortName ? szShortName : g_szMaker;
-}
-
-const char* OsCfgBrandFolder()
-{
-    static char g_szFolder[OS_BRANDNAMESIZE];
-    static uint64_t g_u64Lock = 0;
-
-    const char* const szWord = OsCfgBrandWord();
-    const bool blMaker = StrICmp(szWord, g_szMaker) == 0 || std::strlen(szWord) >= OS_BRANDNAMESIZE;
-    const COsSpinGuard guard(&g_u64Lock);
-    if (!*g_szFolder)
-        SStrCpy(g_szFolder, sizeof g_szFolder, blMaker ? g_szMakerFolder : szWord);
-    return g_szFolder;
-}
+// -------------------------------------------------------------------------------------------- components of paths
 
 void OsCfgPathJoin(char* a_szPath, std::initializer_list<const char*> a_components)
 {
@@ -463,11 +441,6 @@ EOSSTS OsCfgResolvePath(EOSPATH a_eospath, char* a_szPath, size_t a_sizetPath)
     if (*szPath)
         SStrCpy(a_szPath, a_sizetPath, szPath);
     return *a_szPath ? EOSSTS_SUCCESS : EOSSTS_FAIL;
-}
-
-EOSSTS COsCfgImpl::GetPath(EOSPATH a_eospath, char* a_szPath, size_t a_sizetPath)
-{
-    return OsCfgResolvePath(a_eospath, a_szPath, a_sizetPath);
 }
 
 const char* OsCfgPathName(uint32_t a_u32Path)

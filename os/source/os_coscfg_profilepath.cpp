@@ -35,17 +35,6 @@ bool UsesDebugIni()
     return OsCfgCommonIsYes("UseDebugIni", "yes");
 }
 
-bool BeginsWith(const char* a_szText, const char* a_szPrefix)
-{
-    return StrIstr(a_szText, a_szPrefix) == a_szText;
-}
-
-const char* FileNameOf(const char* a_szPath)
-{
-    const char* const szSeparator = std::strrchr(a_szPath, '\\');
-    return szSeparator ? szSeparator + 1 : a_szPath;
-}
-
 // Files that take the place of all protected profiles, and of all their companions.
 struct Redirects
 {
@@ -133,8 +122,8 @@ bool FirstComponent(const char* a_szPath, char (&a_szComponent)[OS_PATHSIZE])
 
 bool IsDiagnostic(const char* a_szSection, const char* a_szKey)
 {
-    return StrIstr(a_szSection, "simulation") || StrIstr(a_szSection, "images") || BeginsWith(a_szSection, "dbg") ||
-           (StrIstr(a_szSection, "dsidentity") && BeginsWith(a_szKey, "debug"));
+    return StrIstr(a_szSection, "simulation") || StrIstr(a_szSection, "images") || StrIStartsWith(a_szSection, "dbg") ||
+           (StrIstr(a_szSection, "dsidentity") && StrIStartsWith(a_szKey, "debug"));
 }
 
 // The folder of the diagnostic files, made when it is missing; of the protected files otherwise. Empty when there is
@@ -144,8 +133,8 @@ void FindFolder(bool a_blDiagnostic, const char* a_szSection, char (&a_szFolder)
     EOSPATH eospath = OS_PATH_READABLE_FOLDER_BRAND;
     if (a_blDiagnostic)
     {
-        eospath = BeginsWith(a_szSection, "wia.") ? OS_PATH_WRITEABLE_FOLDER_BRAND_LEGACY
-                                                  : OS_PATH_WRITEABLE_FOLDER_BRAND_LOCALORROAMING;
+        eospath = StrIStartsWith(a_szSection, "wia.") ? OS_PATH_WRITEABLE_FOLDER_BRAND_LEGACY
+                                                      : OS_PATH_WRITEABLE_FOLDER_BRAND_LOCALORROAMING;
     }
     if (OsCfgResolvePath(eospath, a_szFolder, sizeof a_szFolder) != EOSSTS_SUCCESS || !a_szFolder[0])
     {
@@ -162,11 +151,11 @@ void FindFolder(bool a_blDiagnostic, const char* a_szSection, char (&a_szFolder)
 void NameOfModule(bool a_blDiagnostic, const char* a_szSection, char (&a_szName)[OS_PATHSIZE])
 {
     const char* szModule = OsArgumentsGet(OS_ARGUMENT_UNIQUENAME);
-    if (BeginsWith(a_szSection, "drvlettst."))
+    if (StrIStartsWith(a_szSection, "drvlettst."))
     {
         szModule = "drvlettst";
     }
-    else if (BeginsWith(a_szSection, "hvcfgmgr."))
+    else if (StrIStartsWith(a_szSection, "hvcfgmgr."))
     {
         szModule = "hvcfgmgr";
     }
@@ -176,7 +165,7 @@ void NameOfModule(bool a_blDiagnostic, const char* a_szSection, char (&a_szName)
 // Writes the path that serves a request in the protected layout in the place of the file's own.
 void ServeProtected(const char* a_szSection, const char* a_szKey, char (&a_szPath)[OS_PATHSIZE])
 {
-    const bool blConstIni = StrICmp(FileNameOf(a_szPath), "const.ini") == 0;
+    const bool blConstIni = StrICmp(StrFileName(a_szPath), "const.ini") == 0;
     const bool blDiagnostic = IsDiagnostic(a_szSection, a_szKey);
     if (!blConstIni && !blDiagnostic)
         return;
@@ -188,10 +177,9 @@ void ServeProtected(const char* a_szSection, const char* a_szKey, char (&a_szPat
     }
     else
     {
-        SStrCpy(szName, sizeof szName, FileNameOf(a_szPath));
+        SStrCpy(szName, sizeof szName, StrFileName(a_szPath));
+        SStrReplace(szName, sizeof szName, g_szConstEnd, g_szDebugEnd, true);   // also before a ".txt"
     }
-    if (!blConstIni && StrEndsWith(szName, g_szConstEnd, true))
-        SStrCpy(szName + std::strlen(szName) - (sizeof g_szConstEnd - 1), sizeof g_szDebugEnd, g_szDebugEnd);
 
     FindFolder(blDiagnostic, a_szSection, a_szPath);
     if (a_szPath[0])

@@ -190,7 +190,7 @@ void Report::WritePaths()
     for (uint32_t u32Path = OS_PATH_UNDEFINED + 1; u32Path < OS_PATH_LAST; ++u32Path)
     {
         char szPath[OS_PATHSIZE] = "";
-        m_oscfgimpl.GetPath(static_cast<EOSPATH>(u32Path), szPath, sizeof szPath);
+        OsCfgResolvePath(static_cast<EOSPATH>(u32Path), szPath, sizeof szPath);
         WriteDotted(84, OsCfgPathName(u32Path), szPath);
     }
 }
@@ -280,7 +280,7 @@ void Report::WriteProfilePath(const char* a_szName, EOSPATH a_eospath)
     char szSection[OS_PATHSIZE];
     char szPath[OS_PATHSIZE] = "";
     SStrPrintf(szSection, sizeof szSection, "%sdsidentity", OsCfgSectionPrefix());
-    m_oscfgimpl.GetPath(a_eospath, szProfile, sizeof szProfile);
+    OsCfgResolvePath(a_eospath, szProfile, sizeof szProfile);
     if (szProfile[0])
         OsCfgProfileResolve(szProfile, szSection, "Debug", szPath, sizeof szPath);
     WriteMember(a_szName, szPath);

@@ -31,14 +31,6 @@ bool OsCfgIsService()
     return g_blService;
 }
 
-static const char* FileNameOf(const char* a_szPath)
-{
-    const char* szName = a_szPath;
-    for (const char* sz = a_szPath; *sz; ++sz)
-        szName = *sz == '/' || *sz == '\\' ? sz + 1 : szName;
-    return szName;
-}
-
 static bool HasModule(const char* a_szName)
 {
     struct Search
@@ -49,7 +41,7 @@ static bool HasModule(const char* a_szName)
     PlatModuleList(
         [](void* a_pvSearch, const PlatModule* a_pplatmodule) {
             Search& searchHere = *static_cast<Search*>(a_pvSearch);
-            searchHere.blFound = !StrICmp(FileNameOf(a_pplatmodule->szPath), searchHere.szName);
+            searchHere.blFound = !StrICmp(StrFileName(a_pplatmodule->szPath), searchHere.szName);
             return !searchHere.blFound;
         },
         &search);
@@ -78,7 +70,7 @@ static bool ServiceUser(char* a_szName, size_t a_sizetName)
     char szProgram[PLAT_PATHMAX * 3];
     if (!PlatProgramPath(wszProgram, PLAT_PATHMAX) ||
         !CopyStringToUtf8(szProgram, sizeof szProgram, wszProgram, SIZE_MAX) ||
-        !StrIstr(FileNameOf(szProgram), "hvscannerservice"))
+        !StrIstr(StrFileName(szProgram), "hvscannerservice"))
         return false;
     const char* const szService = OsCfgBrand("servicename");
     char16_t wszService[256];

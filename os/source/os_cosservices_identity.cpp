@@ -31,12 +31,9 @@ void NameOfModule(char (&a_szName)[a_sizetName])
 {
     char szProgram[OS_PATHSIZE];
     OsArgumentsModulePath(szProgram);
-    OsPathNormalize(szProgram);
-    const char* const szLast = std::strrchr(szProgram, '\\');
     char szFile[OS_PATHSIZE];
-    SStrCpy(szFile, sizeof szFile, szLast ? szLast + 1 : szProgram);
-    for (char* sz = szFile; *sz; ++sz)
-        *sz = *sz >= 'A' && *sz <= 'Z' ? static_cast<char>(*sz - 'A' + 'a') : *sz;
+    SStrCpy(szFile, sizeof szFile, StrFileName(szProgram));
+    StrLower(szFile);
     if (char* const szWia = std::strstr(szFile, "wia.dll"); szWia && szWia != szFile)
         *szWia = 0;
     szFile[std::strcspn(szFile, ".")] = 0;

@@ -51,13 +51,17 @@ char* SStrFromNum(char* a_szDestination, size_t a_sizetDestination, uint64_t a_u
 // pattern is found only in an empty text.
 const char* StrIstr(const char* a_szText, const char* a_szPattern);
 
-bool StrStartsWith(const char* a_szText, const char* a_szPrefix);   // exact
+bool StrStartsWith(const char* a_szText, const char* a_szPrefix);    // exact
+bool StrIStartsWith(const char* a_szText, const char* a_szPrefix);   // ASCII letters without regard to case
 
 // False when the text is shorter than the suffix, and for an empty suffix of a text of two or more characters.
 bool StrEndsWith(const char* a_szText, const char* a_szSuffix, bool a_blIgnoreCase);
 bool WcsEndsWith(const char16_t* a_wszText, const char16_t* a_wszSuffix);   // exact
 
 int StrICmp(const char* a_szLeft, const char* a_szRight);   // as strcmp, ASCII letters without regard to case
+
+void StrLower(char* a_szText);                   // ASCII letters, in place
+const char* StrFileName(const char* a_szPath);   // behind the last separator of either kind
 
 // Copies without leading and trailing white space. What does not fit leaves the destination unchanged.
 void SStrTrim(char* a_szDestination, size_t a_sizetDestination, const char* a_szSource);

@@ -56,6 +56,11 @@ bool StrStartsWith(const char* a_szText, const char* a_szPrefix)
            std::strncmp(a_szText, a_szPrefix, std::strlen(a_szPrefix)) == 0;
 }
 
+bool StrIStartsWith(const char* a_szText, const char* a_szPrefix)
+{
+    return AreThere("StrIStartsWith", a_szText, a_szPrefix) && StartsWithFolded(a_szText, a_szPrefix);
+}
+
 // Whether the tail may be compared at all. An empty suffix is the tail of a text of one character at most.
 static bool HasTail(size_t a_sizetText, size_t a_sizetSuffix)
 {
@@ -93,6 +98,17 @@ int StrICmp(const char* a_szLeft, const char* a_szRight)
         ++a_szRight;
     }
     return Fold(*a_szLeft) - Fold(*a_szRight);
+}
+
+void StrLower(char* a_szText)
+{
+    for (char* sz = a_szText; *sz; ++sz)
+        *sz = static_cast<char>(Fold(*sz));
+}
+
+const char* StrFileName(const char* a_szPath)
+{
+    return a_szPath + std::string_view(a_szPath).find_last_of("\\/") + 1;   // npos is one before the start
 }
 
 int StrWildcard(const char* a_szText, const char* a_szPattern, bool a_blIgnoreCase)
