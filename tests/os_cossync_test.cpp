@@ -42,26 +42,6 @@ TEST(Event, TellsWhatIsWrongWithItsUse)
     EXPECT_EQ(ossync.EventSet(), EOSSTS_SUCCESS);
 }
 
-// Two threads hand a turn to each other; set and wait of one object run at once.
-TEST(Event, WakesAnotherThreadEveryTime)
-{
-    COsSync ossyncPing;
-    COsSync ossyncPong;
-    ASSERT_EQ(ossyncPing.EventCreate(nullptr, nullptr), EOSSTS_SUCCESS);
-    ASSERT_EQ(ossyncPong.EventCreate(nullptr, nullptr), EOSSTS_SUCCESS);
-    constexpr int iTurns = 2000;
-    std::thread thread([&] {
-        for (int iTurn = 0; iTurn < iTurns && ossyncPing.EventWait(g_u32Patience, nullptr) == EOSSTS_SUCCESS; ++iTurn)
-            ossyncPong.EventSet();
-    });
-    for (int iTurn = 0; iTurn < iTurns; ++iTurn)
-    {
-        ossyncPing.EventSet();
-        EXPECT_EQ(ossyncPong.EventWait(g_u32Patience, nullptr), EOSSTS_SUCCESS);
-    }
-    thread.join();
-}
-
 using NamedEvent = FolderTest;
 
 TEST_F(NamedEvent, IsFoundByItsNameWhileItExists)
