@@ -1,6 +1,6 @@
 // os_cosservices_test.cpp: the library from its start to its stop, as a program has it: what the program says of
 // itself, what its parent says, what its children are told.
-#include "test_support.h"
+#include "collector_support.h"
 
 #include "os_cosarguments.h"
 #include "os_coscfg.h"
@@ -9,6 +9,10 @@
 #include "os_cosservices.h"
 #include "os_cosxml.h"
 
+#include "plat_process.h"
+#include "plat_wait.h"
+
+#include <csignal>
 #include <set>
 
 namespace fs = std::filesystem;
@@ -18,12 +22,17 @@ class Services : public FolderTest
 protected:
     ~Services() override { OsServicesStop(); }
 
-    // A program that uses no collector.
-    void Start(const std::string& a_strElements)
+    // Where the program finds its collector, and settings: that it uses none.
+    fs::path Common() const
     {
         const fs::path path = m_path / "system/SYSTEMROOT/lib/mvr_orvane/common";
         fs::create_directories(path);
-        WriteWhole((path / "const.ini").string(), "LogCollector=disabled\r\n");
+        return path;
+    }
+    void Start(const std::string& a_strElements)
+    {
+        if (!fs::exists(Common() / "logcollector"))
+            WriteWhole((Common() / "const.ini").string(), "LogCollector=disabled\r\n");
         m_strDocument = "<arguments>" + a_strElements + "</arguments>";
         OsServicesSetDocument(m_strDocument.c_str());
         ASSERT_EQ(OsServicesStart(), EOSSTS_SUCCESS);
@@ -80,6 +89,51 @@ TEST_F(Services, StartAgainAfterAStopInAFolderOfTheirOwn)
     }
 }
 
+// Also when the one before was killed.
+TEST_F(Services, EveryStartHasACollectorOfItsOwnThatEndsWithTheStop)
+{
+    fs::create_symlink(ProgramPath("logcollector"), Common() / "logcollector");
+    for (int i = 0; i < 3; ++i)
+    {
+        Start("<uniquename>prog</uniquename><entity>application</entity><loglevel>1</loglevel>");
+        ASSERT_TRUE(OsLogGet()->UsesCollector()) << i;
+        const std::string strLog = LogFile();
+        const uint64_t u64ProcessId = OsArgumentsCollector().u64ProcessIdCollector;
+        const PlatHandle plathandle = PlatProcessOpen(u64ProcessId);
+        EXPECT_EQ(Element("lcpidlc"), std::to_string(u64ProcessId));
+        if (i == 1)
+        {
+            kill(static_cast<pid_t>(u64ProcessId), SIGKILL);
+            PlatWaitAny(&plathandle, 1, PLAT_INFINITE);
+        }
+        OSLOG(OS_LOG_NOTE, "run %d", i);
+        OsServicesStop();
+        EXPECT_EQ(PlatWaitAny(&plathandle, 1, 20000), 0u) << i;
+        PlatClose(plathandle);
+        EXPECT_TRUE(ReadWhole(strLog).ends_with("### OsServicesStop...\r\n")) << i;
+    }
+}
+
+TEST_F(Services, AStartThatFailedLeavesNothingInTheWayOfTheNext)
+{
+    const std::string strFolder = getenv("LOCALAPPDATA");
+    setenv("LOCALAPPDATA", PathOf(std::string(600, 'x')).c_str(), 1);
+    OsServicesSetDocument("<arguments><uniquename>tool</uniquename><entity>utility</entity></arguments>");
+    EXPECT_EQ(OsServicesStart(), EOSSTS_FAIL);
+    EXPECT_FALSE(OsMemExists());
+    setenv("LOCALAPPDATA", strFolder.c_str(), 1);
+    Start("<uniquename>tool</uniquename><entity>utility</entity><loglevel>1</loglevel>");
+    OSLOG(OS_LOG_NOTE, "at work");
+    EXPECT_NE(ReadWhole(LogFile()).find("at work\r\n"), std::string::npos);
+}
+
+TEST_F(Services, AStopWithoutAStartLeavesWhatWasInherited)
+{
+    Inherit("<rootpath>/root</rootpath>");
+    OsServicesStop();
+    EXPECT_NE(getenv("MVR_OSSERVICESARGUMENTSB64"), nullptr);
+}
+
 TEST_F(Services, TheProgramsOwnDocumentSaysWhoItIs)
 {
     Start("<uniquename>*</uniquename><entity>dll</entity><loglevel>0x10</loglevel>"
@@ -116,6 +170,9 @@ TEST_F(Services, AUtilityLogsBesideWhomItWorksFor)
     OSLOG(OS_LOG_NOTE, "at work");
     EXPECT_EQ(LogFile(), strFolder + "/tool.log");
     EXPECT_NE(ReadWhole(strFolder + "/tool.log").find("at work\r\n"), std::string::npos);
+    OsServicesStop();
+    Start("<uniquename>tool</uniquename><entity>utility</entity>");
+    EXPECT_EQ(LogFile(), strFolder + "/tool.log") << "also after a stop";
     std::string strLogPath = Element("logpath");
     std::replace(strLogPath.begin(), strLogPath.end(), '\\', '/');
     EXPECT_EQ(strLogPath, strFolder);

@@ -12,6 +12,7 @@
 #include "plat_thread.h"
 
 #include <atomic>
+#include <cstring>
 
 // ------------------------------------------------------------------------------------------- process-wide values
 
@@ -146,4 +147,17 @@ void OsArgumentsModulePath(char* a_szPath)
     PlatModuleList(FindOwnModule, a_szPath);
     if (!*a_szPath)
         OsArgumentsProgramPath(a_szPath);
+}
+
+void OsArgumentsModuleName(char* a_szName, size_t a_sizetName)
+{
+    char szModule[OS_PATHSIZE];
+    OsArgumentsModulePath(szModule);
+    char szName[OS_PATHSIZE];
+    SStrCpy(szName, sizeof szName, StrFileName(szModule));
+    StrLower(szName);
+    if (char* const szWia = std::strstr(szName, "wia.dll"); szWia && szWia != szName)
+        *szWia = 0;
+    szName[std::strcspn(szName, ".")] = 0;
+    SStrCpy(a_szName, a_sizetName, szName);
 }

@@ -102,3 +102,6 @@ void OsArgumentsSet(EOSARGUMENT a_eosargument, const char* a_szValue);   // at m
 // what is not known or does not fit. The buffer has OS_PATHSIZE bytes.
 void OsArgumentsProgramPath(char* a_szPath);
 void OsArgumentsModulePath(char* a_szPath);
+
+// What the module is called after its file: in small letters, without what tells the kind of file.
+void OsArgumentsModuleName(char* a_szName, size_t a_sizetName);

@@ -282,18 +282,6 @@ static void HandDownOverride()
         OsArgumentsReplace("drvletidentity", szIdentity);
 }
 
-// The model that a driver's module is called after: its file's name, in small letters, without what tells its kind.
-static void ModelOfModule(const char* a_szModule, char* a_szModel, size_t a_sizetModel)
-{
-    char szName[OS_PATHSIZE];
-    SStrCpy(szName, sizeof szName, StrFileName(a_szModule));
-    StrLower(szName);
-    if (char* const szWia = std::strstr(szName, "wia.dll"); szWia && szWia != szName)
-        *szWia = 0;
-    szName[std::strcspn(szName, ".")] = 0;
-    SStrCpy(a_szModel, a_sizetModel, szName);
-}
-
 // A program is no driver, wherever it is installed.
 static bool IsDriver(const OsArgumentsFiles& a_osargumentsfiles)
 {
@@ -309,7 +297,7 @@ static void SettleModel(const OsArgumentsFiles& a_osargumentsfiles)
 {
     char szModel[32] = "";
     if (IsDriver(a_osargumentsfiles))
-        ModelOfModule(a_osargumentsfiles.szModule, szModel, sizeof szModel);
+        OsArgumentsModuleName(szModel, sizeof szModel);
     const char* const szFolder = OsArgumentsGet(OS_ARGUMENT_MODELDIRECTORY);
     OsArgumentsSet(OS_ARGUMENT_LOGMODEL, szModel[0] ? szModel : szFolder);
     if (!*szFolder)

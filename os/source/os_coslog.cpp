@@ -165,10 +165,7 @@ static void AddModuleName(char* a_szLogFile, const char* a_szFile)
         *szDot = '\0';
     char szModule[OS_PATHSIZE];
     OsArgumentsModulePath(szModule);
-    const std::string_view strviewModule(szModule);
-    const size_t sizetSeparator = strviewModule.find_last_of("/\\");
-    SStrCatf(a_szLogFile, OS_PATHSIZE, "_%s.log",
-             szModule + (sizetSeparator == std::string_view::npos ? 0 : sizetSeparator + 1));
+    SStrCatf(a_szLogFile, OS_PATHSIZE, "_%s.log", StrFileName(szModule));
     std::replace(a_szLogFile, a_szLogFile + std::strlen(a_szLogFile), '/', '\\');
 }
 

@@ -14,6 +14,7 @@
 #include "os_cosstring.h"
 #include "os_costhread.h"
 #include "os_new.h"
+#include "os_scope.h"
 
 #include "plat_process.h"
 #include "plat_system.h"
@@ -41,15 +42,9 @@ void OsServicesSetDocument(const char* a_szDocument)
 
 // -------------------------------------------------------------------------------------------- what this process is
 
-static bool IsUtility(EOSCFGENTITY a_eoscfgentity)
-{
-    return a_eoscfgentity == OS_CFGENTITY_UTILITY || a_eoscfgentity == OS_CFGENTITY_APPUTILITY;
-}
-
 // The document that a model's utility makes for itself when it was started by nobody of the family.
 static bool DeriveLogFolder(OsServicesIdentity& a_osservicesidentity)
 {
-    char(&szFile)[OS_PATHSIZE] = a_osservicesidentity.szLogFile;
     const char* const szModel = OsArgumentsGet(OS_ARGUMENT_LOGMODEL);
     char szFolder[OS_PATHSIZE] = "";
     OsCfgGetPath(OS_PATH_WRITEABLE_FOLDER_BRAND_LOCALORROAMING, szFolder, sizeof szFolder);
@@ -69,11 +64,14 @@ static bool DeriveLogFolder(OsServicesIdentity& a_osservicesidentity)
     OsArgumentsPublish(true);
     OsArgumentsPublish(false);
 
-    char szName[sizeof a_osservicesidentity.szUniqueName + sizeof ".log"];
-    SStrPrintf(szName, sizeof szName, "%s.log", a_osservicesidentity.szUniqueName);
-    SStrCpy(szFile, sizeof szFile, szFolder);
-    OsPathAppend(szFile, sizeof szFile, szName);
+    OsServicesLogInto(szFolder, a_osservicesidentity);
     return true;
+}
+
+// Of its own or from its parent. After a stop the document has gone, but not what it said.
+static bool HasDocument()
+{
+    return *OsArgumentsDocument() || *OsArgumentsGet(OS_ARGUMENT_LOGPATH);
 }
 
 // What was inherited is kept by those who work for others; everybody else begins anew.
@@ -88,7 +86,7 @@ static bool SettleDocument(OsServicesIdentity& a_osservicesidentity)
         return true;
     case OS_CFGENTITY_UTILITY:
     case OS_CFGENTITY_APPUTILITY:
-        return *OsArgumentsDocument() || DeriveLogFolder(a_osservicesidentity);
+        return HasDocument() || DeriveLogFolder(a_osservicesidentity);
     case OS_CFGENTITY_UNDEFINED:
         break;
     }
@@ -149,11 +147,11 @@ static void BuildDocument(const OsServicesIdentity& a_osservicesidentity)
     osargumentsbuildargs.szLogLevel = OsCfgGetString(OS_CFGTAG_DEBUG);
     osargumentsbuildargs.szRootPath = OsCfgGetString(OS_CFGTAG_ROOTPATH);
     osargumentsbuildargs.szLegacyRootPath = OsCfgGetString(OS_CFGTAG_ROOTPATHLEGACY);
-    if (a_osservicesidentity.eoscfgentity == OS_CFGENTITY_DRIVER || IsUtility(a_osservicesidentity.eoscfgentity))
+    if (a_osservicesidentity.eoscfgentity == OS_CFGENTITY_DRIVER || OsServicesIsUtility(a_osservicesidentity))
         osargumentsbuildargs.szModelDirectory = OsCfgGetString(OS_CFGTAG_MODELDIRECTORYREAL);
-    if (IsUtility(a_osservicesidentity.eoscfgentity))
+    if (OsServicesIsUtility(a_osservicesidentity))
     {
-        if (!*OsArgumentsDocument())
+        if (!HasDocument())
             return;
         SStrCpy(szFolder, sizeof szFolder, a_osservicesidentity.szLogFile);
         size_t sizetFolder = 0;
@@ -179,10 +177,29 @@ static void ForceThreadAffinity()
 
 // ---------------------------------------------------------------------------------------------------- start and stop
 
+// A collector of our own ends with our stream: a later start makes another one.
+static void ForgetCollector()
+{
+    if (OsArgumentsCollector().u64ProcessIdApplication == PlatProcessId())
+        OsArgumentsClear(OS_CLEARARGUMENTS_COLLECTOR);
+}
+
+// Whatever of it was started.
+static void Stop()
+{
+    OSMEMDELETE(g_poscoscfg);
+    OSMEMDELETE(g_poscosmem);
+    OSMEMDELETE(g_poscoslog);
+    OsSocketCleanupStatic();
+    ForgetCollector();
+    OsArgumentsClear(OS_CLEARARGUMENTS_DOCUMENT | OS_CLEARARGUMENTS_ENVIRONMENT);
+}
+
 EOSSTS OsServicesStart(bool a_blManageLater)
 {
     if (g_poscosmem)
         return EOSSTS_SUCCESS;
+    ScopeGuard stopOnFailure(Stop);
     OsCfgCommonInstall();
     OsArgumentsIntake();
 
@@ -199,6 +216,7 @@ EOSSTS OsServicesStart(bool a_blManageLater)
     TellConfiguration(osservicesidentity);
     BuildDocument(osservicesidentity);
     ForceThreadAffinity();
+    stopOnFailure.Dismiss();
     return EOSSTS_SUCCESS;
 }
 
@@ -208,19 +226,8 @@ void OsServicesManage()
         g_poscoscfg->StartManagement();
 }
 
-// A collector of our own ends with our stream: a later start makes another one.
-static void ForgetCollector()
-{
-    if (OsArgumentsCollector().u64ProcessIdApplication == PlatProcessId())
-        OsArgumentsClear(OS_CLEARARGUMENTS_COLLECTOR);
-}
-
 void OsServicesStop()
 {
-    OSMEMDELETE(g_poscoscfg);
-    OSMEMDELETE(g_poscosmem);
-    OSMEMDELETE(g_poscoslog);
-    OsSocketCleanupStatic();
-    ForgetCollector();
-    OsArgumentsClear(OS_CLEARARGUMENTS_DOCUMENT | OS_CLEARARGUMENTS_ENVIRONMENT);
+    if (g_poscosmem)
+        Stop();
 }

@@ -18,13 +18,14 @@
 void OsServicesSetDocument(const char* a_szDocument);
 
 // Starts the library: what the parent process says, memory manager, collector, logger, configuration, thread affinity.
-// Again is harmless, also after a stop. Called by the program's main thread before any other thread uses the library.
-// EOSSTS_SUCCESS; EOSSTS_FAIL when there is no memory, or for a utility that finds no folder for its log.
+// While it is started nothing happens; after a stop it starts again, with a collector of its own and a new log.
+// Called by the program's main thread before any other thread uses the library. EOSSTS_SUCCESS; EOSSTS_FAIL, and
+// nothing is started, when there is no memory, or for a utility that finds no folder for its log.
 // Old log folders are looked after by a thread of their own, now or when OsServicesManage is called: a program that
 // somebody waits for has time for that later.
 EOSSTS OsServicesStart(bool a_blManageLater = false);
 void OsServicesManage();
 
-// Frees what the start made, in reverse order, and leaves no variable of the family in the environment. Called when
-// no other thread uses the library any more.
+// Frees what the start made, in reverse order, and leaves nothing in the environment that a child would take for its
+// arguments. Without a start nothing happens. Called when no other thread uses the library any more.
 void OsServicesStop();

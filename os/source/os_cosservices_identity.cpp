@@ -25,21 +25,6 @@ void Take(const char* a_szDocument, const char* a_szName, char (&a_szText)[a_siz
 
 // ---------------------------------------------------------------------------------------------------------- the name
 
-// A program that takes its name from its module is called like its file, without what tells the kind of file.
-template <size_t a_sizetName>
-void NameOfModule(char (&a_szName)[a_sizetName])
-{
-    char szProgram[OS_PATHSIZE];
-    OsArgumentsModulePath(szProgram);
-    char szFile[OS_PATHSIZE];
-    SStrCpy(szFile, sizeof szFile, StrFileName(szProgram));
-    StrLower(szFile);
-    if (char* const szWia = std::strstr(szFile, "wia.dll"); szWia && szWia != szFile)
-        *szWia = 0;
-    szFile[std::strcspn(szFile, ".")] = 0;
-    SStrCpy(a_szName, a_sizetName, szFile);
-}
-
 // The name that an override gives goes before the program's own; either is what children are told.
 void TakeName(const char* a_szDocument, OsServicesIdentity& a_osservicesidentity)
 {
@@ -49,7 +34,7 @@ void TakeName(const char* a_szDocument, OsServicesIdentity& a_osservicesidentity
     else
         Take(a_szDocument, "uniquename", szName);
     if (std::strcmp(szName, "*") == 0)
-        NameOfModule(szName);
+        OsArgumentsModuleName(szName, sizeof szName);
     OsArgumentsSet(OS_ARGUMENT_UNIQUENAME, szName);
     OsArgumentsSet(OS_ARGUMENT_CALLERSUNIQUENAME, szName);
 }
@@ -92,27 +77,16 @@ void Unwrap(char (&a_szText)[a_sizetText])
         a_szText[0] = 0;
 }
 
-bool IsUtility(EOSCFGENTITY a_eoscfgentity)
-{
-    return a_eoscfgentity == OS_CFGENTITY_UTILITY || a_eoscfgentity == OS_CFGENTITY_APPUTILITY;
-}
-
-// A utility logs beside the program that it works for, into a file of its own name.
 void TakeLog(const char* a_szDocument, OsServicesIdentity& a_osservicesidentity)
 {
-    char(&szLogFile)[OS_PATHSIZE] = a_osservicesidentity.szLogFile;
     const char* const szInherited = OsArgumentsGet(OS_ARGUMENT_LOGPATH);
-    if (*szInherited)
-        SStrCpy(szLogFile, sizeof szLogFile, szInherited);
+    if (*szInherited && OsServicesIsUtility(a_osservicesidentity))
+        OsServicesLogInto(szInherited, a_osservicesidentity);
+    else if (*szInherited)
+        SStrCpy(a_osservicesidentity.szLogFile, OS_PATHSIZE, szInherited);
     else
-        Take(a_szDocument, "logfile", szLogFile);
-    Unwrap(szLogFile);
-    if (*szInherited && IsUtility(a_osservicesidentity.eoscfgentity))
-    {
-        char szFile[sizeof a_osservicesidentity.szUniqueName + sizeof ".log"];
-        SStrPrintf(szFile, sizeof szFile, "%s.log", a_osservicesidentity.szUniqueName);
-        OsPathAppend(szLogFile, sizeof szLogFile, szFile);
-    }
+        Take(a_szDocument, "logfile", a_osservicesidentity.szLogFile);
+    Unwrap(a_osservicesidentity.szLogFile);
 
     char szLevel[16];
     Take(a_szDocument, "loglevel", szLevel);
@@ -190,6 +164,20 @@ const char* SetupOfModule(const char* a_szModule, const char* a_szName)
     return t_szValue;
 }
 }   // namespace
+
+bool OsServicesIsUtility(const OsServicesIdentity& a_osservicesidentity)
+{
+    return a_osservicesidentity.eoscfgentity == OS_CFGENTITY_UTILITY ||
+           a_osservicesidentity.eoscfgentity == OS_CFGENTITY_APPUTILITY;
+}
+
+void OsServicesLogInto(const char* a_szFolder, OsServicesIdentity& a_osservicesidentity)
+{
+    char szFile[sizeof a_osservicesidentity.szUniqueName + sizeof ".log"];
+    SStrPrintf(szFile, sizeof szFile, "%s.log", a_osservicesidentity.szUniqueName);
+    SStrCpy(a_osservicesidentity.szLogFile, OS_PATHSIZE, a_szFolder);
+    OsPathAppend(a_osservicesidentity.szLogFile, OS_PATHSIZE, szFile);
+}
 
 void OsServicesAnswerHeader()
 {
