@@ -11,14 +11,13 @@
 #include "plat_file.h"
 #include "plat_process.h"
 
-#include <atomic>
 #include <cstring>
 
 static constexpr char g_szSource[] = "os/source/os_cosfile";
 
 namespace
 {
-std::atomic<bool> g_blNoCreate{false};
+thread_local bool t_blNoCreate = false;
 
 // Where folder creation is traced to, from MVR_TRACE_COSFILE_CREATE: read once per process, empty for nowhere.
 uint64_t g_u64TraceLock = 0;
@@ -148,7 +147,7 @@ EOSSTS CreateStatus(uint32_t a_u32Error)
 
 void OsFileSetNoCreate(bool a_blNoCreate)
 {
-    g_blNoCreate.store(a_blNoCreate, std::memory_order_relaxed);
+    t_blNoCreate = a_blNoCreate;
 }
 
 EOSSTS OsFileCreateDirectory(const char* a_szDirectory)
@@ -159,7 +158,7 @@ EOSSTS OsFileCreateDirectory(const char* a_szDirectory)
         return EOSSTS_FAIL;
     }
     const bool blExists = OsFileExists(a_szDirectory);
-    if (g_blNoCreate.load(std::memory_order_relaxed))
+    if (t_blNoCreate)
         return blExists ? EOSSTS_EXISTS : EOSSTS_SUCCESS;
     if (blExists)
     {

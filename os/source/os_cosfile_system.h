@@ -45,7 +45,8 @@ EOSSTS OsFileGetInfo(const char* a_szPath, OsFileInfo* a_posfileinfo);
 // EOSSTS_FAIL as the system says. Several may create one tree at the same time.
 EOSSTS OsFileCreateDirectory(const char* a_szDirectory);
 
-// While on, OsFileCreateDirectory creates nothing. Process-wide.
+// While on, OsFileCreateDirectory creates nothing, and says that it did. For the calling thread alone: others log
+// meanwhile, and need their folders.
 void OsFileSetNoCreate(bool a_blNoCreate);
 
 // Deletes a file, or a folder (with a_blRecursive, with all that is in it). A missing path is a success; an entry of
