@@ -61,7 +61,8 @@ TEST_F(LoggerTest, TheHeaderTellsTheRunTheMachineAndTheProgram)
             " pmem:[1-9]\\d*/[1-9]\\d* vmem:[1-9]\\d*/[1-9]\\d* memload:\\d+ proc-affinity:0x[0-9A-F]{16} "
             "sys-affinity:0x[0-9A-F]{16} integrity:" +
             strIntegrity + ">",
-        "osInfo <Os:windows Major:12 Minor:5 Build:0/0x00000000 Platform:0 Info:\\[\\] Raw:12\\.5 Cooked:12\\.5>",
+        "osInfo <Os:windows Major:12 Minor:5 Build:0/0x00000000 Platform:0 Info:\\[\\] Raw:[1-9]\\d*\\.\\d+ "
+        "Cooked:12\\.5>",
         "appInfo <" + strProgram +
             "> cd=cd7 versioninfo=4\\.0\\.0\\.1 versioncfg=3\\.0\\.7 versionresource=1\\.2\\.3 "
             "versionsimple=\\(none\\)",

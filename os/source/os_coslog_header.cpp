@@ -10,6 +10,7 @@
 #include "os_coslocale.h"
 #include "os_cosstring.h"
 
+#include "plat_machine.h"
 #include "plat_memory.h"
 #include "plat_process.h"
 #include "plat_system.h"
@@ -174,9 +175,10 @@ void COsLogImpl::SystemLine(OsLogSlot& a_oslogslot)
     });
 }
 
-// There is one version record here, which is raw and cooked at once.
 void COsLogImpl::OsLine(OsLogSlot& a_oslogslot)
 {
+    PlatVersion platversionRaw = {};
+    PlatVersionGet(PLAT_VERSION_RAW, &platversionRaw);
     const int iMajor = InfoInt(OS_CFGINFO_OS_MAJOR);
     const int iMinor = InfoInt(OS_CFGINFO_OS_MINOR);
     const int iBuild = StrToInt32(OsCfgInfoGetString(OS_CFGINFO_OS_BUILDSTRING));
@@ -189,7 +191,8 @@ void COsLogImpl::OsLine(OsLogSlot& a_oslogslot)
                            "### osInfo <Os:windows Major:%d Minor:%d Build:%d/0x%.8x Platform:%d Info:[%s] "
                            "Raw:%d.%d Cooked:%d.%d>",
                            iMajor, iMinor, iBuild, static_cast<unsigned>(iBuild), InfoInt(OS_CFGINFO_OS_PLATFORM),
-                           szInfo, iMajor, iMinor, iMajor, iMinor);
+                           szInfo, static_cast<int>(platversionRaw.u32Major), static_cast<int>(platversionRaw.u32Minor),
+                           iMajor, iMinor);
     });
 }
 
