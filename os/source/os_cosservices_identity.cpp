@@ -29,10 +29,9 @@ void Take(const char* a_szDocument, const char* a_szName, char (&a_szText)[a_siz
 void TakeName(const char* a_szDocument, OsServicesIdentity& a_osservicesidentity)
 {
     char(&szName)[sizeof a_osservicesidentity.szUniqueName] = a_osservicesidentity.szUniqueName;
+    Take(a_szDocument, "uniquename", szName);
     if (OsArgumentsHasOverride())
         SStrCpy(szName, sizeof szName, OsArgumentsGet(OS_ARGUMENT_CALLERSUNIQUENAME));
-    else
-        Take(a_szDocument, "uniquename", szName);
     if (std::strcmp(szName, "*") == 0)
         OsArgumentsModuleName(szName, sizeof szName);
     OsArgumentsSet(OS_ARGUMENT_UNIQUENAME, szName);
@@ -79,13 +78,13 @@ void Unwrap(char (&a_szText)[a_sizetText])
 
 void TakeLog(const char* a_szDocument, OsServicesIdentity& a_osservicesidentity)
 {
-    const char* const szInherited = OsArgumentsGet(OS_ARGUMENT_LOGPATH);
-    if (*szInherited && OsServicesIsUtility(a_osservicesidentity))
-        OsServicesLogInto(szInherited, a_osservicesidentity);
-    else if (*szInherited)
+    Take(a_szDocument, "logfile", a_osservicesidentity.szLogFile);
+    if (const char* const szInherited = OsArgumentsGet(OS_ARGUMENT_LOGPATH); *szInherited)
+    {
         SStrCpy(a_osservicesidentity.szLogFile, OS_PATHSIZE, szInherited);
-    else
-        Take(a_szDocument, "logfile", a_osservicesidentity.szLogFile);
+        if (OsServicesIsUtility(a_osservicesidentity))
+            OsServicesLogInto(szInherited, a_osservicesidentity);
+    }
     Unwrap(a_osservicesidentity.szLogFile);
 
     char szLevel[16];
