@@ -91,7 +91,7 @@ TEST_F(LoggerTest, ALongCommandLineIsCutAndTheLineClosed)
     {
         const std::string strCommand = "MVR_TESTLOG='" + m_strLog + "' '" + strProgram +
                                        "' --gtest_filter=LoggerTest.ALongCommandLineIsCutAndTheLineClosed 'a b' " +
-                                       std::string(9000, 'x') + " > /dev/null";
+                                       std::string(100000, 'x') + " > /dev/null";
         ASSERT_EQ(std::system(strCommand.c_str()), 0);
         const std::string strArguments = Lines()[4];
         const size_t sizetText = strArguments.find("### args <") + 10;

@@ -21,6 +21,7 @@
 #include <new>
 
 static constexpr size_t g_sizetCommandLine = 65536;
+static constexpr size_t g_sizetCommandLineMost = size_t{16} << 20;   // more than the system lets a program have
 static constexpr size_t g_sizetArgumentsMargin = 128;   // of the line buffer, that the arguments leave free
 
 std::atomic<OsLogTextProc> g_poslogresourceproc{nullptr};
@@ -286,15 +287,30 @@ void COsLogImpl::ModuleLines(OsLogSlot& a_oslogslot)
 
 // ----------------------------------------------------------------------------------------------------- arguments
 
+// The whole command line, whatever room it takes; null when there is none. Of one that cannot be read: "".
+static std::unique_ptr<char[]> CommandLine()
+{
+    for (size_t sizetRoom = g_sizetCommandLine; sizetRoom <= g_sizetCommandLineMost; sizetRoom *= 2)
+    {
+        const std::unique_ptr<char16_t[]> uniqueWide(new (std::nothrow) char16_t[sizetRoom]);
+        std::unique_ptr<char[]> uniqueText(new (std::nothrow) char[sizetRoom]);
+        if (!uniqueWide || !uniqueText)
+            return nullptr;
+        uniqueText[0] = '\0';
+        const bool blRead = PlatProcessCommandLine(uniqueWide.get(), sizetRoom);
+        if (blRead && CopyStringToUtf8(uniqueText.get(), sizetRoom, uniqueWide.get(), SIZE_MAX))
+            return uniqueText;
+        if (!blRead && PlatGetLastError() != PLAT_ERROR_INSUFFICIENTBUFFER)
+            return uniqueText;
+    }
+    return nullptr;
+}
+
 void COsLogImpl::ArgumentsLine(OsLogSlot& a_oslogslot)
 {
-    const std::unique_ptr<char16_t[]> uniqueWide(new (std::nothrow) char16_t[g_sizetCommandLine]);
-    const std::unique_ptr<char[]> uniqueText(new (std::nothrow) char[g_sizetCommandLine]);
-    if (!uniqueWide || !uniqueText)
+    const std::unique_ptr<char[]> uniqueText = CommandLine();
+    if (!uniqueText)
         return;
-    uniqueText[0] = '\0';
-    if (PlatProcessCommandLine(uniqueWide.get(), g_sizetCommandLine))
-        CopyStringToUtf8(uniqueText.get(), g_sizetCommandLine, uniqueWide.get(), SIZE_MAX);
     const int iMost = static_cast<int>(a_oslogslot.sizetBuffer - g_sizetArgumentsMargin);
     HeaderLine(a_oslogslot, [&](char* a_sz, size_t a_sizet) {
         return LogSStrCatf(a_sz, a_sizet, "### args <%.*s>", iMost, uniqueText.get());
