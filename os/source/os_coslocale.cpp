@@ -1,6 +1,7 @@
 // os_coslocale.cpp: UTF-8 to UTF-16 and back, and the search in the table of languages (os_coslocale_table.cpp).
 #include "os_coslocale.h"
 
+#include "os_cfg.h"
 #include "os_coslocale_utf.h"
 #include "os_cosstring.h"
 #include "os_log.h"
@@ -107,12 +108,25 @@ size_t CopyStringToUtf8(char* a_szDestination, size_t a_sizetDestination, const 
 
 // ----------------------------------------------------------------------------------------------------- languages
 
-static std::atomic<uint32_t> g_u32Current{OS_LANGUAGE_ENUSA};
+// Computed once, as soon as there is a configuration that holds a language.
+static uint32_t CurrentLanguage()
+{
+    static std::atomic<uint32_t> g_u32Current{0};
+    if (const uint32_t u32Current = g_u32Current.load(std::memory_order_relaxed))
+        return u32Current;
+    const char* const szKey = OsCfgGetString(OS_CFGTAG_DEFAULTLANGUAGE);
+    if (!*szKey)
+        return OS_LANGUAGE_ENUSA;
+    const uint32_t u32Language = OsLanguageGetId(szKey);
+    const uint32_t u32Current = u32Language ? u32Language : OS_LANGUAGE_ENUSA;
+    g_u32Current.store(u32Current, std::memory_order_relaxed);
+    return u32Current;
+}
 
 uint32_t OsLanguageGetId(const char* a_szKey)
 {
     if (!a_szKey)
-        return g_u32Current.load(std::memory_order_relaxed);
+        return CurrentLanguage();
     for (uint32_t u32 = 0; u32 < OS_LANGUAGECOUNT; ++u32)
     {
         if (StrICmp(OsLanguageGet(u32)->szKey, a_szKey) == 0)
@@ -120,10 +134,4 @@ uint32_t OsLanguageGetId(const char* a_szKey)
     }
     OSLOG(OS_LOG_ERROR, "GetLanguageId: not found (%s)...", a_szKey);
     return 0;
-}
-
-void OsLanguageSetCurrent(const char* a_szKey)
-{
-    const uint32_t u32Language = a_szKey && *a_szKey ? OsLanguageGetId(a_szKey) : 0;
-    g_u32Current.store(u32Language ? u32Language : OS_LANGUAGE_ENUSA, std::memory_order_relaxed);
 }

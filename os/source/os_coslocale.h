@@ -29,9 +29,6 @@ inline constexpr uint32_t OS_LANGUAGE_ENUSA = 39;
 
 const OsLanguage* OsLanguageGet(uint32_t a_u32Language);   // row 0 to 131, the end row; null beyond
 
-// The row whose key equals a_szKey without regard to case, 0 (logged) for none. Null gives the current language:
-// the one that the configuration holds, or row 39.
+// The row whose key equals a_szKey without regard to case, 0 (logged) for none. Null gives the current language: the
+// first that the configuration was found to hold ("DefaultLanguage"), or row 39.
 uint32_t OsLanguageGetId(const char* a_szKey);
-
-// The configuration tells its language key here, before anybody asks for the current language.
-void OsLanguageSetCurrent(const char* a_szKey);
