@@ -79,11 +79,9 @@ bool PlatFileSetEnd(PlatHandle a_plathandle);
 // file, not to the process: two handles of one process exclude each other, closing one leaves the other's lock alone.
 // A handle without write access excludes only those with it, where the system cannot do better.
 bool PlatFileLock(PlatHandle a_plathandle, uint64_t a_u64Offset, uint64_t a_u64Length);
-bool PlatFileUnlock(PlatHandle a_plathandle, uint64_t a_u64Offset, uint64_t a_u64Length);
 
-// The same for bytes that the caller knows to be locked by this handle, without the proof that they are: the proof
-// costs many times what the lock does.
-bool PlatFileUnlockHeld(PlatHandle a_plathandle, uint64_t a_u64Offset, uint64_t a_u64Length);
+// For bytes that this handle has locked, as it locked them. What others hold stays locked.
+bool PlatFileUnlock(PlatHandle a_plathandle, uint64_t a_u64Offset, uint64_t a_u64Length);
 
 enum PlatEntry : uint32_t
 {

@@ -45,7 +45,6 @@ inline constexpr uint32_t PLAT_ERROR_DISKFULL = 112;
 inline constexpr uint32_t PLAT_ERROR_INSUFFICIENTBUFFER = 122;
 inline constexpr uint32_t PLAT_ERROR_INVALIDNAME = 123;
 inline constexpr uint32_t PLAT_ERROR_DIRNOTEMPTY = 145;
-inline constexpr uint32_t PLAT_ERROR_NOTLOCKED = 158;
 inline constexpr uint32_t PLAT_ERROR_ALREADYEXISTS = 183;
 inline constexpr uint32_t PLAT_ERROR_BADEXEFORMAT = 193;
 inline constexpr uint32_t PLAT_ERROR_ENVVARNOTFOUND = 203;

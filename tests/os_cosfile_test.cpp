@@ -186,6 +186,10 @@ TEST_F(File, ALockExcludesEveryOtherObject)
     OsLogPrintf(&m_logcapture, "test", 0, 4, "go");
     EXPECT_EQ(osfileOther.LockByte(7, 20000, "waits", true), EOSSTS_SUCCESS);
     thread.join();
+    ASSERT_EQ(Open(osfileHolder), EOSSTS_SUCCESS);
+    EXPECT_EQ(osfileHolder.Lock(5, 3, 0, nullptr, true, false), EOSSTS_SUCCESS) << "remembered, not locked";
+    EXPECT_EQ(osfileHolder.Unlock(5, 3), EOSSTS_SUCCESS);
+    EXPECT_EQ(osfileHolder.Lock(5, 3, 0, nullptr, true, false), EOSSTS_BUSY);
     EXPECT_EQ(osfileOther.Lock(0, 0, 0, nullptr, true, false), EOSSTS_FAIL);
     EXPECT_TRUE(m_logcapture.Has("a_sizetRegion must be greater than zero..."));
 }

@@ -99,8 +99,7 @@ constexpr const char* g_aszProtected[] = {"\\", "\\opt", "\\usr", "\\var"};
 
 bool IsProtectedPath(const char* a_szPath)
 {
-    const size_t sizetLength = strlen(a_szPath);
-    const bool blDrive = (sizetLength == 2 || sizetLength == 3) && a_szPath[1] == ':';
+    const bool blDrive = a_szPath[0] && a_szPath[1] == ':' && !a_szPath[2];
     if (blDrive || StrEndsWith(a_szPath, ":\\Windows", true) || StrEndsWith(a_szPath, ":\\Users", true))
         return true;
     return std::any_of(std::begin(g_aszProtected), std::end(g_aszProtected),

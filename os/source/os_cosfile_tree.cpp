@@ -103,7 +103,7 @@ bool OsFileTree::DeleteEntry()
         return true;
     if (IsFolder())
         OsFileTellFolderStays(m_szPath);
-    if (!IsFolder())
+    else
         OsFileTellFileStays(m_szPath, u32Error);
     return false;
 }

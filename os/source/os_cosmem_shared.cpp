@@ -151,7 +151,7 @@ EOSSTS COsMemImpl::SharedUnlock(void* a_pvView, const OsMemCaller& a_osmemcaller
     const bool blMapping = WithMapping(a_pvView, a_osmemcaller, [&](uint32_t a_u32Slot) {
         OsMemRecord& osmemrecord = m_aosmemrecord[a_u32Slot];
         if (osmemrecord.u32Lock != 0)
-            PlatFileUnlockHeld(osmemrecord.plathandleFile, 0, 1);
+            PlatFileUnlock(osmemrecord.plathandleFile, 0, 1);
         osmemrecord.u32Lock = 0;
     });
     return blMapping ? EOSSTS_SUCCESS : EOSSTS_FAIL;

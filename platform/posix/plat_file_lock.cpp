@@ -2,11 +2,7 @@
 #include "plat_posix_file.h"
 
 #include <cerrno>
-#include <cinttypes>
-#include <cstdio>
-#include <cstring>
 #include <fcntl.h>
-#include <memory>
 
 // Locks of bytes stay below the ranges that stand for share modes.
 static constexpr uint64_t g_u64Limit = uint64_t{1} << 61;
@@ -44,43 +40,9 @@ bool PlatFileLock(PlatHandle a_plathandle, uint64_t a_u64Offset, uint64_t a_u64L
     return errno == EAGAIN || errno == EACCES ? PosixFail(PLAT_ERROR_LOCK) : PosixFailErrno();
 }
 
-// Tells whether one of the locks that the descriptor itself holds covers the range. Only the system's description of
-// the descriptor tells that: asking for a conflict never reports one's own locks. Where it cannot be read: true.
-static bool HoldsLock(int a_iDescriptor, const struct flock& a_flock)
-{
-    char szLine[256];
-    snprintf(szLine, sizeof szLine, "/proc/self/fdinfo/%d", a_iDescriptor);
-    const std::unique_ptr<FILE, int (*)(FILE*)> pfile(fopen(szLine, "re"), fclose);
-    if (!pfile)
-        return true;
-    const int64_t i64First = a_flock.l_start;
-    const int64_t i64Last = a_flock.l_start + a_flock.l_len - 1;
-    while (fgets(szLine, sizeof szLine, pfile.get()))
-    {
-        // lock:	1: OFDLCK ADVISORY  WRITE -1 08:01:1234 0 99
-        int64_t i64LockFirst = 0;
-        int64_t i64LockLast = 0;
-        const bool blLock =
-            sscanf(szLine, "lock: %*d: OFDLCK %*s %*s %*d %*s %" SCNd64 " %" SCNd64, &i64LockFirst, &i64LockLast) == 2;
-        if (blLock && i64LockFirst <= i64First && i64Last <= i64LockLast)
-            return true;
-    }
-    return false;
-}
-
 bool PlatFileUnlock(PlatHandle a_plathandle, uint64_t a_u64Offset, uint64_t a_u64Length)
 {
-    struct flock flock = {};
-    if (!MakeLock(a_plathandle, a_u64Offset, a_u64Length, F_UNLCK, flock))
-        return false;
-    if (!HoldsLock(PosixDescriptorOf(a_plathandle), flock))
-        return PosixFail(PLAT_ERROR_NOTLOCKED);
-    return PlatFileUnlockHeld(a_plathandle, a_u64Offset, a_u64Length);
-}
-
-bool PlatFileUnlockHeld(PlatHandle a_plathandle, uint64_t a_u64Offset, uint64_t a_u64Length)
-{
-    struct flock flock = {};
+    struct flock flock;
     return MakeLock(a_plathandle, a_u64Offset, a_u64Length, F_UNLCK, flock) &&
            (fcntl(PosixDescriptorOf(a_plathandle), F_OFD_SETLK, &flock) == 0 || PosixFailErrno());
 }
