@@ -13,6 +13,7 @@
 #include "os_cosservices.h"
 #include "os_cosstring.h"
 #include "os_log.h"
+#include "os_scope.h"
 
 #include "plat_process.h"
 #include "plat_wait.h"
@@ -37,21 +38,12 @@ static bool StopIsAsked()
     return g_bLogCollectorStop.load() != 0;
 }
 
-// True while the application lives, after waiting for its end for one period. A process that cannot be opened counts
-// as gone.
-static bool ApplicationLives(int64_t a_i64ProcessId)
+// Returns when the application has gone, or when the collector asks for the end. A process that cannot be opened counts
+// as gone. It stays open, so that a collector whose descriptors are used up does not take it for one.
+static void WatchApplication(PlatHandle a_plathandle)
 {
-    const PlatHandle plathandle = PlatProcessOpen(static_cast<uint64_t>(a_i64ProcessId));
-    if (plathandle == PLAT_INVALID)
-        return false;
-    const uint32_t u32Wait = PlatWaitAny(&plathandle, 1, g_u32WatchPeriod);
-    PlatClose(plathandle);
-    return u32Wait == PLAT_WAIT_TIMEOUT;
-}
-
-static void WatchApplication(int64_t a_i64ProcessId)
-{
-    while (ApplicationLives(a_i64ProcessId) && !StopIsAsked())
+    while (a_plathandle != PLAT_INVALID && !StopIsAsked() &&
+           PlatWaitAny(&a_plathandle, 1, g_u32WatchPeriod) == PLAT_WAIT_TIMEOUT)
     {
     }
 }
@@ -71,10 +63,16 @@ static void RunCollect(const LogCollectorArgs& a_logcollectorargs, char* a_szFol
     COsLogCollector oslogcollector(a_logcollectorargs.collectormode, nullptr);
     if (!oslogcollector.IsUsable())
         return;
-    oslogcollector.SetApplication(static_cast<uint64_t>(a_logcollectorargs.i64ProcessIdApplication));
+    const auto u64Application = static_cast<uint64_t>(a_logcollectorargs.i64ProcessIdApplication);
+    const PlatHandle plathandle = PlatProcessOpen(u64Application);
+    const ScopeGuard close([plathandle] {
+        if (plathandle != PLAT_INVALID)
+            PlatClose(plathandle);
+    });
+    oslogcollector.SetApplication(u64Application);
     oslogcollector.Start(nullptr, false);
     OsServicesManage();
-    WatchApplication(a_logcollectorargs.i64ProcessIdApplication);
+    WatchApplication(plathandle);
     LetReadersSettle();
     oslogcollector.Stop(a_szFolder, OS_PATHSIZE);
 }
