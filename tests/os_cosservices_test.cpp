@@ -124,7 +124,8 @@ TEST_F(Services, AStartThatFailedLeavesNothingInTheWayOfTheNext)
     setenv("LOCALAPPDATA", strFolder.c_str(), 1);
     Start("<uniquename>tool</uniquename><entity>utility</entity><loglevel>1</loglevel>");
     OSLOG(OS_LOG_NOTE, "at work");
-    EXPECT_NE(ReadWhole(LogFile()).find("at work\r\n"), std::string::npos);
+    EXPECT_TRUE(WaitFor([] { return ReadWhole(LogFile()).find("at work\r\n") != std::string::npos; }))
+        << "through a collector: the settings were read before they said that there is none";
 }
 
 TEST_F(Services, AStopWithoutAStartLeavesWhatWasInherited)
