@@ -131,8 +131,8 @@ bool PlatFileMove(const char16_t* a_wszOld, const char16_t* a_wszNew);   // 183 
 bool PlatFolderCreate(const char16_t* a_wszPath);   // one level; 183 when it exists, 3 when its parent is missing
 bool PlatFolderDelete(const char16_t* a_wszPath);   // 145 when it is not empty, 267 when it is no folder
 
-// The full path of a name, relative to the current folder, without "." and ".." components; the file need not
-// exist. Its separators are "\".
+// The full path of a name, relative to the current folder, without "." and ".." components and without the long-path
+// prefix; the file need not exist. Its separators are "\".
 bool PlatFileFullName(const char16_t* a_wszName, char16_t* a_wszFull, size_t a_sizetFull);
 
 // Maps a_sizetView bytes of an open file from a_u64Offset (a multiple of PlatMemoryGranularity; view 0: to the end

@@ -124,8 +124,6 @@ TEST_F(FileSystem, AbsoluteNamesBeginAtTheRoot)
     char szAbsolute[OS_PATHSIZE];
     EXPECT_EQ(OsPathAbsolute(szAbsolute, sizeof szAbsolute, "x/./y/../z"), EOSSTS_SUCCESS);
     EXPECT_EQ(szAbsolute, strHere + "\\x\\z");
-    EXPECT_EQ(OsPathAbsolute(szAbsolute, sizeof szAbsolute, "C:/a/../b"), EOSSTS_SUCCESS);
-    EXPECT_STREQ(szAbsolute, "C:\\b");
     EXPECT_EQ(OsPathAbsolute(szAbsolute, sizeof szAbsolute, ""), EOSSTS_FAIL);
     EXPECT_TRUE(m_logcapture.HasAt(OS_LOG_NOTE, "a_szName is empty..."));
 }
@@ -222,6 +220,7 @@ TEST_F(FileSystem, DeleteChecksWhatItIsAskedFor)
     EXPECT_TRUE(m_logcapture.HasPart("RemoveDirectory failed..."));
     EXPECT_TRUE(Exists("f") && Exists("d/e"));
     EXPECT_EQ(Delete("missing"), EOSSTS_SUCCESS);
+    fs::permissions(PathOf("f"), fs::perms::owner_read);
     EXPECT_EQ(Delete("f"), EOSSTS_SUCCESS);
     EXPECT_TRUE(m_logcapture.HasAt(OS_LOG_NOTE, "Delete: <" + PathOf("f") + "> 0 1"));
     EXPECT_EQ(Delete("d"), EOSSTS_SUCCESS);

@@ -136,16 +136,6 @@ const char* COsFile::GetName() const
     return Usable(m_posfileimpl) ? m_posfileimpl->GetName() : nullptr;
 }
 
-bool COsFile::IsOpen() const
-{
-    return Usable(m_posfileimpl) && m_posfileimpl->IsOpen();
-}
-
-PlatHandle COsFile::Handle() const
-{
-    return Usable(m_posfileimpl) ? m_posfileimpl->Handle() : PLAT_INVALID;
-}
-
 bool COsFile::HasName() const
 {
     return Usable(m_posfileimpl) && m_posfileimpl->HasName();

@@ -87,8 +87,6 @@ public:
     EOSSTS UnlockByte(uint32_t a_u32Offset);
 
     const char* GetName() const;   // null, and logged, when it is not open
-    bool IsOpen() const;
-    PlatHandle Handle() const;
 
     // True while the open file still has a name: another party may have deleted it since.
     bool HasName() const;

@@ -82,13 +82,7 @@ char* SkipComponents(char* a_szPath, int a_iComponents)
 // Where the components of an absolute path begin that can be created: behind "\", "X:\" or "\\server\share\".
 char* BehindRoot(char* a_szPath)
 {
-    const bool blPrefix = StrStartsWith(a_szPath, "\\\\?\\");
-    if (!blPrefix && StrStartsWith(a_szPath, "\\\\"))
-        return SkipComponents(a_szPath + 2, 2);
-    if (blPrefix)
-        a_szPath += 4;
-    const bool blDrive = a_szPath[0] && a_szPath[1] == ':';
-    return blDrive || a_szPath[0] == '\\' ? SkipComponents(a_szPath, 1) : a_szPath;
+    return StrStartsWith(a_szPath, "\\\\") ? SkipComponents(a_szPath + 2, 2) : SkipComponents(a_szPath, 1);
 }
 
 // A folder that another thread or process creates meanwhile is as good.

@@ -14,8 +14,8 @@ static constexpr char g_szSource[] = "os/source/os_cosfile";
 
 namespace
 {
-// The attributes are cleared only when they are in the way. Those of a link would be what it points to.
-bool RemoveNow(const char* a_szPath, bool (*a_remove)(const char16_t*), bool a_blLink)
+// The attributes are cleared only when they are in the way.
+bool RemoveNow(const char* a_szPath, bool (*a_remove)(const char16_t*))
 {
     char16_t wszPath[OS_WIDEPATHSIZE];
     if (!OsPathToSystem(wszPath, OS_WIDEPATHSIZE, a_szPath))
@@ -23,18 +23,18 @@ bool RemoveNow(const char* a_szPath, bool (*a_remove)(const char16_t*), bool a_b
     if (a_remove(wszPath))
         return true;
     const uint32_t u32Error = PlatGetLastError();
-    if (!a_blLink && PlatFileClearAttributes(wszPath) && a_remove(wszPath))
+    if (PlatFileClearAttributes(wszPath) && a_remove(wszPath))
         return true;
     PlatSetLastError(u32Error);
     return false;
 }
 
-bool DeleteFile(const char* a_szPath, const OsFileInfo& a_osfileinfo, bool a_blSystemFiles)
+bool DeleteFile(const char* a_szPath, EOSFILETYPE a_eosfiletype, bool a_blSystemFiles)
 {
     uint32_t u32Error = PLAT_ERROR_ACCESSDENIED;
-    if (a_osfileinfo.eosfiletype != OS_FILETYPE_SYSTEM || a_blSystemFiles)
+    if (a_eosfiletype != OS_FILETYPE_SYSTEM || a_blSystemFiles)
     {
-        if (RemoveNow(a_szPath, PlatFileDelete, a_osfileinfo.blLink))
+        if (RemoveNow(a_szPath, PlatFileDelete))
             return true;
         u32Error = PlatGetLastError();
         if (!OsFileExists(a_szPath))
@@ -47,7 +47,7 @@ bool DeleteFile(const char* a_szPath, const OsFileInfo& a_osfileinfo, bool a_blS
 // An empty folder.
 bool DeleteFolder(const char* a_szPath)
 {
-    if (RemoveNow(a_szPath, PlatFolderDelete, false) || !OsFileExists(a_szPath))
+    if (RemoveNow(a_szPath, PlatFolderDelete) || !OsFileExists(a_szPath))
         return true;
     OsFileTellFolderStays(a_szPath);
     return false;
@@ -180,7 +180,7 @@ EOSSTS OsFileDelete(const char* a_szFilename, EOSFILETYPE a_eosfiletype, bool a_
         return EOSSTS_FAIL;
     const bool blDeleted = osfileinfo.eosfiletype == OS_FILETYPE_FOLDER
                                ? (!a_blRecursive || DeleteWhatIsIn(szPath, a_blSystemFiles)) && DeleteFolder(szPath)
-                               : DeleteFile(szPath, osfileinfo, a_blSystemFiles);
+                               : DeleteFile(szPath, osfileinfo.eosfiletype, a_blSystemFiles);
     return blDeleted ? EOSSTS_SUCCESS : EOSSTS_FAIL;
 }
 

@@ -54,7 +54,6 @@ public:
 
     const char* GetName() const;
     bool IsOpen() const { return m_plathandleFile != PLAT_INVALID; }
-    PlatHandle Handle() const { return m_plathandleFile; }
     bool HasName() const;
 
     void TakeLibrary(PlatHandle a_plathandle, bool a_blLoaded, bool a_blDrain);
