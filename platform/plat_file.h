@@ -121,7 +121,8 @@ struct PlatFileIdentity
 
 bool PlatFileGetIdentity(PlatHandle a_plathandle, PlatFileIdentity* a_pplatfileidentity);
 
-bool PlatFileClearAttributes(const char16_t* a_wszPath);   // no longer read-only, hidden or the system's
+// No longer read-only, hidden or the system's. Does nothing to what a link points to.
+bool PlatFileClearAttributes(const char16_t* a_wszPath);
 
 // Deletes a file or a link, never what a link points to. PLAT_ERROR_SHARING while a handle of this layer, in
 // whichever process, has it open without PLAT_SHARE_DELETE.
