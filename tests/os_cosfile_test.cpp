@@ -52,6 +52,13 @@ TEST_F(File, OpenRefusesBadArgumentsInOrder)
         EXPECT_TRUE(m_logcapture.HasAt(OS_LOG_ERROR, row.szText)) << row.szText;
     }
     EXPECT_FALSE(std::filesystem::exists(m_szFile));
+
+    // Too long in UTF-8, while its characters would fit.
+    std::string strLong;
+    while (strLong.size() < OS_PATHSIZE)
+        strLong += "\u00E4/";
+    EXPECT_EQ(COsFile().Open(strLong.c_str(), OS_FILEOPEN_EXISTING, OS_FILEACCESS_READ, OS_FILESHARE_READ),
+              EOSSTS_FAIL);
 }
 
 TEST_F(File, EachOpenModeDoesToTheFileWhatItSays)

@@ -90,7 +90,8 @@ bool COsFileImpl::RememberName(const char* a_szFilename)
         return true;
     m_wszFilename[0] = u'\0';
     SStrCpy(m_szFilename, sizeof m_szFilename, a_szFilename);
-    return OsPathToSystem(m_wszFilename, std::size(m_wszFilename), a_szFilename);
+    const bool blWhole = m_szFilename[0] != '\0' || a_szFilename[0] == '\0';
+    return blWhole && OsPathToSystem(m_wszFilename, std::size(m_wszFilename), a_szFilename);
 }
 
 EOSSTS COsFileImpl::Open(const char* a_szFilename, EOSFILEOPEN a_eosfileopen, EOSFILEACCESS a_eosfileaccess,
