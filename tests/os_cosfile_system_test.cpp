@@ -4,6 +4,7 @@
 #include "os_cosfile_paths.h"
 #include "os_cosfile_system.h"
 
+#include <sys/resource.h>
 #include <sys/socket.h>
 #include <sys/un.h>
 #include <thread>
@@ -225,6 +226,21 @@ TEST_F(FileSystem, DeleteChecksWhatItIsAskedFor)
     EXPECT_TRUE(m_logcapture.HasAt(OS_LOG_NOTE, "Delete: <" + PathOf("f") + "> 0 1"));
     EXPECT_EQ(Delete("d"), EOSSTS_SUCCESS);
     EXPECT_FALSE(Exists("f") || Exists("d"));
+}
+
+// Whether somebody has it open takes a descriptor to ask with.
+TEST_F(FileSystem, AnOpenFileStaysWhenThereAreNoDescriptors)
+{
+    COsFile osfile;
+    ASSERT_EQ(osfile.Open(PathOf("log").c_str(), OS_FILEOPEN_ALWAYS, OS_FILEACCESS_WRITE, OS_FILESHARE_READWRITE),
+              EOSSTS_SUCCESS);
+    rlimit rlimitBefore{};
+    getrlimit(RLIMIT_NOFILE, &rlimitBefore);
+    const rlimit rlimitNone{0, rlimitBefore.rlim_max};
+    setrlimit(RLIMIT_NOFILE, &rlimitNone);
+    EXPECT_EQ(Delete("log"), EOSSTS_FAIL);
+    setrlimit(RLIMIT_NOFILE, &rlimitBefore);
+    EXPECT_TRUE(Exists("log"));
 }
 
 TEST_F(FileSystem, ASystemFileGoesOnlyWhenAllowed)

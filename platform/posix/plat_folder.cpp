@@ -6,7 +6,8 @@
 #include <fcntl.h>
 
 // Holds off the openers of a file while its name goes or changes. Folders and what is no plain file have no share
-// modes, and a file that cannot be opened has no handles of ours to ask. The name is relative to an open folder.
+// modes, and a file that we may not open has no handles of ours to ask; without a descriptor to ask with, the name
+// stays. The name is relative to an open folder.
 class NameGuard
 {
 public:
@@ -15,7 +16,7 @@ public:
     NameGuard(const NameGuard&) = delete;
     NameGuard& operator=(const NameGuard&) = delete;
 
-    // False, with the last error, when a handle does not share deletion.
+    // False, with the last error, when a handle does not share deletion or that cannot be found out.
     bool Take(const struct stat& a_status);
 
     // Tells whether the guarded file still has the name.
@@ -62,7 +63,9 @@ bool NameGuard::Take(const struct stat& a_status)
         m_iDescriptor = openat(m_iFolder, m_szName, O_RDWR | iFlags);
         if (m_iDescriptor < 0)
             m_iDescriptor = openat(m_iFolder, m_szName, O_RDONLY | iFlags);
-        if (m_iDescriptor < 0 || PosixShareTake(m_iDescriptor, posixsharerequest) == PosixShare::Granted)
+        if (m_iDescriptor < 0)
+            return (errno != EMFILE && errno != ENFILE) || PosixFailErrno();
+        if (PosixShareTake(m_iDescriptor, posixsharerequest) == PosixShare::Granted)
             return true;
         Release();
         if (!posixpatience.Wait())
