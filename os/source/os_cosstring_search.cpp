@@ -108,7 +108,7 @@ void StrLower(char* a_szText)
 
 const char* StrFileName(const char* a_szPath)
 {
-    return a_szPath + std::string_view(a_szPath).find_last_of("\\/") + 1;   // npos is one before the start
+    return a_szPath + (std::string_view(a_szPath).find_last_of("\\/") + 1);   // npos + 1 is the start
 }
 
 int StrWildcard(const char* a_szText, const char* a_szPattern, bool a_blIgnoreCase)
