@@ -9,7 +9,8 @@
 using PlatThreadProc = uint32_t (*)(void* a_pvArgument);
 
 // Starts a thread that runs a_platthreadproc(a_pvArgument); the procedure's result is the exit code. *a_pu64Id
-// receives the system's id of the thread before the call returns. The stack has the product's default size, 1 MiB.
+// receives the system's id of the thread before the call returns; null spares the wait for it. The stack has the
+// product's default size, 1 MiB.
 PlatHandle PlatThreadBegin(PlatThreadProc a_platthreadproc, void* a_pvArgument, uint64_t* a_pu64Id);
 
 // Ends the calling thread, which PlatThreadBegin started: its frames are unwound, then it ends with the code. A

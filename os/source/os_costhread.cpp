@@ -219,13 +219,15 @@ bool COsThreadImpl::PrepareEvents()
            Prepare(m_plathandleStarted, PLAT_RESET_AUTO);
 }
 
-// Under the stop lock, so that whoever stops the thread from now on finds its handle.
+// Under the stop lock, so that whoever stops the thread from now on finds its handle. The thread itself tells its id;
+// here it is only waited for when it is logged.
 bool COsThreadImpl::Begin()
 {
     const COsSpinGuard spinguard(&m_u64StopLock);
     uint64_t u64Id = 0;
-    m_plathandleThread = PlatThreadBegin(Trampoline, m_posthread, &u64Id);
-    m_u64Id = u64Id;
+    m_plathandleThread = PlatThreadBegin(Trampoline, m_posthread, OsLogWorkingWord() ? &u64Id : nullptr);
+    if (u64Id != 0)
+        m_u64Id = u64Id;
     return m_plathandleThread != PLAT_INVALID;
 }
 

@@ -27,7 +27,7 @@ struct PosixThread
     PlatThreadProc platthreadproc = nullptr;
     void* pvArgument = nullptr;
     pthread_t pthread = 0;
-    std::atomic<int> iThreadId{0};   // set by the thread, which is waited for
+    std::atomic<int> iThreadId{0};   // set by the thread, which whoever wants it waits for
     std::atomic<uint32_t> u32ExitCode{0};
     std::atomic<uint32_t> u32TerminateCode{0};
     std::atomic<bool> blTerminate{false};
@@ -147,8 +147,11 @@ PlatHandle PlatThreadBegin(PlatThreadProc a_platthreadproc, void* a_pvArgument, 
         return PLAT_INVALID;
     }
     PosixThread* pposixthread = uniqueThread.release();
-    pposixthread->iThreadId.wait(0, std::memory_order_acquire);
-    *a_pu64Id = static_cast<uint64_t>(pposixthread->iThreadId.load());
+    if (a_pu64Id)
+    {
+        pposixthread->iThreadId.wait(0, std::memory_order_acquire);
+        *a_pu64Id = static_cast<uint64_t>(pposixthread->iThreadId.load());
+    }
     return PosixMakeHandle(PosixKind::Thread, pposixthread);
 }
 
