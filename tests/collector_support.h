@@ -21,12 +21,6 @@ inline std::string Header(const std::string& a_strPath)
     return "<log><logfile><![CDATA[" + a_strPath + "]]></logfile></log>";
 }
 
-inline std::string Backslashed(std::string a_strPath)
-{
-    std::replace(a_strPath.begin(), a_strPath.end(), '/', '\\');
-    return a_strPath;
-}
-
 // A port that nobody serves.
 inline uint16_t FreePort()
 {

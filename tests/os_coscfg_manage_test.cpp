@@ -7,13 +7,6 @@
 
 namespace fs = std::filesystem;
 
-// "\" in paths of the library, "/" in those of the tests.
-static std::string Native(std::string a_strPath)
-{
-    std::replace(a_strPath.begin(), a_strPath.end(), '\\', '/');
-    return a_strPath;
-}
-
 class Directories : public ConfigurationTest
 {
 protected:
@@ -29,7 +22,7 @@ protected:
     static std::string LogDirectory(const char* a_szUniqueName, EOSCFGENTITY a_eoscfgentity = OS_CFGENTITY_APPLICATION)
     {
         COsCfg oscfg(Program(a_szUniqueName, a_eoscfgentity));
-        return Native(Tag(oscfg, OS_CFGTAG_LOGDIRECTORY));
+        return Slashed(Tag(oscfg, OS_CFGTAG_LOGDIRECTORY));
     }
     // Whether it is the folder with a "log." folder in it.
     static bool IsLogFolderBelow(const std::string& a_strLogFolder, const std::string& a_strFolder)
@@ -59,7 +52,7 @@ TEST_F(Directories, TagsNameTheFoldersOfTheRunAndItsRoots)
     setenv("SANETWAIN_VERSION", "01020304", 1);
     COsCfg oscfg(Program("mvr", OS_CFGENTITY_APPLICATION));
     EXPECT_EQ(Tag(oscfg, OS_CFGTAG_SANETWAINVERSION), "01020304");
-    const auto tag = [&](EOSCFGTAG a_eoscfgtag) { return Native(Tag(oscfg, a_eoscfgtag)); };
+    const auto tag = [&](EOSCFGTAG a_eoscfgtag) { return Slashed(Tag(oscfg, a_eoscfgtag)); };
     const std::string strLog = tag(OS_CFGTAG_LOGDIRECTORY);
     EXPECT_TRUE(IsLogFolderBelow(strLog, LocalBrand() + "/mvr/twain")) << strLog;
     EXPECT_EQ(tag(OS_CFGTAG_MVRLOG), strLog + "/mvr.log");
@@ -126,9 +119,9 @@ TEST_F(Directories, UtilityStaysWithTheLogFileOfTheProgramThatItWorksFor)
     createargs.szLogFile = strLogFile.c_str();
     COsLog oslog(createargs);
     COsCfg oscfg(Program("util", OS_CFGENTITY_UTILITY));
-    EXPECT_EQ(Native(Tag(oscfg, OS_CFGTAG_LOGDIRECTORY)), PathOf("d100/app/log.1"));
-    EXPECT_EQ(Native(Tag(oscfg, OS_CFGTAG_USERDIRECTORY)), LocalBrand() + "/d100/util");
-    EXPECT_EQ(Native(Tag(oscfg, OS_CFGTAG_CONSTINI)), LocalBrand() + "/common/const.ini");
+    EXPECT_EQ(Slashed(Tag(oscfg, OS_CFGTAG_LOGDIRECTORY)), PathOf("d100/app/log.1"));
+    EXPECT_EQ(Slashed(Tag(oscfg, OS_CFGTAG_USERDIRECTORY)), LocalBrand() + "/d100/util");
+    EXPECT_EQ(Slashed(Tag(oscfg, OS_CFGTAG_CONSTINI)), LocalBrand() + "/common/const.ini");
 }
 
 TEST_F(Directories, PathThatDoesNotFitFailsTheConfiguration)
@@ -145,7 +138,7 @@ TEST_F(Directories, LogPathOfARoamingModelMovesToTheRoamingFolder)
         char szPath[OS_PATHSIZE];
         SStrCpy(szPath, sizeof szPath, a_strPath.c_str());
         OsCfgLocalLogPath(szPath, sizeof szPath, a_szModel);
-        return Native(szPath);
+        return Slashed(szPath);
     };
     const std::string strLocal = PathOf("system/LOCALAPPDATA/m/a.log");
     EXPECT_EQ(convert(strLocal, nullptr), strLocal);
@@ -256,7 +249,7 @@ TEST_F(LogFolders, EmptyFoldersGoUnlessTheyAreYoung)
 
 TEST_F(LogFolders, ManagedFolderIsLockedUntilItIsReleasedAndOurOwnUntilTheEnd)
 {
-    const std::string strOurs = Native(Tag(m_oscfg, OS_CFGTAG_LOGDIRECTORY));
+    const std::string strOurs = Slashed(Tag(m_oscfg, OS_CFGTAG_LOGDIRECTORY));
     OsCfgManageLogDirectories(strOurs.c_str());
     Manage("6");
     Manage("6");
@@ -289,7 +282,7 @@ TEST_F(Directories, OwnerOfTheServicesLooksAfterTheLogFoldersByItself)
     std::string strLog;
     {
         COsCfg oscfg(Program("app", OS_CFGENTITY_APPLICATION));
-        strLog = Native(Tag(oscfg, OS_CFGTAG_LOGDIRECTORY));
+        strLog = Slashed(Tag(oscfg, OS_CFGTAG_LOGDIRECTORY));
         EXPECT_TRUE(m_logcapture.HasPart("new COsThread"));
         EXPECT_TRUE(WaitFor([&] { return !fs::exists(strOld); }));
         EXPECT_TRUE(fs::exists(strLog + "/log.lock"));

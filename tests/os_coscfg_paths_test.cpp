@@ -2,18 +2,12 @@
 #include "coscfg_support.h"
 
 #include <set>
-#include <thread>
 
 class Paths : public ConfigurationTest
 {
 protected:
     // A folder of the case, as the library writes paths.
-    std::string Below(const std::string& a_strName) const
-    {
-        std::string strPath = PathOf(a_strName);
-        std::replace(strPath.begin(), strPath.end(), '/', '\\');
-        return strPath;
-    }
+    std::string Below(const std::string& a_strName) const { return Backslashed(PathOf(a_strName)); }
     std::string Local() const { return Below("system/LOCALAPPDATA"); }
     std::string Roaming() const { return Below("system/APPDATA"); }
     std::string Legacy() const { return Below("system/PROGRAMDATA"); }
@@ -206,14 +200,11 @@ TEST_F(Paths, EverySpecialFolderIsSomewhere)
 
 TEST_F(Paths, ThreadsThatAskAtOnceGetTheSameAnswer)
 {
-    const auto ask = [this] {
+    InThreads(3, [this](int) {
         for (int i = 0; i < 50; ++i)
         {
             EXPECT_EQ(Resolve(OS_PATH_WRITEABLE_FOLDER_BRAND_LOCALORROAMING), Local() + "\\mvr_orvane");
             EXPECT_EQ(Resolve(OS_PATH_READABLE_FILE_PROTECTED_CONSTINI), Readable() + "\\common\\const\\app_const.ini");
         }
-    };
-    std::thread athread[] = {std::thread(ask), std::thread(ask), std::thread(ask)};
-    for (std::thread& thread : athread)
-        thread.join();
+    });
 }

@@ -4,8 +4,6 @@
 
 #include "plat_file.h"
 
-#include <thread>
-
 class Profile : public ConfigurationTest
 {
 protected:
@@ -25,12 +23,7 @@ protected:
     EOSSTS WriteBack(const std::string& a_strFile) { return OsCfgProfileWriteBack(PathOf(a_strFile).c_str()); }
 
     // As messages show it.
-    std::string Shown(const std::string& a_strFile) const
-    {
-        std::string strPath = PathOf(a_strFile);
-        std::replace(strPath.begin(), strPath.end(), '/', '\\');
-        return strPath;
-    }
+    std::string Shown(const std::string& a_strFile) const { return Backslashed(PathOf(a_strFile)); }
     LogCapture m_logcapture;
 };
 
@@ -214,21 +207,16 @@ TEST_F(Profile, ALogLineOfTheCacheMayLeadBackToIt)
 
 TEST_F(Profile, ThreadsShareTheCache)
 {
-    std::vector<std::thread> vecthread(6);
-    for (size_t sizet = 0; sizet < vecthread.size(); ++sizet)
-    {
-        vecthread[sizet] = std::thread([this, strFile = "t" + std::to_string(sizet) + ".ini"] {
-            for (int iRound = 0; iRound < 40; ++iRound)
-            {
-                const std::string strValue = std::to_string(iRound);
-                EXPECT_EQ(Store(strFile, "s", "key", strValue.c_str()), EOSSTS_SUCCESS);
-                EXPECT_EQ(WriteBack(strFile), EOSSTS_SUCCESS);
-                EXPECT_EQ(Read(strFile, "s", "key"), strValue);
-            }
-        });
-    }
-    for (std::thread& thread : vecthread)
-        thread.join();
+    InThreads(6, [this](int a_iThread) {
+        const std::string strFile = "t" + std::to_string(a_iThread) + ".ini";
+        for (int iRound = 0; iRound < 40; ++iRound)
+        {
+            const std::string strValue = std::to_string(iRound);
+            EXPECT_EQ(Store(strFile, "s", "key", strValue.c_str()), EOSSTS_SUCCESS);
+            EXPECT_EQ(WriteBack(strFile), EOSSTS_SUCCESS);
+            EXPECT_EQ(Read(strFile, "s", "key"), strValue);
+        }
+    });
 }
 
 // --------------------------------------------------------------------------------------------- which file serves it

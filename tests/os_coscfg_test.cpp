@@ -6,7 +6,6 @@
 #include "os_coslog.h"
 
 #include <set>
-#include <thread>
 
 // ------------------------------------------------------------------------------------------------------ the tags
 
@@ -122,9 +121,7 @@ TEST_F(Configuration, LoadingStartsTheLoggerWithWhatTheFilesSay)
     COsCfg oscfg(createargs);
     EXPECT_EQ(Tag(oscfg, OS_CFGTAG_MVRLOG), oslog.LogFile());
     EXPECT_EQ(oslog.WorkingWord(), 0x1001u);
-    std::string strLogFile = oslog.LogFile();
-    std::replace(strLogFile.begin(), strLogFile.end(), '\\', '/');
-    const std::string strLog = ReadWhole(strLogFile);
+    const std::string strLog = ReadWhole(Slashed(oslog.LogFile()));
     EXPECT_EQ(strLog.find("Setting configuration defaults..."), std::string::npos);
     EXPECT_NE(strLog.find("Program is...<"), std::string::npos);
     EXPECT_NE(strLog.find("DebugFilter=<os_coscfg>"), std::string::npos);
@@ -205,16 +202,4 @@ TEST_F(CommonSettings, TheNameWithTxtServesWhenTheFileIsMissing)
     Put(Resolve(OS_PATH_READABLE_FILE_COMMON_CONSTINI) + ".txt", "key=1");
     OsCfgCommonInstall();
     EXPECT_STREQ(OsCfgGetCommon("KEY", "0"), "1");
-}
-
-TEST_F(CommonSettings, ThreadsThatAskFirstTogetherGetTheSameAnswer)
-{
-    PutCommon("key=1");
-    std::atomic<int> iRight{0};
-    std::vector<std::thread> vecthread(8);
-    for (std::thread& thread : vecthread)
-        thread = std::thread([&] { iRight += Get("key") == "1"; });
-    for (std::thread& thread : vecthread)
-        thread.join();
-    EXPECT_EQ(iRight, 8);
 }

@@ -91,9 +91,7 @@ TEST_F(FileMonitor, TheStartCallsAndEachChangeCallsOnce)
     const OsFileMonitorRecord& osfilemonitorrecord = veccall[1].osfilemonitorstate.osfilemonitorrecord;
     EXPECT_EQ(osfilemonitorrecord.u32Event, OS_FILEMONITOR_MODIFIED);
     EXPECT_STREQ(osfilemonitorrecord.szEntry, "flush");
-    std::string strPath = m_strPath;
-    std::replace(strPath.begin(), strPath.end(), '/', '\\');
-    EXPECT_EQ(osfilemonitorrecord.szPath, strPath);
+    EXPECT_EQ(osfilemonitorrecord.szPath, Backslashed(m_strPath));
     EXPECT_TRUE(osfilemonitorrecord.blFirstChange);
     EXPECT_EQ(veccall[1].osfilemonitorstate.szPath, m_strPath);
     EXPECT_EQ(veccall[1].strContent, "first");

@@ -181,17 +181,14 @@ TEST_F(FileSystem, ThreadsThatCreateOneTreeAllSucceed)
 {
     const std::string strTree = PathOf("1/2/3/4/5/6/7/8");
     std::atomic<int> iFailed{0};
-    std::atomic<bool> blGo{false};
-    const auto create = [&] {
-        blGo.wait(false);
+    std::atomic<int> iReady{0};
+    const auto create = [&](int) {
+        for (++iReady; iReady < 4;)
+            std::this_thread::yield();
         const EOSSTS eossts = OsFileCreateDirectory(strTree.c_str());
         iFailed += eossts != EOSSTS_SUCCESS && eossts != EOSSTS_EXISTS;
     };
-    std::thread athread[] = {std::thread(create), std::thread(create), std::thread(create), std::thread(create)};
-    blGo = true;
-    blGo.notify_all();
-    for (std::thread& thread : athread)
-        thread.join();
+    InThreads(4, create);
     EXPECT_EQ(iFailed, 0);
     EXPECT_TRUE(fs::is_directory(strTree));
 }
@@ -267,6 +264,7 @@ TEST_F(FileSystem, DeletingATreeNeverLeavesIt)
     fs::create_directories(PathOf("tree/read-only"));
     WriteWhole(PathOf("tree/read-only/*.log"), "x");
     WriteWhole(PathOf("tree/c:keep"), "x");
+    WriteWhole(PathOf("tree/\xFF\xFE"), "no text");
     fs::permissions(PathOf("tree/read-only"), fs::perms::owner_read | fs::perms::owner_exec);
     fs::create_directory_symlink(PathOf("out"), PathOf("tree/folder"));
     fs::create_symlink(PathOf("out/keep"), PathOf("tree/file"));

@@ -133,6 +133,8 @@ TEST_F(File, PositionSizeAndEndBelongTogether)
     EXPECT_STREQ(szRead, "56");
     EXPECT_EQ(osfile.SetEndOfFile(), EOSSTS_SUCCESS);
     EXPECT_EQ(osfile.Append("ab", 2), EOSSTS_SUCCESS);
+    EXPECT_EQ(osfile.Read(szRead, 2, &sizetRead), EOSSTS_SUCCESS);
+    EXPECT_STREQ(szRead, "ab") << "the position has stayed";
     EXPECT_EQ(osfile.Flush(), EOSSTS_SUCCESS);
     uint64_t u64Size = 0;
     EXPECT_EQ(osfile.GetSize(&u64Size), EOSSTS_SUCCESS);
@@ -183,7 +185,8 @@ TEST_F(File, ALockExcludesEveryOtherObject)
     EXPECT_TRUE(m_logcapture.HasAt(OS_LOG_NOTE, "File is already locked...<(not specified)>"));
     EXPECT_EQ(osfileOther.LockByte(7, 1, "quiet", false), EOSSTS_BUSY);
     EXPECT_FALSE(m_logcapture.Has("File is already locked...<quiet>"));
-    EXPECT_EQ(osfileHolder.Unlock(5, 2), EOSSTS_SUCCESS);   // no such range: nothing happens
+    EXPECT_EQ(Open(*std::make_unique<COsFile>()), EOSSTS_SUCCESS);   // and is closed: the lock of the other one stays
+    EXPECT_EQ(osfileHolder.Unlock(5, 2), EOSSTS_SUCCESS);            // no such range: nothing happens
     EXPECT_EQ(osfileOther.LockByte(7, 1, "still", true), EOSSTS_BUSY);
 
     std::thread thread([&] {

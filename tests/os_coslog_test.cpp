@@ -277,6 +277,11 @@ TEST_F(LoggerTest, AFileThatIsTakenAwayIsCreatedAnew)
     std::filesystem::rename(PathOf("other"), m_strLog);
     Log(OS_LOG_NOTE, "replaced");
     EXPECT_EQ(Messages(), (Texts{"replaced"}));
+
+    std::ofstream(m_strLog, std::ios::app) << "not ours\r\n";
+    Log(OS_LOG_NOTE, "behind it");
+    EXPECT_TRUE(ReadWhole(m_strLog).ends_with(" V. behind it\r\n"));
+    EXPECT_NE(ReadWhole(m_strLog).find(" V. replaced\r\nnot ours\r\n000"), std::string::npos);
 }
 
 // Between the lines the file is nobody's: who wants it alone gets it, and then a line finds it taken.
@@ -308,17 +313,10 @@ TEST_F(LoggerTest, AFullDiskLosesTheLineAndNothingElse)
 TEST_F(LoggerTest, ThreadsWriteWholeLinesNumberedWithoutAGap)
 {
     Begin();
-    std::vector<std::thread> vecthread;
-    vecthread.reserve(64);
-    for (int iThread = 0; iThread < 8; ++iThread)
-    {
-        vecthread.emplace_back([iThread] {
-            for (int i = 0; i < 5000; ++i)
-                OSLOG(OS_LOG_NOTE, "thread %d line %d %s", iThread, i, "........................................");
-        });
-    }
-    for (std::thread& thread : vecthread)
-        thread.join();
+    InThreads(8, [](int a_iThread) {
+        for (int i = 0; i < 5000; ++i)
+            OSLOG(OS_LOG_NOTE, "thread %d line %d %s", a_iThread, i, "........................................");
+    });
 
     const Texts vecstr = Lines();
     ASSERT_EQ(vecstr.size(), 40007u);
@@ -344,18 +342,12 @@ TEST_F(LoggerTest, ThreadsThatBeginTogetherLoseNoLine)
         m_strLog = PathOf(std::to_string(iRun) + ".log");
         m_uniqueLog->Start(m_strLog.c_str(), 0, "");
         std::atomic<int> iReady{0};
-        std::vector<std::thread> vecthread;
-        for (int iThread = 0; iThread < 8; ++iThread)
-        {
-            vecthread.emplace_back([&iReady] {
-                for (++iReady; iReady < 8;)
-                    std::this_thread::yield();
-                Log(OS_LOG_NOTE, "1");
-                Log(OS_LOG_NOTE, "2");
-            });
-        }
-        for (std::thread& thread : vecthread)
-            thread.join();
+        InThreads(8, [&iReady](int) {
+            for (++iReady; iReady < 8;)
+                std::this_thread::yield();
+            Log(OS_LOG_NOTE, "1");
+            Log(OS_LOG_NOTE, "2");
+        });
         EXPECT_EQ(Messages().size(), 16u) << iRun;
         EXPECT_EQ(Lines().size(), 22u) << iRun;
     }

@@ -224,7 +224,7 @@ TEST_F(Tracker, WithoutAnExternalAllocatorItsFlagStillFreesTheBlock)
 
 TEST_F(Tracker, ThreadsShareTheTable)
 {
-    const auto work = [] {
+    InThreads(3, [](int) {
         for (int iRound = 0; iRound < 50; iRound++)
         {
             void* apvBlock[20];
@@ -234,10 +234,7 @@ TEST_F(Tracker, ThreadsShareTheTable)
             for (void* pvBlock : apvBlock)
                 Free(pvBlock);
         }
-    };
-    std::thread athread[] = {std::thread(work), std::thread(work), std::thread(work)};
-    for (std::thread& thread : athread)
-        thread.join();
+    });
     EXPECT_EQ(m_osmem.GetCounts().u32Current, 0u);
     EXPECT_EQ(m_osmem.GetCounts().u64CurrentBytes, 0u);
     EXPECT_EQ(m_osmem.GetCounts().u32Frees, 3000u);

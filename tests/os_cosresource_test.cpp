@@ -136,12 +136,7 @@ TEST_F(Resource, TheProgramCarriesItsBrandAndItsVersion)
 // Runs in a copy of this test that carries the text; many threads ask at once.
 TEST(LocalResource, DISABLED_Text)
 {
-    std::vector<std::thread> vecthread;
-    vecthread.reserve(8);
-    for (int i = 0; i < 8; ++i)
-        vecthread.emplace_back([] { EXPECT_STREQ(OsResourceText("TEXT"), "carried"); });
-    for (std::thread& thread : vecthread)
-        thread.join();
+    InThreads(8, [](int) { EXPECT_STREQ(OsResourceText("TEXT"), "carried"); });
     EXPECT_EQ(OsResourceText("TEXT"), OsResourceText("TEXT"));
 }
 

@@ -284,8 +284,7 @@ TEST_F(RingBuffer, AKilledWriterLeavesWholeRecordsAndNoLock)
                 u64Done += strRecord.size();
                 if (u64Done < u64Kill || blKilled)
                     continue;
-                PlatProcessTerminate(part.m_plathandle, 9);
-                part.ExitCode();
+                part.Kill();
                 blKilled = true;
             }
             return blKilled && m_eossts == EOSSTS_NOSPACE;

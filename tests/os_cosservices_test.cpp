@@ -52,12 +52,7 @@ protected:
         OsXmlExtractElement(OsArgumentsDocument(), a_szName, szValue, sizeof szValue);
         return szValue;
     }
-    static std::string LogFile()
-    {
-        std::string strFile = OsLogGet()->LogFile();
-        std::replace(strFile.begin(), strFile.end(), '\\', '/');
-        return strFile;
-    }
+    static std::string LogFile() { return Slashed(OsLogGet()->LogFile()); }
 
     std::string m_strDocument;
 };
@@ -174,9 +169,7 @@ TEST_F(Services, AUtilityLogsBesideWhomItWorksFor)
     OsServicesStop();
     Start("<uniquename>tool</uniquename><entity>utility</entity>");
     EXPECT_EQ(LogFile(), strFolder + "/tool.log") << "also after a stop";
-    std::string strLogPath = Element("logpath");
-    std::replace(strLogPath.begin(), strLogPath.end(), '\\', '/');
-    EXPECT_EQ(strLogPath, strFolder);
+    EXPECT_EQ(Slashed(Element("logpath")), strFolder);
     EXPECT_EQ(Element("frominterfaceopen"), "true");
 }
 

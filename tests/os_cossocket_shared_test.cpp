@@ -72,17 +72,12 @@ protected:
         m_part = std::make_unique<Part>(m_path.string() + " " + std::to_string(PlatProcessId()));
         ASSERT_EQ(m_part->OutputUpTo("\n"), "ready\n");
     }
-    void Kill()
-    {
-        PlatProcessTerminate(m_part->m_plathandle, 9);
-        m_part->ExitCode();
-    }
     // While something waits for the peer; the wait is not over before.
     std::jthread KillSoon()
     {
         return std::jthread([this] {
             PlatSleep(100);
-            Kill();
+            m_part->Kill();
         });
     }
     void Order(const std::string& a_strOrder)
@@ -199,7 +194,7 @@ TEST_F(SharedSocket, CancelReachesTheCreatingSideAndDisconnectThisOne)
 TEST_F(SharedSocket, APeerKilledBeforeTheConnectFailsIt)
 {
     Start();
-    Kill();
+    m_part->Kill();
     EXPECT_EQ(Connect(), EOSSTS_FAIL);   // its files are still there, its events are not
     EXPECT_TRUE(m_logcapture.HasAt(1, "OsSync.EventCreate failed...<257>"));
     EXPECT_EQ(m_osmem.GetCounts().u32Current, 0u);

@@ -91,12 +91,6 @@ int PlayPart(const std::vector<std::string>&)
     return 0;
 }
 
-static void Kill(const Part& a_part)
-{
-    PlatProcessTerminate(a_part.m_plathandle, 9);
-    PlatWaitAny(&a_part.m_plathandle, 1, PLAT_INFINITE);
-}
-
 TEST_F(NamedEvent, WorksBetweenProcessesAndOutlivesAKilledCreator)
 {
     COsSync ossyncPing;
@@ -111,7 +105,7 @@ TEST_F(NamedEvent, WorksBetweenProcessesAndOutlivesAKilledCreator)
         ASSERT_EQ(ossyncPong.EventWait(g_u32Patience, nullptr), EOSSTS_SUCCESS);
     }
 
-    Kill(part);
+    part.Kill();
     EXPECT_EQ(ossyncPing.EventSet(), EOSSTS_SUCCESS);
     EXPECT_EQ(ossyncPing.EventWait(0, nullptr), EOSSTS_SUCCESS);
     ossyncPing.EventClose();
@@ -128,7 +122,7 @@ TEST_F(NamedEvent, WaitEndsWithTheWatchedProcess)
     ASSERT_EQ(ossync.EventWait(g_u32Patience, nullptr), EOSSTS_SUCCESS);
     EXPECT_EQ(ossync.EventWait(0, nullptr), EOSSTS_TIMEOUT);
 
-    Kill(part);
+    part.Kill();
     ossync.EventSet();
     EXPECT_EQ(ossync.EventWait(OS_INFINITE, nullptr), EOSSTS_EXITED);
     EXPECT_TRUE(logcapture.Has("sync>>> our process died..." + std::to_string(part.m_u64ProcessId)));
@@ -200,11 +194,8 @@ TEST_F(GroupedEvent, EveryCreatorOfManyAtOnceJoinsTheSameGroup)
     for (int iRound = 0; iRound < 20; ++iRound)
     {
         COsSync aossync[8];
-        std::vector<std::thread> vecthread;
-        for (COsSync& ossync : aossync)
-            vecthread.emplace_back([&] { EXPECT_EQ(ossync.EventCreate("same name", "group"), EOSSTS_SUCCESS); });
-        for (std::thread& thread : vecthread)
-            thread.join();
+        InThreads(
+            8, [&](int a_iThread) { EXPECT_EQ(aossync[a_iThread].EventCreate("same name", "group"), EOSSTS_SUCCESS); });
         COsSync ossyncNinth;
         EXPECT_EQ(ossyncNinth.EventCreate("ninth", "group"), EOSSTS_FAIL);
     }

@@ -12,8 +12,7 @@ int PlayPart(const std::vector<std::string>& a_vecstrArguments);
 class Part
 {
 public:
-    explicit Part(const std::string& a_strPart, const char16_t* a_wszFolder = nullptr,
-                  const char16_t* a_wszEnvironment = nullptr)
+    explicit Part(const std::string& a_strPart)
     {
         char16_t wszProgram[PLAT_PATHMAX];
         EXPECT_TRUE(PlatProgramPath(wszProgram, PLAT_PATHMAX));
@@ -23,8 +22,8 @@ public:
         EXPECT_TRUE(PlatPipeCreate(&m_plathandleOutput, &aplathandle[1], true));
         const PlatProcessStart platprocessstart{wszProgram,
                                                 wstrCommandLine.c_str(),
-                                                a_wszFolder,
-                                                a_wszEnvironment,
+                                                nullptr,
+                                                nullptr,
                                                 {aplathandle[0], aplathandle[1], PLAT_INVALID},
                                                 false,
                                                 false};
@@ -57,6 +56,11 @@ public:
         return strOutput;
     }
 
+    void Kill() const
+    {
+        PlatProcessTerminate(m_plathandle, 9);
+        ExitCode();
+    }
     uint32_t ExitCode() const
     {
         EXPECT_EQ(PlatWaitAny(&m_plathandle, 1, 30000), 0u);

@@ -2,9 +2,8 @@
 #include "plat_env.h"
 #include "plat_file.h"
 #include "plat_memory.h"
-#include "plat_process.h"
 
-#include "test_support.h"
+#include "plat_child.h"
 
 #include <atomic>
 #include <set>
@@ -57,6 +56,22 @@ uint32_t ErrorOf(bool a_blResult)
     return a_blResult ? 0 : PlatGetLastError();
 }
 
+}   // namespace
+
+// Holds two files, one of them as its lock file, until it is killed.
+int PlayPart(const std::vector<std::string>&)
+{
+    const File fileLock("lock", R | W, PLAT_SHARE_NONE, PLAT_DISPOSITION_CREATEALWAYS, PLAT_OPEN_DELETEONCLOSE);
+    const File fileLog("log", W, RW);
+    if (!fileLock.IsOpen() || !fileLog.IsOpen() || !Say("ready"))
+        return 1;
+    PlatSleep(60000);
+    return 0;
+}
+
+namespace
+{
+
 // Names are relative to the case's own folder.
 class PlatFile : public FolderTest
 {
@@ -66,47 +81,6 @@ protected:
 };
 
 using std::filesystem::exists;
-
-// Runs one case of this program in a process of its own until it is ended.
-class Child
-{
-public:
-    explicit Child(const std::string& a_strCase)
-    {
-        char16_t wszProgram[PLAT_PATHMAX];
-        EXPECT_TRUE(PlatProgramPath(wszProgram, PLAT_PATHMAX));
-        const std::u16string wstrLine = u"\"" + std::u16string(wszProgram) +
-                                        u"\" --gtest_also_run_disabled_tests --gtest_filter=" + Wide(a_strCase);
-        PlatProcessStart platprocessstart = {};
-        platprocessstart.wszProgram = wszProgram;
-        platprocessstart.wszCommandLine = wstrLine.c_str();
-        std::fill_n(platprocessstart.aplathandle, 3, PLAT_INVALID);
-        uint64_t u64Id = 0;
-        m_plathandle = PlatProcessCreate(&platprocessstart, &u64Id);
-        EXPECT_NE(m_plathandle, PLAT_INVALID) << PlatGetLastError();
-    }
-    ~Child() { Kill(); }
-    void Kill()
-    {
-        PlatProcessTerminate(m_plathandle, 1);
-        PlatWaitAny(&m_plathandle, 1, PLAT_INFINITE);
-        PlatClose(m_plathandle);
-        m_plathandle = PLAT_INVALID;
-    }
-
-private:
-    PlatHandle m_plathandle;
-};
-
-// Holds two files, one of them as its lock file, until it is killed.
-TEST(PlatFileChild, DISABLED_Holds)
-{
-    const File fileLock("lock", R | W, PLAT_SHARE_NONE, PLAT_DISPOSITION_CREATEALWAYS, PLAT_OPEN_DELETEONCLOSE);
-    const File fileLog("log", W, RW);
-    ASSERT_TRUE(fileLock.IsOpen() && fileLog.IsOpen());
-    WriteWhole("ready", "");
-    PlatSleep(60000);
-}
 
 // ---------------------------------------------------------------------------------------------------- share modes
 
@@ -178,14 +152,6 @@ TEST_F(PlatFile, DeletingAndMovingWaitForEveryHandleThatDoesNotShareIt)
     }
 }
 
-TEST_F(PlatFile, ReadOnlyFileIsDeletedOnceItsAttributesAreCleared)
-{
-    WriteWhole("file", "");
-    std::filesystem::permissions("file", std::filesystem::perms{0444});
-    EXPECT_EQ(ErrorOf(PlatFileDelete(u"file")), PLAT_ERROR_ACCESSDENIED);
-    EXPECT_TRUE(PlatFileClearAttributes(u"file") && PlatFileDelete(u"file"));
-}
-
 TEST_F(PlatFile, TemporaryFileGoesByIdentityNotByName)
 {
     File fileMoved("a", W, ALL, PLAT_DISPOSITION_CREATEALWAYS, PLAT_OPEN_DELETEONCLOSE);
@@ -204,11 +170,11 @@ TEST_F(PlatFile, TemporaryFileGoesByIdentityNotByName)
 
 TEST_F(PlatFile, HolderThatIsKilledHoldsNothingAndItsStaleFileIsFree)
 {
-    Child child("PlatFileChild.DISABLED_Holds");
-    ASSERT_TRUE(WaitFor([&] { return exists("ready"); }));
+    const Part part("holder -");
+    ASSERT_EQ(part.OutputUpTo("ready"), "ready");
     EXPECT_EQ(File("lock", W, RW).m_u32Error, PLAT_ERROR_SHARING);
     EXPECT_EQ(ErrorOf(PlatFileDelete(u"log")), PLAT_ERROR_SHARING);
-    child.Kill();
+    part.Kill();
     EXPECT_TRUE(exists("lock"));
     EXPECT_TRUE(File("lock", W, 0, PLAT_DISPOSITION_CREATEALWAYS, PLAT_OPEN_DELETEONCLOSE).IsOpen());
     EXPECT_FALSE(exists("lock"));
@@ -278,52 +244,12 @@ TEST_F(PlatFile, AppendedPiecesOfManyHandlesAndThreadsNeverMix)
         EXPECT_EQ(setLengths.count(sizet * 37 + 2), 4u);
 }
 
-TEST_F(PlatFile, PositionIsTheHandlesOwnAndCutsTheFile)
-{
-    const File file("file", R | W, RW, PLAT_DISPOSITION_CREATEALWAYS);
-    uint64_t u64 = 0;
-    size_t sizet = 0;
-    char szText[8] = {};
-    EXPECT_TRUE(PlatFileWrite(file.m_plathandle, "0123456789", 10, &sizet));
-    EXPECT_TRUE(PlatFileAppend(file.m_plathandle, "ab", 2, nullptr));
-    EXPECT_TRUE(PlatFileSeek(file.m_plathandle, PLAT_SEEK_END, -4, &u64));
-    EXPECT_EQ(u64, 8u);
-    EXPECT_TRUE(PlatFileWrite(file.m_plathandle, "X", 1, nullptr));
-    EXPECT_TRUE(PlatFileSetEnd(file.m_plathandle));
-    EXPECT_TRUE(PlatFileSeek(file.m_plathandle, PLAT_SEEK_START, 7, nullptr));
-    EXPECT_TRUE(PlatFileRead(file.m_plathandle, szText, sizeof szText, &sizet));
-    EXPECT_EQ(std::string(szText, sizet), "7X");
-    EXPECT_TRUE(PlatFileFlush(file.m_plathandle) && PlatFileSize(file.m_plathandle, &u64));
-    EXPECT_EQ(u64, 9u);
-    EXPECT_FALSE(PlatFileSeek(file.m_plathandle, PLAT_SEEK_START, -1, nullptr));
-    EXPECT_EQ(ErrorOf(PlatFileWrite(File("file", R, RW).m_plathandle, "x", 1, nullptr)), PLAT_ERROR_ACCESSDENIED);
-    EXPECT_EQ(ErrorOf(PlatFileRead(File("file", W, RW).m_plathandle, szText, 1, &sizet)), PLAT_ERROR_ACCESSDENIED);
-    EXPECT_EQ(ErrorOf(PlatFileSize(PLAT_INVALID, &u64)), PLAT_ERROR_INVALIDHANDLE);
-}
-
-TEST_F(PlatFile, ByteLocksBelongToTheHandle)
-{
-    const File fileFirst("file", R | W, RW);
-    File fileSecond("file", R | W, RW);
-    File fileThird("file", R | W, RW);
-    EXPECT_TRUE(PlatFileLock(fileFirst.m_plathandle, 10, 10));
-    EXPECT_EQ(ErrorOf(PlatFileLock(fileSecond.m_plathandle, 19, 1)), PLAT_ERROR_LOCK);
-    EXPECT_TRUE(PlatFileLock(fileSecond.m_plathandle, 20, 1));
-    PlatFileUnlock(fileSecond.m_plathandle, 10, 10);   // not its own: the other's stays
-    EXPECT_EQ(ErrorOf(PlatFileLock(fileSecond.m_plathandle, 0, 0)), PLAT_ERROR_INVALIDPARAMETER);
-    fileSecond.Close();   // takes its own lock with it and leaves the other's
-    EXPECT_TRUE(PlatFileLock(fileThird.m_plathandle, 20, 1));
-    EXPECT_EQ(ErrorOf(PlatFileLock(fileThird.m_plathandle, 10, 1)), PLAT_ERROR_LOCK);
-    EXPECT_TRUE(PlatFileUnlock(fileFirst.m_plathandle, 10, 10));
-    EXPECT_TRUE(PlatFileLock(fileThird.m_plathandle, 10, 1));
-}
-
 TEST_F(PlatFile, ChildInheritsNeitherLocksNorShareModes)
 {
     File file("file", R | W, PLAT_SHARE_READ);
     EXPECT_TRUE(PlatFileLock(file.m_plathandle, 0, 1));
-    Child child("PlatFileChild.DISABLED_Holds");
-    ASSERT_TRUE(WaitFor([&] { return exists("ready"); }));
+    const Part part("holder -");
+    ASSERT_EQ(part.OutputUpTo("ready"), "ready");
     file.Close();
     const File fileAgain("file", R | W, RW);
     EXPECT_TRUE(fileAgain.IsOpen());
@@ -357,8 +283,7 @@ TEST_F(PlatFile, MissingFileIsToldFromMissingFolder)
 TEST_F(PlatFile, PathsAreTakenInEverySpelling)
 {
     const std::u16string wstrName = u"na\u00efve \U0001F600";
-    std::u16string wstrPath = u"\\\\?\\" + Wide(m_path) + u"\\" + wstrName;
-    std::replace(wstrPath.begin(), wstrPath.end(), u'/', u'\\');
+    const std::u16string wstrPath = u"\\\\?\\" + Wide(Backslashed(m_path)) + u"\\" + wstrName;
     EXPECT_TRUE(PlatClose(PlatFileOpen(wstrPath.c_str(), W, RW, PLAT_DISPOSITION_OPENALWAYS, 0)));
     EXPECT_TRUE(exists("na\u00efve \U0001F600"));
     PlatFileInfo platfileinfo;
@@ -382,8 +307,7 @@ TEST_F(PlatFile, DriveComesIntoBeingWithTheFirstEntry)
 TEST_F(PlatFile, FullNames)
 {
     char16_t wszFull[PLAT_PATHMAX];
-    std::u16string wstrHere = Wide(m_path);
-    std::replace(wstrHere.begin(), wstrHere.end(), u'/', u'\\');
+    const std::u16string wstrHere = Wide(Backslashed(m_path));
     const std::pair<std::u16string, std::u16string> apair[] = {
         {u"x", wstrHere + u"\\x"},
         {u".\\x\\..\\y/", wstrHere + u"\\y\\"},
@@ -401,41 +325,6 @@ TEST_F(PlatFile, FullNames)
     }
     EXPECT_TRUE(PlatFileFullName(u"/abc", wszFull, 5));
     EXPECT_EQ(ErrorOf(PlatFileFullName(u"/abc", wszFull, 4)), PLAT_ERROR_INSUFFICIENTBUFFER);
-}
-
-TEST_F(PlatFile, FoldersAndMoves)
-{
-    EXPECT_TRUE(PlatFolderCreate(u"a"));
-    EXPECT_EQ(ErrorOf(PlatFolderCreate(u"a")), PLAT_ERROR_ALREADYEXISTS);
-    EXPECT_EQ(ErrorOf(PlatFolderCreate(u"b/c")), PLAT_ERROR_PATHNOTFOUND);
-    WriteWhole("a/x", "x");
-    WriteWhole("y", "y");
-    EXPECT_EQ(ErrorOf(PlatFolderDelete(u"a")), PLAT_ERROR_DIRNOTEMPTY);
-    EXPECT_EQ(ErrorOf(PlatFolderDelete(u"y")), PLAT_ERROR_DIRECTORY);
-    EXPECT_EQ(ErrorOf(PlatFolderDelete(u"z")), PLAT_ERROR_FILENOTFOUND);
-    EXPECT_EQ(ErrorOf(PlatFileMove(u"y", u"a/x")), PLAT_ERROR_ALREADYEXISTS);
-    EXPECT_EQ(ErrorOf(PlatFileMove(u"y", u"b/x")), PLAT_ERROR_PATHNOTFOUND);
-    EXPECT_EQ(ErrorOf(PlatFileMove(u"z", u"b")), PLAT_ERROR_FILENOTFOUND);
-    EXPECT_TRUE(PlatFileMove(u"a", u"b"));
-    EXPECT_EQ(ReadWhole("b/x"), "x");
-    EXPECT_TRUE(PlatFileDelete(u"b/x") && PlatFolderDelete(u"b\\"));
-}
-
-TEST_F(PlatFile, LinksAreNeverFollowed)
-{
-    std::filesystem::create_directory("folder");
-    WriteWhole("folder/kept", "kept");
-    std::filesystem::create_symlink("folder", "link");
-    PlatFileInfo platfileinfo;
-    for (const char* szName : {"link", "link/"})
-    {
-        ASSERT_TRUE(PlatFileGetInfo(Wide(szName).c_str(), &platfileinfo));
-        EXPECT_TRUE(platfileinfo.blLink && platfileinfo.platentry == PLAT_ENTRY_FILE);
-    }
-    EXPECT_EQ(ErrorOf(PlatFolderDelete(u"link\\")), PLAT_ERROR_DIRECTORY);
-    EXPECT_TRUE(PlatFileMove(u"link", u"moved"));
-    EXPECT_TRUE(PlatFileDelete(u"moved"));
-    EXPECT_EQ(ReadWhole("folder/kept"), "kept");
 }
 
 // ------------------------------------------------------------------------------------------------------- searches
@@ -470,75 +359,6 @@ TEST_F(PlatFile, SearchListsWhatThePatternNames)
     EXPECT_EQ(list("none"), (Names{u"2"}));
     EXPECT_EQ(list("none/*"), (Names{u"3"}));
     EXPECT_EQ(list("Makefile/*"), (Names{u"3"}));
-}
-
-TEST_F(PlatFile, InformationTellsKindSizeAndTimes)
-{
-    const uint64_t u64Before = PlatClock();
-    WriteWhole("file", "12345");
-    PlatFileInfo platfileinfo;
-    ASSERT_TRUE(PlatFileGetInfo(u"file", &platfileinfo));
-    EXPECT_TRUE(platfileinfo.platentry == PLAT_ENTRY_FILE && platfileinfo.u64Size == 5 && !platfileinfo.blReadOnly);
-    EXPECT_NEAR(static_cast<double>(platfileinfo.u64WriteTime), static_cast<double>(u64Before), 2e8);
-    EXPECT_LE(platfileinfo.u64CreateTime, platfileinfo.u64WriteTime);
-    ASSERT_TRUE(PlatFileGetInfo(u"/dev/null", &platfileinfo));
-    EXPECT_EQ(platfileinfo.platentry, PLAT_ENTRY_SYSTEM);
-}
-
-// ------------------------------------------------------------------------------------------------------- mappings
-
-TEST_F(PlatFile, ViewOutlivesItsFileAndEndsWithIt)
-{
-    WriteWhole("file", std::string(PlatMemoryGranularity() + 10, 'x'));
-    File file("file", R | W, RW);
-    size_t sizetView = 11;
-    EXPECT_EQ(PlatMappingView(file.m_plathandle, PlatMemoryGranularity(), true, &sizetView), nullptr);
-    EXPECT_EQ(PlatGetLastError(), PLAT_ERROR_INVALIDPARAMETER);
-    sizetView = 0;
-    auto* pch = static_cast<char*>(PlatMappingView(file.m_plathandle, PlatMemoryGranularity(), true, &sizetView));
-    ASSERT_NE(pch, nullptr);
-    EXPECT_EQ(sizetView, 10u);
-    file.Close();
-    std::copy_n("view", 4, pch);
-    EXPECT_TRUE(PlatMappingFlush(pch, sizetView));
-    EXPECT_EQ(ReadWhole("file").substr(PlatMemoryGranularity()), "viewxxxxxx");
-    EXPECT_TRUE(PlatMappingRelease(pch, sizetView));
-    const File fileReader("file", R, RW);
-    EXPECT_EQ(PlatMappingView(fileReader.m_plathandle, 0, true, &sizetView), nullptr);
-    EXPECT_EQ(PlatGetLastError(), PLAT_ERROR_ACCESSDENIED);
-}
-
-TEST_F(PlatFile, GuardedViewOutlivesTheCutOfItsFile)
-{
-    WriteWhole("file", std::string(3 * PlatMemoryGranularity(), 'x'));
-    File file("file", R | W, RW);
-    size_t sizetView = 0;
-    auto* pch = static_cast<char*>(PlatMappingView(file.m_plathandle, 0, true, &sizetView));
-    ASSERT_NE(pch, nullptr);
-    PlatMappingGuard(pch, sizetView);
-    std::filesystem::resize_file(PathOf("file"), 1);
-    const char chGone = pch[sizetView - 1];
-    pch[PlatMemoryGranularity()] = 'y';
-    EXPECT_FALSE(PlatMappingUnguard());
-    EXPECT_EQ(std::string({pch[0], chGone, pch[PlatMemoryGranularity()]}), std::string("x\0y", 3));
-    PlatMappingGuard(pch, sizetView);
-    EXPECT_TRUE(PlatMappingUnguard() && PlatMappingRelease(pch, sizetView));
-}
-
-TEST_F(PlatFile, MemoryFileIsOpenedByProcessAndHandle)
-{
-    const PlatHandle plathandle = PlatMemoryFileCreate(8192);
-    const PlatHandle plathandleAgain = PlatMemoryFileOpen(PlatProcessId(), plathandle);
-    size_t sizetOne = 0;
-    size_t sizetTwo = 0;
-    auto* pchOne = static_cast<char*>(PlatMappingView(plathandle, 0, true, &sizetOne));
-    auto* pchTwo = static_cast<char*>(PlatMappingView(plathandleAgain, 0, false, &sizetTwo));
-    ASSERT_TRUE(pchOne && pchTwo && sizetOne == 8192 && sizetTwo == 8192);
-    pchOne[8191] = 'x';
-    EXPECT_EQ(pchTwo[8191], 'x');
-    EXPECT_TRUE(PlatMappingRelease(pchOne, sizetOne) && PlatMappingRelease(pchTwo, sizetTwo));
-    EXPECT_TRUE(PlatClose(plathandle) && PlatClose(plathandleAgain));
-    EXPECT_EQ(ErrorOf(PlatMemoryFileOpen(PlatProcessId(), plathandle) != PLAT_INVALID), PLAT_ERROR_INVALIDPARAMETER);
 }
 
 }   // namespace

@@ -49,21 +49,6 @@ uint32_t ExitCodeAtEndOf(PlatHandle a_plathandle)
     return ExitCodeOf(a_plathandle);
 }
 
-TEST(Thread, TellsItsIdAndItsExitCode)
-{
-    Stage stage;
-    const PlatHandle plathandle = stage.Begin(WaitForGo);
-    ASSERT_TRUE(stage.HasStarted());
-    EXPECT_EQ(stage.u64ThreadId, stage.u64Begun);
-    EXPECT_TRUE(PlatThreadIsAlive(stage.u64Begun));
-    EXPECT_EQ(ExitCodeOf(plathandle), PLAT_STILLACTIVE);
-    PlatEventSet(stage.plathandleGo);
-    EXPECT_EQ(ExitCodeAtEndOf(plathandle), 7u);
-    EXPECT_TRUE(WaitFor([&] { return !PlatThreadIsAlive(stage.u64Begun); }));
-    EXPECT_TRUE(PlatClose(plathandle));
-    EXPECT_FALSE(PlatThreadIsAlive(UINT64_MAX));
-}
-
 TEST(Thread, ExitUnwindsTheFramesAndKeepsTheCode)
 {
     Stage stage;

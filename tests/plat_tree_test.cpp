@@ -28,55 +28,6 @@ protected:
     PlatTreeEntry m_plattreeentry;
 };
 
-TEST_F(PlatTree, BeginsInAFolderOnly)
-{
-    fs::create_directory("folder");
-    fs::create_directory_symlink("folder", "link");
-    WriteWhole("file", "");
-    const std::pair<const char16_t*, uint32_t> apair[] = {{u"link", PLAT_ERROR_DIRECTORY},
-                                                          {u"link/", PLAT_ERROR_DIRECTORY},
-                                                          {u"file", PLAT_ERROR_DIRECTORY},
-                                                          {u"none", PLAT_ERROR_FILENOTFOUND},
-                                                          {u"none\\x", PLAT_ERROR_PATHNOTFOUND}};
-    for (const auto& [wszFolder, u32Error] : apair)
-    {
-        EXPECT_EQ(PlatTreeOpen(wszFolder), PLAT_INVALID);
-        EXPECT_EQ(PlatGetLastError(), u32Error);
-    }
-    Open(u"folder\\");
-    EXPECT_FALSE(Next());
-    EXPECT_EQ(PlatGetLastError(), PLAT_ERROR_NOMOREFILES);
-    EXPECT_FALSE(PlatTreeDelete(m_plathandle) || PlatTreeEnter(m_plathandle) || PlatTreeLeave(m_plathandle));
-}
-
-TEST_F(PlatTree, ListsAndDeletesWhateverItIsCalled)
-{
-    const uint64_t u64Before = PlatClock();
-    fs::create_directories("t/folder");
-    WriteWhole("out", "kept");
-    fs::create_symlink("../out", "t/link");
-    for (const char* szName : {"t/a\\b", "t/\xFF\xFE", "t/file"})
-        WriteWhole(szName, "x");
-    Open(u"t");
-    std::map<std::u16string, int> mapiSeen;
-    while (Next())
-    {
-        ++mapiSeen[m_plattreeentry.wszName];
-        uint64_t u64WriteTime;
-        EXPECT_TRUE(PlatTreeWriteTime(m_plathandle, &u64WriteTime));
-        EXPECT_NEAR(static_cast<double>(u64WriteTime), static_cast<double>(u64Before), 2e8);
-        EXPECT_EQ(m_plattreeentry.blLink, std::u16string(m_plattreeentry.wszName) == u"link");
-        const bool blFolder = m_plattreeentry.platentry == PLAT_ENTRY_FOLDER;
-        EXPECT_EQ(PlatTreeEnter(m_plathandle), blFolder);
-        EXPECT_EQ(PlatTreeLeave(m_plathandle), blFolder);
-    }
-    EXPECT_EQ(mapiSeen, (std::map<std::u16string, int>{{u"", 2}, {u"file", 1}, {u"folder", 1}, {u"link", 1}}));
-    for (PlatTreeRewind(m_plathandle); Next();)
-        EXPECT_TRUE(PlatTreeDelete(m_plathandle));
-    EXPECT_TRUE(fs::is_empty("t"));
-    EXPECT_EQ(ReadWhole("out"), "kept");
-}
-
 TEST_F(PlatTree, DeletesNoFileThatIsOpenAndNoFullFolder)
 {
     fs::create_directories("t/folder/x");

@@ -1,19 +1,12 @@
 // plat_wait_test.cpp: what events and the one wait owe, on whichever system.
-#include "plat_child.h"
+#include "test_support.h"
+
+#include "plat_process.h"
 
 #include <array>
 #include <atomic>
 #include <barrier>
 #include <thread>
-
-// Holds a named event, signalled, until it is killed.
-int PlayPart(const std::vector<std::string>& a_vecstrArguments)
-{
-    PlatEventSet(PlatEventCreate(PLAT_RESET_AUTO, Wide(a_vecstrArguments[0]).c_str()));
-    Say("held");
-    PlatSleep(PLAT_INFINITE - 1);
-    return 0;
-}
 
 namespace
 {
@@ -22,11 +15,11 @@ uint32_t Look(PlatHandle a_plathandle)
     return PlatWaitAny(&a_plathandle, 1, 0);
 }
 
-// Creates the event and tells whether it existed already.
-PlatHandle Create(const char16_t* a_wszName, bool a_blExisted, PlatReset a_platreset = PLAT_RESET_AUTO)
+// An event that is not there yet.
+PlatHandle Create(const char16_t* a_wszName, PlatReset a_platreset = PLAT_RESET_AUTO)
 {
     const PlatHandle plathandle = PlatEventCreate(a_platreset, a_wszName);
-    EXPECT_EQ(PlatGetLastError(), a_blExisted ? PLAT_ERROR_ALREADYEXISTS : PLAT_ERROR_NONE);
+    EXPECT_EQ(PlatGetLastError(), PLAT_ERROR_NONE);
     EXPECT_NE(plathandle, PLAT_INVALID);
     return plathandle;
 }
@@ -42,7 +35,7 @@ using WaitName = FolderTest;
 
 TEST_P(WaitEvent, AnAutoResetSignalIsTakenByOneWaitHoweverOftenItWasSet)
 {
-    const PlatHandle plathandle = Create(GetParam(), false);
+    const PlatHandle plathandle = Create(GetParam());
     EXPECT_EQ(Look(plathandle), PLAT_WAIT_TIMEOUT);
     for (int i = 0; i < 10000; ++i)   // more than any buffer behind it holds
         ASSERT_TRUE(PlatEventSet(plathandle));
@@ -55,7 +48,7 @@ TEST_P(WaitEvent, AnAutoResetSignalIsTakenByOneWaitHoweverOftenItWasSet)
 
 TEST_P(WaitEvent, AManualResetSignalStays)
 {
-    const PlatHandle plathandle = Create(GetParam(), false, PLAT_RESET_MANUAL);
+    const PlatHandle plathandle = Create(GetParam(), PLAT_RESET_MANUAL);
     PlatEventSet(plathandle);
     EXPECT_EQ(Look(plathandle), 0u);
     EXPECT_EQ(Look(plathandle), 0u);
@@ -67,7 +60,7 @@ TEST_P(WaitEvent, AManualResetSignalStays)
 // Each signal ends one wait; who loses the race waits on.
 TEST_P(WaitEvent, OfManyWaitersOneTakesTheSignal)
 {
-    const PlatHandle plathandle = Create(GetParam(), false);
+    const PlatHandle plathandle = Create(GetParam());
     std::atomic<int> iTaken{0};
     std::atomic<bool> blStop{false};
     std::array<std::jthread, 4> athread;
@@ -93,7 +86,7 @@ TEST_F(WaitAny, TheLowestReadyIndexWinsAndOnlyItIsConsumed)
 {
     std::array<PlatHandle, 4> aplathandle{};
     for (PlatHandle& plathandle : aplathandle)
-        plathandle = Create(nullptr, false);
+        plathandle = Create(nullptr);
     aplathandle[3] = aplathandle[1];   // twice in the list is once
     PlatEventSet(aplathandle[2]);
     PlatEventSet(aplathandle[1]);
@@ -104,7 +97,7 @@ TEST_F(WaitAny, TheLowestReadyIndexWinsAndOnlyItIsConsumed)
 
 TEST_F(WaitAny, WaitsAsLongAsItWasTold)
 {
-    const PlatHandle plathandle = Create(nullptr, false);
+    const PlatHandle plathandle = Create(nullptr);
     const uint64_t u64Start = PlatTicks();
     EXPECT_EQ(PlatWaitAny(&plathandle, 1, 60), PLAT_WAIT_TIMEOUT);
     PlatSleep(40);
@@ -114,7 +107,7 @@ TEST_F(WaitAny, WaitsAsLongAsItWasTold)
 TEST_F(WaitAny, RefusesWhatCannotBeWaitedFor)
 {
     std::array<PlatHandle, 65> aplathandle;
-    aplathandle.fill(Create(nullptr, false));
+    aplathandle.fill(Create(nullptr));
     const auto error = [&](uint32_t a_u32Count) {
         EXPECT_EQ(PlatWaitAny(aplathandle.data(), a_u32Count, 0), PLAT_WAIT_FAILED);
         return PlatGetLastError();
@@ -131,43 +124,15 @@ TEST_F(WaitAny, RefusesWhatCannotBeWaitedFor)
     EXPECT_FALSE(PlatClose(PLAT_INVALID));
 }
 
-TEST_F(WaitName, LivesAsLongAsItsLastHandle)
-{
-    const PlatHandle plathandleFirst = Create(u"Global\\one", false);
-    const PlatHandle plathandleSecond = Create(u"Global\\one", true);
-    PlatEventSet(plathandleFirst);
-    EXPECT_TRUE(PlatClose(plathandleFirst));
-    const PlatHandle plathandleThird = Create(u"Global\\one", true);
-    EXPECT_EQ(Look(plathandleThird), 0u);
-    EXPECT_EQ(Look(plathandleSecond), PLAT_WAIT_TIMEOUT);
-    PlatEventSet(plathandleThird);
-    PlatClose(plathandleSecond);
-    PlatClose(plathandleThird);
-    EXPECT_EQ(Look(Create(u"Global\\one", false)), PLAT_WAIT_TIMEOUT);
-}
-
 TEST_F(WaitName, AnyTextIsANameOfItsOwn)
 {
     const std::u16string wstrLong(511, u'\u20ac');
     const std::u16string awstrName[] = {u"a",  u"A",   u"a/b", u"a\\b",  u"a%2Fb",
                                         u"..", u"a b", u"a+b", wstrLong, wstrLong + u"x"};
     for (const std::u16string& wstrName : awstrName)
-        Create(wstrName.c_str(), false);
+        Create(wstrName.c_str());
     EXPECT_EQ(PlatEventCreate(PLAT_RESET_AUTO, u"\xD800"), PLAT_INVALID);
     EXPECT_EQ(PlatGetLastError(), PLAT_ERROR_NOUNICODE);
-}
-
-TEST_F(WaitName, AKilledHolderLeavesNothingInTheWay)
-{
-    const Part part("killed");
-    ASSERT_EQ(part.OutputUpTo("held"), "held");
-    const PlatHandle plathandle = Create(u"killed", true);
-    EXPECT_EQ(Look(plathandle), 0u);
-    PlatEventSet(plathandle);
-    PlatClose(plathandle);
-    PlatProcessTerminate(part.m_plathandle, 1);
-    part.ExitCode();
-    EXPECT_EQ(Look(Create(u"killed", false)), PLAT_WAIT_TIMEOUT);
 }
 
 // Openers meet closers at every point: at most one of those who come together is told that it made the event, exactly

@@ -76,21 +76,4 @@ TEST_F(PlatWatch, LostChangesAreOneChangeWithoutName)
     EXPECT_EQ(vecstr.back(), "3 ");
 }
 
-TEST_F(PlatWatch, FolderThatHasGoneKeepsTheWatchReady)
-{
-    std::filesystem::remove(PathOf("folder"));
-    PlatWatchChange platwatchchange;
-    for (int iRead = 0; iRead < 3; ++iRead)
-    {
-        EXPECT_TRUE(IsReady());
-        EXPECT_FALSE(PlatWatchRead(m_plathandle, &platwatchchange));
-        EXPECT_EQ(PlatGetLastError(), PLAT_ERROR_PATHNOTFOUND);
-    }
-    EXPECT_EQ(PlatWatchCreate(Wide(PathOf("folder")).c_str()), PLAT_INVALID);
-    EXPECT_EQ(PlatGetLastError(), PLAT_ERROR_FILENOTFOUND);
-    WriteWhole(PathOf("file"), "");
-    EXPECT_EQ(PlatWatchCreate(Wide(PathOf("file")).c_str()), PLAT_INVALID);
-    EXPECT_EQ(PlatGetLastError(), PLAT_ERROR_DIRECTORY);
-}
-
 }   // namespace

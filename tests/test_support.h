@@ -20,6 +20,7 @@
 #include <map>
 #include <mutex>
 #include <string>
+#include <thread>
 #include <vector>
 
 // Waits until a_condition() holds, at most a_u32Milliseconds. Tells whether it does.
@@ -50,6 +51,27 @@ inline void WriteWhole(const std::filesystem::path& a_path, const std::string& a
 inline std::u16string Wide(const std::string& a_strAscii)
 {
     return {a_strAscii.begin(), a_strAscii.end()};
+}
+
+// A path as the library writes it, and as this machine does.
+inline std::string Backslashed(std::string a_strPath)
+{
+    std::replace(a_strPath.begin(), a_strPath.end(), '/', '\\');
+    return a_strPath;
+}
+inline std::string Slashed(std::string a_strPath)
+{
+    std::replace(a_strPath.begin(), a_strPath.end(), '\\', '/');
+    return a_strPath;
+}
+
+// Calls a_procedure(0), a_procedure(1) and so on, each in a thread of its own, and waits for their ends.
+template <class Procedure>
+void InThreads(int a_iThreads, Procedure a_procedure)
+{
+    std::vector<std::jthread> vecjthread;
+    for (int iThread = 0; iThread < a_iThreads; ++iThread)
+        vecjthread.emplace_back([=, &a_procedure] { a_procedure(iThread); });
 }
 
 // Installs itself as the process's logger and keeps every line.
