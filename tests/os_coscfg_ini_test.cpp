@@ -4,9 +4,7 @@
 
 #include "os_coscfg.h"
 
-class IniFile : public ConfigurationTest
-{
-};
+using IniFile = ConfigurationTest;
 
 TEST_F(IniFile, DebugKeysComeFromDebugIniAloneWhileItIsInUse)
 {

@@ -1,8 +1,6 @@
 // os_coscfg_manage_test.cpp: the directory set of a process, and what happens to the log folders beside its own.
 #include "coscfg_support.h"
 
-#include "os_coslog.h"
-
 #include <regex>
 
 namespace fs = std::filesystem;
@@ -109,19 +107,6 @@ TEST_F(Directories, ServiceWorksInTheFolderOfWhoeverWorkedHereLast)
     EXPECT_TRUE(IsLogFolderBelow(LogDirectory("app"), PathOf("home/alice/local/mvr_orvane/app/app")));
     Put(Resolve(OS_PATH_WRITEABLE_FOLDER_BRAND_LEGACY) + "\\common\\lastuser.txt", "../alice");
     EXPECT_TRUE(IsLogFolderBelow(LogDirectory("app"), LegacyBrand() + "/app/app")) << "no path";
-}
-
-TEST_F(Directories, UtilityStaysWithTheLogFileOfTheProgramThatItWorksFor)
-{
-    fs::create_directories(PathOf("d100/app/log.1"));
-    COsLog::CreateArgs createargs;
-    const std::string strLogFile = PathOf("d100/app/log.1/app.log");
-    createargs.szLogFile = strLogFile.c_str();
-    COsLog oslog(createargs);
-    COsCfg oscfg(Program("util", OS_CFGENTITY_UTILITY));
-    EXPECT_EQ(Slashed(Tag(oscfg, OS_CFGTAG_LOGDIRECTORY)), PathOf("d100/app/log.1"));
-    EXPECT_EQ(Slashed(Tag(oscfg, OS_CFGTAG_USERDIRECTORY)), LocalBrand() + "/d100/util");
-    EXPECT_EQ(Slashed(Tag(oscfg, OS_CFGTAG_CONSTINI)), LocalBrand() + "/common/const.ini");
 }
 
 TEST_F(Directories, PathThatDoesNotFitFailsTheConfiguration)

@@ -187,6 +187,8 @@ TEST_F(Paths, EveryNumberHasANameAndOnlyNamedOnesResolve)
 TEST_F(Paths, EverySpecialFolderIsSomewhere)
 {
     setenv("HOME", PathOf("home").c_str(), 1);
+    for (const char* szVariable : {"LOCALAPPDATA", "APPDATA", "PROGRAMDATA", "SYSTEMROOT"})
+        unsetenv(szVariable);
     char szPath[OS_PATHSIZE];
     for (uint32_t u32 = 1; u32 <= OS_SPECIALFOLDER_MYDOCUMENTS + 1; ++u32)
     {

@@ -320,6 +320,8 @@ TEST_F(File, WriteFileReplacesOrAppends)
     EXPECT_EQ(ReadWhole(m_szFile), "short+more");
     EXPECT_EQ(OsLogWriteFile(m_szFile.c_str(), "", false, false, false), EOSSTS_SUCCESS);
     EXPECT_EQ(ReadWhole(m_szFile), "");
+    EXPECT_EQ(OsLogWriteFile("E:\\a.log", "x", false, false, false), EOSSTS_SUCCESS);   // the drive comes with it
+    EXPECT_EQ(ReadWhole(m_path / "system/MVR_DRIVEROOT/e/a.log"), "x");
     EXPECT_EQ(OsLogWriteFile(PathOf("no/such").c_str(), "x", false, false, false), EOSSTS_FAIL);
     EXPECT_TRUE(m_logcapture.HasAt(OS_LOG_ERROR, "Open failed...<" + PathOf("no/such") + ">"));
     EXPECT_EQ(OsLogWriteFile("/dev/full", "x", true, false, true), EOSSTS_FAIL);

@@ -119,18 +119,6 @@ TEST_F(List, ANullItemTakesAZeroedNode)
     EXPECT_EQ(strItems, "abcd,abcd,,abcd,");
 }
 
-TEST_F(List, AListWithoutGeometryTakesNothing)
-{
-    for (const auto& [u32ItemSize, u32NodesPerChunk] : {std::pair{0u, 32u}, std::pair{8u, 0u}})
-    {
-        m_logcapture.Clear();
-        COsLnk oslnk(u32ItemSize, u32NodesPerChunk);
-        EXPECT_TRUE(m_logcapture.HasAt(64, "size is == 0, or chunk is < 32, or we didn't get a compare function..."));
-        EXPECT_FALSE(oslnk.Add("12345678"));
-        EXPECT_EQ(oslnk.ChunkCount(), 0u);
-    }
-}
-
 TEST_F(List, AnAddWithoutMemoryFailsAndEveryBlockGoesBack)
 {
     {

@@ -112,11 +112,9 @@ TEST_F(LoggerTest, TheEndIsLoggedWhileDiagnosticsAreWanted)
     EXPECT_EQ(OsLogGet(), nullptr);
     const Texts vecstr = Lines();
     ASSERT_EQ(vecstr.size(), 11u);
-    EXPECT_TRUE(Matches(vecstr[8], ".*"
-                                   "V\\. mem>>> stack:[1-9]\\d*"));
-    EXPECT_TRUE(Matches(vecstr[9],
-                        ".*"
-                        "V\\. mem>>> pagefaults:\\d+ peakworking:\\d+ pagefileusage:\\d+ peakpagefileusage:\\d+"));
+    EXPECT_TRUE(Matches(vecstr[8], ".*V\\. mem>>> stack:[1-9]\\d*"));
+    EXPECT_TRUE(
+        Matches(vecstr[9], ".*V\\. mem>>> pagefaults:\\d+ peakworking:\\d+ pagefileusage:\\d+ peakpagefileusage:\\d+"));
     EXPECT_TRUE(vecstr[10].ends_with(" VP ### OsServicesStop..."));
 
     m_strLog = PathOf("b.log");

@@ -70,31 +70,24 @@ TEST_F(LoggerTest, DeterministicLinesShowNothingThatDiffers)
 
 // ------------------------------------------------------------------------------------------------ what is written
 
-struct FlagCase
-{
-    uint32_t u32Flags;
-    Texts vecstr;
-};
-
 TEST_F(LoggerTest, FlagsChooseTheLevels)
 {
-    static const FlagCase g_aflagcase[] = {
+    const std::pair<uint32_t, Texts> apair[] = {
         {0, {"1", "2", "4", "8", "64", "128", "256", "4352"}},
         {OS_LOGFLAG_LEVEL32, {"1", "2", "4", "8", "32", "64", "128", "256", "4352"}},
         {OS_LOGFLAG_ONLY8, {"1", "8", "64"}},
         {OS_LOGFLAG_ONLYMEMORY, {"1", "64", "256", "4352"}},
         {OS_LOGFLAG_MILESTONES, {"1", "64", "128"}},
     };
-    for (const FlagCase& flagcase : g_aflagcase)
+    for (auto [u32Flags, vecstr] : apair)
     {
-        m_strLog = PathOf("flags" + std::to_string(flagcase.u32Flags) + ".log");
+        m_strLog = PathOf("flags" + std::to_string(u32Flags) + ".log");
         m_uniqueLog.reset();
-        Begin(flagcase.u32Flags);
+        Begin(u32Flags);
         for (const uint32_t u32Level : {1u, 2u, 4u, 8u, 32u, 64u, 128u, 256u, 4352u})
             Log(u32Level, std::to_string(u32Level));
-        Texts vecstr = flagcase.vecstr;
         vecstr.insert(vecstr.begin(), "first");
-        EXPECT_EQ(Messages(), vecstr) << flagcase.u32Flags;
+        EXPECT_EQ(Messages(), vecstr) << u32Flags;
     }
 }
 
@@ -186,14 +179,6 @@ TEST_F(LoggerTest, APathThatIsNoLogFileIsNotWritten)
     EXPECT_EQ(OsLogGetState(), OS_LOGSTATE_ON);
 }
 
-TEST_F(LoggerTest, WithoutAnyPathTheLoggingGoesOff)
-{
-    Create();
-    OsLogSetState(OS_LOGSTATE_ALLOW);
-    m_uniqueLog->Start("", 0, "");
-    EXPECT_EQ(OsLogGetState(), OS_LOGSTATE_OFF);
-}
-
 // --------------------------------------------------------------------------------------------------- start, paths
 
 TEST_F(LoggerTest, OnlyAnotherPathGetsAHeader)
@@ -231,9 +216,7 @@ TEST_F(LoggerTest, ARunMayBeRedirected)
     Begin();
     EXPECT_FALSE(std::filesystem::exists(m_strLog));
     const std::string strLog = std::filesystem::directory_iterator(PathOf("deep/down"))->path();
-    EXPECT_TRUE(Matches(strLog, ".*"
-                                "/20\\d{15}\\.log"))
-        << strLog;
+    EXPECT_TRUE(Matches(strLog, ".*/20\\d{15}\\.log")) << strLog;
     EXPECT_EQ(LinesOf(strLog).size(), 7u);
 }
 
@@ -250,16 +233,18 @@ TEST_F(LoggerTest, LinesAreDroppedUntilTheFolderIsThere)
     EXPECT_EQ(Lines().size(), 1u);
 }
 
-TEST_F(LoggerTest, APathThatCannotBeCreatedSwitchesTheLoggingOff)
+TEST_F(LoggerTest, APathThatCannotBeCreatedAndNoneAtAllSwitchTheLoggingOff)
 {
-    for (const std::string& strName : {std::string("\xFF\xFE.log"), std::string("folder.log")})
+    std::filesystem::create_directory(PathOf("folder.log"));
+    for (const std::string& strPath : {PathOf("\xFF\xFE.log"), PathOf("folder.log"), std::string()})
     {
-        std::filesystem::create_directory(PathOf("folder.log"));
+        m_uniqueLog.reset();
         Create();
-        m_uniqueLog->Start(PathOf(strName).c_str(), 0, "");
+        OsLogSetState(OS_LOGSTATE_ALLOW);
+        m_uniqueLog->Start(strPath.c_str(), 0, "");
         Log(OS_LOG_CHECK, "x");
+        EXPECT_EQ(OsLogGetState(), OS_LOGSTATE_OFF) << strPath;
     }
-    EXPECT_EQ(OsLogGetState(), OS_LOGSTATE_OFF);
 }
 
 // -------------------------------------------------------------------------------------------------- whose file it is

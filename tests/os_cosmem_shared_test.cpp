@@ -315,20 +315,6 @@ static bool Await(void* a_pvView, int a_iTurn)
     return WaitFor([&] { return Turn(a_pvView) == a_iTurn; });
 }
 
-static PlatHandle StartPeer(const std::string& a_strFile)
-{
-    setenv("TEST_SHAREDFILE", a_strFile.c_str(), 1);
-    char16_t wszProgram[PLAT_PATHMAX];
-    EXPECT_TRUE(PlatProgramPath(wszProgram, PLAT_PATHMAX));
-    PlatProcessStart platprocessstart = {};
-    platprocessstart.wszProgram = wszProgram;
-    platprocessstart.wszCommandLine =
-        u"peer --gtest_also_run_disabled_tests --gtest_filter=Peer.DISABLED_TakesItsTurns";
-    platprocessstart.blInheritStandard = true;
-    uint64_t u64ProcessId = 0;
-    return PlatProcessCreate(&platprocessstart, &u64ProcessId);
-}
-
 // The creator's mode, 0 for the one that is chosen without a setting; the peer has the default one.
 class SharedBetweenProcesses : public Shared, public testing::WithParamInterface<std::pair<int, uint32_t>>
 {
@@ -340,8 +326,10 @@ TEST_P(SharedBetweenProcesses, MemoryAndLockAreOne)
     char* const pcView = Create(GetParam().second, OS_SHAREDLOCK_LOCK);
     ASSERT_NE(pcView, nullptr);
     Put(pcView, "ours");
-    const PlatHandle plathandlePeer = StartPeer(m_strFile);
-    ASSERT_NE(plathandlePeer, PLAT_INVALID);
+    setenv("TEST_SHAREDFILE", m_strFile.c_str(), 1);
+    const std::jthread peer([] {
+        EXPECT_EQ(RunDisabledCase(TEST_PROGRAMFOLDER "/os_cosmem_shared_test", "Peer.DISABLED_TakesItsTurns"), 0);
+    });
 
     EXPECT_TRUE(Await(pcView, 1));
     EXPECT_EQ(Get(pcView), "peer");
@@ -351,12 +339,6 @@ TEST_P(SharedBetweenProcesses, MemoryAndLockAreOne)
     EXPECT_EQ(Lock(pcView), EOSSTS_NOTLOCKED);
     Turn(pcView) = 4;
     EXPECT_TRUE(WaitFor([&] { return Lock(pcView) == EOSSTS_LOCKED; }));   // the peer ends holding it
-
-    ASSERT_EQ(PlatWaitAny(&plathandlePeer, 1, 20000), 0u);
-    uint32_t u32ExitCode = 1;
-    EXPECT_TRUE(PlatProcessExitCode(plathandlePeer, &u32ExitCode));
-    EXPECT_EQ(u32ExitCode, 0u);
-    PlatClose(plathandlePeer);
     Release(pcView);
 }
 
@@ -364,9 +346,7 @@ INSTANTIATE_TEST_SUITE_P(Modes, SharedBetweenProcesses,
                          testing::Values(std::pair{0, 0u}, std::pair{1, 0u}, std::pair{2, 0u}, std::pair{3, 0u},
                                          std::pair{4, 0u}, std::pair{4, OS_SHAREDFLAG_FILE}));
 
-class Peer : public Shared
-{
-};
+using Peer = Shared;
 
 TEST_F(Peer, DISABLED_TakesItsTurns)
 {

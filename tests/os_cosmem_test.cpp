@@ -5,7 +5,6 @@
 
 #include <cstring>
 #include <stdexcept>
-#include <thread>
 
 class Tracker : public FolderTest
 {

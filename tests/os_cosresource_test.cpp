@@ -4,7 +4,6 @@
 #include "test_support.h"
 
 #include <cstring>
-#include <thread>
 
 namespace fs = std::filesystem;
 
@@ -16,8 +15,7 @@ protected:
     {
         WriteWhole(m_strProgram, "\x7F"
                                  "ELF and the rest of it");
-        ASSERT_EQ(std::system((TEST_PROGRAMFOLDER "/append_resources " + m_strProgram + " " + a_strResources).c_str()),
-                  0);
+        ASSERT_EQ(AppendResources(m_strProgram, a_strResources), 0);
     }
     EOSSTS Open(const char* a_szName)
     {
@@ -54,7 +52,7 @@ TEST_F(Resource, GivenAgainReplaceTheFormerOnes)
 {
     MakeProgram("FIRST=one");
     const size_t sizetOnce = SizeOf("program");
-    ASSERT_EQ(std::system((TEST_PROGRAMFOLDER "/append_resources " + m_strProgram + " OTHER=two").c_str()), 0);
+    ASSERT_EQ(AppendResources(m_strProgram, "OTHER=two"), 0);
     EXPECT_EQ(SizeOf("program"), sizetOnce);
     EXPECT_EQ(Open("FIRST"), EOSSTS_NOSPACE);
     EXPECT_EQ(Open("OTHER"), EOSSTS_SUCCESS);
@@ -145,9 +143,6 @@ TEST_F(Resource, TheLocalModuleIsTheProgram)
     EXPECT_EQ(OsResourceText("TEXT"), nullptr);
     EXPECT_TRUE(m_log.HasAt(OS_LOG_NOTE, "Resource TEXT not found"));
     fs::copy_file("/proc/self/exe", m_strProgram);
-    ASSERT_EQ(std::system((TEST_PROGRAMFOLDER "/append_resources " + m_strProgram + " TEXT=carried").c_str()), 0);
-    EXPECT_EQ(
-        std::system(
-            (m_strProgram + " --gtest_also_run_disabled_tests --gtest_filter=LocalResource.* >/dev/null").c_str()),
-        0);
+    ASSERT_EQ(AppendResources(m_strProgram, "TEXT=carried"), 0);
+    EXPECT_EQ(RunDisabledCase(m_strProgram, "LocalResource.*"), 0);
 }

@@ -65,11 +65,6 @@ protected:
     {
         return ReadWhole(m_strFile).substr(a_sizetOffset, a_sizetBytes);
     }
-    void Spoil(size_t a_sizetOffset, const std::string& a_strBytes) const
-    {
-        std::fstream stream(m_strFile, std::ios::binary | std::ios::in | std::ios::out);
-        stream.seekp(static_cast<std::streamoff>(a_sizetOffset)) << a_strBytes;
-    }
 
     std::string m_strFile = PathOf("block");
     LogCapture m_logcapture;
@@ -187,7 +182,7 @@ TEST_F(RingBuffer, WhatContradictsItselfIsRefused)
     {
         Make();
         EXPECT_EQ(Write("abc"), 3);
-        Spoil(sizetOffset, strBytes);
+        Overwrite(m_strFile, sizetOffset, strBytes);
         EXPECT_EQ(Read(), "");
         EXPECT_EQ(m_eossts, EOSSTS_FAIL) << sizetOffset;
         COsRingBuffer third;
@@ -248,8 +243,8 @@ TEST_F(RingBuffer, RandomBlocksNeverLeadOutside)
         for (size_t sizet = 0; sizet < strData.size(); sizet += 1 + random() % 64)
             strData[sizet] = static_cast<char>(random());
         const auto number = [&] { return Bytes(static_cast<int32_t>(random() % 9000 & ~7u)); };
-        Spoil(6, number() + number() + number() + static_cast<char>(random()));
-        Spoil(88, strData);
+        Overwrite(m_strFile, 6, number() + number() + number() + static_cast<char>(random()));
+        Overwrite(m_strFile, 88, strData);
         for (int iTry = 0; iTry < 3; ++iTry)
         {
             Write(std::string(8192, 'x'));

@@ -170,6 +170,7 @@ TEST_F(Services, AUtilityLogsBesideWhomItWorksFor)
     Start("<uniquename>tool</uniquename><entity>utility</entity>");
     EXPECT_EQ(LogFile(), strFolder + "/tool.log") << "also after a stop";
     EXPECT_EQ(Slashed(Element("logpath")), strFolder);
+    EXPECT_EQ(Slashed(OsCfgGetString(OS_CFGTAG_USERDIRECTORY)), PathOf("system/LOCALAPPDATA/mvr_orvane/model/tool"));
     EXPECT_EQ(Element("frominterfaceopen"), "true");
 }
 

@@ -157,7 +157,7 @@ TEST_F(SharedSocket, OneChannelGoesOneWay)
     const std::clock_t clockBegin = std::clock();
     EXPECT_EQ(Read(300), "");
     EXPECT_EQ(m_eossts, EOSSTS_TIMEOUT);
-    EXPECT_LT(std::clock() - clockBegin, CLOCKS_PER_SEC / 20);   // waiting costs nothing
+    EXPECT_LT(std::clock() - clockBegin, CLOCKS_PER_SEC / 8);   // waiting costs nothing
     m_possocket.SocketDisconnect(false);
     Read();
     EXPECT_EQ(m_eossts, EOSSTS_NOTOPEN);
@@ -250,7 +250,7 @@ TEST_F(SharedSocket, ASpoiltBlockEndsWhatUsesIt)
     ASSERT_EQ(Connect(), EOSSTS_SUCCESS);
     Ask("a record");
     for (const char* szFile : {"r1.socket", "w1.socket"})
-        std::fstream(PathOf(szFile), std::ios::binary | std::ios::in | std::ios::out) << '\2';
+        Overwrite(PathOf(szFile), 0, "\2");
     EXPECT_EQ(Write("x"), EOSSTS_FAIL);
     EXPECT_TRUE(m_logcapture.HasAt(1, "RingBuffer.Write failed..."));
     EXPECT_EQ(Read(), "");

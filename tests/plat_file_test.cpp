@@ -1,9 +1,7 @@
-// Files: share modes, deletion, byte locks, appending, paths, searches, mappings.
-#include "plat_env.h"
-#include "plat_file.h"
-#include "plat_memory.h"
-
+// plat_file_test.cpp: files: share modes, deletion, appending, paths, searches.
 #include "plat_child.h"
+
+#include "plat_file.h"
 
 #include <atomic>
 #include <set>
@@ -256,7 +254,7 @@ TEST_F(PlatFile, ChildInheritsNeitherLocksNorShareModes)
     EXPECT_TRUE(PlatFileLock(fileAgain.m_plathandle, 0, 1));
 }
 
-// ------------------------------------------------------------------------------------------------- paths, folders
+// ------------------------------------------------------------------------------------------------- paths, searches
 
 TEST_F(PlatFile, MissingFileIsToldFromMissingFolder)
 {
@@ -290,20 +288,6 @@ TEST_F(PlatFile, PathsAreTakenInEverySpelling)
     EXPECT_TRUE(PlatFileGetInfo(wstrPath.c_str(), &platfileinfo) && platfileinfo.wszName == wstrName);
 }
 
-TEST_F(PlatFile, DriveComesIntoBeingWithTheFirstEntry)
-{
-    PlatFileInfo platfileinfo;
-    EXPECT_EQ(ErrorOf(PlatFileGetInfo(u"C:\\", &platfileinfo)), PLAT_ERROR_PATHNOTFOUND);
-    EXPECT_EQ(File("D:\\none\\x", W, RW).m_u32Error, PLAT_ERROR_PATHNOTFOUND);
-    EXPECT_TRUE(PlatFolderCreate(u"C:\\logs"));
-    EXPECT_TRUE(File("c:/logs\\a.log", W, RW).IsOpen());
-    EXPECT_TRUE(File("E:\\a.log", W, RW).IsOpen());
-    EXPECT_TRUE(PlatFolderCreate(u"f:"));
-    const std::filesystem::path pathRoot(getenv("MVR_DRIVEROOT"));
-    EXPECT_TRUE(exists(pathRoot / "c/logs/a.log") && std::filesystem::exists(pathRoot / "e/a.log"));
-    EXPECT_EQ(ErrorOf(PlatFolderCreate(u"F:\\")), PLAT_ERROR_ALREADYEXISTS);
-}
-
 TEST_F(PlatFile, FullNames)
 {
     char16_t wszFull[PLAT_PATHMAX];
@@ -326,8 +310,6 @@ TEST_F(PlatFile, FullNames)
     EXPECT_TRUE(PlatFileFullName(u"/abc", wszFull, 5));
     EXPECT_EQ(ErrorOf(PlatFileFullName(u"/abc", wszFull, 4)), PLAT_ERROR_INSUFFICIENTBUFFER);
 }
-
-// ------------------------------------------------------------------------------------------------------- searches
 
 TEST_F(PlatFile, SearchListsWhatThePatternNames)
 {

@@ -1,7 +1,6 @@
-// plat_system_test.cpp: what memory, the clock and the folders owe, on whichever system.
+// plat_system_test.cpp: what memory and the clock owe, on whichever system.
 #include "test_support.h"
 
-#include "plat_env.h"
 #include "plat_memory.h"
 
 namespace
@@ -62,22 +61,5 @@ TEST(Clock, CountsFrom1601AndKnowsTheCalendar)
     EXPECT_EQ(PlatGetLastError(), PLAT_ERROR_INVALIDPARAMETER);
     EXPECT_TRUE(PlatTimeUtc(PlatClock(), &plattime));
     EXPECT_GE(plattime.u16Year, 2024);
-}
-
-TEST(Folders, AreWhereTheVariablesSay)
-{
-    char16_t wszPath[PLAT_PATHMAX] = {};
-    const std::pair<PlatFolder, const char16_t*> apair[] = {
-        {PLAT_FOLDER_LOCAL, u"LOCALAPPDATA"}, {PLAT_FOLDER_ROAMING, u"APPDATA"}, {PLAT_FOLDER_PROGRAM, u"PROGRAMDATA"}};
-    for (const auto& [platfolder, wszVariable] : apair)
-    {
-        PlatEnvSet(wszVariable, nullptr);
-        EXPECT_TRUE(PlatFolderPath(platfolder, wszPath, PLAT_PATHMAX) && *wszPath);
-        PlatEnvSet(wszVariable, u"/some/where");
-        EXPECT_TRUE(PlatFolderPath(platfolder, wszPath, PLAT_PATHMAX));
-        EXPECT_EQ(std::u16string(wszPath), u"/some/where");
-    }
-    EXPECT_FALSE(PlatFolderPath(PLAT_FOLDER_TEMP, wszPath, 1));
-    EXPECT_EQ(PlatGetLastError(), PLAT_ERROR_INSUFFICIENTBUFFER);
 }
 }   // namespace

@@ -142,18 +142,4 @@ TEST(Thread, LeavesNoStackBehind)
     }
     EXPECT_LT(u64Before, available() + (uint64_t{700} << 20));   // the stacks of a quarter of them are more
 }
-
-TEST(Thread, RunsWhereItWasTold)
-{
-    const uint64_t u64Mask = PlatProcessAffinity();
-    ASSERT_NE(u64Mask, 0u);
-    EXPECT_TRUE(PlatThreadSetAffinity(u64Mask & (~u64Mask + 1)));
-    EXPECT_EQ(PlatProcessAffinity(), u64Mask);   // that was the thread's own
-    EXPECT_TRUE(PlatThreadSetIdealProcessor(0));
-    EXPECT_FALSE(PlatThreadSetAffinity(0));
-    EXPECT_EQ(PlatGetLastError(), PLAT_ERROR_INVALIDPARAMETER);
-    PlatSetLastError(0);
-    EXPECT_FALSE(PlatThreadSetIdealProcessor(PlatProcessorCount()));
-    EXPECT_EQ(PlatGetLastError(), PLAT_ERROR_INVALIDPARAMETER);
-}
 }   // namespace

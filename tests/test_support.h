@@ -48,9 +48,27 @@ inline void WriteWhole(const std::filesystem::path& a_path, const std::string& a
     std::ofstream(a_path, std::ios::binary) << a_strText;
 }
 
+// Writes into a file that others have open, behind their back.
+inline void Overwrite(const std::filesystem::path& a_path, size_t a_sizetOffset, const std::string& a_strBytes)
+{
+    std::fstream stream(a_path, std::ios::binary | std::ios::in | std::ios::out);
+    stream.seekp(static_cast<std::streamoff>(a_sizetOffset)) << a_strBytes;
+}
+
 inline std::u16string Wide(const std::string& a_strAscii)
 {
     return {a_strAscii.begin(), a_strAscii.end()};
+}
+
+// Gives a program resources, and runs one case of a copy of this test that is switched off here. Both return 0.
+inline int AppendResources(const std::string& a_strProgram, const std::string& a_strResources)
+{
+    return std::system((TEST_PROGRAMFOLDER "/append_resources " + a_strProgram + " " + a_strResources).c_str());
+}
+inline int RunDisabledCase(const std::string& a_strProgram, const std::string& a_strCase)
+{
+    const std::string strArguments = " --gtest_also_run_disabled_tests --gtest_filter=" + a_strCase;
+    return std::system((a_strProgram + strArguments + " >/dev/null").c_str());
 }
 
 // A path as the library writes it, and as this machine does.
@@ -106,22 +124,16 @@ public:
     }
     size_t Count(const std::string& a_strText) const
     {
-        const std::vector<Line> vecline = Lines();
-        return static_cast<size_t>(
-            std::count_if(vecline.begin(), vecline.end(), [&](const Line& line) { return line.strText == a_strText; }));
+        return CountIf([&](const Line& line) { return line.strText == a_strText; });
     }
     bool Has(const std::string& a_strText) const { return Count(a_strText) != 0; }
     bool HasAt(uint32_t a_u32Level, const std::string& a_strText) const
     {
-        const std::vector<Line> vecline = Lines();
-        return std::any_of(vecline.begin(), vecline.end(),
-                           [&](const Line& line) { return line.u32Level == a_u32Level && line.strText == a_strText; });
+        return CountIf([&](const Line& line) { return line.u32Level == a_u32Level && line.strText == a_strText; }) != 0;
     }
     bool HasPart(const std::string& a_strPart) const
     {
-        const std::vector<Line> vecline = Lines();
-        return std::any_of(vecline.begin(), vecline.end(),
-                           [&](const Line& line) { return line.strText.find(a_strPart) != std::string::npos; });
+        return CountIf([&](const Line& line) { return line.strText.find(a_strPart) != std::string::npos; }) != 0;
     }
     void Clear()
     {
@@ -132,6 +144,13 @@ public:
     uint32_t m_u32WorkingWord = 0;
 
 private:
+    template <class Condition>
+    size_t CountIf(Condition a_condition) const
+    {
+        const std::lock_guard<std::mutex> guard(m_mutex);
+        return static_cast<size_t>(std::count_if(m_vecline.begin(), m_vecline.end(), a_condition));
+    }
+
     mutable std::mutex m_mutex;
     std::vector<Line> m_vecline;
 };
