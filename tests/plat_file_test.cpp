@@ -2,6 +2,7 @@
 #include "plat_child.h"
 
 #include "plat_file.h"
+#include "plat_memory.h"
 
 #include <atomic>
 #include <set>
@@ -341,6 +342,23 @@ TEST_F(PlatFile, SearchListsWhatThePatternNames)
     EXPECT_EQ(list("none"), (Names{u"2"}));
     EXPECT_EQ(list("none/*"), (Names{u"3"}));
     EXPECT_EQ(list("Makefile/*"), (Names{u"3"}));
+}
+
+TEST_F(PlatFile, GuardedViewOutlivesTheCutOfItsFile)
+{
+    WriteWhole("file", std::string(3 * PlatMemoryGranularity(), 'x'));
+    File file("file", R | W, RW);
+    size_t sizetView = 0;
+    auto* pch = static_cast<char*>(PlatMappingView(file.m_plathandle, 0, true, &sizetView));
+    ASSERT_NE(pch, nullptr);
+    PlatMappingGuard(pch, sizetView);
+    std::filesystem::resize_file(PathOf("file"), 1);
+    const char chGone = pch[sizetView - 1];
+    pch[PlatMemoryGranularity()] = 'y';
+    EXPECT_FALSE(PlatMappingUnguard());
+    EXPECT_EQ(std::string({pch[0], chGone, pch[PlatMemoryGranularity()]}), std::string("x\0y", 3));
+    PlatMappingGuard(pch, sizetView);
+    EXPECT_TRUE(PlatMappingUnguard() && PlatMappingRelease(pch, sizetView));
 }
 
 }   // namespace
