@@ -130,6 +130,10 @@ TEST_F(SharedCollector, TheFirstLogFolderIsManagedOnce)
     const auto second = Connect(Header(PathOf("log.20240202/a.log")) + "3");
     ASSERT_TRUE(WaitFor([&] { return ReadWhole(PathOf("log.20240202/a.log")) == "3"; }));
     EXPECT_EQ(m_configuration.Managed(), std::vector<std::string>{Backslashed(PathOf("log.20240101"))});
+
+    std::make_unique<COsLogCollector>(OS_COLLECTORMODE_SHAREDCLIENT, "a.log").reset();
+    EXPECT_EQ(m_configuration.m_uReleased, 0u) << "a client that ends stops no collector";
+    EXPECT_EQ(g_bLogCollectorStopping.load(), 0);
 }
 
 TEST_F(SharedCollector, WhatEndsAStreamIsLogged)
@@ -145,6 +149,39 @@ TEST_F(SharedCollector, WhatEndsAStreamIsLogged)
     const std::string strLong = Header(std::string(512, 'x'));
     Connect(strLong)->IsEnded();
     EXPECT_TRUE(WaitFor([&] { return m_log.HasAt(OS_LOG_CHECK, "data overflow: <logfile> " + strLong); }));
+}
+
+// A log that holds up the readers where they begin to read, until they are cancelled.
+class UnreadStreams final : public COsLogSink
+{
+public:
+    UnreadStreams() : m_poslogsink(g_poslogsink.exchange(this)) {}
+    ~UnreadStreams() { g_poslogsink.store(m_poslogsink); }
+
+    void VPrintf(const char*, uint32_t, uint32_t, const char* a_szFormat, va_list) override
+    {
+        const std::string_view svFormat = a_szFormat;
+        if (svFormat == "warning, waiting for a read to be canceled...")
+            m_blCancelled = true;
+        if (svFormat.starts_with(">>> socket Select(read"))
+            WaitFor([this] { return m_blCancelled.load(); });
+    }
+    uint32_t WorkingWord() const override { return 0; }
+
+private:
+    COsLogSink* const m_poslogsink;
+    std::atomic<bool> m_blCancelled{false};
+};
+
+TEST_F(SharedCollector, StopWritesWhatHasArrived)
+{
+    StartAndAnnounce();
+    const UnreadStreams unreadstreams;
+    const std::string strText(200000, 'x');
+    const auto stream = Connect(Header(PathOf("a.log")) + strText);
+    m_collector->Stop(nullptr, 0);
+    EXPECT_TRUE(stream->IsEnded());
+    EXPECT_TRUE(ReadWhole(PathOf("a.log")) == strText);
 }
 
 // Connections come and go while the collector is stopped: nothing hangs, nothing is freed under a reader.

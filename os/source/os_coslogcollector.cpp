@@ -167,7 +167,8 @@ bool OsLcIsServicesSession()
 
 EOSSTS COsLogCollectorImpl::Start(const char* a_szLogFile, bool a_blCheckOther)
 {
-    g_bLogCollectorStopping.store(0);
+    if (!IsClient())
+        g_bLogCollectorStopping.store(0);
     if (OsLcIsServicesSession())
         return EOSSTS_FAIL;
     if (IsClient())
@@ -234,4 +235,5 @@ void COsLogCollectorImpl::FreeServiceObjects()
     OSMEMDELETE(m_poslnk);
     OSMEMDELETE(m_posthreadAccept);
     OSMEMDELETE(m_possyncStop);
+    OSMEMDELETE(m_possocketListen);   // who knows the port already is refused
 }

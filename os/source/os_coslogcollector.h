@@ -9,7 +9,7 @@
 // 1 once the collector asks its program to end; never cleared.
 extern std::atomic<uint8_t> g_bLogCollectorStop;
 
-// 1 from the beginning of Stop to the next Start.
+// 1 from the beginning of a collector's Stop to its next Start; clients leave it alone.
 extern std::atomic<uint8_t> g_bLogCollectorStopping;
 
 class COsLogCollectorImpl;

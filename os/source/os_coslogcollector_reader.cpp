@@ -19,6 +19,7 @@
 static constexpr char g_szSource[] = "os/source/os_coslogcollector";
 
 static constexpr int32_t g_i32ManageTimeout = 1000;
+static constexpr size_t g_sizetRestMost = 8 << 20;   // more than a connection holds: who sends on and on ends there
 
 uint32_t COsLogCollectorImpl::LogDataEntry(COsThread* a_posthread)
 {
@@ -61,9 +62,7 @@ public:
     StreamPieces(COsSocket* a_possocket, COsSync* a_possync)
         : m_possocket(a_possocket),
           m_possync(a_possync),
-          m_pchBuffer(static_cast<char*>(OSMEMALLOC(OS_LC_PIECESIZE + 1, OS_MEMFLAG_PAGES))),
-          m_sizetPiece(0),
-          m_sizetDirty(0)
+          m_pchBuffer(static_cast<char*>(OSMEMALLOC(OS_LC_PIECESIZE + 1, OS_MEMFLAG_PAGES)))
     {
     }
     ~StreamPieces()
@@ -74,29 +73,42 @@ public:
     StreamPieces(const StreamPieces&) = delete;
     StreamPieces& operator=(const StreamPieces&) = delete;
 
-    // False at the end of the stream: the peer has closed, the collector is stopping, or there is no memory.
+    // False at the end of the stream: the peer has closed, or there is no memory. A collector that is stopping takes
+    // what has arrived, and no more than that.
     bool Next()
     {
-        if (!m_pchBuffer)
+        if (m_pchBuffer && !m_blStopping && Take(PLAT_INFINITE))
+            return true;
+        m_blStopping = true;
+        if (!m_pchBuffer || !g_bLogCollectorStopping.load() || m_sizetRest >= g_sizetRestMost || !Take(0))
             return false;
-        COsSocket::ReadArgs readargs;
-        readargs.pvBuffer = m_pchBuffer;
-        readargs.sizetBuffer = OS_LC_PIECESIZE;
-        readargs.possyncStop = m_possync;
-        readargs.blQuiet = true;
-        readargs.psizetDirty = &m_sizetDirty;
-        return m_possocket->SocketRead(readargs, &m_sizetPiece) == EOSSTS_SUCCESS && m_sizetPiece != 0;
+        m_sizetRest += m_sizetPiece;
+        return true;
     }
 
     const char* Text() const { return m_pchBuffer; }   // a terminator follows
     size_t Size() const { return m_sizetPiece; }
 
 private:
+    bool Take(uint32_t a_u32Timeout)
+    {
+        COsSocket::ReadArgs readargs;
+        readargs.pvBuffer = m_pchBuffer;
+        readargs.sizetBuffer = OS_LC_PIECESIZE;
+        readargs.u32Timeout = a_u32Timeout;
+        readargs.possyncStop = m_possync;
+        readargs.blQuiet = true;
+        readargs.psizetDirty = &m_sizetDirty;
+        return m_possocket->SocketRead(readargs, &m_sizetPiece) == EOSSTS_SUCCESS && m_sizetPiece != 0;
+    }
+
     COsSocket* m_possocket;
     COsSync* m_possync;
     char* m_pchBuffer;
-    size_t m_sizetPiece;
-    size_t m_sizetDirty;
+    size_t m_sizetPiece = 0;
+    size_t m_sizetDirty = 0;
+    size_t m_sizetRest = 0;   // taken since the collector is stopping
+    bool m_blStopping = false;
 };
 }   // namespace
 

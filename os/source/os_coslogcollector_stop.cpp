@@ -23,7 +23,8 @@ static constexpr uint32_t g_u32MarkerPause = 10;
 
 void COsLogCollectorImpl::Stop(char* a_szFolder, size_t a_sizetFolder)
 {
-    g_bLogCollectorStopping.store(1);
+    if (!IsClient())
+        g_bLogCollectorStopping.store(1);
     StopMonitor();
     StopAccepting();
     StopReaders();
@@ -32,7 +33,8 @@ void COsLogCollectorImpl::Stop(char* a_szFolder, size_t a_sizetFolder)
         m_possyncStop->EventClose();
     OSMEMDELETE(m_possyncStop);
     OSMEMDELETE(m_possocketListen);
-    OsCfgReleaseManaged();
+    if (!IsClient())
+        OsCfgReleaseManaged();
     ReportFolder(a_szFolder, a_sizetFolder);
 }
 
