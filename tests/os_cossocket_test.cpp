@@ -212,25 +212,6 @@ TEST_F(SocketTest, PeerThatClosesLeavesItsDataFirst)
     EXPECT_EQ(Send(socketpairBroken.server, "abc"), EOSSTS_DISCONNECTED);
 }
 
-TEST_F(SocketTest, ConnectionThatClosedBeforeItWasTakenLosesNothingAndHindersNobody)
-{
-    Listener listener;
-    for (const char* szText : {"one", "two"})
-    {
-        COsSocket possocketClient;
-        EXPECT_EQ(possocketClient.SocketConnect(listener.ConnectArgs()), EOSSTS_SUCCESS);
-        EXPECT_EQ(Send(possocketClient, szText), EOSSTS_SUCCESS);
-        possocketClient.SocketDisconnect(false);
-    }
-    for (const char* szText : {"one", "two"})
-    {
-        COsSocket possocketServer;
-        EXPECT_EQ(listener.Accept(possocketServer), EOSSTS_SUCCESS);
-        EXPECT_EQ(Receive(possocketServer).strText, szText);
-        EXPECT_EQ(Receive(possocketServer).eossts, EOSSTS_DISCONNECTED);
-    }
-}
-
 TEST_F(SocketTest, FirstWriteAfterThePeerHasGoneReportsIt)
 {
     SocketPair socketpair;

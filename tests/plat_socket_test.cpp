@@ -1,0 +1,225 @@
+// plat_socket_test.cpp: connecting, closing, what is reported and when, and the event that tells it.
+#include "plat_socket.h"
+
+#include "test_support.h"
+
+#include <cstring>
+#include <thread>
+
+namespace
+{
+
+constexpr uint32_t READ = PLAT_SOCKET_READ;
+constexpr uint32_t WRITE = PLAT_SOCKET_WRITE;
+constexpr uint32_t ACCEPT = PLAT_SOCKET_ACCEPT;
+constexpr uint32_t CONNECT = PLAT_SOCKET_CONNECT;
+constexpr uint32_t CLOSE = PLAT_SOCKET_CLOSE;
+
+class Handle
+{
+public:
+    explicit Handle(PlatHandle a_plathandle) : m_plathandle(a_plathandle) {}
+    ~Handle() { Close(); }
+    Handle(const Handle&) = delete;
+    Handle& operator=(const Handle&) = delete;
+    operator PlatHandle() const { return m_plathandle; }
+    void Close()
+    {
+        if (m_plathandle != PLAT_INVALID)
+            PlatClose(m_plathandle);
+        m_plathandle = PLAT_INVALID;
+    }
+
+private:
+    PlatHandle m_plathandle;
+};
+
+bool Sends(PlatHandle a_plathandle, const std::string& a_strText)
+{
+    size_t sizetSent = 0;
+    return PlatSocketSend(a_plathandle, a_strText.data(), a_strText.size(), &sizetSent) &&
+           sizetSent == a_strText.size();
+}
+
+std::string Receive(PlatHandle a_plathandle)
+{
+    char achText[64];
+    size_t sizetRead = 0;
+    if (!PlatSocketReceive(a_plathandle, achText, sizeof achText, &sizetRead))
+        return "error " + std::to_string(PlatGetLastError());
+    return {achText, sizetRead};
+}
+
+bool Reports(PlatHandle a_plathandle, uint32_t a_u32Mask, uint32_t a_u32Expected)
+{
+    return WaitFor([&] { return PlatSocketPoll(a_plathandle, a_u32Mask) == a_u32Expected; });
+}
+
+bool IsReady(const Handle& a_handleEvent, uint32_t a_u32Milliseconds = 0)
+{
+    const PlatHandle plathandle = a_handleEvent;
+    return PlatWaitAny(&plathandle, 1, a_u32Milliseconds) == 0;
+}
+
+class PlatSocket : public testing::Test
+{
+protected:
+    PlatSocket()
+    {
+        EXPECT_TRUE(PlatSocketStartup() && PlatAddressFromText("127.0.0.1", &m_plataddress));
+        m_plataddress.u16Port = 0;
+        EXPECT_TRUE(PlatSocketBind(m_handleListener, &m_plataddress));
+        EXPECT_TRUE(PlatSocketName(m_handleListener, &m_plataddress));
+        EXPECT_TRUE(PlatSocketListen(m_handleListener, 32));
+    }
+    ~PlatSocket() override { PlatSocketCleanup(); }
+
+    // Connects a client. False for a failure that is not "not yet".
+    bool Connect(PlatHandle a_plathandle) const
+    {
+        return PlatSocketConnect(a_plathandle, &m_plataddress) || PlatGetLastError() == PLAT_ERROR_WOULDBLOCK;
+    }
+    // And takes it.
+    PlatHandle ConnectAndAccept(PlatHandle a_plathandle)
+    {
+        EXPECT_TRUE(Connect(a_plathandle) && Reports(m_handleListener, ACCEPT | CLOSE, ACCEPT));
+        EXPECT_TRUE(Reports(a_plathandle, CONNECT | CLOSE, CONNECT));
+        return PlatSocketAccept(m_handleListener, &m_plataddressPeer);
+    }
+
+    PlatAddress m_plataddress = {};
+    PlatAddress m_plataddressPeer = {};
+    Handle m_handleListener{PlatSocketCreate()};
+    Handle m_handleClient{PlatSocketCreate()};
+    Handle m_handleEvent{PlatSocketEventCreate()};
+};
+
+TEST_F(PlatSocket, BytesArriveAndAreCountedBeforeTheyAreRead)
+{
+    Handle handlePeer(ConnectAndAccept(m_handleClient));
+    PlatAddress plataddress;
+    ASSERT_TRUE(PlatSocketName(m_handleClient, &plataddress));
+    EXPECT_EQ(plataddress.u16Port, m_plataddressPeer.u16Port);
+    EXPECT_EQ(PlatSocketPoll(handlePeer, READ | WRITE | CLOSE), WRITE);
+    EXPECT_EQ(Receive(handlePeer), "error 10035");
+    for (const auto platsocketoption : {PLAT_SOCKETOPTION_KEEPALIVE, PLAT_SOCKETOPTION_NODELAY})
+        EXPECT_TRUE(PlatSocketSetOption(m_handleClient, platsocketoption, true));
+    EXPECT_TRUE(Sends(m_handleClient, "line\r\n"));
+    size_t sizetWaiting = 0;
+    EXPECT_TRUE(WaitFor([&] { return PlatSocketWaiting(handlePeer, &sizetWaiting) && sizetWaiting == 6; }));
+    EXPECT_EQ(PlatSocketPoll(handlePeer, READ | CLOSE), READ);
+    EXPECT_EQ(Receive(handlePeer), "line\r\n");
+    EXPECT_EQ(PlatSocketPoll(handlePeer, READ | CLOSE), 0u);
+}
+
+// The first line after the reader's death must not vanish: the wait for writing says closed, not writable.
+TEST_F(PlatSocket, ConnectionWhosePeerHasClosedIsNeverWritable)
+{
+    Handle handlePeer(ConnectAndAccept(m_handleClient));
+    EXPECT_TRUE(PlatSocketEventSelect(m_handleClient, m_handleEvent, WRITE | CLOSE) && IsReady(m_handleEvent));
+    EXPECT_EQ(PlatSocketPoll(m_handleClient, WRITE | CLOSE), WRITE);
+    handlePeer.Close();
+    EXPECT_TRUE(Reports(m_handleClient, WRITE | CLOSE, CLOSE));
+    EXPECT_TRUE(IsReady(m_handleEvent));
+    EXPECT_EQ(PlatSocketPoll(m_handleClient, WRITE), 0u);
+}
+
+TEST_F(PlatSocket, UnreadBytesAreReportedWithTheClose)
+{
+    Handle handlePeer(ConnectAndAccept(m_handleClient));
+    EXPECT_TRUE(PlatSocketEventSelect(handlePeer, m_handleEvent, READ | CLOSE));
+    EXPECT_FALSE(IsReady(m_handleEvent));
+    EXPECT_TRUE(Sends(m_handleClient, "last") && PlatSocketShutdown(m_handleClient, false, true));
+    EXPECT_TRUE(IsReady(m_handleEvent, PLAT_INFINITE));
+    EXPECT_TRUE(Reports(handlePeer, READ | CLOSE, READ | CLOSE));
+    EXPECT_EQ(Receive(handlePeer), "last");
+    EXPECT_EQ(PlatSocketPoll(handlePeer, READ | CLOSE), CLOSE);
+    EXPECT_EQ(Receive(handlePeer), "");
+    EXPECT_TRUE(Sends(handlePeer, "answer"));   // its other direction is open still
+    EXPECT_TRUE(WaitFor([&] { return Receive(m_handleClient) == "answer"; }));
+}
+
+TEST_F(PlatSocket, BrokenConnectionStillGivesItsBytesAndThenFails)
+{
+    Handle handlePeer(ConnectAndAccept(m_handleClient));
+    EXPECT_TRUE(Sends(handlePeer, "never read") && Reports(m_handleClient, READ, READ));
+    EXPECT_TRUE(Sends(m_handleClient, "last"));
+    m_handleClient.Close();   // with unread bytes: the peer is told that they are lost
+    EXPECT_TRUE(Reports(handlePeer, READ | WRITE | CLOSE, READ | CLOSE));
+    EXPECT_EQ(Receive(handlePeer), "last");
+    EXPECT_FALSE(Sends(handlePeer, "x"));
+    EXPECT_TRUE(PlatGetLastError() == PLAT_ERROR_CONNRESET || PlatGetLastError() == PLAT_ERROR_CONNABORTED);
+}
+
+TEST_F(PlatSocket, RefusalIsReportedLate)
+{
+    m_handleListener.Close();
+    EXPECT_TRUE(PlatSocketEventSelect(m_handleClient, m_handleEvent, CONNECT | CLOSE));
+    EXPECT_FALSE(PlatSocketConnect(m_handleClient, &m_plataddress));
+    EXPECT_EQ(PlatGetLastError(), PLAT_ERROR_WOULDBLOCK);
+    EXPECT_TRUE(IsReady(m_handleEvent, PLAT_INFINITE));
+    EXPECT_EQ(PlatSocketPoll(m_handleClient, CONNECT | CLOSE), CONNECT | CLOSE);
+    EXPECT_FALSE(Sends(m_handleClient, "x"));
+
+    const Handle handleReader(PlatSocketCreate());
+    EXPECT_TRUE(Connect(handleReader) && Reports(handleReader, CONNECT | CLOSE, CONNECT | CLOSE));
+    const std::string strEnd = Receive(handleReader);
+    EXPECT_TRUE(strEnd.empty() || strEnd == "error 10057" || strEnd == "error 10061") << strEnd;
+
+    m_plataddress.u16Port = 0;
+    const Handle handleNowhere(PlatSocketCreate());
+    EXPECT_FALSE(PlatSocketConnect(handleNowhere, &m_plataddress));
+    EXPECT_EQ(PlatGetLastError(), PLAT_ERROR_ADDRNOTAVAIL);
+}
+
+TEST_F(PlatSocket, ConnectionThatClosedBeforeItWasTakenLosesNothingAndHindersNobody)
+{
+    EXPECT_EQ(PlatSocketAccept(m_handleListener, nullptr), PLAT_INVALID);
+    EXPECT_EQ(PlatGetLastError(), PLAT_ERROR_WOULDBLOCK);
+    EXPECT_TRUE(Connect(m_handleClient) && Reports(m_handleClient, CONNECT, CONNECT) && Sends(m_handleClient, "one"));
+    m_handleClient.Close();
+    const Handle handleOther(PlatSocketCreate());
+    EXPECT_TRUE(Connect(handleOther) && Reports(handleOther, CONNECT, CONNECT) && Sends(handleOther, "two"));
+    for (const char* szText : {"one", "two"})
+    {
+        EXPECT_TRUE(Reports(m_handleListener, ACCEPT, ACCEPT));
+        const Handle handlePeer(PlatSocketAccept(m_handleListener, nullptr));
+        EXPECT_TRUE(WaitFor([&] { return Receive(handlePeer) == szText; }));
+    }
+}
+
+TEST_F(PlatSocket, EventFollowsTheMaskSelectedLast)
+{
+    Handle handlePeer(ConnectAndAccept(m_handleClient));
+    EXPECT_TRUE(PlatSocketEventSelect(handlePeer, m_handleEvent, READ | CLOSE));
+    EXPECT_FALSE(IsReady(m_handleEvent));
+    EXPECT_TRUE(PlatSocketEventSelect(handlePeer, m_handleEvent, WRITE | CLOSE) && IsReady(m_handleEvent));
+    EXPECT_TRUE(PlatSocketEventSelect(handlePeer, m_handleEvent, 0));
+    EXPECT_FALSE(IsReady(m_handleEvent));
+
+    // The number of a closed socket goes to the next one.
+    EXPECT_TRUE(PlatSocketEventSelect(handlePeer, m_handleEvent, WRITE));
+    handlePeer.Close();
+    const Handle handleClient(PlatSocketCreate());
+    EXPECT_FALSE(IsReady(m_handleEvent));
+    EXPECT_TRUE(PlatSocketEventSelect(handleClient, m_handleEvent, READ | CLOSE) && IsReady(m_handleEvent));
+}
+
+TEST_F(PlatSocket, AddressesAndNames)
+{
+    char szText[16];
+    PlatAddress plataddress;
+    EXPECT_TRUE(PlatAddressFromText("10.0.200.7", &plataddress) && PlatAddressToText(&plataddress, szText, 16));
+    EXPECT_STREQ(szText, "10.0.200.7");
+    for (const char* szBad : {"", "localhost", "1.2.3", "1.2.3.256", "::1"})
+        EXPECT_FALSE(PlatAddressFromText(szBad, &plataddress)) << szBad;
+    EXPECT_TRUE(PlatAddressResolve(u"localhost", &plataddress) && plataddress.au8Address[0] == 127);
+    EXPECT_FALSE(PlatAddressResolve(u"no such host", &plataddress));
+    EXPECT_EQ(PlatGetLastError(), PLAT_ERROR_HOSTNOTFOUND);
+    EXPECT_FALSE(PlatSocketListen(m_handleEvent, 1));
+    EXPECT_EQ(PlatGetLastError(), PLAT_ERROR_NOTSOCKET);
+    EXPECT_FALSE(PlatSocketBind(m_handleClient, &m_plataddress));
+    EXPECT_EQ(PlatGetLastError(), PLAT_ERROR_ADDRINUSE);
+}
+
+}   // namespace
