@@ -168,7 +168,7 @@ protected:
     void Manage(const char* a_szBackup)
     {
         m_oscfg.SetString(OS_CFGSECTION_DSIDENTITY, OS_CFGTAG_LOGBACKUP, a_szBackup);
-        OsCfgManageLogDirectories(Own().c_str());
+        OsCfgManageLogDirectories(Own().c_str(), nullptr);
     }
     static bool IsHeld(const std::string& a_strFolder)
     {
@@ -235,7 +235,7 @@ TEST_F(LogFolders, EmptyFoldersGoUnlessTheyAreYoung)
 TEST_F(LogFolders, ManagedFolderIsLockedUntilItIsReleasedAndOurOwnUntilTheEnd)
 {
     const std::string strOurs = Slashed(Tag(m_oscfg, OS_CFGTAG_LOGDIRECTORY));
-    OsCfgManageLogDirectories(strOurs.c_str());
+    OsCfgManageLogDirectories(strOurs.c_str(), nullptr);
     Manage("6");
     Manage("6");
     EXPECT_TRUE(IsHeld(Own()) && IsHeld(strOurs));

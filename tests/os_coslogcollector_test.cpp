@@ -136,6 +136,22 @@ TEST_F(SharedCollector, TheFirstLogFolderIsManagedOnce)
     EXPECT_EQ(g_bLogCollectorStopping.load(), 0);
 }
 
+TEST_F(SharedCollector, AFolderThatIsLookedAfterForLongHoldsUpNoStream)
+{
+    StartAndAnnounce();
+    m_configuration.m_blManagesOn = true;
+    const auto first = Connect(Header(PathOf("log.20240101/a.log")) + "1");
+    ASSERT_TRUE(WaitFor([&] { return !m_configuration.Managed().empty(); }));
+    ASSERT_TRUE(first->Send("|||EEXXIITT|||") && first->IsEnded());
+    for (const char* szName : {"b.log", "c.log", "d.log"})
+    {
+        Connect(Header(PathOf(szName)) + "2")->Close();
+        EXPECT_TRUE(WaitFor([&] { return ReadWhole(PathOf(szName)) == "2"; }, 5000));
+    }
+    m_configuration.m_blManagesOn = false;
+    EXPECT_TRUE(WaitFor([&] { return m_configuration.m_uManaged == 1; }, 5000)) << "nobody ended that by force";
+}
+
 TEST_F(SharedCollector, WhatEndsAStreamIsLogged)
 {
     StartAndAnnounce();

@@ -179,10 +179,14 @@ public:
         SStrCpy(a_szPath, a_sizetPath, m_mapstrPath[a_eospath].c_str());
         return *a_szPath ? EOSSTS_SUCCESS : EOSSTS_FAIL;
     }
-    void ManageLogDirectories(const char* a_szLogFolder) override
+    void ManageLogDirectories(const char* a_szLogFolder, const COsThread*) override
     {
-        const std::lock_guard<std::mutex> guard(m_mutex);
-        m_vecstrManaged.push_back(a_szLogFolder);
+        {
+            const std::lock_guard<std::mutex> guard(m_mutex);
+            m_vecstrManaged.push_back(a_szLogFolder);
+        }
+        WaitFor([this] { return !m_blManagesOn; });
+        ++m_uManaged;
     }
     void ReleaseManagedDirectory() override { ++m_uReleased; }
 
@@ -208,6 +212,8 @@ public:
     }
 
     std::atomic<unsigned> m_uReleased = 0;
+    std::atomic<bool> m_blManagesOn = false;   // folders are looked after until it is false again
+    std::atomic<unsigned> m_uManaged = 0;
 
 private:
     std::mutex m_mutex;

@@ -52,10 +52,10 @@ EOSSTS OsCfgGetPath(EOSPATH a_eospath, char* a_szPath, size_t a_sizetPath)
     return EOSSTS_FAIL;
 }
 
-void OsCfgManageLogDirectories(const char* a_szLogFolder)
+void OsCfgManageLogDirectories(const char* a_szLogFolder, const COsThread* a_posthread)
 {
     if (COsCfgSource* const poscfgsource = Source())
-        poscfgsource->ManageLogDirectories(a_szLogFolder);
+        poscfgsource->ManageLogDirectories(a_szLogFolder, a_posthread);
 }
 
 void OsCfgReleaseManaged()

@@ -116,6 +116,8 @@ enum EOSPATH : uint32_t
     OS_PATH_LAST = 134,
 };
 
+class COsThread;
+
 // What stands behind the reads.
 class COsCfgSource
 {
@@ -132,8 +134,9 @@ public:
     // EOSSTS_FAIL, with an empty path, for an identifier that does not resolve.
     virtual EOSSTS GetPath(EOSPATH a_eospath, char* a_szPath, size_t a_sizetPath) = 0;
 
-    // Looks after the log folders around a_szLogFolder: what has expired goes. Runs on the calling thread.
-    virtual void ManageLogDirectories(const char* a_szLogFolder) = 0;
+    // Looks after the log folders around a_szLogFolder: what has expired goes. Runs on the calling thread, and returns
+    // soon when a_posthread (may be null) is asked to stop.
+    virtual void ManageLogDirectories(const char* a_szLogFolder, const COsThread* a_posthread) = 0;
 
     // Stores a value; the text must live as long as the configuration.
     virtual EOSSTS SetString(EOSCFGSECTION, EOSCFGTAG, const char*) { return EOSSTS_FAIL; }
@@ -174,7 +177,7 @@ extern std::atomic<OsCfgPathProc> g_poscfgpathproc;
 EOSSTS OsCfgGetPath(EOSPATH a_eospath, char* a_szPath, size_t a_sizetPath);
 
 // Does nothing without a configuration.
-void OsCfgManageLogDirectories(const char* a_szLogFolder);
+void OsCfgManageLogDirectories(const char* a_szLogFolder, const COsThread* a_posthread);
 void OsCfgReleaseManaged();
 
 // A global switch of the common settings file: its value, or a_szDefault (never null) when the key or the file is

@@ -84,10 +84,10 @@ EOSSTS COsCfg::GetPath(EOSPATH a_eospath, char* a_szPath, size_t a_sizetPath)
     return EOSSTS_FAIL;
 }
 
-void COsCfg::ManageLogDirectories(const char* a_szLogFolder)
+void COsCfg::ManageLogDirectories(const char* a_szLogFolder, const COsThread* a_posthread)
 {
     if (Usable(m_poscfgimpl))
-        m_poscfgimpl->ManageLogDirectories(a_szLogFolder);
+        m_poscfgimpl->ManageLogDirectories(a_szLogFolder, a_posthread);
 }
 
 void COsCfg::ReleaseManagedDirectory()
@@ -143,7 +143,6 @@ COsCfgImpl::~COsCfgImpl()
 
 void COsCfgImpl::StopManagement()
 {
-    m_blStopManaging.store(true);
     OSMEMDELETE(m_posthreadManage);
     ReleaseManagedDirectory();
     OSMEMDELETE(m_posfileLock);

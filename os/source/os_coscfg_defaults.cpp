@@ -249,7 +249,7 @@ void COsCfgImpl::StoreHostProgram()
 static uint32_t ManageProc(COsThread* a_posthread)
 {
     auto* const poscfgimpl = static_cast<COsCfgImpl*>(a_posthread->Argument());
-    poscfgimpl->ManageLogDirectories(poscfgimpl->m_szLogDirectory);
+    poscfgimpl->ManageLogDirectories(poscfgimpl->m_szLogDirectory, a_posthread);
     return 0;
 }
 

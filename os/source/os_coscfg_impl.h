@@ -237,7 +237,7 @@ public:
     // be computed.
     void Load();
 
-    void ManageLogDirectories(const char* a_szLogFolder);
+    void ManageLogDirectories(const char* a_szLogFolder, const COsThread* a_posthread);
     void ReleaseManagedDirectory();
     EOSSTS WriteReport();
 
@@ -344,7 +344,6 @@ private:
     EOSSTS LoadIni(const char* a_szPath, std::unique_ptr<char[]>& a_szBuffer, OsCfgLoadMode a_oscfgloadmode);
 
     COsThread* m_posthreadManage = nullptr;
-    std::atomic<bool> m_blStopManaging = false;
     uint64_t m_u64LockFiles = 0;           // the lock of the two
     COsFile* m_posfileLock = nullptr;      // "log.lock" of our own log folder
     COsFile* m_posfileManaged = nullptr;   // and of one that we look after for another process

@@ -10,6 +10,7 @@
 #include "os_cosfile_system.h"
 #include "os_cosspinlock.h"
 #include "os_cosstring.h"
+#include "os_costhread.h"
 #include "os_log.h"
 #include "os_new.h"
 #include "os_scope.h"
@@ -200,7 +201,7 @@ static std::vector<LogFolder> Expired(std::vector<LogFolder> a_veclogfolder, lon
 
 // ---------------------------------------------------------------------------------------------------- the management
 
-void COsCfgImpl::ManageLogDirectories(const char* a_szLogFolder)
+void COsCfgImpl::ManageLogDirectories(const char* a_szLogFolder, const COsThread* a_posthread)
 {
     if (!a_szLogFolder || !*a_szLogFolder)
         return;
@@ -220,7 +221,8 @@ void COsCfgImpl::ManageLogDirectories(const char* a_szLogFolder)
     szParent[sizetParent > 0 || *szParent != '\\' ? sizetParent : 1] = 0;
 
     const auto mayGo = [&](const LogFolder& a_logfolder) {
-        return !m_blStopManaging.load() && !IsSameFolder(a_logfolder.strPath.c_str(), a_szLogFolder) &&
+        const bool blStop = a_posthread && a_posthread->StopState() != 1;
+        return !blStop && !IsSameFolder(a_logfolder.strPath.c_str(), a_szLogFolder) &&
                !IsSameFolder(a_logfolder.strPath.c_str(), m_szLogDirectory);
     };
     for (const LogFolder& logfolder : ListLogFolders(szParent))

@@ -18,7 +18,7 @@
 
 static constexpr char g_szSource[] = "os/source/os_coslogcollector";
 
-static constexpr int32_t g_i32ManageTimeout = 1000;
+static constexpr uint32_t g_u32ManageTimeout = 1000;
 static constexpr size_t g_sizetRestMost = 8 << 20;   // more than a connection holds: who sends on and on ends there
 
 uint32_t COsLogCollectorImpl::LogDataEntry(COsThread* a_posthread)
@@ -41,12 +41,11 @@ void COsLogCollectorImpl::LogData(const LogCollectorRecord& a_logcollectorrecord
     a_logcollectorrecord.possocket->SocketDisconnect(false);   // who still sends is to notice
     RemoveIfEmpty(szLogFile);
 
-    const int32_t i32Live = MarkFinished(a_logcollectorrecord.posfile);
+    // While the record is live: who sweeps a finished one waits for its reader.
     if (posthreadManage)
-    {
-        posthreadManage->Stop(false, g_i32ManageTimeout);
-        OSMEMDELETE(posthreadManage);
-    }
+        posthreadManage->WaitForEnd(g_u32ManageTimeout);
+    OSMEMDELETE(posthreadManage);
+    const int32_t i32Live = MarkFinished(a_logcollectorrecord.posfile);
     if (m_collectormode == OS_COLLECTORMODE_PRIVATE && i32Live == 0)
         g_bLogCollectorStop.store(1);
 }
@@ -192,7 +191,7 @@ static uint32_t ManageLogDirectories(COsThread* a_posthread)
 {
     char szFolder[OS_PATHSIZE];
     SStrCpy(szFolder, sizeof szFolder, static_cast<const char*>(a_posthread->Argument()));
-    OsCfgManageLogDirectories(szFolder);
+    OsCfgManageLogDirectories(szFolder, a_posthread);
     a_posthread->Exit();
     return 0;
 }
