@@ -19,6 +19,7 @@
 static constexpr char g_szSource[] = "os/source/os_coslogcollector";
 
 static constexpr uint32_t g_u32ManageTimeout = 1000;
+static constexpr uint32_t g_u32OpenTries = 1000;
 static constexpr size_t g_sizetRestMost = 8 << 20;   // more than a connection holds: who sends on and on ends there
 
 uint32_t COsLogCollectorImpl::LogDataEntry(COsThread* a_posthread)
@@ -120,18 +121,18 @@ static void WritePiece(COsFile* a_posfile, const char* a_pchText, size_t a_sizet
 }
 
 // Another stream of the same file may end, and remove the file because it is still empty, between our open and the
-// moment when the file counts as in use: then the file is made again.
+// moment when the file counts as in use: then the file is made again. What never has a name is taken as it is.
 static bool OpenLogFile(COsFile* a_posfile, const char* a_szLogFile)
 {
-    for (;;)
+    for (uint32_t u32Try = 1; a_posfile->Open(a_szLogFile, OS_FILEOPEN_ALWAYS, OS_FILEACCESS_READWRITE,
+                                              OS_FILESHARE_READWRITE) == EOSSTS_SUCCESS;
+         ++u32Try)
     {
-        if (a_posfile->Open(a_szLogFile, OS_FILEOPEN_ALWAYS, OS_FILEACCESS_READWRITE, OS_FILESHARE_READWRITE) !=
-            EOSSTS_SUCCESS)
-            return false;
-        if (a_posfile->HasName())
+        if (a_posfile->HasName() || u32Try == g_u32OpenTries)
             return true;
         a_posfile->Close();
     }
+    return false;
 }
 
 void COsLogCollectorImpl::TakeStream(const LogCollectorRecord& a_logcollectorrecord, char* a_szLogFile,
