@@ -37,9 +37,9 @@ void COsLogCollectorImpl::LogData(const LogCollectorRecord& a_logcollectorrecord
     COsThread* posthreadManage = nullptr;
     char szLogFile[OS_PATHSIZE] = {};
     TakeStream(a_logcollectorrecord, szLogFile, posthreadManage);
+    a_logcollectorrecord.possocket->SocketDisconnect(false);   // who still sends is to notice, at once
     m_oslogopenfiles.Remove(a_logcollectorrecord.posfile);
     a_logcollectorrecord.posfile->Close();
-    a_logcollectorrecord.possocket->SocketDisconnect(false);   // who still sends is to notice
     RemoveIfEmpty(szLogFile);
 
     // While the record is live: who sweeps a finished one waits for its reader.
