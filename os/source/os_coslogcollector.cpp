@@ -85,10 +85,12 @@ EOSSTS COsLogCollector::ClientWrite(const void* a_pvBuffer, size_t a_sizetBytes)
 
 void COsLogCollector::TakeClientSocket(COsSocket* a_possocket)
 {
-    if (Usable(m_poslogcollectorimpl))
-        m_poslogcollectorimpl->TakeClientSocket(a_possocket);
-    else
+    if (!Usable(m_poslogcollectorimpl))
+    {
         delete a_possocket;
+        return;
+    }
+    m_poslogcollectorimpl->TakeClientSocket(a_possocket);
 }
 
 // ------------------------------------------------------------------------------------------------ construction
