@@ -96,9 +96,13 @@ void COsLogCollectorImpl::FreeRecords()
     for (; precord; precord = static_cast<LogCollectorRecord*>(m_poslnk->GetNext(precord)))
     {
         if (precord->posthread->WaitForEnd(0))
+        {
             FreeRecord(*precord);
+        }
         else
+        {
             m_blStraggler = true;
+        }
     }
     m_poslnk->Unlock();
 }
