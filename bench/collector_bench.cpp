@@ -30,9 +30,13 @@ static std::vector<TargetKind> InstalledTargets()
     for (const TargetKind& targetkind : g_vectargetkind)
     {
         if (IsInstalled(targetkind))
+        {
             vectargetkind.push_back(targetkind);
+        }
         else
+        {
             std::printf("%s is not installed (./bench.sh --peers installs it)\n", targetkind.szName);
+        }
     }
     return vectargetkind;
 }
@@ -85,8 +89,10 @@ static void RunCell(const std::vector<TargetKind>& a_vectargetkind, const Load& 
         const double dOtherSpeed = Median(vecfigures[sizet].vecdMegabytesPerSecond);
         const double dOtherCost = Median(vecfigures[sizet].vecdSecondsPerGigabyte);
         if (dOtherSpeed > 0)
+        {
             std::printf(" | %s x%.2f speed x%.2f cost", a_vectargetkind[sizet].szName, dSpeed / dOtherSpeed,
                         dCost / dOtherCost);
+        }
     }
     std::printf("\n");
     std::fflush(stdout);
