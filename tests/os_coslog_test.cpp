@@ -338,8 +338,8 @@ TEST_F(LoggerTest, ThreadsThatBeginTogetherLoseNoLine)
     }
 }
 
-// Starting anew and flushing go on beside the lines: what is written is whole, and numbered without a gap.
-TEST_F(LoggerTest, ARestartAmongLinesLeavesNoGap)
+// Starting anew and flushing go on beside the lines: each of them is written, whole, and numbered without a gap.
+TEST_F(LoggerTest, ARestartAmongLinesLosesNone)
 {
     Begin();
     std::atomic<bool> blStop{false};
@@ -354,6 +354,7 @@ TEST_F(LoggerTest, ARestartAmongLinesLeavesNoGap)
         Log(OS_LOG_NOTE, std::to_string(i));
     blStop = true;
     thread.join();
+    EXPECT_EQ(Messages().size(), 2001u);
     EXPECT_EQ(std::stoi(Lines().back().substr(0, 5)), static_cast<int>(Lines().size()) - 1);
 }
 

@@ -1,7 +1,9 @@
 // plat_process_test.cpp: what processes owe, on whichever system.
 #include "plat_child.h"
 
+#include <csignal>
 #include <sys/ptrace.h>
+#include <sys/time.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
@@ -54,6 +56,25 @@ TEST_F(Process, TellsWhyAProgramCannotRun)
     EXPECT_EQ(error(wszProgram, Wide(PathOf("none"))), PLAT_ERROR_DIRECTORY);
     EXPECT_FALSE(PlatProgramPath(wszProgram, 4));
     EXPECT_EQ(PlatGetLastError(), PLAT_ERROR_INSUFFICIENTBUFFER);
+}
+
+// Also when a signal comes while the child is asked for that could not run it.
+TEST_F(Process, AProgramThatCannotRunLeavesNoChild)
+{
+    struct sigaction action = {};
+    action.sa_handler = [](int) {};
+    sigaction(SIGALRM, &action, nullptr);
+    const itimerval itimervalOften{{0, 200}, {0, 200}};
+    const itimerval itimervalNever{};
+    setitimer(ITIMER_REAL, &itimervalOften, nullptr);
+    for (int i = 0; i < 4000; ++i)
+    {
+        const PlatProcessStart platprocessstart{u"/none", u"none", nullptr, nullptr, {}, true, false};
+        uint64_t u64ProcessId = 0;
+        EXPECT_EQ(PlatProcessCreate(&platprocessstart, &u64ProcessId), PLAT_INVALID);
+    }
+    setitimer(ITIMER_REAL, &itimervalNever, nullptr);
+    EXPECT_EQ(waitpid(-1, nullptr, WNOHANG), -1);
 }
 
 // What a_test() says in a child that this process traces; -1 when the machine allows no tracing.

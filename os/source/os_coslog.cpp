@@ -316,6 +316,8 @@ void COsLogImpl::StartCollector()
     if (m_uniqueCollector || !*szLogFile)
         return;
     const bool blPrivate = StrICmp(OsCfgGetCommon("LogCollector", "enabled"), "enabled") == 0;
+    // Other threads wait for the end of it instead of losing their lines.
+    const OsLogGuard oslogguard(m_osloglockFirst, OS_LOGFIRSTTIMEOUT);
     const COsLogSuppress oslogsuppress;
     std::unique_ptr<COsLogCollector> uniqueCollector(new (std::nothrow) COsLogCollector(
         blPrivate ? OS_COLLECTORMODE_PRIVATECLIENT : OS_COLLECTORMODE_SHAREDCLIENT, szLogFile));

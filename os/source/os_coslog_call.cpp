@@ -20,9 +20,6 @@ static constexpr uint64_t g_u64ClockPerMillisecond = 10000;
 static constexpr uint64_t g_u64ClockPerMicrosecond = 10;
 static constexpr uint32_t g_u32CheckModeTell = 0x2;
 
-// The header asks others, who may wait for a lock that a thread holds which waits here.
-static constexpr uint32_t g_u32FirstTimeout = 250;   // ms
-
 void COsLogImpl::Log(const OsLogCall& a_oslogcall, va_list a_valist)
 {
     if (Passes(a_oslogcall))
@@ -38,16 +35,19 @@ bool COsLogImpl::Passes(const OsLogCall& a_oslogcall)
     return Path()->blLogs && LevelPasses(a_oslogcall.u32Level) && FilterPasses(a_oslogcall) && StateAllows();
 }
 
-// Logging is suppressed also while another call does what comes before a first line. Its end is waited for, but not
-// from inside the logger, where that call may wait for this thread.
+// Logging is suppressed also while another thread does what comes before a first line. Its end is waited for, but not
+// from inside the logger, where that thread may wait for this one.
 bool COsLogImpl::StateAllows()
 {
-    const int iState = OsLogGetState();
-    if (iState != OS_LOGSTATE_SUPPRESSED)
-        return iState == OS_LOGSTATE_ON;
-    if (m_osloglockFirst.IsHeld() && (IsInside() || !m_osloglockFirst.Wait(g_u32FirstTimeout)))
-        return false;
-    return OsLogGetState() == OS_LOGSTATE_ON;
+    int iState = OsLogGetState();
+    while (iState == OS_LOGSTATE_SUPPRESSED && m_osloglockFirst.IsHeld())
+    {
+        if (IsInside() || !m_osloglockFirst.Wait(OS_LOGFIRSTTIMEOUT))
+            return false;
+        iState = OsLogGetState();
+    }
+    // The lock may have been let go, and the state with it, after the first look at the state.
+    return (iState == OS_LOGSTATE_SUPPRESSED ? OsLogGetState() : iState) == OS_LOGSTATE_ON;
 }
 
 bool COsLogImpl::LevelPasses(uint32_t a_u32Level) const
@@ -244,7 +244,7 @@ bool COsLogImpl::IsPrepared(const OsLogPath& a_oslogpath) const
 
 bool COsLogImpl::PrepareFirst(OsLogSlot& a_oslogslot)
 {
-    const OsLogGuard oslogguard(m_osloglockFirst, g_u32FirstTimeout);
+    const OsLogGuard oslogguard(m_osloglockFirst, OS_LOGFIRSTTIMEOUT);
     if (!oslogguard.Held() || !FolderIsThere(a_oslogslot))
         return false;
     a_oslogslot.poslogpath = Path();

@@ -33,6 +33,9 @@ inline constexpr size_t OS_LOGMARGIN = 256;       // that a line buffer has beyo
 inline constexpr size_t OS_LOGGROWTH = 8192;      // what a new one gets beyond that
 inline constexpr size_t OS_LOGPREFIXMAX = 128;    // room for a prefix, a part of the margin
 
+// What precedes a first line asks others, who may wait for a lock that a thread holds which waits for its end.
+inline constexpr uint32_t OS_LOGFIRSTTIMEOUT = 250;   // ms
+
 // A lock that a thread waits for with a limit. A signal handler that logs may find that the thread which it interrupted
 // holds it: it is refused then.
 class OsLogLock

@@ -262,8 +262,7 @@ namespace
 {
 struct PosixChild
 {
-    int iProcess = g_iNone;   // pidfd
-    pid_t pid = 0;
+    int iProcess = g_iNone;   // pidfd: a number may be another child's once somebody else has asked for the code
     std::mutex mutex;
     bool blEnded = false;   // and asked for
     bool blTerminated = false;
@@ -272,10 +271,10 @@ struct PosixChild
 };
 }   // namespace
 
-static bool HasEnded(pid_t a_pid, siginfo_t* a_psiginfo)
+static bool HasEnded(int a_iProcess, siginfo_t* a_psiginfo)
 {
     const int iResult =
-        PosixRetry([&] { return waitid(P_PID, static_cast<id_t>(a_pid), a_psiginfo, WEXITED | WNOHANG); });
+        PosixRetry([&] { return waitid(P_PIDFD, static_cast<id_t>(a_iProcess), a_psiginfo, WEXITED | WNOHANG); });
     return iResult != 0 || a_psiginfo->si_pid != 0;   // no such child: the kernel was told to forget it by itself
 }
 
@@ -292,7 +291,7 @@ static uint32_t CodeOf(const siginfo_t& a_siginfo, const PosixChild& a_posixchil
 static bool AskForEnd(PosixChild* a_pposixchild)
 {
     siginfo_t siginfo{};
-    if (a_pposixchild->blEnded || !HasEnded(a_pposixchild->pid, &siginfo))
+    if (a_pposixchild->blEnded || !HasEnded(a_pposixchild->iProcess, &siginfo))
         return a_pposixchild->blEnded;
     a_pposixchild->u32ExitCode = CodeOf(siginfo, *a_pposixchild);
     a_pposixchild->blEnded = true;
@@ -367,20 +366,20 @@ PlatHandle PlatProcessCreate(const PlatProcessStart* a_pplatprocessstart, uint64
         PlatSetLastError(PLAT_ERROR_NOMEMORY);
         return PLAT_INVALID;
     }
-    uniqueChild->pid = Start(launch, &uniqueChild->iProcess);
-    if (uniqueChild->pid < 0)
+    const pid_t pid = Start(launch, &uniqueChild->iProcess);
+    if (pid < 0)
     {
         PosixFailErrno();
         return PLAT_INVALID;
     }
     if (launch.iError != 0)
     {
-        waitpid(uniqueChild->pid, nullptr, 0);
+        PosixRetry([&] { return waitpid(pid, nullptr, 0); });
         close(uniqueChild->iProcess);
         PlatSetLastError(LaunchError(launch));
         return PLAT_INVALID;
     }
-    *a_pu64ProcessId = static_cast<uint64_t>(uniqueChild->pid);
+    *a_pu64ProcessId = static_cast<uint64_t>(pid);
     return PosixMakeHandle(PosixKind::Child, uniqueChild.release());
 }
 
