@@ -14,6 +14,7 @@
 #include <cstring>
 #include <new>
 #include <thread>
+#include <utility>
 
 static constexpr uint64_t g_u64ClockPerSecond = 10000000;   // units of 100 ns
 static constexpr uint64_t g_u64ClockPerMillisecond = 10000;
@@ -130,6 +131,7 @@ void COsLogImpl::ReclaimSlots()
             m_au64ThreadId[sizetSlot].load(std::memory_order_relaxed) == u64ThreadId && !PlatThreadIsAlive(u64ThreadId);
         if (blEnded)
         {
+            ReleaseFile(std::exchange(oslogslot.poslogfile, nullptr));   // of one that was ended inside a call
             delete[] oslogslot.szBuffer;
             oslogslot.szBuffer = nullptr;
             m_au64ThreadId[sizetSlot].store(0, std::memory_order_release);
