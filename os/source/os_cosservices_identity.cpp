@@ -137,8 +137,7 @@ void TakeVersion(const char* a_szDocument, OsServicesIdentity& a_osservicesident
     }
 }
 
-// ----------------------------------------------------------------------------------------- what the program's files
-// say
+// ------------------------------------------------------------------------------------ what the program's files say
 
 const char* ResourceOfModule(const char*, const char* a_szName)
 {

@@ -1,7 +1,6 @@
 // os_cossync_group.cpp: the group of an event: joining its shared file, leaving it, and what a wait needs of it.
 //
-// - The group's file is made, joined and removed by one party at a time, so that nobody sees it half made, and goes
-// with
+// - The group's file is made, joined and removed by one party at a time, so that nobody sees it half made. It goes with
 //   the last of its events, whichever that is.
 // - The events that this process registered are in a list of its own. What stands in the shared block beside them, of
 //   another process, of one that was killed or written by anybody else, is never waited for.
