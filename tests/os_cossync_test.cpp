@@ -229,3 +229,13 @@ TEST_F(GroupedEvent, ForgedBlockDoesNoHarm)
     EXPECT_EQ(szName, std::string(OS_PATHSIZE - 1, 'A'));
     EXPECT_EQ(ossyncBystander.EventWait(0, nullptr), EOSSTS_SUCCESS);
 }
+
+TEST_F(GroupedEvent, LockOfAKilledProcessHoldsUpNobodyForLong)
+{
+    FillGroup();
+    m_listossync.back().EventSet();
+    Overwrite(m_path / "group", sizeof(uint64_t), Bytes(1));
+    char szName[OS_PATHSIZE];
+    EXPECT_EQ(m_listossync.front().EventWait(0, szName), EOSSTS_SUCCESS);
+    EXPECT_STREQ(szName, "event7");
+}

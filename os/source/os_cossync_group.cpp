@@ -23,7 +23,8 @@
 
 static constexpr char g_szSource[] = "os/source/os_cossync";
 
-static constexpr uint32_t g_u32FileLockTimeout = 5000;   // milliseconds
+static constexpr uint32_t g_u32FileLockTimeout = 5000;   // milliseconds, like the other
+static constexpr uint32_t g_u32LockTimeout = 2000;
 
 // The events of this process that have a slot, and the spin lock of the list. Taken inside a group's lock.
 static COsSyncImpl* g_possyncimplFirst = nullptr;
@@ -73,6 +74,25 @@ private:
     }
 
     PlatHandle m_plathandle = PLAT_INVALID;
+};
+
+// Holds the lock of the shared block, which is held for a few instructions at a time. One that stays taken was left so
+// by a process that was killed within them: it is taken over.
+class GroupGuard
+{
+public:
+    explicit GroupGuard(OsSyncGroup* a_possyncgroup) : m_pu64Lock(&a_possyncgroup->u64Lock)
+    {
+        const uint64_t u64End = PlatTicks() + g_u32LockTimeout;
+        while (!SpinLockTry(m_pu64Lock) && PlatTicks() < u64End)
+            PlatSleep(0);
+    }
+    ~GroupGuard() { SpinLockRelease(m_pu64Lock); }
+    GroupGuard(const GroupGuard&) = delete;
+    GroupGuard& operator=(const GroupGuard&) = delete;
+
+private:
+    uint64_t* m_pu64Lock;
 };
 }   // namespace
 
@@ -159,7 +179,7 @@ bool COsSyncImpl::GroupMap()
 
 bool COsSyncImpl::GroupRegister()
 {
-    const COsSpinGuard spinguard(&m_possyncgroupShared->u64Lock);
+    const GroupGuard groupguard(m_possyncgroupShared);
     if (m_possyncgroupShared->u64Size < sizeof(OsSyncGroup))
     {
         OSLOG(OS_LOG_CHECK, "sync>>> mismatch detected in OsSyncGroup...%d < %d",
@@ -185,7 +205,7 @@ bool COsSyncImpl::GroupRegister()
 
 void COsSyncImpl::GroupUnregister()
 {
-    const COsSpinGuard spinguard(&m_possyncgroupShared->u64Lock);
+    const GroupGuard groupguard(m_possyncgroupShared);
     m_possyncgroupShared->au64Handle[m_u64Slot - 1] = 0;
     std::memset(m_possyncgroupShared->aszName[m_u64Slot - 1], 0, OS_PATHSIZE);
     const COsSpinGuard spinguardList(&g_u64ListLock);
@@ -233,7 +253,7 @@ bool COsSyncImpl::IsRegistered(uint64_t a_u64Handle, uint32_t a_u32Slot)
 
 void COsSyncImpl::GroupAppend(OsSyncWaitList& a_ossyncwaitlist) const
 {
-    const COsSpinGuard spinguard(&m_possyncgroupShared->u64Lock);
+    const GroupGuard groupguard(m_possyncgroupShared);
     std::memcpy(m_possyncgroupCopy, m_possyncgroupShared, sizeof(OsSyncGroup));
     for (uint32_t u32Slot = 0; u32Slot < OS_SYNCGROUP_SLOTS; ++u32Slot)
     {
@@ -247,7 +267,7 @@ void COsSyncImpl::GroupAppend(OsSyncWaitList& a_ossyncwaitlist) const
 // Another thread's wait may renew the copy meanwhile, hence the lock.
 bool COsSyncImpl::GroupNameOf(PlatHandle a_plathandle, char* a_szName) const
 {
-    const COsSpinGuard spinguard(&m_possyncgroupShared->u64Lock);
+    const GroupGuard groupguard(m_possyncgroupShared);
     for (uint32_t u32Slot = 0; u32Slot < OS_SYNCGROUP_SLOTS; ++u32Slot)
     {
         if (m_possyncgroupCopy->au64Handle[u32Slot] != a_plathandle)
