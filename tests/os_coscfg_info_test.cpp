@@ -2,7 +2,6 @@
 #include "coscfg_support.h"
 
 #include <cstring>
-#include <unistd.h>
 
 namespace fs = std::filesystem;
 
@@ -97,21 +96,6 @@ TEST_F(UserName, IsTheLastUserInTheServicesSession)
     WriteWhole(path / "lastuser.txt", "someone\r\n");
     EXPECT_TRUE(OsCfgIsService());
     EXPECT_STREQ(OsCfgInfoString(OS_CFGINFO_OS_USERNAME), "someone");
-}
-
-// The name of somebody else's account is not believed when it comes from the environment.
-TEST_F(UserName, IsTheAccountOfTheProcess)
-{
-    setenv("LOGNAME", geteuid() == 0 ? "daemon" : "root", 1);
-    PlatSetLastError(77);
-    char16_t wszName[256] = {};
-    if (!PlatUserName(PLAT_USER_SESSION, wszName, 256))
-        GTEST_SKIP() << "this account has no name here";
-    EXPECT_EQ(PlatGetLastError(), 77u);
-    EXPECT_EQ(std::u16string(wszName) == u"root", geteuid() == 0);
-    char16_t wszAccount[256] = {};
-    EXPECT_TRUE(PlatUserName(PLAT_USER_ACCOUNT, wszAccount, 256));
-    EXPECT_EQ(std::u16string(wszName), wszAccount);
 }
 
 // -------------------------------------------------------------------------------------------------------- the brand
