@@ -39,7 +39,8 @@ PlatHandle PlatFileOpen(const char16_t* a_wszPath, uint32_t a_u32Access, uint32_
 // At the handle's own position, which moves on. *a_psizetRead 0 with true: the end of the file.
 bool PlatFileRead(PlatHandle a_plathandle, void* a_pvBuffer, size_t a_sizetBytes, size_t* a_psizetRead);
 
-// Writes all bytes; *a_psizetWritten (may be null) tells how many were, also on failure.
+// Writes all bytes; *a_psizetWritten (may be null) tells how many were, also on failure. A limit of the file's size is
+// a failure like a full disk (112), never a signal that ends the process.
 bool PlatFileWrite(PlatHandle a_plathandle, const void* a_pvBuffer, size_t a_sizetBytes, size_t* a_psizetWritten);
 
 // Writes all bytes at what is the end of the file at that moment, in one piece as long as the system takes them in
@@ -120,6 +121,9 @@ struct PlatFileIdentity
 };
 
 bool PlatFileGetIdentity(PlatHandle a_plathandle, PlatFileIdentity* a_pplatfileidentity);
+
+// True when opening the path now would give this very file. Opens nothing where the system can tell without.
+bool PlatFileIsNamed(PlatHandle a_plathandle, const char16_t* a_wszPath);
 
 // No longer read-only, hidden or the system's. Does nothing to what a link points to.
 bool PlatFileClearAttributes(const char16_t* a_wszPath);

@@ -57,6 +57,10 @@ bool PlatSocketSetOption(PlatHandle a_plathandle, PlatSocketOption a_platsocketo
 
 // How much the system keeps of what was sent and has not arrived, in bytes and roughly. Before the connect.
 bool PlatSocketSetSendBuffer(PlatHandle a_plathandle, uint32_t a_u32Bytes);
+
+// How much the system keeps of what has arrived and was not read, in bytes and roughly. Set on a listener it holds for
+// the connections that are accepted from it. Before the connect or the listen.
+bool PlatSocketSetReceiveBuffer(PlatHandle a_plathandle, uint32_t a_u32Bytes);
 bool PlatSocketName(PlatHandle a_plathandle, PlatAddress* a_pplataddress);   // the address that it is bound to
 
 // What of a_u32Mask the socket has to report now, 0 for nothing. A connection whose peer has closed reports
@@ -70,6 +74,34 @@ uint32_t PlatSocketPoll(PlatHandle a_plathandle, uint32_t a_u32Mask);
 // be on several events. PlatEventSet and PlatEventReset do nothing to it.
 PlatHandle PlatSocketEventCreate();
 bool PlatSocketEventSelect(PlatHandle a_plathandle, PlatHandle a_plathandleEvent, uint32_t a_u32Mask);
+
+// Who owns a socket of this machine, as the system tells it.
+enum PlatOwner : uint32_t
+{
+    PLAT_OWNER_UNKNOWN = 0,   // the system does not tell, of no socket
+    PLAT_OWNER_NONE = 1,      // there is no such socket, or nobody has it open any more
+    PLAT_OWNER_SAME = 2,      // the user that this process works for
+    PLAT_OWNER_SYSTEM = 3,    // another user, who may do everything on this machine
+    PLAT_OWNER_OTHER = 4,     // any other user
+};
+
+struct PlatSocketOwner
+{
+    PlatOwner platowner;
+    uint64_t u64User;        // the system's number of the user; 0 when it is unknown or nobody
+    uint64_t u64ProcessId;   // who has it open; 0 where the system does not tell
+    uint64_t u64Unread;      // bytes that have arrived there and were not read
+};
+
+// Who has the other end of a connection to this machine. False, with PLAT_OWNER_UNKNOWN, where the system cannot tell.
+bool PlatSocketPeerOwner(PlatHandle a_plathandle, PlatSocketOwner* a_pplatsocketowner);
+
+// Who listens on a port of 127.0.0.1, also where the listener takes connections for every address. u64Unread counts the
+// connections that wait. False, with PLAT_OWNER_UNKNOWN, where the system cannot tell.
+bool PlatSocketListenerOwner(uint16_t a_u16Port, PlatSocketOwner* a_pplatsocketowner);
+
+// Bytes that were sent and that the other end's system has not taken yet.
+bool PlatSocketUnsent(PlatHandle a_plathandle, size_t* a_psizetBytes);
 
 // Dotted text to address and back; a_szText has room for 16 characters. False (87): no such text.
 bool PlatAddressFromText(const char* a_szText, PlatAddress* a_pplataddress);

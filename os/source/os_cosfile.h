@@ -6,6 +6,7 @@
 
 #include "plat_types.h"
 
+#include <compare>
 #include <cstdarg>
 
 enum EOSFILEOPEN : uint32_t
@@ -40,6 +41,14 @@ enum EOSFILESEEK : uint32_t
     OS_FILESEEK_END = 3,
 };
 
+struct OsFileIdentity
+{
+    uint64_t u64Volume;
+    uint64_t u64Index;
+
+    auto operator<=>(const OsFileIdentity&) const = default;
+};
+
 class COsFileImpl;
 
 // Used by one thread at a time. While it is open, Flush may be called from any thread.
@@ -63,9 +72,10 @@ public:
     EOSSTS Read(void* a_pvBuffer, size_t a_sizetBytes, size_t* a_psizetRead);
 
     // Writes all bytes at the position; Append writes them at what is the end of the file at that moment, in one
-    // piece, and leaves the position undefined. EOSSTS_FAIL when the system refuses.
+    // piece, and leaves the position undefined. EOSSTS_FAIL when the system refuses; *a_psizetWritten (may be null)
+    // tells how many bytes were written, also then.
     EOSSTS Write(const void* a_pvBuffer, size_t a_sizetBytes);
-    EOSSTS Append(const void* a_pvBuffer, size_t a_sizetBytes);
+    EOSSTS Append(const void* a_pvBuffer, size_t a_sizetBytes, size_t* a_psizetWritten = nullptr);
 
     // Formats and writes, at any length. Returns the characters written, or -1.
     int Printf(const char* a_szFormat, ...) OS_PRINTFLIKE(2, 3);
@@ -90,6 +100,13 @@ public:
 
     // True while the open file still has a name: another party may have deleted it since.
     bool HasName() const;
+
+    // True while the name that it was opened with still names the open file: another party may have deleted, moved or
+    // replaced it since. False when it is not open.
+    bool IsNamed() const;
+
+    // Which file is open: objects of one file have the same identity, by whatever path. False when it is not open.
+    bool GetIdentity(OsFileIdentity* a_posfileidentity) const;
 
     // Gives the object a loaded shared library to release at its end: a_blLoaded: this object loaded it; a_blDrain:
     // it is freed until it has really gone, 10 times at most.

@@ -20,6 +20,7 @@
 class COsSocketImpl;
 class COsSync;
 class COsThread;
+struct PlatSocketOwner;   // plat_socket.h
 
 enum EOSSOCKETTYPE : uint32_t
 {
@@ -50,18 +51,24 @@ public:
     EOSSTS SocketCreate(const char* a_szHost, const char* a_szPort, const char* a_szName, COsSocket* a_possocketSource);
     EOSSTS SocketListen();
 
+    // A listener: how much the system keeps of each of its connections that was not read, in bytes and roughly. Before
+    // SocketListen.
+    EOSSTS SocketSetReceiveBuffer(uint32_t a_u32Bytes);
+
     // Waits for a connection without limit. EOSSTS_EXITED when a_possyncStop (may be null) is signalled,
-    // EOSSTS_NOTOPEN without a listener, EOSSTS_CANCELLED, EOSSTS_FAIL.
+    // EOSSTS_NOTOPEN without a listener, EOSSTS_CANCELLED; EOSSTS_NOMEMORY when the connection cannot be taken now for
+    // want of descriptors or memory: it waits on, and may be tried again; EOSSTS_FAIL.
     EOSSTS SocketAccept(COsSync* a_possyncStop);
 
     struct ConnectArgs
     {
         const char* szHost = nullptr;   // null: 127.0.0.1
         const char* szPort = nullptr;
-        const char* szName = "";     // a label for the log
-        uint64_t u64ProcessId = 0;   // its end aborts every wait of the connection
-        bool blSecure = false;       // told in the log only
-        int32_t i32Timeout = -1;     // -1: 20000
+        const char* szName = "";       // a label for the log
+        uint64_t u64ProcessId = 0;     // its end aborts the attempt, and every later wait of the connection
+        bool blWatchAttempt = false;   // its end aborts the attempt alone
+        bool blSecure = false;         // told in the log only
+        int32_t i32Timeout = -1;       // -1: 20000
         bool blNoDelay = false;
         uint32_t u32SendBuffer = 0;   // bytes that may be on their way, roughly; 0: as the system sees fit
     };
@@ -98,6 +105,21 @@ public:
     };
     // Hands over what one send takes, possibly less than asked. EOSSTS_DISCONNECTED when the peer has gone.
     EOSSTS SocketWrite(const WriteArgs& a_writeargs, size_t* a_psizetWritten);
+
+    // Hands over what the system takes at once, possibly nothing, of a TCP connection, and logs nothing.
+    // EOSSTS_SUCCESS with the number of bytes; EOSSTS_DISCONNECTED when the peer has gone or closed: nothing is sent to
+    // it then; EOSSTS_NOTOPEN.
+    EOSSTS SocketTrySend(const void* a_pvBuffer, size_t a_sizetBuffer, size_t* a_psizetSent);
+
+    // Closes the sending direction of a TCP connection: the peer reads what was sent, then the end. Reading goes on.
+    EOSSTS SocketEndSending();
+
+    // Who has the other end of a TCP connection of this machine, and how much of what arrived there was not read.
+    // EOSSTS_FAIL where the system cannot tell.
+    EOSSTS SocketPeerOwner(PlatSocketOwner* a_pplatsocketowner);
+
+    // Bytes that were sent and have not arrived at the peer's system.
+    EOSSTS SocketUnsent(size_t* a_psizetBytes);
 
     // The one wait of the TCP transport. Each of the words may be null: what is not asked is not reported. *read: on
     // entry 1 accept, 2 connect, else read; all: on return the events seen (PLAT_SOCKET_...). A wait for writing
