@@ -162,6 +162,14 @@ bool COsLogDestination::OpenNew(OsLogSlot& a_oslogslot)
     return true;
 }
 
+bool COsLogDestination::Open(OsLogSlot& a_oslogslot)
+{
+    if (UsesCollector() || OpenFile(a_oslogslot))
+        return true;
+    a_oslogslot.poslogpath->TakeNumber();
+    return false;
+}
+
 // Sees to it that this call has the file open that the path names now.
 bool COsLogDestination::OpenFile(OsLogSlot& a_oslogslot)
 {

@@ -81,7 +81,7 @@ public:
     // Before a line is formatted: has the collector, or the file that the path names now, ready for the slot's call.
     // False: the line is lost. A first file that cannot be opened switches the logging off; later the line takes a
     // number, so that the gap shows, and the file is tried again with a later line.
-    bool Open(OsLogSlot& a_oslogslot) { return UsesCollector() || OpenFile(a_oslogslot); }
+    bool Open(OsLogSlot& a_oslogslot);
 
     // Numbers the slot's message and writes it, whole, or loses it. A lost line's number is not used again.
     void Write(OsLogSlot& a_oslogslot);

@@ -29,7 +29,6 @@ void COsLogHold::Renew()
     const OsLogGuard oslogguard(m_osloglock, 0);
     if (!oslogguard.Held() || !m_szFolder[0])
         return;
-    m_oslogfolderlock.Release();
     m_u64TryAgain = 0;
     m_blWanted = true;
 }

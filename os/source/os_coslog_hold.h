@@ -22,13 +22,13 @@ public:
     // As Move for a path in a log folder; otherwise what is held stays.
     void MoveIntoLogFolder(const char* a_szLogFile);
 
-    // The folder was removed and made again: what is held is not its lock any more.
+    // The folder was removed and made again: what is held is not its lock any more. The next line takes that.
     void Renew();
 
     // True while a folder is to be held and is not. Asked with every line.
     bool IsWanted() const { return m_blWanted.load(std::memory_order_relaxed); }
 
-    // Makes the folder if it has gone, and tries again if it is time. Waits for nobody.
+    // Makes the folder if it has gone, and tries again if it is time and no other thread does.
     void TryAgain();
 
 private:
