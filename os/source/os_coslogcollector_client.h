@@ -1,0 +1,40 @@
+// os_coslogcollector_client.h: the roles that send a stream: finding the collector, the connection with its header, log
+// lines of many threads, and who goes on with the file when the connection is given up.
+#pragma once
+
+#include "os_coslogcollector_impl.h"
+#include "os_coslogcollector_protocol.h"
+#include "os_cossocket.h"
+
+#include <atomic>
+#include <memory>
+
+class COsLogCollectorSender;
+
+class COsLogCollectorClient final : public COsLogCollectorImpl
+{
+public:
+    // a_blPrivate: of a private collector, whose port the library knows; else of a shared one.
+    COsLogCollectorClient(bool a_blPrivate, const char* a_szLogFile);
+    ~COsLogCollectorClient() override;
+
+    EOSSTS Start(const char* a_szLogFile, bool a_blCheckOther) override;
+    void Stop(char* a_szFolder, size_t a_sizetFolder) override;
+    EOSSTS ClientWrite(const void* a_pvBuffer, size_t a_sizetBytes) override;
+    void TakeClientSocket(COsSocket* a_possocket) override;
+
+private:
+    EOSSTS Find();
+    EOSSTS Connect();
+    EOSSTS SendHeader(const char* a_szLogFile);
+    void SendEndMarker();
+    bool WaitUntilRead() const;
+
+    const bool m_blPrivate;
+    char m_szHost[OS_LC_HOSTSIZE];
+    char m_szPort[OS_LC_PORTSIZE];
+    uint64_t m_u64ProcessIdApplication;   // whose end ends an attempt to connect
+    char m_szLogFile[OS_PATHSIZE];
+    std::unique_ptr<COsSocket> m_uniqueSocket;
+    std::unique_ptr<COsLogCollectorSender> m_uniqueSender;
+};
