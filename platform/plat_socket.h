@@ -93,14 +93,16 @@ struct PlatSocketOwner
     uint64_t u64Unread;      // bytes that have arrived there and were not read
 };
 
-// Who has the other end of a connection to this machine. False, with PLAT_OWNER_UNKNOWN, where the system cannot tell.
+// Who has the other end of a connection to this machine; nobody when it has broken. False, with PLAT_OWNER_UNKNOWN,
+// where the system cannot tell.
 bool PlatSocketPeerOwner(PlatHandle a_plathandle, PlatSocketOwner* a_pplatsocketowner);
 
 // Who listens on a port of 127.0.0.1, also where the listener takes connections for every address. u64Unread counts the
 // connections that wait. False, with PLAT_OWNER_UNKNOWN, where the system cannot tell.
 bool PlatSocketListenerOwner(uint16_t a_u16Port, PlatSocketOwner* a_pplatsocketowner);
 
-// Bytes that were sent and that the other end's system has not taken yet.
+// Bytes that were sent and that the other end's system has not taken yet. An end of the sending that it has not taken
+// may count as one.
 bool PlatSocketUnsent(PlatHandle a_plathandle, size_t* a_psizetBytes);
 
 // Dotted text to address and back; a_szText has room for 16 characters. False (87): no such text.

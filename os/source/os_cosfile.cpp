@@ -74,9 +74,9 @@ EOSSTS COsFile::Write(const void* a_pvBuffer, size_t a_sizetBytes)
     return Usable(m_posfileimpl) ? m_posfileimpl->Write(a_pvBuffer, a_sizetBytes, false) : EOSSTS_FAIL;
 }
 
-EOSSTS COsFile::Append(const void* a_pvBuffer, size_t a_sizetBytes)
+EOSSTS COsFile::Append(const void* a_pvBuffer, size_t a_sizetBytes, size_t* a_psizetWritten)
 {
-    return Usable(m_posfileimpl) ? m_posfileimpl->Write(a_pvBuffer, a_sizetBytes, true) : EOSSTS_FAIL;
+    return Usable(m_posfileimpl) ? m_posfileimpl->Write(a_pvBuffer, a_sizetBytes, true, a_psizetWritten) : EOSSTS_FAIL;
 }
 
 int COsFile::Printf(const char* a_szFormat, ...)
@@ -139,6 +139,16 @@ const char* COsFile::GetName() const
 bool COsFile::HasName() const
 {
     return Usable(m_posfileimpl) && m_posfileimpl->HasName();
+}
+
+bool COsFile::IsNamed() const
+{
+    return Usable(m_posfileimpl) && m_posfileimpl->IsNamed();
+}
+
+bool COsFile::GetIdentity(OsFileIdentity* a_posfileidentity) const
+{
+    return Usable(m_posfileimpl) && m_posfileimpl->GetIdentity(a_posfileidentity);
 }
 
 void COsFile::TakeLibrary(PlatHandle a_plathandle, bool a_blLoaded, bool a_blDrain)

@@ -167,8 +167,10 @@ EOSSTS COsFileImpl::Read(void* a_pvBuffer, size_t a_sizetBytes, size_t* a_psizet
     return EOSSTS_SUCCESS;
 }
 
-EOSSTS COsFileImpl::Write(const void* a_pvBuffer, size_t a_sizetBytes, bool a_blAppend)
+EOSSTS COsFileImpl::Write(const void* a_pvBuffer, size_t a_sizetBytes, bool a_blAppend, size_t* a_psizetWritten)
 {
+    if (a_psizetWritten)
+        *a_psizetWritten = 0;
     if (!a_pvBuffer)
     {
         OSLOG(OS_LOG_ERROR, "a_pBuffer is NULL...");
@@ -176,8 +178,8 @@ EOSSTS COsFileImpl::Write(const void* a_pvBuffer, size_t a_sizetBytes, bool a_bl
     }
     if (!CheckOpen())
         return EOSSTS_NOTOPEN;
-    const bool blWritten = a_blAppend ? PlatFileAppend(m_plathandleFile, a_pvBuffer, a_sizetBytes, nullptr)
-                                      : PlatFileWrite(m_plathandleFile, a_pvBuffer, a_sizetBytes, nullptr);
+    const bool blWritten = a_blAppend ? PlatFileAppend(m_plathandleFile, a_pvBuffer, a_sizetBytes, a_psizetWritten)
+                                      : PlatFileWrite(m_plathandleFile, a_pvBuffer, a_sizetBytes, a_psizetWritten);
     return blWritten ? EOSSTS_SUCCESS : EOSSTS_FAIL;
 }
 
@@ -347,6 +349,20 @@ bool COsFileImpl::HasName() const
 {
     PlatFileIdentity platfileidentity;
     return CheckOpen() && PlatFileGetIdentity(m_plathandleFile, &platfileidentity) && platfileidentity.u32Links > 0;
+}
+
+bool COsFileImpl::IsNamed() const
+{
+    return IsOpen() && PlatFileIsNamed(m_plathandleFile, m_wszFilename);
+}
+
+bool COsFileImpl::GetIdentity(OsFileIdentity* a_posfileidentity) const
+{
+    PlatFileIdentity platfileidentity;
+    if (!IsOpen() || !PlatFileGetIdentity(m_plathandleFile, &platfileidentity))
+        return false;
+    *a_posfileidentity = {platfileidentity.u64Volume, platfileidentity.u64Index};
+    return true;
 }
 
 void COsFileImpl::TakeLibrary(PlatHandle a_plathandle, bool a_blLoaded, bool a_blDrain)

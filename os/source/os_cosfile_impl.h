@@ -41,7 +41,7 @@ public:
     EOSSTS Flush();
 
     EOSSTS Read(void* a_pvBuffer, size_t a_sizetBytes, size_t* a_psizetRead);
-    EOSSTS Write(const void* a_pvBuffer, size_t a_sizetBytes, bool a_blAppend);
+    EOSSTS Write(const void* a_pvBuffer, size_t a_sizetBytes, bool a_blAppend, size_t* a_psizetWritten = nullptr);
     int VPrintf(const char* a_szFormat, va_list a_valist);
 
     EOSSTS Seek(EOSFILESEEK a_eosfileseek, int64_t a_i64Offset);
@@ -55,6 +55,8 @@ public:
     const char* GetName() const;
     bool IsOpen() const { return m_plathandleFile != PLAT_INVALID; }
     bool HasName() const;
+    bool IsNamed() const;
+    bool GetIdentity(OsFileIdentity* a_posfileidentity) const;
 
     void TakeLibrary(PlatHandle a_plathandle, bool a_blLoaded, bool a_blDrain);
     void TakeBuffer(void* a_pvBuffer);

@@ -16,9 +16,6 @@
 #include <thread>
 #include <utility>
 
-static constexpr uint64_t g_u64ClockPerSecond = 10000000;   // units of 100 ns
-static constexpr uint64_t g_u64ClockPerMillisecond = 10000;
-static constexpr uint64_t g_u64ClockPerMicrosecond = 10;
 static constexpr uint32_t g_u32CheckModeTell = 0x2;
 
 void COsLogImpl::Log(const OsLogCall& a_oslogcall, va_list a_valist)
@@ -198,17 +195,6 @@ bool COsLogImpl::SetBuffer(OsLogSlot& a_oslogslot, size_t a_sizetBuffer)
 
 // ------------------------------------------------------------------------------------------------------ the line
 
-// The calendar is asked once a second; below the second all clocks agree.
-static void TakeTime(OsLogSlot& a_oslogslot)
-{
-    const uint64_t u64Clock = PlatClock();
-    const uint64_t u64Second = u64Clock / g_u64ClockPerSecond;
-    if (u64Second != a_oslogslot.u64Second && PlatTimeLocal(u64Clock, &a_oslogslot.ostimerecord))
-        a_oslogslot.u64Second = u64Second;
-    a_oslogslot.ostimerecord.u16Milliseconds = static_cast<uint16_t>(u64Clock / g_u64ClockPerMillisecond % 1000);
-    a_oslogslot.u32Microseconds = static_cast<uint32_t>(u64Clock / g_u64ClockPerMicrosecond % 1000);
-}
-
 void COsLogImpl::LogLine(const OsLogCall& a_oslogcall, va_list a_valist)
 {
     const OsLogKeepError oslogkeeperror;
@@ -222,7 +208,7 @@ void COsLogImpl::LogLine(const OsLogCall& a_oslogcall, va_list a_valist)
     poslogslot->u32Level = a_oslogcall.u32Level;
     poslogslot->poslogpath = Path();
     poslogslot->sizetSource = OsLogSourceName(poslogslot->achSource, a_oslogcall.szFile);
-    TakeTime(*poslogslot);
+    poslogslot->osloglinetime.Take();
     if (Prepare(*poslogslot))
         WriteLine(*poslogslot, a_oslogcall.szFormat, a_valist);
 }
@@ -270,12 +256,35 @@ void COsLogImpl::WriteLine(OsLogSlot& a_oslogslot, const char* a_szFormat, va_li
     char achPrefix[OS_LOGPREFIXMAX];
     const bool blDeterministic = (WorkingWord() & OS_LOGFLAG_DETERMINISTIC) != 0;
     const size_t sizetPrefix =
-        static_cast<size_t>(OsLogPutPrefix(achPrefix, a_oslogslot, i32Number, m_u8S, blDeterministic) - achPrefix);
+        static_cast<size_t>(PutPrefix(achPrefix, a_oslogslot, i32Number, blDeterministic) - achPrefix);
     char* const pchLine = szMessage - sizetPrefix;
     std::memcpy(pchLine, achPrefix, sizetPrefix);
 
     if (!WriteOut(a_oslogslot, pchLine, sizetPrefix + sizetMessage + 2))
         i32LineCounter.compare_exchange_strong(i32Number, i32Number - 1);
+}
+
+// Deterministic: what differs from run to run is 0.
+char* COsLogImpl::PutPrefix(char* a_pch, const OsLogSlot& a_oslogslot, int32_t a_i32Number,
+                            bool a_blDeterministic) const
+{
+    OsLogLinePrefix osloglineprefix = {a_i32Number,
+                                       a_oslogslot.osloglinetime.ostimerecord,
+                                       a_oslogslot.osloglinetime.u32Microseconds,
+                                       a_oslogslot.achSource,
+                                       a_oslogslot.sizetSource,
+                                       a_oslogslot.u32Line,
+                                       a_oslogslot.u32LastError,
+                                       PlatThreadId(),
+                                       m_u8S,
+                                       a_oslogslot.u32Level};
+    if (a_blDeterministic)
+    {
+        osloglineprefix.i32Number = 0;
+        osloglineprefix.ostimerecord = {};
+        osloglineprefix.u32LastError = 0;
+    }
+    return OsLogPutPrefix(a_pch, osloglineprefix);
 }
 
 bool COsLogImpl::FormatMessage(OsLogSlot& a_oslogslot, const char* a_szFormat, va_list a_valist, size_t* a_psizetLength)

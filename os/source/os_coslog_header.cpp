@@ -60,7 +60,7 @@ void COsLogImpl::HeaderLine(OsLogSlot& a_oslogslot, Piece a_piece)
 {
     char* const szBuffer = a_oslogslot.szBuffer;
     const int32_t i32Number = ++a_oslogslot.poslogpath->i32LineCounter;
-    *OsLogPutPrefix(szBuffer, a_oslogslot, i32Number, m_u8S, false) = '\0';
+    *PutPrefix(szBuffer, a_oslogslot, i32Number, false) = '\0';
     if (a_piece(szBuffer, a_oslogslot.sizetBuffer) < 0)
         return;
     const int iLength = LogSStrCatf(szBuffer, a_oslogslot.sizetBuffer, "\r\n");
@@ -72,7 +72,7 @@ void COsLogImpl::HeaderLine(OsLogSlot& a_oslogslot, Piece a_piece)
 
 void COsLogImpl::RunLine(OsLogSlot& a_oslogslot)
 {
-    const OsTimeRecord& ostimerecord = a_oslogslot.ostimerecord;
+    const OsTimeRecord& ostimerecord = a_oslogslot.osloglinetime.ostimerecord;
     const bool blUsersFolder = StrICmp(OsCfgGetCommon("UseUsersFolder", "yes"), "yes") == 0;
     HeaderLine(a_oslogslot, [&](char* a_sz, size_t a_sizet) {
         return LogSStrCatf(a_sz, a_sizet,

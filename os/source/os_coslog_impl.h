@@ -3,7 +3,7 @@
 //   os_coslog.cpp          the public object, creation, start and path, destruction
 //   os_coslog_filter.cpp   the filter
 //   os_coslog_call.cpp     the log call: levels, slots, the line
-//   os_coslog_line.cpp     the prefix of a line, formatting
+//   os_coslog_format.cpp   formatting
 //   os_coslog_write.cpp    the destination: folder check, redirection, file or collector, flush
 //   os_coslog_header.cpp   the header block
 //
@@ -15,7 +15,7 @@
 
 #include "os_coslog.h"
 #include "os_coslogcollector.h"
-#include "os_costime.h"
+#include "os_coslogline.h"
 
 #include "plat_types.h"
 
@@ -31,7 +31,6 @@ inline constexpr size_t OS_LOGVERDICTS = 256;     // that a filter remembers
 inline constexpr size_t OS_LOGVERDICTSIZE = 56;   // of the file argument; a longer one is not remembered
 inline constexpr size_t OS_LOGMARGIN = 256;       // that a line buffer has beyond the message, at least
 inline constexpr size_t OS_LOGGROWTH = 8192;      // what a new one gets beyond that
-inline constexpr size_t OS_LOGPREFIXMAX = 128;    // room for a prefix, a part of the margin
 
 // What precedes a first line asks others, who may wait for a lock that a thread holds which waits for its end.
 inline constexpr uint32_t OS_LOGFIRSTTIMEOUT = 250;   // ms
@@ -164,9 +163,7 @@ struct OsLogSlot
     uint32_t u32Level;
     char achSource[OS_PATHSIZE];   // without an end
     size_t sizetSource;
-    uint64_t u64Second;   // that ostimerecord was converted for
-    OsTimeRecord ostimerecord;
-    uint32_t u32Microseconds;
+    OsLogLineTime osloglinetime;
 
     char* szBuffer;
     size_t sizetBuffer;
@@ -234,6 +231,7 @@ private:
     bool PrepareFirst(OsLogSlot& a_oslogslot);
     void WriteLine(OsLogSlot& a_oslogslot, const char* a_szFormat, va_list a_valist);
     bool FormatMessage(OsLogSlot& a_oslogslot, const char* a_szFormat, va_list a_valist, size_t* a_psizetLength);
+    char* PutPrefix(char* a_pch, const OsLogSlot& a_oslogslot, int32_t a_i32Number, bool a_blDeterministic) const;
     static bool SetBuffer(OsLogSlot& a_oslogslot, size_t a_sizetBuffer);
     void CheckFailed(const OsLogCall& a_oslogcall);
 
@@ -304,10 +302,6 @@ int LogSStrCatf(char* a_szBuffer, size_t a_sizetBuffer, const char* a_szFormat, 
 void LogTellFormatFailed(const char* a_szFunction, const char* a_szBuffer, size_t a_sizetBuffer,
                          const char* a_szFormat);
 void LogTellStandardError(const char* a_szFormat, ...) OS_PRINTFLIKE(1, 2);
-
-// Writes the prefix of a line, OS_LOGPREFIXMAX bytes at most, and returns its end.
-char* OsLogPutPrefix(char* a_pch, const OsLogSlot& a_oslogslot, int32_t a_i32Number, uint8_t a_u8S,
-                     bool a_blDeterministic);
 
 // The size of the stack of the thread that asked first, in bytes.
 uint64_t OsLogStackSize();

@@ -57,7 +57,7 @@ void COsLogImpl::Redirect(OsLogSlot& a_oslogslot)
         OsEnvGet("MVR_DEBUGDIR", "", sizeof szLogFile, szLogFile) != EOSSTS_SUCCESS || !*szLogFile)
         return;
     OsFileCreateDirectory(szLogFile);
-    const OsTimeRecord& ostimerecord = a_oslogslot.ostimerecord;
+    const OsTimeRecord& ostimerecord = a_oslogslot.osloglinetime.ostimerecord;
     const int iLength = SStrCatf(szLogFile, sizeof szLogFile, "\\%.4d%.2d%.2d%.2d%.2d%.2d%.3d.log",
                                  ostimerecord.u16Year, ostimerecord.u16Month, ostimerecord.u16Day, ostimerecord.u16Hour,
                                  ostimerecord.u16Minute, ostimerecord.u16Second, ostimerecord.u16Milliseconds);

@@ -41,6 +41,20 @@ void OsSocketCleanupStatic()
         PlatSocketCleanup();
 }
 
+EOSSTS OsSocketStatus(uint32_t a_u32Error)
+{
+    switch (a_u32Error)
+    {
+    case PLAT_ERROR_TOOMANYOPEN:
+    case PLAT_ERROR_TOOMANYSOCKETS:
+    case PLAT_ERROR_NOMEMORY:
+    case PLAT_ERROR_NOBUFFERS:
+        return EOSSTS_NOMEMORY;
+    default:
+        return EOSSTS_FAIL;
+    }
+}
+
 // A machine is in-house when a host of the maker resolves. No host is listed, so none has to be asked.
 bool OsIsInHouseMachine()
 {
@@ -144,6 +158,11 @@ EOSSTS COsSocket::SocketListen()
     return Usable(m_possocketimpl) ? m_possocketimpl->Listen() : EOSSTS_FAIL;
 }
 
+EOSSTS COsSocket::SocketSetReceiveBuffer(uint32_t a_u32Bytes)
+{
+    return Usable(m_possocketimpl) ? m_possocketimpl->SetReceiveBuffer(a_u32Bytes) : EOSSTS_FAIL;
+}
+
 EOSSTS COsSocket::SocketAccept(COsSync* a_possyncStop)
 {
     return Usable(m_possocketimpl) ? m_possocketimpl->Accept(a_possyncStop) : EOSSTS_FAIL;
@@ -162,6 +181,26 @@ EOSSTS COsSocket::SocketRead(const ReadArgs& a_readargs, size_t* a_psizetRead)
 EOSSTS COsSocket::SocketWrite(const WriteArgs& a_writeargs, size_t* a_psizetWritten)
 {
     return Usable(m_possocketimpl) ? m_possocketimpl->Write(a_writeargs, a_psizetWritten) : EOSSTS_FAIL;
+}
+
+EOSSTS COsSocket::SocketTrySend(const void* a_pvBuffer, size_t a_sizetBuffer, size_t* a_psizetSent)
+{
+    return Usable(m_possocketimpl) ? m_possocketimpl->TrySend(a_pvBuffer, a_sizetBuffer, a_psizetSent) : EOSSTS_FAIL;
+}
+
+EOSSTS COsSocket::SocketEndSending()
+{
+    return Usable(m_possocketimpl) ? m_possocketimpl->EndSending() : EOSSTS_FAIL;
+}
+
+EOSSTS COsSocket::SocketPeerOwner(PlatSocketOwner* a_pplatsocketowner)
+{
+    return Usable(m_possocketimpl) ? m_possocketimpl->PeerOwner(a_pplatsocketowner) : EOSSTS_FAIL;
+}
+
+EOSSTS COsSocket::SocketUnsent(size_t* a_psizetBytes)
+{
+    return Usable(m_possocketimpl) ? m_possocketimpl->Unsent(a_psizetBytes) : EOSSTS_FAIL;
 }
 
 EOSSTS COsSocket::SocketSelect(const SelectArgs& a_selectargs)
@@ -244,17 +283,18 @@ void COsSocketImpl::LogAddress(uint32_t a_u32Level, const PlatAddress& a_platadd
 }
 
 // The read and write events are made by the first wait that needs them.
-bool COsSocketImpl::CreateCancelEvent()
+EOSSTS COsSocketImpl::CreateCancelEvent()
 {
     const PlatHandle plathandle = PlatEventCreate(PLAT_RESET_MANUAL, nullptr);
     if (plathandle == PLAT_INVALID)
     {
+        const EOSSTS eossts = OsSocketStatus(PlatGetLastError());
         OSLOG(OS_LOG_ERROR, "sock>>> create: WSACreateEvent failed...");
-        return false;
+        return eossts;
     }
     const COsSpinGuard spinguard(&m_psocketstate->u64CancelLock);
     m_psocketstate->plathandleCancel = plathandle;
-    return true;
+    return EOSSTS_SUCCESS;
 }
 
 // Create, listen, accept.
@@ -271,29 +311,31 @@ EOSSTS COsSocketImpl::Create(const char* a_szHost, const char* a_szPort, bool a_
 
     ScopeGuard disconnectOnFailure([this] { Disconnect(false); });
     const SocketOperation socketoperation(*m_psocketstate);
-    if (!socketoperation.Entered() || !CreateTcp(a_szHost, a_szPort, a_blSource, a_possocketimplSource))
-        return EOSSTS_FAIL;
-    disconnectOnFailure.Dismiss();
-    return EOSSTS_SUCCESS;
+    const EOSSTS eossts =
+        socketoperation.Entered() ? CreateTcp(a_szHost, a_szPort, a_blSource, a_possocketimplSource) : EOSSTS_FAIL;
+    if (eossts == EOSSTS_SUCCESS)
+        disconnectOnFailure.Dismiss();
+    return eossts;
 }
 
-bool COsSocketImpl::CreateTcp(const char* a_szHost, const char* a_szPort, bool a_blSource,
-                              COsSocketImpl* a_possocketimplSource)
+EOSSTS COsSocketImpl::CreateTcp(const char* a_szHost, const char* a_szPort, bool a_blSource,
+                                COsSocketImpl* a_possocketimplSource)
 {
     m_psocketstate->eossockettype = OS_SOCKETTYPE_TCP;
     SStrCpy(m_psocketstate->szHost, sizeof m_psocketstate->szHost, a_szHost ? a_szHost : OS_LOOPBACK);
     if (!OsSocketInitializeStatic())
     {
         OSLOG(OS_LOG_ERROR, "sock>>> create: OsSocketInitializeStatic failed...");
-        return false;
+        return EOSSTS_FAIL;
     }
 
     m_psocketstate->blOwnsListener = !a_blSource;
     bool blAddress = true;   // false: no dotted address or no port, which is told where it would be bound
-    if (!(a_blSource ? ShareListener(a_possocketimplSource) : MakeListener(a_szPort, &blAddress)))
+    const EOSSTS eossts = a_blSource ? ShareListener(a_possocketimplSource) : MakeListener(a_szPort, &blAddress);
+    if (eossts != EOSSTS_SUCCESS)
     {
         OSLOG(OS_LOG_ERROR, "sock>>> create: socket failed...");
-        return false;
+        return eossts;
     }
 
     PlatAddress plataddress{};
@@ -303,40 +345,41 @@ bool COsSocketImpl::CreateTcp(const char* a_szHost, const char* a_szPort, bool a
     if (!a_blSource && !(blAddress && BindListener(plataddress)))
     {
         OSLOG(OS_LOG_ERROR, "sock>>> create: bind failed...");
-        return false;
+        return EOSSTS_FAIL;
     }
     if (PlatSocketName(m_psocketstate->psocketlistener->Handle(), &plataddress))
         m_psocketstate->u16Port = plataddress.u16Port;
     return CreateCancelEvent();
 }
 
-bool COsSocketImpl::ShareListener(COsSocketImpl* a_possocketimplSource)
+EOSSTS COsSocketImpl::ShareListener(COsSocketImpl* a_possocketimplSource)
 {
     if (!a_possocketimplSource)
     {
         OSLOG(OS_LOG_ERROR, "m_possocketimpl is null...");
-        return false;
+        return EOSSTS_FAIL;
     }
     SocketState& socketstateSource = *a_possocketimplSource->m_psocketstate;
     const SocketOperation socketoperation(socketstateSource);
     if (socketoperation.Listening() == PLAT_INVALID)
-        return false;
+        return EOSSTS_FAIL;
     m_psocketstate->psocketlistener = socketstateSource.psocketlistener->Share();
     m_psocketstate->u16Port = socketstateSource.u16Port;
     SStrCpy(m_psocketstate->szHost, sizeof m_psocketstate->szHost, socketstateSource.szHost);
-    return true;
+    return EOSSTS_SUCCESS;
 }
 
-bool COsSocketImpl::MakeListener(const char* a_szPort, bool* a_pblPort)
+EOSSTS COsSocketImpl::MakeListener(const char* a_szPort, bool* a_pblPort)
 {
     *a_pblPort = OsSocketParsePort(a_szPort, &m_psocketstate->u16Port);
     const PlatHandle plathandle = PlatSocketCreate();
     if (plathandle == PLAT_INVALID)
-        return false;
+        return OsSocketStatus(PlatGetLastError());
     m_psocketstate->psocketlistener = new (std::nothrow) SocketListener(plathandle);
-    if (!m_psocketstate->psocketlistener)
-        PlatClose(plathandle);
-    return m_psocketstate->psocketlistener != nullptr;
+    if (m_psocketstate->psocketlistener)
+        return EOSSTS_SUCCESS;
+    PlatClose(plathandle);
+    return EOSSTS_NOMEMORY;
 }
 
 // A listener on a fixed port may be restarted while connections of the previous one are still winding down.
@@ -378,6 +421,23 @@ EOSSTS COsSocketImpl::Listen()
     return EOSSTS_SUCCESS;
 }
 
+EOSSTS COsSocketImpl::SetReceiveBuffer(uint32_t a_u32Bytes)
+{
+    const SocketOperation socketoperation(*m_psocketstate);
+    const PlatHandle plathandle = socketoperation.Listening();
+    if (plathandle == PLAT_INVALID)
+    {
+        OSLOG(OS_LOG_ERROR, "sock>>> setsockopt: must call SocketCreate() first...");
+        return EOSSTS_NOTOPEN;
+    }
+    if (!PlatSocketSetReceiveBuffer(plathandle, a_u32Bytes))
+    {
+        OSLOG(OS_LOG_ERROR, "sock>>> setsockopt(SO_RCVBUF) failed...");
+        return EOSSTS_FAIL;
+    }
+    return EOSSTS_SUCCESS;
+}
+
 EOSSTS COsSocketImpl::Accept(COsSync* a_possyncStop)
 {
     if (Type() == OS_SOCKETTYPE_TCP)
@@ -408,7 +468,8 @@ EOSSTS COsSocketImpl::AcceptTcp(COsSync* a_possyncStop)
         return EOSSTS_NOTOPEN;
     }
 
-    // A connection that waits already needs no wait; one that its peer has given up leaves nothing to take.
+    // A connection that waits already needs no wait; one that its peer has given up leaves nothing to take. Without
+    // room for a connection the system refuses also where there is none.
     for (bool blTake = !CancelIsRequested();; blTake = true)
     {
         if (blTake)
@@ -416,10 +477,13 @@ EOSSTS COsSocketImpl::AcceptTcp(COsSync* a_possyncStop)
             const PlatHandle plathandle = PlatSocketAccept(plathandleListening, &m_psocketstate->plataddress);
             if (plathandle != PLAT_INVALID)
                 return Adopt(plathandle);
-            if (PlatGetLastError() != PLAT_ERROR_WOULDBLOCK)
+            const uint32_t u32Error = PlatGetLastError();
+            const EOSSTS eossts = OsSocketStatus(u32Error);
+            if (u32Error != PLAT_ERROR_WOULDBLOCK &&
+                (eossts == EOSSTS_FAIL || PlatSocketPoll(plathandleListening, PLAT_SOCKET_ACCEPT) != 0))
             {
                 OSLOG(OS_LOG_ERROR, "sock>>> accept: accept failed...");
-                return EOSSTS_FAIL;
+                return eossts;
             }
         }
         if (const EOSSTS eossts = WaitForConnection(a_possyncStop); eossts != EOSSTS_SUCCESS)

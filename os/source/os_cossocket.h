@@ -46,13 +46,13 @@ public:
     COsSocket& operator=(const COsSocket&) = delete;
 
     // Without a source: a listening socket bound to host (null: 127.0.0.1; a dotted address) and port ("0": the
-    // system chooses). With one: an accept-side socket on the source's listener. EOSSTS_FAIL on any failure, the
-    // object then holds no handles.
+    // system chooses). With one: an accept-side socket on the source's listener. EOSSTS_NOMEMORY for want of
+    // descriptors or memory, EOSSTS_FAIL on any other failure; the object then holds no handles.
     EOSSTS SocketCreate(const char* a_szHost, const char* a_szPort, const char* a_szName, COsSocket* a_possocketSource);
     EOSSTS SocketListen();
 
     // A listener: how much the system keeps of each of its connections that was not read, in bytes and roughly. Before
-    // SocketListen.
+    // SocketListen. EOSSTS_NOTOPEN without a listener, EOSSTS_FAIL.
     EOSSTS SocketSetReceiveBuffer(uint32_t a_u32Bytes);
 
     // Waits for a connection without limit. EOSSTS_EXITED when a_possyncStop (may be null) is signalled,
@@ -112,18 +112,20 @@ public:
     EOSSTS SocketTrySend(const void* a_pvBuffer, size_t a_sizetBuffer, size_t* a_psizetSent);
 
     // Closes the sending direction of a TCP connection: the peer reads what was sent, then the end. Reading goes on.
+    // EOSSTS_DISCONNECTED when the connection has gone, EOSSTS_NOTOPEN. Logs nothing, nor do the next two.
     EOSSTS SocketEndSending();
 
     // Who has the other end of a TCP connection of this machine, and how much of what arrived there was not read.
-    // EOSSTS_FAIL where the system cannot tell.
+    // EOSSTS_FAIL where the system cannot tell, EOSSTS_NOTOPEN.
     EOSSTS SocketPeerOwner(PlatSocketOwner* a_pplatsocketowner);
 
-    // Bytes that were sent and have not arrived at the peer's system.
+    // Bytes that were sent and have not arrived at the peer's system. EOSSTS_NOTOPEN, EOSSTS_FAIL.
     EOSSTS SocketUnsent(size_t* a_psizetBytes);
 
     // The one wait of the TCP transport. Each of the words may be null: what is not asked is not reported. *read: on
     // entry 1 accept, 2 connect, else read; all: on return the events seen (PLAT_SOCKET_...). A wait for writing
-    // that times out is a success with 2 in *write.
+    // that times out is a success with 2 in *write. EOSSTS_NOMEMORY when the wait itself cannot begin for want of
+    // descriptors or memory.
     struct SelectArgs
     {
         uint32_t* pu32Read = nullptr;

@@ -87,8 +87,12 @@ EOSSTS COsSocketImpl::ConnectTcp(const COsSocket::ConnectArgs& a_connectargs, co
     if (!FindPeer() || !CreateConnectSocket(a_connectargs))
         return EOSSTS_FAIL;
     PreparePort(a_szPort);
-    const bool blStarted = CreateCancelEvent() && WatchProcess(a_connectargs.u64ProcessId) && StartConnect();
-    return blStarted ? AwaitConnect(a_connectargs.i32Timeout) : EOSSTS_FAIL;
+    const bool blStarted =
+        CreateCancelEvent() == EOSSTS_SUCCESS && WatchProcess(a_connectargs.u64ProcessId) && StartConnect();
+    const EOSSTS eossts = blStarted ? AwaitConnect(a_connectargs.i32Timeout) : EOSSTS_FAIL;
+    if (eossts == EOSSTS_SUCCESS && a_connectargs.blWatchAttempt)
+        ForgetProcess();
+    return eossts;
 }
 
 // The address of the peer: what the host says, or what it resolves to. The host name then holds it as dotted text.

@@ -137,10 +137,15 @@ public:
 
     EOSSTS Create(const char* a_szHost, const char* a_szPort, bool a_blSource, COsSocketImpl* a_possocketimplSource);
     EOSSTS Listen();
+    EOSSTS SetReceiveBuffer(uint32_t a_u32Bytes);
     EOSSTS Accept(COsSync* a_possyncStop);
     EOSSTS Connect(const COsSocket::ConnectArgs& a_connectargs);
     EOSSTS Read(const COsSocket::ReadArgs& a_readargs, size_t* a_psizetRead);
     EOSSTS Write(const COsSocket::WriteArgs& a_writeargs, size_t* a_psizetWritten);
+    EOSSTS TrySend(const void* a_pvBuffer, size_t a_sizetBuffer, size_t* a_psizetSent);
+    EOSSTS EndSending();
+    EOSSTS PeerOwner(PlatSocketOwner* a_pplatsocketowner);
+    EOSSTS Unsent(size_t* a_psizetBytes);
     EOSSTS Select(const COsSocket::SelectArgs& a_selectargs);
     void Cancel();
     bool Disconnect(bool a_blGraceful);   // false: an operation has not left, its handles stay open
@@ -154,11 +159,11 @@ private:
     EOSSTS Unsupported() const;   // logs, EOSSTS_FAIL
 
     // Create, listen, accept.
-    bool CreateTcp(const char* a_szHost, const char* a_szPort, bool a_blSource, COsSocketImpl* a_possocketimplSource);
-    bool ShareListener(COsSocketImpl* a_possocketimplSource);
-    bool MakeListener(const char* a_szPort, bool* a_pblPort);
+    EOSSTS CreateTcp(const char* a_szHost, const char* a_szPort, bool a_blSource, COsSocketImpl* a_possocketimplSource);
+    EOSSTS ShareListener(COsSocketImpl* a_possocketimplSource);
+    EOSSTS MakeListener(const char* a_szPort, bool* a_pblPort);
     bool BindListener(const PlatAddress& a_plataddress);
-    bool CreateCancelEvent();
+    EOSSTS CreateCancelEvent();
     EOSSTS AcceptTcp(COsSync* a_possyncStop);
     EOSSTS AcceptShared();
     EOSSTS WaitForConnection(COsSync* a_possyncStop);
@@ -175,6 +180,7 @@ private:
     bool CreateConnectSocket(const COsSocket::ConnectArgs& a_connectargs);
     void PreparePort(const char* a_szPort);
     bool WatchProcess(uint64_t a_u64ProcessId);
+    void ForgetProcess();
     bool StartConnect();
     EOSSTS AwaitConnect(int32_t a_i32Timeout);
     EOSSTS ConnectStatus(uint32_t a_u32Result);
@@ -232,6 +238,9 @@ static_assert(sizeof(COsSocketImpl) == 8, "the size is part of the log");
 // The data trace of one receive or send, when the configuration asks for it.
 void OsSocketTraceReceive(const void* a_pvBytes, size_t a_sizetBytes);
 void OsSocketTraceSend(const void* a_pvBytes, size_t a_sizetBytes);
+
+// The status of a system error: EOSSTS_NOMEMORY for want of descriptors, memory or buffers, else EOSSTS_FAIL.
+EOSSTS OsSocketStatus(uint32_t a_u32Error);
 
 // The port number of a text; false when it is out of range.
 bool OsSocketParsePort(const char* a_szPort, uint16_t* a_pu16Port);

@@ -259,6 +259,52 @@ bool COsSocketImpl::SendWithRetries(const COsSocket::WriteArgs& a_writeargs, Pla
     return blSent;
 }
 
+// What sends and asks without a wait, and tells the caller alone how that went: the caller may be the log.
+
+EOSSTS COsSocketImpl::TrySend(const void* a_pvBuffer, size_t a_sizetBuffer, size_t* a_psizetSent)
+{
+    *a_psizetSent = 0;
+    const SocketOperation socketoperation(*m_psocketstate);
+    const PlatHandle plathandle = socketoperation.Connected();
+    if (plathandle == PLAT_INVALID)
+        return EOSSTS_NOTOPEN;
+    if (PlatSocketPoll(plathandle, PLAT_SOCKET_CLOSE) != 0)
+        return EOSSTS_DISCONNECTED;
+    if (!PlatSocketSend(plathandle, a_pvBuffer, a_sizetBuffer, a_psizetSent))
+        return PlatGetLastError() == PLAT_ERROR_WOULDBLOCK ? EOSSTS_SUCCESS : EOSSTS_DISCONNECTED;
+    OsSocketTraceSend(a_pvBuffer, *a_psizetSent);
+    return EOSSTS_SUCCESS;
+}
+
+EOSSTS COsSocketImpl::EndSending()
+{
+    const SocketOperation socketoperation(*m_psocketstate);
+    const PlatHandle plathandle = socketoperation.Connected();
+    if (plathandle == PLAT_INVALID)
+        return EOSSTS_NOTOPEN;
+    return PlatSocketShutdown(plathandle, false, true) ? EOSSTS_SUCCESS : EOSSTS_DISCONNECTED;
+}
+
+EOSSTS COsSocketImpl::PeerOwner(PlatSocketOwner* a_pplatsocketowner)
+{
+    *a_pplatsocketowner = {};
+    const SocketOperation socketoperation(*m_psocketstate);
+    const PlatHandle plathandle = socketoperation.Connected();
+    if (plathandle == PLAT_INVALID)
+        return EOSSTS_NOTOPEN;
+    return PlatSocketPeerOwner(plathandle, a_pplatsocketowner) ? EOSSTS_SUCCESS : EOSSTS_FAIL;
+}
+
+EOSSTS COsSocketImpl::Unsent(size_t* a_psizetBytes)
+{
+    *a_psizetBytes = 0;
+    const SocketOperation socketoperation(*m_psocketstate);
+    const PlatHandle plathandle = socketoperation.Connected();
+    if (plathandle == PLAT_INVALID)
+        return EOSSTS_NOTOPEN;
+    return PlatSocketUnsent(plathandle, a_psizetBytes) ? EOSSTS_SUCCESS : EOSSTS_FAIL;
+}
+
 // Disconnect.
 
 bool COsSocketImpl::Disconnect(bool a_blGraceful)
@@ -329,6 +375,11 @@ static void CloseHandle(PlatHandle a_plathandle)
         PlatClose(a_plathandle);
 }
 
+void COsSocketImpl::ForgetProcess()
+{
+    CloseHandle(m_psocketstate->plathandleProcess.exchange(PLAT_INVALID));
+}
+
 void COsSocketImpl::Release()
 {
     if (m_psocketstate->psocketshared)
@@ -343,7 +394,7 @@ void COsSocketImpl::Release()
         m_psocketstate->plathandleCancel = PLAT_INVALID;
         m_psocketstate->blCancelRequested = false;
     }
-    CloseHandle(m_psocketstate->plathandleProcess.exchange(PLAT_INVALID));
+    ForgetProcess();
     ForgetListener();
     CloseHandle(m_psocketstate->plathandleConnected.exchange(PLAT_INVALID));
 }

@@ -106,8 +106,9 @@ std::optional<EOSSTS> COsSocketImpl::Await(SocketWait* a_psocketwait)
         const PlatHandle plathandleReport = ReportHandle(a_psocketwait);
         if (plathandleReport == PLAT_INVALID)
         {
+            const EOSSTS eossts = OsSocketStatus(PlatGetLastError());
             SOCKETTELL(selectargs.blLogging, OS_LOG_ERROR, "sock>>> WSAEventSelect failed...");
-            return EOSSTS_FAIL;
+            return eossts;
         }
 
         const SocketWaitSet socketwaitset{m_psocketstate->plathandleCancel, plathandleReport,
@@ -118,8 +119,9 @@ std::optional<EOSSTS> COsSocketImpl::Await(SocketWait* a_psocketwait)
             return std::nullopt;
         if (u32Result != PLAT_WAIT_FAILED)
             return EndWait(*a_psocketwait, u32Result);
+        const EOSSTS eossts = OsSocketStatus(PlatGetLastError());
         if (!MayRetry(selectargs, iRetries))
-            return EOSSTS_FAIL;
+            return eossts;
     }
 }
 

@@ -416,3 +416,24 @@ bool PlatFileGetIdentity(PlatHandle a_plathandle, PlatFileIdentity* a_pplatfilei
                             static_cast<uint32_t>(status.st_nlink)};
     return true;
 }
+
+bool PosixIdentityOf(int a_iDescriptor, const char* a_szPath, PosixFileIdentity& a_posixfileidentity)
+{
+    struct statx statx_;
+    const int iFlags = AT_STATX_DONT_SYNC | (*a_szPath ? 0 : AT_EMPTY_PATH);
+    if (statx(a_iDescriptor, a_szPath, iFlags, STATX_INO, &statx_) != 0)
+        return PosixFailErrno();
+    a_posixfileidentity = {statx_.stx_dev_major, statx_.stx_dev_minor, statx_.stx_ino};
+    return true;
+}
+
+bool PlatFileIsNamed(PlatHandle a_plathandle, const char16_t* a_wszPath)
+{
+    const int iDescriptor = PosixFileDescriptor(a_plathandle, 0);
+    std::string strPath;
+    PosixFileIdentity posixfileidentityFile = {};
+    PosixFileIdentity posixfileidentityName = {};
+    return iDescriptor >= 0 && PosixPath(a_wszPath, strPath) &&
+           PosixIdentityOf(AT_FDCWD, strPath.c_str(), posixfileidentityName) &&
+           PosixIdentityOf(iDescriptor, "", posixfileidentityFile) && posixfileidentityFile == posixfileidentityName;
+}

@@ -11,17 +11,6 @@
 
 namespace
 {
-// Which file it is, without the times of its last change: who asks for those makes the system keep them exactly, and
-// every write that follows costs half as much again.
-struct PosixFileIdentity
-{
-    uint32_t u32Major;
-    uint32_t u32Minor;
-    uint64_t u64Number;
-
-    bool operator==(const PosixFileIdentity&) const = default;
-};
-
 struct PosixAppendFile
 {
     PlatHandle plathandleFile;
@@ -29,17 +18,6 @@ struct PosixAppendFile
     std::string strPath;
 };
 }   // namespace
-
-// Of the path, or of the open file itself for an empty one.
-static bool IdentityOf(int a_iDescriptor, const char* a_szPath, PosixFileIdentity& a_posixfileidentity)
-{
-    struct statx statx_;
-    const int iFlags = AT_STATX_DONT_SYNC | (*a_szPath ? 0 : AT_EMPTY_PATH);
-    if (statx(a_iDescriptor, a_szPath, iFlags, STATX_INO, &statx_) != 0)
-        return false;
-    a_posixfileidentity = {statx_.stx_dev_major, statx_.stx_dev_minor, statx_.stx_ino};
-    return true;
-}
 
 PlatHandle PlatAppendOpen(const char16_t* a_wszPath)
 {
@@ -57,7 +35,7 @@ PlatHandle PlatAppendOpen(const char16_t* a_wszPath)
     fcntl(iDescriptor, F_SETFL, O_NONBLOCK | O_APPEND);
     auto* pposixappendfile = new (std::nothrow) PosixAppendFile{plathandleFile, {}, {}};
     const bool blKnown = pposixappendfile && PosixPath(a_wszPath, pposixappendfile->strPath) &&
-                         IdentityOf(iDescriptor, "", pposixappendfile->posixfileidentity);
+                         PosixIdentityOf(iDescriptor, "", pposixappendfile->posixfileidentity);
     if (!blKnown)
     {
         delete pposixappendfile;
@@ -81,7 +59,7 @@ bool PlatAppendIsCurrent(PlatHandle a_plathandle)
 {
     const PosixAppendFile* pposixappendfile = AppendFileOf(a_plathandle);
     PosixFileIdentity posixfileidentity;
-    return pposixappendfile && IdentityOf(AT_FDCWD, pposixappendfile->strPath.c_str(), posixfileidentity) &&
+    return pposixappendfile && PosixIdentityOf(AT_FDCWD, pposixappendfile->strPath.c_str(), posixfileidentity) &&
            posixfileidentity == pposixappendfile->posixfileidentity &&
            PosixShareAdmitsAll(PosixDescriptorOf(pposixappendfile->plathandleFile));
 }

@@ -1,5 +1,5 @@
 // plat_socket.cpp: TCP sockets, what they have to report, and the event that tells it. Looking up a host name is in
-// plat_socket_resolve.cpp.
+// plat_socket_resolve.cpp, who owns a socket in plat_socket_owner.cpp.
 #include "plat_socket.h"
 
 #include "plat_posix.h"
@@ -9,6 +9,7 @@
 #include <cerrno>
 #include <climits>
 #include <cstring>
+#include <linux/sockios.h>
 #include <netinet/in.h>
 #include <netinet/tcp.h>
 #include <poll.h>
@@ -152,17 +153,27 @@ bool PlatSocketSend(PlatHandle a_plathandle, const void* a_pvBuffer, size_t a_si
     return true;
 }
 
-bool PlatSocketWaiting(PlatHandle a_plathandle, size_t* a_psizetBytes)
+static bool AskForBytes(PlatHandle a_plathandle, unsigned long a_ulQuestion, size_t* a_psizetBytes)
 {
     const int iSocket = SocketOf(a_plathandle);
     int iBytes = 0;
     *a_psizetBytes = 0;
     if (iSocket < 0)
         return false;
-    if (ioctl(iSocket, FIONREAD, &iBytes) != 0)
+    if (ioctl(iSocket, a_ulQuestion, &iBytes) != 0)
         return PosixFailErrno();
     *a_psizetBytes = static_cast<size_t>(iBytes);
     return true;
+}
+
+bool PlatSocketWaiting(PlatHandle a_plathandle, size_t* a_psizetBytes)
+{
+    return AskForBytes(a_plathandle, FIONREAD, a_psizetBytes);
+}
+
+bool PlatSocketUnsent(PlatHandle a_plathandle, size_t* a_psizetBytes)
+{
+    return AskForBytes(a_plathandle, SIOCOUTQ, a_psizetBytes);
 }
 
 bool PlatSocketShutdown(PlatHandle a_plathandle, bool a_blReceive, bool a_blSend)
@@ -194,12 +205,21 @@ bool PlatSocketSetOption(PlatHandle a_plathandle, PlatSocketOption a_platsocketo
     return setsockopt(iSocket, option.iLevel, option.iName, &iOn, sizeof iOn) == 0 || PosixFailErrno();
 }
 
-bool PlatSocketSetSendBuffer(PlatHandle a_plathandle, uint32_t a_u32Bytes)
+static bool SetBuffer(PlatHandle a_plathandle, int a_iName, uint32_t a_u32Bytes)
 {
     const int iSocket = SocketOf(a_plathandle);
     const int iBytes = static_cast<int>(std::min<uint32_t>(a_u32Bytes, INT_MAX));
-    return iSocket >= 0 &&
-           (setsockopt(iSocket, SOL_SOCKET, SO_SNDBUF, &iBytes, sizeof iBytes) == 0 || PosixFailErrno());
+    return iSocket >= 0 && (setsockopt(iSocket, SOL_SOCKET, a_iName, &iBytes, sizeof iBytes) == 0 || PosixFailErrno());
+}
+
+bool PlatSocketSetSendBuffer(PlatHandle a_plathandle, uint32_t a_u32Bytes)
+{
+    return SetBuffer(a_plathandle, SO_SNDBUF, a_u32Bytes);
+}
+
+bool PlatSocketSetReceiveBuffer(PlatHandle a_plathandle, uint32_t a_u32Bytes)
+{
+    return SetBuffer(a_plathandle, SO_RCVBUF, a_u32Bytes);
 }
 
 bool PlatSocketName(PlatHandle a_plathandle, PlatAddress* a_pplataddress)
