@@ -1,100 +1,121 @@
-// os_coslogcollector_client.cpp: the client roles: finding the collector, the connection with its header, log lines.
-#include "os_coslogcollector_impl.h"
+// os_coslogcollector_client.cpp: the roles that send a stream.
+//
+//   the start   finding the collector, connecting, the header
+//   the stream  log text, and the end of it
+#include "os_coslogcollector_client.h"
 
 #include "os_cosarguments.h"
+#include "os_cosfile_paths.h"
 #include "os_cosfile_system.h"
+#include "os_coslocale.h"
+#include "os_coslogcollector_announcement.h"
+#include "os_coslogcollector_sender.h"
+#include "os_cossocket.h"
 #include "os_cosstring.h"
-#include "os_new.h"
-#include "os_scope.h"
+#include "os_log.h"
 
+#include "plat_file.h"
 #include "plat_system.h"
 #include "plat_wait.h"
 
+#include <algorithm>
 #include <cstring>
+#include <new>
 
 static constexpr char g_szSource[] = "os/source/os_coslogcollector";
 
 static constexpr int g_iConnectTries = 8;
 static constexpr int32_t g_i32ConnectTimeout = 250;
-static constexpr uint32_t g_u32SendBuffer = 32768;   // bytes: what is on its way is lost with a killed collector
-static constexpr size_t g_sizetAnnouncementMost = 1024;
 
-// A collector that takes nothing for so long is given up: its clients must not stand still for ever.
-static constexpr uint32_t g_u32ClientTimeout = 5000;
+// Bytes: what is on its way is lost with a killed collector.
+static constexpr uint32_t g_u32SendBuffer = 32768;
 
-static constexpr uint32_t g_u32WrittenTimeout = 500;
+static constexpr uint32_t g_u32ReadTimeout = 500;
+static constexpr uint32_t g_u32MarkerPause = 10;
 
-// ------------------------------------------------------------------------------------------------------- start
+COsLogCollectorClient::COsLogCollectorClient(bool a_blPrivate, const char* a_szLogFile)
+    : m_blPrivate(a_blPrivate), m_szHost{}, m_szPort{}, m_u64ProcessIdApplication(0), m_szLogFile{}
+{
+    SStrCpy(m_szHost, sizeof m_szHost, OS_LC_HOST);
+    SStrCpy(m_szPort, sizeof m_szPort, "0");
+    SStrCpy(m_szLogFile, sizeof m_szLogFile, a_szLogFile ? a_szLogFile : "");
+}
+
+COsLogCollectorClient::~COsLogCollectorClient() = default;
+
+// ---------------------------------------------------------------------------------------------------- the start
 
 // What it logs on its way would come back to a client that is not ready.
-EOSSTS COsLogCollectorImpl::StartClient(const char* a_szLogFile)
+EOSSTS COsLogCollectorClient::Start(const char* a_szLogFile, bool)
 {
-    const bool blPrivate = m_collectormode == OS_COLLECTORMODE_PRIVATECLIENT;
-    if (m_possocketClient)
-        return EOSSTS_SUCCESS;
-    if (blPrivate && OsLcIsCollectorProgram())
+    if (OsLcIsServicesSession() || (m_blPrivate && OsLcIsCollectorProgram()))
         return EOSSTS_FAIL;
-    {
-        const COsLogSuppress oslogsuppress;
-        if (blPrivate)
-            TakeIdentity();
-        EOSSTS eossts = blPrivate ? EOSSTS_SUCCESS : FindShared();
-        if (eossts == EOSSTS_SUCCESS)
-            eossts = Connect();
-        if (eossts == EOSSTS_SUCCESS)
-            eossts = SendHeader(a_szLogFile);
-        if (eossts != EOSSTS_SUCCESS)
-            return eossts;
-    }
-    if (blPrivate)
-        OSLOG(OS_LOG_MILESTONE, "LogCollector initialization complete...");
+    if (m_uniqueSender)
+        return EOSSTS_SUCCESS;
+    const COsLogSuppress oslogsuppress;
+    if (a_szLogFile)
+        SStrCpy(m_szLogFile, sizeof m_szLogFile, a_szLogFile);
+    const EOSSTS eossts = Find();
+    if (eossts != EOSSTS_SUCCESS)
+        return eossts;
+    return Connect() && SendHeader() ? EOSSTS_SUCCESS : EOSSTS_FAIL;
+}
+
+EOSSTS COsLogCollectorClient::Find()
+{
+    if (!m_blPrivate)
+        return OsLcFindShared(m_szHost, m_szPort);
+    const OsCollectorIdentity oscollectoridentity = OsArgumentsCollector();
+    SStrPrintf(m_szPort, sizeof m_szPort, "%d", oscollectoridentity.i32Port);
+    m_u64ProcessIdApplication = oscollectoridentity.u64ProcessIdApplication;
     return EOSSTS_SUCCESS;
 }
 
-// Takes host and port from the announcement of a shared collector. One that nobody holds a lock on is left over from a
-// collector that has gone: EOSSTS_BUSY, and it is deleted. The lock's byte is not read, it belongs to the collector.
-EOSSTS COsLogCollectorImpl::FindShared()
-{
-    char szPath[OS_PATHSIZE];
-    char szText[g_sizetAnnouncementMost + 1] = {};
-    AnnouncementPath(szPath);
-    COsFile osfile;
-    if (osfile.Open(szPath, OS_FILEOPEN_EXISTING, OS_FILEACCESS_READWRITE, OS_FILESHARE_READWRITE) != EOSSTS_SUCCESS)
-        return EOSSTS_FAIL;
-    if (osfile.LockByte(0, 1, szPath, true) == EOSSTS_SUCCESS)
-    {
-        osfile.UnlockByte(0);
-        osfile.Close();
-        OsFileDelete(szPath, OS_FILETYPE_ANY, false, false);
-        return EOSSTS_BUSY;
-    }
-    osfile.Seek(OS_FILESEEK_START, 1);
-    osfile.Read(szText, g_sizetAnnouncementMost, nullptr);
-    return OsLcReadAnnouncement(szText, m_szHost, m_szPort) ? EOSSTS_SUCCESS : EOSSTS_FAIL;
-}
-
-// In a child process the end of the application, which the collector serves, ends the attempt as well.
-EOSSTS COsLogCollectorImpl::Connect()
+// In a child process the end of the application, which the collector serves, ends the attempt. The connection that was
+// made outlives it, as the collector does.
+bool COsLogCollectorClient::Connect()
 {
     COsSocket::ConnectArgs connectargs;
     connectargs.szHost = m_szHost;
     connectargs.szPort = m_szPort;
     connectargs.szName = "log";
-    connectargs.u64ProcessId = m_collectormode == OS_COLLECTORMODE_PRIVATECLIENT ? m_u64ProcessIdApplication : 0;
+    connectargs.u64ProcessId = m_u64ProcessIdApplication;
+    connectargs.blWatchAttempt = true;
     connectargs.blSecure = true;
     connectargs.i32Timeout = g_i32ConnectTimeout;
     connectargs.blNoDelay = true;
     connectargs.u32SendBuffer = g_u32SendBuffer;
 
-    m_possocketClient = OSMEMNEW(COsSocket);
-    for (int iTry = 0; m_possocketClient && iTry < g_iConnectTries; ++iTry)
+    std::unique_ptr<COsSocket> uniqueSocket(new (std::nothrow) COsSocket);
+    for (int iTry = 0; uniqueSocket && iTry < g_iConnectTries; ++iTry)
     {
-        if (m_possocketClient->SocketConnect(connectargs) == EOSSTS_SUCCESS)
-            return EOSSTS_SUCCESS;
+        if (uniqueSocket->SocketConnect(connectargs) == EOSSTS_SUCCESS)
+        {
+            TakeClientSocket(uniqueSocket.release());
+            return m_uniqueSender != nullptr;
+        }
         PlatSleep(0);
     }
-    OSMEMDELETE(m_possocketClient);
-    return EOSSTS_FAIL;
+    return false;
+}
+
+void COsLogCollectorClient::TakeClientSocket(COsSocket* a_possocket)
+{
+    std::unique_ptr<COsSocket> uniqueSocket(a_possocket);
+    m_uniqueSender.reset(new (std::nothrow) COsLogCollectorSender(std::move(uniqueSocket)));
+}
+
+// The collector lives in another folder: a relative path would name another file there.
+static void MakeAbsolute(char* a_szPath)
+{
+    char16_t wszFolder[OS_WIDEPATHSIZE];
+    char szPath[OS_PATHSIZE];
+    const bool blAbsolute = *a_szPath == '\\' || *a_szPath == '/' || (*a_szPath && a_szPath[1] == ':');
+    if (blAbsolute || !PlatFileFullName(u".", wszFolder, OS_WIDEPATHSIZE) ||
+        CopyStringToUtf8(szPath, sizeof szPath, wszFolder, SIZE_MAX) == 0)
+        return;
+    OsPathAppend(szPath, sizeof szPath, a_szPath);
+    SStrCpy(a_szPath, OS_PATHSIZE, szPath);
 }
 
 static uint64_t SizeOf(const char* a_szLogFile)
@@ -106,64 +127,66 @@ static uint64_t SizeOf(const char* a_szLogFile)
 
 // A refused connection shows here. Without its whole header a stream is worth nothing: the first lines would count as
 // the header, and be lost.
-EOSSTS COsLogCollectorImpl::SendHeader(const char* a_szLogFile)
+bool COsLogCollectorClient::SendHeader()
 {
     char szHeader[OS_LC_HEADERSIZE];
-    if (a_szLogFile)
-        SStrCpy(m_szLogFile, sizeof m_szLogFile, a_szLogFile);
-    const uint64_t u64Size = SizeOf(m_szLogFile);
+    MakeAbsolute(m_szLogFile);
+    m_u64SizeBefore = SizeOf(m_szLogFile);
     if (OsLcBuildHeader(szHeader, sizeof szHeader, m_szLogFile) == EOSSTS_SUCCESS &&
-        ClientWrite(szHeader, std::strlen(szHeader)) == EOSSTS_SUCCESS)
+        m_uniqueSender->Send(szHeader, std::strlen(szHeader)) == EOSSTS_SUCCESS)
     {
-        m_u64Written = u64Size;
-        return EOSSTS_SUCCESS;
+        m_u64SizeBefore -= std::strlen(szHeader);
+        return true;
     }
-    OSMEMDELETE(m_possocketClient);
-    return EOSSTS_FAIL;
+    m_uniqueSender.reset();
+    return false;
 }
 
-// ------------------------------------------------------------------------------------------------------- lines
+// --------------------------------------------------------------------------------------------------- the stream
 
-void COsLogCollectorImpl::TakeClientSocket(COsSocket* a_possocket)
+EOSSTS COsLogCollectorClient::ClientWrite(const void* a_pvBuffer, size_t a_sizetBytes)
 {
-    OSMEMDELETE(m_possocketClient);
-    m_possocketClient = a_possocket;
-    m_blLost = false;
-}
-
-// A collector that stands still is given up with the first piece that had to wait for so long, even if there was a bit
-// of room for it in the end: the next one would wait just as long.
-EOSSTS COsLogCollectorImpl::ClientWrite(const void* a_pvBuffer, size_t a_sizetBytes)
-{
-    if (!m_possocketClient)
+    if (!m_uniqueSender)
     {
         OSLOG(OS_LOG_ERROR, "m_possocketimpl is null...");
         return EOSSTS_DISCONNECTED;
     }
-    COsSocket::WriteArgs writeargs;
-    writeargs.pvBuffer = a_sizetBytes ? a_pvBuffer : " ";
-    writeargs.sizetBuffer = a_sizetBytes ? a_sizetBytes : 1;
-    writeargs.u32Timeout = g_u32ClientTimeout;
-    writeargs.blLogging = false;
-    writeargs.blRaw = true;
-    EOSSTS eossts = EOSSTS_SUCCESS;
-    while (writeargs.sizetBuffer && !m_blLost)
-    {
-        const uint64_t u64Begin = PlatTicks();
-        size_t sizetWritten = 0;
-        eossts = m_possocketClient->SocketWrite(writeargs, &sizetWritten);
-        m_blLost = eossts != EOSSTS_SUCCESS || sizetWritten == 0 || PlatTicks() - u64Begin >= g_u32ClientTimeout;
-        writeargs.pvBuffer = static_cast<const char*>(writeargs.pvBuffer) + sizetWritten;
-        writeargs.sizetBuffer -= sizetWritten;
-        m_u64Written += sizetWritten;
-    }
-    return writeargs.sizetBuffer && eossts == EOSSTS_SUCCESS ? EOSSTS_DISCONNECTED : eossts;
+    return a_sizetBytes ? m_uniqueSender->Send(a_pvBuffer, a_sizetBytes) : m_uniqueSender->Send(" ", 1);
 }
 
-// A collector says nothing of what it has done, but the file does. Nobody waits long for a file that does not grow:
-// it may have been deleted.
-void COsLogCollectorImpl::WaitUntilWritten() const
+// Only the process that owns the services of its application tells the collector that the application is done. The
+// marker must arrive as a read of its own: it is sent once all that came before has been read, and a pause follows.
+// Where it cannot be, closing ends the stream as well. Nobody waits for the other end of a connection that was given
+// up.
+void COsLogCollectorClient::Stop(char* a_szFolder, size_t a_sizetFolder)
 {
-    for (uint32_t u32Step = 0; u32Step < g_u32WrittenTimeout && SizeOf(m_szLogFile) < m_u64Written; ++u32Step)
+    if (a_szFolder && a_sizetFolder)
+        std::fill_n(a_szFolder, a_sizetFolder, '\0');
+    if (!m_uniqueSender)
+        return;
+    if (m_blPrivate && OsArgumentsIsServicesOwner() && !m_uniqueSender->HasFailed() && WaitUntilRead())
+    {
+        m_uniqueSender->Send(OS_LC_ENDMARKER, std::strlen(OS_LC_ENDMARKER));
+        PlatSleep(g_u32MarkerPause);
+    }
+    m_uniqueSender->Close(!m_uniqueSender->HasFailed());
+    m_uniqueSender.reset();
+}
+
+// A collector says nothing of what it has read, but the system does; where it does not, the file tells what was
+// written, if nobody else writes there.
+bool COsLogCollectorClient::WaitUntilRead() const
+{
+    const uint64_t u64Sent = m_uniqueSender->Sent();
+    const uint64_t u64Begin = PlatTicks();
+    for (;;)
+    {
+        uint64_t u64Read = 0;
+        const bool blTold = m_uniqueSender->ReadByCollector(&u64Read);
+        if (blTold ? u64Read == u64Sent : SizeOf(m_szLogFile) >= m_u64SizeBefore + u64Sent)
+            return true;
+        if (PlatTicks() - u64Begin >= g_u32ReadTimeout)
+            return !blTold;
         PlatSleep(1);
+    }
 }

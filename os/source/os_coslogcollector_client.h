@@ -4,9 +4,7 @@
 
 #include "os_coslogcollector_impl.h"
 #include "os_coslogcollector_protocol.h"
-#include "os_cossocket.h"
 
-#include <atomic>
 #include <memory>
 
 class COsLogCollectorSender;
@@ -25,9 +23,8 @@ public:
 
 private:
     EOSSTS Find();
-    EOSSTS Connect();
-    EOSSTS SendHeader(const char* a_szLogFile);
-    void SendEndMarker();
+    bool Connect();
+    bool SendHeader();
     bool WaitUntilRead() const;
 
     const bool m_blPrivate;
@@ -35,6 +32,6 @@ private:
     char m_szPort[OS_LC_PORTSIZE];
     uint64_t m_u64ProcessIdApplication;   // whose end ends an attempt to connect
     char m_szLogFile[OS_PATHSIZE];
-    std::unique_ptr<COsSocket> m_uniqueSocket;
+    uint64_t m_u64SizeBefore = 0;   // of the log file
     std::unique_ptr<COsLogCollectorSender> m_uniqueSender;
 };

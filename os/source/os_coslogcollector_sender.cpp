@@ -1,0 +1,251 @@
+// os_coslogcollector_sender.cpp: sending for many threads.
+//
+//   the turn        which thread sends, and what for
+//   sending         a batch, room for it
+//   standing still  when a collector is given up, and who goes on with the file then
+#include "os_coslogcollector_sender.h"
+
+#include "os_cossocket.h"
+
+#include "plat_socket.h"
+#include "plat_system.h"
+#include "plat_wait.h"
+
+#include <algorithm>
+#include <cstring>
+#include <thread>
+
+// Whoever waits for a sender yields so often before it sleeps: a send takes some microseconds, unless the collector
+// stands still.
+static constexpr uint32_t g_u32Yields = 1000;
+
+// After a send for several threads, the next ones let the others come first: it becomes one for several as well.
+static constexpr uint32_t g_u32Company = 8;
+
+// A collector that has read nothing for so long is asked to let go of the file, and has until the second one to do so.
+static constexpr uint64_t g_u64RoomTimeout = 4000;
+static constexpr uint64_t g_u64StillTimeout = 5000;
+static constexpr uint64_t g_u64LookPeriod = 50;
+
+COsLogCollectorSender::COsLogCollectorSender(std::unique_ptr<COsSocket> a_uniqueSocket)
+    : m_uniqueSocket(std::move(a_uniqueSocket))
+{
+}
+
+COsLogCollectorSender::~COsLogCollectorSender() = default;
+
+void COsLogCollectorSender::Close(bool a_blGraceful)
+{
+    m_uniqueSocket->SocketDisconnect(a_blGraceful);
+}
+
+// ---------------------------------------------------------------------------------------------------- the turn
+
+EOSSTS COsLogCollectorSender::Send(const void* a_pvBuffer, size_t a_sizetBytes)
+{
+    Text text{static_cast<const char*>(a_pvBuffer), a_sizetBytes};
+    if (BecomeSender(text) || AwaitTurn(text))
+        SendWaiting(text);
+    return text.eossts;
+}
+
+// False: another thread sends and has been left the text.
+bool COsLogCollectorSender::BecomeSender(Text& a_text)
+{
+    const std::lock_guard<std::mutex> guard(m_mutex);
+    if (!m_blSending)
+    {
+        m_blSending = true;
+        return true;
+    }
+    (m_ptextLast ? m_ptextLast->ptextNext : m_ptextFirst) = &a_text;
+    m_ptextLast = &a_text;
+    return false;
+}
+
+// False: the text is settled.
+bool COsLogCollectorSender::AwaitTurn(const Text& a_text)
+{
+    uint32_t u32State = Text::OS_WAITS;
+    for (uint32_t u32Tries = 0; (u32State = a_text.u32State.load(std::memory_order_acquire)) == Text::OS_WAITS;
+         ++u32Tries)
+    {
+        if (u32Tries < g_u32Yields)
+            std::this_thread::yield();
+        else
+            PlatSleep(1);
+    }
+    return u32State == Text::OS_TURN;
+}
+
+void COsLogCollectorSender::SendWaiting(Text& a_text)
+{
+    if (m_u32Company)
+    {
+        --m_u32Company;
+        std::this_thread::yield();
+    }
+    TakeWaiting(a_text);
+    if (a_text.ptextNext)
+        m_u32Company = g_u32Company;
+    for (Text* ptext = &a_text; ptext;)
+        ptext = SendBatch(ptext);
+    PassOn();
+}
+
+// Takes over all that wait, behind this thread's own text.
+void COsLogCollectorSender::TakeWaiting(Text& a_text)
+{
+    const std::lock_guard<std::mutex> guard(m_mutex);
+    a_text.ptextNext = m_ptextFirst;
+    m_ptextFirst = nullptr;
+    m_ptextLast = nullptr;
+}
+
+// The next to send is the first of those who came meanwhile.
+void COsLogCollectorSender::PassOn()
+{
+    Text* ptext = nullptr;
+    {
+        const std::lock_guard<std::mutex> guard(m_mutex);
+        ptext = m_ptextFirst;
+        if (ptext)
+            m_ptextFirst = ptext->ptextNext;
+        if (!m_ptextFirst)
+            m_ptextLast = nullptr;
+        m_blSending = ptext != nullptr;
+    }
+    if (ptext)
+        ptext->u32State.store(Text::OS_TURN, std::memory_order_release);
+}
+
+// ----------------------------------------------------------------------------------------------------- sending
+
+// Sends as many texts as go into one batch and settles them; returns the first that did not. A settled text is gone
+// with its thread, but for this thread's own.
+COsLogCollectorSender::Text* COsLogCollectorSender::SendBatch(Text* a_ptextFirst)
+{
+    const char* pch = nullptr;
+    size_t sizet = 0;
+    Text* const ptextEnd = Gather(a_ptextFirst, &pch, &sizet);
+    size_t sizetSent = SendAll(pch, sizet);
+    for (Text* ptext = a_ptextFirst; ptext != ptextEnd;)
+    {
+        Text* const ptextNext = ptext->ptextNext;
+        const bool blSent = sizetSent >= ptext->sizet;
+        sizetSent -= blSent ? ptext->sizet : sizetSent;
+        ptext->eossts = blSent ? EOSSTS_SUCCESS : m_eosstsFailed;
+        ptext->u32State.store(Text::OS_SETTLED, std::memory_order_release);
+        ptext = ptextNext;
+    }
+    return ptextEnd;
+}
+
+// A text alone, or one that is too long for the batch, is sent from where it is.
+COsLogCollectorSender::Text* COsLogCollectorSender::Gather(Text* a_ptextFirst, const char** a_ppch, size_t* a_psizet)
+{
+    *a_ppch = a_ptextFirst->pch;
+    *a_psizet = a_ptextFirst->sizet;
+    Text* ptext = a_ptextFirst->ptextNext;
+    if (!ptext || a_ptextFirst->sizet + ptext->sizet > sizeof m_achBatch)
+        return ptext;
+
+    *a_ppch = m_achBatch;
+    std::memcpy(m_achBatch, a_ptextFirst->pch, a_ptextFirst->sizet);
+    for (; ptext && *a_psizet + ptext->sizet <= sizeof m_achBatch; ptext = ptext->ptextNext)
+    {
+        std::memcpy(m_achBatch + *a_psizet, ptext->pch, ptext->sizet);
+        *a_psizet += ptext->sizet;
+    }
+    return ptext;
+}
+
+// How much was sent: all, unless the connection is given up.
+size_t COsLogCollectorSender::SendAll(const char* a_pch, size_t a_sizet)
+{
+    size_t sizetSent = 0;
+    while (sizetSent < a_sizet && !HasFailed())
+    {
+        size_t sizetPiece = 0;
+        if (m_uniqueSocket->SocketTrySend(a_pch + sizetSent, a_sizet - sizetSent, &sizetPiece) != EOSSTS_SUCCESS)
+            GiveUp(EOSSTS_DISCONNECTED);
+        sizetSent += sizetPiece;
+        m_u64Sent += sizetPiece;
+        if (sizetSent < a_sizet && !HasFailed())
+            AwaitRoom();
+    }
+    return sizetSent;
+}
+
+// ---------------------------------------------------------------------------------------------- standing still
+
+bool COsLogCollectorSender::ReadByCollector(uint64_t* a_pu64Read) const
+{
+    PlatSocketOwner platsocketowner{};
+    size_t sizetUnsent = 0;
+    if (m_uniqueSocket->SocketUnsent(&sizetUnsent) != EOSSTS_SUCCESS ||
+        m_uniqueSocket->SocketPeerOwner(&platsocketowner) != EOSSTS_SUCCESS)
+        return false;
+    *a_pu64Read = m_u64Sent - std::min(m_u64Sent, sizetUnsent + platsocketowner.u64Unread);
+    return true;
+}
+
+// Returns after a moment, or when there is room. Gives up a collector that stands still.
+void COsLogCollectorSender::AwaitRoom()
+{
+    const uint64_t u64Now = PlatTicks();
+    LookForProgress(u64Now);
+    if (u64Now - m_u64StillSince >= g_u64RoomTimeout)
+    {
+        HandOver();
+        return;
+    }
+    uint32_t u32Write = 0;
+    const COsSocket::SelectArgs selectargs{
+        .pu32Write = &u32Write, .u32Timeout = static_cast<uint32_t>(g_u64LookPeriod), .blLogging = false};
+    if (m_uniqueSocket->SocketSelect(selectargs) != EOSSTS_SUCCESS)
+        PlatSleep(1);
+}
+
+// A bit of room is no sign that the collector reads: the system finds some in full buffers. What counts is what the
+// collector has read; where nobody tells, what was taken.
+void COsLogCollectorSender::LookForProgress(uint64_t a_u64Now)
+{
+    if (m_blStill && a_u64Now - m_u64LookedAt < g_u64LookPeriod)
+        return;
+    uint64_t u64Read = m_u64Sent;
+    ReadByCollector(&u64Read);
+    if (!m_blStill || u64Read > m_u64Read)
+        m_u64StillSince = a_u64Now;
+    m_blStill = true;
+    m_u64LookedAt = a_u64Now;
+    m_u64Read = u64Read;
+}
+
+// A collector that wakes up in time reads what was sent, writes it and closes its end; then nobody writes the file any
+// more. One that does not keeps it.
+void COsLogCollectorSender::HandOver()
+{
+    m_uniqueSocket->SocketEndSending();
+    const uint64_t u64End = m_u64StillSince + g_u64StillTimeout;
+    EOSSTS eossts = EOSSTS_TIMEOUT;
+    do
+    {
+        char achNothing[16];
+        size_t sizetRead = 0;
+        const uint64_t u64Now = PlatTicks();
+        COsSocket::ReadArgs readargs;
+        readargs.pvBuffer = achNothing;
+        readargs.sizetBuffer = sizeof achNothing;
+        readargs.u32Timeout = static_cast<uint32_t>(u64Now < u64End ? u64End - u64Now : 1);
+        readargs.blQuiet = true;
+        eossts = m_uniqueSocket->SocketRead(readargs, &sizetRead);
+    } while (eossts == EOSSTS_SUCCESS && PlatTicks() < u64End);
+    GiveUp(eossts == EOSSTS_DISCONNECTED ? EOSSTS_DISCONNECTED : EOSSTS_BUSY);
+}
+
+void COsLogCollectorSender::GiveUp(EOSSTS a_eossts)
+{
+    m_eosstsFailed = a_eossts;
+    m_uniqueSocket->SocketDisconnect(false);
+}
