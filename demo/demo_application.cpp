@@ -137,7 +137,7 @@ static std::string Attend(Child& a_child)
         char szPiece[4096];
         size_t sizetRead = 0;
         const EOSSTS eossts = a_child.osthread.ChildRead(szPiece, sizeof szPiece, &sizetRead);
-        if (eossts != EOSSTS_SUCCESS && eossts != EOSSTS_TIMEOUT)
+        if (eossts != EOSSTS_SUCCESS && eossts != EOSSTS_TIMEOUT && eossts != EOSSTS_NOSPACE)
             return strOutput;
         strOutput.append(szPiece, sizetRead);
         const bool blEnough =

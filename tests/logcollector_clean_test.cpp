@@ -1,6 +1,8 @@
 // logcollector_clean_test.cpp: the program's clean mode: which folders it cleans, and which it refuses.
 #include "collector_support.h"
 
+#include "os_coslogfolder.h"
+
 namespace fs = std::filesystem;
 
 class CleanMode : public FolderTest
@@ -49,6 +51,24 @@ TEST_F(CleanMode, WhatIsOlderThanTheHoursGoesFromAllThreeBrandFolders)
     EXPECT_EQ(Left("app"), 3);
     EXPECT_EQ(Left("app/old"), 0);
     Run({"--cleanup"});
+    EXPECT_EQ(Left("app"), 0);
+}
+
+TEST_F(CleanMode, AFolderStaysAsLongAsOneProcessOfSeveralHoldsIt)
+{
+    Make("app", 5);
+    const std::string strHeld = (Brand("APPDATA") / "app/log.1").string();
+    COsLogFolderLock oslogfolderlock;
+    {
+        COsLogFolderLock oslogfolderlockFirst;
+        ASSERT_EQ(oslogfolderlockFirst.Acquire(strHeld.c_str()), EOSSTS_SUCCESS);
+        ASSERT_EQ(oslogfolderlock.Acquire(strHeld.c_str()), EOSSTS_SUCCESS);
+    }
+    Run({"--clean"});
+    EXPECT_EQ(Left("app"), 1);
+    EXPECT_EQ(ReadWhole(strHeld + "/a.log"), "text");
+    oslogfolderlock.Release();
+    Run({"--clean"});
     EXPECT_EQ(Left("app"), 0);
 }
 

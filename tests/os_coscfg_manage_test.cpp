@@ -70,6 +70,17 @@ TEST_F(Directories, EnvironmentMovesTheLogToALowerCasePathWithTheBrandsWord)
     fs::remove_all(fs::path(strLog).parent_path());
 }
 
+TEST_F(Directories, RelativeLogFolderBeginsWhereTheProcessStarts)
+{
+    fs::create_directories(PathOf("Here"));
+    fs::current_path(PathOf("Here"));
+    const std::string strHere = fs::current_path();
+    setenv("MVR_LOGDIR", "../Here/Logs/", 1);
+    EXPECT_TRUE(IsLogFolderBelow(LogDirectory("app"), fs::path(strHere).parent_path().string() + "/here/logs"));
+    setenv("MVR_LOGDIR", "Logs", 1);
+    EXPECT_TRUE(IsLogFolderBelow(LogDirectory("app"), strHere + "/logs"));
+}
+
 TEST_F(Directories, FoldersAreMadeOnlyWhereLoggingIsOn)
 {
     setenv("MVR_NOLOGGING", "1", 1);
@@ -170,13 +181,6 @@ protected:
         m_oscfg.SetString(OS_CFGSECTION_DSIDENTITY, OS_CFGTAG_LOGBACKUP, a_szBackup);
         OsCfgManageLogDirectories(Own().c_str(), nullptr);
     }
-    static bool IsHeld(const std::string& a_strFolder)
-    {
-        COsFile osfile;
-        return osfile.Open((a_strFolder + "/log.lock").c_str(), OS_FILEOPEN_EXISTING, OS_FILEACCESS_READWRITE,
-                           OS_FILESHARE_EXCLUSIVE) == EOSSTS_SHARING;
-    }
-
     COsCfg m_oscfg;
 };
 
@@ -186,7 +190,7 @@ TEST_F(LogFolders, FoldersOfTheNewestRunsStayAndOlderOnesGo)
     MakeFolder(szNine);
     for (const char* szNone : {"-1", ""})
         Manage(szNone);
-    EXPECT_TRUE(Has(szNine) && IsHeld(Own()));
+    EXPECT_TRUE(Has(szNine));
     Manage("3");
     EXPECT_TRUE(Has(g_szTenTwenty) && Has(g_szTen)) << "within half an hour";
     EXPECT_FALSE(Has(szNine)) << "near to 10:00, but too far from 10:20";
@@ -198,10 +202,8 @@ TEST_F(LogFolders, FoldersOfTheNewestRunsStayAndOlderOnesGo)
 TEST_F(LogFolders, LockedFoldersLinksAndNamesThatAreNoTimeStay)
 {
     WriteWhole(Beside(g_szTenTwenty) + "/log.lock", "stale");
-    COsFile osfile;
-    ASSERT_EQ(osfile.Open((Beside(g_szTen) + "/log.lock").c_str(), OS_FILEOPEN_TEMPORARY, OS_FILEACCESS_READWRITE,
-                          OS_FILESHARE_EXCLUSIVE),
-              EOSSTS_SUCCESS);
+    COsLogFolderLock oslogfolderlock;
+    ASSERT_EQ(oslogfolderlock.Acquire(Beside(g_szTen).c_str()), EOSSTS_SUCCESS);
     fs::create_directories(PathOf("precious"));
     WriteWhole(PathOf("precious/file"), "text");
     fs::create_directory_symlink(PathOf("precious"), Beside("log.20240101000000000000"));
@@ -232,28 +234,37 @@ TEST_F(LogFolders, EmptyFoldersGoUnlessTheyAreYoung)
     EXPECT_TRUE(Has(strYoung) && Has("log.old")) << "changed just now";
 }
 
-TEST_F(LogFolders, ManagedFolderIsLockedUntilItIsReleasedAndOurOwnUntilTheEnd)
+TEST_F(LogFolders, FoldersDatedInTheFuturePushOutNoRealOnes)
 {
-    const std::string strOurs = Slashed(Tag(m_oscfg, OS_CFGTAG_LOGDIRECTORY));
-    OsCfgManageLogDirectories(strOurs.c_str(), nullptr);
-    Manage("6");
-    Manage("6");
-    EXPECT_TRUE(IsHeld(Own()) && IsHeld(strOurs));
-    OsCfgReleaseManaged();
-    OsCfgReleaseManaged();
-    EXPECT_FALSE(fs::exists(Own() + "/log.lock"));
-    EXPECT_TRUE(IsHeld(strOurs));
+    const char* const aszFuture[] = {"log.29990101120000000000", "log.29990102120000000000",
+                                     "log.29990103120000000000"};
+    for (const char* szName : aszFuture)
+        MakeFolder(szName);
+    Manage("2");
+    EXPECT_TRUE(Has(g_szTwelve) && Has(g_szEleven));
+    EXPECT_FALSE(Has(g_szTen));
+    for (const char* szName : aszFuture)
+        EXPECT_TRUE(Has(szName)) << szName;
 }
 
-TEST_F(LogFolders, FolderThatItsOwnProcessLocksIsManagedAllTheSame)
+// A deleter has the folder when it is to be held; it lets go without deleting it.
+TEST_F(LogFolders, OwnFolderIsHeldToTheEndAndThatOfAnotherProcessIsNot)
 {
+    const std::string strOurs = Slashed(Tag(m_oscfg, OS_CFGTAG_LOGDIRECTORY));
     COsFile osfile;
-    osfile.Open((Own() + "/log.lock").c_str(), OS_FILEOPEN_TEMPORARY, OS_FILEACCESS_READWRITE, OS_FILESHARE_EXCLUSIVE);
-    Manage("1");
-    EXPECT_TRUE(m_logcapture.HasPart("CreateFileW failed...260 0xc0000000 0x0 0x2 0x4000080 <"));
-    EXPECT_FALSE(Has(g_szTen));
-    OsCfgReleaseManaged();
-    EXPECT_TRUE(IsHeld(Own()));
+    ASSERT_EQ(osfile.Open((strOurs + "/log.lock").c_str(), OS_FILEOPEN_TEMPORARY, OS_FILEACCESS_READWRITE,
+                          OS_FILESHARE_EXCLUSIVE),
+              EOSSTS_SUCCESS);
+    {
+        const std::jthread jthread([&] { OsCfgManageLogDirectories(strOurs.c_str(), nullptr); });
+        EXPECT_TRUE(
+            WaitFor([&] { return m_logcapture.HasPart("CreateFileW failed...260 0xc0000000 0x3 0x4 0x80 <"); }));
+        osfile.Close();
+    }
+    EXPECT_TRUE(COsLogFolderLock::IsHeldByOthers(strOurs.c_str()));
+    Manage("6");
+    EXPECT_FALSE(fs::exists(Own() + "/log.lock"));
+    EXPECT_TRUE(COsLogFolderLock::IsHeldByOthers(strOurs.c_str()));
 }
 
 TEST_F(Directories, OwnerOfTheServicesLooksAfterTheLogFoldersByItself)

@@ -4,7 +4,6 @@
 #include "os_cosfile_paths.h"
 #include "os_cosfile_system.h"
 
-#include <sys/resource.h>
 #include <sys/socket.h>
 #include <sys/un.h>
 #include <thread>
@@ -232,13 +231,9 @@ TEST_F(FileSystem, AnOpenFileStaysWhenThereAreNoDescriptors)
     COsFile osfile;
     ASSERT_EQ(osfile.Open(strPath.c_str(), OS_FILEOPEN_ALWAYS, OS_FILEACCESS_WRITE, OS_FILESHARE_READWRITE),
               EOSSTS_SUCCESS);
-    rlimit rlimitBefore{};
-    getrlimit(RLIMIT_NOFILE, &rlimitBefore);
-    const rlimit rlimitNone{0, rlimitBefore.rlim_max};
-    setrlimit(RLIMIT_NOFILE, &rlimitNone);
-    const EOSSTS eossts = OsFileDelete(strPath.c_str(), OS_FILETYPE_FILE, false, false);
-    setrlimit(RLIMIT_NOFILE, &rlimitBefore);
-    EXPECT_TRUE(eossts == EOSSTS_FAIL && Exists("log"));
+    const NoDescriptors nodescriptors;
+    EXPECT_EQ(OsFileDelete(strPath.c_str(), OS_FILETYPE_FILE, false, false), EOSSTS_FAIL);
+    EXPECT_TRUE(Exists("log"));
 }
 
 TEST_F(FileSystem, ASystemFileGoesOnlyWhenAllowed)

@@ -233,8 +233,37 @@ TEST_F(File, KnowsWhetherItsNameIsStillThere)
     COsFile osfile;
     ASSERT_EQ(Open(osfile), EOSSTS_SUCCESS);
     EXPECT_TRUE(osfile.HasName());
-    std::filesystem::remove(m_szFile);
+    EXPECT_TRUE(osfile.IsNamed());
+    std::filesystem::rename(m_szFile, PathOf("moved"));
+    EXPECT_TRUE(osfile.HasName());
+    EXPECT_FALSE(osfile.IsNamed());
+
+    COsFile osfileSame, osfileOther;
+    OsFileIdentity osfileidentity{}, osfileidentitySame{}, osfileidentityOther{};
+    EXPECT_EQ(Open(osfileOther), EOSSTS_SUCCESS);
+    EXPECT_EQ(osfileSame.Open(PathOf("moved").c_str(), OS_FILEOPEN_ALWAYS, OS_FILEACCESS_READ, OS_FILESHARE_READWRITE),
+              EOSSTS_SUCCESS);
+    EXPECT_TRUE(osfile.GetIdentity(&osfileidentity) && osfileSame.GetIdentity(&osfileidentitySame) &&
+                osfileOther.GetIdentity(&osfileidentityOther));
+    EXPECT_EQ(osfileidentity, osfileidentitySame);
+    EXPECT_NE(osfileidentity, osfileidentityOther);
+    std::filesystem::remove(PathOf("moved"));
     EXPECT_FALSE(osfile.HasName());
+    osfile.Close();
+    EXPECT_FALSE(osfile.IsNamed() || osfile.GetIdentity(&osfileidentity));
+}
+
+TEST_F(File, AppendTellsHowMuchOfARefusedPieceWasWritten)
+{
+    COsFile osfile;
+    ASSERT_EQ(osfile.Open("/dev/full", OS_FILEOPEN_EXISTING, OS_FILEACCESS_WRITE, OS_FILESHARE_READWRITE),
+              EOSSTS_SUCCESS);
+    size_t sizetWritten = 7;
+    EXPECT_EQ(osfile.Append("x", 1, &sizetWritten), EOSSTS_FAIL);
+    EXPECT_EQ(sizetWritten, 0u);
+    EXPECT_EQ(Open(osfile), EOSSTS_SUCCESS);
+    EXPECT_EQ(osfile.Append("xyz", 3, &sizetWritten), EOSSTS_SUCCESS);
+    EXPECT_EQ(sizetWritten, 3u);
 }
 
 TEST_F(File, CarriesABufferToItsEnd)

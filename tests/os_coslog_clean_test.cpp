@@ -4,6 +4,7 @@
 #include "os_cosfile.h"
 #include "os_cosfile_system.h"
 #include "os_coslog.h"
+#include "os_coslogfolder.h"
 
 #include <thread>
 #include <unistd.h>
@@ -106,24 +107,18 @@ TEST_F(Cleaner, OnlyLogFoldersOfTheProductGo)
     }
 }
 
-TEST_F(Cleaner, AHeldLockFileKeepsItsFolder)
+TEST_F(Cleaner, AHeldFolderStaysWithItsLockFile)
 {
-    LogCapture logcapture;
     Write("log.1/a.log", 100);
     Write("log.2/log.lock");
     Write("log.3/log.lock/x");
-    const std::string strLock = In("log.1/log.lock");
-    COsFile osfile;
-    ASSERT_EQ(osfile.Open(strLock.c_str(), OS_FILEOPEN_TEMPORARY, OS_FILEACCESS_READWRITE, OS_FILESHARE_EXCLUSIVE),
-              EOSSTS_SUCCESS);
+    COsLogFolderLock oslogfolderlock;
+    ASSERT_EQ(oslogfolderlock.Acquire(In("log.1").c_str()), EOSSTS_SUCCESS);
     Clean(1);
     EXPECT_TRUE(Exists("log.1/a.log") && Exists("log.1/log.lock"));
-    std::string strShown = strLock;
-    std::replace(strShown.begin(), strShown.end(), '/', '\\');
-    EXPECT_TRUE(logcapture.Has("CreateFileW failed...260 0xc0000000 0x0 0x2 0x4000080 <" + strShown + ">"));
     EXPECT_FALSE(Exists("log.2")) << "nobody holds it any more";
     EXPECT_TRUE(Exists("log.3/log.lock/x"));
-    osfile.Close();
+    oslogfolderlock.Release();
     Clean(1);
     EXPECT_FALSE(Exists("log.1"));
 }

@@ -1,4 +1,5 @@
 // os_cossocket_test.cpp: listening, connecting, reading, writing, letting go, and what is told of it.
+#include "os_cossync.h"
 #include "socket_support.h"
 
 #include "plat_thread.h"
@@ -285,6 +286,56 @@ TEST_F(SocketTest, SendThatFindsNoRoomIsRetriedAndGivenUp)
         EXPECT_TRUE(m_logcapture.HasPart(std::string("failed WSAEWOULDBLOCK. Sleep (100) and retry again ") + szTry));
     EXPECT_FALSE(m_logcapture.HasPart("retry again (9)"));
     EXPECT_TRUE(m_logcapture.HasAt(1, "sock>>> write: send failed..."));
+}
+
+TEST_F(SocketTest, TrySendTakesWhatThereIsRoomForAndSendsNothingAfterTheEnd)
+{
+    SocketPair socketpair;
+    const std::string strMuch(64 << 20, 'x');
+    size_t sizetSent = 0;
+    EXPECT_EQ(socketpair.client.SocketTrySend("abc", 3, &sizetSent), EOSSTS_SUCCESS);
+    EXPECT_EQ(Receive(socketpair.server).strText, "abc");
+    EXPECT_TRUE(WaitFor([&] {
+        return socketpair.client.SocketTrySend(strMuch.data(), strMuch.size(), &sizetSent) == EOSSTS_SUCCESS &&
+               sizetSent == 0;
+    }));
+    EXPECT_EQ(socketpair.client.SocketUnsent(&sizetSent), EOSSTS_SUCCESS);
+    EXPECT_GT(sizetSent, 0u);
+
+    SocketPair socketpairEnded;
+    EXPECT_EQ(socketpairEnded.server.SocketEndSending(), EOSSTS_SUCCESS);
+    EXPECT_EQ(Receive(socketpairEnded.client).eossts, EOSSTS_DISCONNECTED);
+    EXPECT_EQ(socketpairEnded.client.SocketTrySend("lost", 4, &sizetSent), EOSSTS_DISCONNECTED);
+    EXPECT_EQ(Send(socketpairEnded.server, "no more"), EOSSTS_DISCONNECTED);
+    EXPECT_EQ(socketpairEnded.server.SocketSelect({.pu32Read = nullptr, .u32Timeout = 0}), EOSSTS_TIMEOUT);
+    socketpairEnded.client.SocketDisconnect(false);
+    EXPECT_EQ(socketpairEnded.client.SocketTrySend("lost", 4, &sizetSent), EOSSTS_NOTOPEN);
+}
+
+// The connection that could not be taken waits, and so does an accept for which there is none.
+TEST_F(SocketTest, AcceptWithoutDescriptorsSaysSoAndTakesTheSameConnectionLater)
+{
+    Listener listener;
+    COsSocket client, server, other;
+    COsSync possync;
+    EXPECT_EQ(possync.EventCreate(nullptr, nullptr), EOSSTS_SUCCESS);
+    EXPECT_EQ(possync.EventSet(), EOSSTS_SUCCESS);
+    EXPECT_EQ(server.SocketCreate(nullptr, "0", "test", &listener.possocket), EOSSTS_SUCCESS);
+    {
+        const NoDescriptors nodescriptors;
+        EXPECT_EQ(server.SocketAccept(&possync), EOSSTS_EXITED);
+    }
+    EXPECT_EQ(client.SocketConnect(listener.ConnectArgs()), EOSSTS_SUCCESS);
+    EXPECT_EQ(Send(client, "abc"), EOSSTS_SUCCESS);
+    {
+        const NoDescriptors nodescriptors;
+        EXPECT_EQ(server.SocketAccept(nullptr), EOSSTS_NOMEMORY);
+        EXPECT_TRUE(m_logcapture.HasAt(1, "sock>>> accept: accept failed..."));
+        EXPECT_EQ(other.SocketCreate(nullptr, "0", "test", &listener.possocket), EOSSTS_NOMEMORY);
+        EXPECT_EQ(other.SocketCreate(nullptr, "0", "test", nullptr), EOSSTS_NOMEMORY);
+    }
+    EXPECT_EQ(server.SocketAccept(nullptr), EOSSTS_SUCCESS);
+    EXPECT_EQ(Receive(server).strText, "abc");
 }
 
 TEST_F(SocketTest, DisconnectedObjectSaysSoAndCanBeUsedAgain)

@@ -111,6 +111,23 @@ TEST_F(SocketWaitTest, WatchedProcessAndStopEventAreToldApartByTheirPlace)
     EXPECT_TRUE(m_logcapture.HasAt(4, "Select failed on " + PortOf(socketpair) + "...13"));
 }
 
+TEST_F(SocketWaitTest, ProcessOfAnAttemptAloneMayEndAfterIt)
+{
+    OtherProcess otherprocess;
+    SocketPair socketpair;
+    COsSocket::ConnectArgs connectargs = socketpair.listener.ConnectArgs(otherprocess.Id());
+    connectargs.blWatchAttempt = true;
+    EXPECT_EQ(socketpair.client.SocketConnect(connectargs), EOSSTS_SUCCESS);
+    EXPECT_EQ(socketpair.listener.Accept(socketpair.server), EOSSTS_SUCCESS);
+    const PlatHandle plathandle = PlatProcessOpen(otherprocess.Id());
+    otherprocess.End();
+    EXPECT_EQ(PlatWaitAny(&plathandle, 1, 20000), 0u);
+    PlatClose(plathandle);
+    EXPECT_EQ(Receive(socketpair.client, {.u32Timeout = 1}).eossts, EOSSTS_TIMEOUT);
+    EXPECT_EQ(Send(socketpair.server, "abc"), EOSSTS_SUCCESS);
+    EXPECT_EQ(Receive(socketpair.client).strText, "abc");
+}
+
 TEST_F(SocketWaitTest, ChildOfAThreadEndsTheWaitAndOneThatHasEndedIsNoted)
 {
     SocketPair socketpair;

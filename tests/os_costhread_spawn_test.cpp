@@ -45,7 +45,7 @@ protected:
     {
         std::string strOutput;
         EOSSTS eossts = EOSSTS_SUCCESS;
-        while (eossts == EOSSTS_SUCCESS)
+        while (eossts == EOSSTS_SUCCESS || eossts == EOSSTS_NOSPACE)
             eossts = Read(&strOutput);
         EXPECT_EQ(eossts, EOSSTS_EXITED);
         return strOutput;
@@ -198,7 +198,7 @@ TEST_F(Spawn, StandardErrorIsLeftForItself)
 TEST_F(Spawn, AReadGivesUpAfterThreeSecondsOrWhenItIsCancelled)
 {
     std::string strOutput;
-    EXPECT_EQ(Start(g_u32Piped, Script("silent", "exec >&- 2>&-; read line")), EOSSTS_SUCCESS);
+    EXPECT_EQ(Start(g_u32Piped, Script("silent", "read line")), EOSSTS_SUCCESS);
     const uint64_t u64Start = PlatTicks();
     EXPECT_EQ(Read(&strOutput), EOSSTS_TIMEOUT);
     EXPECT_GE(PlatTicks() - u64Start, 3000u);
@@ -208,6 +208,23 @@ TEST_F(Spawn, AReadGivesUpAfterThreeSecondsOrWhenItIsCancelled)
     thread.join();
     EXPECT_EQ(m_osthread.ChildWrite("\n", 1), EOSSTS_SUCCESS);
     EXPECT_EQ(Read(&strOutput), EOSSTS_EXITED);
+}
+
+TEST_F(Spawn, AChildThatHasClosedItsStreamsIsNotWaitedFor)
+{
+    std::string strOutput;
+    EXPECT_EQ(Start(g_u32Piped, Script("closes", "exec >&-; read line; echo error >&2; exec 2>&-; read line")),
+              EOSSTS_SUCCESS);
+    const uint64_t u64Start = PlatTicks();
+    EXPECT_EQ(Read(&strOutput, true), EOSSTS_NOSPACE);
+    EXPECT_EQ(m_osthread.ChildWrite("\n", 1), EOSSTS_SUCCESS);
+    EXPECT_EQ(Read(&strOutput), EOSSTS_SUCCESS);
+    EXPECT_EQ(strOutput, "error\n");
+    EXPECT_EQ(Read(&strOutput), EOSSTS_NOSPACE);
+    EXPECT_LT(PlatTicks() - u64Start, 3000u);
+    EXPECT_TRUE(m_osthread.ChildIsRunning());
+    EXPECT_EQ(m_osthread.ChildWrite("\n", 1), EOSSTS_SUCCESS);
+    EXPECT_EQ(Output(), "");
 }
 
 TEST_F(Spawn, AChildOutlivesTheObjectAndLeavesNoZombie)

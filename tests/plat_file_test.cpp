@@ -5,7 +5,9 @@
 #include "plat_memory.h"
 
 #include <atomic>
+#include <csignal>
 #include <set>
+#include <sys/resource.h>
 #include <thread>
 
 namespace
@@ -57,9 +59,11 @@ uint32_t ErrorOf(bool a_blResult)
 
 }   // namespace
 
-// Holds two files, one of them as its lock file, until it is killed.
-int PlayPart(const std::vector<std::string>&)
+// Holds two files, one of them as its lock file, until it is killed; or says what the signal of a file's limit does.
+int PlayPart(const std::vector<std::string>& a_vecstrArguments)
 {
+    if (a_vecstrArguments[0] == "limit")
+        return raise(SIGXFSZ);
     const File fileLock("lock", R | W, PLAT_SHARE_NONE, PLAT_DISPOSITION_CREATEALWAYS, PLAT_OPEN_DELETEONCLOSE);
     const File fileLog("log", W, RW);
     if (!fileLock.IsOpen() || !fileLog.IsOpen() || !Say("ready"))
@@ -80,6 +84,64 @@ protected:
 };
 
 using std::filesystem::exists;
+
+// True while the open file has the name, of which one path is asked for.
+bool IsNamed(const File& a_file, const std::string& a_strPath)
+{
+    return PlatFileIsNamed(a_file.m_plathandle, Wide(a_strPath).c_str());
+}
+
+TEST_F(PlatFile, IsNamedByEveryPathThatWouldOpenIt)
+{
+    const File file("a", R | W, ALL);
+    const File fileLook("a", PLAT_ACCESS_NONE, ALL, PLAT_DISPOSITION_OPENEXISTING);
+    std::filesystem::create_hard_link("a", "hard");
+    std::filesystem::create_symlink("a", "link");
+    for (const std::string& strPath : {std::string("a"), PathOf("a"), std::string("hard"), std::string("link")})
+        EXPECT_TRUE(IsNamed(file, strPath) && IsNamed(fileLook, strPath)) << strPath;
+
+    std::filesystem::rename("a", "moved");
+    EXPECT_TRUE(IsNamed(file, "moved"));
+    EXPECT_FALSE(IsNamed(file, "a"));
+    EXPECT_FALSE(IsNamed(file, "link"));
+    WriteWhole(PathOf("a"), "another");
+    EXPECT_FALSE(IsNamed(file, "a"));
+    std::filesystem::remove("moved");
+    EXPECT_FALSE(IsNamed(file, "moved"));
+    EXPECT_TRUE(IsNamed(file, "hard"));
+}
+
+// ------------------------------------------------------------------------------------------ the limit of a file's size
+
+// Writes more than the limit lets in, and tells what the write said and how much it took.
+std::pair<uint32_t, size_t> WriteBeyondTheLimit()
+{
+    const File file("limited", R | W, ALL);
+    rlimit rlimitBefore{};
+    getrlimit(RLIMIT_FSIZE, &rlimitBefore);
+    const rlimit rlimitSmall{10, rlimitBefore.rlim_max};
+    setrlimit(RLIMIT_FSIZE, &rlimitSmall);
+    size_t sizetWritten = 0;
+    const uint32_t u32Error = ErrorOf(PlatFileAppend(file.m_plathandle, "sixteen letters.", 16, &sizetWritten));
+    setrlimit(RLIMIT_FSIZE, &rlimitBefore);
+    return {u32Error, sizetWritten};
+}
+
+TEST_F(PlatFile, LimitOfAFilesSizeIsAFullDiskAndForNoChild)
+{
+    EXPECT_EQ(WriteBeyondTheLimit(), std::pair(PLAT_ERROR_DISKFULL, size_t{10}));
+    EXPECT_EQ(ReadWhole(PathOf("limited")), "sixteen le");
+    EXPECT_EQ(Part("limit").ExitCode(), 128u + SIGXFSZ);
+}
+
+TEST_F(PlatFile, HandlerOfTheProgramForTheLimitStays)
+{
+    static volatile sig_atomic_t s_iSignals = 0;
+    const auto pfnBefore = signal(SIGXFSZ, [](int) { s_iSignals = s_iSignals + 1; });
+    EXPECT_EQ(WriteBeyondTheLimit(), std::pair(PLAT_ERROR_DISKFULL, size_t{10}));
+    EXPECT_EQ(s_iSignals, 1);
+    signal(SIGXFSZ, pfnBefore);
+}
 
 // ---------------------------------------------------------------------------------------------------- share modes
 

@@ -1,7 +1,5 @@
 // plat_socket_test.cpp: connecting, closing, what is reported and when, and the event that tells it.
-#include "plat_socket.h"
-
-#include "test_support.h"
+#include "plat_socket_support.h"
 
 #include <cstring>
 #include <thread>
@@ -9,88 +7,15 @@
 namespace
 {
 
-constexpr uint32_t READ = PLAT_SOCKET_READ;
-constexpr uint32_t WRITE = PLAT_SOCKET_WRITE;
-constexpr uint32_t ACCEPT = PLAT_SOCKET_ACCEPT;
-constexpr uint32_t CONNECT = PLAT_SOCKET_CONNECT;
-constexpr uint32_t CLOSE = PLAT_SOCKET_CLOSE;
-
-class Handle
-{
-public:
-    explicit Handle(PlatHandle a_plathandle) : m_plathandle(a_plathandle) {}
-    ~Handle() { Close(); }
-    Handle(const Handle&) = delete;
-    Handle& operator=(const Handle&) = delete;
-    operator PlatHandle() const { return m_plathandle; }
-    void Close()
-    {
-        if (m_plathandle != PLAT_INVALID)
-            PlatClose(m_plathandle);
-        m_plathandle = PLAT_INVALID;
-    }
-
-private:
-    PlatHandle m_plathandle;
-};
-
-bool Sends(PlatHandle a_plathandle, const std::string& a_strText)
-{
-    size_t sizetSent = 0;
-    return PlatSocketSend(a_plathandle, a_strText.data(), a_strText.size(), &sizetSent) &&
-           sizetSent == a_strText.size();
-}
-
-std::string Receive(PlatHandle a_plathandle)
-{
-    char achText[64];
-    size_t sizetRead = 0;
-    if (!PlatSocketReceive(a_plathandle, achText, sizeof achText, &sizetRead))
-        return "error " + std::to_string(PlatGetLastError());
-    return {achText, sizetRead};
-}
-
-bool Reports(PlatHandle a_plathandle, uint32_t a_u32Mask, uint32_t a_u32Expected)
-{
-    return WaitFor([&] { return PlatSocketPoll(a_plathandle, a_u32Mask) == a_u32Expected; });
-}
-
 bool IsReady(const Handle& a_handleEvent, uint32_t a_u32Milliseconds = 0)
 {
     const PlatHandle plathandle = a_handleEvent;
     return PlatWaitAny(&plathandle, 1, a_u32Milliseconds) == 0;
 }
 
-class PlatSocket : public testing::Test
+class PlatSocket : public ConnectedSockets
 {
 protected:
-    PlatSocket()
-    {
-        EXPECT_TRUE(PlatSocketStartup() && PlatAddressFromText("127.0.0.1", &m_plataddress));
-        m_plataddress.u16Port = 0;
-        EXPECT_TRUE(PlatSocketBind(m_handleListener, &m_plataddress));
-        EXPECT_TRUE(PlatSocketName(m_handleListener, &m_plataddress));
-        EXPECT_TRUE(PlatSocketListen(m_handleListener, 32));
-    }
-    ~PlatSocket() override { PlatSocketCleanup(); }
-
-    // Connects a client. False for a failure that is not "not yet".
-    bool Connect(PlatHandle a_plathandle) const
-    {
-        return PlatSocketConnect(a_plathandle, &m_plataddress) || PlatGetLastError() == PLAT_ERROR_WOULDBLOCK;
-    }
-    // And takes it.
-    PlatHandle ConnectAndAccept(PlatHandle a_plathandle)
-    {
-        EXPECT_TRUE(Connect(a_plathandle) && Reports(m_handleListener, ACCEPT | CLOSE, ACCEPT));
-        EXPECT_TRUE(Reports(a_plathandle, CONNECT | CLOSE, CONNECT));
-        return PlatSocketAccept(m_handleListener, &m_plataddressPeer);
-    }
-
-    PlatAddress m_plataddress = {};
-    PlatAddress m_plataddressPeer = {};
-    Handle m_handleListener{PlatSocketCreate()};
-    Handle m_handleClient{PlatSocketCreate()};
     Handle m_handleEvent{PlatSocketEventCreate()};
 };
 

@@ -20,7 +20,9 @@
 #include <map>
 #include <mutex>
 #include <string>
+#include <sys/resource.h>
 #include <thread>
+#include <unistd.h>
 #include <vector>
 
 // Waits until a_condition() holds, at most a_u32Milliseconds. Tells whether it does.
@@ -36,6 +38,26 @@ bool WaitFor(Condition a_condition, uint32_t a_u32Milliseconds = 20000)
     }
     return true;
 }
+
+// While it lives, this process gets no further descriptor.
+class NoDescriptors
+{
+public:
+    NoDescriptors()
+    {
+        getrlimit(RLIMIT_NOFILE, &m_rlimitBefore);
+        const int iFree = dup(0);
+        close(iFree);
+        const rlimit rlimitFull{static_cast<rlim_t>(iFree), m_rlimitBefore.rlim_max};
+        setrlimit(RLIMIT_NOFILE, &rlimitFull);
+    }
+    ~NoDescriptors() { setrlimit(RLIMIT_NOFILE, &m_rlimitBefore); }
+    NoDescriptors(const NoDescriptors&) = delete;
+    NoDescriptors& operator=(const NoDescriptors&) = delete;
+
+private:
+    rlimit m_rlimitBefore{};
+};
 
 inline std::string ReadWhole(const std::filesystem::path& a_path)
 {

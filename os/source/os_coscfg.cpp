@@ -4,7 +4,6 @@
 
 #include "os_coscfg_impl.h"
 
-#include "os_cosfile.h"
 #include "os_cosstring.h"
 #include "os_costhread.h"
 #include "os_log.h"
@@ -90,12 +89,6 @@ void COsCfg::ManageLogDirectories(const char* a_szLogFolder, const COsThread* a_
         m_poscfgimpl->ManageLogDirectories(a_szLogFolder, a_posthread);
 }
 
-void COsCfg::ReleaseManagedDirectory()
-{
-    if (Usable(m_poscfgimpl))
-        m_poscfgimpl->ReleaseManagedDirectory();
-}
-
 EOSSTS COsCfg::SetString(EOSCFGSECTION, EOSCFGTAG a_eoscfgtag, const char* a_szValue)
 {
     if (!Usable(m_poscfgimpl))
@@ -144,6 +137,5 @@ COsCfgImpl::~COsCfgImpl()
 void COsCfgImpl::StopManagement()
 {
     OSMEMDELETE(m_posthreadManage);
-    ReleaseManagedDirectory();
-    OSMEMDELETE(m_posfileLock);
+    m_oslogfolderlock.Release();
 }

@@ -60,7 +60,6 @@ public:
     int64_t InfoGetLong(EOSCFGINFO a_eoscfginfo) override;
     EOSSTS GetPath(EOSPATH a_eospath, char* a_szPath, size_t a_sizetPath) override;
     void ManageLogDirectories(const char* a_szLogFolder, const COsThread* a_posthread) override;
-    void ReleaseManagedDirectory() override;
 
     // Stores the pointer, not a copy, in the identity section, whatever section is named. The text must live as long
     // as the configuration.

@@ -203,7 +203,8 @@ void COsCfgImpl::SetFolders()
 
 // --------------------------------------------------------------------------------------------------- the log folder
 
-// The folder that MVR_LOGDIR names, with the brand's word in its place and in small letters; false for none.
+// The folder that MVR_LOGDIR names, with the brand's word in its place and in small letters; false for none. A relative
+// one begins in the folder where this process starts: the collector works in another one.
 static bool FolderOfEnvironment(PathBuffer& a_szPath)
 {
     OsEnvGet("MVR_LOGDIR", "", sizeof a_szPath, a_szPath);
@@ -212,8 +213,7 @@ static bool FolderOfEnvironment(PathBuffer& a_szPath)
     if (SStrReplace(a_szPath, sizeof a_szPath, "@@@BRAND@@@", OsCfgBrandWord(), true) == EOSSTS_FAIL)
         return false;
     StrLower(a_szPath);
-    OsPathNormalize(a_szPath);
-    return true;
+    return OsPathAbsolute(a_szPath, sizeof a_szPath, a_szPath) == EOSSTS_SUCCESS;
 }
 
 static void StampNow(char (&a_szStamp)[OS_TIMESTAMPSIZE])

@@ -20,6 +20,7 @@
 #pragma once
 
 #include "os_coscfg.h"
+#include "os_coslogfolder.h"
 #include "os_costime.h"
 
 #include "plat_machine.h"
@@ -27,8 +28,8 @@
 #include <atomic>
 #include <initializer_list>
 #include <memory>
+#include <mutex>
 
-class COsFile;
 class COsThread;
 
 inline constexpr size_t OS_CFGFILESIZE = 65536;     // of an INI file, with its terminator
@@ -238,7 +239,6 @@ public:
     void Load();
 
     void ManageLogDirectories(const char* a_szLogFolder, const COsThread* a_posthread);
-    void ReleaseManagedDirectory();
     EOSSTS WriteReport();
 
     OsCfgTable m_oscfgtable;
@@ -331,7 +331,7 @@ private:
     bool UsesOthersLog() const;
     void FindLogModel(char* a_szModel, size_t a_sizetModel) const;
 
-    void LockLogFolder(const char* a_szLogFolder);   // os_coscfg_manage.cpp
+    void LockOwnFolder(const COsThread* a_posthread);   // os_coscfg_manage.cpp
 
     void StoreSaneTwainVersion();
     void FindApplication();
@@ -344,7 +344,6 @@ private:
     EOSSTS LoadIni(const char* a_szPath, std::unique_ptr<char[]>& a_szBuffer, OsCfgLoadMode a_oscfgloadmode);
 
     COsThread* m_posthreadManage = nullptr;
-    uint64_t m_u64LockFiles = 0;           // the lock of the two
-    COsFile* m_posfileLock = nullptr;      // "log.lock" of our own log folder
-    COsFile* m_posfileManaged = nullptr;   // and of one that we look after for another process
+    std::mutex m_mutexLogFolder;
+    COsLogFolderLock m_oslogfolderlock;   // our own log folder's
 };

@@ -1,19 +1,17 @@
-// os_coscfg_manage.cpp: looking after the log folders: the lock files that mark folders as in use, the log folders
-// beside ours, and which of them go.
+// os_coscfg_manage.cpp: looking after the log folders: the lock of our own, the log folders beside it or beside another
+// process's, and which of them go.
 //
 // Runs on a thread of its own, beside whatever other processes do in the same tree. A folder whose "log.lock" somebody
 // holds is never touched; a link is never followed.
 #include "os_coscfg_impl.h"
 
-#include "os_cosfile.h"
 #include "os_cosfile_paths.h"
 #include "os_cosfile_system.h"
-#include "os_cosspinlock.h"
+#include "os_cosfile_tree.h"
 #include "os_cosstring.h"
 #include "os_costhread.h"
-#include "os_log.h"
-#include "os_new.h"
-#include "os_scope.h"
+
+#include "plat_wait.h"
 
 #include <algorithm>
 #include <chrono>
@@ -22,13 +20,12 @@
 #include <string>
 #include <vector>
 
-static constexpr char g_szSource[] = "os/source/os_coscfg";
-
-static constexpr char g_szLockFile[] = "log.lock";
+static constexpr int g_iLockTries = 20;
+static constexpr uint32_t g_u32LockPause = 100;      // ms
 static constexpr int64_t g_i64GroupSeconds = 1800;   // folders that are no further apart belong to one run
 static constexpr int64_t g_i64YoungSeconds = 60;     // a process that starts makes its folder before it locks it
 
-// ------------------------------------------------------------------------------------------------------- the locks
+// ------------------------------------------------------------------------------------------------------ our folder
 
 static bool IsSameFolder(const char* a_szLeft, const char* a_szRight)
 {
@@ -41,56 +38,24 @@ static bool IsSameFolder(const char* a_szLeft, const char* a_szRight)
     return std::strcmp(szLeft, szRight) == 0;
 }
 
-static bool LockPath(const char* a_szFolder, char (&a_szPath)[OS_PATHSIZE])
+static bool IsAskedToStop(const COsThread* a_posthread)
 {
-    OsPathCopy(a_szPath, sizeof a_szPath, a_szFolder);
-    OsCfgPathJoin(a_szPath, {g_szLockFile});
-    return *a_szPath != 0;
+    return a_posthread && a_posthread->StopState() != 1;
 }
 
-// Our own folder stays locked until the configuration goes, one that we only look after until it is released. A folder
-// that is locked by this object already stays as it is.
-void COsCfgImpl::LockLogFolder(const char* a_szLogFolder)
+// Held until the configuration goes. Somebody who deletes the folder is waited for, to see what is left of it.
+void COsCfgImpl::LockOwnFolder(const COsThread* a_posthread)
 {
-    COsFile*& posfileHeld = IsSameFolder(a_szLogFolder, m_szLogDirectory) ? m_posfileLock : m_posfileManaged;
+    char szFolder[OS_PATHSIZE];
+    if (!OsLogFolderOf(m_szLogDirectory, szFolder))
+        return;
+    const std::lock_guard<std::mutex> guard(m_mutexLogFolder);
+    for (int iTry = 1; m_oslogfolderlock.Acquire(szFolder) == EOSSTS_SHARING && iTry < g_iLockTries; ++iTry)
     {
-        const COsSpinGuard guard(&m_u64LockFiles);
-        if (posfileHeld)
+        if (IsAskedToStop(a_posthread))
             return;
+        PlatSleep(g_u32LockPause);
     }
-    char szPath[OS_PATHSIZE];
-    COsFile* posfile = OSMEMNEW(COsFile);
-    const bool blOpen =
-        posfile && LockPath(a_szLogFolder, szPath) &&
-        posfile->Open(szPath, OS_FILEOPEN_TEMPORARY, OS_FILEACCESS_READWRITE, OS_FILESHARE_EXCLUSIVE) == EOSSTS_SUCCESS;
-    if (blOpen)
-    {
-        const COsSpinGuard guard(&m_u64LockFiles);
-        if (!posfileHeld)
-            std::swap(posfileHeld, posfile);
-    }
-    OSMEMDELETE(posfile);
-}
-
-void COsCfgImpl::ReleaseManagedDirectory()
-{
-    COsFile* posfile = nullptr;
-    {
-        const COsSpinGuard guard(&m_u64LockFiles);
-        std::swap(m_posfileManaged, posfile);
-    }
-    OSMEMDELETE(posfile);
-}
-
-// True for one that somebody holds, and for one that cannot be looked at.
-static bool IsLocked(const char* a_szFolder)
-{
-    char szPath[OS_PATHSIZE];
-    if (!LockPath(a_szFolder, szPath))
-        return true;
-    COsFile osfile;
-    const EOSSTS eossts = osfile.Open(szPath, OS_FILEOPEN_EXISTING, OS_FILEACCESS_READWRITE, OS_FILESHARE_EXCLUSIVE);
-    return eossts != EOSSTS_SUCCESS && eossts != EOSSTS_NOTFOUND;
 }
 
 // ------------------------------------------------------------------------------------------------ the log folders
@@ -139,25 +104,24 @@ static int64_t Now()
     return duration_cast<seconds>(system_clock::now().time_since_epoch()).count();
 }
 
-// The log folders of a folder, as they are now. What is no plain folder is left out.
+// The walk has read a log folder. What is no plain folder is left out.
+static bool IsAtLogFolder(const OsFileTree& a_osfiletree)
+{
+    return a_osfiletree.IsFolder() && a_osfiletree.HasPath() && StrStartsWith(a_osfiletree.Name(), OS_LOGFOLDERPREFIX);
+}
+
+// The log folders of a folder, as they are now.
 static std::vector<LogFolder> ListLogFolders(const char* a_szParent)
 {
     std::vector<LogFolder> veclogfolder;
-    char szPattern[OS_PATHSIZE];
-    SStrCpy(szPattern, sizeof szPattern, a_szParent);
-    OsCfgPathJoin(szPattern, {"log.*"});
-    OsFileInfo osfileinfo;
-    if (!*szPattern || OsFileFindFirst(szPattern, &osfileinfo) != EOSSTS_SUCCESS)
+    OsFileTree osfiletree(false);
+    if (osfiletree.Open(a_szParent) != EOSSTS_SUCCESS)
         return veclogfolder;
-    const ScopeGuard closeSearch([&osfileinfo] { OsFileFindClose(&osfileinfo); });
-    do
+    while (osfiletree.Next())
     {
-        char szPath[OS_PATHSIZE];
-        SStrCpy(szPath, sizeof szPath, a_szParent);
-        OsCfgPathJoin(szPath, {osfileinfo.szName});
-        if (osfileinfo.eosfiletype == OS_FILETYPE_FOLDER && !osfileinfo.blLink && *osfileinfo.szName && *szPath)
-            veclogfolder.push_back({szPath, TimeOfName(osfileinfo.szName)});
-    } while (OsFileFindNext(&osfileinfo) == EOSSTS_SUCCESS);
+        if (IsAtLogFolder(osfiletree))
+            veclogfolder.push_back({osfiletree.Path(), TimeOfName(osfiletree.Name())});
+    }
     return veclogfolder;
 }
 
@@ -174,16 +138,19 @@ static bool IsYoung(const LogFolder& a_logfolder)
 
 static void RemoveIfEmpty(const LogFolder& a_logfolder)
 {
-    char szLock[OS_PATHSIZE];
-    if (LockPath(a_logfolder.strPath.c_str(), szLock) && !OsFileExists(szLock) && !IsYoung(a_logfolder))
+    const std::string strLock = a_logfolder.strPath + "\\" + OS_LOGFOLDERLOCK;
+    if (!OsFileExists(strLock.c_str()))
         OsFileRemoveEmptyTree(a_logfolder.strPath.c_str());
 }
 
 // The folders that are older than the newest a_lRuns runs. The newest folder of a run starts it, and what started
-// within half an hour before belongs to it. Folders without a time never expire.
+// within half an hour before belongs to it. Folders without a time, or with one that has yet to come, are no run and
+// never expire.
 static std::vector<LogFolder> Expired(std::vector<LogFolder> a_veclogfolder, long a_lRuns)
 {
-    std::erase_if(a_veclogfolder, [](const LogFolder& a_logfolder) { return a_logfolder.i64Seconds == OS_NOTIME; });
+    std::erase_if(a_veclogfolder, [i64Now = Now()](const LogFolder& a_logfolder) {
+        return a_logfolder.i64Seconds == OS_NOTIME || a_logfolder.i64Seconds > i64Now;
+    });
     std::sort(a_veclogfolder.begin(), a_veclogfolder.end(),
               [](const LogFolder& a_left, const LogFolder& a_right) { return a_left.i64Seconds > a_right.i64Seconds; });
     long lRuns = 0;
@@ -201,11 +168,21 @@ static std::vector<LogFolder> Expired(std::vector<LogFolder> a_veclogfolder, lon
 
 // ---------------------------------------------------------------------------------------------------- the management
 
+// The folder around a log folder.
+static void CopyParent(char (&a_szParent)[OS_PATHSIZE], const char* a_szLogFolder)
+{
+    OsPathCopy(a_szParent, sizeof a_szParent, a_szLogFolder);
+    OsPathRemoveTrailing(a_szParent);
+    size_t sizetParent = 0;
+    OsPathSplit(a_szParent, &sizetParent, nullptr);
+    a_szParent[sizetParent > 0 || *a_szParent != '\\' ? sizetParent : 1] = 0;
+}
+
 void COsCfgImpl::ManageLogDirectories(const char* a_szLogFolder, const COsThread* a_posthread)
 {
     if (!a_szLogFolder || !*a_szLogFolder)
         return;
-    LockLogFolder(a_szLogFolder);
+    LockOwnFolder(a_posthread);
 
     // Without a value nothing says what may go.
     const char* const szBackup = m_oscfgtable.Get(OS_CFGSECTION_DSIDENTITY, OS_CFGTAG_LOGBACKUP);
@@ -214,25 +191,27 @@ void COsCfgImpl::ManageLogDirectories(const char* a_szLogFolder, const COsThread
         return;
 
     char szParent[OS_PATHSIZE];
-    OsPathCopy(szParent, sizeof szParent, a_szLogFolder);
-    OsPathRemoveTrailing(szParent);
-    size_t sizetParent = 0;
-    OsPathSplit(szParent, &sizetParent, nullptr);
-    szParent[sizetParent > 0 || *szParent != '\\' ? sizetParent : 1] = 0;
-
+    CopyParent(szParent, a_szLogFolder);
     const auto mayGo = [&](const LogFolder& a_logfolder) {
-        const bool blStop = a_posthread && a_posthread->StopState() != 1;
-        return !blStop && !IsSameFolder(a_logfolder.strPath.c_str(), a_szLogFolder) &&
-               !IsSameFolder(a_logfolder.strPath.c_str(), m_szLogDirectory);
+        return !IsAskedToStop(a_posthread) && !IsSameFolder(a_logfolder.strPath.c_str(), a_szLogFolder) &&
+               !IsSameFolder(a_logfolder.strPath.c_str(), m_szLogDirectory) && !IsYoung(a_logfolder);
     };
     for (const LogFolder& logfolder : ListLogFolders(szParent))
     {
         if (mayGo(logfolder))
             RemoveIfEmpty(logfolder);
     }
-    for (const LogFolder& logfolder : Expired(ListLogFolders(szParent), lBackup))
+
+    const std::vector<LogFolder> veclogfolder = Expired(ListLogFolders(szParent), lBackup);
+    OsFileTree osfiletree(false);
+    if (osfiletree.Open(szParent) != EOSSTS_SUCCESS)
+        return;
+    const auto isNext = [&](const LogFolder& a_logfolder) {
+        return a_logfolder.strPath == osfiletree.Path() && mayGo(a_logfolder);
+    };
+    while (osfiletree.Next())
     {
-        if (mayGo(logfolder) && !IsYoung(logfolder) && !IsLocked(logfolder.strPath.c_str()))
-            OsFileRemoveTree(logfolder.strPath.c_str());
+        if (IsAtLogFolder(osfiletree) && std::any_of(veclogfolder.begin(), veclogfolder.end(), isNext))
+            OsLogFolderDelete(osfiletree);
     }
 }

@@ -108,7 +108,7 @@ bool OsFileTree::DeleteEntry()
     return false;
 }
 
-bool OsFileTree::DeleteAll()
+bool OsFileTree::DeleteAll(const char* a_szExcept)
 {
     const size_t sizetDepth = Depth();
     PlatTreeRewind(m_plathandle);
@@ -116,6 +116,8 @@ bool OsFileTree::DeleteAll()
     {
         if (blDeleted && Next())
         {
+            if (a_szExcept && Depth() == sizetDepth && strcmp(m_szName, a_szExcept) == 0)
+                continue;
             OSLOG(OS_LOG_NOTE, "Delete: <%s> %d %d", m_szPath, static_cast<int>(OS_FILETYPE_ANY), 1);
             if (!Enter())
                 blDeleted = DeleteEntry();

@@ -36,8 +36,9 @@ public:
     // Deletes the entry read last; false, and logged, when it is still there. A folder must be empty.
     bool DeleteEntry();
 
-    // Deletes all that is in the folder that the walk is in; stops at the first failure. The walk is then in it again.
-    bool DeleteAll();
+    // Deletes all that is in the folder that the walk is in, but for an entry with the name a_szExcept (may be null)
+    // right in it; stops at the first failure. The walk is then in it again.
+    bool DeleteAll(const char* a_szExcept = nullptr);
 
 private:
     struct Outside   // what was so before a folder was entered

@@ -4,9 +4,9 @@
 // it follows no link, and nothing that changes while it walks leads it out of the tree.
 #include "os_coslog.h"
 
-#include "os_cosfile.h"
 #include "os_cosfile_paths.h"
 #include "os_cosfile_tree.h"
+#include "os_coslogfolder.h"
 #include "os_cosstring.h"
 #include "os_log.h"
 
@@ -17,9 +17,7 @@
 
 static constexpr char g_szSource[] = "os/source/os_coslog";
 
-static constexpr char g_szLogFolderPrefix[] = "log.";
 static constexpr char g_szLogFileSuffix[] = ".log";
-static constexpr char g_szLockFile[] = "log.lock";
 static constexpr int64_t g_i64HourSeconds = 3600;
 static constexpr int64_t g_i64Second = 10000000;   // as PlatClock counts
 
@@ -40,7 +38,7 @@ static void FindProtectedFolder(char (&a_szFolder)[OS_PATHSIZE])
     for (;;)
     {
         char* const szLast = std::strrchr(a_szFolder, '\\');
-        if (!szLast || szLast == a_szFolder || StrStartsWith(szLast + 1, g_szLogFolderPrefix))
+        if (!szLast || szLast == a_szFolder || StrStartsWith(szLast + 1, OS_LOGFOLDERPREFIX))
             return;
         *szLast = '\0';
     }
@@ -56,25 +54,13 @@ public:
     void Clean(const char* a_szFolder);
 
 private:
-    // What tells whether a log folder is in use.
-    struct Evidence
-    {
-        bool blLogFile = false;
-        uint64_t u64LastWritten = 0;   // of the log files
-        bool blLockFile = false;
-        char szLockFile[OS_PATHSIZE] = {};   // "" for one whose path is too long
-    };
-
     bool MayTouch() const;
     void CleanLogFolder();
-    Evidence LookInside();
-    bool IsExpired(const Evidence& a_evidence) const;
-    bool IsHeld(const Evidence& a_evidence);
+    bool IsExpired();
 
     int32_t m_i32Hours;
     char m_szProtected[OS_PATHSIZE];
     OsFileTree m_osfiletree{false};
-    COsFile m_osfileLock;
 };
 
 void FolderCleaner::Clean(const char* a_szFolder)
@@ -87,7 +73,7 @@ void FolderCleaner::Clean(const char* a_szFolder)
         {
             if (!MayTouch())
                 continue;
-            if (StrStartsWith(m_osfiletree.Name(), g_szLogFolderPrefix))
+            if (StrStartsWith(m_osfiletree.Name(), OS_LOGFOLDERPREFIX))
             {
                 CleanLogFolder();
             }
@@ -125,56 +111,31 @@ void FolderCleaner::CleanLogFolder()
 {
     if (!m_osfiletree.Enter())
         return;
-    const Evidence evidence = LookInside();
-    const bool blDeleted = IsExpired(evidence) && !IsHeld(evidence) && m_osfiletree.DeleteAll();
+    const bool blExpired = IsExpired();
     m_osfiletree.Leave();
-    if (blDeleted)
-        m_osfiletree.DeleteEntry();
+    if (blExpired)
+        OsLogFolderDelete(m_osfiletree);
 }
 
-FolderCleaner::Evidence FolderCleaner::LookInside()
+// Of the folder that the walk is in. Nobody promises in which order a search finds the log files: the newest one
+// counts. A log file of the future is not old.
+bool FolderCleaner::IsExpired()
 {
-    Evidence evidence;
+    if (m_i32Hours <= 0)
+        return true;
+    bool blLogFile = false;
+    uint64_t u64LastWritten = 0;
     while (m_osfiletree.Next())
     {
         uint64_t u64Written;
-        const char* const szName = m_osfiletree.Name();
-        if (std::strcmp(szName, g_szLockFile) == 0 && !m_osfiletree.IsLink())
-        {
-            evidence.blLockFile = true;
-            SStrCpy(evidence.szLockFile, sizeof evidence.szLockFile, m_osfiletree.HasPath() ? m_osfiletree.Path() : "");
-        }
-        // Nobody promises in which order a search finds the log files: the newest one counts.
-        if (m_i32Hours > 0 && !m_osfiletree.IsFolder() && StrEndsWith(szName, g_szLogFileSuffix, true) &&
-            m_osfiletree.WriteTime(&u64Written))
-        {
-            evidence.blLogFile = true;
-            evidence.u64LastWritten = std::max(evidence.u64LastWritten, u64Written);
-        }
+        if (m_osfiletree.IsFolder() || !StrEndsWith(m_osfiletree.Name(), g_szLogFileSuffix, true) ||
+            !m_osfiletree.WriteTime(&u64Written))
+            continue;
+        blLogFile = true;
+        u64LastWritten = std::max(u64LastWritten, u64Written);
     }
-    return evidence;
-}
-
-// A log file of the future is not old.
-bool FolderCleaner::IsExpired(const Evidence& a_evidence) const
-{
-    if (m_i32Hours <= 0 || !a_evidence.blLogFile)
-        return true;
-    const auto i64Age = static_cast<int64_t>(PlatClock() - a_evidence.u64LastWritten);
-    return i64Age / g_i64Second >= m_i32Hours * g_i64HourSeconds;
-}
-
-// A process that runs holds its lock file open and shares it with nobody. One that nobody holds goes here.
-bool FolderCleaner::IsHeld(const Evidence& a_evidence)
-{
-    if (!a_evidence.blLockFile)
-        return false;
-    if (!a_evidence.szLockFile[0] || !m_osfileLock.IsUsable() ||
-        m_osfileLock.Open(a_evidence.szLockFile, OS_FILEOPEN_TEMPORARY, OS_FILEACCESS_READWRITE,
-                          OS_FILESHARE_EXCLUSIVE) != EOSSTS_SUCCESS)
-        return true;
-    m_osfileLock.Close();
-    return false;
+    const auto i64Age = static_cast<int64_t>(PlatClock() - u64LastWritten);
+    return !blLogFile || i64Age / g_i64Second >= m_i32Hours * g_i64HourSeconds;
 }
 }   // namespace
 

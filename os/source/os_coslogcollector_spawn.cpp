@@ -23,6 +23,7 @@ static_assert(g_u32SpawnFlags == 0xC601);
 
 static constexpr uint64_t g_u64ReplyTimeout = 10000;   // milliseconds
 static constexpr int32_t g_i32PortMost = 65535;
+static constexpr uint32_t g_u32GivenUpExitCode = 1;
 
 // ------------------------------------------------------------------------------------------------------- whether
 
@@ -76,7 +77,8 @@ static bool ReadReply(COsThread& a_osthread, char* a_szReply, OsCollectorIdentit
     return false;
 }
 
-// The collector runs on when the object that started it has gone.
+// The collector runs on when the object that started it has gone. One that is given up is ended: it would wait for
+// streams that never come.
 static bool StartAndAsk(const char* a_szProgram, OsCollectorIdentity& a_oscollectoridentity)
 {
     char szArgument[256];
@@ -85,10 +87,15 @@ static bool StartAndAsk(const char* a_szProgram, OsCollectorIdentity& a_oscollec
         return false;
     const ScopeGuard freeReply([szReply] { OSMEMFREE(szReply, OS_MEMFLAG_PAGES); });
     COsThread osthread;
-    return OsLcBuildStartArgument(szArgument, sizeof szArgument, a_oscollectoridentity.u64ProcessIdApplication) ==
-               EOSSTS_SUCCESS &&
-           osthread.Spawn(g_u32SpawnFlags, a_szProgram, a_szProgram, {szArgument}) == EOSSTS_SUCCESS &&
-           ReadReply(osthread, szReply, a_oscollectoridentity);
+    if (OsLcBuildStartArgument(szArgument, sizeof szArgument, a_oscollectoridentity.u64ProcessIdApplication) !=
+            EOSSTS_SUCCESS ||
+        osthread.Spawn(g_u32SpawnFlags, a_szProgram, a_szProgram, {szArgument}) != EOSSTS_SUCCESS)
+        return false;
+    if (ReadReply(osthread, szReply, a_oscollectoridentity))
+        return true;
+    if (osthread.ChildIsRunning())
+        PlatProcessTerminate(osthread.ChildProcess(), g_u32GivenUpExitCode);
+    return false;
 }
 
 // ----------------------------------------------------------------------------------------------------- the start

@@ -87,8 +87,8 @@ public:
     // Waits up to a_u32Timeout ms for what the child writes and takes at most a_sizetBuffer bytes of it. By default
     // from its standard output or its standard error, whichever comes first; a_blOutputOnly leaves the latter for
     // another read. EOSSTS_SUCCESS; EOSSTS_FAIL, also when there are no pipes; EOSSTS_TIMEOUT; EOSSTS_CANCELLED;
-    // EOSSTS_EXITED when the child has gone and all that it wrote was read; EOSSTS_NOSPACE when the pipe gave nothing.
-    // One thread at a time.
+    // EOSSTS_EXITED when the child has gone and all that it wrote was read; EOSSTS_NOSPACE when the pipe gave nothing,
+    // also when the child has closed it, which is told within 100 ms. One thread at a time.
     EOSSTS ChildRead(char* a_szBuffer, size_t a_sizetBuffer, size_t* a_psizetRead, bool a_blOutputOnly = false,
                      uint32_t a_u32Timeout = 3000);
 

@@ -1,7 +1,8 @@
 // os_costhread_child.cpp: the child process that a thread object carries: its record, its pipes, what is read from it.
 //
 // The ends of the pipes that the child has are closed here once it runs, so that a stream whose last writer has gone
-// is known. Such a stream is silent from then on; that the child has ended is for its process to say.
+// is known. Such a stream is silent from then on. Where all have ended, so has the child, or will at once: its process
+// says so, after the streams. One that lives on is not waited for.
 #include "os_costhread_impl.h"
 
 #include "os_log.h"
@@ -11,10 +12,13 @@
 #include "plat_system.h"
 #include "plat_wait.h"
 
+#include <algorithm>
 #include <iterator>
 #include <utility>
 
 static constexpr char g_szSource[] = "os/source/os_costhread";
+
+static constexpr uint64_t g_u64EndOfSilent = 100;   // milliseconds that the end of a silent child is waited for
 
 // ------------------------------------------------------------------------------------------------------ the record
 
@@ -138,18 +142,27 @@ EOSSTS COsThreadImpl::ReadStream(PlatHandle& a_plathandle, char* a_szBuffer, siz
     }
 }
 
+bool COsThreadImpl::HasFallenSilent(bool a_blOutputOnly) const
+{
+    return m_aplathandlePipe[PLAT_STANDARD_OUTPUT] == PLAT_INVALID &&
+           (a_blOutputOnly || m_aplathandlePipe[PLAT_STANDARD_ERROR] == PLAT_INVALID);
+}
+
 EOSSTS COsThreadImpl::ChildRead(char* a_szBuffer, size_t a_sizetBuffer, size_t* a_psizetRead, bool a_blOutputOnly,
                                 uint32_t a_u32Timeout)
 {
     *a_psizetRead = 0;
     if (!HasPipes(m_blPipes))
         return EOSSTS_FAIL;
-    const uint64_t u64End = PlatTicks() + a_u32Timeout;
+    uint64_t u64End = PlatTicks() + a_u32Timeout;
     for (PlatHandle plathandleChild = m_plathandleChild;;)
     {
         // Once the child has ended, a last look: it may have written between our look at its pipes and its end.
         const bool blEnded = plathandleChild == PLAT_INVALID;
+        const bool blSilent = HasFallenSilent(a_blOutputOnly);
         const uint64_t u64Now = PlatTicks();
+        if (blSilent)
+            u64End = std::min(u64End, u64Now + g_u64EndOfSilent);
         const uint64_t u64Left = blEnded || u64Now >= u64End ? 0 : u64End - u64Now;
         PlatStandard platstandard = PLAT_STANDARD_OUTPUT;
         switch (WaitForChild(plathandleChild, a_blOutputOnly, u64Left))
@@ -170,7 +183,7 @@ EOSSTS COsThreadImpl::ChildRead(char* a_szBuffer, size_t a_sizetBuffer, size_t* 
             return EOSSTS_CANCELLED;
         case OS_CHILDWAIT_TIMEOUT:
             if (!blEnded)
-                return EOSSTS_TIMEOUT;
+                return blSilent ? EOSSTS_NOSPACE : EOSSTS_TIMEOUT;
             OSLOG(OS_LOG_NOTE, "Our process died...");
             return EOSSTS_EXITED;
         case OS_CHILDWAIT_FAILED:

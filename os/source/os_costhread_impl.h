@@ -131,6 +131,7 @@ private:
     void ForgetChild();
     EOSCHILDWAIT WaitForChild(PlatHandle a_plathandleChild, bool a_blOutputOnly, uint64_t a_u64Milliseconds);
     EOSSTS ReadStream(PlatHandle& a_plathandle, char* a_szBuffer, size_t a_sizetBuffer, size_t* a_psizetRead);
+    bool HasFallenSilent(bool a_blOutputOnly) const;
 
     static void CloseAndForget(PlatHandle& a_plathandle);
 

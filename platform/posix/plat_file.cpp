@@ -42,6 +42,8 @@ static bool MakeRequest(const char16_t* a_wszPath, uint32_t a_u32Access, uint32_
     a_openrequest.blFolder = a_u32Flags & PLAT_OPEN_FOLDER;
     a_openrequest.blMustWrite = (a_u32Access & PLAT_ACCESS_WRITE) || a_openrequest.blTruncate || blTemporary;
     a_openrequest.blInformation = a_u32Access == PLAT_ACCESS_NONE && !blTemporary;
+    if (a_openrequest.blMustWrite)
+        PosixIgnoreFileSizeSignal();
     a_openrequest.blExclusive = !a_openrequest.blInformation && !PosixShareIsOpen(a_openrequest.posixsharerequest);
     return PosixPath(a_wszPath, a_openrequest.strPath);
 }

@@ -120,6 +120,7 @@ static PlatHandle MakeMemoryHandle(PosixDescriptor& a_posixdescriptor)
 
 PlatHandle PlatMemoryFileCreate(uint64_t a_u64Size)
 {
+    PosixIgnoreFileSizeSignal();
     PosixDescriptor posixdescriptor(memfd_create("memory", MFD_CLOEXEC));
     if (!posixdescriptor.IsOpen() || ftruncate(posixdescriptor.Get(), static_cast<off_t>(a_u64Size)) != 0)
     {

@@ -2,6 +2,7 @@
 #include "plat_posix.h"
 
 #include <cerrno>
+#include <csignal>
 #include <cstring>
 #include <fcntl.h>
 #include <unistd.h>
@@ -66,6 +67,21 @@ uint32_t PosixTranslate(int a_iErrno)
             return error.u32Error;
     }
     return PLAT_ERROR_GENFAILURE;
+}
+
+static bool IgnoreFileSizeSignal()
+{
+    struct sigaction action = {};
+    if (sigaction(SIGXFSZ, nullptr, &action) != 0 || (action.sa_flags & SA_SIGINFO) || action.sa_handler != SIG_DFL)
+        return false;
+    action.sa_handler = SIG_IGN;
+    return sigaction(SIGXFSZ, &action, nullptr) == 0;
+}
+
+void PosixIgnoreFileSizeSignal()
+{
+    static const bool g_blIgnored = IgnoreFileSizeSignal();
+    static_cast<void>(g_blIgnored);
 }
 
 // ---------------------------------------------------------------------------------------------------------- text

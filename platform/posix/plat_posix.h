@@ -179,6 +179,10 @@ std::mutex& PosixEnvLock();
 void PosixRaiseDescriptorLimit();
 void PosixRestoreDescriptorLimit();
 
+// From the first call on, what is written beyond the limit of a file's size is refused like on a full disk, not
+// answered with a signal that ends the process. A program that handles the signal itself goes on to do so.
+void PosixIgnoreFileSizeSignal();
+
 // The arguments of a command line that is quoted as the product's system does, the program first.
 bool PosixSplitCommandLine(const char16_t* a_wszCommandLine, std::vector<std::string>& a_vecstrArguments);
 

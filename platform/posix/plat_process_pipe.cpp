@@ -50,6 +50,7 @@ private:
 // Writes everything, also to a descriptor that others have made non-blocking.
 static bool WriteAll(int a_iDescriptor, const char* a_pch, size_t a_sizetBytes)
 {
+    PosixIgnoreFileSizeSignal();
     const NoPipeSignal nopipesignal;
     while (a_sizetBytes > 0)
     {

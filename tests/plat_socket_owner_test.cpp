@@ -1,0 +1,220 @@
+// plat_socket_owner_test.cpp: who has the other end of a connection, or a port, and what was not read there.
+#include "plat_socket_support.h"
+
+#include <csignal>
+#include <netinet/in.h>
+#include <sched.h>
+#include <sys/socket.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+static bool operator==(const PlatSocketOwner& a_one, const PlatSocketOwner& a_other)
+{
+    return a_one.platowner == a_other.platowner && a_one.u64User == a_other.u64User &&
+           a_one.u64ProcessId == a_other.u64ProcessId && a_one.u64Unread == a_other.u64Unread;
+}
+
+static void PrintTo(const PlatSocketOwner& a_platsocketowner, std::ostream* a_pstream)
+{
+    *a_pstream << a_platsocketowner.platowner << " user " << a_platsocketowner.u64User << " unread "
+               << a_platsocketowner.u64Unread;
+}
+
+namespace
+{
+constexpr uid_t g_uidOther = 1000;
+
+PlatSocketOwner Ours(uint64_t a_u64Unread)
+{
+    return {PLAT_OWNER_SAME, geteuid(), 0, a_u64Unread};
+}
+
+constexpr PlatSocketOwner g_platsocketownerNobody{PLAT_OWNER_NONE, 0, 0, 0};
+
+PlatSocketOwner PeerOf(PlatHandle a_plathandle)
+{
+    PlatSocketOwner platsocketowner{PLAT_OWNER_OTHER, 7, 7, 7};
+    EXPECT_TRUE(PlatSocketPeerOwner(a_plathandle, &platsocketowner)) << PlatGetLastError();
+    return platsocketowner;
+}
+
+PlatSocketOwner ListenerOn(uint16_t a_u16Port)
+{
+    PlatSocketOwner platsocketowner{PLAT_OWNER_OTHER, 7, 7, 7};
+    EXPECT_TRUE(PlatSocketListenerOwner(a_u16Port, &platsocketowner)) << PlatGetLastError();
+    return platsocketowner;
+}
+
+// Cases on a machine that does not tell would all fail in the same way.
+class SocketOwner : public ConnectedSockets
+{
+protected:
+    void SetUp() override
+    {
+        PlatSocketOwner platsocketowner{};
+        if (!PlatSocketListenerOwner(m_plataddress.u16Port, &platsocketowner))
+            GTEST_SKIP() << "this system does not tell who owns a socket";
+    }
+};
+
+// What another process, which begins like this, answers.
+template <class Begin, class Answer>
+int InOtherProcess(Begin a_begin, Answer a_answer)
+{
+    const pid_t pid = fork();
+    if (pid == 0)
+        _exit(a_begin() ? static_cast<int>(a_answer()) : 99);
+    int iStatus = 0;
+    waitpid(pid, &iStatus, 0);
+    return WIFEXITED(iStatus) ? WEXITSTATUS(iStatus) : -1;
+}
+}   // namespace
+
+TEST_F(SocketOwner, PeerIsOursAndItsUnreadBytesAreCounted)
+{
+    const Handle handlePeer(ConnectAndAccept(m_handleClient));
+    EXPECT_EQ(PeerOf(m_handleClient), Ours(0));
+    EXPECT_TRUE(Sends(m_handleClient, "12345") && Reports(handlePeer, READ, READ));
+    EXPECT_EQ(PeerOf(m_handleClient), Ours(5));
+    EXPECT_EQ(PeerOf(handlePeer), Ours(0));
+    EXPECT_EQ(Receive(handlePeer), "12345");
+    EXPECT_EQ(PeerOf(m_handleClient), Ours(0));
+}
+
+// The end of the stream is no byte.
+TEST_F(SocketOwner, HalfClosedConnectionHasAnOwnerAtEitherEnd)
+{
+    const Handle handlePeer(ConnectAndAccept(m_handleClient));
+    EXPECT_TRUE(Sends(m_handleClient, "12345") && PlatSocketShutdown(m_handleClient, false, true));
+    EXPECT_TRUE(Reports(handlePeer, READ | CLOSE, READ | CLOSE));
+    EXPECT_EQ(PeerOf(m_handleClient), Ours(5));
+    EXPECT_EQ(PeerOf(handlePeer), Ours(0));
+    EXPECT_EQ(Receive(handlePeer), "12345");
+    EXPECT_EQ(Receive(handlePeer), "");
+    EXPECT_EQ(PeerOf(m_handleClient), Ours(0));
+}
+
+// The listener, which is ours, has the same address and port.
+TEST_F(SocketOwner, PeerThatHasClosedIsNobody)
+{
+    for (const bool blUnread : {false, true})
+    {
+        const Handle handleClient(PlatSocketCreate());
+        Handle handlePeer(ConnectAndAccept(handleClient));
+        EXPECT_TRUE(!blUnread || (Sends(handleClient, "unread") && Reports(handlePeer, READ, READ)));
+        handlePeer.Close();
+        EXPECT_TRUE(Reports(handleClient, CLOSE, CLOSE));
+        EXPECT_EQ(PeerOf(handleClient), g_platsocketownerNobody) << blUnread;
+        PlatSocketShutdown(handleClient, false, true);
+        EXPECT_EQ(PeerOf(handleClient), g_platsocketownerNobody) << blUnread;
+    }
+}
+
+TEST_F(SocketOwner, ListenerIsOursUntilItCloses)
+{
+    EXPECT_EQ(ListenerOn(m_plataddress.u16Port), Ours(0));
+    EXPECT_TRUE(Connect(m_handleClient) && Reports(m_handleListener, ACCEPT, ACCEPT));
+    EXPECT_EQ(ListenerOn(m_plataddress.u16Port), Ours(1));
+    PlatAddress plataddressClient{};
+    EXPECT_TRUE(PlatSocketName(m_handleClient, &plataddressClient));
+    EXPECT_EQ(ListenerOn(plataddressClient.u16Port), g_platsocketownerNobody);
+    m_handleListener.Close();
+    EXPECT_EQ(ListenerOn(m_plataddress.u16Port), g_platsocketownerNobody);
+}
+
+TEST_F(SocketOwner, SocketsForEveryAddressAreFound)
+{
+    PlatAddress plataddressEvery{};
+    const Handle handleEvery(PlatSocketCreate());
+    EXPECT_TRUE(PlatSocketBind(handleEvery, &plataddressEvery) && PlatSocketListen(handleEvery, 1) &&
+                PlatSocketName(handleEvery, &plataddressEvery));
+    EXPECT_EQ(ListenerOn(plataddressEvery.u16Port), Ours(0));
+
+    const int iListener = socket(AF_INET6, SOCK_STREAM | SOCK_CLOEXEC, 0);
+    const int iOff = 0;
+    sockaddr_in6 address = {};
+    socklen_t socklen = sizeof address;
+    address.sin6_family = AF_INET6;
+    auto* psockaddr = reinterpret_cast<sockaddr*>(&address);
+    if (setsockopt(iListener, IPPROTO_IPV6, IPV6_V6ONLY, &iOff, sizeof iOff) != 0 ||
+        bind(iListener, psockaddr, socklen) != 0)
+        GTEST_SKIP() << "no IPv6 on this machine";
+    EXPECT_TRUE(listen(iListener, 1) == 0 && getsockname(iListener, psockaddr, &socklen) == 0);
+    m_plataddress.u16Port = ntohs(address.sin6_port);
+    EXPECT_EQ(ListenerOn(m_plataddress.u16Port), Ours(0));
+    EXPECT_TRUE(Connect(m_handleClient) && Reports(m_handleClient, CONNECT, CONNECT) && Sends(m_handleClient, "six"));
+    const int iPeer = accept(iListener, nullptr, nullptr);
+    EXPECT_TRUE(WaitFor([&] { return PeerOf(m_handleClient) == Ours(3); }));
+    close(iPeer);
+    close(iListener);
+}
+
+TEST_F(SocketOwner, OtherUsersAreToldApart)
+{
+    if (geteuid() != 0)
+        GTEST_SKIP() << "only root can be another user";
+    const auto other = [] { return setuid(g_uidOther) == 0; };
+    const auto asksForOurs = [&] { return ListenerOn(m_plataddress.u16Port).platowner; };
+    EXPECT_EQ(InOtherProcess(other, asksForOurs), PLAT_OWNER_SYSTEM);
+
+    // A user that cannot be named where we are is never the same, whoever we are.
+    const auto unnamed = [] { return unshare(CLONE_NEWUSER) == 0; };
+    const int iUnnamed = InOtherProcess(unnamed, asksForOurs);
+    EXPECT_TRUE(iUnnamed == PLAT_OWNER_OTHER || iUnnamed == 99 /* no such thing here */) << iUnnamed;
+
+    const pid_t pid = fork();
+    if (pid == 0)
+    {
+        const PlatHandle plathandle = other() ? PlatSocketCreate() : PLAT_INVALID;
+        while (Connect(plathandle))
+            pause();
+        _exit(1);
+    }
+    EXPECT_TRUE(Reports(m_handleListener, ACCEPT, ACCEPT));
+    const Handle handlePeer(PlatSocketAccept(m_handleListener, nullptr));
+    EXPECT_EQ(PeerOf(handlePeer), (PlatSocketOwner{PLAT_OWNER_OTHER, g_uidOther, 0, 0}));
+    kill(pid, SIGKILL);
+    waitpid(pid, nullptr, 0);
+    EXPECT_TRUE(WaitFor([&] { return PeerOf(handlePeer) == g_platsocketownerNobody; }));
+}
+
+TEST_F(SocketOwner, WantOfDescriptorsIsToldAndForgotten)
+{
+    PlatSocketOwner platsocketowner = Ours(7);
+    {
+        const NoDescriptors nodescriptors;
+        EXPECT_FALSE(PlatSocketListenerOwner(m_plataddress.u16Port, &platsocketowner));
+    }
+    EXPECT_EQ(platsocketowner, PlatSocketOwner{});
+    EXPECT_EQ(ListenerOn(m_plataddress.u16Port), Ours(0));
+    EXPECT_FALSE(PlatSocketPeerOwner(PLAT_INVALID, &platsocketowner));
+    EXPECT_EQ(PlatGetLastError(), PLAT_ERROR_NOTSOCKET);
+}
+
+// A peer that reads nothing takes what its buffer holds, and the rest stays unsent here.
+TEST_F(SocketOwner, ReceiveBufferOfTheListenerBoundsWhatAPeerTakes)
+{
+    constexpr uint32_t u32Buffer = 32768;
+    PlatAddress plataddressAny = m_plataddress;
+    plataddressAny.u16Port = 0;
+    const Handle handleListener(PlatSocketCreate());
+    EXPECT_TRUE(PlatSocketBind(handleListener, &plataddressAny) &&
+                PlatSocketSetReceiveBuffer(handleListener, u32Buffer) && PlatSocketListen(handleListener, 1) &&
+                PlatSocketName(handleListener, &m_plataddress));
+    EXPECT_TRUE(PlatSocketSetSendBuffer(m_handleClient, 65536) && Connect(m_handleClient) &&
+                Reports(handleListener, ACCEPT, ACCEPT));
+    const Handle handlePeer(PlatSocketAccept(handleListener, nullptr));
+
+    const std::string strPiece(1000, 'x');
+    size_t sizetSent = 0;
+    size_t sizetUnsent = 0;
+    for (size_t sizetPiece = 0; PlatSocketSend(m_handleClient, strPiece.data(), strPiece.size(), &sizetPiece);)
+        sizetSent += sizetPiece;
+    EXPECT_EQ(PlatGetLastError(), PLAT_ERROR_WOULDBLOCK);
+    EXPECT_TRUE(WaitFor([&] {
+        return PlatSocketUnsent(m_handleClient, &sizetUnsent) &&
+               PeerOf(m_handleClient).u64Unread + sizetUnsent == sizetSent;
+    }));
+    EXPECT_GT(sizetUnsent, 0u);
+    EXPECT_LT(sizetSent - sizetUnsent, 4 * u32Buffer);
+}
