@@ -1,63 +1,10 @@
 // collector_client_test.cpp: the application's side of the collector: starting one, connecting to it, and what is left
 // in the log when one of the two is killed.
-#include "collector_support.h"
-#include "log_support.h"
+#include "collector_client_support.h"
 
-#include "os_cosarguments.h"
-#include "os_coscfg.h"
-#include "os_coslogcollector.h"
-#include "os_coslogcollector_protocol.h"
-#include "os_cosmem.h"
-#include "os_cossocket.h"
 #include "os_costhread.h"
 
-#include <csignal>
-#include <sys/wait.h>
 #include <thread>
-#include <unistd.h>
-
-namespace fs = std::filesystem;
-
-class CollectorClient : public LoggerTest
-{
-protected:
-    CollectorClient()
-    {
-        OsCfgCommonInstall();
-        OsArgumentsSetServicesOwner(true);
-        OsLogSetState(OS_LOGSTATE_ALLOW);
-        char szPath[OS_PATHSIZE] = "";
-        OsCfgGetPath(OS_PATH_READABLE_FILE_COMMON_CONSTINI, szPath, sizeof szPath);
-        std::replace(szPath, szPath + sizeof szPath, '\\', '/');
-        m_pathProgram = fs::path(szPath).replace_filename("logcollector");
-        fs::create_directories(m_pathProgram.parent_path());
-    }
-
-    void InstallScript(const std::string& a_strScript) const
-    {
-        WriteWhole(m_pathProgram, "#!/bin/sh\n" + a_strScript + "\n");
-        fs::permissions(m_pathProgram, fs::perms::owner_all);
-    }
-
-    // The real collector, started as the start of the library does it, and a logger that uses it.
-    void BeginCollected()
-    {
-        fs::create_symlink(ProgramPath("logcollector"), m_pathProgram);
-        ASSERT_TRUE(LogCollectorStartCollector());
-        m_plathandleCollector = PlatProcessOpen(OsArgumentsCollector().u64ProcessIdCollector);
-        Begin();
-        ASSERT_TRUE(m_uniqueLog->UsesCollector());
-    }
-    void WaitForCollectorsEnd()
-    {
-        EXPECT_EQ(PlatWaitAny(&m_plathandleCollector, 1, 20000), 0u);
-        PlatClose(m_plathandleCollector);
-    }
-
-    COsMem m_osmem;
-    fs::path m_pathProgram;
-    PlatHandle m_plathandleCollector = PLAT_INVALID;
-};
 
 // ------------------------------------------------------------------------------------------------- the start
 
@@ -178,51 +125,6 @@ TEST_F(CollectorClient, EveryLineFromTheFailingOneOnIsInTheFileOfAProcessWhoseCo
     printf("%zu lines were on their way to the collector\n", sizetLost);
 }
 
-// A logger whose collector is this case: its stream is accepted and not read.
-class CollectorOfOurs : public CollectorClient
-{
-protected:
-    CollectorOfOurs()
-    {
-        const std::string strPort = std::to_string(FreePort());
-        OsArgumentsSetCollector({std::stoi(strPort), PlatProcessId(), 0});
-        EXPECT_EQ(m_ossocketListen.SocketCreate("127.0.0.1", strPort.c_str(), "", nullptr), EOSSTS_SUCCESS);
-        EXPECT_EQ(m_ossocketListen.SocketListen(), EOSSTS_SUCCESS);
-        Begin();
-        EXPECT_EQ(m_ossocketStream.SocketCreate("127.0.0.1", strPort.c_str(), "", &m_ossocketListen), EOSSTS_SUCCESS);
-        EXPECT_EQ(m_ossocketStream.SocketAccept(nullptr), EOSSTS_SUCCESS);
-    }
-
-    COsSocket m_ossocketListen;
-    COsSocket m_ossocketStream;
-};
-
-TEST_F(CollectorOfOurs, WhatAKilledCollectorWroteInPartIsEndedBeforeTheNextLine)
-{
-    char szPiece[1024] = "";
-    size_t sizetRead = 0;
-    EXPECT_EQ(m_ossocketStream.SocketRead({.pvBuffer = szPiece, .sizetBuffer = Header(m_strLog).size()}, &sizetRead),
-              EOSSTS_SUCCESS);
-    EXPECT_EQ(szPiece, Header(m_strLog));
-
-    WriteWhole(m_strLog, "part of a li");
-    m_ossocketStream.SocketDisconnect(false);
-    Log(OS_LOG_NOTE, "next");
-    EXPECT_EQ(Lines()[0], "part of a li");
-    EXPECT_TRUE(Lines()[1].ends_with(" V. next"));
-}
-
-TEST_F(CollectorOfOurs, OneThatStandsStillIsWaitedForOnceAndNoLineIsLost)
-{
-    const uint64_t u64Begin = PlatTicks();
-    int iLines = 0;
-    while (m_uniqueLog->UsesCollector())
-        Log(OS_LOG_NOTE, std::to_string(++iLines) + std::string(1000, '.'));
-    m_uniqueLog.reset();
-    EXPECT_LT(PlatTicks() - u64Begin, 9000u);
-    EXPECT_EQ(Messages(), Texts{std::to_string(iLines) + std::string(1000, '.')});
-}
-
 // ------------------------------------------------------------------------------------------- a shared collector
 
 TEST_F(CollectorClient, ASharedCollectorIsFoundByItsAnnouncementAndAStaleOneIsDeleted)
@@ -251,27 +153,7 @@ TEST_F(CollectorClient, ASharedCollectorIsFoundByItsAnnouncementAndAStaleOneIsDe
     EXPECT_EQ(oslogcollectorLate.Start(m_strLog.c_str(), true), EOSSTS_FAIL);
 }
 
-// A program of the family that has "logcollector" in its path uses no collector. Where this one has, a copy in another
-// folder does its work.
 int main(int a_iArguments, char** a_aszArgument)
 {
-    const fs::path pathProgram = fs::read_symlink("/proc/self/exe");
-    if (pathProgram.string().find("logcollector") == std::string::npos)
-    {
-        testing::InitGoogleTest(&a_iArguments, a_aszArgument);
-        return RUN_ALL_TESTS();
-    }
-    std::string strFolder = (fs::temp_directory_path() / "ost.XXXXXX").string();
-    const fs::path pathCopy = fs::path(mkdtemp(strFolder.data())) / "test";
-    fs::copy_file(pathProgram, pathCopy);
-    int iStatus = 0;
-    const pid_t pid = fork();
-    if (pid == 0)
-    {
-        execv(pathCopy.c_str(), a_aszArgument);
-        _exit(1);
-    }
-    waitpid(pid, &iStatus, 0);
-    fs::remove_all(strFolder);
-    return WIFEXITED(iStatus) ? WEXITSTATUS(iStatus) : 1;
+    return RunOutsideTheCollectorsPath(a_iArguments, a_aszArgument);
 }

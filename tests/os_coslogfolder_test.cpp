@@ -97,6 +97,22 @@ TEST_F(LogFolder, AllWhoHoldItKeepItAndTheLastRemovesItsLockFile)
     EXPECT_FALSE(Exists());
 }
 
+// A lock file may be removed by the last who lets go, just when the next one has opened it.
+TEST_F(LogFolder, WhoeverComesWhenTheLastOneGoesHoldsItAsWell)
+{
+    std::atomic<int> iFaults = 0;
+    const uint64_t u64End = PlatTicks() + 1500;
+    InThreads(4, [&](int) {
+        while (PlatTicks() < u64End)
+        {
+            COsLogFolderLock oslogfolderlock;
+            iFaults += oslogfolderlock.Acquire(m_strFolder.c_str()) == EOSSTS_SUCCESS && !LockFile();
+        }
+    });
+    EXPECT_EQ(iFaults, 0);
+    EXPECT_FALSE(LockFile());
+}
+
 TEST_F(LogFolder, AKilledHolderLeavesItFree)
 {
     const Part part("hold " + m_strFolder);

@@ -137,5 +137,4 @@ COsCfgImpl::~COsCfgImpl()
 void COsCfgImpl::StopManagement()
 {
     OSMEMDELETE(m_posthreadManage);
-    m_oslogfolderlock.Release();
 }

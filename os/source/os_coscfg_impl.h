@@ -231,7 +231,7 @@ public:
     // Starts the management thread where that is wanted.
     void StartManagement();
 
-    // Ends the management thread, then lets the lock file go. Reads of the configuration still work.
+    // Ends the management thread. Reads of the configuration still work.
     void StopManagement();
 
     // The defaults procedure. Logs "SetDirectories failed..." and leaves every tag empty when the directory set cannot

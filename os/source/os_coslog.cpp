@@ -4,20 +4,19 @@
 #include "os_cfg.h"
 #include "os_cosarguments.h"
 #include "os_cosenv.h"
+#include "os_coslog_header.h"
 #include "os_coslog_impl.h"
+#include "os_coslogcollector.h"
 #include "os_cosmem.h"
 #include "os_cosstring.h"
-#include "os_scope.h"
-
-#include "plat_thread.h"
 
 #include <algorithm>
-#include <cerrno>
 #include <cstring>
+#include <memory>
 #include <new>
-#include <thread>
 
 static constexpr char g_szSource[] = "os/source/os_coslog";
+static constexpr char g_szSourceCollector[] = "os/source/os_coslogcollector";
 
 static constexpr uint32_t g_u32FlagsTakenOut = 0x100 | 0x2000 | 0x4000 | OS_LOGFLAG_LEVEL32;
 static constexpr uint32_t g_u32FlagsTakenOutAtStart = g_u32FlagsTakenOut | 0x2;
@@ -96,41 +95,6 @@ void COsLog::TakeCollector(COsLogCollector* a_poslogcollector)
         m_poslogimpl->TakeCollector(uniqueCollector.release());
 }
 
-// ---------------------------------------------------------------------------------------------- what calls share
-
-bool OsLogLock::Acquire(uint32_t a_u32Milliseconds)
-{
-    uint64_t u64Free = 0;
-    while (!m_u64Owner.compare_exchange_strong(u64Free, PlatThreadId(), std::memory_order_acquire))
-    {
-        if (!Wait(a_u32Milliseconds))
-            return false;
-        u64Free = 0;
-    }
-    return true;
-}
-
-bool OsLogLock::Wait(uint32_t a_u32Milliseconds) const
-{
-    const uint64_t u64Begin = PlatTicks();
-    while (const uint64_t u64Owner = m_u64Owner.load(std::memory_order_acquire))
-    {
-        const bool blOver = a_u32Milliseconds != OS_INFINITE && PlatTicks() - u64Begin >= a_u32Milliseconds;
-        if (blOver || u64Owner == PlatThreadId())
-            return false;
-        std::this_thread::yield();
-    }
-    return true;
-}
-
-OsLogKeepError::OsLogKeepError() : m_u32Error(PlatGetLastError()), m_iErrno(errno) {}
-
-OsLogKeepError::~OsLogKeepError()
-{
-    PlatSetLastError(m_u32Error);
-    errno = m_iErrno;
-}
-
 // ------------------------------------------------------------------------------------------------------ creation
 
 // "@NAME@FILE": the environment variable's value and FILE, empty when that is too long. False for a path of another
@@ -170,10 +134,8 @@ static void AddModuleName(char* a_szLogFile, const char* a_szFile)
 }
 
 COsLogImpl::COsLogImpl(const COsLog::CreateArgs& a_createargs)
-    : m_u32CheckMode(0),
-      m_sizetInitialBuffer(static_cast<size_t>(
-          std::clamp(StrToInt32(OsCfgGetCommon("LogMaxFinal", "8192")), g_i32BufferLeast, g_i32BufferMost))),
-      m_szUniqueName{}
+    : m_sizetInitialBuffer(static_cast<size_t>(
+          std::clamp(StrToInt32(OsCfgGetCommon("LogMaxFinal", "8192")), g_i32BufferLeast, g_i32BufferMost)))
 {
     SStrCpy(m_szUniqueName, sizeof m_szUniqueName, a_createargs.szUniqueName ? a_createargs.szUniqueName : "");
     SetStateFromEnvironment();
@@ -186,8 +148,8 @@ COsLogImpl::COsLogImpl(const COsLog::CreateArgs& a_createargs)
     const bool blExpanded = ExpandPath(szLogFile, szExpanded, &szFile);
     if (blExpanded)
         AddModuleName(szExpanded, szFile);
-    SetPath(blExpanded ? szExpanded : szLogFile, true, 0);
-    SetFilter(a_createargs.szFilter ? a_createargs.szFilter : "", " ", false);
+    m_oslogdestination.SetPath(blExpanded ? szExpanded : szLogFile, true, 0);
+    m_oslogfilter.Set(a_createargs.szFilter ? a_createargs.szFilter : "", " ", false);
 }
 
 // A process starts in state 88, or in 99 when MVR_NOLOGGING says so.
@@ -196,19 +158,6 @@ void COsLogImpl::SetStateFromEnvironment()
     OsLogSetState(static_cast<int>(OsEnvGetNumber("MVR_NOLOGGING", 0)));
     const bool blAllowed = OsLogGetState() == OS_LOGSTATE_ON;
     OsLogSetState(blAllowed ? OS_LOGSTATE_NOTSTARTED : OS_LOGSTATE_OFF);
-}
-
-COsLogImpl::~COsLogImpl()
-{
-    m_uniqueCollector.reset();
-    for (OsLogSlot& oslogslot : m_aoslogslot)
-        delete[] oslogslot.szBuffer;
-    for (OsLogPath* poslogpath = m_uniquePaths.get(); poslogpath; poslogpath = poslogpath->uniqueNext.get())
-        CloseKept(poslogpath);
-    while (m_uniquePaths)
-        m_uniquePaths = std::move(m_uniquePaths->uniqueNext);
-    while (m_uniqueFilters)
-        m_uniqueFilters = std::move(m_uniqueFilters->uniqueNext);
 }
 
 void COsLogImpl::LogLastLines() const
@@ -226,24 +175,30 @@ void COsLogImpl::Start(const char* a_szLogFile, uint32_t a_u32Flags, const char*
 {
     const char* const szLogFile = a_szLogFile && *a_szLogFile ? a_szLogFile : nullptr;
     m_blRedirectPending = true;
-    if (!szLogFile && !*Path()->szLogFile)
+    if (!szLogFile && !*LogFile())
     {
         OsLogSetState(OS_LOGSTATE_OFF);
         return;
     }
     StartPath(szLogFile);
     if (a_szFilter)
-        SetFilter(a_szFilter, " \t", true);
+        m_oslogfilter.Set(a_szFilter, " \t", true);
     SetFlags(a_u32Flags, g_u32FlagsTakenOutAtStart);
-    StartCollector();
+    if (OsLogGetState() != OS_LOGSTATE_OFF)
+        m_osloghold.Move(LogFile());
+    const bool blPrivateCollector = StartCollector();
     OsLogSetState(OS_LOGSTATE_ALLOW);
-    if (WorkingWord() != 0)
-        OSLOG(OS_LOG_MILESTONE, "### OsServicesStart...");
+    if (WorkingWord() == 0)
+        return;
+    if (blPrivateCollector)
+        OSLOG_AT(g_szSourceCollector, static_cast<uint32_t>(__LINE__), OS_LOG_MILESTONE,
+                 "LogCollector initialization complete...");
+    OSLOG(OS_LOG_MILESTONE, "### OsServicesStart...");
 }
 
 void COsLogImpl::StartPath(const char* a_szLogFile)
 {
-    OsLogPath* const poslogpath = Path();
+    OsLogPath* const poslogpath = m_oslogdestination.Path();
     if (!a_szLogFile)
     {
         poslogpath->blHeaderPending = false;
@@ -254,7 +209,7 @@ void COsLogImpl::StartPath(const char* a_szLogFile)
     const bool blExpanded = ExpandPath(a_szLogFile, szExpanded, &szFile);
     const bool blNew = std::strcmp(a_szLogFile, poslogpath->szLogFile) != 0;
     if (blNew)
-        SetPath(blExpanded ? szExpanded : a_szLogFile, true, 0);
+        m_oslogdestination.SetPath(blExpanded ? szExpanded : a_szLogFile, true, 0);
 }
 
 // What is taken out of the word and means something stays in force until the logger goes.
@@ -267,68 +222,26 @@ void COsLogImpl::SetFlags(uint32_t a_u32Flags, uint32_t a_u32TakenOut)
     SetWorkingWord(a_u32Flags & ~a_u32TakenOut);
 }
 
-static bool IsLogFile(const char* a_szLogFile)
-{
-    const std::string_view strview(a_szLogFile);
-    return strview.size() >= 4 && strview.ends_with(".log");
-}
-
-static OsLogPath* FindPath(OsLogPath* a_poslogpath, const char* a_szLogFile)
-{
-    while (a_poslogpath && std::strcmp(a_poslogpath->szLogFile, a_szLogFile) != 0)
-        a_poslogpath = a_poslogpath->uniqueNext.get();
-    return a_poslogpath;
-}
-
-// Makes a path the current one; without memory the one before goes on. The file of the one before is closed as soon as
-// no call works with it any more.
-void COsLogImpl::SetPath(const char* a_szLogFile, bool a_blHeaderPending, int32_t a_i32LineCounter)
-{
-    std::unique_ptr<OsLogPath> uniquePath(new (std::nothrow) OsLogPath{});
-    if (!uniquePath)
-        return;
-    SStrCpy(uniquePath->szLogFile, sizeof uniquePath->szLogFile, a_szLogFile);
-    uniquePath->blLogs = IsLogFile(uniquePath->szLogFile);
-
-    OsLogPath* poslogpathBefore = nullptr;
-    {
-        const OsLogGuard oslogguard(m_osloglock);
-        OsLogPath* poslogpath = FindPath(m_uniquePaths.get(), uniquePath->szLogFile);
-        if (!poslogpath)
-        {
-            poslogpath = uniquePath.get();
-            uniquePath->uniqueNext = std::move(m_uniquePaths);
-            m_uniquePaths = std::move(uniquePath);
-        }
-        poslogpath->i32LineCounter = a_i32LineCounter;
-        poslogpath->blHeaderPending = a_blHeaderPending;
-        poslogpathBefore = m_poslogpath.exchange(poslogpath, std::memory_order_acq_rel);
-        if (poslogpathBefore == poslogpath)
-            poslogpathBefore = nullptr;
-    }
-    if (poslogpathBefore)
-        CloseKept(poslogpathBefore);
-}
-
-void COsLogImpl::StartCollector()
+// True when it has connected to the application's own collector.
+bool COsLogImpl::StartCollector()
 {
     const char* const szLogFile = LogFile();
-    if (m_uniqueCollector || !*szLogFile)
-        return;
+    if (m_oslogdestination.HadCollector() || !*szLogFile)
+        return false;
     const bool blPrivate = StrICmp(OsCfgGetCommon("LogCollector", "enabled"), "enabled") == 0;
     // Other threads wait for the end of it instead of losing their lines.
     const OsLogGuard oslogguard(m_osloglockFirst, OS_LOGFIRSTTIMEOUT);
     const COsLogSuppress oslogsuppress;
     std::unique_ptr<COsLogCollector> uniqueCollector(new (std::nothrow) COsLogCollector(
         blPrivate ? OS_COLLECTORMODE_PRIVATECLIENT : OS_COLLECTORMODE_SHAREDCLIENT, szLogFile));
-    if (uniqueCollector && uniqueCollector->Start(szLogFile, true) == EOSSTS_SUCCESS)
-        TakeCollector(uniqueCollector.release());
+    if (!uniqueCollector || uniqueCollector->Start(szLogFile, true) != EOSSTS_SUCCESS)
+        return false;
+    TakeCollector(uniqueCollector.release());
+    return blPrivate;
 }
 
-void COsLogImpl::TakeCollector(COsLogCollector* a_poslogcollector)
+void COsLogImpl::Flush()
 {
-    std::unique_ptr<COsLogCollector> uniqueCollector(a_poslogcollector);
-    const std::lock_guard<std::mutex> guard(m_mutexCollector);
-    m_uniqueCollector.swap(uniqueCollector);
-    m_blCollector.store(a_poslogcollector != nullptr, std::memory_order_release);
+    const OsLogKeepError oslogkeeperror;
+    m_oslogdestination.Flush();
 }

@@ -3,11 +3,12 @@
 // A filter is never changed once it is in use, so what it says to a source holds as long as the filter does. That is
 // remembered in a table that is only ever added to: calls read it without a lock. The place in the table comes from the
 // address of the file argument, which most callers have in a constant; the text alone decides.
-#include "os_coslog_impl.h"
+#include "os_coslog_filter.h"
 
 #include <algorithm>
 #include <cstring>
 #include <new>
+#include <utility>
 
 static constexpr uint64_t g_u64Tries = 4;   // places in which a verdict may be
 static constexpr uint64_t g_u64Spread = 0x9E3779B97F4A7C15;
@@ -27,12 +28,6 @@ size_t OsLogSourceName(char* a_achSource, const char* a_szFile)
 }
 
 // ------------------------------------------------------------------------------------------------------- the call
-
-bool COsLogImpl::FilterPasses(const OsLogCall& a_oslogcall) const
-{
-    return a_oslogcall.u32Level == OS_LOG_ERROR ||
-           m_poslogfilter.load(std::memory_order_acquire)->Passes(a_oslogcall.szFile);
-}
 
 bool OsLogFilter::Passes(const char* a_szFile) const
 {
@@ -115,7 +110,13 @@ static void FillFilter(OsLogFilter& a_oslogfilter, std::string_view a_strviewFil
     *pch = '\0';
 }
 
-void COsLogImpl::SetFilter(const char* a_szFilter, const char* a_szSeparators, bool a_blLower)
+COsLogFilter::~COsLogFilter()
+{
+    while (m_uniqueFilters)
+        m_uniqueFilters = std::move(m_uniqueFilters->uniqueNext);
+}
+
+void COsLogFilter::Set(const char* a_szFilter, const char* a_szSeparators, bool a_blLower)
 {
     std::unique_ptr<OsLogFilter> uniqueFilter(new (std::nothrow) OsLogFilter{});
     if (!uniqueFilter)

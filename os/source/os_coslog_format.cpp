@@ -1,5 +1,5 @@
 // os_coslog_format.cpp: the formatting that cannot fail through the logger.
-#include "os_coslog_impl.h"
+#include "os_coslog_format.h"
 
 #include "os_cosstring.h"
 

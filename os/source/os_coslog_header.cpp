@@ -2,12 +2,14 @@
 //
 // It is written through the slot of the call that triggers it, with that call's prefix. Logging is suppressed
 // meanwhile: what the questions asked here log goes nowhere.
-#include "os_coslog_impl.h"
+#include "os_coslog_header.h"
 
 #include "os_cfg.h"
 #include "os_cosarguments.h"
 #include "os_cosenv.h"
 #include "os_coslocale.h"
+#include "os_coslog.h"
+#include "os_coslog_format.h"
 #include "os_cosstring.h"
 
 #include "plat_machine.h"
@@ -18,6 +20,7 @@
 
 #include <cstring>
 #include <iterator>
+#include <memory>
 #include <new>
 
 static constexpr size_t g_sizetCommandLine = 65536;
@@ -28,60 +31,60 @@ std::atomic<OsLogTextProc> g_poslogresourceproc{nullptr};
 std::atomic<OsLogTextProc> g_poslogsetupproc{nullptr};
 std::atomic<OsLogVersionProc> g_poslogversionproc{nullptr};
 
-// False: logging is suppressed; the line is dropped.
-bool COsLogImpl::WriteHeaderIfPending(OsLogSlot& a_oslogslot)
+bool COsLogHeader::WriteIfPending()
 {
-    if (!a_oslogslot.poslogpath->blHeaderPending)
+    if (!m_oslogslot.poslogpath->blHeaderPending)
         return true;
     const COsLogSuppress oslogsuppress;
     if (!oslogsuppress.WasAllowed())
         return false;
-    WriteHeader(a_oslogslot);
-    a_oslogslot.poslogpath->blHeaderPending = false;
+    Write();
+    m_oslogslot.poslogpath->blHeaderPending = false;
     return true;
 }
 
-void COsLogImpl::WriteHeader(OsLogSlot& a_oslogslot)
+void COsLogHeader::Write()
 {
-    a_oslogslot.poslogpath->i32LineCounter = -1;
-    RunLine(a_oslogslot);
-    SystemLine(a_oslogslot);
-    OsLine(a_oslogslot);
-    ModuleLines(a_oslogslot);
-    ArgumentsLine(a_oslogslot);
-    HeaderLine(a_oslogslot, [&](char* a_sz, size_t a_sizet) {
-        return LogSStrCatf(a_sz, a_sizet, "### log <%s>", a_oslogslot.poslogpath->szLogFile);
+    m_oslogslot.poslogpath->i32LineCounter = -1;
+    RunLine();
+    SystemLine();
+    OsLine();
+    ModuleLines();
+    ArgumentsLine();
+    Line([&](char* a_sz, size_t a_sizet) {
+        return LogSStrCatf(a_sz, a_sizet, "### log <%s>", m_oslogslot.poslogpath->szLogFile);
     });
 }
 
-// One line: the prefix and what a_piece appends, which returns the length of all.
+// One line: what a_piece appends, which returns the length of all.
 template <class Piece>
-void COsLogImpl::HeaderLine(OsLogSlot& a_oslogslot, Piece a_piece)
+void COsLogHeader::Line(Piece a_piece)
 {
-    char* const szBuffer = a_oslogslot.szBuffer;
-    const int32_t i32Number = ++a_oslogslot.poslogpath->i32LineCounter;
-    *PutPrefix(szBuffer, a_oslogslot, i32Number, false) = '\0';
-    if (a_piece(szBuffer, a_oslogslot.sizetBuffer) < 0)
+    char* const szMessage = m_oslogslot.Message();
+    *szMessage = '\0';
+    if (a_piece(szMessage, m_oslogslot.sizetBuffer) < 0)
         return;
-    const int iLength = LogSStrCatf(szBuffer, a_oslogslot.sizetBuffer, "\r\n");
-    if (iLength > 0)
-        WriteOut(a_oslogslot, szBuffer, static_cast<size_t>(iLength));
+    const int iLength = LogSStrCatf(szMessage, m_oslogslot.sizetBuffer, "\r\n");
+    if (iLength < 0)
+        return;
+    m_oslogslot.sizetMessage = static_cast<size_t>(iLength);
+    m_oslogdestination.Write(m_oslogslot);
 }
 
 // ----------------------------------------------------------------------------------------------------------- run
 
-void COsLogImpl::RunLine(OsLogSlot& a_oslogslot)
+void COsLogHeader::RunLine()
 {
-    const OsTimeRecord& ostimerecord = a_oslogslot.osloglinetime.ostimerecord;
+    const OsTimeRecord& ostimerecord = m_oslogslot.osloglinetime.ostimerecord;
     const bool blUsersFolder = StrICmp(OsCfgGetCommon("UseUsersFolder", "yes"), "yes") == 0;
-    HeaderLine(a_oslogslot, [&](char* a_sz, size_t a_sizet) {
+    Line([&](char* a_sz, size_t a_sizet) {
         return LogSStrCatf(a_sz, a_sizet,
                            "### (%.4d/%.2d/%.2d %.2d:%.2d:%.2d.%.3d) Debug=%d DebugFilter=<%s> "
                            "Version=~%s UseUsersFolder=%d logcollector=%s",
                            ostimerecord.u16Year, ostimerecord.u16Month, ostimerecord.u16Day, ostimerecord.u16Hour,
                            ostimerecord.u16Minute, ostimerecord.u16Second, ostimerecord.u16Milliseconds,
-                           static_cast<int>(m_u32StartWord.load()), m_poslogfilter.load()->szText, OS_LIBRARYVERSION,
-                           blUsersFolder ? 1 : 0, UsesCollector() ? "true" : "false");
+                           static_cast<int>(m_run.u32Flags), m_run.szFilter, OS_LIBRARYVERSION, blUsersFolder ? 1 : 0,
+                           m_oslogdestination.UsesCollector() ? "true" : "false");
     });
 }
 
@@ -168,15 +171,15 @@ static int AppendMemory(char* a_sz, size_t a_sizet)
                        static_cast<unsigned long long>(u64System));
 }
 
-void COsLogImpl::SystemLine(OsLogSlot& a_oslogslot)
+void COsLogHeader::SystemLine()
 {
-    HeaderLine(a_oslogslot, [](char* a_sz, size_t a_sizet) {
+    Line([](char* a_sz, size_t a_sizet) {
         const bool blFits = AppendProcessor(a_sz, a_sizet) >= 0 && AppendMemory(a_sz, a_sizet) >= 0;
         return blFits ? LogSStrCatf(a_sz, a_sizet, " integrity:%s>", IntegrityText()) : -1;
     });
 }
 
-void COsLogImpl::OsLine(OsLogSlot& a_oslogslot)
+void COsLogHeader::OsLine()
 {
     PlatVersion platversionRaw = {};
     PlatVersionGet(PLAT_VERSION_RAW, &platversionRaw);
@@ -187,7 +190,7 @@ void COsLogImpl::OsLine(OsLogSlot& a_oslogslot)
     char szInfo[32] = {};
     if (iServicePack > 0)
         SStrPrintf(szInfo, sizeof szInfo, "Service Pack %d", iServicePack / 100);
-    HeaderLine(a_oslogslot, [&](char* a_sz, size_t a_sizet) {
+    Line([&](char* a_sz, size_t a_sizet) {
         return LogSStrCatf(a_sz, a_sizet,
                            "### osInfo <Os:windows Major:%d Minor:%d Build:%d/0x%.8x Platform:%d Info:[%s] "
                            "Raw:%d.%d Cooked:%d.%d>",
@@ -256,12 +259,11 @@ static const char* Ask(const std::atomic<OsLogTextProc>& a_oslogtextproc, const 
     return szText && *szText ? szText : a_szNone;
 }
 
-void COsLogImpl::ModuleLine(OsLogSlot& a_oslogslot, const char* a_szTitle, const char* a_szModule,
-                            const char* a_szVersionInfo)
+void COsLogHeader::ModuleLine(const char* a_szTitle, const char* a_szModule, const char* a_szVersionInfo)
 {
     char szConfigured[OS_LOGVERSIONSIZE];
     ConfiguredVersion(szConfigured);
-    HeaderLine(a_oslogslot, [&](char* a_sz, size_t a_sizet) {
+    Line([&](char* a_sz, size_t a_sizet) {
         return LogSStrCatf(a_sz, a_sizet,
                            "### %s <%s> cd=%s versioninfo=%s versioncfg=%s versionresource=%s versionsimple=%s",
                            a_szTitle, a_szModule, Ask(g_poslogsetupproc, a_szModule, "CD", "(n/a)"), a_szVersionInfo,
@@ -270,7 +272,7 @@ void COsLogImpl::ModuleLine(OsLogSlot& a_oslogslot, const char* a_szTitle, const
     });
 }
 
-void COsLogImpl::ModuleLines(OsLogSlot& a_oslogslot)
+void COsLogHeader::ModuleLines()
 {
     char szProgram[OS_PATHSIZE];
     char szModule[OS_PATHSIZE];
@@ -278,11 +280,11 @@ void COsLogImpl::ModuleLines(OsLogSlot& a_oslogslot)
     OsArgumentsProgramPath(szProgram);
     OsArgumentsModulePath(szModule);
     OsLogExeVersion(szVersion);
-    ModuleLine(a_oslogslot, "appInfo", szProgram, szVersion);
+    ModuleLine("appInfo", szProgram, szVersion);
     if (std::strcmp(szModule, szProgram) == 0)
         return;
     FileVersion(szModule, szVersion);
-    ModuleLine(a_oslogslot, "dllInfo", szModule, szVersion);
+    ModuleLine("dllInfo", szModule, szVersion);
 }
 
 // ----------------------------------------------------------------------------------------------------- arguments
@@ -306,13 +308,13 @@ static std::unique_ptr<char[]> CommandLine()
     return nullptr;
 }
 
-void COsLogImpl::ArgumentsLine(OsLogSlot& a_oslogslot)
+void COsLogHeader::ArgumentsLine()
 {
     const std::unique_ptr<char[]> uniqueText = CommandLine();
     if (!uniqueText)
         return;
-    const int iMost = static_cast<int>(a_oslogslot.sizetBuffer - g_sizetArgumentsMargin);
-    HeaderLine(a_oslogslot, [&](char* a_sz, size_t a_sizet) {
+    const int iMost = static_cast<int>(m_oslogslot.sizetBuffer - g_sizetArgumentsMargin);
+    Line([&](char* a_sz, size_t a_sizet) {
         return LogSStrCatf(a_sz, a_sizet, "### args <%.*s>", iMost, uniqueText.get());
     });
 }

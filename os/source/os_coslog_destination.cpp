@@ -1,0 +1,335 @@
+// os_coslog_destination.cpp: the path, the collector, the own file, the write-out.
+#include "os_coslog_destination.h"
+
+#include "os_coslog_format.h"
+#include "os_cosstring.h"
+#include "os_log.h"
+
+#include "plat_system.h"
+
+#include <algorithm>
+#include <cstring>
+#include <new>
+#include <string_view>
+#include <utility>
+
+static constexpr char g_szSource[] = "os/source/os_coslog";
+static constexpr char g_szLineEnd[] = "\r\n";
+static constexpr size_t g_sizetGoesOn = OS_LOGPREFIXMAX + OS_PATHSIZE + 128;
+
+static constexpr uint64_t g_u64OpenAgain = 1000;   // ms
+
+// --------------------------------------------------------------------------------------------------------- the path
+
+COsLogDestination::~COsLogDestination()
+{
+    while (m_uniqueClients)
+        m_uniqueClients = std::move(m_uniqueClients->uniqueNext);
+    for (OsLogPath* poslogpath = m_uniquePaths.get(); poslogpath; poslogpath = poslogpath->uniqueNext.get())
+        CloseKept(poslogpath);
+    while (m_uniquePaths)
+        m_uniquePaths = std::move(m_uniquePaths->uniqueNext);
+}
+
+static void FillPath(OsLogPath& a_oslogpath, const char* a_szLogFile)
+{
+    static constexpr size_t g_sizetSuffix = sizeof OS_LOGFILESUFFIX - 1;
+    SStrCpy(a_oslogpath.szLogFile, sizeof a_oslogpath.szLogFile, a_szLogFile);
+    const std::string_view strview(a_oslogpath.szLogFile);
+    a_oslogpath.blLogs = strview.ends_with(OS_LOGFILESUFFIX);
+    if (!a_oslogpath.blLogs)
+        return;
+    char* const pchSuffix = a_oslogpath.szOwnFile + strview.copy(a_oslogpath.szOwnFile, strview.size() - g_sizetSuffix);
+    std::memcpy(pchSuffix, OS_LOGOWNSUFFIX, sizeof OS_LOGOWNSUFFIX);
+}
+
+static OsLogPath* FindPath(OsLogPath* a_poslogpath, const char* a_szLogFile)
+{
+    while (a_poslogpath && std::strcmp(a_poslogpath->szLogFile, a_szLogFile) != 0)
+        a_poslogpath = a_poslogpath->uniqueNext.get();
+    return a_poslogpath;
+}
+
+// The file of the path before is closed as soon as no call works with it any more.
+void COsLogDestination::SetPath(const char* a_szLogFile, bool a_blHeaderPending, int32_t a_i32LineCounter)
+{
+    std::unique_ptr<OsLogPath> uniquePath(new (std::nothrow) OsLogPath{});
+    if (!uniquePath)
+        return;
+    FillPath(*uniquePath, a_szLogFile);
+
+    OsLogPath* poslogpathBefore = nullptr;
+    {
+        const OsLogGuard oslogguard(m_osloglock);
+        OsLogPath* poslogpath = FindPath(m_uniquePaths.get(), uniquePath->szLogFile);
+        if (!poslogpath)
+        {
+            poslogpath = uniquePath.get();
+            uniquePath->uniqueNext = std::move(m_uniquePaths);
+            m_uniquePaths = std::move(uniquePath);
+        }
+        poslogpath->i32LineCounter = a_i32LineCounter;
+        poslogpath->blHeaderPending = a_blHeaderPending;
+        poslogpath->u64OpenAgain = 0;
+        poslogpathBefore = m_poslogpath.exchange(poslogpath, std::memory_order_acq_rel);
+        if (poslogpathBefore == poslogpath)
+            poslogpathBefore = nullptr;
+    }
+    if (poslogpathBefore)
+        CloseKept(poslogpathBefore);
+}
+
+// --------------------------------------------------------------------------------------------------- the collector
+
+void COsLogDestination::TakeCollector(COsLogCollector* a_poslogcollector)
+{
+    std::unique_ptr<COsLogCollector> uniqueCollector(a_poslogcollector);
+    std::unique_ptr<OsLogClient> uniqueClient(uniqueCollector ? new (std::nothrow) OsLogClient{} : nullptr);
+    const std::lock_guard<std::mutex> guard(m_mutexClient);
+    OsLogClient* const poslogclient = uniqueClient.get();
+    if (poslogclient)
+    {
+        uniqueClient->uniqueCollector = std::move(uniqueCollector);
+        uniqueClient->poslogpath = Path();
+        uniqueClient->uniqueNext = std::move(m_uniqueClients);
+        m_uniqueClients = std::move(uniqueClient);
+    }
+    m_poslogclient.store(poslogclient, std::memory_order_release);
+}
+
+// Of a line that could not be sent the collector may have got a part: it goes whole to the file, like all that follow.
+bool COsLogDestination::Send(std::span<const char> a_spanLine)
+{
+    const OsLogClient* const poslogclient = m_poslogclient.load(std::memory_order_acquire);
+    if (!poslogclient)
+        return false;
+    const EOSSTS eossts = poslogclient->uniqueCollector->ClientWrite(a_spanLine.data(), a_spanLine.size());
+    if (eossts == EOSSTS_SUCCESS)
+        return true;
+    GiveUp(*poslogclient, eossts == EOSSTS_BUSY);
+    return false;
+}
+
+// The first thread that finds it failed makes the switch; the others wait for that. A line of the process must not get
+// into a file that the collector may go on with, nor onto the end of a line of which it wrote a part.
+void COsLogDestination::GiveUp(const OsLogClient& a_oslogclient, bool a_blLives)
+{
+    const std::lock_guard<std::mutex> guard(m_mutexClient);
+    if (m_poslogclient.load(std::memory_order_acquire) != &a_oslogclient)
+        return;
+    OsLogPath& oslogpath = *a_oslogclient.poslogpath;
+    if (a_blLives && oslogpath.blLogs)
+    {
+        oslogpath.u32Owed |= OsLogPath::OS_GOESON;
+        oslogpath.blOwn = true;
+        CloseKept(&oslogpath);
+    }
+    OsLogEndTornLine(oslogpath.File());
+    m_poslogclient.store(nullptr, std::memory_order_release);
+}
+
+// ------------------------------------------------------------------------------------------------------- the file
+
+// Lets go of the file that a path keeps open; calls that work with it go on.
+void COsLogDestination::CloseKept(OsLogPath* a_poslogpath)
+{
+    OsLogFile* poslogfile = nullptr;
+    if (const OsLogGuard oslogguard(m_osloglock); oslogguard.Held())
+        poslogfile = std::exchange(a_poslogpath->poslogfile, nullptr);
+    OsLogFile::Release(poslogfile);
+}
+
+// The file that a path keeps open, for one more user; null when there is none.
+OsLogFile* COsLogDestination::TakeKept(const OsLogPath* a_poslogpath)
+{
+    const OsLogGuard oslogguard(m_osloglock);
+    OsLogFile* const poslogfile = oslogguard.Held() ? a_poslogpath->poslogfile : nullptr;
+    return poslogfile ? poslogfile->AddUser() : nullptr;
+}
+
+// Opens the file for this call, and for those that follow while its path is the current one.
+bool COsLogDestination::OpenNew(OsLogSlot& a_oslogslot)
+{
+    OsLogPath* const poslogpath = a_oslogslot.poslogpath;
+    OsLogFile* const poslogfile = OsLogFile::Open(poslogpath->File());
+    if (!poslogfile)
+        return false;
+    OsLogFile* poslogfileBefore = nullptr;
+    if (const OsLogGuard oslogguard(m_osloglock); oslogguard.Held() && poslogpath == Path())
+        poslogfileBefore = std::exchange(poslogpath->poslogfile, poslogfile->AddUser());
+    OsLogFile::Release(poslogfileBefore);
+    a_oslogslot.poslogfile = poslogfile;
+    return true;
+}
+
+bool COsLogDestination::Open(OsLogSlot& a_oslogslot)
+{
+    if (UsesCollector() || OpenFile(a_oslogslot))
+        return true;
+    a_oslogslot.poslogpath->TakeNumber();
+    return false;
+}
+
+// Sees to it that this call has the file open that the path names now.
+bool COsLogDestination::OpenFile(OsLogSlot& a_oslogslot)
+{
+    OsLogPath& oslogpath = *a_oslogslot.poslogpath;
+    Close(a_oslogslot);
+    a_oslogslot.poslogfile = TakeKept(&oslogpath);
+    if (a_oslogslot.poslogfile && a_oslogslot.poslogfile->IsCurrent())
+        return true;
+    Close(a_oslogslot);
+
+    const uint64_t u64OpenAgain = oslogpath.u64OpenAgain.load(std::memory_order_relaxed);
+    if (u64OpenAgain && PlatTicks() < u64OpenAgain)
+        return false;
+    if (OpenNew(a_oslogslot))
+        return true;
+    if (OsLogMakeFolderOf(oslogpath.szLogFile) && OpenNew(a_oslogslot))
+    {
+        m_osloghold.Renew();
+        return true;
+    }
+    if (m_blWritten.load(std::memory_order_relaxed))
+        oslogpath.u64OpenAgain = PlatTicks() + g_u64OpenAgain;
+    else
+        OsLogSetState(OS_LOGSTATE_OFF);
+    return false;
+}
+
+// ------------------------------------------------------------------------------------------------------ write-out
+
+void COsLogDestination::Write(OsLogSlot& a_oslogslot)
+{
+    const int32_t i32Number = a_oslogslot.poslogpath->TakeNumber();
+    const bool blSent = !a_oslogslot.poslogfile && Send(a_oslogslot.Line(i32Number));
+    const bool blWritten =
+        blSent || ((a_oslogslot.poslogfile || OpenFile(a_oslogslot)) && WriteFile(a_oslogslot, i32Number));
+    if (blWritten && !m_blWritten.load(std::memory_order_relaxed))
+        m_blWritten = true;
+}
+
+// The call's line behind what has to precede it.
+bool COsLogDestination::AppendLine(OsLogSlot& a_oslogslot, int32_t a_i32Number)
+{
+    return a_oslogslot.poslogpath->u32Owed.load(std::memory_order_acquire)
+               ? AppendOwed(a_oslogslot, a_i32Number)
+               : Append(a_oslogslot, a_oslogslot.Line(a_i32Number));
+}
+
+// A file that is empty may be removed for that by a collector, between the look whether it is still there and the line:
+// the line is then written again.
+bool COsLogDestination::WriteFile(OsLogSlot& a_oslogslot, int32_t a_i32Number)
+{
+    const bool blFresh = a_oslogslot.poslogfile->blFresh.load(std::memory_order_relaxed);
+    if (!AppendLine(a_oslogslot, a_i32Number))
+        return false;
+    if (blFresh && !a_oslogslot.poslogfile->IsCurrent())
+    {
+        if (!OpenFile(a_oslogslot) || !AppendLine(a_oslogslot, a_i32Number))
+            return false;
+    }
+    else if (blFresh)
+    {
+        a_oslogslot.poslogfile->blFresh = false;
+    }
+    if (a_oslogslot.blFlush)
+        PlatAppendFlush(a_oslogslot.poslogfile->plathandle);
+    return true;
+}
+
+// The first line of the file beside the one that the collector keeps, as one of the call's thread and time.
+static std::span<char> PutGoesOn(char* a_pch, const OsLogSlot& a_oslogslot, int32_t a_i32Number)
+{
+    OsLogLinePrefix osloglineprefix = a_oslogslot.Prefix(a_i32Number);
+    osloglineprefix.pchSource = g_szSource;
+    osloglineprefix.sizetSource = sizeof g_szSource - 1;
+    osloglineprefix.u32Line = static_cast<uint32_t>(__LINE__);
+    osloglineprefix.u32Level = OS_LOG_ERROR;
+    char* const pchLine = a_pch + sizeof g_szLineEnd - 1;
+    char* const pchMessage = OsLogPutPrefix(pchLine, osloglineprefix);
+    const int iMessage =
+        LogSStrPrintf(pchMessage, static_cast<size_t>(a_pch + g_sizetGoesOn - pchMessage),
+                      "log goes on here, its collector does not answer...<%s>\r\n", a_oslogslot.poslogpath->szLogFile);
+    return {pchLine, pchMessage + std::max(iMessage, 0)};
+}
+
+// What has to precede the next line when the file took that much of one.
+static uint32_t OwedAfter(size_t a_sizetWritten, size_t a_sizetLine)
+{
+    if (a_sizetWritten == 0)
+        return 0;
+    return a_sizetWritten + 1 == a_sizetLine ? OsLogPath::OS_LINEFEED : OsLogPath::OS_LINEEND;
+}
+
+// A disk that is full takes a part. What is written when there is room again begins a line of its own.
+bool COsLogDestination::Append(OsLogSlot& a_oslogslot, std::span<char> a_spanLine)
+{
+    size_t sizetWritten = 0;
+    if (PlatAppendWrite(a_oslogslot.poslogfile->plathandle, a_spanLine.data(), a_spanLine.size(), &sizetWritten))
+        return true;
+    const std::lock_guard<std::mutex> guard(m_mutexOwed);
+    a_oslogslot.poslogpath->u32Owed |= OwedAfter(sizetWritten, a_spanLine.size());
+    return false;
+}
+
+// The other threads wait, or find it written.
+bool COsLogDestination::AppendOwed(OsLogSlot& a_oslogslot, int32_t a_i32Number)
+{
+    const std::lock_guard<std::mutex> guard(m_mutexOwed);
+    OsLogPath& oslogpath = *a_oslogslot.poslogpath;
+    int32_t i32Number = a_i32Number;
+    if (oslogpath.u32Owed & OsLogPath::OS_GOESON)
+    {
+        char achLine[g_sizetGoesOn];
+        if (!AppendBehindEnd(a_oslogslot, PutGoesOn(achLine, a_oslogslot, i32Number)))
+            return false;
+        oslogpath.u32Owed &= ~OsLogPath::OS_GOESON;
+        i32Number = oslogpath.TakeNumber();
+        a_oslogslot.blFlush = true;
+    }
+    return AppendBehindEnd(a_oslogslot, a_oslogslot.Line(i32Number));
+}
+
+// Under the lock. In one piece with the line end, for which there is room before the line: other threads' lines come
+// before both or behind both.
+bool COsLogDestination::AppendBehindEnd(OsLogSlot& a_oslogslot, std::span<char> a_spanLine)
+{
+    static constexpr uint32_t g_u32Ends = OsLogPath::OS_LINEEND | OsLogPath::OS_LINEFEED;
+    std::atomic<uint32_t>& u32Owed = a_oslogslot.poslogpath->u32Owed;
+    const uint32_t u32Ends = a_oslogslot.poslogfile->blFresh ? 0 : u32Owed & g_u32Ends;
+    const size_t sizetEnd = u32Ends == OsLogPath::OS_LINEFEED ? 1 : u32Ends ? 2 : 0;
+    char* const pch = a_spanLine.data() - sizetEnd;
+    std::memcpy(pch, g_szLineEnd + 2 - sizetEnd, sizetEnd);
+
+    size_t sizetWritten = 0;
+    const size_t sizetBytes = sizetEnd + a_spanLine.size();
+    const bool blWritten = PlatAppendWrite(a_oslogslot.poslogfile->plathandle, pch, sizetBytes, &sizetWritten);
+    if (sizetWritten)
+        u32Owed &= ~g_u32Ends;
+    if (!blWritten)
+        u32Owed |= OwedAfter(sizetWritten, sizetBytes);
+    return blWritten;
+}
+
+// ---------------------------------------------------------------------------------------------------------- flush
+
+void COsLogDestination::Flush()
+{
+    OsLogPath* const poslogpath = Path();
+    if (!*poslogpath->szLogFile)
+        return;
+    CloseKept(poslogpath);
+    OsLogFlushFile(poslogpath->File());
+}
+
+void COsLogDestination::FlushKept()
+{
+    OsLogFile* const poslogfile = TakeKept(Path());
+    const bool blOpen = poslogfile && poslogfile->IsCurrent();
+    if (blOpen)
+        PlatAppendFlush(poslogfile->plathandle);
+    OsLogFile::Release(poslogfile);
+    if (!blOpen)
+        Flush();
+}

@@ -1,0 +1,15 @@
+// os_coslog_format.h: formatting for the logger itself, whose failures go to the standard error stream, never through
+// the logger.
+#pragma once
+
+#include "os_types.h"
+
+#include <cstddef>
+
+// Format into a_szBuffer, or at the end of the text in it. Returns the length of the whole text, -1 when something is
+// null or does not fit; that is told on the standard error stream.
+int LogSStrPrintf(char* a_szBuffer, size_t a_sizetBuffer, const char* a_szFormat, ...) OS_PRINTFLIKE(3, 4);
+int LogSStrCatf(char* a_szBuffer, size_t a_sizetBuffer, const char* a_szFormat, ...) OS_PRINTFLIKE(3, 4);
+void LogTellFormatFailed(const char* a_szFunction, const char* a_szBuffer, size_t a_sizetBuffer,
+                         const char* a_szFormat);
+void LogTellStandardError(const char* a_szFormat, ...) OS_PRINTFLIKE(1, 2);

@@ -1,0 +1,86 @@
+// os_coslog_slots.h: what a thread needs to log, and whose it is.
+//
+// A thread has one of 64 slots from its first line to its end. Nothing here is waited for but a look, of a few
+// instructions, whether a slot's thread has ended: a signal handler that logs finds nothing held by the thread that it
+// interrupted.
+#pragma once
+
+#include "os_coslog_file.h"
+#include "os_coslogline.h"
+#include "os_types.h"
+
+#include <atomic>
+#include <span>
+
+inline constexpr size_t OS_LOGSLOTS = 64;
+inline constexpr uint8_t OS_LOGS = 9;   // the S value of this library's lines
+
+struct OsLogPath;
+
+struct OsLogSlot
+{
+    enum : uint32_t
+    {
+        OS_IDLE = 0,
+        OS_INSIDE = 1,    // the thread is inside the logger
+        OS_RECLAIM = 2,   // another thread looks whether this one has ended
+    };
+    std::atomic<uint32_t> u32Busy;
+    std::atomic<bool> blFlushWanted;   // by a failed check inside the logger
+
+    // The call.
+    uint32_t u32LastError;
+    uint32_t u32Line;
+    uint32_t u32Level;
+    bool blDeterministic;          // what differs from run to run is 0 in the prefix
+    bool blFlush;                  // the file is flushed behind the line
+    char achSource[OS_PATHSIZE];   // without an end
+    size_t sizetSource;
+    OsLogLineTime osloglinetime;
+    OsLogPath* poslogpath;
+    OsLogFile* poslogfile;   // null when no file is open
+
+    // The message, before which there is room for the longest prefix and a line end.
+    char* szBuffer;
+    size_t sizetBuffer;    // of the message
+    size_t sizetMessage;   // with its line end
+
+    char* Message() const { return szBuffer + OS_LOGPREFIXMAX; }
+
+    // False, with the buffer before, without memory.
+    bool SetBuffer(size_t a_sizetBuffer);
+
+    OsLogLinePrefix Prefix(int32_t a_i32Number) const;
+
+    // The message with its prefix right before it.
+    std::span<char> Line(int32_t a_i32Number);
+};
+
+class COsLogSlots
+{
+public:
+    COsLogSlots() = default;
+    ~COsLogSlots();
+    COsLogSlots(const COsLogSlots&) = delete;
+    COsLogSlots& operator=(const COsLogSlots&) = delete;
+
+    // The calling thread's slot, taken and with a buffer of at least a_sizetBuffer. Null when the thread is inside
+    // already, or when there is no slot or no memory for it.
+    OsLogSlot* Enter(size_t a_sizetBuffer);
+    void Leave(OsLogSlot& a_oslogslot) { a_oslogslot.u32Busy.store(OsLogSlot::OS_IDLE, std::memory_order_release); }
+
+    // The slot of a thread that has logged and is not inside, taken as by Enter; otherwise null. A thread that is
+    // inside is told by *a_pposlogslotInside.
+    OsLogSlot* EnterAgain(OsLogSlot** a_pposlogslotInside);
+
+    bool IsInside();   // the calling thread
+
+private:
+    OsLogSlot* Find(uint64_t a_u64ThreadId);
+    OsLogSlot* ClaimFree(uint64_t a_u64ThreadId);
+    OsLogSlot* Claim(uint64_t a_u64ThreadId);
+    void Reclaim();
+
+    std::atomic<uint64_t> m_au64ThreadId[OS_LOGSLOTS] = {};   // 0 is a free slot
+    OsLogSlot m_aoslogslot[OS_LOGSLOTS] = {};
+};
