@@ -5,8 +5,10 @@
 #include "os_cosarguments.h"
 #include "os_cosenv.h"
 #include "os_cosfile_system.h"
+#include "os_coslogcollector_protocol.h"
 #include "os_cosmem.h"
 #include "os_cosstring.h"
+#include "os_costhread.h"
 #include "os_log.h"
 #include "os_scope.h"
 

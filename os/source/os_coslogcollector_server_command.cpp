@@ -1,68 +1,17 @@
-// os_coslogcollector_command.cpp: other tools tell all collectors what to do through one command file. Its monitor
-// calls on a thread of its own, beside the readers.
-#include "os_coslogcollector_impl.h"
+// os_coslogcollector_server_command.cpp: other tools tell all collectors what to do through one command file. Its
+// monitor calls on a thread of its own, beside the readers.
+#include "os_coslogcollector_server.h"
 
 #include "os_cfg.h"
 #include "os_cosarguments.h"
 #include "os_cosfile_paths.h"
 #include "os_cosfile_system.h"
 #include "os_cosmem.h"
-#include "os_cosspinlock.h"
 #include "os_new.h"
-
-#include "plat_wait.h"
-
-#include <algorithm>
-#include <cstring>
 
 static constexpr char g_szSource[] = "os/source/os_coslogcollector";
 
 static constexpr size_t g_sizetCommandFile = 65536;   // what is read of it, with a terminator
-
-// --------------------------------------------------------------------------------------------- the open log files
-
-void COsLogOpenFiles::Add(COsFile* a_posfile)
-{
-    const COsSpinGuard guard(&m_u64Lock);
-    m_vecposfile.push_back(a_posfile);
-}
-
-void COsLogOpenFiles::Remove(COsFile* a_posfile)
-{
-    for (;;)
-    {
-        {
-            const COsSpinGuard guard(&m_u64Lock);
-            std::erase(m_vecposfile, a_posfile);
-            if (m_posfilePinned != a_posfile)
-                return;
-        }
-        PlatSleep(1);
-    }
-}
-
-bool COsLogOpenFiles::Pin(COsFile* a_posfile)
-{
-    const COsSpinGuard guard(&m_u64Lock);
-    const bool blOpen = std::find(m_vecposfile.begin(), m_vecposfile.end(), a_posfile) != m_vecposfile.end();
-    m_posfilePinned = blOpen ? a_posfile : nullptr;
-    return blOpen;
-}
-
-void COsLogOpenFiles::Flush()
-{
-    std::vector<COsFile*> vecposfile;
-    {
-        const COsSpinGuard guard(&m_u64Lock);
-        vecposfile = m_vecposfile;
-    }
-    for (COsFile* const posfile : vecposfile)
-    {
-        if (Pin(posfile))
-            posfile->Flush();
-    }
-    Pin(nullptr);
-}
 
 // ------------------------------------------------------------------------------------------------------- monitor
 
@@ -81,7 +30,7 @@ static void CreateCommandFile(const char* a_szPath)
 }
 
 // Without a configuration there is no command file.
-void COsLogCollectorImpl::StartMonitor()
+void COsLogCollectorServer::StartMonitor()
 {
     char szPath[OS_PATHSIZE];
     if (OsCfgGetPath(OS_PATH_WRITEABLE_FILE_LOGCOLLECTORFLUSH, szPath, sizeof szPath) != EOSSTS_SUCCESS)
@@ -91,7 +40,7 @@ void COsLogCollectorImpl::StartMonitor()
                                  &MonitorFlushEntry, this);
 }
 
-void COsLogCollectorImpl::StopMonitor()
+void COsLogCollectorServer::StopMonitor()
 {
     if (m_posfileFlush)
         m_posfileFlush->MonitorStop();
@@ -101,12 +50,12 @@ void COsLogCollectorImpl::StopMonitor()
 // ------------------------------------------------------------------------------------------------------ commands
 
 // A command that was there before the collector is none for it.
-uint32_t COsLogCollectorImpl::MonitorFlushEntry(COsFile* a_posfile)
+uint32_t COsLogCollectorServer::MonitorFlushEntry(COsFile* a_posfile)
 {
     const OsFileMonitorState& osfilemonitorstate = a_posfile->MonitorState();
-    auto* const poslogcollectorimpl = static_cast<COsLogCollectorImpl*>(osfilemonitorstate.pvContext);
-    if (!osfilemonitorstate.blInitialCall && osfilemonitorstate.eossts == EOSSTS_SUCCESS && poslogcollectorimpl)
-        poslogcollectorimpl->MonitorFlushCallback(osfilemonitorstate.szPath);
+    auto* const poslogcollectorserver = static_cast<COsLogCollectorServer*>(osfilemonitorstate.pvContext);
+    if (!osfilemonitorstate.blInitialCall && osfilemonitorstate.eossts == EOSSTS_SUCCESS && poslogcollectorserver)
+        poslogcollectorserver->MonitorFlushCallback(osfilemonitorstate.szPath);
     return 0;
 }
 
@@ -128,19 +77,19 @@ static OsLcCommand ReadCommandFile(const char* a_szPath)
     return oslccommand;
 }
 
-void COsLogCollectorImpl::MonitorFlushCallback(const char* a_szPath)
+void COsLogCollectorServer::MonitorFlushCallback(const char* a_szPath)
 {
     const OsLcCommand oslccommand = ReadCommandFile(a_szPath);
     if (oslccommand.eoslccommand == OS_LCCOMMAND_NONE)
         return;
-    m_oslogopenfiles.Flush();
+    m_oslogcollectorfiles.Flush();
     if (oslccommand.eoslccommand == OS_LCCOMMAND_EXITALL || IsNamed(oslccommand))
         g_bLogCollectorStop.store(1);
 }
 
 // By its port and its application; or as the library's collector of this process, which is none in the collector
 // program: an exit that names nobody is for all.
-bool COsLogCollectorImpl::IsNamed(const OsLcCommand& a_oslccommand) const
+bool COsLogCollectorServer::IsNamed(const OsLcCommand& a_oslccommand) const
 {
     if (a_oslccommand.eoslccommand != OS_LCCOMMAND_EXIT)
         return false;

@@ -1,9 +1,7 @@
-// os_coslogcollector_stop.cpp: Stop takes down what is there, in a fixed order: the flush monitor, the accept thread,
-// the readers, the client connection. Nothing is left to do for a second run.
-#include "os_coslogcollector_impl.h"
+// os_coslogcollector_server_stop.cpp: Stop takes down what is there, in a fixed order: the flush monitor, the accept
+// thread, the readers. Nothing is left to do for a second run.
+#include "os_coslogcollector_server.h"
 
-#include "os_cfg.h"
-#include "os_cosarguments.h"
 #include "os_cosfile_system.h"
 #include "os_cosstring.h"
 #include "os_new.h"
@@ -11,7 +9,6 @@
 #include "plat_wait.h"
 
 #include <algorithm>
-#include <cstring>
 #include <vector>
 
 static constexpr char g_szSource[] = "os/source/os_coslogcollector";
@@ -19,26 +16,23 @@ static constexpr char g_szSource[] = "os/source/os_coslogcollector";
 static constexpr uint32_t g_u32AbortTimeout = 20;
 static constexpr uint32_t g_u32EndTimeout = 70000;
 static constexpr uint32_t g_u32StragglerPause = 1000;
-static constexpr uint32_t g_u32MarkerPause = 10;
 
-void COsLogCollectorImpl::Stop(char* a_szFolder, size_t a_sizetFolder)
+void COsLogCollectorServer::Stop(char* a_szFolder, size_t a_sizetFolder)
 {
-    if (!IsClient())
-        g_bLogCollectorStopping.store(1);
+    g_bLogCollectorStopping.store(1);
     StopMonitor();
     StopAccepting();
     StopReaders();
-    DisconnectClient();
+    if (!m_blStraggler)
+        m_oslogcollectorfolders.StopManaging();
     if (m_possyncStop)
         m_possyncStop->EventClose();
     OSMEMDELETE(m_possyncStop);
     OSMEMDELETE(m_possocketListen);
-    if (!IsClient())
-        OsCfgReleaseManaged();
     ReportFolder(a_szFolder, a_sizetFolder);
 }
 
-void COsLogCollectorImpl::StopAccepting()
+void COsLogCollectorServer::StopAccepting()
 {
     if (m_possyncStop)
         m_possyncStop->EventSet();
@@ -53,9 +47,9 @@ void COsLogCollectorImpl::StopAccepting()
 
 // ------------------------------------------------------------------------------------------------- the readers
 
-// Readers leave the list alone once the stopping flag is up, so a thread that was seen here stays valid until its
+// Readers leave the records alone once the stopping flag is up, so a thread that was seen here stays valid until its
 // record is freed here. They are waited for without the lock: one of them may be about to take it.
-void COsLogCollectorImpl::StopReaders()
+void COsLogCollectorServer::StopReaders()
 {
     if (!m_poslnk || m_blStraggler)
         return;
@@ -69,7 +63,7 @@ void COsLogCollectorImpl::StopReaders()
 }
 
 // The events end the waits of all readers before the cancels, which wait a moment each, end the reads that never wait.
-std::vector<COsThread*> COsLogCollectorImpl::CancelReaders()
+std::vector<COsThread*> COsLogCollectorServer::CancelReaders()
 {
     std::vector<COsThread*> vecposthread;
     const auto next = [this](LogCollectorRecord* a_precord) {
@@ -89,7 +83,7 @@ std::vector<COsThread*> COsLogCollectorImpl::CancelReaders()
 }
 
 // A reader that has outlived its time keeps its objects, the list and this object: it may still use them.
-void COsLogCollectorImpl::FreeRecords()
+void COsLogCollectorServer::FreeRecords()
 {
     auto* precord =
         static_cast<LogCollectorRecord*>(m_poslnk->GetFirstAndLock("COsLogCollectorImpl::Stop", g_szSource, __LINE__));
@@ -107,30 +101,12 @@ void COsLogCollectorImpl::FreeRecords()
     m_poslnk->Unlock();
 }
 
-// -------------------------------------------------------------------------------------------------- the client
-
-// Only the process that owns the services of its application tells the collector that the application is done. The
-// marker must arrive as a read of its own: it is sent when all that came before has been read, and a pause follows. A
-// lost connection gets none, and nobody waits for its other end.
-void COsLogCollectorImpl::DisconnectClient()
-{
-    if (!m_possocketClient)
-        return;
-    if (!m_blLost && OsArgumentsIsServicesOwner() && m_collectormode == OS_COLLECTORMODE_PRIVATECLIENT)
-    {
-        WaitUntilWritten();
-        ClientWrite(OS_LC_ENDMARKER, std::strlen(OS_LC_ENDMARKER));
-        PlatSleep(g_u32MarkerPause);
-    }
-    m_possocketClient->SocketDisconnect(!m_blLost);
-    OSMEMDELETE(m_possocketClient);
-}
-
-void COsLogCollectorImpl::ReportFolder(char* a_szFolder, size_t a_sizetFolder)
+void COsLogCollectorServer::ReportFolder(char* a_szFolder, size_t a_sizetFolder) const
 {
     if (!a_szFolder || a_sizetFolder == 0)
         return;
     std::fill_n(a_szFolder, a_sizetFolder, '\0');
-    if (*m_szLeftoverFolder && OsFileExists(m_szLeftoverFolder))
-        SStrCpy(a_szFolder, a_sizetFolder, m_szLeftoverFolder);
+    const char* const szLeftover = m_oslogcollectorfolders.Leftover();
+    if (*szLeftover && OsFileExists(szLeftover))
+        SStrCpy(a_szFolder, a_sizetFolder, szLeftover);
 }

@@ -1,0 +1,67 @@
+// os_coslogcollector_announcement.cpp: the file by which a shared collector is found.
+#include "os_coslogcollector_announcement.h"
+
+#include "os_cfg.h"
+#include "os_cosfile.h"
+#include "os_cosfile_paths.h"
+#include "os_cosfile_system.h"
+#include "os_coslogcollector_protocol.h"
+
+#include <cstring>
+
+static constexpr int32_t g_i32LockTimeout = 1000;
+static constexpr size_t g_sizetTextMost = 1024;
+
+void OsLcAnnouncementPath(char* a_szPath)
+{
+    OsPathCopy(a_szPath, OS_PATHSIZE, OsCfgGetString(OS_CFGTAG_ROOTCOMMONDIRECTORYLEGACY));
+    OsPathAppend(a_szPath, OS_PATHSIZE, OS_LC_ANNOUNCEMENTFILE);
+}
+
+static bool OpenThere(COsFile& a_osfile, const char* a_szPath)
+{
+    return a_osfile.Open(a_szPath, OS_FILEOPEN_EXISTING, OS_FILEACCESS_READWRITE, OS_FILESHARE_READWRITE) ==
+           EOSSTS_SUCCESS;
+}
+
+bool OsLcOtherSharedRuns()
+{
+    char szPath[OS_PATHSIZE];
+    OsLcAnnouncementPath(szPath);
+    COsFile osfile;
+    return OpenThere(osfile, szPath) && osfile.LockByte(0, 1, szPath, true) != EOSSTS_SUCCESS;
+}
+
+// The lock is taken before the text is there: whoever reads the text finds the lock. A client that tests it just now
+// holds it for a moment.
+bool OsLcAnnounce(COsFile& a_osfile, const char* a_szPath, const char* a_szHost, const char* a_szPort)
+{
+    char szText[OS_LC_ANNOUNCEMENTSIZE];
+    OsFileCreateDirectory(OsCfgGetString(OS_CFGTAG_ROOTCOMMONDIRECTORYLEGACY));
+    return OsLcBuildAnnouncement(szText, sizeof szText, a_szHost, a_szPort) == EOSSTS_SUCCESS &&
+           a_osfile.Open(a_szPath, OS_FILEOPEN_ALWAYS, OS_FILEACCESS_READWRITE, OS_FILESHARE_READWRITE) ==
+               EOSSTS_SUCCESS &&
+           a_osfile.LockByte(0, g_i32LockTimeout, a_szPath, false) == EOSSTS_SUCCESS &&
+           a_osfile.Write(szText, std::strlen(szText)) == EOSSTS_SUCCESS && a_osfile.Flush() == EOSSTS_SUCCESS;
+}
+
+// The lock's byte is not read, it belongs to the collector.
+EOSSTS OsLcFindShared(char* a_szHost, char* a_szPort)
+{
+    char szPath[OS_PATHSIZE];
+    char szText[g_sizetTextMost + 1] = {};
+    OsLcAnnouncementPath(szPath);
+    COsFile osfile;
+    if (!OpenThere(osfile, szPath))
+        return EOSSTS_FAIL;
+    if (osfile.LockByte(0, 1, szPath, true) == EOSSTS_SUCCESS)
+    {
+        osfile.UnlockByte(0);
+        osfile.Close();
+        OsFileDelete(szPath, OS_FILETYPE_ANY, false, false);
+        return EOSSTS_BUSY;
+    }
+    osfile.Seek(OS_FILESEEK_START, 1);
+    osfile.Read(szText, g_sizetTextMost, nullptr);
+    return OsLcReadAnnouncement(szText, a_szHost, a_szPort) ? EOSSTS_SUCCESS : EOSSTS_FAIL;
+}

@@ -1,0 +1,250 @@
+// os_coslogcollector_stream.cpp: one log stream.
+//
+//   the pieces   what has arrived, one read at a time
+//   the stream   header, text, end
+//   the file     its folder, opening it, making it again when its path does not name it any more
+#include "os_coslogcollector_stream.h"
+
+#include "os_cosfile_paths.h"
+#include "os_cosfile_system.h"
+#include "os_coslogcollector.h"
+#include "os_coslogcollector_protocol.h"
+#include "os_cosmem.h"
+#include "os_cossocket.h"
+#include "os_cosstring.h"
+#include "os_log.h"
+
+#include "plat_system.h"
+#include "plat_wait.h"
+
+#include <cstring>
+
+static constexpr char g_szSource[] = "os/source/os_coslogcollector";
+
+static constexpr size_t g_sizetStoppingMost = 8 << 20;   // more than a connection holds: who sends on and on ends there
+static constexpr uint64_t g_u64LookPeriod = 1000;        // ms between two looks whether the path still names the file
+static constexpr uint64_t g_u64FolderTimeout = 1000;     // ms to wait for somebody who is deleting the folder
+static constexpr uint32_t g_u32FolderPause = 20;
+
+// -------------------------------------------------------------------------------------------------- the pieces
+
+enum class StreamRead
+{
+    Piece,
+    Timeout,
+    End,
+};
+
+// The pieces of a stream as they arrive, one at a time in one buffer.
+class StreamPieces
+{
+public:
+    StreamPieces(COsSocket* a_possocket, COsSync* a_possync)
+        : m_possocket(a_possocket),
+          m_possync(a_possync),
+          m_pchBuffer(static_cast<char*>(OSMEMALLOC(OS_LC_PIECESIZE + 1, OS_MEMFLAG_PAGES)))
+    {
+    }
+    ~StreamPieces()
+    {
+        if (m_pchBuffer)
+            OSMEMFREE(m_pchBuffer, OS_MEMFLAG_PAGES);
+    }
+    StreamPieces(const StreamPieces&) = delete;
+    StreamPieces& operator=(const StreamPieces&) = delete;
+
+    // End: the peer has closed, or there is no memory. A collector that is stopping takes what has arrived, and no more
+    // than that. A time-out (ms, not 0) is no end.
+    StreamRead Next(uint32_t a_u32Timeout)
+    {
+        if (!m_pchBuffer)
+            return StreamRead::End;
+        if (!m_blStopping)
+        {
+            const StreamRead streamread = Take(a_u32Timeout);
+            if (streamread != StreamRead::End)
+                return streamread;
+            m_blStopping = true;
+        }
+        if (!g_bLogCollectorStopping.load() || m_sizetStopping >= g_sizetStoppingMost || Take(0) != StreamRead::Piece)
+            return StreamRead::End;
+        m_sizetStopping += m_sizetPiece;
+        return StreamRead::Piece;
+    }
+
+    const char* Piece() const { return m_pchBuffer; }   // a terminator follows
+    std::string_view Text() const { return {m_pchBuffer, m_sizetPiece}; }
+
+private:
+    StreamRead Take(uint32_t a_u32Timeout)
+    {
+        COsSocket::ReadArgs readargs;
+        readargs.pvBuffer = m_pchBuffer;
+        readargs.sizetBuffer = OS_LC_PIECESIZE;
+        readargs.u32Timeout = a_u32Timeout;
+        readargs.possyncStop = m_possync;
+        readargs.blQuiet = true;
+        readargs.psizetDirty = &m_sizetDirty;
+        const EOSSTS eossts = m_possocket->SocketRead(readargs, &m_sizetPiece);
+        if (eossts == EOSSTS_TIMEOUT)
+            return StreamRead::Timeout;
+        return eossts == EOSSTS_SUCCESS && m_sizetPiece != 0 ? StreamRead::Piece : StreamRead::End;
+    }
+
+    COsSocket* m_possocket;
+    COsSync* m_possync;
+    char* m_pchBuffer;
+    size_t m_sizetPiece = 0;
+    size_t m_sizetDirty = 0;
+    size_t m_sizetStopping = 0;   // taken since the collector is stopping
+    bool m_blStopping = false;
+};
+
+// -------------------------------------------------------------------------------------------------- the stream
+
+COsLogCollectorStream::COsLogCollectorStream(COsLogCollectorFiles& a_oslogcollectorfiles,
+                                             COsLogCollectorFolders& a_oslogcollectorfolders)
+    : m_oslogcollectorfiles(a_oslogcollectorfiles), m_oslogcollectorfolders(a_oslogcollectorfolders)
+{
+}
+
+void COsLogCollectorStream::Run(COsSocket* a_possocket, COsSync* a_possync)
+{
+    StreamPieces streampieces(a_possocket, a_possync);
+    if (streampieces.Next(OS_INFINITE) != StreamRead::Piece)
+        return;
+    if (Begin(streampieces))
+        TakeText(streampieces);
+    End();
+}
+
+// A header that names no file, or one whose path is too long, leaves the path empty: the open fails then.
+bool COsLogCollectorStream::Begin(const StreamPieces& a_streampieces)
+{
+    OsLcReadHeader(a_streampieces.Piece(), m_szPath);
+    if (!OpenFile())
+        return false;
+    const std::string_view strview = a_streampieces.Text();
+    Write(strview.substr(OsLcHeaderLength(strview.data(), strview.size())));
+    return true;
+}
+
+void COsLogCollectorStream::TakeText(StreamPieces& a_streampieces)
+{
+    for (;;)
+    {
+        uint32_t u32Timeout = OS_INFINITE;
+        if (m_logcollectorwriter.u64RestDue != 0)
+        {
+            const uint64_t u64Now = PlatTicks();
+            const uint64_t u64Due = m_logcollectorwriter.u64RestDue;
+            u32Timeout = u64Due > u64Now ? static_cast<uint32_t>(u64Due - u64Now) : 1;
+        }
+        switch (a_streampieces.Next(u32Timeout))
+        {
+        case StreamRead::Piece:
+            if (OsLcIsEndMarker(a_streampieces.Text()))
+                return;
+            Write(a_streampieces.Text());
+            break;
+        case StreamRead::Timeout:
+            m_logcollectorwriter.u64RestDue = 0;
+            if (m_reference && !m_reference->WriteRest(m_logcollectorwriter))
+                Look(PlatTicks());
+            break;
+        case StreamRead::End:
+            return;
+        }
+    }
+}
+
+// What no file takes is lost. A file that refuses may be one that its path does not name any more.
+void COsLogCollectorStream::Write(std::string_view a_strview)
+{
+    if (a_strview.empty())
+        return;
+    const uint64_t u64Now = PlatTicks();
+    if (u64Now - m_u64Looked >= g_u64LookPeriod)
+        Look(u64Now);
+    if (m_reference && m_reference->Write(m_logcollectorwriter, a_strview))
+        return;
+    if (!m_reference)
+        m_logcollectorwriter.Lose(m_logcollectorwriter.Drop(a_strview));
+    Look(u64Now);
+}
+
+// A log file that received no text does not remain. Another stream that has it open keeps it.
+static void RemoveIfEmpty(const char* a_szLogFile)
+{
+    OsFileInfo osfileinfo;
+    if (OsFileExists(a_szLogFile) && OsFileGetInfo(a_szLogFile, &osfileinfo) == EOSSTS_SUCCESS &&
+        osfileinfo.eosfiletype == OS_FILETYPE_FILE && osfileinfo.u64Size == 0)
+        OsFileDelete(a_szLogFile, OS_FILETYPE_FILE, false, false);
+}
+
+void COsLogCollectorStream::End()
+{
+    if (m_reference)
+    {
+        m_reference->End(m_logcollectorwriter);
+        if (m_oslogcollectorfiles.Leave(m_reference, m_logcollectorwriter))
+            RemoveIfEmpty(m_szPath);
+    }
+    if (m_logcollectorwriter.u64Missing != 0)
+        OSLOG(OS_LOG_ERROR, "%llu bytes are missing at the end...<%s>",
+              static_cast<unsigned long long>(m_logcollectorwriter.u64Missing), m_szPath);
+    if (*m_szLogFolder)
+        m_oslogcollectorfolders.Leave(m_szLogFolder);
+}
+
+// ---------------------------------------------------------------------------------------------------- the file
+
+// The folder of the log file, and the lock of the log folder that it is in, before the file is there: so nobody deletes
+// the folder meanwhile. Somebody who is just doing that is waited for. Without the lock the stream goes on.
+void COsLogCollectorStream::MakeFolder()
+{
+    char szFolder[OS_PATHSIZE];
+    OsPathCopy(szFolder, sizeof szFolder, m_szPath);
+    char* const pchSeparator = std::strrchr(szFolder, '\\');
+    if (!pchSeparator || pchSeparator == szFolder)
+        return;
+    *pchSeparator = 0;
+    const uint64_t u64Begin = PlatTicks();
+    for (;;)
+    {
+        OsFileCreateDirectory(szFolder);
+        const bool blEntered = *m_szLogFolder;
+        if (!blEntered && !OsLogFolderOf(szFolder, m_szLogFolder))
+            return;
+        const EOSSTS eossts =
+            blEntered ? m_oslogcollectorfolders.Hold(m_szLogFolder) : m_oslogcollectorfolders.Enter(m_szLogFolder);
+        m_blFolderHeld = eossts == EOSSTS_SUCCESS;
+        const bool blDeleted = eossts == EOSSTS_SHARING || eossts == EOSSTS_NOTFOUND;
+        if (!blDeleted || PlatTicks() - u64Begin >= g_u64FolderTimeout)
+            return;
+        PlatSleep(g_u32FolderPause);
+    }
+}
+
+bool COsLogCollectorStream::OpenFile()
+{
+    m_u64Looked = PlatTicks();
+    MakeFolder();
+    m_reference = m_oslogcollectorfiles.Open(m_szPath, m_logcollectorwriter);
+    return m_reference != nullptr;
+}
+
+// A file whose path does not name it any more gets no line that somebody could read: the path is opened anew.
+void COsLogCollectorStream::Look(uint64_t a_u64Now)
+{
+    m_u64Looked = a_u64Now;
+    if (m_reference && m_reference->IsNamedBy(m_szPath))
+    {
+        if (*m_szLogFolder && !m_blFolderHeld)
+            m_blFolderHeld = m_oslogcollectorfolders.Hold(m_szLogFolder) == EOSSTS_SUCCESS;
+        return;
+    }
+    if (m_reference)
+        m_oslogcollectorfiles.Leave(m_reference, m_logcollectorwriter);
+    OpenFile();
+}
