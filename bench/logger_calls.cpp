@@ -7,6 +7,7 @@
 #include "os_cosstring.h"
 
 #include "plat_system.h"
+#include "plat_thread.h"
 
 #include <benchmark/benchmark.h>
 #include <map>
@@ -52,10 +53,10 @@ static void BareCall(benchmark::State& a_state)
         EmptyCall(poslogsink, g_szSource, __LINE__, OS_LOG_NOTE, BENCH_ARGUMENTS);
 }
 
-static size_t Format(char* a_szBuffer, size_t a_sizetBuffer, const OsLogSlot& a_oslogslot, int32_t a_i32Number,
+static size_t Format(char* a_szBuffer, size_t a_sizetBuffer, const OsLogLinePrefix& a_osloglineprefix,
                      const char* a_szFormat, ...)
 {
-    char* const szMessage = OsLogPutPrefix(a_szBuffer, a_oslogslot, a_i32Number, 9, false);
+    char* const szMessage = OsLogPutPrefix(a_szBuffer, a_osloglineprefix);
     va_list valist;
     va_start(valist, a_szFormat);
     const int iLength =
@@ -67,15 +68,22 @@ static size_t Format(char* a_szBuffer, size_t a_sizetBuffer, const OsLogSlot& a_
 // Prefix and message of one line, and the clock for it.
 static void FormatLine(benchmark::State& a_state)
 {
-    OsLogSlot oslogslot = {};
-    oslogslot.u32Level = OS_LOG_NOTE;
-    oslogslot.sizetSource = OsLogSourceName(oslogslot.achSource, g_szSource);
+    char achSource[OS_PATHSIZE];
+    OsLogLineTime osloglinetime;
+    OsLogLinePrefix osloglineprefix{};
+    osloglineprefix.pchSource = achSource;
+    osloglineprefix.sizetSource = OsLogSourceName(achSource, g_szSource);
+    osloglineprefix.u8S = OS_LOGS;
+    osloglineprefix.u32Level = OS_LOG_NOTE;
     char szBuffer[1024];
-    int32_t i32Number = 0;
     for ([[maybe_unused]] const auto _ : a_state)
     {
-        oslogslot.u32Microseconds = static_cast<uint32_t>(PlatClock() / 10 % 1000);
-        benchmark::DoNotOptimize(Format(szBuffer, sizeof szBuffer, oslogslot, ++i32Number, BENCH_ARGUMENTS));
+        osloglinetime.Take();
+        ++osloglineprefix.i32Number;
+        osloglineprefix.ostimerecord = osloglinetime.ostimerecord;
+        osloglineprefix.u32Microseconds = osloglinetime.u32Microseconds;
+        osloglineprefix.u64ThreadId = PlatThreadId();
+        benchmark::DoNotOptimize(Format(szBuffer, sizeof szBuffer, osloglineprefix, BENCH_ARGUMENTS));
         benchmark::ClobberMemory();
     }
 }
