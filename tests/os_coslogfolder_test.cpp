@@ -234,9 +234,13 @@ TEST_F(LogFolder, NothingIsDeletedUnderAHolderInARace)
         while (!iFaults && (iHeld < 500 || iDeleted < 50) && PlatTicks() < u64End)
         {
             if (a_iThread == 0)
+            {
                 DeleteLogFolders(PathOf("logs"));
+            }
             else
+            {
                 log(m_strFolder + "/" + std::to_string(a_iThread) + ".log");
+            }
             PlatSleep(static_cast<uint32_t>(a_iThread));
         }
     });

@@ -152,10 +152,10 @@ static bool IsAnyHeldBelow(OsFileTree& a_osfiletree)
     {
         if (!blHeld && a_osfiletree.Next())
         {
-            if (!a_osfiletree.Enter() && a_osfiletree.Depth() > sizetDepth && a_osfiletree.HasPath() &&
-                std::strcmp(a_osfiletree.Name(), OS_LOGFOLDERLOCK) == 0)
-                blHeld = osfile.Open(a_osfiletree.Path(), OS_FILEOPEN_EXISTING, OS_FILEACCESS_READWRITE,
-                                     OS_FILESHARE_EXCLUSIVE) == EOSSTS_SHARING;
+            const bool blLockFile = !a_osfiletree.Enter() && a_osfiletree.Depth() > sizetDepth &&
+                                    a_osfiletree.HasPath() && std::strcmp(a_osfiletree.Name(), OS_LOGFOLDERLOCK) == 0;
+            blHeld = blLockFile && osfile.Open(a_osfiletree.Path(), OS_FILEOPEN_EXISTING, OS_FILEACCESS_READWRITE,
+                                               OS_FILESHARE_EXCLUSIVE) == EOSSTS_SHARING;
         }
         else if (a_osfiletree.Depth() > sizetDepth)
         {
