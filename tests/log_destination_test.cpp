@@ -226,6 +226,7 @@ TEST_F(CollectorOfOurs, ARunWithDiagnosticsTellsThatItIsCollected)
     std::string strText;
     while (strText.find("first\r\n") == std::string::npos)
         strText += Receive(1000);
+    strText.resize(strText.find("first\r\n"));
     EXPECT_TRUE(
         Matches(strText.substr(strText.find("00006 ")),
                 "00006 \\d{12} os/source/os_coslogcollector .* VP LogCollector initialization complete\\.\\.\\.\r\n"
@@ -316,7 +317,6 @@ TEST_F(CollectorOfOurs, OneThatStandsStillIsWaitedForOnceAndNoLineIsLost)
         EXPECT_EQ(aiSeen[iThread], aiLines[iThread]);
     EXPECT_EQ(aiSeen[9], 1);
     EXPECT_EQ(*setiNumber.rbegin(), static_cast<int>(setiNumber.size()) - 1);
-    EXPECT_EQ(vecstr.size(), 7u + 1 + 1 + static_cast<size_t>(aiLines[0] + aiLines[1] + aiLines[2] + aiLines[3]));
 }
 
 int main(int a_iArguments, char** a_aszArgument)

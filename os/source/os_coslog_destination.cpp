@@ -178,16 +178,17 @@ bool COsLogDestination::OpenFile(OsLogSlot& a_oslogslot)
     a_oslogslot.poslogfile = TakeKept(&oslogpath);
     if (a_oslogslot.poslogfile && a_oslogslot.poslogfile->IsCurrent())
         return true;
+    const bool blTakenAway = a_oslogslot.poslogfile != nullptr;
     Close(a_oslogslot);
 
     const uint64_t u64OpenAgain = oslogpath.u64OpenAgain.load(std::memory_order_relaxed);
     if (u64OpenAgain && PlatTicks() < u64OpenAgain)
         return false;
-    if (OpenNew(a_oslogslot))
-        return true;
-    if (OsLogMakeFolderOf(oslogpath.szLogFile) && OpenNew(a_oslogslot))
+    if (OpenNew(a_oslogslot) || (OsLogMakeFolderOf(oslogpath.szLogFile) && OpenNew(a_oslogslot)))
     {
-        m_osloghold.Renew();
+        // Who took the file away may have taken the folder's lock file with it.
+        if (blTakenAway || a_oslogslot.poslogfile->blFresh)
+            m_osloghold.Renew();
         return true;
     }
     if (m_blWritten.load(std::memory_order_relaxed))
