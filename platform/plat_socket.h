@@ -85,21 +85,32 @@ enum PlatOwner : uint32_t
     PLAT_OWNER_OTHER = 4,     // any other user
 };
 
+// Whether the process that was asked about has that very socket open.
+enum PlatHolds : uint32_t
+{
+    PLAT_HOLDS_UNKNOWN = 0,   // none was asked about, or it has ended, or this process may not know what it has open
+    PLAT_HOLDS_YES = 1,
+    PLAT_HOLDS_NO = 2,
+};
+
 struct PlatSocketOwner
 {
     PlatOwner platowner;
     uint64_t u64User;        // the system's number of the user; 0 when it is unknown or nobody
     uint64_t u64ProcessId;   // who has it open; 0 where the system does not tell
     uint64_t u64Unread;      // bytes that have arrived there and were not read
+    bool blHeld;             // a process has it open: a connection was accepted and is not closed
+    PlatHolds platholds;
 };
 
-// Who has the other end of a connection to this machine; nobody when it has broken. False, with PLAT_OWNER_UNKNOWN,
-// where the system cannot tell.
+// Who has the other end of a connection to this machine; nobody when it has broken. One that waits to be accepted may
+// already be told as its listener's. False, with PLAT_OWNER_UNKNOWN, where the system cannot tell.
 bool PlatSocketPeerOwner(PlatHandle a_plathandle, PlatSocketOwner* a_pplatsocketowner);
 
-// Who listens on a port of 127.0.0.1, also where the listener takes connections for every address. u64Unread counts the
-// connections that wait. False, with PLAT_OWNER_UNKNOWN, where the system cannot tell.
-bool PlatSocketListenerOwner(uint16_t a_u16Port, PlatSocketOwner* a_pplatsocketowner);
+// Who listens on a port of 127.0.0.1, also where the listener takes connections for every address, and whether it is
+// the process a_u64ProcessId (0: none is asked about). u64Unread counts the connections that wait. False, with
+// PLAT_OWNER_UNKNOWN, where the system cannot tell.
+bool PlatSocketListenerOwner(uint16_t a_u16Port, uint64_t a_u64ProcessId, PlatSocketOwner* a_pplatsocketowner);
 
 // Bytes that were sent and that the other end's system has not taken yet. An end of the sending that it has not taken
 // may count as one.

@@ -297,6 +297,7 @@ TEST_F(CollectorOfOurs, OneThatStandsStillIsWaitedForOnceAndNoLineIsLost)
     const Texts vecstrOwn = LinesOf(strOwn);
     ASSERT_GT(vecstrOwn.size(), 2u);
     EXPECT_EQ(vecstrOwn[0], "of an earlier process, tor");
+    EXPECT_EQ(ReadWhole(strOwn).find("log goes on"), ReadWhole(strOwn).rfind("log goes on"));
     EXPECT_TRUE(Matches(vecstrOwn[1], "\\d{5} \\d{12} os/source/os_coslog .* VE log goes on .*<" + m_strLog + ">"));
     WriteWhole(PathOf("stream"), ReadStream(m_ossocketStream).substr(Header(m_strLog).size()));
     Texts vecstr = LinesOf(PathOf("stream"));

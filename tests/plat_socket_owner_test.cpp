@@ -12,13 +12,15 @@
 static bool operator==(const PlatSocketOwner& a_one, const PlatSocketOwner& a_other)
 {
     return a_one.platowner == a_other.platowner && a_one.u64User == a_other.u64User &&
-           a_one.u64ProcessId == a_other.u64ProcessId && a_one.u64Unread == a_other.u64Unread;
+           a_one.u64ProcessId == a_other.u64ProcessId && a_one.u64Unread == a_other.u64Unread &&
+           a_one.blHeld == a_other.blHeld && a_one.platholds == a_other.platholds;
 }
 
 static void PrintTo(const PlatSocketOwner& a_platsocketowner, std::ostream* a_pstream)
 {
     *a_pstream << a_platsocketowner.platowner << " user " << a_platsocketowner.u64User << " unread "
-               << a_platsocketowner.u64Unread;
+               << a_platsocketowner.u64Unread << " held " << a_platsocketowner.blHeld << ' '
+               << a_platsocketowner.platholds;
 }
 
 namespace
@@ -27,22 +29,22 @@ constexpr uid_t g_uidOther = 1000;
 
 PlatSocketOwner Ours(uint64_t a_u64Unread)
 {
-    return {PLAT_OWNER_SAME, geteuid(), 0, a_u64Unread};
+    return {PLAT_OWNER_SAME, geteuid(), 0, a_u64Unread, true, PLAT_HOLDS_UNKNOWN};
 }
 
-constexpr PlatSocketOwner g_platsocketownerNobody{PLAT_OWNER_NONE, 0, 0, 0};
+constexpr PlatSocketOwner g_platsocketownerNobody{PLAT_OWNER_NONE, 0, 0, 0, false, PLAT_HOLDS_UNKNOWN};
 
 PlatSocketOwner PeerOf(PlatHandle a_plathandle)
 {
-    PlatSocketOwner platsocketowner{PLAT_OWNER_OTHER, 7, 7, 7};
+    PlatSocketOwner platsocketowner{PLAT_OWNER_OTHER, 7, 7, 7, true, PLAT_HOLDS_YES};
     EXPECT_TRUE(PlatSocketPeerOwner(a_plathandle, &platsocketowner)) << PlatGetLastError();
     return platsocketowner;
 }
 
-PlatSocketOwner ListenerOn(uint16_t a_u16Port)
+PlatSocketOwner ListenerOn(uint16_t a_u16Port, uint64_t a_u64ProcessId = 0)
 {
-    PlatSocketOwner platsocketowner{PLAT_OWNER_OTHER, 7, 7, 7};
-    EXPECT_TRUE(PlatSocketListenerOwner(a_u16Port, &platsocketowner)) << PlatGetLastError();
+    PlatSocketOwner platsocketowner{PLAT_OWNER_OTHER, 7, 7, 7, true, PLAT_HOLDS_YES};
+    EXPECT_TRUE(PlatSocketListenerOwner(a_u16Port, a_u64ProcessId, &platsocketowner)) << PlatGetLastError();
     return platsocketowner;
 }
 
@@ -53,7 +55,7 @@ protected:
     void SetUp() override
     {
         PlatSocketOwner platsocketowner{};
-        if (!PlatSocketListenerOwner(m_plataddress.u16Port, &platsocketowner))
+        if (!PlatSocketListenerOwner(m_plataddress.u16Port, 0, &platsocketowner))
             GTEST_SKIP() << "this system does not tell who owns a socket";
     }
 };
@@ -163,6 +165,42 @@ TEST_F(SocketOwner, ListenerIsOursUntilItCloses)
     EXPECT_EQ(ListenerOn(m_plataddress.u16Port), g_platsocketownerNobody);
 }
 
+// A client can wait until its connection was taken.
+TEST_F(SocketOwner, ConnectionIsHeldFromItsAcceptOn)
+{
+    EXPECT_TRUE(Connect(m_handleClient) && Reports(m_handleClient, CONNECT, CONNECT));
+    EXPECT_FALSE(PeerOf(m_handleClient).blHeld);
+    Handle handlePeer(PlatSocketAccept(m_handleListener, nullptr));
+    EXPECT_TRUE(PeerOf(m_handleClient).blHeld);
+    handlePeer.Close();
+    EXPECT_FALSE(PeerOf(m_handleClient).blHeld);
+}
+
+TEST_F(SocketOwner, ProcessThatHoldsTheListenerIsToldFromOthers)
+{
+    const auto holds = [&](pid_t a_pid) { return ListenerOn(m_plataddress.u16Port, static_cast<uint64_t>(a_pid)); };
+    PlatSocketOwner platsocketowner = Ours(0);
+    platsocketowner.platholds = PLAT_HOLDS_YES;
+    platsocketowner.u64ProcessId = static_cast<uint64_t>(getpid());
+    EXPECT_EQ(holds(getpid()), platsocketowner);
+
+    // One that has other sockets open, then waits to be reaped, then is no more.
+    platsocketowner.platholds = PLAT_HOLDS_NO;
+    platsocketowner.u64ProcessId = 0;
+    const pid_t pid = fork();
+    if (pid == 0)
+    {
+        m_handleListener.Close();
+        for (const Handle handleOther(PlatSocketCreate());;)
+            pause();
+    }
+    EXPECT_TRUE(WaitFor([&] { return holds(pid) == platsocketowner; }));
+    kill(pid, SIGKILL);
+    EXPECT_TRUE(WaitFor([&] { return holds(pid) == Ours(0); }));
+    waitpid(pid, nullptr, 0);
+    EXPECT_EQ(holds(pid), Ours(0));
+}
+
 TEST_F(SocketOwner, SocketsForEveryAddressAreFound)
 {
     PlatAddress plataddressEvery{};
@@ -189,6 +227,10 @@ TEST_F(SocketOwner, OtherUsersAreToldApart)
     const auto other = [] { return setuid(g_uidOther) == 0; };
     const auto asksForOurs = [&] { return ListenerOn(m_plataddress.u16Port).platowner; };
     EXPECT_EQ(InOtherProcess(other, asksForOurs), PLAT_OWNER_SYSTEM);
+    const auto asksWhetherWeHold = [&, u64Us = static_cast<uint64_t>(getpid())] {
+        return ListenerOn(m_plataddress.u16Port, u64Us).platholds;
+    };
+    EXPECT_EQ(InOtherProcess(other, asksWhetherWeHold), PLAT_HOLDS_UNKNOWN);
 
     // A user that cannot be named where we are is never the same, whoever we are.
     const auto unnamed = [] { return unshare(CLONE_NEWUSER) == 0; };
@@ -205,7 +247,7 @@ TEST_F(SocketOwner, OtherUsersAreToldApart)
     }
     EXPECT_TRUE(Reports(m_handleListener, ACCEPT, ACCEPT));
     const Handle handlePeer(PlatSocketAccept(m_handleListener, nullptr));
-    EXPECT_EQ(PeerOf(handlePeer), (PlatSocketOwner{PLAT_OWNER_OTHER, g_uidOther, 0, 0}));
+    EXPECT_EQ(PeerOf(handlePeer), (PlatSocketOwner{PLAT_OWNER_OTHER, g_uidOther, 0, 0, true, PLAT_HOLDS_UNKNOWN}));
     kill(pid, SIGKILL);
     waitpid(pid, nullptr, 0);
     EXPECT_TRUE(WaitFor([&] { return PeerOf(handlePeer) == g_platsocketownerNobody; }));
@@ -216,7 +258,7 @@ TEST_F(SocketOwner, WantOfDescriptorsIsToldAndForgotten)
     PlatSocketOwner platsocketowner = Ours(7);
     {
         const NoDescriptors nodescriptors;
-        EXPECT_FALSE(PlatSocketListenerOwner(m_plataddress.u16Port, &platsocketowner));
+        EXPECT_FALSE(PlatSocketListenerOwner(m_plataddress.u16Port, 0, &platsocketowner));
     }
     EXPECT_EQ(platsocketowner, PlatSocketOwner{});
     EXPECT_EQ(ListenerOn(m_plataddress.u16Port), Ours(0));

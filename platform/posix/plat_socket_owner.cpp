@@ -12,10 +12,12 @@
 #include <atomic>
 #include <cstdlib>
 #include <cstring>
+#include <dirent.h>
 #include <fcntl.h>
 #include <linux/inet_diag.h>
 #include <linux/netlink.h>
 #include <linux/sock_diag.h>
+#include <memory>
 #include <netinet/in.h>
 #include <netinet/tcp.h>
 #include <sys/socket.h>
@@ -183,14 +185,20 @@ static uint32_t UnreadOf(const inet_diag_msg& a_row)
 static PlatSocketOwner Tell(const inet_diag_msg& a_row)
 {
     const PlatOwner platowner = OwnerOf(a_row);
-    return {platowner, platowner == PLAT_OWNER_NONE ? 0 : a_row.idiag_uid, 0, UnreadOf(a_row)};
+    return {platowner,
+            platowner == PLAT_OWNER_NONE ? 0 : a_row.idiag_uid,
+            0,
+            UnreadOf(a_row),
+            a_row.idiag_inode != 0,
+            PLAT_HOLDS_UNKNOWN};
 }
 
 static bool TellNone(Answer a_answer, PlatSocketOwner* a_pplatsocketowner)
 {
     if (a_answer == Answer::Failed)
         return PosixFail(PLAT_ERROR_GENFAILURE);
-    *a_pplatsocketowner = {PLAT_OWNER_NONE, 0, 0, 0};
+    *a_pplatsocketowner = {};
+    a_pplatsocketowner->platowner = PLAT_OWNER_NONE;
     return true;
 }
 
@@ -216,7 +224,27 @@ bool PlatSocketPeerOwner(PlatHandle a_plathandle, PlatSocketOwner* a_pplatsocket
     return true;
 }
 
-bool PlatSocketListenerOwner(uint16_t a_u16Port, PlatSocketOwner* a_pplatsocketowner)
+// A process that has ended, or is about to, has no descriptors any more.
+static PlatHolds Holds(uint64_t a_u64ProcessId, uint32_t a_u32Inode)
+{
+    const std::string strSocket = "socket:[" + std::to_string(a_u32Inode) + "]";
+    const std::unique_ptr<DIR, int (*)(DIR*)> uniqueFolder(
+        opendir(("/proc/" + std::to_string(a_u64ProcessId) + "/fd").c_str()), closedir);
+    PlatHolds platholds = PLAT_HOLDS_UNKNOWN;
+    while (const dirent* pdirent = uniqueFolder ? readdir(uniqueFolder.get()) : nullptr)
+    {
+        char achLink[32];
+        const ssize_t ssizetLink = readlinkat(dirfd(uniqueFolder.get()), pdirent->d_name, achLink, sizeof achLink);
+        if (ssizetLink < 0)
+            continue;
+        platholds = PLAT_HOLDS_NO;
+        if (std::string_view(achLink, static_cast<size_t>(ssizetLink)) == strSocket)
+            return PLAT_HOLDS_YES;
+    }
+    return platholds;
+}
+
+bool PlatSocketListenerOwner(uint16_t a_u16Port, uint64_t a_u64ProcessId, PlatSocketOwner* a_pplatsocketowner)
 {
     *a_pplatsocketowner = {};
     inet_diag_msg row = {};
@@ -224,5 +252,7 @@ bool PlatSocketListenerOwner(uint16_t a_u16Port, PlatSocketOwner* a_pplatsocketo
     if (answer != Answer::Row || row.idiag_state != TCP_LISTEN)
         return TellNone(answer, a_pplatsocketowner);
     *a_pplatsocketowner = Tell(row);
+    a_pplatsocketowner->platholds = a_u64ProcessId ? Holds(a_u64ProcessId, row.idiag_inode) : PLAT_HOLDS_UNKNOWN;
+    a_pplatsocketowner->u64ProcessId = a_pplatsocketowner->platholds == PLAT_HOLDS_YES ? a_u64ProcessId : 0;
     return true;
 }
