@@ -30,16 +30,20 @@ public:
 
     // Puts the role in service. EOSSTS_SUCCESS, also when it is already; EOSSTS_FAIL; EOSSTS_BUSY when another shared
     // collector runs and a_blCheckOther asks for that, or when a client finds the announcement of one that has gone.
-    // A client role connects and names a_szLogFile as the file of its stream.
+    // A client role connects and names a_szLogFile as the file of its stream; EOSSTS_ACCESSDENIED when its collector's
+    // port belongs to another user than this process's and the system's: nothing is sent to him.
     EOSSTS Start(const char* a_szLogFile, bool a_blCheckOther);
 
     // Ends all streams and threads. a_szFolder (may be null) receives the log folder that the streams used, if it
     // still exists.
     void Stop(char* a_szFolder, size_t a_sizetFolder);
 
-    // A client sends log text: all of it, one space for nothing. One thread at a time. EOSSTS_DISCONNECTED, also
-    // without a connection (logged) and from a collector that stood still for 5 s on, and whatever else the connection
-    // says; a part may have been sent then. After a failure nothing is sent any more.
+    // A client sends log text: all of it, one space for nothing. Any thread; what several threads bring while one of
+    // them sends goes out together, each thread's text in one piece. EOSSTS_SUCCESS: the text is with the system.
+    // Otherwise the connection has been given up, a part of the text may have arrived, and every later call says the
+    // same: EOSSTS_DISCONNECTED, also without a connection (logged): nobody writes the file any more, it may be gone on
+    // with; EOSSTS_BUSY: the collector lives and does not answer, the file stays its own. A collector that stands still
+    // holds up a call for no more than 5 s.
     EOSSTS ClientWrite(const void* a_pvBuffer, size_t a_sizetBytes);
 
     // Gives a client its connection, which it owns from now on.

@@ -15,6 +15,7 @@
 #include "os_log.h"
 
 #include "plat_file.h"
+#include "plat_socket.h"
 #include "plat_system.h"
 #include "plat_wait.h"
 
@@ -26,6 +27,8 @@ static constexpr char g_szSource[] = "os/source/os_coslogcollector";
 
 static constexpr int g_iConnectTries = 8;
 static constexpr int32_t g_i32ConnectTimeout = 250;
+static constexpr uint64_t g_u64TakenTimeout = 250;
+static constexpr uint64_t g_u64TakenSoon = 2;
 
 // Bytes: what is on its way is lost with a killed collector.
 static constexpr uint32_t g_u32SendBuffer = 32768;
@@ -34,7 +37,12 @@ static constexpr uint32_t g_u32ReadTimeout = 500;
 static constexpr uint32_t g_u32MarkerPause = 10;
 
 COsLogCollectorClient::COsLogCollectorClient(bool a_blPrivate, const char* a_szLogFile)
-    : m_blPrivate(a_blPrivate), m_szHost{}, m_szPort{}, m_u64ProcessIdApplication(0), m_szLogFile{}
+    : m_blPrivate(a_blPrivate),
+      m_szHost{},
+      m_szPort{},
+      m_u64ProcessIdApplication(0),
+      m_u64ProcessIdCollector(0),
+      m_szLogFile{}
 {
     SStrCpy(m_szHost, sizeof m_szHost, OS_LC_HOST);
     SStrCpy(m_szPort, sizeof m_szPort, "0");
@@ -55,10 +63,10 @@ EOSSTS COsLogCollectorClient::Start(const char* a_szLogFile, bool)
     const COsLogSuppress oslogsuppress;
     if (a_szLogFile)
         SStrCpy(m_szLogFile, sizeof m_szLogFile, a_szLogFile);
-    const EOSSTS eossts = Find();
-    if (eossts != EOSSTS_SUCCESS)
-        return eossts;
-    return Connect() && SendHeader() ? EOSSTS_SUCCESS : EOSSTS_FAIL;
+    EOSSTS eossts = Find();
+    if (eossts == EOSSTS_SUCCESS)
+        eossts = Connect();
+    return eossts == EOSSTS_SUCCESS && !SendHeader() ? EOSSTS_FAIL : eossts;
 }
 
 EOSSTS COsLogCollectorClient::Find()
@@ -68,12 +76,45 @@ EOSSTS COsLogCollectorClient::Find()
     const OsCollectorIdentity oscollectoridentity = OsArgumentsCollector();
     SStrPrintf(m_szPort, sizeof m_szPort, "%d", oscollectoridentity.i32Port);
     m_u64ProcessIdApplication = oscollectoridentity.u64ProcessIdApplication;
+    m_u64ProcessIdCollector = oscollectoridentity.u64ProcessIdCollector;
     return EOSSTS_SUCCESS;
+}
+
+// A collector learns whose a connection is from the system, as long as its process has it open: so nobody goes on, and
+// maybe ends, before it was taken.
+static void WaitUntilTaken(COsSocket& a_ossocket)
+{
+    const uint64_t u64Begin = PlatTicks();
+    PlatSocketOwner platsocketowner{};
+    while (a_ossocket.SocketPeerOwner(&platsocketowner) == EOSSTS_SUCCESS && !platsocketowner.blHeld &&
+           PlatTicks() - u64Begin < g_u64TakenTimeout)
+        PlatSleep(PlatTicks() - u64Begin < g_u64TakenSoon ? 0 : 1);
+}
+
+static bool IsStranger(const PlatSocketOwner& a_platsocketowner)
+{
+    return a_platsocketowner.platowner == PLAT_OWNER_OTHER || a_platsocketowner.platholds == PLAT_HOLDS_NO;
+}
+
+// A port is public: whoever has it now may be a stranger who waits for our lines. Both are asked about, the listener
+// and the other end of the connection; where the system does not tell, it counts as ours. Without a listener the
+// connection was refused, which shows when the header is sent.
+bool COsLogCollectorClient::IsOurs(COsSocket& a_ossocket) const
+{
+    PlatSocketOwner platsocketowner{};
+    PlatSocketListenerOwner(static_cast<uint16_t>(StrToInt32(m_szPort)), m_u64ProcessIdCollector, &platsocketowner);
+    if (IsStranger(platsocketowner))
+        return false;
+    if (platsocketowner.platowner != PLAT_OWNER_NONE)
+        WaitUntilTaken(a_ossocket);
+    platsocketowner = {};
+    a_ossocket.SocketPeerOwner(&platsocketowner);
+    return !IsStranger(platsocketowner);
 }
 
 // In a child process the end of the application, which the collector serves, ends the attempt. The connection that was
 // made outlives it, as the collector does.
-bool COsLogCollectorClient::Connect()
+EOSSTS COsLogCollectorClient::Connect()
 {
     COsSocket::ConnectArgs connectargs;
     connectargs.szHost = m_szHost;
@@ -91,12 +132,14 @@ bool COsLogCollectorClient::Connect()
     {
         if (uniqueSocket->SocketConnect(connectargs) == EOSSTS_SUCCESS)
         {
+            if (!IsOurs(*uniqueSocket))
+                return EOSSTS_ACCESSDENIED;
             TakeClientSocket(uniqueSocket.release());
-            return m_uniqueSender != nullptr;
+            return m_uniqueSender ? EOSSTS_SUCCESS : EOSSTS_FAIL;
         }
         PlatSleep(0);
     }
-    return false;
+    return EOSSTS_FAIL;
 }
 
 void COsLogCollectorClient::TakeClientSocket(COsSocket* a_possocket)

@@ -23,7 +23,8 @@ public:
 
 private:
     EOSSTS Find();
-    bool Connect();
+    EOSSTS Connect();
+    bool IsOurs(COsSocket& a_ossocket) const;
     bool SendHeader();
     bool WaitUntilRead() const;
 
@@ -31,6 +32,7 @@ private:
     char m_szHost[OS_LC_HOSTSIZE];
     char m_szPort[OS_LC_PORTSIZE];
     uint64_t m_u64ProcessIdApplication;   // whose end ends an attempt to connect
+    uint64_t m_u64ProcessIdCollector;     // 0 when it is not known
     char m_szLogFile[OS_PATHSIZE];
     uint64_t m_u64SizeBefore = 0;   // of the log file
     std::unique_ptr<COsLogCollectorSender> m_uniqueSender;
