@@ -262,9 +262,9 @@ static std::string ReadStream(COsSocket& a_ossocket)
     std::string strStream;
     std::vector<char> vecch(65536);
     size_t sizetRead = 0;
-    while (a_ossocket.SocketRead(
-               {.pvBuffer = vecch.data(), .sizetBuffer = vecch.size(), .u32Timeout = 5000, .blQuiet = true},
-               &sizetRead) == EOSSTS_SUCCESS)
+    const COsSocket::ReadArgs readargs{
+        .pvBuffer = vecch.data(), .sizetBuffer = vecch.size(), .u32Timeout = 5000, .blQuiet = true};
+    while (a_ossocket.SocketRead(readargs, &sizetRead) == EOSSTS_SUCCESS)
         strStream.append(vecch.data(), sizetRead);
     return strStream.substr(0, strStream.rfind("\r\n") + 2);
 }
@@ -281,8 +281,10 @@ TEST_F(CollectorOfOurs, OneThatStandsStillIsWaitedForOnceAndNoLineIsLost)
     std::atomic<int> aiLines[iThreads] = {};
     InThreads(iThreads, [&](int a_iThread) {
         for (int iBehind = 0; iBehind < 20; iBehind += m_uniqueLog->UsesCollector() ? 0 : 1)
-            Log(OS_LOG_NOTE,
-                std::to_string(a_iThread) + " " + std::to_string(++aiLines[a_iThread]) + std::string(1000, '.'));
+        {
+            const std::string strLine = std::to_string(a_iThread) + " " + std::to_string(++aiLines[a_iThread]);
+            Log(OS_LOG_NOTE, strLine + std::string(1000, '.'));
+        }
     });
     EXPECT_LT(PlatTicks() - u64Begin, 9000u);
     EXPECT_STREQ(m_uniqueLog->LogFile(), m_strLog.c_str());

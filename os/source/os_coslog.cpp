@@ -191,8 +191,10 @@ void COsLogImpl::Start(const char* a_szLogFile, uint32_t a_u32Flags, const char*
     if (WorkingWord() == 0)
         return;
     if (blPrivateCollector)
+    {
         OSLOG_AT(g_szSourceCollector, static_cast<uint32_t>(__LINE__), OS_LOG_MILESTONE,
                  "LogCollector initialization complete...");
+    }
     OSLOG(OS_LOG_MILESTONE, "### OsServicesStart...");
 }
 

@@ -51,10 +51,11 @@ public:
     uint32_t WorkingWord() const override;
     void SetWorkingWord(uint32_t a_u32Flags) override;
 
-    const char* LogFile() const;   // the path, "" without one
+    const char* LogFile() const;   // the path, "" without one; also while a collector keeps it and lines go beside it
     bool UsesCollector() const;    // lines go to a collector client that is not broken
 
-    // Gives the logger a collector client that is in service; the logger owns it from now on.
+    // Gives the logger a collector client that is in service; the logger owns it until its own end, also when another
+    // one is given: a thread may be in a call of it.
     void TakeCollector(COsLogCollector* a_poslogcollector);
 
     bool IsUsable() const { return m_poslogimpl != nullptr; }

@@ -191,10 +191,9 @@ bool COsLogDestination::OpenFile(OsLogSlot& a_oslogslot)
             m_osloghold.Renew();
         return true;
     }
-    if (m_blWritten.load(std::memory_order_relaxed))
-        oslogpath.u64OpenAgain = PlatTicks() + g_u64OpenAgain;
-    else
+    if (!m_blWritten.load(std::memory_order_relaxed))
         OsLogSetState(OS_LOGSTATE_OFF);
+    oslogpath.u64OpenAgain = PlatTicks() + g_u64OpenAgain;
     return false;
 }
 

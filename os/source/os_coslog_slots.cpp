@@ -44,7 +44,7 @@ OsLogLinePrefix OsLogSlot::Prefix(int32_t a_i32Number) const
     return osloglineprefix;
 }
 
-std::span<char> OsLogSlot::Line(int32_t a_i32Number)
+std::span<char> OsLogSlot::Line(int32_t a_i32Number) const
 {
     char achPrefix[OS_LOGPREFIXMAX];
     const auto sizetPrefix = static_cast<size_t>(OsLogPutPrefix(achPrefix, Prefix(a_i32Number)) - achPrefix);

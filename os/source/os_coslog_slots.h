@@ -53,7 +53,7 @@ struct OsLogSlot
     OsLogLinePrefix Prefix(int32_t a_i32Number) const;
 
     // The message with its prefix right before it.
-    std::span<char> Line(int32_t a_i32Number);
+    std::span<char> Line(int32_t a_i32Number) const;
 };
 
 class COsLogSlots
