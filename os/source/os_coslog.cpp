@@ -228,7 +228,7 @@ void COsLogImpl::SetFlags(uint32_t a_u32Flags, uint32_t a_u32TakenOut)
 bool COsLogImpl::StartCollector()
 {
     const char* const szLogFile = LogFile();
-    if (m_oslogdestination.HadCollector() || !*szLogFile)
+    if (m_oslogdestination.HasCollector() || !*szLogFile)
         return false;
     const bool blPrivate = StrICmp(OsCfgGetCommon("LogCollector", "enabled"), "enabled") == 0;
     // Other threads wait for the end of it instead of losing their lines.

@@ -4,8 +4,10 @@
 #include "os_coslog_format.h"
 #include "os_cosstring.h"
 #include "os_log.h"
+#include "os_scope.h"
 
 #include "plat_system.h"
+#include "plat_wait.h"
 
 #include <algorithm>
 #include <cstring>
@@ -85,24 +87,47 @@ void COsLogDestination::TakeCollector(COsLogCollector* a_poslogcollector)
 {
     std::unique_ptr<COsLogCollector> uniqueCollector(a_poslogcollector);
     std::unique_ptr<OsLogClient> uniqueClient(uniqueCollector ? new (std::nothrow) OsLogClient{} : nullptr);
-    const std::lock_guard<std::mutex> guard(m_mutexClient);
     OsLogClient* const poslogclient = uniqueClient.get();
-    if (poslogclient)
+    OsLogClient* poslogclientBefore = nullptr;
     {
-        uniqueClient->uniqueCollector = std::move(uniqueCollector);
-        uniqueClient->poslogpath = Path();
-        uniqueClient->uniqueNext = std::move(m_uniqueClients);
-        m_uniqueClients = std::move(uniqueClient);
+        const std::lock_guard<std::mutex> guard(m_mutexClient);
+        if (poslogclient)
+        {
+            uniqueClient->uniqueCollector = std::move(uniqueCollector);
+            uniqueClient->poslogpath = Path();
+            uniqueClient->uniqueNext = std::move(m_uniqueClients);
+            m_uniqueClients = std::move(uniqueClient);
+        }
+        poslogclientBefore = m_poslogclient.exchange(poslogclient);
+        m_blCollector = poslogclient != nullptr;
     }
-    m_poslogclient.store(poslogclient, std::memory_order_release);
+    if (!poslogclientBefore)
+        return;
+    while (poslogclientBefore->u32Calls.load() != 0)
+        PlatSleep(1);
+    poslogclientBefore->uniqueCollector.reset();
+}
+
+// The client for one call, which counts itself out; null for none.
+OsLogClient* COsLogDestination::EnterClient()
+{
+    while (OsLogClient* const poslogclient = m_poslogclient.load())
+    {
+        ++poslogclient->u32Calls;
+        if (m_poslogclient.load() == poslogclient)
+            return poslogclient;
+        --poslogclient->u32Calls;   // it has been replaced, and may be ended already
+    }
+    return nullptr;
 }
 
 // Of a line that could not be sent the collector may have got a part: it goes whole to the file, like all that follow.
 bool COsLogDestination::Send(std::span<const char> a_spanLine)
 {
-    const OsLogClient* const poslogclient = m_poslogclient.load(std::memory_order_acquire);
+    OsLogClient* const poslogclient = EnterClient();
     if (!poslogclient)
         return false;
+    const ScopeGuard leave([poslogclient] { --poslogclient->u32Calls; });
     const EOSSTS eossts = poslogclient->uniqueCollector->ClientWrite(a_spanLine.data(), a_spanLine.size());
     if (eossts == EOSSTS_SUCCESS)
         return true;

@@ -53,12 +53,14 @@ struct OsLogPath
     OsLogFile* poslogfile;                // under the lock; null when it is not open
 };
 
-// A collector's client, in use or given up. It stays until the logger's end: another thread may be in a call of it.
+// A collector's client, in use, given up, or replaced and ended. The record stays until the logger's end: another
+// thread may just be about to enter it.
 struct OsLogClient
 {
     std::unique_ptr<OsLogClient> uniqueNext;
     std::unique_ptr<COsLogCollector> uniqueCollector;
-    OsLogPath* poslogpath;   // of its stream
+    OsLogPath* poslogpath;            // of its stream
+    std::atomic<uint32_t> u32Calls;   // that are in it
 };
 
 class COsLogDestination
@@ -75,8 +77,12 @@ public:
     void SetPath(const char* a_szLogFile, bool a_blHeaderPending, int32_t a_i32LineCounter);
 
     bool UsesCollector() const { return m_poslogclient.load(std::memory_order_acquire) != nullptr; }
-    bool HadCollector() const { return m_uniqueClients != nullptr; }   // by the thread that gives them
-    void TakeCollector(COsLogCollector* a_poslogcollector);            // null: none from now on
+
+    // There is one, be it given up. For the thread that gives them.
+    bool HasCollector() const { return m_blCollector; }
+
+    // Null: none from now on. Ends the one before, when the calls that are in it have returned.
+    void TakeCollector(COsLogCollector* a_poslogcollector);
 
     // Before a line is formatted: has the collector, or the file that the path names now, ready for the slot's call.
     // False: the line is lost. A first file that cannot be opened switches the logging off; later the line takes a
@@ -98,6 +104,7 @@ private:
     OsLogFile* TakeKept(const OsLogPath* a_poslogpath);
     void CloseKept(OsLogPath* a_poslogpath);
 
+    OsLogClient* EnterClient();
     bool Send(std::span<const char> a_spanLine);
     void GiveUp(const OsLogClient& a_oslogclient, bool a_blLives);
 
@@ -118,5 +125,6 @@ private:
     std::unique_ptr<OsLogPath> m_uniquePaths;   // all that were used
     std::mutex m_mutexClient;                   // taking a client and giving it up
     std::unique_ptr<OsLogClient> m_uniqueClients;
+    bool m_blCollector = false;
     std::mutex m_mutexOwed;   // what is owed
 };
