@@ -57,14 +57,18 @@ using SharedFile = CollectorTest;
 TEST_F(SharedFile, LinesNeverMix)
 {
     constexpr int iLines = 8000;
-    const auto keep = StreamTo("beside.log", "0");
     const std::string strPath = PathOf("x.log");
     const auto lengthOf = [](int a_iWriter, int a_iLine) {
         return 1 + static_cast<size_t>(a_iLine * (7 + a_iWriter) % 300);
     };
-    std::vector<std::unique_ptr<StreamClient>> vecclient;
-    for (int i = 0; i < 2; ++i)
-        vecclient.push_back(StreamTo("x.log"));
+    std::vector<std::unique_ptr<StreamClient>> vecclient;   // the third one stays, so that none is ever alone
+    std::string strFirst;
+    for (int i = 0; i < 3; ++i)
+    {
+        vecclient.push_back(StreamTo("x.log", "is there\r\n"));
+        strFirst += "is there\r\n";
+        ASSERT_TRUE(FileBecomes("x.log", strFirst));
+    }
     InThreads(3, [&](int a_iWriter) {
         const PlatHandle plathandle = PlatAppendOpen(Wide(strPath).c_str());
         std::string strText;
@@ -83,15 +87,14 @@ TEST_F(SharedFile, LinesNeverMix)
             EXPECT_TRUE(SendInPieces(*vecclient[static_cast<size_t>(a_iWriter)], strText, 1, 700));
         }
     });
-    vecclient.clear();
 
-    size_t sizetAll = 0;
+    size_t sizetAll = strFirst.size();
     for (int iWriter = 0; iWriter < 3; ++iWriter)
         for (int i = 0; i < iLines; ++i)
             sizetAll += 8 + lengthOf(iWriter, i);
     ASSERT_TRUE(WaitFor([&] { return SizeOf("x.log") == sizetAll; }));
     int aiNext[3] = {};
-    for (const std::string& strLine : Lines(ReadWhole(strPath)))
+    for (const std::string& strLine : Lines(ReadWhole(strPath).substr(strFirst.size())))
     {
         const int iWriter = strLine.size() > 6 ? strLine[6] - 'a' : -1;
         ASSERT_TRUE(iWriter >= 0 && iWriter <= 2) << strLine;
