@@ -69,29 +69,37 @@ TEST_F(SharedFile, LinesNeverMix)
         strFirst += "is there\r\n";
         ASSERT_TRUE(FileBecomes("x.log", strFirst));
     }
+    // The lines of the other process go on until the streams have ended.
+    int aiLines[3] = {iLines, iLines, 0};
+    std::atomic<int> iStreams{2};
     InThreads(3, [&](int a_iWriter) {
-        const PlatHandle plathandle = PlatAppendOpen(Wide(strPath).c_str());
-        std::string strText;
-        for (int i = 0; i < iLines; ++i)
-        {
-            const std::string strLine = Line(static_cast<char>('a' + a_iWriter), i, lengthOf(a_iWriter, i));
-            strText += strLine;
-            if (a_iWriter == 2)
-            {
-                EXPECT_TRUE(PlatAppendWrite(plathandle, strLine.data(), strLine.size(), nullptr));
-            }
-        }
-        PlatClose(plathandle);
+        const auto line = [&](int a_iLine) {
+            return Line(static_cast<char>('a' + a_iWriter), a_iLine, lengthOf(a_iWriter, a_iLine));
+        };
         if (a_iWriter < 2)
         {
+            std::string strText;
+            for (int i = 0; i < iLines; ++i)
+                strText += line(i);
             EXPECT_TRUE(SendInPieces(*vecclient[static_cast<size_t>(a_iWriter)], strText, 1, 700));
+            --iStreams;
+            return;
         }
+        const PlatHandle plathandle = PlatAppendOpen(Wide(strPath).c_str());
+        for (int& i = aiLines[2]; iStreams != 0 && i < 99999; ++i)
+        {
+            const std::string strLine = line(i);
+            EXPECT_TRUE(PlatAppendWrite(plathandle, strLine.data(), strLine.size(), nullptr));
+        }
+        PlatClose(plathandle);
     });
 
     size_t sizetAll = strFirst.size();
     for (int iWriter = 0; iWriter < 3; ++iWriter)
-        for (int i = 0; i < iLines; ++i)
+    {
+        for (int i = 0; i < aiLines[iWriter]; ++i)
             sizetAll += 8 + lengthOf(iWriter, i);
+    }
     ASSERT_TRUE(WaitFor([&] { return SizeOf("x.log") == sizetAll; }));
     int aiNext[3] = {};
     for (const std::string& strLine : Lines(ReadWhole(strPath).substr(strFirst.size())))
