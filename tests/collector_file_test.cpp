@@ -86,7 +86,7 @@ TEST_F(SharedFile, LinesNeverMix)
             return;
         }
         const PlatHandle plathandle = PlatAppendOpen(Wide(strPath).c_str());
-        for (int& i = aiLines[2]; iStreams != 0 && i < 99999; ++i)
+        for (int& i = aiLines[2]; iStreams != 0 && i < 9999; ++i)
         {
             const std::string strLine = line(i);
             EXPECT_TRUE(PlatAppendWrite(plathandle, strLine.data(), strLine.size(), nullptr));
@@ -101,8 +101,9 @@ TEST_F(SharedFile, LinesNeverMix)
             sizetAll += 8 + lengthOf(iWriter, i);
     }
     ASSERT_TRUE(WaitFor([&] { return SizeOf("x.log") == sizetAll; }));
+    const std::string strContent = ReadWhole(strPath);
     int aiNext[3] = {};
-    for (const std::string& strLine : Lines(ReadWhole(strPath).substr(strFirst.size())))
+    for (const std::string& strLine : Lines(strContent.substr(strFirst.size())))
     {
         const int iWriter = strLine.size() > 6 ? strLine[6] - 'a' : -1;
         ASSERT_TRUE(iWriter >= 0 && iWriter <= 2) << strLine;

@@ -16,7 +16,20 @@
 #include <stdexcept>
 #include <sys/ioctl.h>
 #include <sys/socket.h>
+#include <sys/syscall.h>
+#include <sys/uio.h>
 #include <unistd.h>
+
+// The appends of the library in this test, and those of them that end inside a line.
+static std::atomic<int> g_iAppends{0};
+static std::atomic<int> g_iPartial{0};
+
+extern "C" ssize_t pwritev2(int a_iDescriptor, const iovec* a_piovec, int a_iCount, off_t a_off, int a_iFlags)
+{
+    ++g_iAppends;
+    g_iPartial += static_cast<const char*>(a_piovec->iov_base)[a_piovec->iov_len - 1] != '\n';
+    return syscall(SYS_pwritev2, a_iDescriptor, a_piovec, a_iCount, a_off, 0L, a_iFlags);
+}
 
 // A shared collector inside this test, at a port that it was given.
 class SharedCollector : public FolderTest
@@ -299,6 +312,23 @@ TEST_F(SharedCollector, AStopLeavesFinishedConnectionsToNobodyElse)
     ASSERT_TRUE(WaitFor([&] { return latereaders.m_blHeld.load(); }));
     m_collector->Stop(nullptr, 0);
     EXPECT_FALSE(latereaders.m_blFreed);
+}
+
+// Beside which another process may append its own.
+TEST_F(SharedCollector, EachLineOfTwoStreamsIsOneAppend)
+{
+    StartAndAnnounce();
+    const auto first = Connect(Header(PathOf("a.log")) + "1\r\n");
+    ASSERT_TRUE(WaitFor([&] { return SizeOf("a.log") == 3; }));
+    const auto second = Connect(Header(PathOf("a.log")) + "2\r\n");
+    ASSERT_TRUE(WaitFor([&] { return SizeOf("a.log") == 6; }));
+    std::string strText;
+    for (int i = 0; i < 500; ++i)
+        strText += "a line of some length\r\n";
+    for (size_t sizetSent = 0; sizetSent < strText.size(); sizetSent += 37)
+        ASSERT_TRUE(first->Send(strText.substr(sizetSent, 37)));
+    ASSERT_TRUE(WaitFor([&] { return SizeOf("a.log") == 6 + strText.size(); }));
+    EXPECT_EQ(g_iPartial, 0) << "of " << g_iAppends;
 }
 
 // Connections come and go while the collector is stopped: nothing hangs, nothing is freed under a reader.
