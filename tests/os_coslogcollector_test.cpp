@@ -325,10 +325,12 @@ TEST_F(SharedCollector, EachLineOfTwoStreamsIsOneAppend)
     std::string strText;
     for (int i = 0; i < 500; ++i)
         strText += "a line of some length\r\n";
+    const uint64_t u64Begin = PlatTicks();
     for (size_t sizetSent = 0; sizetSent < strText.size(); sizetSent += 37)
         ASSERT_TRUE(first->Send(strText.substr(sizetSent, 37)));
     ASSERT_TRUE(WaitFor([&] { return SizeOf("a.log") == 6 + strText.size(); }));
-    EXPECT_EQ(g_iPartial, 0) << "of " << g_iAppends;
+    const bool blTooBusy = PlatTicks() - u64Begin >= 200;   // a begun line is written then
+    EXPECT_TRUE(g_iPartial == 0 || blTooBusy) << g_iPartial << " of " << g_iAppends;
 }
 
 // Connections come and go while the collector is stopped: nothing hangs, nothing is freed under a reader.
