@@ -129,7 +129,8 @@ TEST_F(CollectorClient, EveryLineFromTheFailingOneOnIsInTheFileOfAProcessWhoseCo
 
 TEST_F(CollectorClient, ASharedCollectorIsFoundByItsAnnouncementAndAStaleOneIsDeleted)
 {
-    setenv("MVR_LOGCOLLECTOR", std::to_string(FreePort()).c_str(), 1);
+    const ReservedPort reservedport;
+    setenv("MVR_LOGCOLLECTOR", std::to_string(reservedport.Number()).c_str(), 1);
     COsThread osthread;
     const std::string strProgram = ProgramPath("shared_collector");
     ASSERT_EQ(osthread.Spawn(OS_SPAWNFLAGS_PIPES, strProgram.c_str(), ""), EOSSTS_SUCCESS);

@@ -6,7 +6,24 @@
 #include "os_cosmem.h"
 #include "os_cossocket.h"
 
+#include <sys/stat.h>
+#include <sys/syscall.h>
+#include <unistd.h>
+
 namespace fs = std::filesystem;
+
+// What the library flushes in this test: the sizes of the files at that moment.
+static std::mutex g_mutexFlushed;
+static std::vector<off_t> g_vecoffFlushed;
+
+extern "C" int fsync(int a_iDescriptor)
+{
+    struct stat status = {};
+    fstat(a_iDescriptor, &status);
+    const std::lock_guard<std::mutex> guard(g_mutexFlushed);
+    g_vecoffFlushed.push_back(status.st_size);
+    return static_cast<int>(syscall(SYS_fsync, a_iDescriptor));
+}
 
 // ------------------------------------------------------------------------------------------- collectors as programs
 
@@ -79,7 +96,7 @@ protected:
     {
         m_configuration.SetPath(OS_PATH_WRITEABLE_FILE_LOGCOLLECTORFLUSH, m_strFlush);
         m_configuration.Set(OS_CFGTAG_ROOTCOMMONDIRECTORYLEGACY, m_path.string());
-        m_u16Port = FreePort();
+        m_u16Port = m_reservedport.Number();
         setenv("MVR_LOGCOLLECTOR", std::to_string(m_u16Port).c_str(), 1);
         m_collector = std::make_unique<COsLogCollector>(OS_COLLECTORMODE_SHARED, nullptr);
         m_collector->SetApplication(4711);
@@ -126,6 +143,7 @@ protected:
     LogCapture m_log;
     FakeConfiguration m_configuration;
     std::string m_strFlush;
+    const ReservedPort m_reservedport;
     uint16_t m_u16Port;
     std::unique_ptr<COsLogCollector> m_collector;
 };
@@ -186,6 +204,27 @@ TEST_F(CommandFile, WhatIsNoCommandIsIgnored)
     WriteWhole(m_strFlush + ".new", "<cmd>exitall</cmd>");
     fs::rename(m_strFlush + ".new", m_strFlush);
     ExpectStop();
+}
+
+TEST_F(CommandFile, AFlushBringsEachFileToTheDiskOnceWithWhatIsHeldBack)
+{
+    Start();
+    StreamClient first(m_u16Port);
+    StreamClient second(m_u16Port);
+    StreamClient third(m_u16Port);
+    ASSERT_TRUE(first.Send(Header(PathOf("x.log")) + "1\r\n") && third.Send(Header(PathOf("y.log")) + "3\r\n"));
+    ASSERT_TRUE(second.Send(Header(PathOf("x.log")) + "22\r\n"));
+    ASSERT_TRUE(WaitFor([&] { return SizeOf("x.log") == 7 && SizeOf("y.log") == 3; }));
+    ASSERT_TRUE(first.Send("begun"));
+    {
+        const std::lock_guard<std::mutex> guard(g_mutexFlushed);
+        g_vecoffFlushed.clear();
+    }
+    WriteWhole(m_strFlush, "<cmd>flush</cmd>");
+    EXPECT_TRUE(WaitFor([&] {
+        const std::lock_guard<std::mutex> guard(g_mutexFlushed);
+        return std::ranges::is_permutation(g_vecoffFlushed, std::vector<off_t>{12, 3});
+    }));
 }
 
 // Streams come and go, write and end, while all files are flushed again and again.

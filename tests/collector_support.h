@@ -21,17 +21,26 @@ inline std::string Header(const std::string& a_strPath)
     return "<log><logfile><![CDATA[" + a_strPath + "]]></logfile></log>";
 }
 
-// A port that nobody serves.
-inline uint16_t FreePort()
+// A port that nobody serves and that the system gives to nobody else. A collector may be told to serve it: both ask to
+// use the address again.
+class ReservedPort
 {
-    PlatSocketStartup();
-    const PlatHandle plathandle = PlatSocketCreate();
-    PlatAddress plataddress{{127, 0, 0, 1}, 0};
-    PlatSocketBind(plathandle, &plataddress);
-    PlatSocketName(plathandle, &plataddress);
-    PlatClose(plathandle);
-    return plataddress.u16Port;
-}
+public:
+    ReservedPort() : m_plathandle(PlatSocketStartup() ? PlatSocketCreate() : PLAT_INVALID)
+    {
+        PlatSocketSetOption(m_plathandle, PLAT_SOCKETOPTION_REUSEADDRESS, true);
+        EXPECT_TRUE(PlatSocketBind(m_plathandle, &m_plataddress) && PlatSocketName(m_plathandle, &m_plataddress));
+    }
+    ~ReservedPort() { PlatClose(m_plathandle); }
+    ReservedPort(const ReservedPort&) = delete;
+    ReservedPort& operator=(const ReservedPort&) = delete;
+
+    uint16_t Number() const { return m_plataddress.u16Port; }
+
+private:
+    PlatHandle m_plathandle;
+    PlatAddress m_plataddress{{127, 0, 0, 1}, 0};
+};
 
 // One log stream.
 class StreamClient
@@ -67,6 +76,9 @@ public:
     // True when the collector has closed the connection.
     bool IsEnded(uint32_t a_u32Milliseconds = 20000) { return WaitForEvent(PLAT_SOCKET_CLOSE, a_u32Milliseconds); }
 
+    // Sends no more, and is there until the collector has closed as well.
+    bool EndSending() { return PlatSocketShutdown(m_plathandle, false, true); }
+
     void Close()
     {
         if (m_plathandle == PLAT_INVALID)
@@ -87,6 +99,19 @@ private:
     PlatHandle m_plathandle;
     PlatHandle m_event;
 };
+
+// Starts a collector whose application is this test, with a limit of the shell ("-n 60"). Its port, or 0.
+inline uint16_t StartLimited(CollectorProcess& a_collector, const std::string& a_strLimit)
+{
+    const std::string strScript = "ulimit " + a_strLimit + "; exec '" + ProgramPath("logcollector") +
+                                  "' '--xml=<lcpidapp>" + std::to_string(PlatProcessId()) + "</lcpidapp>'";
+    if (!a_collector.Start("/bin/sh", {"-c", strScript}))
+        return 0;
+    const std::string strReply = a_collector.ReadOutput("</lc>");
+    const size_t sizetPort = strReply.find("<lcport>");
+    return sizetPort == std::string::npos ? uint16_t{0}
+                                          : static_cast<uint16_t>(std::stoi(strReply.substr(sizetPort + 8)));
+}
 
 // A case with a running collector whose application is this test.
 class CollectorTest : public FolderTest

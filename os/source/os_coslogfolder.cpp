@@ -66,6 +66,15 @@ static bool HasName(PlatHandle a_plathandle)
     return PlatFileGetIdentity(a_plathandle, &platfileidentity) && platfileidentity.u32Links > 0;
 }
 
+// A folder that was deleted or moved, and made again, has another lock file or none.
+static bool IsNamed(PlatHandle a_plathandle, const char* a_szFolder)
+{
+    char szPath[OS_PATHSIZE];
+    char16_t wszPath[OS_WIDEPATHSIZE];
+    return LockPath(a_szFolder, szPath) && OsPathToSystem(wszPath, OS_WIDEPATHSIZE, szPath) &&
+           PlatFileIsNamed(a_plathandle, wszPath);
+}
+
 EOSSTS COsLogFolderLock::OpenOnce()
 {
     m_plathandle = OpenQuietly(m_szFolder, g_u32Shared, PLAT_DISPOSITION_OPENALWAYS, 0);
@@ -84,7 +93,7 @@ EOSSTS COsLogFolderLock::Acquire(const char* a_szFolder)
     if (const EOSSTS eossts = OsPathAbsolute(szFolder, sizeof szFolder, a_szFolder); eossts != EOSSTS_SUCCESS)
         return eossts;
     OsPathRemoveTrailing(szFolder);
-    if (IsHeld() && std::strcmp(szFolder, m_szFolder) == 0 && HasName(m_plathandle))
+    if (IsHeld() && std::strcmp(szFolder, m_szFolder) == 0 && IsNamed(m_plathandle, szFolder))
         return EOSSTS_SUCCESS;
     Release();
 
