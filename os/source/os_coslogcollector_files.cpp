@@ -107,13 +107,12 @@ size_t COsLogCollectorFile::Enter(LogCollectorWriter& a_logcollectorwriter)
     return m_vecplogcollectorwriter.size();
 }
 
-bool COsLogCollectorFile::Leave(LogCollectorWriter& a_logcollectorwriter)
+void COsLogCollectorFile::Leave(LogCollectorWriter& a_logcollectorwriter)
 {
     const Lock lock(m_mutex);
     std::erase(m_vecplogcollectorwriter, &a_logcollectorwriter);
     if (m_plogcollectorwriterInside == &a_logcollectorwriter)
         EndsInLineOf(nullptr);
-    return m_vecplogcollectorwriter.empty();
 }
 
 void COsLogCollectorFile::EndsInLineOf(const LogCollectorWriter* a_plogcollectorwriter)
@@ -181,6 +180,19 @@ bool COsLogCollectorFile::WriteRest(LogCollectorWriter& a_logcollectorwriter)
 {
     a_logcollectorwriter.u64RestDue = 0;
     return InTurn(a_logcollectorwriter, [&] { return PutRest(a_logcollectorwriter); });
+}
+
+std::string_view COsLogCollectorFile::EndLine(LogCollectorWriter& a_logcollectorwriter, std::string_view a_strviewPiece)
+{
+    const Lock lock(m_mutex);
+    if (m_plogcollectorwriterInside == &a_logcollectorwriter)
+        PutRest(a_logcollectorwriter);
+    if (m_plogcollectorwriterInside != &a_logcollectorwriter)
+        return a_strviewPiece;
+    const size_t sizetLine = a_strviewPiece.find('\n');
+    const size_t sizetWrite = sizetLine == std::string_view::npos ? a_strviewPiece.size() : sizetLine + 1;
+    Put(a_logcollectorwriter, a_strviewPiece.substr(0, sizetWrite));
+    return a_strviewPiece.substr(sizetWrite);
 }
 
 void COsLogCollectorFile::End(LogCollectorWriter& a_logcollectorwriter)
@@ -371,19 +383,17 @@ COsLogCollectorFiles::Reference COsLogCollectorFiles::Open(const char* a_szPath,
 COsLogCollectorFiles::Reference COsLogCollectorFiles::Enter(Entry a_entry, LogCollectorWriter& a_logcollectorwriter)
 {
     Reference reference;
-    size_t sizetStreams = 0;
     {
         const std::lock_guard<std::mutex> guard(m_mutex);
-        const auto iterator = std::find_if(m_vecentry.begin(), m_vecentry.end(), [&](const Entry& a_entryThere) {
+        auto iterator = std::find_if(m_vecentry.begin(), m_vecentry.end(), [&](const Entry& a_entryThere) {
             return a_entryThere.osfileidentity == a_entry.osfileidentity;
         });
-        const bool blThere = iterator != m_vecentry.end();
-        reference = blThere ? iterator->reference : a_entry.reference;
-        if (!blThere)
-            m_vecentry.push_back(a_entry);
-        sizetStreams = reference->Enter(a_logcollectorwriter);
+        if (iterator == m_vecentry.end())
+            iterator = m_vecentry.insert(iterator, a_entry);
+        ++iterator->sizetStreams;
+        reference = iterator->reference;
     }
-    if (sizetStreams == 2)
+    if (reference->Enter(a_logcollectorwriter) == 2)
         reference->WriteRests(&a_logcollectorwriter);
     return reference;
 }
@@ -391,11 +401,14 @@ COsLogCollectorFiles::Reference COsLogCollectorFiles::Enter(Entry a_entry, LogCo
 bool COsLogCollectorFiles::Leave(Reference& a_reference, LogCollectorWriter& a_logcollectorwriter)
 {
     const Reference reference = std::move(a_reference);
+    reference->Leave(a_logcollectorwriter);
     {
         const std::lock_guard<std::mutex> guard(m_mutex);
-        if (!reference->Leave(a_logcollectorwriter))
+        const auto iterator = std::find_if(m_vecentry.begin(), m_vecentry.end(),
+                                           [&](const Entry& a_entry) { return a_entry.reference == reference; });
+        if (--iterator->sizetStreams != 0)
             return false;
-        std::erase_if(m_vecentry, [&](const Entry& a_entry) { return a_entry.reference == reference; });
+        m_vecentry.erase(iterator);
     }
     reference->Close();
     return true;

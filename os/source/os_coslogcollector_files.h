@@ -67,9 +67,9 @@ public:
     // True while the path names this file.
     bool IsNamedBy(const char* a_szPath);
 
-    // A stream comes; the number of streams. A stream goes; true when it was the last one.
+    // A stream comes; the number of streams. A stream goes.
     size_t Enter(LogCollectorWriter& a_logcollectorwriter);
-    bool Leave(LogCollectorWriter& a_logcollectorwriter);
+    void Leave(LogCollectorWriter& a_logcollectorwriter);
 
     // Takes a piece of at most OS_LC_PIECESIZE bytes of a stream. While the file ends inside the line of another
     // stream, waits for the rest of that, OS_LC_RESTTIMEOUT at most since its last part. False when the system refused
@@ -79,6 +79,10 @@ public:
     // Writes what one stream has held back, or every one but a_plogcollectorwriterNot (may be null).
     bool WriteRest(LogCollectorWriter& a_logcollectorwriter);
     void WriteRests(const LogCollectorWriter* a_plogcollectorwriterNot);
+
+    // A stream is about to go on elsewhere: writes what completes its line, if the file ends in that; returns the rest
+    // of the piece.
+    std::string_view EndLine(LogCollectorWriter& a_logcollectorwriter, std::string_view a_strviewPiece);
 
     // A stream ends: writes its rest, and tries once more to tell what is missing.
     void End(LogCollectorWriter& a_logcollectorwriter);
@@ -135,10 +139,11 @@ private:
     {
         OsFileIdentity osfileidentity;
         Reference reference;
+        size_t sizetStreams = 0;
     };
 
     Reference Enter(Entry a_entry, LogCollectorWriter& a_logcollectorwriter);
 
-    std::mutex m_mutex;   // taken before that of a file
+    std::mutex m_mutex;   // not while a file's is taken, or waited for: a disk may hold that up
     std::vector<Entry> m_vecentry;
 };

@@ -149,8 +149,8 @@ void COsLogCollectorStream::TakeText(StreamPieces& a_streampieces)
             break;
         case StreamRead::Timeout:
             m_logcollectorwriter.u64RestDue = 0;
-            if (m_reference && !m_reference->WriteRest(m_logcollectorwriter))
-                Look(PlatTicks());
+            if (m_reference && !m_reference->WriteRest(m_logcollectorwriter) && !IsInPlace(PlatTicks()))
+                OpenAnew();
             break;
         case StreamRead::End:
             return;
@@ -158,19 +158,23 @@ void COsLogCollectorStream::TakeText(StreamPieces& a_streampieces)
     }
 }
 
-// What no file takes is lost. A file that refuses may be one that its path does not name any more.
+// What no file takes is lost. A file that its path does not name any more gets the rest of the line that it ends in,
+// and no other; one that refuses to be written may be such a file.
 void COsLogCollectorStream::Write(std::string_view a_strview)
 {
-    if (a_strview.empty())
-        return;
     const uint64_t u64Now = PlatTicks();
-    if (u64Now - m_u64Looked >= g_u64LookPeriod)
-        Look(u64Now);
-    if (m_reference && m_reference->Write(m_logcollectorwriter, a_strview))
+    if (u64Now - m_u64Looked >= g_u64LookPeriod && !IsInPlace(u64Now))
+    {
+        if (m_reference)
+            a_strview = m_reference->EndLine(m_logcollectorwriter, a_strview);
+        OpenAnew();
+    }
+    if (a_strview.empty())
         return;
     if (!m_reference)
         m_logcollectorwriter.Lose(m_logcollectorwriter.Drop(a_strview));
-    Look(u64Now);
+    else if (!m_reference->Write(m_logcollectorwriter, a_strview) && !IsInPlace(u64Now))
+        OpenAnew();
 }
 
 // A log file that received no text does not remain. Another stream that has it open keeps it.
@@ -234,16 +238,19 @@ bool COsLogCollectorStream::OpenFile()
     return m_reference != nullptr;
 }
 
-// A file whose path does not name it any more gets no line that somebody could read: the path is opened anew.
-void COsLogCollectorStream::Look(uint64_t a_u64Now)
+// Whether the path names the file that the stream has. A hold of its folder that could not be had is tried again.
+bool COsLogCollectorStream::IsInPlace(uint64_t a_u64Now)
 {
     m_u64Looked = a_u64Now;
-    if (m_reference && m_reference->IsNamedBy(m_szPath))
-    {
-        if (*m_szLogFolder && !m_blFolderHeld)
-            m_blFolderHeld = m_oslogcollectorfolders.Hold(m_szLogFolder) == EOSSTS_SUCCESS;
-        return;
-    }
+    if (!m_reference || !m_reference->IsNamedBy(m_szPath))
+        return false;
+    if (*m_szLogFolder && !m_blFolderHeld)
+        m_blFolderHeld = m_oslogcollectorfolders.Hold(m_szLogFolder) == EOSSTS_SUCCESS;
+    return true;
+}
+
+void COsLogCollectorStream::OpenAnew()
+{
     if (m_reference)
         m_oslogcollectorfiles.Leave(m_reference, m_logcollectorwriter);
     OpenFile();

@@ -27,7 +27,8 @@ private:
 
     bool OpenFile();
     void MakeFolder();
-    void Look(uint64_t a_u64Now);
+    bool IsInPlace(uint64_t a_u64Now);
+    void OpenAnew();
 
     COsLogCollectorFiles& m_oslogcollectorfiles;
     COsLogCollectorFolders& m_oslogcollectorfolders;
