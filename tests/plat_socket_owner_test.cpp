@@ -1,4 +1,5 @@
 // plat_socket_owner_test.cpp: who has the other end of a connection, or a port, and what was not read there.
+#include "plat_fork.h"
 #include "plat_socket_support.h"
 
 #include <csignal>
@@ -83,18 +84,6 @@ struct RawListener
     int m_iSocket;
     uint16_t m_u16Port = 0;
 };
-
-// What another process, which begins like this, answers.
-template <class Begin, class Answer>
-int InOtherProcess(Begin a_begin, Answer a_answer)
-{
-    const pid_t pid = fork();
-    if (pid == 0)
-        _exit(a_begin() ? static_cast<int>(a_answer()) : 99);
-    int iStatus = 0;
-    waitpid(pid, &iStatus, 0);
-    return WIFEXITED(iStatus) ? WEXITSTATUS(iStatus) : -1;
-}
 }   // namespace
 
 TEST_F(SocketOwner, PeerIsOursAndItsUnreadBytesAreCounted)
