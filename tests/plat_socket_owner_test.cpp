@@ -177,6 +177,7 @@ TEST_F(SocketOwner, ProcessThatHoldsTheListenerIsToldFromOthers)
     platsocketowner.platholds = PLAT_HOLDS_NO;
     platsocketowner.u64ProcessId = 0;
     const pid_t pid = fork();
+    ASSERT_GE(pid, 0);
     if (pid == 0)
     {
         m_handleListener.Close();
@@ -227,6 +228,7 @@ TEST_F(SocketOwner, OtherUsersAreToldApart)
     EXPECT_TRUE(iUnnamed == PLAT_OWNER_OTHER || iUnnamed == 99 /* no such thing here */) << iUnnamed;
 
     const pid_t pid = fork();
+    ASSERT_GE(pid, 0);
     if (pid == 0)
     {
         const PlatHandle plathandle = other() ? PlatSocketCreate() : PLAT_INVALID;
