@@ -237,4 +237,7 @@ TEST_F(User, WhetherOthersWriteIsTold)
     fs::create_directory(strPath);
     fs::permissions(strPath, fs::perms{01777});
     EXPECT_TRUE(others());
+    fs::permissions(strPath, fs::perms{0755});
+    fs::create_symlink(strPath, PathOf("link"));
+    EXPECT_TRUE(PlatPathOwner(Wide(PathOf("link")).c_str(), &platfileowned) && platfileowned.blOthersWrite);
 }
