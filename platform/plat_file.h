@@ -30,6 +30,13 @@ enum PlatDisposition : uint32_t
 inline constexpr uint32_t PLAT_OPEN_DELETEONCLOSE = 1;
 inline constexpr uint32_t PLAT_OPEN_FOLDER = 2;   // a folder may be opened
 
+// For a path that somebody else has named. Only a plain file (or a folder, with PLAT_OPEN_FOLDER) is opened or made;
+// what is none, as a device or a pipe, is refused (5) and not waited for.
+inline constexpr uint32_t PLAT_OPEN_NOLINK = 4;       // the last component is no link (123)
+inline constexpr uint32_t PLAT_OPEN_NOLINKS = 8;      // no component is a link (123), and the file has one name (5)
+inline constexpr uint32_t PLAT_OPEN_OWNFOLDER = 16;   // and the folder that it is in belongs to this process's user,
+                                                      // and no other user but the system's may write that folder (5)
+
 // Opens a file. PLAT_ERROR_ACCESSDENIED for a folder without PLAT_OPEN_FOLDER. A file that is being deleted at this
 // moment is waited for, and then created or not found. Who shares reading and writing may still get a file whose
 // name goes at this very moment; its identity tells (u32Links).

@@ -4,6 +4,7 @@
 #pragma once
 
 #include "plat_types.h"
+#include "plat_user.h"
 
 // What a socket can report.
 inline constexpr uint32_t PLAT_SOCKET_READ = 0x01;      // bytes have arrived
@@ -74,16 +75,6 @@ uint32_t PlatSocketPoll(PlatHandle a_plathandle, uint32_t a_u32Mask);
 // be on several events. PlatEventSet and PlatEventReset do nothing to it.
 PlatHandle PlatSocketEventCreate();
 bool PlatSocketEventSelect(PlatHandle a_plathandle, PlatHandle a_plathandleEvent, uint32_t a_u32Mask);
-
-// Who owns a socket of this machine, as the system tells it.
-enum PlatOwner : uint32_t
-{
-    PLAT_OWNER_UNKNOWN = 0,   // the system does not tell, of no socket
-    PLAT_OWNER_NONE = 1,      // there is no such socket, or nobody has it open any more
-    PLAT_OWNER_SAME = 2,      // the user that this process works for
-    PLAT_OWNER_SYSTEM = 3,    // another user, who may do everything on this machine
-    PLAT_OWNER_OTHER = 4,     // any other user
-};
 
 // Whether the process that was asked about has that very socket open.
 enum PlatHolds : uint32_t

@@ -1,4 +1,5 @@
 // plat_socket_owner_test.cpp: who has the other end of a connection, or a port, and what was not read there.
+#include "plat_fork.h"
 #include "plat_socket_support.h"
 
 #include <csignal>
@@ -83,18 +84,6 @@ struct RawListener
     int m_iSocket;
     uint16_t m_u16Port = 0;
 };
-
-// What another process, which begins like this, answers.
-template <class Begin, class Answer>
-int InOtherProcess(Begin a_begin, Answer a_answer)
-{
-    const pid_t pid = fork();
-    if (pid == 0)
-        _exit(a_begin() ? static_cast<int>(a_answer()) : 99);
-    int iStatus = 0;
-    waitpid(pid, &iStatus, 0);
-    return WIFEXITED(iStatus) ? WEXITSTATUS(iStatus) : -1;
-}
 }   // namespace
 
 TEST_F(SocketOwner, PeerIsOursAndItsUnreadBytesAreCounted)
@@ -188,6 +177,7 @@ TEST_F(SocketOwner, ProcessThatHoldsTheListenerIsToldFromOthers)
     platsocketowner.platholds = PLAT_HOLDS_NO;
     platsocketowner.u64ProcessId = 0;
     const pid_t pid = fork();
+    ASSERT_GE(pid, 0);
     if (pid == 0)
     {
         m_handleListener.Close();
@@ -238,6 +228,7 @@ TEST_F(SocketOwner, OtherUsersAreToldApart)
     EXPECT_TRUE(iUnnamed == PLAT_OWNER_OTHER || iUnnamed == 99 /* no such thing here */) << iUnnamed;
 
     const pid_t pid = fork();
+    ASSERT_GE(pid, 0);
     if (pid == 0)
     {
         const PlatHandle plathandle = other() ? PlatSocketCreate() : PLAT_INVALID;

@@ -47,11 +47,12 @@ COsFile::~COsFile()
 }
 
 EOSSTS COsFile::Open(const char* a_szFilename, EOSFILEOPEN a_eosfileopen, EOSFILEACCESS a_eosfileaccess,
-                     EOSFILESHARE a_eosfileshare, bool a_blRedirectionOff)
+                     EOSFILESHARE a_eosfileshare, bool a_blRedirectionOff, EOSFILEGUARD a_eosfileguard)
 {
     if (!Usable(m_posfileimpl))
         return EOSSTS_FAIL;
-    return m_posfileimpl->Open(a_szFilename, a_eosfileopen, a_eosfileaccess, a_eosfileshare, a_blRedirectionOff);
+    return m_posfileimpl->Open(a_szFilename, a_eosfileopen, a_eosfileaccess, a_eosfileshare, a_blRedirectionOff,
+                               a_eosfileguard);
 }
 
 EOSSTS COsFile::Close()

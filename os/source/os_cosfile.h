@@ -34,6 +34,16 @@ enum EOSFILESHARE : uint32_t
     OS_FILESHARE_READWRITE = 4,
 };
 
+// What must hold for a path that somebody else has named; each includes those before it. Anything but OS_FILEGUARD_NONE
+// opens or makes only a plain file, or a folder with OS_FILEOPEN_DIRECTORY.
+enum EOSFILEGUARD : uint32_t
+{
+    OS_FILEGUARD_NONE = 0,
+    OS_FILEGUARD_NOLINK = 1,      // the last component is no link
+    OS_FILEGUARD_NOLINKS = 2,     // no component is a link, and the file has no other name
+    OS_FILEGUARD_OWNFOLDER = 3,   // it is in a folder of this process's user that no other user may write
+};
+
 enum EOSFILESEEK : uint32_t
 {
     OS_FILESEEK_START = 1,
@@ -62,9 +72,11 @@ public:
 
     // Opens a file. EOSSTS_NOTOPEN for a bad argument; EOSSTS_NOTFOUND, EOSSTS_ACCESSDENIED, EOSSTS_SHARING,
     // EOSSTS_CANNOTCREATE or EOSSTS_FAIL as the system says. a_blRedirectionOff switches the file-system redirection
-    // of 32-bit processes off around the call. A file that is open is closed first.
+    // of 32-bit processes off around the call. A file that is open is closed first. What a_eosfileguard does not
+    // admit is EOSSTS_ACCESSDENIED, a link EOSSTS_FAIL.
     EOSSTS Open(const char* a_szFilename, EOSFILEOPEN a_eosfileopen, EOSFILEACCESS a_eosfileaccess,
-                EOSFILESHARE a_eosfileshare, bool a_blRedirectionOff = false);
+                EOSFILESHARE a_eosfileshare, bool a_blRedirectionOff = false,
+                EOSFILEGUARD a_eosfileguard = OS_FILEGUARD_NONE);
     EOSSTS Close();   // success also when it is not open
     EOSSTS Flush();   // to the disk
 

@@ -54,6 +54,8 @@ constexpr uint32_t g_au32Share[] = {
     PLAT_SHARE_READ | PLAT_SHARE_WRITE,
 };
 
+constexpr uint32_t g_au32Guard[] = {0, PLAT_OPEN_NOLINK, PLAT_OPEN_NOLINKS, PLAT_OPEN_OWNFOLDER};
+
 bool IsInTable(uint32_t a_u32Value, size_t a_sizetRows)
 {
     return a_u32Value >= 1 && a_u32Value <= a_sizetRows;
@@ -70,7 +72,7 @@ COsFileImpl::~COsFileImpl()
 
 // What is wrong with the arguments of an open, or null.
 static const char* OpenFault(const char* a_szFilename, EOSFILEOPEN a_eosfileopen, EOSFILEACCESS a_eosfileaccess,
-                             EOSFILESHARE a_eosfileshare)
+                             EOSFILESHARE a_eosfileshare, EOSFILEGUARD a_eosfileguard)
 {
     if (!a_szFilename)
         return "a_szFilename is null...";
@@ -80,6 +82,8 @@ static const char* OpenFault(const char* a_szFilename, EOSFILEOPEN a_eosfileopen
         return "a_eosfileaccess is bad...";
     if (!IsInTable(a_eosfileshare, std::size(g_au32Share)))
         return "a_eosfileshare is bad...";
+    if (a_eosfileguard >= std::size(g_au32Guard))
+        return "a_eosfileguard is bad...";
     return nullptr;
 }
 
@@ -95,9 +99,10 @@ bool COsFileImpl::RememberName(const char* a_szFilename)
 }
 
 EOSSTS COsFileImpl::Open(const char* a_szFilename, EOSFILEOPEN a_eosfileopen, EOSFILEACCESS a_eosfileaccess,
-                         EOSFILESHARE a_eosfileshare, bool a_blRedirectionOff)
+                         EOSFILESHARE a_eosfileshare, bool a_blRedirectionOff, EOSFILEGUARD a_eosfileguard)
 {
-    if (const char* const szFault = OpenFault(a_szFilename, a_eosfileopen, a_eosfileaccess, a_eosfileshare))
+    if (const char* const szFault =
+            OpenFault(a_szFilename, a_eosfileopen, a_eosfileaccess, a_eosfileshare, a_eosfileguard))
     {
         OSLOG(OS_LOG_ERROR, "%s", szFault);
         return EOSSTS_NOTOPEN;
@@ -111,8 +116,8 @@ EOSSTS COsFileImpl::Open(const char* a_szFilename, EOSFILEOPEN a_eosfileopen, EO
     const uint32_t u32Share = g_au32Share[a_eosfileshare - 1];
     {
         const OsRedirectionGuard osredirectionguard(a_blRedirectionOff);
-        m_plathandleFile =
-            PlatFileOpen(m_wszFilename, accessrow.u32Access, u32Share, openrow.platdisposition, openrow.u32Flags);
+        m_plathandleFile = PlatFileOpen(m_wszFilename, accessrow.u32Access, u32Share, openrow.platdisposition,
+                                        openrow.u32Flags | g_au32Guard[a_eosfileguard]);
     }
     if (IsOpen())
         return EOSSTS_SUCCESS;

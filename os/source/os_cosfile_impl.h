@@ -36,7 +36,7 @@ public:
     COsFileImpl& operator=(const COsFileImpl&) = delete;
 
     EOSSTS Open(const char* a_szFilename, EOSFILEOPEN a_eosfileopen, EOSFILEACCESS a_eosfileaccess,
-                EOSFILESHARE a_eosfileshare, bool a_blRedirectionOff);
+                EOSFILESHARE a_eosfileshare, bool a_blRedirectionOff, EOSFILEGUARD a_eosfileguard);
     EOSSTS Close();
     EOSSTS Flush();
 

@@ -5,12 +5,12 @@
 #include "plat_machine.h"
 #include "plat_posix.h"
 #include "plat_process.h"
+#include "plat_user.h"
 
 #include <algorithm>
 #include <cstdlib>
 #include <iterator>
 #include <memory>
-#include <unistd.h>
 
 // --------------------------------------------------------------------------------------------------- the accounts
 
@@ -77,7 +77,7 @@ static std::string EnvironmentUser()
 
 static std::string ProcessUser()
 {
-    const std::string strName = FindAccountById(geteuid()).strName;
+    const std::string strName = FindAccountById(static_cast<uint32_t>(PlatUserId())).strName;
     return strName.empty() ? EnvironmentUser() : strName;
 }
 
@@ -117,10 +117,10 @@ static PosixUser SeatUser()
     return {};
 }
 
-// A line of the group file: name, password, number, and the names of the members between commas.
-static void TakeGroups(PosixUser* a_pposixuser)
+// Calls a_take(number, members between commas) for each line of the group file: name, password, number, members.
+template <class Take>
+static void ForEachGroup(Take a_take)
 {
-    a_pposixuser->vecu32Groups = {a_pposixuser->u32Group};
     const std::string strText = PosixReadText("/etc/group");
     std::string_view strviewText = strText;
     while (!strviewText.empty())
@@ -129,13 +129,32 @@ static void TakeGroups(PosixUser* a_pposixuser)
         PosixTake(strviewLine, ':');
         PosixTake(strviewLine, ':');
         uint32_t u32Group = 0;
-        bool blMember = false;
-        const bool blNumber = TakeNumber(strviewLine, ':', &u32Group);
-        while (!strviewLine.empty())
-            blMember = PosixTake(strviewLine, ',') == a_pposixuser->strName || blMember;
-        if (blNumber && blMember)
-            a_pposixuser->vecu32Groups.push_back(u32Group);
+        if (TakeNumber(strviewLine, ':', &u32Group))
+            a_take(u32Group, strviewLine);
     }
+}
+
+static void TakeGroups(PosixUser* a_pposixuser)
+{
+    a_pposixuser->vecu32Groups = {a_pposixuser->u32Group};
+    ForEachGroup([=](uint32_t u32Group, std::string_view strviewMembers) {
+        bool blMember = false;
+        while (!strviewMembers.empty())
+            blMember = PosixTake(strviewMembers, ',') == a_pposixuser->strName || blMember;
+        if (blMember)
+            a_pposixuser->vecu32Groups.push_back(u32Group);
+    });
+}
+
+uint32_t PosixPrimaryGroup(uint32_t a_u32User)
+{
+    constexpr uint32_t u32Nobodys = 65534;
+    const PosixUser posixuser = FindAccountById(a_u32User);
+    if (!posixuser.strName.empty())
+        return posixuser.u32Group;
+    uint32_t u32Group = a_u32User;
+    ForEachGroup([&](uint32_t u32, std::string_view) { u32Group = u32 == a_u32User ? u32Nobodys : u32Group; });
+    return u32Group;
 }
 
 uint32_t PlatSessionActive()
@@ -146,7 +165,7 @@ uint32_t PlatSessionActive()
 // The numbers of sessions tell nothing here: whoever works at the machine works in each of them.
 PlatHandle PlatSessionUser(uint32_t)
 {
-    if (geteuid() != 0)
+    if (PlatUserId() != 0)
     {
         PlatSetLastError(PLAT_ERROR_PRIVILEGENOTHELD);
         return PLAT_INVALID;

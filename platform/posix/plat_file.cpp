@@ -27,6 +27,7 @@ struct OpenRequest
     bool blMustWrite;     // without a descriptor that may write it is no use
     bool blExclusive;     // somebody will be refused something
     bool blInformation;   // attributes only: no descriptor for data, no share modes
+    uint32_t u32Guard;    // of PLAT_OPEN_: what the way to it must be
 };
 
 static bool MakeRequest(const char16_t* a_wszPath, uint32_t a_u32Access, uint32_t a_u32Share,
@@ -40,6 +41,7 @@ static bool MakeRequest(const char16_t* a_wszPath, uint32_t a_u32Access, uint32_
     a_openrequest.blCreate = a_platdisposition != PLAT_DISPOSITION_OPENEXISTING;
     a_openrequest.blTruncate = a_platdisposition == PLAT_DISPOSITION_CREATEALWAYS;
     a_openrequest.blFolder = a_u32Flags & PLAT_OPEN_FOLDER;
+    a_openrequest.u32Guard = a_u32Flags & POSIX_OPEN_GUARDS;
     a_openrequest.blMustWrite = (a_u32Access & PLAT_ACCESS_WRITE) || a_openrequest.blTruncate || blTemporary;
     a_openrequest.blInformation = a_u32Access == PLAT_ACCESS_NONE && !blTemporary;
     if (a_openrequest.blMustWrite)
@@ -55,15 +57,17 @@ static int OpenOnce(const OpenRequest& a_openrequest, int a_iFlags)
     a_iFlags |= O_CLOEXEC | O_NONBLOCK | O_NOCTTY;
     if (a_openrequest.posixsharerequest.blDelete)
         a_iFlags |= O_NOFOLLOW;
-    const char* szPath = a_openrequest.strPath.c_str();
+    const auto open = [&](int a_iMore) {
+        return PosixOpenGuarded(a_openrequest.strPath, a_iFlags | a_iMore, a_openrequest.u32Guard);
+    };
     if (!a_openrequest.blCreate)
-        return open(szPath, a_iFlags);
-    int iDescriptor = open(szPath, a_iFlags | O_CREAT, 0666);
+        return open(0);
+    int iDescriptor = open(O_CREAT);
     if (iDescriptor < 0 && errno == ENOENT && PosixMakeDrive(a_openrequest.wszPath))
-        iDescriptor = open(szPath, a_iFlags | O_CREAT, 0666);
+        iDescriptor = open(O_CREAT);
     if (iDescriptor < 0 && errno == EACCES)
     {
-        iDescriptor = open(szPath, a_iFlags);
+        iDescriptor = open(0);
         if (iDescriptor < 0 && errno == ENOENT)
             errno = EACCES;
     }
@@ -107,10 +111,12 @@ static Admission Admit(const PosixDescriptor& a_posixdescriptor, const OpenReque
     const int iDescriptor = a_posixdescriptor.Get();
     struct stat status = {};
     const bool blMayBeFolder = !a_openrequest.blMustWrite && !a_openrequest.blCreate;
-    if (blMayBeFolder || a_openrequest.blExclusive)
+    if (blMayBeFolder || a_openrequest.blExclusive || a_openrequest.u32Guard)
     {
         if (fstat(iDescriptor, &status) != 0)
             return Refuse(PosixTranslate(errno));
+        if (a_openrequest.u32Guard && !PosixGuardAdmits(status, a_openrequest.u32Guard, a_openrequest.blFolder))
+            return Admission::Failed;
         if (S_ISDIR(status.st_mode) && !a_openrequest.blFolder)
             return Refuse(PLAT_ERROR_ACCESSDENIED);
         if (!S_ISREG(status.st_mode))

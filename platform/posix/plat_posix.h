@@ -154,6 +154,14 @@ int PosixChildDescriptor(PlatHandle a_plathandle);
 // Takes over the descriptor of a child that nobody waits for any more, and sees the child off at its end.
 void PosixLeaveChild(int a_iProcess);
 
+// Whose something is that belongs to this user. Defined with plat_user.h, which names the owners.
+enum PlatOwner : uint32_t;
+PlatOwner PosixOwnerOf(uint32_t a_u32User);
+
+// The group that a user's files belong to. One who has no account here has the group with his number, unless somebody
+// else has it, and nobody's otherwise.
+uint32_t PosixPrimaryGroup(uint32_t a_u32User);
+
 // Somebody that a program can be run as.
 struct PosixUser
 {

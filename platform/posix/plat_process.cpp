@@ -6,6 +6,7 @@
 // gets, and an error is known at once. What the child does until then is therefore a short list of raw system calls.
 #include "plat_process.h"
 #include "plat_posix.h"
+#include "plat_user.h"
 
 #include <algorithm>
 #include <atomic>
@@ -457,7 +458,7 @@ static uint32_t OwnSession()
 
 bool PlatProcessIntegrity(uint32_t* a_pu32Integrity)
 {
-    *a_pu32Integrity = geteuid() == 0 ? PLAT_INTEGRITY_HIGH : PLAT_INTEGRITY_MEDIUM;
+    *a_pu32Integrity = PlatUserId() == 0 ? PLAT_INTEGRITY_HIGH : PLAT_INTEGRITY_MEDIUM;
     return true;
 }
 

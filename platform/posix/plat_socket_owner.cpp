@@ -10,10 +10,8 @@
 
 #include <arpa/inet.h>
 #include <atomic>
-#include <cstdlib>
 #include <cstring>
 #include <dirent.h>
-#include <fcntl.h>
 #include <linux/inet_diag.h>
 #include <linux/netlink.h>
 #include <linux/sock_diag.h>
@@ -146,32 +144,13 @@ static Answer Find(const sockaddr_in& a_addressOwn, const sockaddr_in& a_address
 
 // --------------------------------------------------------------------------------------------- what a row says
 
-// The user that stands for those whom this process has no number for.
-static uint32_t OverflowUser()
-{
-    constexpr uint32_t u32Usual = 65534;
-    const PosixDescriptor posixdescriptor(open("/proc/sys/kernel/overflowuid", O_RDONLY | O_CLOEXEC));
-    char szNumber[16];
-    const ssize_t ssizetRead =
-        posixdescriptor.IsOpen() ? read(posixdescriptor.Get(), szNumber, sizeof szNumber - 1) : 0;
-    if (ssizetRead <= 0)
-        return u32Usual;
-    szNumber[ssizetRead] = 0;
-    return static_cast<uint32_t>(strtoul(szNumber, nullptr, 10));
-}
-
 static PlatOwner OwnerOf(const inet_diag_msg& a_row)
 {
     // A connection that waits to be accepted has no inode yet, one that was closed has none any more.
     const bool blWaits = a_row.idiag_state == TCP_ESTABLISHED || a_row.idiag_state == TCP_CLOSE_WAIT;
     if (a_row.idiag_inode == 0 && !(blWaits && a_row.idiag_uid != 0))
         return PLAT_OWNER_NONE;
-    static const uint32_t g_u32OverflowUser = OverflowUser();
-    if (a_row.idiag_uid == g_u32OverflowUser)
-        return PLAT_OWNER_OTHER;
-    if (a_row.idiag_uid == geteuid())
-        return PLAT_OWNER_SAME;
-    return a_row.idiag_uid == 0 ? PLAT_OWNER_SYSTEM : PLAT_OWNER_OTHER;
+    return PosixOwnerOf(a_row.idiag_uid);
 }
 
 // The end of the stream counts as a byte until it is read.

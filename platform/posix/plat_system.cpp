@@ -1,6 +1,7 @@
 // plat_system.cpp: the clock, the machine, its folders, the modules of this process.
 #include "plat_system.h"
 #include "plat_posix.h"
+#include "plat_user.h"
 
 #include <chrono>
 #include <cstring>
@@ -146,7 +147,7 @@ static std::string FolderPath(PlatFolder a_platfolder)
     case PLAT_FOLDER_PROGRAM:
         if (PosixEnvGet("PROGRAMDATA", strPath))
             return strPath;
-        if (geteuid() == 0)
+        if (PlatUserId() == 0)
             return "/var/lib";
         return FolderOf("XDG_STATE_HOME", strPath) ? strPath : BelowHome("/.local/state");
     case PLAT_FOLDER_TEMP:
