@@ -61,25 +61,22 @@ static void Leave(PosixThread* a_pposixthread)
         delete a_pposixthread;
 }
 
-namespace
+// The thread's part of the object lasts until its own objects are destroyed: meanwhile it may still be terminated, and
+// may still put that off.
+static void Register(PosixThread* a_pposixthread)
 {
-// The thread's part of the object. As the first object of its thread it is the last one to be destroyed: the others
-// may still be terminated, and may still put that off.
-class Registration
-{
-public:
-    explicit Registration(PosixThread* a_pposixthread) { t_pposixthread = a_pposixthread; }
-    ~Registration()
-    {
-        PosixThread* const pposixthread = t_pposixthread;
-        t_pposixthread = nullptr;
-        std::atomic_signal_fence(std::memory_order_seq_cst);
-        Leave(pposixthread);
-    }
-    Registration(const Registration&) = delete;
-    Registration& operator=(const Registration&) = delete;
-};
-}   // namespace
+    static const pthread_key_t g_key = [] {
+        pthread_key_t key = 0;
+        pthread_key_create(&key, [](void* a_pvThread) {
+            t_pposixthread = nullptr;
+            std::atomic_signal_fence(std::memory_order_seq_cst);
+            Leave(static_cast<PosixThread*>(a_pvThread));
+        });
+        return key;
+    }();
+    t_pposixthread = a_pposixthread;
+    pthread_setspecific(g_key, a_pposixthread);
+}
 
 // ---------------------------------------------------------------------------------------------- ended from outside
 
@@ -114,7 +111,6 @@ static int TerminateSignal()
     static const int g_iSignal = [] {
         struct sigaction action = {};
         action.sa_handler = EndHere;
-        action.sa_flags = SA_RESTART;
         sigfillset(&action.sa_mask);
         const int iSignal = SIGRTMAX - 1;
         sigaction(iSignal, &action, nullptr);
@@ -149,7 +145,7 @@ static uint32_t CallProcedure(const PosixThread* a_pposixthread)
 static void* RunThread(void* a_pvThread)
 {
     auto* pposixthread = static_cast<PosixThread*>(a_pvThread);
-    static thread_local const Registration t_registration(pposixthread);
+    Register(pposixthread);
     AllowTermination();
     pposixthread->iThreadId.store(static_cast<int>(PlatThreadId()), std::memory_order_release);
     pposixthread->iThreadId.notify_one();
