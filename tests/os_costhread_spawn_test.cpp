@@ -115,7 +115,8 @@ TEST_F(Spawn, TheChildStartsAsFromAShell)
     pthread_sigmask(SIG_BLOCK, &sigset, nullptr);
     std::signal(SIGINT, SIG_IGN);
     EXPECT_EQ(Start(g_u32Piped | OS_SPAWNFLAGS_DETACHED,
-                    Script("facts", "cut -d' ' -f6 /proc/$$/stat; ulimit -Sn; grep -E 'Sig(Blk|Ign)' /proc/$$/status")),
+                    Script("facts",
+                           "cut -d' ' -f6 /proc/$$/stat; ulimit -Sn; exec grep -E 'Sig(Blk|Ign)' /proc/self/status")),
               EOSSTS_SUCCESS);
     const std::string strSession = std::to_string(m_osthread.ChildProcessId());
     EXPECT_EQ(Output(), strSession + "\n200\nSigBlk:\t0000000000000000\nSigIgn:\t0000000000000000\n");
