@@ -332,12 +332,13 @@ struct KernelProcess
 static uint32_t CodeOfReaped(const PosixChild& a_posixchild)
 {
     constexpr uint64_t u64WantStatus = 8;
+    constexpr unsigned long ulGetInfo = _IOWR(0xFF, 11, KernelProcess);
     constexpr int iTries = 1000;
     for (int i = 0; i < iTries; ++i)
     {
         KernelProcess kernelprocess{};
         kernelprocess.u64Mask = u64WantStatus;
-        if (ioctl(a_posixchild.iProcess, _IOWR(0xFF, 11, KernelProcess), &kernelprocess) != 0 && errno != ESRCH)
+        if (ioctl(a_posixchild.iProcess, ulGetInfo, &kernelprocess) != 0 && errno != ESRCH)
             break;
         const int iStatus = kernelprocess.i32Status;
         if (kernelprocess.u64Mask & u64WantStatus)
