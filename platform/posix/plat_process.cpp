@@ -341,9 +341,9 @@ static uint32_t CodeOfReaped(const PosixChild& a_posixchild)
         if (ioctl(a_posixchild.iProcess, ulGetInfo, &kernelprocess) != 0 && errno != ESRCH)
             break;
         const int iStatus = kernelprocess.i32Status;
+        const bool blExited = WIFEXITED(iStatus);
         if (kernelprocess.u64Mask & u64WantStatus)
-            return CodeOf(!WIFEXITED(iStatus), WIFEXITED(iStatus) ? WEXITSTATUS(iStatus) : WTERMSIG(iStatus),
-                          a_posixchild);
+            return CodeOf(!blExited, blExited ? WEXITSTATUS(iStatus) : WTERMSIG(iStatus), a_posixchild);
         sched_yield();
     }
     return PLAT_EXITCODEUNKNOWN;
