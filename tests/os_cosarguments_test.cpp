@@ -151,6 +151,28 @@ TEST(Arguments, DocumentIsBuiltOfTheConfigurationElseOfWhatIsGiven)
     EXPECT_STREQ(OsArgumentsDocument(), "");
 }
 
+TEST(Arguments, PublishingThatBreaksLeavesTheLockFree)
+{
+    struct BrokenSink final : COsLogSink
+    {
+        void VPrintf(const char*, uint32_t, uint32_t, const char*, va_list) override { throw std::bad_alloc(); }
+        uint32_t WorkingWord() const override { return 1; }
+    };
+    BrokenSink brokensink;
+    g_poslogsink = &brokensink;
+    EXPECT_THROW(OsArgumentsPublish(true), std::bad_alloc);
+    g_poslogsink = nullptr;
+    static std::atomic<bool> g_blPublished{false};
+    std::thread([] {
+        OsArgumentsPublish(true);
+        OsArgumentsPublish(false);
+        OsArgumentsClearThread();
+        g_blPublished = true;
+    }).detach();
+    EXPECT_TRUE(WaitFor([] { return g_blPublished.load(); }));
+    OsArgumentsClear(OS_CLEARARGUMENTS_THREAD | OS_CLEARARGUMENTS_GENERAL);
+}
+
 TEST(Arguments, PublishedDocumentArrivesInAChild)
 {
     EXPECT_EQ(WhatAChildTakesIn(), "|||||||||||||0,0,0|owner|||MVR_OSSERVICESARGUMENTSB64|");
