@@ -67,7 +67,7 @@ void COsSync::EventClose()
 {
     if (!Usable(m_possyncimpl))
         return;
-    if (const EOSSYNCTYPE eossynctype = m_possyncimpl->Use().eossynctype;
+    if (const EOSSYNCTYPE eossynctype = m_possyncimpl->Type();
         eossynctype != OS_SYNCTYPE_NONE && eossynctype != OS_SYNCTYPE_EVENT)
     {
         OSLOG(OS_LOG_CHECK, "sync>>> not an event...%d", static_cast<int>(eossynctype));
@@ -103,6 +103,8 @@ OsSyncEvent::~OsSyncEvent()
 
 OsSyncReference<OsSyncHandle> OsSyncBell::Take()
 {
+    if (!m_blHung)
+        return {};
     const COsSpinGuard spinguard(&m_u64Lock);
     return m_ossynchandle;
 }
@@ -121,18 +123,28 @@ bool OsSyncBell::Hang()
     const COsSpinGuard spinguard(&m_u64Lock);
     if (!m_ossynchandle)
         std::swap(m_ossynchandle, ossynchandle);
+    m_blHung = true;
     return true;
 }
 
 void OsSyncBell::Ring()
 {
+    if (!m_blHung)
+        return;
     OsSyncReference<OsSyncHandle> ossynchandle;
     {
         const COsSpinGuard spinguard(&m_u64Lock);
         std::swap(m_ossynchandle, ossynchandle);
+        m_blHung = false;
     }
     if (ossynchandle)
         PlatEventSet(ossynchandle->plathandle);
+}
+
+EOSSYNCTYPE COsSyncImpl::Type()
+{
+    const COsSpinGuard spinguard(&m_u64Lock);
+    return m_eossynctype;
 }
 
 OsSyncUse COsSyncImpl::Use()
@@ -185,10 +197,9 @@ EOSSTS COsSyncImpl::EventCreate(const char* a_szName, const char* a_szGroup)
     if (!Take(OS_SYNCSTATE_CREATED, a_szName, a_szGroup))
         return EOSSTS_FAIL;
 
-    const OsSyncReference<OsSyncEvent> ossyncevent = MakeEvent(a_szName);
-    if (!Publish(ossyncevent))
+    if (!Publish(MakeEvent(a_szName)))
         return EOSSTS_FAIL;
-    if (!IsEmpty(a_szGroup) && !JoinGroup(ossyncevent, a_szGroup))
+    if (!IsEmpty(a_szGroup) && !JoinGroup(a_szGroup))
     {
         EventClose();
         return EOSSTS_FAIL;
@@ -209,9 +220,9 @@ EOSSTS COsSyncImpl::EventOpen(const char* a_szName)
         return EOSSTS_FAIL;
 
     PlatSetLastError(PLAT_ERROR_NONE);
-    const OsSyncReference<OsSyncEvent> ossyncevent = MakeEvent(a_szName);
+    OsSyncReference<OsSyncEvent> ossyncevent = MakeEvent(a_szName);
     const bool blExisted = PlatGetLastError() == PLAT_ERROR_ALREADYEXISTS;
-    if (!Publish(ossyncevent))
+    if (!Publish(std::move(ossyncevent)))
         return EOSSTS_NOTFOUND;
     if (!blExisted)
     {
@@ -254,29 +265,32 @@ bool COsSyncImpl::Take(EOSSYNCSTATE a_eossyncstate, const char* a_szName, const 
 }
 
 // From now on the event can be used and closed. False, logged and with the object free again, when there is none.
-bool COsSyncImpl::Publish(const OsSyncReference<OsSyncEvent>& a_ossyncevent)
+bool COsSyncImpl::Publish(OsSyncReference<OsSyncEvent> a_ossyncevent)
 {
+    const bool blEvent = static_cast<bool>(a_ossyncevent);
     {
         const COsSpinGuard spinguard(&m_u64Lock);
-        m_ossyncevent = a_ossyncevent;
-        if (!a_ossyncevent)
+        if (blEvent)
+            m_ossyncevent = std::move(a_ossyncevent);
+        else
             Reset();
     }
-    if (!a_ossyncevent)
+    if (!blEvent)
     {
         OSLOG(OS_LOG_ERROR, "sync>>> CreateEvent failed...");
         PlatSetLastError(PLAT_ERROR_NONE);
     }
-    return static_cast<bool>(a_ossyncevent);
+    return blEvent;
 }
 
-bool COsSyncImpl::JoinGroup(const OsSyncReference<OsSyncEvent>& a_ossyncevent, const char* a_szGroup)
+bool COsSyncImpl::JoinGroup(const char* a_szGroup)
 {
+    const OsSyncReference<OsSyncEvent> ossyncevent = Use().ossyncevent;
     OsSyncMembership ossyncmembership;
-    if (!ossyncmembership.Join(a_ossyncevent, a_szGroup))
+    if (!ossyncevent || !ossyncmembership.Join(ossyncevent, a_szGroup))
         return false;
     const COsSpinGuard spinguard(&m_u64Lock);
-    const bool blOpen = m_ossyncevent == a_ossyncevent;   // unless another thread has closed it meanwhile
+    const bool blOpen = m_ossyncevent == ossyncevent;   // unless another thread has closed it meanwhile
     if (blOpen)
         m_ossyncmembership.Swap(ossyncmembership);
     return blOpen;
@@ -329,15 +343,14 @@ OsSyncWaitList::OsSyncWaitList(const OsSyncUse& a_ossyncuse) : ossynchandleBell(
         aplathandle[u32Count++] = a_ossyncuse.ossynchandleWatch->plathandle;
     u32FirstEvent = u32Count;
     if (a_ossyncuse.ossyncgroup)
-    {
         u32Events = a_ossyncuse.ossyncgroup->Events(aossyncevent);
-    }
-    else
-    {
-        aossyncevent[u32Events++] = a_ossyncuse.ossyncevent;
-    }
     for (uint32_t u32Event = 0; u32Event < u32Events; ++u32Event)
         aplathandle[u32Count++] = aossyncevent[u32Event]->plathandle;
+    if (!a_ossyncuse.ossyncgroup)
+    {
+        possynceventAlone = a_ossyncuse.ossyncevent.Get();
+        aplathandle[u32Count++] = possynceventAlone->plathandle;
+    }
     if (HasBell())
         aplathandle[u32Count++] = ossynchandleBell->plathandle;
 }
@@ -345,7 +358,9 @@ OsSyncWaitList::OsSyncWaitList(const OsSyncUse& a_ossyncuse) : ossynchandleBell(
 const OsSyncEvent* OsSyncWaitList::EventAt(uint32_t a_u32Index) const
 {
     const uint32_t u32Event = a_u32Index - u32FirstEvent;
-    return u32Event < u32Events ? aossyncevent[u32Event].operator->() : nullptr;
+    if (u32Event < u32Events)
+        return aossyncevent[u32Event].Get();
+    return u32Event == 0 ? possynceventAlone : nullptr;
 }
 
 namespace

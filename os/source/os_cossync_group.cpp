@@ -73,7 +73,7 @@ static OsSyncReference<OsSyncGroup> Register(const OsSyncReference<OsSyncEvent>&
         possyncgroup = possyncgroup->possyncgroupNext;
     if (!possyncgroup)
     {
-        possyncgroup = a_ossyncgroup.operator->();
+        possyncgroup = a_ossyncgroup.Get();
         possyncgroup->possyncgroupNext = std::exchange(g_possyncgroupFirst, possyncgroup);
     }
     if (possyncgroup->aossyncevent[a_u32Slot])
@@ -234,10 +234,10 @@ void OsSyncMembership::Leave()
 {
     if (!m_ossyncgroup)
         return;
-    const OsSyncReference<OsSyncEvent> ossyncevent = Unregister(*m_ossyncgroup.operator->(), m_u32Slot);
+    const OsSyncReference<OsSyncEvent> ossyncevent = Unregister(*m_ossyncgroup.Get(), m_u32Slot);
     m_ossyncgroup->bell.Ring();
     if (m_u32ProcessId == static_cast<uint32_t>(PlatProcessId()))
-        GiveSlotBack(*ossyncevent.operator->());
+        GiveSlotBack(*ossyncevent.Get());
     PlatClose(std::exchange(m_plathandleFile, 0));
     m_ossyncgroup = {};
 }

@@ -25,7 +25,11 @@ public:
     OsSyncCounted& operator=(const OsSyncCounted&) = delete;
 
     void Add() { m_u32References.fetch_add(1, std::memory_order_relaxed); }
-    bool IsLast() { return m_u32References.fetch_sub(1, std::memory_order_acq_rel) == 1; }
+    bool IsLast()   // nobody can add to the only reference
+    {
+        return m_u32References.load(std::memory_order_acquire) == 1 ||
+               m_u32References.fetch_sub(1, std::memory_order_acq_rel) == 1;
+    }
 
 protected:
     ~OsSyncCounted() = default;
@@ -61,6 +65,7 @@ public:
     }
 
     Object* operator->() const { return m_pobject; }
+    Object* Get() const { return m_pobject; }
     explicit operator bool() const { return m_pobject != nullptr; }
     bool operator==(const OsSyncReference& a_reference) const { return m_pobject == a_reference.m_pobject; }
 
@@ -91,6 +96,7 @@ public:
     void Ring();
 
 private:
+    std::atomic<bool> m_blHung = false;
     uint64_t m_u64Lock = 0;
     OsSyncReference<OsSyncHandle> m_ossynchandle;
 };
@@ -198,13 +204,14 @@ struct OsSyncUse
 // The handles of one look of a wait, in this order: a watched process, the event or every event of its group, the bell.
 struct OsSyncWaitList
 {
-    explicit OsSyncWaitList(const OsSyncUse& a_ossyncuse);
+    explicit OsSyncWaitList(const OsSyncUse& a_ossyncuse);   // which must outlive it
 
     const OsSyncEvent* EventAt(uint32_t a_u32Index) const;   // null for another handle
     bool HasBell() const { return static_cast<bool>(ossynchandleBell); }
 
     OsSyncReference<OsSyncHandle> ossynchandleBell;
-    OsSyncReference<OsSyncEvent> aossyncevent[OS_SYNCGROUP_SLOTS];
+    OsSyncReference<OsSyncEvent> aossyncevent[OS_SYNCGROUP_SLOTS];   // of a group
+    const OsSyncEvent* possynceventAlone = nullptr;                  // without a group
     PlatHandle aplathandle[1 + OS_SYNCGROUP_SLOTS + 1];
     uint32_t u32FirstEvent = 0;
     uint32_t u32Events = 0;
@@ -223,11 +230,12 @@ public:
     void EventClose();
 
     OsSyncUse Use();
+    EOSSYNCTYPE Type();
 
 private:
     bool Take(EOSSYNCSTATE a_eossyncstate, const char* a_szName, const char* a_szGroup);
-    bool Publish(const OsSyncReference<OsSyncEvent>& a_ossyncevent);
-    bool JoinGroup(const OsSyncReference<OsSyncEvent>& a_ossyncevent, const char* a_szGroup);
+    bool Publish(OsSyncReference<OsSyncEvent> a_ossyncevent);
+    bool JoinGroup(const char* a_szGroup);
     void Watch(const OsSyncReference<OsSyncEvent>& a_ossyncevent, OsSyncReference<OsSyncHandle> a_ossynchandle);
     void Reset();
 
