@@ -310,6 +310,7 @@ TEST_F(GroupedEvent, LockThatSomebodyKeepsIsWaitedForTwoSeconds)
     int aiPipe[2];
     ASSERT_EQ(pipe(aiPipe), 0);
     const pid_t pid = fork();
+    ASSERT_NE(pid, -1);
     if (pid == 0)
     {
         static_cast<void>(write(aiPipe[1], "x", 1));

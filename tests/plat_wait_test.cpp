@@ -166,6 +166,7 @@ TEST_F(WaitName, EverybodyMayOpenItWhateverTheUmask)
     ASSERT_EQ(lstat(strFile.c_str(), &status), 0);
     EXPECT_EQ(status.st_mode, S_IFIFO | mode_t{0666});
     const pid_t pid = fork();
+    ASSERT_NE(pid, -1);
     if (pid == 0)
     {
         static_cast<void>(setuid(65534));   // allowed to root
