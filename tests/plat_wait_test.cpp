@@ -169,6 +169,7 @@ TEST_F(WaitName, EverybodyMayOpenItWhateverTheUmask)
     ASSERT_NE(pid, -1);
     if (pid == 0)
     {
+        PlatClose(plathandle);              // the parent's as well
         static_cast<void>(setuid(65534));   // allowed to root
         const PlatHandle plathandleTheirs = PlatEventCreate(PLAT_RESET_AUTO, Wide(strName).c_str());
         _exit(PlatGetLastError() == PLAT_ERROR_ALREADYEXISTS && PlatEventSet(plathandleTheirs) ? 0 : 1);

@@ -14,8 +14,7 @@
 #include <vector>
 
 // A handle carries what it is and a descriptor or a pointer: bits 48 to 55 hold the kind (never 0, never 0xFF), bits 0
-// to 47 a pointer, or the descriptor (0 to 30) and its generation (32 to 47), and bits 56 to 63 what a file is open
-// for.
+// to 47 a pointer, or the descriptor (0 to 30) and its generation (32 to 47), and bits 56 to 63 what its kind adds.
 enum class PosixKind : uint32_t
 {
     None = 0,
@@ -179,6 +178,7 @@ bool PosixDrainEvent(int a_iEvent);
 
 // Opens or makes an event with a name. -1, with the last error, on failure.
 int PosixOpenNamedEvent(const char16_t* a_wszName, bool* a_pblExisted);
+PlatHandle PosixNamedEventOwner();   // what its handle carries beside the descriptor
 
 // The descriptor that can be read once a child has ended.
 int PosixChildDescriptor(PlatHandle a_plathandle);

@@ -45,7 +45,8 @@ PlatHandle PlatEventCreate(PlatReset a_platreset, const char16_t* a_wszName)
     }
     PlatSetLastError(blExisted ? PLAT_ERROR_ALREADYEXISTS : PLAT_ERROR_NONE);
     if (a_wszName)
-        return PosixMakeHandle(blAuto ? PosixKind::NamedEventAuto : PosixKind::NamedEventManual, iEvent);
+        return PosixMakeHandle(blAuto ? PosixKind::NamedEventAuto : PosixKind::NamedEventManual, iEvent) |
+               PosixNamedEventOwner();
     return PosixMakeHandle(blAuto ? PosixKind::EventAuto : PosixKind::EventManual, iEvent);
 }
 

@@ -23,6 +23,7 @@
 #include <cstring>
 #include <fcntl.h>
 #include <limits.h>
+#include <pthread.h>
 #include <sys/file.h>
 #include <sys/stat.h>
 #include <unistd.h>
@@ -252,6 +253,17 @@ int PosixOpenNamedEvent(const char16_t* a_wszName, bool* a_pblExisted)
     return posixdescriptor.Release();
 }
 
+// How many forks lead to this process, as a handle carries it. What a child has got by a fork it shares with its
+// parent, the lock included, and leaves to it.
+static std::atomic<PlatHandle> g_atomicForks{0};
+
+PlatHandle PosixNamedEventOwner()
+{
+    [[maybe_unused]] static const int g_iHooked =
+        pthread_atfork(nullptr, nullptr, [] { g_atomicForks += PlatHandle{1} << 56; });
+    return g_atomicForks;
+}
+
 // Takes the name of a FIFO away, wherever it is by now.
 static void Unlink(int a_iFifo)
 {
@@ -270,8 +282,9 @@ static void Unlink(int a_iFifo)
 bool PosixCloseNamedEvent(PlatHandle a_plathandle)
 {
     const int iFifo = PosixDescriptorOf(a_plathandle);
+    const bool blOurs = (a_plathandle >> 56) == (PosixNamedEventOwner() >> 56);
     // A lock that is refused takes the shared one with it, which is as well: of two closers the second is the last.
-    if (Lock(iFifo, LOCK_EX))
+    if (blOurs && Lock(iFifo, LOCK_EX))
         Unlink(iFifo);
     return close(iFifo) == 0 || PosixFailErrno();
 }
