@@ -280,6 +280,30 @@ TEST_F(GroupedEvent, ForgedOrCutFileDoesNoHarm)
     EXPECT_STREQ(szName, "first");
 }
 
+// A wait on its way lets go of what another thread closes, and ends with its own event.
+TEST_F(GroupedEvent, CloseReachesTheWaitsOfTheGroup)
+{
+    for (int iRound = 0; iRound < 20; ++iRound)
+    {
+        COsSync ossync;
+        COsSync ossyncSecond;
+        COsSync ossyncOpened;
+        ASSERT_EQ(ossync.EventCreate("first", "group"), EOSSTS_SUCCESS);
+        ASSERT_EQ(ossyncSecond.EventCreate("second", "group"), EOSSTS_SUCCESS);
+        std::jthread jthread([&] { EXPECT_EQ(ossync.EventWait(g_u32Patience, nullptr), EOSSTS_FAIL); });
+        PlatSleep(static_cast<uint32_t>(iRound % 3));
+        ossyncSecond.EventClose();
+        EXPECT_TRUE(WaitFor(
+            [&] {
+                const EOSSTS eossts = ossyncOpened.EventOpen("second");
+                ossyncOpened.EventClose();
+                return eossts == EOSSTS_NOTFOUND;
+            },
+            5000));
+        ossync.EventClose();
+    }
+}
+
 TEST_F(GroupedEvent, SlotOfAKilledProcessIsFreeAgain)
 {
     const Part part("member " + m_path.string());
