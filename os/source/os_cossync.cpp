@@ -271,9 +271,13 @@ bool COsSyncImpl::Publish(OsSyncReference<OsSyncEvent> a_ossyncevent)
     {
         const COsSpinGuard spinguard(&m_u64Lock);
         if (blEvent)
+        {
             m_ossyncevent = std::move(a_ossyncevent);
+        }
         else
+        {
             Reset();
+        }
     }
     if (!blEvent)
     {

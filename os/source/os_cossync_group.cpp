@@ -189,8 +189,10 @@ bool OsSyncMembership::Join(const OsSyncReference<OsSyncEvent>& a_ossyncevent, c
     if (ossyncjoin == OsSyncJoin::Refused)
         OSLOG(OS_LOG_CHECK, "sync>>> OsMemSharedAlloc failed...<%s> <%s>", a_ossyncevent->szName, a_szGroup);
     if (ossyncjoin == OsSyncJoin::Mismatched)
+    {
         OSLOG(OS_LOG_CHECK, "sync>>> mismatch detected in OsSyncGroup...%d < %d", static_cast<int>(u64Size),
               static_cast<int>(sizeof(OsSyncGroupFile)));
+    }
     if (ossyncjoin == OsSyncJoin::Full)
         OSLOG(OS_LOG_CHECK, "sync>>> m_possyncgroupShared is full...<%s> <%s>", a_ossyncevent->szName, a_szGroup);
     return false;
