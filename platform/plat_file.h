@@ -91,6 +91,12 @@ bool PlatFileLock(PlatHandle a_plathandle, uint64_t a_u64Offset, uint64_t a_u64L
 // For bytes that this handle has locked, as it locked them. What others hold stays locked.
 bool PlatFileUnlock(PlatHandle a_plathandle, uint64_t a_u64Offset, uint64_t a_u64Length);
 
+// As those two, for one operation: the lock is waited for up to a_u32Milliseconds (33 then), and a process that is
+// forked before it is given back does not get the handle, so that the lock ends with this process.
+bool PlatFileLockBriefly(PlatHandle a_plathandle, uint64_t a_u64Offset, uint64_t a_u64Length,
+                         uint32_t a_u32Milliseconds);
+bool PlatFileUnlockBriefly(PlatHandle a_plathandle, uint64_t a_u64Offset, uint64_t a_u64Length);
+
 enum PlatEntry : uint32_t
 {
     PLAT_ENTRY_FOLDER = 1,
