@@ -330,18 +330,21 @@ unsigned long NumberOf(const std::string& a_strValue)
     return ulNumber;
 }
 
-// What a look at the whole file shows of a key. The file has two keys and nothing else.
-unsigned long NumberIn(const std::string& a_strPath, char a_chKey)
+// What a look at the whole file shows: the number of each key. Nothing else is in it.
+struct Numbers
 {
-    static const std::regex g_regex("\\[s\\]\r\nkey(.)=(.*)\r\nkey(.)=(.*)\r\n");
-    std::smatch smatch;
-    const std::string strText = ReadWhole(a_strPath);
-    EXPECT_TRUE(std::regex_match(strText, smatch, g_regex)) << strText;
-    if (smatch.size() != 5)
-        return 0;
-    const unsigned long aulNumber[] = {NumberOf(smatch[2]), NumberOf(smatch[4])};
-    return aulNumber[smatch[1] == std::string(1, a_chKey) ? 0 : 1];
-}
+    explicit Numbers(const std::string& a_strPath)
+    {
+        static const std::regex g_regex("\\[s\\]\r\nkeya=(.*)\r\nkeyb=(.*)\r\n");
+        std::smatch smatch;
+        const std::string strText = ReadWhole(a_strPath);
+        EXPECT_TRUE(std::regex_match(strText, smatch, g_regex)) << strText;
+        ulA = smatch.empty() ? 0 : NumberOf(smatch[1]);
+        ulB = smatch.empty() ? 0 : NumberOf(smatch[2]);
+    }
+    unsigned long ulA;
+    unsigned long ulB;
+};
 
 // The last number that a writer said it has written, or what was known of it before.
 unsigned long LastSaid(const Part& a_part, unsigned long a_ulKnown)
@@ -382,6 +385,15 @@ TEST_F(Profile, AKilledWriterTearsNothingAndTakesNothingAlong)
     const std::string strFile = PathOf("p.ini");
     WriteWhole(strFile, "[s]\r\nkeya=0:\r\nkeyb=0:\r\n");
     const Part partOther(strFile + " keyb");
+    const std::jthread reader([&](const std::stop_token& a_stoptoken) {
+        for (Numbers numbersLast(strFile); !a_stoptoken.stop_requested() && !HasFailure();)
+        {
+            const Numbers numbers(strFile);
+            EXPECT_GE(numbers.ulA, numbersLast.ulA);
+            EXPECT_GE(numbers.ulB, numbersLast.ulB);
+            numbersLast = numbers;
+        }
+    });
     unsigned long ulOther = 0;
     unsigned long ulKilled = 0;
     const char* const szRounds = getenv("TEST_ROUNDS");
@@ -389,17 +401,17 @@ TEST_F(Profile, AKilledWriterTearsNothingAndTakesNothingAlong)
     for (int iRound = 0; iRound < iRounds && !HasFailure(); ++iRound)
     {
         const Part part(strFile + " keya");
-        const std::string strFirst = part.OutputUpTo("\n");
-        const unsigned long ulEnd = NumberOf(Numbered(strtoul(strFirst.c_str(), nullptr, 10))) + 2;
-        EXPECT_TRUE(WaitFor([&] { return NumberIn(strFile, 'a') >= ulEnd; }));
+        const unsigned long ulFirst = strtoul(part.OutputUpTo("\n").c_str(), nullptr, 10);
+        EXPECT_TRUE(WaitFor([&] { return Numbers(strFile).ulA > ulFirst; }));
         PlatSleep(static_cast<uint32_t>(iRound) % 3);   // wherever it is now
         part.Kill();
         ulKilled = LastSaid(part, ulKilled);
         ulOther = LastSaid(partOther, ulOther);
-        EXPECT_GE(NumberIn(strFile, 'a'), ulKilled);
-        EXPECT_GE(NumberIn(strFile, 'b'), ulOther);
+        const Numbers numbers(strFile);
+        EXPECT_GE(numbers.ulA, ulKilled);
+        EXPECT_GE(numbers.ulB, ulOther);
     }
-    EXPECT_TRUE(WaitFor([&] { return NumberIn(strFile, 'b') > ulOther; })) << "the other one goes on";
+    EXPECT_TRUE(WaitFor([&] { return Numbers(strFile).ulB > ulOther; })) << "the other one goes on";
     EXPECT_GT(ulOther, 0u);
 }
 
@@ -413,13 +425,13 @@ TEST_F(Profile, AReaderFindsAFileWholeThatIsWrittenInPlace)
     const Part partB(strFile + " keyb");
     unsigned long ulA = 0;
     unsigned long ulB = 0;
-    while ((ulA < 100 || ulB < 100) && !HasFailure())
-    {
+    EXPECT_TRUE(WaitFor([&] {
         EXPECT_GE(NumberOf(Read("p.ini", "s", "keya")), ulA);
         EXPECT_GE(NumberOf(Read("p.ini", "s", "keyb")), ulB);
         ulA = LastSaid(partA, ulA);
         ulB = LastSaid(partB, ulB);
-    }
+        return (ulA > 500 && ulB > 500) || HasFailure();
+    }));
 }
 
 // --------------------------------------------------------------------------------------------- which file serves it
