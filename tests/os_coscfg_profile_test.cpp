@@ -1,6 +1,7 @@
 // os_coscfg_profile_test.cpp: the profile cache: reading, storing and writing back, files that are no INI files, which
 // file serves a request.
 #include "coscfg_support.h"
+#include "os_coscfg_profilefile.h"
 #include "plat_child.h"
 
 #include "plat_file.h"
@@ -299,6 +300,20 @@ TEST_F(Profile, WhatAnotherProgramWroteMeanwhileStays)
     WriteWhole(PathOf("new.ini"), "theirs");
     EXPECT_EQ(WriteBack("new.ini"), EOSSTS_FAIL);
     EXPECT_EQ(ReadWhole(PathOf("new.ini")), "theirs");
+}
+
+TEST_F(Profile, AWriterWaitsForAnotherButNotForEver)
+{
+    WriteWhole(PathOf("a.ini"), "[s]\nkey=1\n");
+    EXPECT_EQ(Store("a.ini", "s", "key", "2"), EOSSTS_SUCCESS);
+    const PlatHandle plathandle =
+        PlatFileOpen(Wide(PathOf("a.ini")).c_str(), PLAT_ACCESS_READ,
+                     PLAT_SHARE_READ | PLAT_SHARE_WRITE | PLAT_SHARE_DELETE, PLAT_DISPOSITION_OPENEXISTING, 0);
+    EXPECT_TRUE(PlatFileLock(plathandle, OS_PROFILELOCK, 1));
+    EXPECT_EQ(WriteBack("a.ini"), EOSSTS_FAIL);
+    EXPECT_TRUE(m_logcapture.HasAt(4, "fail: open failed...<" + Shown("a.ini") + ">"));
+    PlatClose(plathandle);
+    EXPECT_EQ(WriteBack("a.ini"), EOSSTS_SUCCESS);
 }
 
 TEST_F(Profile, NamesThatDifferInCaseAreTwoFilesHere)

@@ -16,7 +16,6 @@ namespace
 {
 // ---------------------------------------------------------------------------------------------- opening and locking
 
-constexpr uint64_t g_u64LockOffset = (uint64_t{1} << 61) - 1;
 constexpr uint32_t g_u32LockPatience = 2000;   // milliseconds
 constexpr uint32_t g_u32ReadWrite = PLAT_ACCESS_READ | PLAT_ACCESS_WRITE;
 
@@ -72,7 +71,7 @@ bool ProfileHandle::Lock()
     const uint64_t u64End = PlatTicks() + g_u32LockPatience;
     while (!m_blLocked)
     {
-        m_blLocked = PlatFileLock(m_plathandle, g_u64LockOffset, 1);
+        m_blLocked = PlatFileLock(m_plathandle, OS_PROFILELOCK, 1);
         if (m_blLocked || PlatGetLastError() != PLAT_ERROR_LOCK)
             return true;
         if (PlatTicks() >= u64End)
@@ -88,7 +87,7 @@ void ProfileHandle::Close()
     if (m_plathandle == PLAT_INVALID)
         return;
     if (m_blLocked)
-        PlatFileUnlock(m_plathandle, g_u64LockOffset, 1);
+        PlatFileUnlock(m_plathandle, OS_PROFILELOCK, 1);
     PlatClose(m_plathandle);
 }
 

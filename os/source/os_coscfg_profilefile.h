@@ -9,6 +9,8 @@
 
 #include "plat_file.h"
 
+inline constexpr uint64_t OS_PROFILELOCK = (uint64_t{1} << 61) - 1;   // where the byte is
+
 enum class OsCfgProfileState
 {
     Current,
