@@ -1,5 +1,6 @@
 // os_coscfg_profile_test.cpp: the profile cache: reading, storing and writing back, files that are no INI files, which
 // file serves a request.
+#include "allocation_support.h"
 #include "coscfg_support.h"
 #include "os_coscfg_profilefile.h"
 #include "plat_child.h"
@@ -314,6 +315,33 @@ TEST_F(Profile, AWriterWaitsForAnotherButNotForEver)
     EXPECT_TRUE(m_logcapture.HasAt(4, "fail: open failed...<" + Shown("a.ini") + ">"));
     PlatClose(plathandle);
     EXPECT_EQ(WriteBack("a.ini"), EOSSTS_SUCCESS);
+}
+
+// Whichever allocation fails, the file is the old one or the new one, and the next write-back succeeds.
+TEST_F(Profile, WithoutMemoryAFileStaysWhole)
+{
+    WriteWhole(PathOf("a.ini"), "[s]\r\nkey=0\r\n");
+    Read("a.ini", "s", "key");
+    g_poslogsink.store(nullptr);
+    bool blEnough = false;
+    for (int iFailing = 1; !blEnough && iFailing < 1000; ++iFailing)
+    {
+        const std::string strFile = PathOf("a.ini");
+        const std::string strBefore = ReadWhole(strFile);
+        const std::string strValue = std::to_string(iFailing);
+        g_iAllocationsLeft = iFailing;
+        const bool blStored = OsCfgProfileWrite(strFile.c_str(), "s", "key", strValue.c_str()) == EOSSTS_SUCCESS;
+        const bool blWritten = OsCfgProfileWriteBack(strFile.c_str()) == EOSSTS_SUCCESS;
+        blEnough = g_iAllocationsLeft > 0;
+        g_iAllocationsLeft = 0;
+        const std::string strAfter = "[s]\r\nkey=" + strValue + "\r\n";
+        EXPECT_EQ(ReadWhole(strFile), blStored && blWritten ? strAfter : strBefore) << iFailing;
+        EXPECT_TRUE(blWritten || !blEnough);
+        EXPECT_EQ(Store("a.ini", "s", "key", strValue.c_str()), EOSSTS_SUCCESS);
+        EXPECT_EQ(WriteBack("a.ini"), EOSSTS_SUCCESS);
+    }
+    EXPECT_TRUE(blEnough);
+    EXPECT_EQ(std::distance(fs::directory_iterator(m_path), {}), 1) << "nothing is left behind";
 }
 
 TEST_F(Profile, NamesThatDifferInCaseAreTwoFilesHere)

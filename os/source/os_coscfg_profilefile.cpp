@@ -10,6 +10,7 @@
 #include "plat_wait.h"
 
 #include <cstring>
+#include <new>
 #include <optional>
 
 namespace
@@ -99,6 +100,21 @@ OsCfgProfileState StateOfFailedOpen()
     return blMissing ? OsCfgProfileState::Missing : OsCfgProfileState::Unreadable;
 }
 
+// The platform layer takes memory for paths.
+template <class Result, class Operation>
+Result WithoutThrowing(Result a_resultFailed, Operation a_operation)
+{
+    try
+    {
+        return a_operation();
+    }
+    catch (const std::bad_alloc&)
+    {
+        PlatSetLastError(PLAT_ERROR_NONE);
+        return a_resultFailed;
+    }
+}
+
 // ----------------------------------------------------------------------------------------------------------- reading
 
 bool Read(PlatHandle a_plathandle, OsCfgProfileImage* a_poscfgprofileimage)
@@ -113,9 +129,7 @@ bool Read(PlatHandle a_plathandle, OsCfgProfileImage* a_poscfgprofileimage)
     a_poscfgprofileimage->sizetFile = sizetFile;
     return PlatFileGetIdentity(a_plathandle, &a_poscfgprofileimage->platfileidentity);
 }
-}   // namespace
-
-OsCfgProfileState OsCfgProfileLoad(const char* a_szPath, OsCfgProfileImage* a_poscfgprofileimage)
+OsCfgProfileState Load(const char* a_szPath, OsCfgProfileImage* a_poscfgprofileimage)
 {
     ProfileHandle profilehandle;
     a_poscfgprofileimage->blReadOnly = !profilehandle.Open(a_szPath, g_u32ReadWrite, PLAT_DISPOSITION_OPENEXISTING);
@@ -127,13 +141,24 @@ OsCfgProfileState OsCfgProfileLoad(const char* a_szPath, OsCfgProfileImage* a_po
     return blRead ? OsCfgProfileState::Current : OsCfgProfileState::Unreadable;
 }
 
-OsCfgProfileState OsCfgProfileIdentify(const char* a_szPath, PlatFileIdentity* a_pplatfileidentity)
+OsCfgProfileState Identify(const char* a_szPath, PlatFileIdentity* a_pplatfileidentity)
 {
     ProfileHandle profilehandle;
     if (!profilehandle.Open(a_szPath, PLAT_ACCESS_READ, PLAT_DISPOSITION_OPENEXISTING))
         return StateOfFailedOpen();
     return PlatFileGetIdentity(profilehandle.Get(), a_pplatfileidentity) ? OsCfgProfileState::Current
                                                                          : OsCfgProfileState::Unreadable;
+}
+}   // namespace
+
+OsCfgProfileState OsCfgProfileLoad(const char* a_szPath, OsCfgProfileImage* a_poscfgprofileimage)
+{
+    return WithoutThrowing(OsCfgProfileState::Unreadable, [=] { return Load(a_szPath, a_poscfgprofileimage); });
+}
+
+OsCfgProfileState OsCfgProfileIdentify(const char* a_szPath, PlatFileIdentity* a_pplatfileidentity)
+{
+    return WithoutThrowing(OsCfgProfileState::Unreadable, [=] { return Identify(a_szPath, a_pplatfileidentity); });
 }
 
 // FNV-1a.
@@ -219,19 +244,26 @@ std::optional<OsCfgProfileWritten> StoreOnce(const ProfileText& a_profiletext, u
         return OsCfgProfileWritten::CannotOpen;
     return WriteIfUnchanged(profilehandle, a_profiletext, OsCfgProfileDigest(nullptr, 0));
 }
-}   // namespace
 
-OsCfgProfileWritten OsCfgProfileStore(const char* a_szPath, uint64_t a_u64Digest, const char* a_achText,
-                                      size_t a_sizetText)
+OsCfgProfileWritten Store(const ProfileText& a_profiletext, uint64_t a_u64Digest)
 {
     static constexpr int g_iTries = 100;   // another writer came first each time
     for (int iTry = 0; iTry < g_iTries; ++iTry)
     {
-        if (const auto oscfgprofilewritten = StoreOnce({a_szPath, a_achText, a_sizetText}, a_u64Digest))
+        if (const auto oscfgprofilewritten = StoreOnce(a_profiletext, a_u64Digest))
         {
             PlatSetLastError(PLAT_ERROR_NONE);
             return *oscfgprofilewritten;
         }
     }
     return OsCfgProfileWritten::CannotOpen;
+}
+}   // namespace
+
+OsCfgProfileWritten OsCfgProfileStore(const char* a_szPath, uint64_t a_u64Digest, const char* a_achText,
+                                      size_t a_sizetText)
+{
+    return WithoutThrowing(OsCfgProfileWritten::CannotWrite, [=] {
+        return Store({a_szPath, a_achText, a_sizetText}, a_u64Digest);
+    });
 }
