@@ -127,7 +127,7 @@ void* OsMemSharedRemap(void* a_pvView, uint64_t a_u64Offset, size_t a_sizetSize,
 EOSSTS Base64Encode(char* a_szDestination, size_t a_sizetDestination, size_t* a_psizetLength, const void* a_pvSource,
                     size_t a_sizetSource, bool a_blUrlSafe);
 
-// Decodes either alphabet up to the first "=". The destination keeps room for a terminator.
+// Decodes either alphabet up to the first "=". Bytes, not a text: a result that fits exactly has no terminator.
 EOSSTS Base64Decode(void* a_pvDestination, size_t a_sizetDestination, size_t* a_psizetLength, const char* a_szSource,
                     size_t a_sizetSource);
 
