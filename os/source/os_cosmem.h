@@ -80,8 +80,6 @@ public:
     };
     Counts GetCounts() const;
 
-    COsMemImpl* Implementation() const { return m_posmemimpl; }
-
 private:
     COsMemImpl* m_posmemimpl;
 };
@@ -91,6 +89,7 @@ bool OsMemExists();   // true while the process has a manager
 // A zero-filled block, 64 bytes longer than asked; null, logged and reported, when there is no memory.
 // a_szFile and a_u32Line are the caller's, for the trace.
 void* OsMemAlloc(size_t a_sizetBytes, const char* a_szFile, uint32_t a_u32Line, uint32_t a_u32Flags);
+// Of a block that came while the table of 2,048 was full, the free is logged ("Can't find managed item...") and done.
 void OsMemFree(void* a_pvBlock, const char* a_szFile, uint32_t a_u32Line, uint32_t a_u32Flags);
 
 // Logs the record of a block, or of every block in use when a_pvBlock is null.
