@@ -64,9 +64,11 @@ std::string WhatAChildTakesIn()
 }
 }   // namespace
 
-int PlayPart(const std::vector<std::string>&)
+int PlayPart(const std::vector<std::string>& a_vecstrArguments)
 {
     OsArgumentsIntake();
+    if (a_vecstrArguments[0] == "published")
+        return Say(Get("MVR_OSSERVICESARGUMENTS")) ? 0 : 1;
     OsArgumentsIntake();
     std::string strSaid;
     for (uint32_t u32 = 0; u32 < OS_ARGUMENT_LAST; ++u32)
@@ -227,6 +229,11 @@ TEST(Arguments, OverrideAndDriverletGoBeforeWhatIsInherited)
                            "<callersuniquename>other</callersuniquename><logmodel>m3</logmodel>"
                            "<drvletidentity/><drvletidentity>id</drvletidentity><loglevel>4</loglevel>") +
                   "|MVR_OSSERVICESARGUMENTSB64|");
+    const Part part("published");
+    EXPECT_NE(part.OutputUpTo().find("<overridefoldername><![CDATA[lib/drvlet]]></overridefoldername>"
+                                     "<callersuniquename>other</callersuniquename>"),
+              std::string::npos)
+        << "its own children find it in the environment";
 }
 
 TEST(Arguments, DriverletsApplicationInheritsNothing)

@@ -19,6 +19,7 @@
 #include <charconv>
 #include <cstring>
 #include <iterator>
+#include <new>
 
 static constexpr char g_szSource[] = "os/source/os_cosmem";
 
@@ -98,6 +99,25 @@ static bool ParseLinkValue(OsMemLinkValue* a_posmemlinkvalue, const char* a_szNa
 
 // -------------------------------------------------------------------------------------------------------- releasing
 
+// To close a file that goes with its handle takes memory for its name; a second try may find some. False, and logged,
+// when the file stays open.
+static bool CloseFile(PlatHandle a_plathandle)
+{
+    for (int iTry = 0; iTry < 2; ++iTry)
+    {
+        try
+        {
+            PlatClose(a_plathandle);
+            return true;
+        }
+        catch (const std::bad_alloc&)
+        {
+        }
+    }
+    OSLOG(OS_LOG_CHECK, "mem>>> memory manager failed to allocate...");
+    return false;
+}
+
 static void ReleaseFile(const OsMemRecord& a_osmemrecord)
 {
     // Another process may have made the file longer meanwhile; then its end is no longer ours to set.
@@ -109,7 +129,7 @@ static void ReleaseFile(const OsMemRecord& a_osmemrecord)
         SetFileLength(plathandle, a_osmemrecord.u64Size);
     if (!(a_osmemrecord.u32Traits & (OS_MEMTRAIT_READONLY | OS_MEMTRAIT_TEMPORARY)))
         PlatFileFlush(plathandle);
-    PlatClose(plathandle);
+    CloseFile(plathandle);
 }
 
 void OsMemReleaseMapping(const OsMemRecord& a_osmemrecord)
@@ -221,15 +241,15 @@ bool OsMemMapper::TakeName()
     return blWhole && CopyStringFromUtf8(m_wszName, std::size(m_wszName), m_osmemrecord.szName) != 0;
 }
 
-// A create takes what is there over, but never from under somebody: to cut a file that another has mapped would end
-// the other's process. Nobody has it who can be kept out for a moment.
+// What is there goes, but never from under somebody: to cut a file that another has mapped would end the other's
+// process. Only an opener who shares nothing gets it, and no link is followed to another file.
 bool OsMemMapper::ClearFile()
 {
     PlatFileInfo platfileinfo;
     m_blExisted = PlatFileGetInfo(m_wszName, &platfileinfo);
-    const PlatHandle plathandle =
-        PlatFileOpen(m_wszName, g_u32ReadWrite, PLAT_SHARE_NONE, PLAT_DISPOSITION_CREATEALWAYS, 0);
-    return plathandle != PLAT_INVALID && PlatClose(plathandle);
+    const PlatHandle plathandle = PlatFileOpen(m_wszName, g_u32ReadWrite, PLAT_SHARE_NONE,
+                                               PLAT_DISPOSITION_CREATEALWAYS, PLAT_OPEN_DELETEONCLOSE);
+    return plathandle != PLAT_INVALID && CloseFile(plathandle);
 }
 
 bool OsMemMapper::OpenFile()
@@ -238,8 +258,9 @@ bool OsMemMapper::OpenFile()
                                   ? PLAT_SHARE_NONE
                                   : PLAT_SHARE_READ | PLAT_SHARE_WRITE | PLAT_SHARE_DELETE;
     const uint32_t u32Flags = m_blCreate ? PLAT_OPEN_DELETEONCLOSE : 0;
+    const PlatDisposition platdisposition = m_blCreate ? PLAT_DISPOSITION_OPENALWAYS : PLAT_DISPOSITION_OPENEXISTING;
     const auto open = [&](uint32_t a_u32Access) {
-        return PlatFileOpen(m_wszName, a_u32Access, u32Share, PLAT_DISPOSITION_OPENEXISTING, u32Flags);
+        return PlatFileOpen(m_wszName, a_u32Access, u32Share, platdisposition, u32Flags);
     };
     PlatHandle plathandle = PLAT_INVALID;
     if (!m_blCreate || ClearFile())
