@@ -19,7 +19,6 @@
 #include <charconv>
 #include <cstring>
 #include <iterator>
-#include <new>
 
 static constexpr char g_szSource[] = "os/source/os_cosmem";
 
@@ -99,25 +98,6 @@ static bool ParseLinkValue(OsMemLinkValue* a_posmemlinkvalue, const char* a_szNa
 
 // -------------------------------------------------------------------------------------------------------- releasing
 
-// To close a file that goes with its handle takes memory for its name; a second try may find some. False, and logged,
-// when the file stays open.
-static bool CloseFile(PlatHandle a_plathandle)
-{
-    for (int iTry = 0; iTry < 2; ++iTry)
-    {
-        try
-        {
-            PlatClose(a_plathandle);
-            return true;
-        }
-        catch (const std::bad_alloc&)
-        {
-        }
-    }
-    OSLOG(OS_LOG_CHECK, "mem>>> memory manager failed to allocate...");
-    return false;
-}
-
 static void ReleaseFile(const OsMemRecord& a_osmemrecord)
 {
     // Another process may have made the file longer meanwhile; then its end is no longer ours to set.
@@ -129,7 +109,7 @@ static void ReleaseFile(const OsMemRecord& a_osmemrecord)
         SetFileLength(plathandle, a_osmemrecord.u64Size);
     if (!(a_osmemrecord.u32Traits & (OS_MEMTRAIT_READONLY | OS_MEMTRAIT_TEMPORARY)))
         PlatFileFlush(plathandle);
-    CloseFile(plathandle);
+    PlatClose(plathandle);
 }
 
 void OsMemReleaseMapping(const OsMemRecord& a_osmemrecord)
@@ -249,7 +229,7 @@ bool OsMemMapper::ClearFile()
     m_blExisted = PlatFileGetInfo(m_wszName, &platfileinfo);
     const PlatHandle plathandle = PlatFileOpen(m_wszName, g_u32ReadWrite, PLAT_SHARE_NONE,
                                                PLAT_DISPOSITION_CREATEALWAYS, PLAT_OPEN_DELETEONCLOSE);
-    return plathandle != PLAT_INVALID && CloseFile(plathandle);
+    return plathandle != PLAT_INVALID && PlatClose(plathandle);
 }
 
 bool OsMemMapper::OpenFile()
