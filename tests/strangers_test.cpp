@@ -438,6 +438,11 @@ TEST_F(Strangers, CommandsCountFromRootAndOursAlone)
         {g_userRoot, 0666, false},     {g_userOurs, 0644, true},  {g_userRoot, 0644, true},
     };
     const std::string strFolder = "system/PROGRAMDATA/mvr_orvane/common/logcollector";
+    const std::string strOurFolder = "system/LOCALAPPDATA/mvr_orvane/common/logcollector";
+    WorkAs(g_userOurs);
+    MakeFolder(strOurFolder, g_userOurs);
+    for (const char* szFolder : {"system/LOCALAPPDATA/mvr_orvane", "system/LOCALAPPDATA/mvr_orvane/common"})
+        MakeFolder(szFolder, g_userOurs);
     for (const auto& row : arow)
     {
         const std::string strWhat = std::to_string(row.userFile.uid) + " " + std::to_string(row.mode);
@@ -456,8 +461,9 @@ TEST_F(Strangers, CommandsCountFromRootAndOursAlone)
             continue;
         }
         EXPECT_TRUE(CollectorLivesOn()) << strWhat;
-        MakeFile("system/LOCALAPPDATA/mvr_orvane/common/logcollector/flush", g_userOurs, "<cmd>exitall</cmd>");
+        MakeFile(strOurFolder + "/flush", g_userOurs, "<cmd>exitall</cmd>");
         EXPECT_TRUE(CollectorEnds()) << "our own command file, " << strWhat;
+        fs::remove(PathOf(strOurFolder + "/flush"));
         fs::remove(PathOf("result/a.log"));
     }
 }
