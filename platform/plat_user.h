@@ -14,7 +14,8 @@ enum PlatOwner : uint32_t
     PLAT_OWNER_OTHER = 4,     // any other user, and one that cannot be named here
 };
 
-// The system's number of the user that this process works for, also on a thread that acts as another one.
+// The system's number of the user that this process works for, also on a thread that acts as another one. 0: the
+// system's own user.
 uint64_t PlatUserId();
 
 struct PlatFileOwned

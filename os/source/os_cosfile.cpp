@@ -152,6 +152,11 @@ bool COsFile::GetIdentity(OsFileIdentity* a_posfileidentity) const
     return Usable(m_posfileimpl) && m_posfileimpl->GetIdentity(a_posfileidentity);
 }
 
+bool COsFile::GetOwner(PlatFileOwned* a_pplatfileowned) const
+{
+    return Usable(m_posfileimpl) && m_posfileimpl->GetOwner(a_pplatfileowned);
+}
+
 void COsFile::TakeLibrary(PlatHandle a_plathandle, bool a_blLoaded, bool a_blDrain)
 {
     if (Usable(m_posfileimpl))

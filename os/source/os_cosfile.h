@@ -60,6 +60,7 @@ struct OsFileIdentity
 };
 
 class COsFileImpl;
+struct PlatFileOwned;   // plat_user.h
 
 // Used by one thread at a time. While it is open, Flush may be called from any thread.
 class COsFile
@@ -120,6 +121,9 @@ public:
     // Which file is open: objects of one file have the same identity, by whatever path. False when it is not open.
     bool GetIdentity(OsFileIdentity* a_posfileidentity) const;
 
+    // Whose the open file or folder is. False when it is not open.
+    bool GetOwner(PlatFileOwned* a_pplatfileowned) const;
+
     // Gives the object a loaded shared library to release at its end: a_blLoaded: this object loaded it; a_blDrain:
     // it is freed until it has really gone, 10 times at most.
     void TakeLibrary(PlatHandle a_plathandle, bool a_blLoaded, bool a_blDrain);
@@ -152,7 +156,8 @@ EOSSTS OsFileMove(const char* a_szOldName, const char* a_szNewName);
 // Reads a whole file, under a lock of its first byte when a_i32LockTimeout is 0 or more (ms). With a_sizetBuffer the
 // bytes go into a_pszBuffer's buffer, as far as it reaches; with 0, *a_pszBuffer receives a tracked block of size + 1
 // bytes, zero-terminated, that the caller frees. EOSSTS_NOTFOUND when there is no file, EOSSTS_BUSY when it is
-// locked, EOSSTS_FAIL else. blQuiet logs failures as notes.
+// locked, EOSSTS_ACCESSDENIED, and logged, when it is not to be trusted, EOSSTS_FAIL else. blQuiet logs failures as
+// notes.
 struct OsFileReadArgs
 {
     const char* szFilename = nullptr;
@@ -163,6 +168,7 @@ struct OsFileReadArgs
     bool blQuiet = false;
     int32_t i32LockTimeout = -1;
     bool blRedirectionOff = false;
+    bool blTrusted = false;   // only a file of our user or the system's that nobody else may write, and no link
 };
 EOSSTS OsFileReadFile(const OsFileReadArgs& a_osfilereadargs);
 

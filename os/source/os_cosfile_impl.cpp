@@ -370,6 +370,11 @@ bool COsFileImpl::GetIdentity(OsFileIdentity* a_posfileidentity) const
     return true;
 }
 
+bool COsFileImpl::GetOwner(PlatFileOwned* a_pplatfileowned) const
+{
+    return IsOpen() && PlatFileOwner(m_plathandleFile, a_pplatfileowned);
+}
+
 void COsFileImpl::TakeLibrary(PlatHandle a_plathandle, bool a_blLoaded, bool a_blDrain)
 {
     ReleaseLibrary();

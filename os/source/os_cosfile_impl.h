@@ -6,6 +6,7 @@
 #include "os_log.h"
 
 #include "plat_file.h"
+#include "plat_user.h"
 
 #include <cstdarg>
 #include <memory>
@@ -57,6 +58,7 @@ public:
     bool HasName() const;
     bool IsNamed() const;
     bool GetIdentity(OsFileIdentity* a_posfileidentity) const;
+    bool GetOwner(PlatFileOwned* a_pplatfileowned) const;
 
     void TakeLibrary(PlatHandle a_plathandle, bool a_blLoaded, bool a_blDrain);
     void TakeBuffer(void* a_pvBuffer);

@@ -7,6 +7,7 @@
 #include "os_log.h"
 
 #include "plat_file.h"
+#include "plat_user.h"
 
 #include <algorithm>
 #include <cstring>
@@ -97,14 +98,28 @@ EOSSTS ReadOpenFile(COsFile& a_osfile, const OsFileReadArgs& a_osfilereadargs)
     return EOSSTS_SUCCESS;
 }
 
+// What may be written by others says nothing that we may believe.
+bool IsTrusted(const COsFile& a_osfile)
+{
+    PlatFileOwned platfileowned{};
+    return a_osfile.GetOwner(&platfileowned) && !platfileowned.blOthersWrite &&
+           (platfileowned.platowner == PLAT_OWNER_SAME || platfileowned.platowner == PLAT_OWNER_SYSTEM);
+}
+
 EOSSTS OpenAndRead(const OsFileReadArgs& a_osfilereadargs)
 {
     COsFile osfile;
+    const EOSFILEGUARD eosfileguard = a_osfilereadargs.blTrusted ? OS_FILEGUARD_NOLINK : OS_FILEGUARD_NONE;
     if (osfile.Open(a_osfilereadargs.szFilename, OS_FILEOPEN_EXISTING, OS_FILEACCESS_READ, OS_FILESHARE_READWRITE,
-                    a_osfilereadargs.blRedirectionOff) != EOSSTS_SUCCESS)
+                    a_osfilereadargs.blRedirectionOff, eosfileguard) != EOSSTS_SUCCESS)
     {
         OSLOG(LevelOf(a_osfilereadargs.blQuiet), "Open failed...<%s>", a_osfilereadargs.szFilename);
         return EOSSTS_FAIL;
+    }
+    if (a_osfilereadargs.blTrusted && !IsTrusted(osfile))
+    {
+        OSLOG(OS_LOG_ERROR, "others may write it, it is ignored...<%s>", a_osfilereadargs.szFilename);
+        return EOSSTS_ACCESSDENIED;
     }
 
     const bool blLock = a_osfilereadargs.i32LockTimeout >= 0;

@@ -77,10 +77,11 @@ std::string_view LogCollectorWriter::Drop(std::string_view a_strview)
 
 // ------------------------------------------------------------------------------------------------------ streams
 
-EOSSTS COsLogCollectorFile::Open(const char* a_szPath)
+EOSSTS COsLogCollectorFile::Open(const char* a_szPath, EOSFILEGUARD a_eosfileguard)
 {
     SStrCpy(m_szPath, sizeof m_szPath, a_szPath);
-    return m_osfile.Open(a_szPath, OS_FILEOPEN_ALWAYS, OS_FILEACCESS_READWRITE, OS_FILESHARE_READWRITE);
+    return m_osfile.Open(a_szPath, OS_FILEOPEN_ALWAYS, OS_FILEACCESS_READWRITE, OS_FILESHARE_READWRITE, false,
+                         a_eosfileguard);
 }
 
 // By the path of the first stream the open file is asked; another path may lead to it as well.
@@ -363,14 +364,15 @@ void COsLogCollectorFile::Close()
 // Another stream of the same file may end, and remove the file because it is still empty, between our open and the
 // moment when the file counts as in use: then the file is made again. What is never found by its path is taken as it
 // is.
-COsLogCollectorFiles::Reference COsLogCollectorFiles::Open(const char* a_szPath,
+COsLogCollectorFiles::Reference COsLogCollectorFiles::Open(const char* a_szPath, EOSFILEGUARD a_eosfileguard,
                                                            LogCollectorWriter& a_logcollectorwriter)
 {
     for (uint32_t u32Try = 1;; ++u32Try)
     {
         Reference reference(new (std::nothrow) COsLogCollectorFile);
         OsFileIdentity osfileidentity;
-        if (!reference || reference->Open(a_szPath) != EOSSTS_SUCCESS || !reference->GetIdentity(&osfileidentity))
+        if (!reference || reference->Open(a_szPath, a_eosfileguard) != EOSSTS_SUCCESS ||
+            !reference->GetIdentity(&osfileidentity))
             return nullptr;
         reference = Enter({osfileidentity, std::move(reference)}, a_logcollectorwriter);
         if (u32Try == g_u32OpenTries || reference->IsNamedBy(a_szPath))

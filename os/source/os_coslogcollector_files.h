@@ -61,7 +61,7 @@ class COsLogCollectorFile
 {
 public:
     // As COsFile says. Before the file is in the table.
-    EOSSTS Open(const char* a_szPath);
+    EOSSTS Open(const char* a_szPath, EOSFILEGUARD a_eosfileguard);
     bool GetIdentity(OsFileIdentity* a_posfileidentity) const { return m_osfile.GetIdentity(a_posfileidentity); }
 
     // True while the path names this file.
@@ -125,8 +125,9 @@ class COsLogCollectorFiles
 public:
     using Reference = std::shared_ptr<COsLogCollectorFile>;
 
-    // Opens a file, or finds it open, for one more stream. Null, and logged, when it cannot be opened.
-    Reference Open(const char* a_szPath, LogCollectorWriter& a_logcollectorwriter);
+    // Opens a file for one more stream, with the rights of the calling thread, and only then finds it open already.
+    // Null, and logged, when it cannot be opened.
+    Reference Open(const char* a_szPath, EOSFILEGUARD a_eosfileguard, LogCollectorWriter& a_logcollectorwriter);
 
     // A stream leaves its file, which closes with the last one: true then.
     bool Leave(Reference& a_reference, LogCollectorWriter& a_logcollectorwriter);

@@ -60,7 +60,7 @@ EOSSTS COsLogCollectorServer::Start(const char*, bool a_blCheckOther)
         return EOSSTS_FAIL;
     }
     freeOnFailure.Dismiss();
-    StartMonitor();
+    StartMonitors();
     return EOSSTS_SUCCESS;
 }
 
@@ -70,9 +70,10 @@ bool COsLogCollectorServer::CreateServiceObjects()
     m_posthreadAccept = OSMEMNEW(COsThread);
     m_poslnk = OSMEMNEW(COsLnk, static_cast<uint32_t>(sizeof(LogCollectorRecord)), g_u32NodesPerChunk);
     m_posfileFlush = OSMEMNEW(COsFile);
+    m_posfileFlushOwn = OSMEMNEW(COsFile);
     if (!m_possocketListen)
         m_possocketListen = OSMEMNEW(COsSocket);
-    if (m_possocketListen && m_possyncStop && m_posthreadAccept && m_poslnk && m_posfileFlush)
+    if (m_possocketListen && m_possyncStop && m_posthreadAccept && m_poslnk && m_posfileFlush && m_posfileFlushOwn)
         return true;
     OSLOG(OS_LOG_ERROR, "OsMemNew failed...");
     return false;
@@ -81,6 +82,7 @@ bool COsLogCollectorServer::CreateServiceObjects()
 void COsLogCollectorServer::FreeServiceObjects()
 {
     OSMEMDELETE(m_posfileFlush);
+    OSMEMDELETE(m_posfileFlushOwn);
     OSMEMDELETE(m_poslnk);
     OSMEMDELETE(m_posthreadAccept);
     OSMEMDELETE(m_possyncStop);

@@ -5,6 +5,7 @@
 //   os_coslogcollector_server_readers.cpp   a reader: its stream, and what becomes of its connection
 //   os_coslogcollector_server_command.cpp   the command file: flush all open log files, end the collector
 //   os_coslogcollector_server_stop.cpp      Stop
+//   os_coslogcollector_peer.{h,cpp}         who is at the other end, and what he may have written
 //   os_coslogcollector_stream.{h,cpp}       one stream
 //   os_coslogcollector_files.{h,cpp}        the files that streams go into
 //   os_coslogcollector_folders.{h,cpp}      the log folders that these are in
@@ -61,6 +62,7 @@ private:
     bool ListenAndReport();
     void ServeConnections();
     bool CreateRecord(LogCollectorRecord& a_logcollectorrecord);
+    bool IsAdmitted(const LogCollectorRecord& a_logcollectorrecord);
     bool StartReader(LogCollectorRecord& a_logcollectorrecord);
     bool WaitForMeans();
     static void FreeRecord(LogCollectorRecord& a_logcollectorrecord);
@@ -70,10 +72,12 @@ private:
     void LogData(const LogCollectorRecord& a_logcollectorrecord);
     void SweepFinished();
     int32_t MarkFinished(const COsLogCollectorStream* a_poslogcollectorstream);
+    bool IsLast(const LogCollectorRecord& a_logcollectorrecord, bool a_blOurs);
 
     // The command file.
-    void StartMonitor();
-    void StopMonitor();
+    void StartMonitors();
+    void StopMonitors();
+    void StartMonitor(COsFile& a_osfile, const char* a_szPath);
     static uint32_t MonitorFlushEntry(COsFile* a_posfile);
     void MonitorFlushCallback(const char* a_szPath);
     bool IsNamed(const OsLcCommand& a_oslccommand) const;
@@ -95,9 +99,12 @@ private:
     COsSocket* m_possocketListen = nullptr;
     std::atomic<const COsThread*> m_posthreadStarting{nullptr};   // a reader whose start has not returned
     COsLnk* m_poslnk = nullptr;                                   // of LogCollectorRecord
-    COsFile* m_posfileFlush = nullptr;                            // whose monitor watches the command file
+    COsFile* m_posfileFlush = nullptr;                            // whose monitor watches the common command file
+    COsFile* m_posfileFlushOwn = nullptr;                         // and that of our user
     COsLogCollectorFiles m_oslogcollectorfiles;
     COsLogCollectorFolders m_oslogcollectorfolders;
-    bool m_blListening = false;   // a private collector, whose listener is there before its accept thread
+    bool m_blTold = false;                 // the system tells who has a connection
+    std::atomic<bool> m_blServed{false};   // a stream has ended that was ours, or may have been
+    bool m_blListening = false;            // a private collector, whose listener is there before its accept thread
     bool m_blStraggler = false;
 };

@@ -19,6 +19,7 @@ static constexpr char g_szSource[] = "os/source/os_coslogcollector";
 static constexpr uint32_t g_u32ReceiveBuffer = 256 * 1024;
 
 static constexpr uint32_t g_u32MeansPause = 100;   // ms after a want of descriptors, memory or threads
+static constexpr uint32_t g_u32IdentifyTries = 10;
 
 uint32_t COsLogCollectorServer::LogAcceptEntry(COsThread* a_posthread)
 {
@@ -68,6 +69,7 @@ bool COsLogCollectorServer::ListenAndReport()
     m_i32BoundPort = StrToInt32(m_szPort);
     m_possocketListen->SocketSetReceiveBuffer(g_u32ReceiveBuffer);
     m_possocketListen->SocketListen();
+    m_blTold = COsLogCollectorPeer::IsTold(static_cast<uint16_t>(m_i32BoundPort.load()));
     if (m_blPrivate)
     {
         char szReply[128];
@@ -93,6 +95,8 @@ void COsLogCollectorServer::ServeConnections()
             continue;
         if (eossts != EOSSTS_SUCCESS)
             return;
+        if (!IsAdmitted(logcollectorrecord))
+            continue;
         while (!StartReader(logcollectorrecord))
         {
             if (!WaitForMeans())
@@ -129,6 +133,19 @@ bool COsLogCollectorServer::CreateRecord(LogCollectorRecord& a_logcollectorrecor
            a_logcollectorrecord.possync->EventCreate(nullptr, nullptr) == EOSSTS_SUCCESS &&
            a_logcollectorrecord.possocket->SocketCreate(m_szHost, m_szPort, "logcollector", m_possocketListen) ==
                EOSSTS_SUCCESS;
+}
+
+// Asked before the first byte counts. Where the system tells whose a connection is, nobody is taken without an answer.
+bool COsLogCollectorServer::IsAdmitted(const LogCollectorRecord& a_logcollectorrecord)
+{
+    COsLogCollectorPeer oslogcollectorpeer;
+    EOSSTS eossts = m_blTold ? oslogcollectorpeer.Identify(*a_logcollectorrecord.possocket) : EOSSTS_SUCCESS;
+    for (uint32_t u32Try = 1; eossts == EOSSTS_FAIL && u32Try < g_u32IdentifyTries && WaitForMeans(); ++u32Try)
+        eossts = oslogcollectorpeer.Identify(*a_logcollectorrecord.possocket);
+    a_logcollectorrecord.poslogcollectorstream->SetPeer(oslogcollectorpeer);
+    if (eossts == EOSSTS_FAIL)
+        OSLOG(OS_LOG_ERROR, "connection of nobody knows whom refused...");
+    return eossts == EOSSTS_SUCCESS;
 }
 
 // Puts the record into the list and starts its reader on the list's copy, which stays where it is as long as the

@@ -1,5 +1,6 @@
-// os_coslogcollector_server_command.cpp: other tools tell all collectors what to do through one command file. Its
-// monitor calls on a thread of its own, beside the readers.
+// os_coslogcollector_server_command.cpp: other tools tell all collectors what to do through a command file: the
+// common one, where the system's user writes, and one of each user, where his tools write. The monitor of each calls on
+// a thread of its own, beside the readers.
 #include "os_coslogcollector_server.h"
 
 #include "os_cfg.h"
@@ -11,10 +12,11 @@
 
 static constexpr char g_szSource[] = "os/source/os_coslogcollector";
 
-static constexpr size_t g_sizetCommandFile = 65536;   // what is read of it, with a terminator
+static constexpr char g_szCommandFile[] = "flush";
 
-// ------------------------------------------------------------------------------------------------------- monitor
+// ------------------------------------------------------------------------------------------------------ monitors
 
+// Only in a folder that is our user's alone: elsewhere it would be his who came first.
 static void CreateCommandFile(const char* a_szPath)
 {
     if (OsFileExists(a_szPath))
@@ -26,25 +28,38 @@ static void CreateCommandFile(const char* a_szPath)
     OsPathSplit(szFolder, &sizetFolder, &szFilename);
     szFolder[sizetFolder] = 0;
     OsFileCreateDirectory(szFolder);
-    COsFile().Open(a_szPath, OS_FILEOPEN_ALWAYS, OS_FILEACCESS_WRITE, OS_FILESHARE_READWRITE);
+    COsFile().Open(a_szPath, OS_FILEOPEN_ALWAYS, OS_FILEACCESS_WRITE, OS_FILESHARE_READWRITE, false,
+                   OS_FILEGUARD_OWNFOLDER);
+}
+
+void COsLogCollectorServer::StartMonitor(COsFile& a_osfile, const char* a_szPath)
+{
+    CreateCommandFile(a_szPath);
+    a_osfile.MonitorStart(a_szPath, "LogCollectorFlush", OS_FILEMONITOR_START | OS_FILEMONITOR_MODIFIED,
+                          &MonitorFlushEntry, this);
 }
 
 // Without a configuration there is no command file.
-void COsLogCollectorServer::StartMonitor()
+void COsLogCollectorServer::StartMonitors()
 {
     char szPath[OS_PATHSIZE];
-    if (OsCfgGetPath(OS_PATH_WRITEABLE_FILE_LOGCOLLECTORFLUSH, szPath, sizeof szPath) != EOSSTS_SUCCESS)
+    if (OsCfgGetPath(OS_PATH_WRITEABLE_FILE_LOGCOLLECTORFLUSH, szPath, sizeof szPath) == EOSSTS_SUCCESS)
+        StartMonitor(*m_posfileFlush, szPath);
+    char szPathOwn[OS_PATHSIZE];
+    if (OsCfgGetPath(OS_PATH_WRITEABLE_FOLDER_LOGCOLLECTOR, szPathOwn, sizeof szPathOwn) != EOSSTS_SUCCESS)
         return;
-    CreateCommandFile(szPath);
-    m_posfileFlush->MonitorStart(szPath, "LogCollectorFlush", OS_FILEMONITOR_START | OS_FILEMONITOR_MODIFIED,
-                                 &MonitorFlushEntry, this);
+    OsPathAppend(szPathOwn, sizeof szPathOwn, g_szCommandFile);
+    StartMonitor(*m_posfileFlushOwn, szPathOwn);
 }
 
-void COsLogCollectorServer::StopMonitor()
+void COsLogCollectorServer::StopMonitors()
 {
-    if (m_posfileFlush)
-        m_posfileFlush->MonitorStop();
-    OSMEMDELETE(m_posfileFlush);
+    for (COsFile** const pposfile : {&m_posfileFlush, &m_posfileFlushOwn})
+    {
+        if (*pposfile)
+            (*pposfile)->MonitorStop();
+        OSMEMDELETE(*pposfile);
+    }
 }
 
 // ------------------------------------------------------------------------------------------------------ commands
@@ -59,21 +74,20 @@ uint32_t COsLogCollectorServer::MonitorFlushEntry(COsFile* a_posfile)
     return 0;
 }
 
+// A command counts from our user and from the system's.
 static OsLcCommand ReadCommandFile(const char* a_szPath)
 {
-    auto* const szText = static_cast<char*>(OSMEMALLOC(g_sizetCommandFile, OS_MEMFLAG_BLOCK));
-    if (!szText)
-        return {};
+    char* szText = nullptr;
     OsFileReadArgs osfilereadargs;
     osfilereadargs.szFilename = a_szPath;
-    osfilereadargs.szBuffer = szText;
-    osfilereadargs.sizetBuffer = g_sizetCommandFile - 1;
+    osfilereadargs.pszAllocated = &szText;
     osfilereadargs.blQuiet = true;
-    szText[g_sizetCommandFile - 1] = 0;
+    osfilereadargs.blTrusted = true;
     OsLcCommand oslccommand{};
-    if (OsFileReadFile(osfilereadargs) == EOSSTS_SUCCESS && *szText)
+    if (OsFileReadFile(osfilereadargs) == EOSSTS_SUCCESS && szText)
         oslccommand = OsLcReadCommand(szText);
-    OSMEMFREE(szText, OS_MEMFLAG_BLOCK);
+    if (szText)
+        OSMEMFREE(szText, OS_MEMFLAG_BLOCK);
     return oslccommand;
 }
 

@@ -7,6 +7,8 @@
 
 static constexpr char g_szSource[] = "os/source/os_coslogcollector";
 
+static constexpr uint32_t g_u32ComingTimeout = 1000;   // ms for one of ours to come
+
 uint32_t COsLogCollectorServer::LogDataEntry(COsThread* a_posthread)
 {
     const LogCollectorRecord logcollectorrecord = *static_cast<LogCollectorRecord*>(a_posthread->Argument());
@@ -22,9 +24,22 @@ void COsLogCollectorServer::LogData(const LogCollectorRecord& a_logcollectorreco
     SweepFinished();
     a_logcollectorrecord.poslogcollectorstream->Run(a_logcollectorrecord.possocket, a_logcollectorrecord.possync);
     a_logcollectorrecord.possocket->SocketDisconnect(false);
-    const int32_t i32Live = MarkFinished(a_logcollectorrecord.poslogcollectorstream);
-    if (m_blPrivate && i32Live == 0)
+    const COsLogCollectorPeer oslogcollectorpeer = a_logcollectorrecord.poslogcollectorstream->Peer();
+    if (oslogcollectorpeer.IsOurs() || oslogcollectorpeer.HasLeft())
+        m_blServed.store(true);
+    if (MarkFinished(a_logcollectorrecord.poslogcollectorstream) == 0 && m_blPrivate &&
+        IsLast(a_logcollectorrecord, oslogcollectorpeer.IsOurs()))
         g_bLogCollectorStop.store(1);
+}
+
+// The last stream of ours ends the collector at once. One that another user may have opened does it only when ours may
+// have been there, and when nobody comes for a while: whoever comes then sweeps this reader, and sees to the end.
+bool COsLogCollectorServer::IsLast(const LogCollectorRecord& a_logcollectorrecord, bool a_blOurs)
+{
+    if (a_blOurs || g_bLogCollectorStopping.load())
+        return true;
+    return m_blServed.load() && a_logcollectorrecord.posthread->WaitForStop(g_u32ComingTimeout) == EOSSTS_TIMEOUT &&
+           MarkFinished(nullptr) == 0;
 }
 
 // Takes the finished records out of the list under its lock and frees them outside: freeing waits for the last steps
@@ -52,7 +67,7 @@ void COsLogCollectorServer::SweepFinished()
     }
 }
 
-// Marks this reader's record as finished and returns how many are live; 0 when the records are Stop's.
+// Marks this reader's record (null: none) as finished and returns how many are live; 0 when the records are Stop's.
 int32_t COsLogCollectorServer::MarkFinished(const COsLogCollectorStream* a_poslogcollectorstream)
 {
     int32_t i32Live = 0;

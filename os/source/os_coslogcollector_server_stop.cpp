@@ -20,7 +20,7 @@ static constexpr uint32_t g_u32StragglerPause = 1000;
 void COsLogCollectorServer::Stop(char* a_szFolder, size_t a_sizetFolder)
 {
     g_bLogCollectorStopping.store(1);
-    StopMonitor();
+    StopMonitors();
     StopAccepting();
     StopReaders();
     if (!m_blStraggler)

@@ -110,6 +110,8 @@ COsLogCollectorStream::COsLogCollectorStream(COsLogCollectorFiles& a_oslogcollec
 
 void COsLogCollectorStream::Run(COsSocket* a_possocket, COsSync* a_possync)
 {
+    if (!m_oslogcollectorpeer.TakeRights())
+        return;
     StreamPieces streampieces(a_possocket, a_possync);
     if (streampieces.Next(OS_INFINITE) != StreamRead::Piece)
         return;
@@ -118,14 +120,24 @@ void COsLogCollectorStream::Run(COsSocket* a_possocket, COsSync* a_possync)
     End();
 }
 
-// A header that names no file, or one whose path is too long, leaves the path empty: the open fails then.
-bool COsLogCollectorStream::Begin(const StreamPieces& a_streampieces)
+// A header that names no file, or one whose path is too long, leaves the path empty: the open fails then. For whoever
+// has left no empty file is made, and so none removed.
+bool COsLogCollectorStream::Begin(StreamPieces& a_streampieces)
 {
     OsLcReadHeader(a_streampieces.Piece(), m_szPath);
+    if (!m_oslogcollectorpeer.MayName(m_szPath))
+        return false;
+    std::string_view strview = a_streampieces.Text();
+    strview.remove_prefix(OsLcHeaderLength(strview.data(), strview.size()));
+    if (strview.empty() && m_oslogcollectorpeer.HasLeft())
+    {
+        if (a_streampieces.Next(OS_INFINITE) != StreamRead::Piece || OsLcIsEndMarker(a_streampieces.Text()))
+            return false;
+        strview = a_streampieces.Text();
+    }
     if (!OpenFile())
         return false;
-    const std::string_view strview = a_streampieces.Text();
-    Write(strview.substr(OsLcHeaderLength(strview.data(), strview.size())));
+    Write(strview);
     return true;
 }
 
@@ -191,20 +203,21 @@ void COsLogCollectorStream::End()
     if (m_reference)
     {
         m_reference->End(m_logcollectorwriter);
-        if (m_oslogcollectorfiles.Leave(m_reference, m_logcollectorwriter))
+        if (m_oslogcollectorfiles.Leave(m_reference, m_logcollectorwriter) && !m_oslogcollectorpeer.HasLeft())
             RemoveIfEmpty(m_szPath);
     }
     if (m_logcollectorwriter.u64Missing != 0)
         OSLOG(OS_LOG_ERROR, "%llu bytes are missing at the end...<%s>",
               static_cast<unsigned long long>(m_logcollectorwriter.u64Missing), m_szPath);
     if (*m_szLogFolder)
-        m_oslogcollectorfolders.Leave(m_szLogFolder);
+        LeaveFolder();
 }
 
 // ---------------------------------------------------------------------------------------------------- the file
 
 // The folder of the log file, and the lock of the log folder that it is in, before the file is there: so nobody deletes
-// the folder meanwhile. Somebody who is just doing that is waited for. Without the lock the stream goes on.
+// the folder meanwhile. Somebody who is just doing that is waited for. Without the lock the stream goes on, and for
+// whoever has left it is not taken.
 void COsLogCollectorStream::MakeFolder()
 {
     char szFolder[OS_PATHSIZE];
@@ -216,12 +229,11 @@ void COsLogCollectorStream::MakeFolder()
     const uint64_t u64Begin = PlatTicks();
     for (;;)
     {
-        OsFileCreateDirectory(szFolder);
+        m_oslogcollectorpeer.MakeFolder(szFolder);
         const bool blEntered = *m_szLogFolder;
-        if (!blEntered && !OsLogFolderOf(szFolder, m_szLogFolder))
+        if (m_oslogcollectorpeer.HasLeft() || (!blEntered && !OsLogFolderOf(szFolder, m_szLogFolder)))
             return;
-        const EOSSTS eossts =
-            blEntered ? m_oslogcollectorfolders.Hold(m_szLogFolder) : m_oslogcollectorfolders.Enter(m_szLogFolder);
+        const EOSSTS eossts = HoldFolder(blEntered);
         m_blFolderHeld = eossts == EOSSTS_SUCCESS;
         const bool blDeleted = eossts == EOSSTS_SHARING || eossts == EOSSTS_NOTFOUND;
         if (!blDeleted || PlatTicks() - u64Begin >= g_u64FolderTimeout)
@@ -230,11 +242,26 @@ void COsLogCollectorStream::MakeFolder()
     }
 }
 
+EOSSTS COsLogCollectorStream::HoldFolder(bool a_blEntered)
+{
+    if (!m_oslogcollectorpeer.IsOurs())
+        return m_oslogfolderlock.Acquire(m_szLogFolder);
+    return a_blEntered ? m_oslogcollectorfolders.Hold(m_szLogFolder) : m_oslogcollectorfolders.Enter(m_szLogFolder);
+}
+
+void COsLogCollectorStream::LeaveFolder()
+{
+    if (m_oslogcollectorpeer.IsOurs())
+        m_oslogcollectorfolders.Leave(m_szLogFolder);
+    else
+        m_oslogfolderlock.Release();
+}
+
 bool COsLogCollectorStream::OpenFile()
 {
     m_u64Looked = PlatTicks();
     MakeFolder();
-    m_reference = m_oslogcollectorfiles.Open(m_szPath, m_logcollectorwriter);
+    m_reference = m_oslogcollectorfiles.Open(m_szPath, m_oslogcollectorpeer.Guard(), m_logcollectorwriter);
     return m_reference != nullptr;
 }
 
@@ -245,7 +272,7 @@ bool COsLogCollectorStream::IsInPlace(uint64_t a_u64Now)
     if (!m_reference || !m_reference->IsNamedBy(m_szPath))
         return false;
     if (*m_szLogFolder && !m_blFolderHeld)
-        m_blFolderHeld = m_oslogcollectorfolders.Hold(m_szLogFolder) == EOSSTS_SUCCESS;
+        m_blFolderHeld = HoldFolder(true) == EOSSTS_SUCCESS;
     return true;
 }
 
