@@ -395,3 +395,14 @@ TEST_F(GroupedEvent, ManyThreadsShareOneObject)
     });
     EXPECT_GT(iTaken, 0);
 }
+
+TEST(Event, IsWaitedForWithoutADescriptorToSpare)
+{
+    COsSync ossync;
+    ASSERT_EQ(ossync.EventCreate(nullptr, nullptr), EOSSTS_SUCCESS);
+    const NoDescriptors nodescriptors;
+    EXPECT_EQ(ossync.EventWait(50, nullptr), EOSSTS_TIMEOUT);
+    std::thread thread([&] { ossync.EventSet(); });
+    EXPECT_EQ(ossync.EventWait(20000, nullptr), EOSSTS_SUCCESS);
+    thread.join();
+}

@@ -14,12 +14,14 @@
 #include "plat_thread.h"
 #include "plat_wait.h"
 
+#include <algorithm>
 #include <iterator>
 #include <new>
 
 static constexpr char g_szSource[] = "os/source/os_cossync";
 
 static constexpr char g_szNamespace[] = "Global\\";
+static constexpr uint32_t g_u32SliceWithoutBell = 20;   // ms
 
 // ------------------------------------------------------------------------------------------------ the public object
 
@@ -418,13 +420,15 @@ static EOSSTS Answer(const OsSyncUse& a_ossyncuse, const OsSyncWaitList& a_ossyn
 }
 
 // A first look needs no bell; one is hung when the wait becomes a long one. Whenever it rings, an event has been
-// closed: this one, which ends the wait, or another of the group, without which it goes on.
+// closed: this one, which ends the wait, or another of the group, without which it goes on. Without a descriptor for a
+// bell the wait looks again and again.
 EOSSTS COsSyncImpl::EventWait(uint32_t a_u32Timeout, char* a_szName)
 {
     const OsSyncUse ossyncuse = Use();
     if (!IsEvent(ossyncuse, OS_LOG_CHECK) || !IsInUse(ossyncuse) || !HasHandle(ossyncuse))
         return EOSSTS_FAIL;
 
+    uint32_t u32Slice = 0;   // of a look without a bell
     for (TimeLeft timeleft(a_u32Timeout);;)
     {
         const OsSyncWaitList ossyncwaitlist(ossyncuse);
@@ -434,17 +438,16 @@ EOSSTS COsSyncImpl::EventWait(uint32_t a_u32Timeout, char* a_szName)
             return EOSSTS_FAIL;
         }
         const bool blBell = ossyncwaitlist.HasBell();
-        const uint32_t u32Wait =
-            PlatWaitAny(ossyncwaitlist.aplathandle, ossyncwaitlist.u32Count, blBell ? timeleft.Get() : 0);
+        const uint32_t u32Left = blBell || u32Slice != 0 ? timeleft.Get() : 0;
+        const uint32_t u32Wait = PlatWaitAny(ossyncwaitlist.aplathandle, ossyncwaitlist.u32Count,
+                                             blBell ? u32Left : std::min(u32Left, u32Slice));
         const bool blRung = blBell && u32Wait == ossyncwaitlist.u32Count - 1;
-        const bool blLooked = !blBell && u32Wait == PLAT_WAIT_TIMEOUT && a_u32Timeout != 0;
+        const bool blMore = u32Slice == 0 ? a_u32Timeout != 0 : u32Left > u32Slice;
+        const bool blLooked = !blBell && u32Wait == PLAT_WAIT_TIMEOUT && blMore;
         if (!blRung && !blLooked)
             return Answer(ossyncuse, ossyncwaitlist, u32Wait, a_szName);
         if (blLooked && !ossyncuse.Bell().Hang())
-        {
-            OSLOG(OS_LOG_ERROR, "sync>>> CreateEvent failed...");
-            return EOSSTS_FAIL;
-        }
+            u32Slice = g_u32SliceWithoutBell;
     }
 }
 
