@@ -80,5 +80,5 @@ private:
     uint64_t m_u64StillSince = 0;   // PlatTicks
     uint64_t m_u64LookedAt = 0;
     uint64_t m_u64Read = 0;   // by the collector, at the last look
-    char m_achBatch[32768];
+    char m_achBatch[8192];    // less than there is room for when there is any: whole lines, also of a killed process
 };

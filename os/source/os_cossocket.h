@@ -106,7 +106,8 @@ public:
     // Hands over what one send takes, possibly less than asked. EOSSTS_DISCONNECTED when the peer has gone.
     EOSSTS SocketWrite(const WriteArgs& a_writeargs, size_t* a_psizetWritten);
 
-    // Hands over what the system takes at once, possibly nothing, of a TCP connection, and logs nothing.
+    // Hands over what the system takes at once of a TCP connection, and logs nothing. Nothing is taken before the
+    // system says that there is room, which is then a good part of what it keeps: so a short text goes whole.
     // EOSSTS_SUCCESS with the number of bytes; EOSSTS_DISCONNECTED when the peer has gone or closed: nothing is sent to
     // it then; EOSSTS_NOTOPEN.
     EOSSTS SocketTrySend(const void* a_pvBuffer, size_t a_sizetBuffer, size_t* a_psizetSent);

@@ -268,8 +268,11 @@ EOSSTS COsSocketImpl::TrySend(const void* a_pvBuffer, size_t a_sizetBuffer, size
     const PlatHandle plathandle = socketoperation.Connected();
     if (plathandle == PLAT_INVALID)
         return EOSSTS_NOTOPEN;
-    if (PlatSocketPoll(plathandle, PLAT_SOCKET_CLOSE) != 0)
+    const uint32_t u32Events = PlatSocketPoll(plathandle, PLAT_SOCKET_CLOSE | PLAT_SOCKET_WRITE);
+    if (u32Events & PLAT_SOCKET_CLOSE)
         return EOSSTS_DISCONNECTED;
+    if (!(u32Events & PLAT_SOCKET_WRITE))
+        return EOSSTS_SUCCESS;
     if (!PlatSocketSend(plathandle, a_pvBuffer, a_sizetBuffer, a_psizetSent))
         return PlatGetLastError() == PLAT_ERROR_WOULDBLOCK ? EOSSTS_SUCCESS : EOSSTS_DISCONNECTED;
     OsSocketTraceSend(a_pvBuffer, *a_psizetSent);
