@@ -61,9 +61,9 @@ TEST_F(CollectorBesideAStream, MarkerInsideOtherTextIsText)
 
 TEST_F(CollectorBesideAStream, AStreamWithoutTextLeavesItsFolderButNoFile)
 {
-    StreamTo("sub/deep/a.log")->Close();
-    EXPECT_TRUE(WaitFor([&] { return std::filesystem::exists(PathOf("sub/deep")); }));
-    EXPECT_TRUE(WaitFor([&] { return !std::filesystem::exists(PathOf("sub/deep/a.log")); }));
+    const auto stream = StreamTo("sub/deep/a.log");
+    ASSERT_TRUE(stream->EndSending() && stream->IsEnded());
+    EXPECT_FALSE(std::filesystem::exists(PathOf("sub/deep/a.log")));
     EXPECT_TRUE(std::filesystem::exists(PathOf("sub/deep")));
 }
 
@@ -120,7 +120,8 @@ TEST_F(CollectorBesideAStream, ALogPathMayHave511Characters)
         strPath += "/" + std::string(99, 'd');
     strPath += "/" + std::string(511 - strPath.size() - 1, 'f');
     ASSERT_EQ(strPath.size(), 511u);
-    ASSERT_TRUE(Connect()->Send(Header(strPath) + "text"));
+    const auto stream = Connect();
+    ASSERT_TRUE(stream->Send(Header(strPath) + "text"));
     EXPECT_TRUE(WaitFor([&] { return ReadWhole(strPath) == "text"; }));
 }
 
@@ -146,7 +147,8 @@ TEST_F(CollectorBesideAStream, AFileWithoutANameIsWrittenToAllTheSame)
             pathOpen = "/proc/" + std::to_string(PlatProcessId()) + "/fd/" + entry.path().filename().string();
     }
     std::filesystem::remove(PathOf("a.log"));
-    Connect()->Send(Header(pathOpen.string()) + "text");
+    const auto stream = Connect();
+    stream->Send(Header(pathOpen.string()) + "text");
     EXPECT_TRUE(WaitFor([&] { return ReadWhole(pathOpen) == "text"; }));
 }
 
