@@ -118,7 +118,8 @@ protected:
     {
         const std::vector<LogCapture::Line> vecline = m_log.Lines();
         return static_cast<size_t>(std::count_if(vecline.begin(), vecline.end(), [&](const LogCapture::Line& line) {
-            return line.strText.rfind("OsFileReadFile(" + m_strFlush + ",", 0) == 0;
+            return line.strText.starts_with("OsFileReadFile(" + m_strFlush + ",") ||
+                   line.strText.starts_with("OsFileReadFile(" + Backslashed(m_strFlush) + ",");
         }));
     }
     // Writes a command and waits until it was taken.
@@ -273,13 +274,13 @@ TEST_F(CommandFile, AFlushDisturbsNoStream)
         for (const auto& client : vecclient)
             EXPECT_TRUE(client->Send("line " + std::to_string(iRound) + "\r\n"));
         Command(iRound % 2 ? "<cmd>flush</cmd>" : "<cmd>FLUSH</cmd> ");
-        StreamClient(m_u16Port).Send(Header(PathOf("short" + std::to_string(iRound) + ".log")) + "text");
+        StreamClient(m_u16Port).Send(Header(PathOf("log.1/" + std::to_string(iRound) + ".log")) + "text");
     }
     vecclient.clear();
     for (int i = 0; i < 16; ++i)
         EXPECT_TRUE(WaitFor([&] { return ReadWhole(PathOf("log" + std::to_string(i))) == strText; })) << i;
     for (int iRound = 0; iRound < 20; ++iRound)
-        EXPECT_TRUE(WaitFor([&] { return ReadWhole(PathOf("short" + std::to_string(iRound) + ".log")) == "text"; }))
+        EXPECT_TRUE(WaitFor([&] { return ReadWhole(PathOf("log.1/" + std::to_string(iRound) + ".log")) == "text"; }))
             << iRound;
     EXPECT_EQ(g_bLogCollectorStop.load(), 0);
 }
@@ -294,7 +295,7 @@ TEST_F(CommandFile, ACollectorWithoutOneCollectsAllTheSame)
     m_configuration.SetPath(OS_PATH_WRITEABLE_FILE_LOGCOLLECTORFLUSH, "");
     m_log.Clear();
     ASSERT_EQ(m_collector->Start(nullptr, false), EOSSTS_SUCCESS);
-    EXPECT_TRUE(WaitFor([&] { return StreamClient(m_u16Port).Send(Header(PathOf("a.log")) + "text"); }));
-    EXPECT_TRUE(WaitFor([&] { return ReadWhole(PathOf("a.log")) == "text"; }));
+    EXPECT_TRUE(WaitFor([&] { return StreamClient(m_u16Port).Send(Header(PathOf("log.1/a.log")) + "text"); }));
+    EXPECT_TRUE(WaitFor([&] { return ReadWhole(PathOf("log.1/a.log")) == "text"; }));
     EXPECT_FALSE(m_log.HasPart("monitor"));
 }

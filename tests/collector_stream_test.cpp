@@ -70,7 +70,7 @@ TEST_F(CollectorBesideAStream, AStreamWithoutTextLeavesItsFolderButNoFile)
 TEST_F(CollectorBesideAStream, AFileThatIsThereIsContinued)
 {
     WriteWhole(PathOf("a.log"), "old\r\n");
-    StreamTo("a.log", "new\r\n")->Close();
+    const auto stream = StreamTo("a.log", "new\r\n");
     EXPECT_TRUE(FileBecomes("a.log", "old\r\nnew\r\n"));
 }
 
@@ -161,8 +161,8 @@ TEST_F(CollectorBesideAStream, SilentAndHalfStreamsHoldUpNobody)
         if (i % 2)
             vecclient.back()->Send("<log><logf");
     }
-    StreamTo("a.log", "text")->Close();
-    EXPECT_TRUE(FileBecomes("a.log", "text"));
+    StreamTo("log.1/a.log", "text")->Close();
+    EXPECT_TRUE(FileBecomes("log.1/a.log", "text"));
 }
 
 TEST_F(CollectorStream, TheLastOfThreeStreamsEndsTheCollector)
@@ -255,9 +255,9 @@ TEST_F(CollectorStream, TwoHundredThousandShortLinesArriveInOrder)
 TEST_F(CollectorBesideAStream, FortyConnectionsOneAfterTheOtherKeepEveryByte)
 {
     for (int i = 0; i < 40; ++i)
-        StreamTo("s" + std::to_string(i) + ".log", "text " + std::to_string(i))->Close();
+        StreamTo("log.1/" + std::to_string(i) + ".log", "text " + std::to_string(i))->Close();
     for (int i = 0; i < 40; ++i)
-        EXPECT_TRUE(FileBecomes("s" + std::to_string(i) + ".log", "text " + std::to_string(i)));
+        EXPECT_TRUE(FileBecomes("log.1/" + std::to_string(i) + ".log", "text " + std::to_string(i)));
 }
 
 // A reader may be through before the accept thread is through with starting it, and others sweep meanwhile.
@@ -277,8 +277,8 @@ TEST_F(CollectorBesideAStream, ConnectionsThatComeAndGoAtOnceDisturbNobody)
     }
     for (std::thread& thread : vecthread)
         thread.join();
-    StreamTo("a.log", "text")->Close();
-    EXPECT_TRUE(FileBecomes("a.log", "text"));
+    StreamTo("log.1/a.log", "text")->Close();
+    EXPECT_TRUE(FileBecomes("log.1/a.log", "text"));
 }
 
 // ------------------------------------------------------------------------------------------------------- faults
