@@ -10,7 +10,8 @@ size_t PlatEnvGet(const char16_t* a_wszName, char16_t* a_wszValue, size_t a_size
 // Sets the variable for this process and the children that it creates later; a null or empty value deletes it.
 bool PlatEnvSet(const char16_t* a_wszName, const char16_t* a_wszValue);
 
-// Calls a_platenvproc once for each variable, in no particular order; its texts live for the call only. The
-// procedure may change the environment. It returns false to end the listing.
+// Calls a_platenvproc once for each variable, also for one that is empty, in no particular order; its texts live for
+// the call only. What is no Unicode in them is shown as U+FFFD. The procedure may change the environment. It returns
+// false to end the listing.
 using PlatEnvProc = bool (*)(void* a_pvContext, const char16_t* a_wszName, const char16_t* a_wszValue);
 bool PlatEnvList(PlatEnvProc a_platenvproc, void* a_pvContext);

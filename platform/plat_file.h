@@ -91,6 +91,12 @@ bool PlatFileLock(PlatHandle a_plathandle, uint64_t a_u64Offset, uint64_t a_u64L
 // For bytes that this handle has locked, as it locked them. What others hold stays locked.
 bool PlatFileUnlock(PlatHandle a_plathandle, uint64_t a_u64Offset, uint64_t a_u64Length);
 
+// As those two, for one operation: the lock is waited for up to a_u32Milliseconds (33 then), and a process that is
+// forked before it is given back does not get the handle, so that the lock ends with this process.
+bool PlatFileLockBriefly(PlatHandle a_plathandle, uint64_t a_u64Offset, uint64_t a_u64Length,
+                         uint32_t a_u32Milliseconds);
+bool PlatFileUnlockBriefly(PlatHandle a_plathandle, uint64_t a_u64Offset, uint64_t a_u64Length);
+
 enum PlatEntry : uint32_t
 {
     PLAT_ENTRY_FOLDER = 1,
@@ -146,6 +152,18 @@ bool PlatFolderDelete(const char16_t* a_wszPath);   // 145 when it is not empty,
 // The full path of a name, relative to the current folder, without "." and ".." components and without the long-path
 // prefix; the file need not exist. Its separators are "\".
 bool PlatFileFullName(const char16_t* a_wszName, char16_t* a_wszFull, size_t a_sizetFull);
+
+// Puts a complete file with these bytes in the place of an open one, in one step: who opens the path gets the old file
+// or the new one, whole. What the path leads to is replaced, behind all links; mode and owner stay. The handle is still
+// of the old file afterwards. Writers keep one another away themselves: two replacements of one file must not run at
+// once. On failure nothing has changed. 2: the path does not lead to the open file (any more). 5: it can only be
+// written in place: it has further names, attributes or an owner that a new file cannot have, or nothing may be made in
+// its folder. 32: likewise, while a handle is open that does not share deletion. 112: no room.
+bool PlatFileReplace(PlatHandle a_plathandle, const char16_t* a_wszPath, const void* a_pvBuffer, size_t a_sizetBytes);
+
+// Makes a file with these bytes where there is none (183): nobody ever finds a part of it. On failure there is none;
+// some file systems cannot do it.
+bool PlatFileCreateWhole(const char16_t* a_wszPath, const void* a_pvBuffer, size_t a_sizetBytes);
 
 // Maps a_sizetView bytes of an open file from a_u64Offset (a multiple of PlatMemoryGranularity; view 0: to the end
 // of the file). 87 when the file ends before the view does. The view stays after the file is closed. PlatMappingRelease

@@ -58,4 +58,5 @@ struct PlatMemoryRegion
 using PlatMemoryRegionProc = bool (*)(void* a_pvContext, const PlatMemoryRegion* a_pplatmemoryregion);
 bool PlatMemoryListRegions(PlatMemoryRegionProc a_platmemoryregionproc, void* a_pvContext);
 
+size_t PlatMemoryPageSize();      // in bytes
 size_t PlatMemoryGranularity();   // the step of mapping offsets and sizes, in bytes

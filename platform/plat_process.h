@@ -34,7 +34,9 @@ PlatHandle PlatProcessCreate(const PlatProcessStart* a_pplatprocessstart, uint64
 PlatHandle PlatProcessOpen(uint64_t a_u64ProcessId);
 
 // PLAT_STILLACTIVE while it runs. After its end: its exit code when this process created it, else 0. A process that
-// a signal ended has 128 plus the signal's number.
+// a signal ended has 128 plus the signal's number. Where somebody else in this process has asked the system for the
+// code before, which may then tell it no more, it is PLAT_EXITCODEUNKNOWN.
+inline constexpr uint32_t PLAT_EXITCODEUNKNOWN = 0xFFFFFFFFu;
 bool PlatProcessExitCode(PlatHandle a_plathandle, uint32_t* a_pu32ExitCode);
 
 // Ends it without asking, which takes a moment. One that has ended already keeps its exit code.

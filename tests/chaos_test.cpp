@@ -213,7 +213,7 @@ TEST_F(Chaos, ApplicationThatEndsFirstCostsItsChildrenNoLine)
 // What both ends of a connection hold is lost with a killed collector, also with one that stood still before.
 TEST_F(Chaos, KilledCollectorLosesNoMoreThanIsOnItsWay)
 {
-    static constexpr size_t g_sizetBytesOnTheWay = 1 << 20, g_sizetAverageLine = 700;
+    static constexpr size_t g_sizetBytesOnTheWay = 640 << 10, g_sizetAverageLine = 700;
     ASSERT_NO_FATAL_FAILURE(Begin());
     kill(Collector(), SIGSTOP);
     PlatSleep(1000);

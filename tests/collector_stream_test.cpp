@@ -292,6 +292,7 @@ static size_t OpenDescriptors(const CollectorProcess& a_collector)
 
 TEST_F(CollectorStream, AWantOfDescriptorsEndsNoIntake)
 {
+    static constexpr size_t g_sizetOfAConnection = 12;   // descriptors, at most
     for (const size_t sizetLimit : {64u, 100u, 101u, 102u, 103u, 104u, 105u, 106u})
     {
         CollectorProcess collector;
@@ -307,7 +308,7 @@ TEST_F(CollectorStream, AWantOfDescriptorsEndsNoIntake)
             vecclient.push_back(std::make_unique<StreamClient>(u16Port));
             vecclient.back()->Send(Header(PathOf(std::to_string(i) + ".log")) + "text");
         }
-        EXPECT_TRUE(WaitFor([&] { return OpenDescriptors(collector) + 8 >= sizetLimit; }));
+        EXPECT_TRUE(WaitFor([&] { return OpenDescriptors(collector) + g_sizetOfAConnection > sizetLimit; }));
         vecclient.clear();
 
         StreamClient second(u16Port);

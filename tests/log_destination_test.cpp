@@ -235,6 +235,35 @@ TEST_F(CollectorOfOurs, ARunWithDiagnosticsTellsThatItIsCollected)
         << strText;
 }
 
+TEST_F(CollectorOfOurs, ClientOfAnApplicationThatHasEndedDoesNotConnect)
+{
+    const pid_t pid = fork();
+    if (pid == 0)
+        _exit(0);
+    ASSERT_GT(pid, 0);
+    waitpid(pid, nullptr, 0);
+    OsCollectorIdentity oscollectoridentity = OsArgumentsCollector();
+    oscollectoridentity.u64ProcessIdApplication = static_cast<uint64_t>(pid);
+    OsArgumentsSetCollector(oscollectoridentity);
+    Begin();
+    EXPECT_FALSE(m_uniqueLog->UsesCollector());
+    EXPECT_EQ(Messages(), Texts{"first"});
+}
+
+// A collector that is behind would find the marker glued to the text.
+TEST_F(CollectorOfOurs, EndMarkerIsNotSentBehindTextThatIsNotRead)
+{
+    FakeConfiguration fakeconfiguration;
+    fakeconfiguration.Set(OS_CFGTAG_FORCENETCLOSEDELAY, "1");
+    BeginAccepted();
+    m_uniqueLog.reset();
+    std::string strStream;
+    for (std::string strPiece; !(strPiece = Receive(65536, true)).empty();)
+        strStream += strPiece;
+    EXPECT_NE(strStream.find(" VE first\r\n"), std::string::npos);
+    EXPECT_EQ(strStream.find("EEXXIITT"), std::string::npos);
+}
+
 TEST_F(CollectorOfOurs, WhatAKilledCollectorWroteInPartIsEndedBeforeTheNextLine)
 {
     BeginAccepted();

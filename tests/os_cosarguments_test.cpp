@@ -64,9 +64,11 @@ std::string WhatAChildTakesIn()
 }
 }   // namespace
 
-int PlayPart(const std::vector<std::string>&)
+int PlayPart(const std::vector<std::string>& a_vecstrArguments)
 {
     OsArgumentsIntake();
+    if (a_vecstrArguments[0] == "published")
+        return Say(Get("MVR_OSSERVICESARGUMENTS")) ? 0 : 1;
     OsArgumentsIntake();
     std::string strSaid;
     for (uint32_t u32 = 0; u32 < OS_ARGUMENT_LAST; ++u32)
@@ -151,6 +153,28 @@ TEST(Arguments, DocumentIsBuiltOfTheConfigurationElseOfWhatIsGiven)
     EXPECT_STREQ(OsArgumentsDocument(), "");
 }
 
+TEST(Arguments, PublishingThatBreaksLeavesTheLockFree)
+{
+    struct BrokenSink final : COsLogSink
+    {
+        void VPrintf(const char*, uint32_t, uint32_t, const char*, va_list) override { throw std::bad_alloc(); }
+        uint32_t WorkingWord() const override { return 1; }
+    };
+    BrokenSink brokensink;
+    g_poslogsink = &brokensink;
+    EXPECT_THROW(OsArgumentsPublish(true), std::bad_alloc);
+    g_poslogsink = nullptr;
+    static std::atomic<bool> g_blPublished{false};
+    std::thread([] {
+        OsArgumentsPublish(true);
+        OsArgumentsPublish(false);
+        OsArgumentsClearThread();
+        g_blPublished = true;
+    }).detach();
+    EXPECT_TRUE(WaitFor([] { return g_blPublished.load(); }));
+    OsArgumentsClear(OS_CLEARARGUMENTS_THREAD | OS_CLEARARGUMENTS_GENERAL);
+}
+
 TEST(Arguments, PublishedDocumentArrivesInAChild)
 {
     EXPECT_EQ(WhatAChildTakesIn(), "|||||||||||||0,0,0|owner|||MVR_OSSERVICESARGUMENTSB64|");
@@ -205,6 +229,11 @@ TEST(Arguments, OverrideAndDriverletGoBeforeWhatIsInherited)
                            "<callersuniquename>other</callersuniquename><logmodel>m3</logmodel>"
                            "<drvletidentity/><drvletidentity>id</drvletidentity><loglevel>4</loglevel>") +
                   "|MVR_OSSERVICESARGUMENTSB64|");
+    const Part part("published");
+    EXPECT_NE(part.OutputUpTo().find("<overridefoldername><![CDATA[lib/drvlet]]></overridefoldername>"
+                                     "<callersuniquename>other</callersuniquename>"),
+              std::string::npos)
+        << "its own children find it in the environment";
 }
 
 TEST(Arguments, DriverletsApplicationInheritsNothing)

@@ -27,7 +27,8 @@ TEST_F(IniFile, ALineIsTakenAsItIsWritten)
 {
     PutConst("\xEF\xBB\xBF[app.DSIDENTITY] tail\nforcespawnretry= \t 5 \nLogBackup =9\n;ForceGUI=1\nForceAccess\n"
              "ForceProbe=1\nForceProbe=2\r\n\r\nForceIccProfile=a=b\r=x\nUnknown=1\n[app.Other]\nForceMaxMsg=99\n"
-             "[app.supportedsizes]\nN50=last\n[dsIdentity]\nLogBackup=8\n[APP.any.dsIdentity]\n"
+             "[app.supportedsizes]\nN50=last\n[app.MVR_ALL.DS]\nJpegQuantization_Y_5=1\n"
+             "[app.x.mvr_all.ds]\nJpegQuantization_Y_10=2\n[dsIdentity]\nLogBackup=8\n[APP.any.dsIdentity]\n"
              "ForceUnitsBehavior=5\nLogDirectory=C:\\elsewhere");
     COsCfg oscfg({});
     ExpectTags(oscfg, {{OS_CFGTAG_FORCESPAWNRETRY, "5 "},
@@ -38,6 +39,8 @@ TEST_F(IniFile, ALineIsTakenAsItIsWritten)
                        {OS_CFGTAG_FORCEICCPROFILE, "a=b"},
                        {OS_CFGTAG_FORCEMAXMSG, "10"}});
     EXPECT_STREQ(oscfg.GetString(OS_CFGSECTION_SUPPORTEDSIZES, OS_CFGTAG_N50), "last");
+    EXPECT_STREQ(oscfg.GetString(OS_CFGSECTION_MVRALLDS, OS_CFGTAG_JPEGQUANTIZATION_Y_05), "1");
+    EXPECT_STREQ(oscfg.GetString(OS_CFGSECTION_MVRALLDS, OS_CFGTAG_JPEGQUANTIZATION_Y_10), "2");
     EXPECT_EQ(Tag(oscfg, OS_CFGTAG_FORCEUNITSBEHAVIOR), "5");
     EXPECT_NE(Tag(oscfg, OS_CFGTAG_LOGDIRECTORY), "C:\\elsewhere") << "computed";
 }

@@ -1,8 +1,16 @@
 // os_coscfg_profile_test.cpp: the profile cache: reading, storing and writing back, files that are no INI files, which
 // file serves a request.
+#include "allocation_support.h"
 #include "coscfg_support.h"
+#include "os_coscfg_profilefile.h"
+#include "plat_child.h"
 
 #include "plat_file.h"
+#include "plat_watch.h"
+
+#include <regex>
+
+namespace fs = std::filesystem;
 
 class Profile : public ConfigurationTest
 {
@@ -207,16 +215,266 @@ TEST_F(Profile, ALogLineOfTheCacheMayLeadBackToIt)
 
 TEST_F(Profile, ThreadsShareTheCache)
 {
-    InThreads(6, [this](int a_iThread) {
-        const std::string strFile = "t" + std::to_string(a_iThread) + ".ini";
-        for (int iRound = 0; iRound < 40; ++iRound)
+    static constexpr int g_iThreads = 6;
+    static constexpr int g_iRounds = 150;
+    WriteWhole(PathOf("t.ini"), "[s]\r\n");
+    InThreads(g_iThreads, [this](int a_iThread) {
+        const std::string strKey = "key" + std::to_string(a_iThread);
+        for (int iRound = 1; iRound <= g_iRounds; ++iRound)
         {
-            const std::string strValue = std::to_string(iRound);
-            EXPECT_EQ(Store(strFile, "s", "key", strValue.c_str()), EOSSTS_SUCCESS);
-            EXPECT_EQ(WriteBack(strFile), EOSSTS_SUCCESS);
-            EXPECT_EQ(Read(strFile, "s", "key"), strValue);
+            const std::string strValue = std::string(static_cast<size_t>(iRound), static_cast<char>('a' + a_iThread));
+            EXPECT_EQ(Store("t.ini", "s", strKey.c_str(), strValue.c_str()), EOSSTS_SUCCESS);
+            EXPECT_EQ(Read("t.ini", "s", strKey.c_str()), strValue);
+            EXPECT_EQ(WriteBack("t.ini"), EOSSTS_SUCCESS);
         }
     });
+    for (int iThread = 0; iThread < g_iThreads; ++iThread)
+    {
+        EXPECT_EQ(Read("t.ini", "s", ("key" + std::to_string(iThread)).c_str()),
+                  std::string(g_iRounds, static_cast<char>('a' + iThread)));
+    }
+}
+
+// --------------------------------------------------------------------------------------------------- other hands
+
+TEST_F(Profile, AFileOfThisMomentIsReplacedAtOnceAndStaysWhatItWas)
+{
+    WriteWhole(PathOf("real.ini"), "[s]\nkey=" + std::string(100, 'x') + "\n");
+    fs::create_symlink("real.ini", PathOf("link.ini"));
+    fs::permissions(PathOf("real.ini"), fs::perms{0640});
+    const PlatHandle plathandle = PlatWatchCreate(Wide(m_path).c_str());
+    std::ifstream streamOld(PathOf("real.ini"));   // who has it open keeps the old text
+    EXPECT_EQ(Store("link.ini", "s", "key", "1"), EOSSTS_SUCCESS);
+    EXPECT_EQ(WriteBack("link.ini"), EOSSTS_SUCCESS);
+
+    // A file that was opened for writing counts as modified when it is closed.
+    std::vector<PlatWatchAction> vecplatwatchaction;
+    PlatWatchChange platwatchchange;
+    while (PlatWatchRead(plathandle, &platwatchchange))
+    {
+        if (platwatchchange.wszName == std::u16string(u"real.ini") &&
+            platwatchchange.platwatchaction != PLAT_WATCH_MODIFIED)
+            vecplatwatchaction.push_back(platwatchchange.platwatchaction);
+    }
+    PlatClose(plathandle);
+    EXPECT_EQ(vecplatwatchaction, std::vector{PLAT_WATCH_NEWNAME});
+    EXPECT_EQ(std::string(std::istreambuf_iterator<char>(streamOld), {}).size(), 109u);
+    EXPECT_EQ(ReadWhole(PathOf("real.ini")), "[s]\r\nkey=1\r\n");
+    EXPECT_TRUE(fs::is_symlink(PathOf("link.ini")));
+    EXPECT_EQ(fs::status(PathOf("real.ini")).permissions(), fs::perms{0640});
+    EXPECT_EQ(std::distance(fs::directory_iterator(m_path), {}), 2) << "nothing is left behind";
+}
+
+// A second name, or a handle that does not share deletion: nothing can take the file's place.
+TEST_F(Profile, AFileThatCannotBeReplacedIsWrittenInPlace)
+{
+    for (const char* szFile : {"a.ini", "b.ini"})
+        WriteWhole(PathOf(szFile), "[s]\r\nkey=" + std::string(100, 'x') + "\r\n");
+    fs::create_hard_link(PathOf("a.ini"), PathOf("second.ini"));
+    const PlatHandle plathandle = PlatFileOpen(Wide(PathOf("b.ini")).c_str(), PLAT_ACCESS_READ,
+                                               PLAT_SHARE_READ | PLAT_SHARE_WRITE, PLAT_DISPOSITION_OPENEXISTING, 0);
+    std::ifstream streamOld(PathOf("b.ini"));
+    for (const char* szFile : {"a.ini", "b.ini"})
+    {
+        EXPECT_EQ(Store(szFile, "s", "key", "1"), EOSSTS_SUCCESS);
+        EXPECT_EQ(WriteBack(szFile), EOSSTS_SUCCESS);
+    }
+    PlatClose(plathandle);
+    EXPECT_EQ(ReadWhole(PathOf("second.ini")), "[s]\r\nkey=1\r\n");
+    EXPECT_EQ(std::string(std::istreambuf_iterator<char>(streamOld), {}), "[s]\r\nkey=1\r\n");
+}
+
+// Also when size and time of the file tell nothing.
+TEST_F(Profile, WhatAnotherProgramWroteMeanwhileStays)
+{
+    WriteWhole(PathOf("a.ini"), "[s]\nkey=1\n");
+    const auto filetime = fs::last_write_time(PathOf("a.ini"));
+    EXPECT_EQ(Store("a.ini", "s", "key", "2"), EOSSTS_SUCCESS);
+    Overwrite(PathOf("a.ini"), 8, "3");
+    fs::last_write_time(PathOf("a.ini"), filetime);
+    EXPECT_EQ(WriteBack("a.ini"), EOSSTS_FAIL);
+    EXPECT_TRUE(m_logcapture.HasAt(64, "we're reloading over a dirty profile..."));
+    EXPECT_EQ(ReadWhole(PathOf("a.ini")), "[s]\nkey=3\n");
+    EXPECT_EQ(Read("a.ini", "s", "key"), "3");
+
+    Store("new.ini", "s", "key", "1");
+    WriteWhole(PathOf("new.ini"), "theirs");
+    EXPECT_EQ(WriteBack("new.ini"), EOSSTS_FAIL);
+    EXPECT_EQ(ReadWhole(PathOf("new.ini")), "theirs");
+}
+
+TEST_F(Profile, AWriterWaitsForAnotherButNotForEver)
+{
+    WriteWhole(PathOf("a.ini"), "[s]\nkey=1\n");
+    EXPECT_EQ(Store("a.ini", "s", "key", "2"), EOSSTS_SUCCESS);
+    const PlatHandle plathandle =
+        PlatFileOpen(Wide(PathOf("a.ini")).c_str(), PLAT_ACCESS_READ,
+                     PLAT_SHARE_READ | PLAT_SHARE_WRITE | PLAT_SHARE_DELETE, PLAT_DISPOSITION_OPENEXISTING, 0);
+    EXPECT_TRUE(PlatFileLock(plathandle, OS_PROFILELOCK, 1));
+    EXPECT_EQ(WriteBack("a.ini"), EOSSTS_FAIL);
+    EXPECT_TRUE(m_logcapture.HasAt(4, "fail: open failed...<" + Shown("a.ini") + ">"));
+    PlatClose(plathandle);
+    EXPECT_EQ(WriteBack("a.ini"), EOSSTS_SUCCESS);
+}
+
+// Whichever allocation fails, the file is the old one or the new one, and the next write-back succeeds.
+TEST_F(Profile, WithoutMemoryAFileStaysWhole)
+{
+    WriteWhole(PathOf("a.ini"), "[s]\r\nkey=0\r\n");
+    Read("a.ini", "s", "key");
+    g_poslogsink.store(nullptr);
+    bool blEnough = false;
+    for (int iFailing = 1; !blEnough && iFailing < 1000; ++iFailing)
+    {
+        const std::string strFile = PathOf("a.ini");
+        const std::string strBefore = ReadWhole(strFile);
+        const std::string strValue = std::to_string(iFailing);
+        g_iAllocationsLeft = iFailing;
+        const bool blStored = OsCfgProfileWrite(strFile.c_str(), "s", "key", strValue.c_str()) == EOSSTS_SUCCESS;
+        const bool blWritten = OsCfgProfileWriteBack(strFile.c_str()) == EOSSTS_SUCCESS;
+        blEnough = g_iAllocationsLeft > 0;
+        g_iAllocationsLeft = 0;
+        const std::string strAfter = "[s]\r\nkey=" + strValue + "\r\n";
+        EXPECT_EQ(ReadWhole(strFile), blStored && blWritten ? strAfter : strBefore) << iFailing;
+        EXPECT_TRUE(blWritten || !blEnough);
+        EXPECT_EQ(Store("a.ini", "s", "key", strValue.c_str()), EOSSTS_SUCCESS);
+        EXPECT_EQ(WriteBack("a.ini"), EOSSTS_SUCCESS);
+    }
+    EXPECT_TRUE(blEnough);
+    EXPECT_EQ(std::distance(fs::directory_iterator(m_path), {}), 1) << "nothing is left behind";
+}
+
+TEST_F(Profile, NamesThatDifferInCaseAreTwoFilesHere)
+{
+    WriteWhole(PathOf("Model.ini"), "[s]\nkey=1\n");
+    WriteWhole(PathOf("model.ini"), "[s]\nkey=2\n");
+    EXPECT_EQ(Read("Model.ini", "s", "key"), "1");
+    EXPECT_EQ(Read("model.ini", "s", "key"), "2");
+    fs::create_hard_link(PathOf("model.ini"), PathOf("MODEL.ini"));
+    EXPECT_EQ(Store("model.ini", "s", "key", "3"), EOSSTS_SUCCESS);
+    EXPECT_EQ(Read("MODEL.ini", "s", "key"), "3");
+}
+
+// ------------------------------------------------------------------------------------------------ other processes
+
+namespace
+{
+// The value tells how long it is: "7:xxxxxxx".
+std::string Numbered(unsigned long a_ulNumber)
+{
+    return std::to_string(a_ulNumber) + ":" + std::string(a_ulNumber * 37 % 3001, 'x');
+}
+
+// The number of a value; a failure of the test for one that is not whole.
+unsigned long NumberOf(const std::string& a_strValue)
+{
+    const unsigned long ulNumber = strtoul(a_strValue.c_str(), nullptr, 10);
+    EXPECT_EQ(a_strValue, Numbered(ulNumber));
+    return ulNumber;
+}
+
+// What a look at the whole file shows: the number of each key. Nothing else is in it.
+struct Numbers
+{
+    explicit Numbers(const std::string& a_strPath)
+    {
+        static const std::regex g_regex("\\[s\\]\r\nkeya=(.*)\r\nkeyb=(.*)\r\n");
+        std::smatch smatch;
+        const std::string strText = ReadWhole(a_strPath);
+        EXPECT_TRUE(std::regex_match(strText, smatch, g_regex)) << strText;
+        ulA = smatch.empty() ? 0 : NumberOf(smatch[1]);
+        ulB = smatch.empty() ? 0 : NumberOf(smatch[2]);
+    }
+    unsigned long ulA;
+    unsigned long ulB;
+};
+
+// The last number that a writer said it has written, or what was known of it before.
+unsigned long LastSaid(const Part& a_part, unsigned long a_ulKnown)
+{
+    std::string strSaid;
+    char achBuffer[4096];
+    size_t sizetRead = 0;
+    while (PlatWaitAny(&a_part.m_plathandleOutput, 1, 0) == 0 &&
+           PlatPipeRead(a_part.m_plathandleOutput, achBuffer, sizeof achBuffer, &sizetRead))
+        strSaid.append(achBuffer, sizetRead);
+    const size_t sizetEnd = strSaid.rfind('\n');
+    if (sizetEnd == std::string::npos || sizetEnd == 0)
+        return a_ulKnown;
+    const size_t sizetBegin = strSaid.rfind('\n', sizetEnd - 1);
+    return strtoul(strSaid.c_str() + (sizetBegin == std::string::npos ? 0 : sizetBegin + 1), nullptr, 10);
+}
+}   // namespace
+
+// Counts a key up for ever; each number that is in the file is said.
+int PlayPart(const std::vector<std::string>& a_vecstrArguments)
+{
+    const char* const szFile = a_vecstrArguments[0].c_str();
+    const char* const szKey = a_vecstrArguments[1].c_str();
+    char szValue[4096];
+    OsCfgProfileRead(szFile, "s", szKey, szValue, sizeof szValue);
+    for (unsigned long ulNumber = strtoul(szValue, nullptr, 10) + 1;; ++ulNumber)
+    {
+        while (OsCfgProfileWrite(szFile, "s", szKey, Numbered(ulNumber).c_str()) != EOSSTS_SUCCESS ||
+               OsCfgProfileWriteBack(szFile) != EOSSTS_SUCCESS)
+            std::this_thread::yield();
+        if (!Say(std::to_string(ulNumber) + "\n"))
+            return 0;
+    }
+}
+
+TEST_F(Profile, AKilledWriterTearsNothingAndTakesNothingAlong)
+{
+    const std::string strFile = PathOf("p.ini");
+    WriteWhole(strFile, "[s]\r\nkeya=0:\r\nkeyb=0:\r\n");
+    const Part partOther(strFile + " keyb");
+    const std::jthread reader([&](const std::stop_token& a_stoptoken) {
+        for (Numbers numbersLast(strFile); !a_stoptoken.stop_requested() && !HasFailure();)
+        {
+            const Numbers numbers(strFile);
+            EXPECT_GE(numbers.ulA, numbersLast.ulA);
+            EXPECT_GE(numbers.ulB, numbersLast.ulB);
+            numbersLast = numbers;
+        }
+    });
+    unsigned long ulOther = 0;
+    unsigned long ulKilled = 0;
+    const char* const szRounds = getenv("TEST_ROUNDS");
+    const int iRounds = szRounds ? atoi(szRounds) : 10;
+    for (int iRound = 0; iRound < iRounds && !HasFailure(); ++iRound)
+    {
+        const Part part(strFile + " keya");
+        const unsigned long ulFirst = strtoul(part.OutputUpTo("\n").c_str(), nullptr, 10);
+        EXPECT_TRUE(WaitFor([&] { return Numbers(strFile).ulA > ulFirst; }));
+        PlatSleep(static_cast<uint32_t>(iRound) % 3);   // wherever it is now
+        part.Kill();
+        ulKilled = LastSaid(part, ulKilled);
+        ulOther = LastSaid(partOther, ulOther);
+        const Numbers numbers(strFile);
+        EXPECT_GE(numbers.ulA, ulKilled);
+        EXPECT_GE(numbers.ulB, ulOther);
+    }
+    EXPECT_TRUE(WaitFor([&] { return Numbers(strFile).ulB > ulOther; })) << "the other one goes on";
+    EXPECT_GT(ulOther, 0u);
+}
+
+// A file with two names is written in place; those who read it through the library find it whole all the same.
+TEST_F(Profile, AReaderFindsAFileWholeThatIsWrittenInPlace)
+{
+    const std::string strFile = PathOf("p.ini");
+    WriteWhole(strFile, "[s]\r\nkeya=0:\r\nkeyb=0:\r\n");
+    fs::create_hard_link(strFile, PathOf("second.ini"));
+    const Part partA(strFile + " keya");
+    const Part partB(strFile + " keyb");
+    unsigned long ulA = 0;
+    unsigned long ulB = 0;
+    EXPECT_TRUE(WaitFor([&] {
+        EXPECT_GE(NumberOf(Read("p.ini", "s", "keya")), ulA);
+        EXPECT_GE(NumberOf(Read("p.ini", "s", "keyb")), ulB);
+        ulA = LastSaid(partA, ulA);
+        ulB = LastSaid(partB, ulB);
+        return (ulA > 500 && ulB > 500) || HasFailure();
+    }));
 }
 
 // --------------------------------------------------------------------------------------------- which file serves it

@@ -5,30 +5,36 @@
 #include "os_coscfg.h"
 #include "os_coslog.h"
 
-#include <set>
+#include <pwd.h>
+#include <unistd.h>
 
 // ------------------------------------------------------------------------------------------------------ the tags
 
-TEST(ConfigurationTags, TheNumbersNamesSectionsAndDefaultsAreFixed)
+// Lines of "number|section|name|value", written by hand; "*" is computed.
+TEST_F(ConfigurationTest, WithoutAnyFileTheTableOfTagsIsTheWrittenOne)
 {
-    std::set<std::string> setstr;
-    for (uint32_t u32Tag = 1; u32Tag < OS_CFGTAG_LAST; ++u32Tag)
-        setstr.insert(OsCfgTagName(u32Tag));
-    EXPECT_EQ(setstr.size(), 344u);
-    const std::tuple<uint32_t, uint32_t, const char*, const char*> atuple[] = {
-        {37, 1, "MVR.LOG", nullptr},
-        {84, 1, "ForceMaxChunkSocket", "-2130706432"},
-        {239, 2, "ServiceName", "OrvaneScannerService"},
-        {247, 1, "", nullptr},
-        {344, 3, "N50", nullptr},
-        {345, 1, "", nullptr},
-    };
-    for (const auto& [u32Tag, u32Section, szName, szDefault] : atuple)
+    COsCfg oscfg({});
+    std::ifstream stream(TEST_SOURCEFOLDER "/tests/data/configuration_defaults.txt");
+    uint32_t u32Tag = 0;
+    for (std::string strNumber, strSection, strName, strValue; std::getline(stream, strNumber, '|');)
     {
-        EXPECT_STREQ(OsCfgTagName(u32Tag), szName);
-        EXPECT_EQ(OsCfgTagSection(u32Tag), u32Section) << szName;
-        EXPECT_STREQ(OsCfgTagDefault(u32Tag), szDefault) << szName;
+        std::getline(std::getline(std::getline(stream, strSection, '|'), strName, '|'), strValue);
+        ++u32Tag;
+        const auto u32Section = static_cast<uint32_t>(std::stoul(strSection));
+        EXPECT_EQ(strNumber, std::to_string(u32Tag));
+        EXPECT_EQ(OsCfgTagSection(u32Tag), u32Section) << strName;
+        EXPECT_EQ(OsCfgTagName(u32Tag), strName);
+        if (strValue == "*")
+            continue;
+        EXPECT_EQ(oscfg.GetString(static_cast<EOSCFGSECTION>(u32Section), static_cast<EOSCFGTAG>(u32Tag)), strValue)
+            << strName;
+        const bool blCovered = u32Section == OS_CFGSECTION_BRAND;   // by the brand record
+        EXPECT_TRUE(!blCovered || OsCfgTagDefault(u32Tag) == strValue) << strName;
     }
+    EXPECT_EQ(u32Tag, 344u);
+    EXPECT_EQ(u32Tag + 1, static_cast<uint32_t>(OS_CFGTAG_LAST));
+    EXPECT_EQ(Tag(oscfg, OS_CFGTAG_DRIVERNAME), "os_coscfg_test");
+    EXPECT_EQ(Tag(oscfg, OS_CFGTAG_USERNAME), getpwuid(geteuid())->pw_name);
 }
 
 // ------------------------------------------------------------------------------------------------------ the table
@@ -76,20 +82,15 @@ TEST(ConfigurationTable, AnExtensionIsAsLargeAsItsLists)
 
 using Configuration = ConfigurationTest;
 
-TEST_F(Configuration, WithoutAnyFileEveryTagHasItsDefault)
+TEST_F(Configuration, TheVersionIsTheProgramsOwn)
 {
     LogCapture logcapture;
     COsCfg::CreateArgs createargs;
-    createargs.szUniqueName = "cfgtest";
     for (size_t sizet = 0; sizet < OS_CFGVERSIONS; ++sizet)
         createargs.aszVersion[sizet] = "12";
     COsCfg oscfg(createargs);
-
     EXPECT_TRUE(logcapture.HasAt(4, "Done setting configuration defaults..."));
-    ExpectTags(oscfg, {{OS_CFGTAG_UITIMEOUT, "0"},
-                       {OS_CFGTAG_LOGBACKUP, "6"},
-                       {OS_CFGTAG_FORCEMAXMSG, "10"},
-                       {OS_CFGTAG_VERSIONMAJORNUM, "12"}});
+    ExpectTags(oscfg, {{OS_CFGTAG_VERSIONMAJORNUM, "12"}, {OS_CFGTAG_VERSIONYEAR, "12"}});
     EXPECT_EQ(OsCfgGetLong(OS_CFGTAG_FORCEMAXCHUNKSOCKET), -2130706432L);
 }
 

@@ -63,7 +63,7 @@ TEST(Environment, NumbersAreDecimal)
     EXPECT_EQ(OsEnvGetNumber("MVR_TEST", 5), 5);
 }
 
-TEST(Environment, PrefixDeletesWithoutRegardToCase)
+TEST(Environment, APrefixDeletesInAnyCaseAndTheRestIsListed)
 {
     setenv("MVR_GoneA", "1", 1);
     setenv("mvr_gone", "2", 1);
@@ -72,8 +72,12 @@ TEST(Environment, PrefixDeletesWithoutRegardToCase)
     EXPECT_EQ(getenv("MVR_GoneA"), nullptr);
     EXPECT_EQ(getenv("mvr_gone"), nullptr);
 
+    setenv("MVR_EMPTY", "", 1);
+    setenv("MVR_LATIN", "\xE4\xC3\xA4\xF0x\xC3", 1);
     OsEnvVariables osenvvariables;
     ASSERT_EQ(OsEnvList(&osenvvariables), EOSSTS_SUCCESS);
-    const std::pair<std::string, std::string> kept("MVR_GON", "3");
-    EXPECT_EQ(std::count(osenvvariables.begin(), osenvvariables.end(), kept), 1);
+    const std::pair<std::string, std::string> astr[] = {
+        {"MVR_GON", "3"}, {"MVR_EMPTY", ""}, {"MVR_LATIN", "\uFFFD\u00E4\uFFFDx\uFFFD"}};
+    for (const auto& listed : astr)
+        EXPECT_EQ(std::count(osenvvariables.begin(), osenvvariables.end(), listed), 1) << listed.first;
 }

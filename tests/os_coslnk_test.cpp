@@ -4,6 +4,8 @@
 
 #include "test_support.h"
 
+#include "plat_thread.h"
+
 #include <thread>
 
 class List : public FolderTest
@@ -154,4 +156,18 @@ TEST_F(List, ThreadsWaitForTheLockAlsoOnAnEmptyList)
         thread.join();
     EXPECT_EQ(oslnk.Count(), 300);
     EXPECT_EQ(Items(oslnk).size(), 300u);
+}
+
+TEST_F(List, TheHolderOfTheLockIsOnRecord)
+{
+    COsLnk oslnk(sizeof(int), 4);
+    AddRange(oslnk, 0, 0);
+    oslnk.GetFirstAndLock("function", "file", 7);
+    const OsLnkHolder oslnkholder = oslnk.Holder();
+    EXPECT_STREQ(oslnkholder.szFunction, "function");
+    EXPECT_STREQ(oslnkholder.szFile, "file");
+    EXPECT_EQ(oslnkholder.u32Line, 7u);
+    EXPECT_EQ(oslnkholder.u64ThreadId, PlatThreadId());
+    oslnk.Unlock();
+    EXPECT_STREQ(oslnk.Holder().szFunction, "");
 }

@@ -2,6 +2,7 @@
 // should be. Cases named Peer are the second process of another case.
 #include "os_cosmem.h"
 
+#include "allocation_support.h"
 #include "test_support.h"
 
 #include "plat_memory.h"
@@ -67,6 +68,72 @@ TEST_F(Shared, AFileBackedMemoryIsTheFileAndGoesWithItsCreator)
     Release(pcOpened);
     EXPECT_EQ(m_osmem.GetCounts().u32Current, 0u);
     EXPECT_EQ(m_osmem.GetCounts().u64CurrentBytes, 0u);
+}
+
+TEST_F(Shared, ACreateFollowsNoLink)
+{
+    WriteWhole(PathOf("precious"), "text");
+    std::filesystem::create_symlink("precious", m_strFile);
+    EXPECT_EQ(Create(OS_SHAREDFLAG_FILE), nullptr);
+    EXPECT_TRUE(m_logcapture.HasAt(1, Logged("mem>>> CreateFile failed...", " 2")));
+    EXPECT_EQ(ReadWhole(PathOf("precious")), "text");
+
+    std::filesystem::remove(m_strFile);
+    std::filesystem::create_hard_link(PathOf("precious"), m_strFile);
+    Release(Create(OS_SHAREDFLAG_FILE));
+    EXPECT_FALSE(std::filesystem::exists(m_strFile));
+}
+
+TEST_F(Shared, AViewThatTheFullTableHasNoSlotForIsAViewAllTheSame)
+{
+    std::vector<void*> vecpvBlock(2048);
+    std::generate(vecpvBlock.begin(), vecpvBlock.end(), [] { return OsMemAlloc(1, "caller", 1, OS_MEMFLAG_BLOCK); });
+    char* pcView = Create(OS_SHAREDFLAG_FILE);
+    ASSERT_NE(pcView, nullptr);
+    EXPECT_TRUE(m_logcapture.HasAt(64, Logged("mem>>> Manage failed...")));
+    Put(pcView, "text");
+    EXPECT_EQ(Lock(pcView), EOSSTS_LOCKED);
+    pcView = static_cast<char*>(OsMemSharedRemap(pcView, 0, m_u64Bytes, "caller", 1));
+    ASSERT_NE(pcView, nullptr);
+    EXPECT_EQ(Get(pcView), "text");
+    Release(pcView);
+    EXPECT_FALSE(std::filesystem::exists(m_strFile));
+    for (void* pvBlock : vecpvBlock)
+        Release(pvBlock);
+}
+
+// Whichever allocation fails: no view and nothing left behind, or a view. The log lines of the test need memory as
+// well.
+TEST_F(Shared, WithoutMemoryThereIsNoView)
+{
+    g_poslogsink.store(nullptr);
+    size_t sizetDescriptors = 0;
+    bool blCreated = false;
+    for (int iFailing = 1; !blCreated && iFailing < 1000; ++iFailing)
+    {
+        g_iAllocationsLeft = iFailing;
+        void* const pvView = Create(OS_SHAREDFLAG_FILE);
+        blCreated = g_iAllocationsLeft > 0;
+        if (pvView)
+            Release(pvView);
+        g_iAllocationsLeft = 0;
+        EXPECT_FALSE(blCreated && !pvView);
+        EXPECT_FALSE(std::filesystem::exists(m_strFile)) << iFailing;
+        const auto sizetNow =
+            static_cast<size_t>(std::distance(std::filesystem::directory_iterator("/proc/self/fd"), {}));
+        EXPECT_TRUE(iFailing == 1 || sizetNow == sizetDescriptors) << iFailing;
+        sizetDescriptors = sizetNow;
+    }
+    EXPECT_TRUE(blCreated);
+    for (int iFailing = 1; iFailing < 10; ++iFailing)
+    {
+        void* const pvView = Create(OS_SHAREDFLAG_FILE);
+        g_iAllocationsLeft = iFailing;
+        Release(pvView);
+        g_iAllocationsLeft = 0;
+        EXPECT_FALSE(std::filesystem::exists(m_strFile)) << iFailing;
+    }
+    EXPECT_EQ(m_osmem.GetCounts().u32Current, 0u);
 }
 
 TEST_F(Shared, APageFileMemoryIsFoundByTheLinkInTheFile)

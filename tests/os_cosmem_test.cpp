@@ -5,6 +5,7 @@
 
 #include <cstring>
 #include <stdexcept>
+#include <sys/mman.h>
 
 class Tracker : public FolderTest
 {
@@ -27,6 +28,11 @@ protected:
         char szText[32];
         SStrPrintf(szText, sizeof szText, "%p", a_pvAddress);
         return szText;
+    }
+    static bool IsUnmapped(void* a_pvBlock)
+    {
+        unsigned char uchResident;
+        return mincore(a_pvBlock, 1, &uchResident) != 0;
     }
     // How often a line was logged at the caller's place.
     size_t AtCaller(uint32_t a_u32Level, const std::string& a_strText) const
@@ -76,6 +82,8 @@ TEST_F(Tracker, EveryAllocationAndFreeIsTracedWithItsCounts)
     void* const pvFirst = Alloc(100);
     void* const pvSecond = Alloc(200);
     Free(pvFirst, 0x1100);
+    Free(Alloc(8));   // the peak stays
+    EXPECT_EQ(m_osmem.GetCounts().u64PeakBytes, 428u);
     EXPECT_TRUE(Traced(256, "m+  ", pvSecond,
                        "   SZ:264        AC:2       FC:0       CC:2       CB:428        PB:428        FN:"));
     EXPECT_TRUE(Traced(256, "m-  ", pvFirst,
@@ -86,22 +94,28 @@ TEST_F(Tracker, EveryAllocationAndFreeIsTracedWithItsCounts)
     EXPECT_TRUE(m_logcapture.Lines().empty());
 }
 
-TEST_F(Tracker, AFullTableLeavesBlocksUntrackedAndTheirFreesAreTold)
+TEST_F(Tracker, BlocksBeyondAFullTableAreFreedAllTheSame)
 {
     std::vector<void*> vecpvBlock(2048);
     std::generate(vecpvBlock.begin(), vecpvBlock.end(), [] { return Alloc(1); });
     EXPECT_FALSE(m_logcapture.Has("mem>>> No free slots..."));
-    void* const pvUntracked = Alloc(1);
-    ASSERT_NE(pvUntracked, nullptr);
-    EXPECT_TRUE(IsZero(pvUntracked, 65));
-    EXPECT_TRUE(m_logcapture.HasAt(64, "mem>>> No free slots..."));
+    static constexpr size_t g_sizetBlock = size_t{1} << 20;
+    std::vector<void*> vecpvBeyond(1000);
+    std::generate(vecpvBeyond.begin(), vecpvBeyond.end(), [] { return Alloc(g_sizetBlock, OS_MEMFLAG_PAGES); });
+    EXPECT_TRUE(IsZero(vecpvBeyond.back(), g_sizetBlock + 64));
+    EXPECT_EQ(m_logcapture.Count("mem>>> No free slots..."), 1000u);
     EXPECT_EQ(m_osmem.GetCounts().u32Current, 2048u);
 
-    Free(pvUntracked);
-    EXPECT_TRUE(m_logcapture.HasAt(64, "mem>>> Can't find managed item..." + Hex(pvUntracked)));
+    for (void* pvBlock : vecpvBeyond)
+    {
+        Free(pvBlock);
+        EXPECT_TRUE(IsUnmapped(pvBlock));
+    }
+    EXPECT_TRUE(m_logcapture.HasAt(64, "mem>>> Can't find managed item..." + Hex(vecpvBeyond[0])));
+    Free(vecpvBeyond[0]);   // twice
     Free(nullptr);
     EXPECT_TRUE(m_logcapture.HasAt(64, "mem>>> Attempt to free a NULL value..."));
-    EXPECT_EQ(AtCaller(1, "mem>>> The error occurred here..."), 2u);
+    EXPECT_EQ(AtCaller(1, "mem>>> The error occurred here..."), 1002u);
     EXPECT_EQ(m_osmem.GetCounts().u32Frees, 0u);
 
     Free(vecpvBlock[1000]);   // its slot is the first free one now
@@ -110,7 +124,6 @@ TEST_F(Tracker, AFullTableLeavesBlocksUntrackedAndTheirFreesAreTold)
     OsMemDump(vecpvBlock[1000]);
     EXPECT_TRUE(m_logcapture.HasPart("mem>>> 1000  globalalloc " + Hex(vecpvBlock[1000])));
     std::for_each(vecpvBlock.begin(), vecpvBlock.end(), [](void* pvBlock) { Free(pvBlock); });
-    std::free(pvUntracked);
 }
 
 TEST_F(Tracker, TheDumpShowsOneBlockOrAll)

@@ -4,6 +4,7 @@
 #include "test_support.h"
 
 #include <cstring>
+#include <sys/resource.h>
 
 namespace fs = std::filesystem;
 
@@ -131,9 +132,15 @@ TEST_F(Resource, TheProgramCarriesItsBrandAndItsVersion)
     }
 }
 
-// Runs in a copy of this test that carries the text; many threads ask at once.
+// Runs in a copy of this test that carries the text. At first no file can be opened; then many threads ask at once.
 TEST(LocalResource, DISABLED_Text)
 {
+    struct rlimit rlimitBefore;
+    ASSERT_EQ(getrlimit(RLIMIT_NOFILE, &rlimitBefore), 0);
+    const struct rlimit rlimitNone = {0, rlimitBefore.rlim_max};
+    ASSERT_EQ(setrlimit(RLIMIT_NOFILE, &rlimitNone), 0);
+    EXPECT_EQ(OsResourceText("TEXT"), nullptr);
+    ASSERT_EQ(setrlimit(RLIMIT_NOFILE, &rlimitBefore), 0);
     InThreads(8, [](int) { EXPECT_STREQ(OsResourceText("TEXT"), "carried"); });
     EXPECT_EQ(OsResourceText("TEXT"), OsResourceText("TEXT"));
 }

@@ -6,8 +6,12 @@
 
 #include "plat_file.h"
 
+#include <csetjmp>
+#include <csignal>
 #include <random>
+#include <sys/mman.h>
 #include <thread>
+#include <unistd.h>
 
 // Writes records until the test ends.
 int PlayPart(const std::vector<std::string>& a_vecstrArguments)
@@ -229,6 +233,98 @@ TEST_F(RingBuffer, ABlockThatIsCutInTheMiddleOfAnOperationIsRefused)
         EXPECT_EQ(m_eossts, EOSSTS_FAIL);
         EXPECT_TRUE(m_logcapture.HasAt(1, "memory is damaged"));
     }
+}
+
+namespace
+{
+// A payload whose second half can be read only when the block's file has been cut: the file is cut in the middle of
+// the operation that reads it. One at a time.
+class CuttingPayload
+{
+public:
+    explicit CuttingPayload(const std::string& a_strFile)
+    {
+        g_strFile = a_strFile;
+        g_pvHalf = mmap(nullptr, 2 * OS_HALF, PROT_READ | PROT_WRITE, MAP_PRIVATE | MAP_ANONYMOUS, -1, 0);
+        m_pvPayload = std::exchange(g_pvHalf, static_cast<char*>(g_pvHalf) + OS_HALF);
+        mprotect(g_pvHalf, OS_HALF, PROT_NONE);
+        struct sigaction action = {};
+        action.sa_handler = Cut;
+        sigaction(SIGSEGV, &action, &m_actionBefore);
+    }
+    ~CuttingPayload()
+    {
+        sigaction(SIGSEGV, &m_actionBefore, nullptr);
+        munmap(m_pvPayload, 2 * OS_HALF);
+    }
+    CuttingPayload(const CuttingPayload&) = delete;
+    CuttingPayload& operator=(const CuttingPayload&) = delete;
+
+    static constexpr size_t OS_HALF = 1 << 20;
+
+    void* m_pvPayload;
+
+private:
+    static void Cut(int)
+    {
+        static_cast<void>(truncate(g_strFile.c_str(), 4096));
+        mprotect(g_pvHalf, OS_HALF, PROT_READ);
+    }
+
+    static inline std::string g_strFile;
+    static inline void* g_pvHalf;
+    struct sigaction m_actionBefore;
+};
+
+// What the process did with bus errors before the first ring was there.
+sigjmp_buf g_sigjmpbuf;
+volatile sig_atomic_t g_sigatomicForeign = 0;
+[[maybe_unused]] const auto g_handlerBefore = signal(SIGBUS, [](int) {
+    if (!g_sigatomicForeign)
+        _exit(3);
+    g_sigatomicForeign = 0;
+    siglongjmp(g_sigjmpbuf, 1);
+});
+}   // namespace
+
+// Later writes would go to pages that nobody else sees.
+TEST_F(RingBuffer, WhatWasCutInAnOperationAndHasGrownIsRefused)
+{
+    Make(4 * CuttingPayload::OS_HALF);
+    const auto uSize = std::filesystem::file_size(m_strFile);
+    const CuttingPayload cuttingpayload(m_strFile);
+    int32_t i32Written = 0;
+    EXPECT_EQ(m_writer.Write(cuttingpayload.m_pvPayload, 0, 2 * CuttingPayload::OS_HALF, &i32Written), EOSSTS_FAIL);
+    EXPECT_EQ(i32Written, 0);
+    std::filesystem::resize_file(m_strFile, uSize);
+    EXPECT_EQ(Write("into a page of our own"), 0);
+    EXPECT_EQ(m_eossts, EOSSTS_FAIL);
+    Make();
+    EXPECT_EQ(Write("new"), 3);
+    EXPECT_EQ(Read(), "new");
+}
+
+// Its handler sees the error, and rings are as safe as before.
+TEST_F(RingBuffer, AForeignBusErrorLeavesTheGuardInPlace)
+{
+    Make(4 * CuttingPayload::OS_HALF);
+    for (int iTurn = 0; iTurn < 2; ++iTurn)
+    {
+        WriteWhole(PathOf("foreign"), std::string(4096, 'x'));
+        const PlatHandle plathandle =
+            PlatFileOpen(Wide(PathOf("foreign")).c_str(), PLAT_ACCESS_READ, 7, PLAT_DISPOSITION_OPENEXISTING, 0);
+        size_t sizetView = 0;
+        const void* const pvView = PlatMappingView(plathandle, 0, false, &sizetView);
+        ASSERT_NE(pvView, nullptr);
+        std::filesystem::resize_file(PathOf("foreign"), 0);
+        g_sigatomicForeign = 1;
+        if (sigsetjmp(g_sigjmpbuf, 1) == 0)
+            ADD_FAILURE() << *static_cast<const volatile char*>(pvView);
+        PlatClose(plathandle);
+    }
+    const CuttingPayload cuttingpayload(m_strFile);
+    int32_t i32Written = 0;
+    EXPECT_EQ(m_writer.Write(cuttingpayload.m_pvPayload, 0, 2 * CuttingPayload::OS_HALF, &i32Written), EOSSTS_FAIL);
 }
 
 // Whatever stands in the header and in front of the records, nothing is touched outside the block, which here ends

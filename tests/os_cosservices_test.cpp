@@ -7,6 +7,7 @@
 #include "os_coslog.h"
 #include "os_cosmem.h"
 #include "os_cosservices.h"
+#include "os_cosservices_identity.h"
 #include "os_cosxml.h"
 
 #include "plat_process.h"
@@ -188,4 +189,98 @@ TEST_F(Services, AProgramThatForbidsItTellsItsChildrenNothing)
     OsArgumentsPublish(true);
     OsArgumentsPublish(false);
     EXPECT_EQ(getenv("MVR_OSSERVICESARGUMENTS"), nullptr);
+}
+
+TEST_F(Services, ADocumentWithoutAUsableNameIsRefused)
+{
+    LogCapture logcapture;
+    for (const std::string& strName : {std::string(70, 'x'), std::string("a/b"), std::string()})
+    {
+        m_strDocument = "<arguments><uniquename>" + strName + "</uniquename><entity>application</entity></arguments>";
+        OsServicesSetDocument(m_strDocument.c_str());
+        EXPECT_EQ(OsServicesStart(), EOSSTS_FAIL);
+        EXPECT_TRUE(logcapture.HasPart("of at most 63 bytes that a file can have...<" + m_strDocument)) << strName;
+        EXPECT_EQ(OsLogGet(), nullptr);
+    }
+    OsServicesSetDocument("garbage");
+    EXPECT_EQ(OsServicesStart(), EOSSTS_FAIL);
+}
+
+// The model is handed down by those who work for it; a library or an application does not.
+TEST_F(Services, OnlyADriverHandsItsModelDown)
+{
+    Inherit("<logmodel>d100</logmodel>");
+    for (const auto& [szEntity, szModel] : {std::pair{"driver", "d100"}, {"dll", ""}, {"application", ""}})
+    {
+        Start("<uniquename>prog</uniquename><entity>" + std::string(szEntity) + "</entity>");
+        EXPECT_EQ(Element("logmodel"), szModel) << szEntity;
+        EXPECT_EQ(*OsCfgGetString(OS_CFGTAG_OTTER_LOGPATH) != 0, *szModel != 0) << szEntity;
+        OsServicesStop();
+    }
+}
+
+TEST_F(Services, ADiagnosedStartWritesTheReport)
+{
+    for (const bool blDiagnosed : {false, true})
+    {
+        Start("<uniquename>prog</uniquename><entity>application</entity><loglevel>" + std::to_string(blDiagnosed) +
+              "</loglevel>");
+        EXPECT_EQ(fs::exists(fs::path(LogFile()).parent_path() / "mvroscfg.txt"), blDiagnosed);
+        OsServicesStop();
+    }
+}
+
+TEST_F(Services, FileAndFilterOfTheLogAreTakenOutOfTheirLiterals)
+{
+    OsServicesIdentity osservicesidentity;
+    EXPECT_TRUE(OsServicesIdentify("<uniquename>prog</uniquename><logfile>_T(\"/logs\")</logfile>"
+                                   "<logfilter>_T(\"-os_cosmem\")</logfilter>",
+                                   osservicesidentity));
+    EXPECT_STREQ(osservicesidentity.szLogFile, "/logs");
+    EXPECT_STREQ(osservicesidentity.szFilter, "-os_cosmem");
+    EXPECT_TRUE(OsServicesIdentify("<uniquename>prog</uniquename><logfile>null</logfile><logfilter>0</logfilter>",
+                                   osservicesidentity));
+    EXPECT_STREQ(osservicesidentity.szLogFile, "");
+    EXPECT_STREQ(osservicesidentity.szFilter, "");
+
+    Start("<uniquename>prog</uniquename><entity>application</entity><loglevel>1</loglevel>"
+          "<logfilter>_T(\"os_cosservices_test\")</logfilter>");
+    OSLOG(OS_LOG_NOTE, "ours");
+    const std::string strLog = ReadWhole(LogFile());
+    EXPECT_NE(strLog.find("DebugFilter=<os_cosservices_test>"), std::string::npos);
+    EXPECT_NE(strLog.find("ours\r\n"), std::string::npos);
+    EXPECT_EQ(strLog.find("mem>>>"), std::string::npos);
+}
+
+// Runs in a copy of this test that carries a version.
+using ServicesOfFile = Services;
+TEST_F(ServicesOfFile, DISABLED_Version)
+{
+    Start("<uniquename>prog</uniquename><entity>application</entity>");
+    const std::string strVersion =
+        OsCfgGetString(OS_CFGTAG_VERSIONMAJORNUM) + std::string(".") + OsCfgGetString(OS_CFGTAG_VERSIONMINORNUM) + "." +
+        OsCfgGetString(OS_CFGTAG_VERSIONPATCHNUM) + "." + OsCfgGetString(OS_CFGTAG_VERSIONBUILDNUM) + " " +
+        OsCfgGetString(OS_CFGTAG_VERSIONDAY) + OsCfgGetString(OS_CFGTAG_VERSIONYEAR);
+    EXPECT_EQ(strVersion, "01.02.03.04 000000");
+}
+
+TEST_F(Services, AProgramWithoutAVersionHasThatOfItsFile)
+{
+    const std::string strProgram = PathOf("copy");
+    fs::copy_file("/proc/self/exe", strProgram);
+    ASSERT_EQ(AppendResources(strProgram, "VERSION=1.2.3.4"), 0);
+    EXPECT_EQ(RunDisabledCase(strProgram, "ServicesOfFile.*"), 0);
+}
+
+TEST_F(Services, AStopLeavesNoSettingsOfOtherComponents)
+{
+    static constexpr const char* g_aszName[] = {"OTTER_LOGDEBUG", "OTTER_LOGPATH",           "MVR_APPPROTOCOL",
+                                                "MVR_FIRMWARE",   "MVR_UIRESOURCEFILE",      "MVR_UISOCKETUNICODE",
+                                                "UI_TIMEOUT",     "mvr_osservicesargumentsX"};
+    for (const char* szName : g_aszName)
+        setenv(szName, "1", 1);
+    Start("<uniquename>prog</uniquename><entity>application</entity>");
+    OsServicesStop();
+    for (const char* szName : g_aszName)
+        EXPECT_EQ(getenv(szName), nullptr) << szName;
 }

@@ -5,11 +5,18 @@
 #include "ring_support.h"
 
 #include "plat_file.h"
+#include "plat_thread.h"
 
 #include <ctime>
 #include <fstream>
 #include <iostream>
 #include <thread>
+
+// A thread of this process that waits for something.
+static bool IsAsleep(uint64_t a_u64ThreadId)
+{
+    return ReadWhole("/proc/self/task/" + std::to_string(a_u64ThreadId) + "/stat").find(") S ") != std::string::npos;
+}
 
 // Holds a channel's lock until the process ends.
 static void HoldLock(const std::string& a_strFile)
@@ -180,12 +187,15 @@ TEST_F(SharedSocket, CancelReachesTheCreatingSideAndDisconnectThisOne)
     m_possocket.SocketCancel();
     EXPECT_EQ(m_part->OutputUpTo("\n"), "r1EventCancel\n");
 
+    std::atomic<uint64_t> u64Reader = 0;
     std::thread reader([&] {
+        u64Reader = PlatThreadId();
         Read();
         EXPECT_EQ(m_eossts, EOSSTS_DISCONNECTED);
     });
     std::thread writer([&] { EXPECT_EQ(Write(std::string(1000000, 'x')), EOSSTS_DISCONNECTED); });
-    PlatSleep(50);
+    EXPECT_TRUE(
+        WaitFor([&] { return IsAsleep(u64Reader) && m_logcapture.HasPart("not enough free space, need to retry"); }));
     m_possocket.SocketDisconnect(false);
     reader.join();
     writer.join();

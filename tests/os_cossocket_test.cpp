@@ -4,8 +4,13 @@
 
 #include "plat_thread.h"
 
+#include <arpa/inet.h>
 #include <array>
+#include <netinet/in.h>
+#include <netinet/tcp.h>
+#include <sys/socket.h>
 #include <thread>
+#include <unistd.h>
 
 class SocketTest : public FolderTest
 {
@@ -356,17 +361,76 @@ TEST_F(SocketTest, DisconnectedObjectSaysSoAndCanBeUsedAgain)
     EXPECT_EQ(Receive(socketpair.server).strText, "again");
 }
 
-TEST_F(SocketTest, ConfigurationSetsOptionsAndIsCheckedOnce)
+// An option as the system has it, of this process's socket that is connected to a port; -1 when there is none.
+static int OptionOf(const char* a_szPort, int a_iLevel, int a_iName)
+{
+    for (int iSocket = 0; iSocket < 1024; ++iSocket)
+    {
+        sockaddr_in address = {};
+        socklen_t socklen = sizeof address;
+        int iValue = 0;
+        if (getpeername(iSocket, reinterpret_cast<sockaddr*>(&address), &socklen) != 0 ||
+            ntohs(address.sin_port) != std::atoi(a_szPort))
+            continue;
+        socklen = sizeof iValue;
+        return getsockopt(iSocket, a_iLevel, a_iName, &iValue, &socklen) == 0 ? iValue : -1;
+    }
+    return -1;
+}
+
+TEST_F(SocketTest, ConfigurationSetsOptions)
+{
+    const struct
+    {
+        const char* szKeepAlive;
+        const char* szNoDelay;
+        bool blNoDelay;
+        int iKeepAlive;
+        int iNoDelay;
+    } acase[] = {{"0", "1", false, 0, 0}, {"0x1", "1", true, 1, 1}, {"0", "2", false, 0, 1}};
+    FakeConfiguration cfgfake;
+    for (const auto& [szKeepAlive, szNoDelay, blNoDelay, iKeepAlive, iNoDelay] : acase)
+    {
+        cfgfake.Set(OS_CFGTAG_FORCENETKEEPALIVE, szKeepAlive);
+        cfgfake.Set(OS_CFGTAG_FORCENETNODELAY, szNoDelay);
+        Listener listener;
+        COsSocket client, server;
+        EXPECT_EQ(client.SocketConnect({.szPort = listener.szPort, .blNoDelay = blNoDelay}), EOSSTS_SUCCESS);
+        EXPECT_EQ(listener.Accept(server), EOSSTS_SUCCESS);
+        EXPECT_EQ(OptionOf(listener.szPort, SOL_SOCKET, SO_KEEPALIVE), iKeepAlive);
+        EXPECT_EQ(OptionOf(listener.szPort, IPPROTO_TCP, TCP_NODELAY), iNoDelay);
+    }
+}
+
+// That is waited for where a read takes the cancel; another cancel may come on a busy machine.
+TEST_F(SocketTest, ConfigurationSetsHowLongAPeerIsWaitedFor)
 {
     FakeConfiguration cfgfake;
-    cfgfake.Set(OS_CFGTAG_FORCENETKEEPALIVE, "0x1");
-    cfgfake.Set(OS_CFGTAG_FORCENETNODELAY, "2");
-    cfgfake.Set(OS_CFGTAG_FORCEHTTPSCLIENTCERTIFICATE, "Subject");
-    SocketPair socketpair;
-    EXPECT_FALSE(m_logcapture.HasPart("setsockopt"));
-    EXPECT_EQ(
-        m_logcapture.Count("event>>> bad value for ForceHttpsClientCertificate, format must be store/name...<Subject>"),
-        1u);
+    cfgfake.Set(OS_CFGTAG_FORCENETCLOSEDELAY, "300");   // ms that a graceful end waits for a peer who does not end
+    EXPECT_TRUE(WaitFor([&] {
+        m_logcapture.Clear();
+        SocketPair socketpair;
+        std::jthread reader([&] { EXPECT_EQ(Receive(socketpair.client).eossts, EOSSTS_DISCONNECTED); });
+        EXPECT_TRUE(WaitFor([&] { return m_logcapture.HasPart(">>> socket Select(read"); }));
+        const uint64_t u64Begin = PlatTicks();
+        socketpair.client.SocketDisconnect(true);
+        EXPECT_LT(PlatTicks() - u64Begin, 4000u);
+        return PlatTicks() - u64Begin >= 300;
+    }));
+}
+
+// In a process of its own: it is looked at by the first socket that there is.
+TEST_F(SocketTest, CertificateStoreIsCheckedOnce)
+{
+    GTEST_FLAG_SET(death_test_style, "threadsafe");
+    const auto check = [this] {
+        FakeConfiguration cfgfake;
+        cfgfake.Set(OS_CFGTAG_FORCEHTTPSCLIENTCERTIFICATE, "Subject");
+        const COsSocket first, second;
+        return m_logcapture.Count("event>>> bad value for ForceHttpsClientCertificate, format must be store/name..."
+                                  "<Subject>");
+    };
+    EXPECT_EXIT(_exit(static_cast<int>(check())), testing::ExitedWithCode(1), "");
 }
 
 // ---------------------------------------------------------------------------------- the data trace and the side log

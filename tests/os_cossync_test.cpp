@@ -3,7 +3,11 @@
 #include "os_cossync.h"
 #include "plat_child.h"
 
+#include "plat_file.h"
+
 #include <list>
+#include <sys/wait.h>
+#include <unistd.h>
 
 static constexpr uint32_t g_u32Patience = 20000;
 
@@ -30,6 +34,28 @@ TEST(Event, TellsWhatIsWrongWithItsUse)
     EXPECT_EQ(ossync.EventWait(OS_INFINITE, szName), EOSSTS_SUCCESS);
     EXPECT_STREQ(szName, "");
     EXPECT_EQ(ossync.EventWait(5, nullptr), EOSSTS_TIMEOUT);
+}
+
+// Whenever the close falls into the wait.
+TEST(Event, CloseEndsTheWaitsForIt)
+{
+    for (int iRound = 0; iRound < 30; ++iRound)
+    {
+        COsSync ossync;
+        ASSERT_EQ(ossync.EventCreate(nullptr, nullptr), EOSSTS_SUCCESS);
+        std::atomic<int> iWaiting = 0;
+        InThreads(3, [&](int a_iThread) {
+            ++iWaiting;
+            if (a_iThread != 0)
+            {
+                EXPECT_EQ(ossync.EventWait(g_u32Patience, nullptr), EOSSTS_FAIL);
+                return;
+            }
+            WaitFor([&] { return iWaiting == 3; });
+            PlatSleep(static_cast<uint32_t>(iRound % 3));
+            ossync.EventClose();
+        });
+    }
 }
 
 using NamedEvent = FolderTest;
@@ -68,9 +94,18 @@ TEST_F(NamedEvent, TakesNamesOfUpTo511CharactersAndRefusesLongerOnes)
     EXPECT_EQ(ossync.EventCreate("free again", nullptr), EOSSTS_SUCCESS);
 }
 
-// In another process: sets "pong" at once and then for every "ping".
-int PlayPart(const std::vector<std::string>&)
+// In another process: joins the group in a folder, or sets "pong" at once and then for every "ping".
+int PlayPart(const std::vector<std::string>& a_vecstrArguments)
 {
+    if (a_vecstrArguments[0] == "member")
+    {
+        FakeConfiguration cfgfake;
+        cfgfake.Set(OS_CFGTAG_ROOTCOMMONDIRECTORY, a_vecstrArguments[1]);
+        COsSync ossync;
+        ossync.EventCreate("theirs", "group");
+        Say("ready");
+        PlatSleep(60000);
+    }
     COsSync ossyncPing;
     COsSync ossyncPong;
     if (ossyncPing.EventCreate("ping", nullptr) != EOSSTS_SUCCESS || ossyncPong.EventOpen("pong") != EOSSTS_SUCCESS)
@@ -206,36 +241,168 @@ TEST_F(GroupedEvent, LeftoverOfAKilledProcessIsReplaced)
     EXPECT_STREQ(szName, "event7");
 }
 
-// Anybody may write into the block. What is not ours is not waited for, and a name ends where its place ends.
-TEST_F(GroupedEvent, ForgedBlockDoesNoHarm)
+// Anybody may write into the file, and a wait needs nothing of it. What we did not put there we do not take away.
+TEST_F(GroupedEvent, ForgedOrCutFileDoesNoHarm)
 {
-    COsSync ossyncBystander;
-    ASSERT_EQ(ossyncBystander.EventCreate(nullptr, nullptr), EOSSTS_SUCCESS);
-    ossyncBystander.EventSet();
+    COsSync ossyncOther;
     COsSync ossync;
     COsSync ossyncSecond;
+    ASSERT_EQ(ossyncOther.EventCreate("other", "another group"), EOSSTS_SUCCESS);
     ASSERT_EQ(ossync.EventCreate("first", "group"), EOSSTS_SUCCESS);
     ASSERT_EQ(ossyncSecond.EventCreate("second", "group"), EOSSTS_SUCCESS);
-    constexpr size_t sizetHandles = 16;
-    constexpr size_t sizetNames = 80;
-    Overwrite(m_path / "group", sizetHandles + 2 * sizeof(uint64_t),
-              Bytes(ossyncBystander.EventHandle()) + Bytes(~uint64_t{1}));
-    Overwrite(m_path / "group", sizetNames + OS_PATHSIZE, std::string(OS_PATHSIZE + 5, 'A'));
-
+    const std::string strForged =
+        Bytes(4176) + Bytes(1) + Bytes(ossyncOther.EventHandle()) + Bytes(~uint64_t{1}) + std::string(9000, 'A');
+    Overwrite(m_path / "group", 0, strForged);
+    ossyncOther.EventSet();
     char szName[OS_PATHSIZE];
+    const uint64_t u64Begin = PlatTicks();
     EXPECT_EQ(ossync.EventWait(0, szName), EOSSTS_TIMEOUT);
     ossyncSecond.EventSet();
     EXPECT_EQ(ossync.EventWait(0, szName), EOSSTS_SUCCESS);
-    EXPECT_EQ(szName, std::string(OS_PATHSIZE - 1, 'A'));
-    EXPECT_EQ(ossyncBystander.EventWait(0, nullptr), EOSSTS_SUCCESS);
+    EXPECT_STREQ(szName, "second");
+    EXPECT_LT(PlatTicks() - u64Begin, 1000u);   // for a lock's word that stays taken nobody waits
+    ossyncSecond.EventClose();
+    EXPECT_EQ(ReadWhole(m_path / "group"), strForged);
+
+    for (const unsigned uSize : {1000u, 0u})
+    {
+        std::filesystem::resize_file(m_path / "group", uSize);
+        EXPECT_EQ(ossync.EventWait(0, nullptr), EOSSTS_TIMEOUT);
+        ASSERT_EQ(ossyncSecond.EventCreate("second", "group"), EOSSTS_SUCCESS);
+        ossyncSecond.EventSet();
+        EXPECT_EQ(ossync.EventWait(0, nullptr), EOSSTS_SUCCESS);
+        ossyncSecond.EventClose();
+    }
+    std::filesystem::remove(m_path / "group");
+    ASSERT_EQ(ossyncSecond.EventCreate("second", "group"), EOSSTS_SUCCESS);   // of a new file, whose slots are all free
+    ossync.EventSet();
+    EXPECT_EQ(ossyncSecond.EventWait(0, szName), EOSSTS_SUCCESS);
+    EXPECT_STREQ(szName, "first");
 }
 
-TEST_F(GroupedEvent, LockOfAKilledProcessHoldsUpNobodyForLong)
+// A wait on its way lets go of what another thread closes, and ends with its own event.
+TEST_F(GroupedEvent, CloseReachesTheWaitsOfTheGroup)
 {
-    FillGroup();
-    m_listossync.back().EventSet();
-    Overwrite(m_path / "group", sizeof(uint64_t), Bytes(1));
-    char szName[OS_PATHSIZE];
-    EXPECT_EQ(m_listossync.front().EventWait(0, szName), EOSSTS_SUCCESS);
-    EXPECT_STREQ(szName, "event7");
+    for (int iRound = 0; iRound < 20; ++iRound)
+    {
+        COsSync ossync;
+        COsSync ossyncSecond;
+        COsSync ossyncOpened;
+        ASSERT_EQ(ossync.EventCreate("first", "group"), EOSSTS_SUCCESS);
+        ASSERT_EQ(ossyncSecond.EventCreate("second", "group"), EOSSTS_SUCCESS);
+        std::jthread jthread([&] { EXPECT_EQ(ossync.EventWait(g_u32Patience, nullptr), EOSSTS_FAIL); });
+        PlatSleep(static_cast<uint32_t>(iRound % 3));
+        ossyncSecond.EventClose();
+        EXPECT_TRUE(WaitFor(
+            [&] {
+                const EOSSTS eossts = ossyncOpened.EventOpen("second");
+                ossyncOpened.EventClose();
+                return eossts == EOSSTS_NOTFOUND;
+            },
+            5000));
+        ossync.EventClose();
+    }
+}
+
+TEST_F(GroupedEvent, SlotOfAKilledProcessIsFreeAgain)
+{
+    const Part part("member " + m_path.string());
+    ASSERT_EQ(part.OutputUpTo("ready"), "ready");
+    ASSERT_EQ(m_listossync.emplace_back().EventCreate("ours", "group"), EOSSTS_SUCCESS);
+    part.Kill();
+    for (int iEvent = 1; iEvent < 8; ++iEvent)
+        EXPECT_EQ(m_listossync.emplace_back().EventCreate("ours", "group"), EOSSTS_SUCCESS) << iEvent;
+}
+
+TEST_F(GroupedEvent, LockThatSomebodyKeepsIsWaitedForTwoSeconds)
+{
+    LogCapture logcapture;
+    COsSync ossync;
+    COsSync ossyncSecond;
+    ASSERT_EQ(ossync.EventCreate("first", "group"), EOSSTS_SUCCESS);
+    const PlatHandle plathandle =
+        PlatFileOpen(Wide(PathOf("group")).c_str(), PLAT_ACCESS_READ | PLAT_ACCESS_WRITE,
+                     PLAT_SHARE_READ | PLAT_SHARE_WRITE | PLAT_SHARE_DELETE, PLAT_DISPOSITION_OPENEXISTING, 0);
+    ASSERT_TRUE(PlatFileLockBriefly(plathandle, 4176, 1, 0));
+    const uint64_t u64Begin = PlatTicks();
+    EXPECT_EQ(ossyncSecond.EventCreate("second", "group"), EOSSTS_FAIL);
+    EXPECT_GE(PlatTicks() - u64Begin, 2000u);
+    EXPECT_TRUE(logcapture.HasAt(OS_LOG_CHECK, "sync>>> somebody keeps the lock of the group...<second> <group>"));
+    EXPECT_EQ(ossync.EventWait(0, nullptr), EOSSTS_TIMEOUT);
+
+    // The lock is gone with its process, also while a child of that lives on.
+    int aiPipe[2];
+    ASSERT_EQ(pipe(aiPipe), 0);
+    const pid_t pid = fork();
+    ASSERT_NE(pid, -1);
+    if (pid == 0)
+    {
+        static_cast<void>(write(aiPipe[1], "x", 1));
+        pause();
+    }
+    char ch;
+    EXPECT_EQ(read(aiPipe[0], &ch, 1), 1);
+    PlatClose(plathandle);
+    EXPECT_EQ(ossyncSecond.EventCreate("second", "group"), EOSSTS_SUCCESS);
+    kill(pid, SIGKILL);
+    waitpid(pid, nullptr, 0);
+}
+
+// One object is created, set, waited for and closed by all, and is in a group with one that stays: its waits succeed or
+// time out, tell a name of the group, and take nothing of the descriptors that others open meanwhile.
+TEST_F(GroupedEvent, ManyThreadsShareOneObject)
+{
+    const char* const szSeconds = getenv("TEST_SECONDS");
+    const uint64_t u64End = PlatTicks() + (szSeconds ? std::stoul(szSeconds) * 1000 : 1000);
+    COsSync ossyncStays;
+    COsSync ossyncShared;
+    ASSERT_EQ(ossyncStays.EventCreate("stays", "group"), EOSSTS_SUCCESS);
+    std::atomic<int> iTaken = 0;
+    const auto use = [&](int a_iThread, uint32_t a_u32Turn) {
+        char szName[OS_PATHSIZE] = "";
+        char achRead[16];
+        size_t sizetRead = 0;
+        PlatHandle aplathandle[2];
+        switch (a_iThread)
+        {
+        case 0:
+            return ossyncShared.EventCreate(a_u32Turn % 2 ? "shared" : nullptr, a_u32Turn % 4 == 1 ? "group" : nullptr);
+        case 1:
+            ossyncShared.EventClose();
+            return EOSSTS_SUCCESS;
+        case 2:
+            return ossyncShared.EventSet();
+        case 3:
+            return ossyncShared.EventIncludeProcessId(a_u32Turn % 2 ? PlatProcessId() : 0);
+        case 4:
+            return ossyncShared.EventWait(a_u32Turn % 2, nullptr);
+        case 5:
+            EXPECT_TRUE(PlatPipeCreate(&aplathandle[0], &aplathandle[1], true));
+            EXPECT_TRUE(PlatPipeWrite(aplathandle[1], "what is theirs", 14));
+            EXPECT_TRUE(PlatPipeRead(aplathandle[0], achRead, sizeof achRead, &sizetRead) && sizetRead == 14);
+            EXPECT_TRUE(PlatClose(aplathandle[0]) && PlatClose(aplathandle[1]));
+            return ossyncStays.EventSet();
+        default:
+            const EOSSTS eossts = ossyncStays.EventWait(a_u32Turn % 2 ? 1000 : 1, szName);
+            EXPECT_TRUE(eossts == EOSSTS_TIMEOUT || (eossts == EOSSTS_SUCCESS && *szName == 's')) << eossts;
+            iTaken += eossts == EOSSTS_SUCCESS;
+            return eossts;
+        }
+    };
+    InThreads(8, [&](int a_iThread) {
+        for (uint32_t u32Turn = 0; PlatTicks() < u64End; ++u32Turn)
+            use(a_iThread, u32Turn);
+    });
+    EXPECT_GT(iTaken, 0);
+}
+
+TEST(Event, IsWaitedForWithoutADescriptorToSpare)
+{
+    COsSync ossync;
+    ASSERT_EQ(ossync.EventCreate(nullptr, nullptr), EOSSTS_SUCCESS);
+    const NoDescriptors nodescriptors;
+    EXPECT_EQ(ossync.EventWait(50, nullptr), EOSSTS_TIMEOUT);
+    std::thread thread([&] { ossync.EventSet(); });
+    EXPECT_EQ(ossync.EventWait(20000, nullptr), EOSSTS_SUCCESS);
+    thread.join();
 }

@@ -6,7 +6,10 @@
 #include "test_support.h"
 
 #include "plat_process.h"
+#include "plat_socket.h"
 
+#include <csignal>
+#include <sys/resource.h>
 #include <thread>
 #include <unistd.h>
 
@@ -96,24 +99,75 @@ TEST_F(Spawn, TheChildHasOurEnvironmentItsStreamsAndNothingElse)
         EXPECT_NE(strOutput.find("\n" + strVariable), std::string::npos) << strOutput;
 }
 
+// No signals that we block or ignore, not our terminal, and not the limit that we raised for ourselves.
+TEST_F(Spawn, TheChildStartsAsFromAShell)
+{
+    rlimit rlimitNow{};
+    getrlimit(RLIMIT_NOFILE, &rlimitNow);
+    rlimitNow.rlim_cur = 200;
+    EXPECT_EQ(setrlimit(RLIMIT_NOFILE, &rlimitNow), 0);
+    EXPECT_TRUE(PlatSocketStartup());
+    getrlimit(RLIMIT_NOFILE, &rlimitNow);
+    EXPECT_GT(rlimitNow.rlim_cur, 200u);
+    sigset_t sigset;
+    sigemptyset(&sigset);
+    sigaddset(&sigset, SIGTERM);
+    pthread_sigmask(SIG_BLOCK, &sigset, nullptr);
+    std::signal(SIGINT, SIG_IGN);
+    EXPECT_EQ(Start(g_u32Piped | OS_SPAWNFLAGS_DETACHED,
+                    Script("facts",
+                           "cut -d' ' -f6 /proc/$$/stat; ulimit -Sn; exec grep -E 'Sig(Blk|Ign)' /proc/self/status")),
+              EOSSTS_SUCCESS);
+    const std::string strSession = std::to_string(m_osthread.ChildProcessId());
+    EXPECT_EQ(Output(), strSession + "\n200\nSigBlk:\t0000000000000000\nSigIgn:\t0000000000000000\n");
+}
+
+TEST_F(Spawn, AFormerChildMayStillBeAsked)
+{
+    const auto run = [&](const std::string& a_strName, const std::string& a_strText) {
+        EXPECT_EQ(Start(OS_SPAWNFLAGS_NORETRY, Script(a_strName, a_strText)), EOSSTS_SUCCESS);
+        const PlatHandle plathandle = m_osthread.ChildProcess();
+        EXPECT_TRUE(WaitFor([&] { return !m_osthread.ChildIsRunning(); }));
+        return plathandle;
+    };
+    const PlatHandle plathandle = run("former", "exit 7");
+    EXPECT_EQ(m_osthread.ChildExitCode(), 7u);
+    run("next", "exit 8");
+    EXPECT_EQ(m_osthread.ChildExitCode(), 8u);
+    uint32_t u32ExitCode = 0;
+    EXPECT_TRUE(PlatProcessExitCode(plathandle, &u32ExitCode));
+    EXPECT_EQ(u32ExitCode, 7u);
+}
+
+// A child that a busy machine runs too late to be seen dying is waited for, and the case tried again.
 TEST_F(Spawn, AChildThatDiesAtOnceIsStartedAgain)
 {
+    const auto hasEnded = [&] { return !m_osthread.ChildIsRunning(); };
+    const std::string strDies = Script("dies", "echo >> tries");
     m_fakeconfiguration.Set(OS_CFGTAG_FORCESPAWNRETRY, "3");
-    EXPECT_EQ(Start(OS_SPAWNFLAGS_PIPES, Script("dies", "echo >> tries; sleep 0.05")), EOSSTS_FAIL);
+    EXPECT_TRUE(WaitFor([&] {
+        std::filesystem::remove(PathOf("tries"));
+        m_logcapture.Clear();
+        return Start(OS_SPAWNFLAGS_PIPES, strDies) == EOSSTS_FAIL || !WaitFor(hasEnded);
+    }));
     EXPECT_EQ(SizeOf("tries"), 3u);
-    EXPECT_EQ(m_logcapture.Count("Retry the spawn for...<" + PathOf("dies") + ">"), 3u);
+    EXPECT_EQ(m_logcapture.Count("Retry the spawn for...<" + strDies + ">"), 3u);
     EXPECT_TRUE(m_logcapture.HasAt(OS_LOG_ERROR, "Retry count exceeded..."));
 
     // What a child that died has said is not taken for the next one's.
     const std::string strSecond = Script("second", "echo $$; [ -e again ] && read line; echo > again");
-    EXPECT_EQ(Start(OS_SPAWNFLAGS_PIPES, strSecond), EOSSTS_SUCCESS);
+    EXPECT_TRUE(WaitFor([&] {
+        std::filesystem::remove(PathOf("again"));
+        EXPECT_EQ(Start(OS_SPAWNFLAGS_PIPES, strSecond), EOSSTS_SUCCESS);
+        return m_logcapture.Has("Retry the spawn for...<" + strSecond + ">") || !WaitFor(hasEnded);
+    }));
     std::string strOutput;
     EXPECT_EQ(Read(&strOutput), EOSSTS_SUCCESS);
     EXPECT_EQ(strOutput, std::to_string(m_osthread.ChildProcessId()) + "\n");
     EXPECT_EQ(Start(OS_SPAWNFLAGS_PIPES, strSecond), EOSSTS_FAIL);
     EXPECT_TRUE(m_logcapture.HasAt(OS_LOG_ERROR, "Spawn: This object already has something spawned..."));
     EXPECT_EQ(m_osthread.ChildWrite("\n", 1), EOSSTS_SUCCESS);
-    EXPECT_TRUE(WaitFor([&] { return !m_osthread.ChildIsRunning(); }));
+    EXPECT_TRUE(WaitFor(hasEnded));
 
     EXPECT_EQ(Start(g_u32Piped, PathOf("dies")), EOSSTS_SUCCESS);   // nobody looks
     m_fakeconfiguration.Set(OS_CFGTAG_FORCESPAWNRETRY, "0");

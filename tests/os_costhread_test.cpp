@@ -7,7 +7,11 @@
 #include "plat_thread.h"
 
 #include <atomic>
+#include <csignal>
 #include <cstring>
+#include <ctime>
+#include <functional>
+#include <sched.h>
 #include <stdexcept>
 #include <thread>
 
@@ -117,7 +121,7 @@ TEST(Thread, IsTerminatedWhenItDoesNotObeyInTime)
     ASSERT_EQ(osthread.Start("Stubborn", UntilSet, &blNever), EOSSTS_SUCCESS);
     const uint64_t u64Id = osthread.Id();
     osthread.Stop(false, 0);
-    EXPECT_FALSE(PlatThreadIsAlive(u64Id));
+    EXPECT_TRUE(WaitFor([&] { return !PlatThreadIsAlive(u64Id); }));   // the system forgets it a moment later
     EXPECT_TRUE(logcapture.HasPart("isn't terminating, so we're terminating it...<"));
 }
 
@@ -142,27 +146,6 @@ TEST(Thread, StopsItself)
     EXPECT_TRUE(logcapture.HasPart("thr>>> stop called from thread it's stopping (bad programmer)...<"));
     EXPECT_FALSE(logcapture.HasPart("crash"));
     EXPECT_EQ(osthread.Start("Again", ReturnAtOnce, nullptr), EOSSTS_SUCCESS);
-}
-
-// Two stop the thread, which at the same time stops itself: nobody waits for the other until time runs out.
-TEST(Thread, IsStoppedByManyAtOnce)
-{
-    LogCapture logcapture;
-    COsThread osthread;
-    const OsThreadProc osthreadproc = [](COsThread* a_posthread) -> uint32_t {
-        while (a_posthread->StopState() == 1)
-        {
-        }
-        a_posthread->Stop(true, 0);
-        a_posthread->Stop(false, 0);
-        return 0;
-    };
-    ASSERT_EQ(osthread.Start("Popular", osthreadproc, nullptr), EOSSTS_SUCCESS);
-    std::thread thread([&] { osthread.Stop(false, OS_INFINITE / 2); });
-    osthread.Stop(false, OS_INFINITE / 2);
-    thread.join();
-    EXPECT_TRUE(osthread.WaitForEnd(0));
-    EXPECT_FALSE(logcapture.HasPart("terminating it"));
 }
 
 TEST(Thread, MayDestroyItsOwnObject)
@@ -221,24 +204,201 @@ TEST(Thread, ThatBreaksBeforeItsProcedureIsAFailedStart)
     EXPECT_EQ(osthread.Start("Whole", UntilStopped, nullptr), EOSSTS_SUCCESS);
 }
 
-// The ideal processor is the mask minus one: mask 2 suits a machine with two processors, mask 3 names a third one.
-TEST(Thread, RunsWhereItIsForcedTo)
+// ------------------------------------------------------------------------------- threads that do not do as they are
+// told
+
+static std::atomic<bool> g_blRelease{false};
+static std::atomic<bool> g_blThere{false};
+
+static bool WaitForRelease()
 {
-    if (PlatProcessorCount() != 2 || PlatProcessAffinity() != 3)
-        GTEST_SKIP() << "needs a machine with two processors";
-    static std::atomic<bool> g_blBound{false};
-    const OsThreadProc osthreadproc = [](COsThread*) -> uint32_t {
-        g_blBound = ReadWhole("/proc/thread-self/status").find("Cpus_allowed_list:\t1\n") != std::string::npos;
+    g_blThere = true;
+    return WaitFor([] { return g_blRelease.load(); });
+}
+
+static uint32_t SwallowExit(COsThread* a_posthread)
+{
+    try
+    {
+        a_posthread->Exit();
+    }
+    catch (...)
+    {
+    }
+    return WaitForRelease();
+}
+
+static uint32_t LeaveSlowly(COsThread*)
+{
+    struct Slow
+    {
+        ~Slow() { WaitForRelease(); }
+    };
+    static thread_local const Slow t_slow;
+    return reinterpret_cast<uintptr_t>(&t_slow) == 0;   // which makes it
+}
+
+static uint32_t BlockAllSignals(COsThread*)
+{
+    sigset_t sigset;
+    sigfillset(&sigset);
+    pthread_sigmask(SIG_SETMASK, &sigset, nullptr);
+    return WaitForRelease();
+}
+
+static uint32_t PutItsEndOff(COsThread*)
+{
+    const PlatThreadDeferral platthreaddeferral;
+    return WaitForRelease();
+}
+
+static uint64_t MillisecondsOf(const std::function<void()>& a_function)
+{
+    const uint64_t u64Start = PlatTicks();
+    a_function();
+    return PlatTicks() - u64Start;
+}
+
+TEST(Thread, StopEndsInTimeWhateverTheThreadDoes)
+{
+#if defined(__SANITIZE_THREAD__)
+    GTEST_SKIP() << "that sanitizer waits for the end of every thread itself";
+#endif
+    LogCapture logcapture;
+    for (const OsThreadProc osthreadproc : {SwallowExit, LeaveSlowly, BlockAllSignals, PutItsEndOff})
+    {
+        g_blRelease = g_blThere = false;
+        COsThread osthread;
+        const bool blCanBeEnded = osthreadproc == SwallowExit || osthreadproc == LeaveSlowly;
+        ASSERT_EQ(osthread.Start("Stubborn", osthreadproc, nullptr), EOSSTS_SUCCESS);
+        EXPECT_TRUE(WaitFor([] { return g_blThere.load(); }));
+        logcapture.Clear();
+        const std::clock_t clockStart = std::clock();
+        const uint64_t u64Waited = MillisecondsOf([&] { EXPECT_FALSE(osthread.WaitForEnd(100)); });
+        const uint64_t u64Stopped = MillisecondsOf([&] { osthread.Stop(false, 300); });
+        EXPECT_GE(u64Waited, 100u);
+        EXPECT_LT(u64Waited, 4000u);
+        EXPECT_GE(u64Stopped, 300u);
+        EXPECT_LT(u64Stopped, 5000u);
+        EXPECT_LT(std::clock() - clockStart, CLOCKS_PER_SEC / 8) << "nobody computes while he waits";
+        EXPECT_TRUE(logcapture.HasPart("so we're terminating it...<"));
+        EXPECT_EQ(logcapture.HasPart("cannot be terminated now, so we're leaving it...<"), !blCanBeEnded);
+        EXPECT_EQ(osthread.StopState(), 1u);   // the object is free again
+        EXPECT_EQ(osthread.Start("Next", UntilStopped, nullptr), EOSSTS_SUCCESS);
+        g_blRelease = true;
+    }
+}
+
+// Each of the two stoppers asks more than once, and neither computes meanwhile.
+TEST(Thread, IsAskedAgainWhileItsStoppersSleep)
+{
+    LogCapture logcapture;
+    COsThread osthread;
+    const OsThreadProc osthreadproc = [](COsThread* a_posthread) -> uint32_t {
+        EXPECT_EQ(a_posthread->WaitForStop(OS_INFINITE), EOSSTS_SUCCESS);   // taken for something else
+        PlatSleep(1000);
+        EXPECT_EQ(a_posthread->WaitForStop(OS_INFINITE), EOSSTS_SUCCESS);
+        return a_posthread->WaitForStop(OS_INFINITE) != EOSSTS_SUCCESS;
+    };
+    ASSERT_EQ(osthread.Start("Deaf", osthreadproc, nullptr), EOSSTS_SUCCESS);
+    const std::clock_t clockStart = std::clock();
+    InThreads(2, [&](int) { osthread.Stop(false, g_i32Patience); });
+    EXPECT_LT(std::clock() - clockStart, CLOCKS_PER_SEC / 2);
+    EXPECT_FALSE(logcapture.HasPart("terminating it"));
+}
+
+// What is destroyed on the way out stops the thread once more, while another thread stops it.
+TEST(Thread, StopsItselfOnItsWayOut)
+{
+    static LogCapture* g_plogcapture = nullptr;
+    LogCapture logcapture;
+    g_plogcapture = &logcapture;
+    g_blThere = false;
+    struct StopAgain
+    {
+        COsThread* posthread;
+        ~StopAgain()
+        {
+            g_blThere = true;
+            EXPECT_TRUE(WaitFor([] { return g_plogcapture->HasPart("thr>>> stopping...<"); }));
+            posthread->Stop(false, 0);
+        }
+    };
+    COsThread osthread;
+    const OsThreadProc osthreadproc = [](COsThread* a_posthread) -> uint32_t {
+        const StopAgain stopagain{a_posthread};
+        a_posthread->Exit();
         return 0;
     };
-    for (const uint64_t u64Forced : {uint64_t{2}, uint64_t{3}})
+    ASSERT_EQ(osthread.Start("Zealous", osthreadproc, nullptr), EOSSTS_SUCCESS);
+    EXPECT_TRUE(WaitFor([] { return g_blThere.load(); }));
+    EXPECT_LT(MillisecondsOf([&] { osthread.Stop(false, g_i32Patience); }), 10000u);
+    EXPECT_FALSE(logcapture.HasPart("terminating it"));
+}
+
+TEST(Thread, ObjectIsSharedByThreadsThatUseItAtOnce)
+{
+    const char* const szSeconds = std::getenv("TEST_SECONDS");
+    const uint64_t u64End = PlatTicks() + (szSeconds ? std::strtoull(szSeconds, nullptr, 10) : 2) * 1000;
+    COsThread osthread;
+    std::atomic<uint32_t> u32Started{0};
+    InThreads(8, [&](int a_iThread) {
+        while (PlatTicks() < u64End)
+        {
+            switch (a_iThread)
+            {
+            case 0:
+            case 1:
+                u32Started += osthread.Start("Shared", a_iThread ? UntilStopped : ReturnAtOnce, nullptr) == 0;
+                break;
+            case 2:
+            case 3:
+                osthread.Stop(false, g_i32Patience);
+                break;
+            case 4:
+                osthread.WaitForEnd(1);
+                break;
+            case 5:
+                osthread.Spawn(OS_SPAWNFLAGS_NORETRY | OS_SPAWNFLAGS_PIPES, "/bin/true", "true");
+                break;
+            default:
+                osthread.ChildIsRunning();
+                osthread.WaitForEnd(0);
+                osthread.WaitForStop(0);
+                osthread.Id();
+            }
+        }
+    });
+    EXPECT_GT(u32Started, 0u);
+    osthread.Stop(false, g_i32Patience);
+    EXPECT_EQ(osthread.Start("Still whole", ReturnAtOnce, nullptr), EOSSTS_SUCCESS);
+}
+
+// The ideal processor is the mask minus one, which names a processor that most machines do not have when the mask is of
+// all of them.
+TEST(Thread, RunsWhereItIsForcedTo)
+{
+    static std::atomic<uint64_t> g_u64Mask{0};
+    const OsThreadProc osthreadproc = [](COsThread*) -> uint32_t {
+        cpu_set_t cpuset;
+        EXPECT_EQ(sched_getaffinity(0, sizeof cpuset, &cpuset), 0);
+        g_u64Mask = 0;
+        for (uint32_t u32 = 0; u32 < 64; ++u32)
+            g_u64Mask |= CPU_ISSET(u32, &cpuset) ? uint64_t{1} << u32 : 0;
+        return 0;
+    };
+    const uint64_t u64All = PlatProcessAffinity();
+    for (const uint64_t u64Forced : {u64All & (0 - u64All), u64All & (u64All - 1), u64All})
     {
         LogCapture logcapture;
+        const bool blForced = u64Forced != 0 && PlatProcessorCount() > 1;
+        const bool blPossible = u64Forced - 1 < PlatProcessorCount();
         OsThreadSetForcedAffinity(u64Forced);
         COsThread osthread;
         ASSERT_EQ(osthread.Start("Bound", osthreadproc, nullptr), EOSSTS_SUCCESS);
         EXPECT_TRUE(osthread.WaitForEnd(OS_INFINITE));
-        EXPECT_EQ(g_blBound, u64Forced == 2);
-        EXPECT_EQ(logcapture.HasAt(OS_LOG_CHECK, "SetThreadIdealProcessor failed...87"), u64Forced == 3);
+        EXPECT_EQ(g_u64Mask, blForced && blPossible ? u64Forced : u64All);
+        EXPECT_EQ(logcapture.HasAt(OS_LOG_CHECK, "SetThreadIdealProcessor failed...87"), blForced && !blPossible);
     }
+    OsThreadSetForcedAffinity(0);
 }

@@ -1,15 +1,100 @@
 // plat_process_test.cpp: what processes owe, on whichever system.
 #include "plat_child.h"
 
+#include <atomic>
 #include <csignal>
+#include <cstddef>
+#include <linux/filter.h>
+#include <linux/seccomp.h>
+#include <sys/prctl.h>
 #include <sys/ptrace.h>
+#include <sys/syscall.h>
 #include <sys/time.h>
 #include <sys/wait.h>
+#include <thread>
 #include <unistd.h>
 
-// Shows its arguments.
+// From now on the system refuses this call to this process and to what it starts, as an older one would.
+static void Refuse(uint32_t a_u32Call)
+{
+    sock_filter asockfilter[] = {
+        BPF_STMT(BPF_LD | BPF_W | BPF_ABS, offsetof(seccomp_data, nr)),
+        BPF_JUMP(BPF_JMP | BPF_JEQ | BPF_K, a_u32Call, 0, 1),
+        BPF_STMT(BPF_RET | BPF_K, SECCOMP_RET_ERRNO | ENOSYS),
+        BPF_STMT(BPF_RET | BPF_K, SECCOMP_RET_ALLOW),
+    };
+    const sock_fprog sockfprog{std::size(asockfilter), asockfilter};
+    prctl(PR_SET_NO_NEW_PRIVS, 1, 0, 0, 0);
+    if (prctl(PR_SET_SECCOMP, SECCOMP_MODE_FILTER, &sockfprog) != 0)
+        Say("no filter: ");
+}
+
+static PlatHandle Start(const std::string& a_strProgram, const std::string& a_strArguments)
+{
+    const std::u16string wstrProgram = Wide(a_strProgram);
+    const std::u16string wstrLine = wstrProgram + u" " + Wide(a_strArguments);
+    const PlatProcessStart platprocessstart{wstrProgram.c_str(), wstrLine.c_str(), nullptr, nullptr, {}, true, false};
+    uint64_t u64ProcessId = 0;
+    return PlatProcessCreate(&platprocessstart, &u64ProcessId);
+}
+
+static uint32_t EndOf(PlatHandle a_plathandle)
+{
+    uint32_t u32ExitCode = 0;
+    WaitFor([&] { return PlatProcessExitCode(a_plathandle, &u32ExitCode) && u32ExitCode != PLAT_STILLACTIVE; });
+    PlatClose(a_plathandle);
+    return u32ExitCode;
+}
+
+// A program that takes the code of each child that has ended.
+static uint32_t CodeInAProgramThatReaps()
+{
+    static std::atomic<int> g_iReaped{0};
+    struct sigaction action = {};
+    action.sa_handler = [](int) { g_iReaped += waitpid(-1, nullptr, WNOHANG) > 0; };
+    sigaction(SIGCHLD, &action, nullptr);
+    const PlatHandle plathandle = Start("/bin/sh", "-c \"exit 7\"");
+    WaitFor([] { return g_iReaped == 1; });
+    return EndOf(plathandle);
+}
+
+// Counts the runs of its signal handler in processes that are not this one, while children are started.
+static int HandlersInChildren()
+{
+    static std::atomic<int> g_iElsewhere{0};
+    static const pid_t g_pid = getpid();
+    setpgid(0, 0);
+    struct sigaction action = {};
+    action.sa_handler = [](int) { g_iElsewhere += getpid() != g_pid; };
+    sigaction(SIGUSR1, &action, nullptr);
+    std::atomic<bool> blEnd{false};
+    std::thread thread([&] {
+        while (!blEnd)
+            kill(0, SIGUSR1);
+    });
+    for (int i = 0; i < 50; ++i)
+        EndOf(Start("/bin/true", ""));
+    blEnd = true;
+    thread.join();
+    return g_iElsewhere;
+}
+
+// Plays what the first argument names; other arguments are shown.
 int PlayPart(const std::vector<std::string>& a_vecstrArguments)
 {
+    const std::string& strPart = a_vecstrArguments.front();
+    if (strPart == "list")
+    {
+        Refuse(SYS_close_range);
+        dup(0);
+        return static_cast<int>(EndOf(Start("/bin/ls", "/proc/self/fd")));
+    }
+    if (strPart == "blind")
+        Refuse(SYS_ioctl);
+    if (strPart == "blind" || strPart == "reaps")
+        return !Say(std::to_string(CodeInAProgramThatReaps()));
+    if (strPart == "handlers")
+        return !Say(std::to_string(HandlersInChildren()));
     for (const std::string& strArgument : a_vecstrArguments)
         Say("<" + strArgument + ">");
     return 0;
@@ -75,6 +160,24 @@ TEST_F(Process, AProgramThatCannotRunLeavesNoChild)
     }
     setitimer(ITIMER_REAL, &itimervalNever, nullptr);
     EXPECT_EQ(waitpid(-1, nullptr, WNOHANG), -1);
+}
+
+TEST_F(Process, TellsTheCodeThatOthersTookOrThatItIsUnknown)
+{
+    const std::string strUnknown = std::to_string(PLAT_EXITCODEUNKNOWN);
+    const std::string strCode = Part("reaps").OutputUpTo();
+    EXPECT_TRUE(strCode == "7" || strCode == strUnknown) << strCode;   // the latter where the system forgets it
+    EXPECT_EQ(Part("blind").OutputUpTo(), strUnknown);
+}
+
+TEST_F(Process, LeavesTheChildNothingOpenOnASystemThatClosesOneByOne)
+{
+    EXPECT_EQ(Part("list").OutputUpTo(), "0\n1\n2\n3\n");   // the last is the folder that it lists
+}
+
+TEST_F(Process, RunsNoHandlerOfOursInTheChild)
+{
+    EXPECT_EQ(Part("handlers").OutputUpTo(), "0");
 }
 
 // What a_test() says in a child that this process traces; -1 when the machine allows no tracing.

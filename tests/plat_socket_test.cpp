@@ -147,4 +147,16 @@ TEST_F(PlatSocket, AddressesAndNames)
     EXPECT_EQ(PlatGetLastError(), PLAT_ERROR_ADDRINUSE);
 }
 
+// The port of a client may be the one that it wants to reach.
+TEST_F(PlatSocket, ConnectToItselfIsARefusal)
+{
+    m_plataddress.u16Port = 0;
+    const Handle handle(PlatSocketCreate());
+    ASSERT_TRUE(PlatSocketBind(handle, &m_plataddress) && PlatSocketName(handle, &m_plataddress));
+    EXPECT_TRUE(Connect(handle));
+    EXPECT_TRUE(Reports(handle, WRITE | CONNECT | CLOSE, CONNECT | CLOSE));
+    EXPECT_FALSE(Sends(handle, "x"));
+    EXPECT_EQ(PlatGetLastError(), PLAT_ERROR_CONNRESET);
+}
+
 }   // namespace

@@ -6,6 +6,9 @@
 #include "plat_thread.h"
 
 #include <atomic>
+#include <csignal>
+#include <sys/wait.h>
+#include <unistd.h>
 
 namespace
 {
@@ -111,6 +114,60 @@ TEST(Thread, IsTerminatedWhereverItStands)
         EXPECT_EQ(ExitCodeOf(plathandle), 11u);
         EXPECT_TRUE(PlatClose(plathandle));
     }
+}
+
+// In every other round the program keeps all signals away from its threads.
+TEST(Thread, IsTerminatedInItsFirstInstants)
+{
+#if defined(__SANITIZE_THREAD__)
+    GTEST_SKIP() << "that sanitizer hands signals on when it sees fit";
+#endif
+    sigset_t sigset;
+    sigfillset(&sigset);
+    for (int i = 0; i < 1000; ++i)
+    {
+        pthread_sigmask(i % 2 ? SIG_BLOCK : SIG_UNBLOCK, &sigset, nullptr);
+        Stage stage;
+        const PlatHandle plathandle = PlatThreadBegin(WaitForGo, &stage, nullptr);
+        ASSERT_TRUE(PlatThreadTerminate(plathandle, 11));
+        ASSERT_EQ(ExitCodeOf(plathandle), 11u);
+        PlatClose(plathandle);
+        PlatClose(stage.plathandleGo);
+    }
+}
+
+TEST(Thread, PutsItsEndOffUntilItLeavesTheRegion)
+{
+    Stage stage;
+    const PlatHandle plathandle = stage.Begin([](void* a_pvStage) -> uint32_t {
+        PlatThreadDefer(true);
+        PlatThreadDefer(true);
+        WaitForGo(a_pvStage);
+        PlatThreadDefer(false);
+        ++StageOf(a_pvStage).iUnwound;
+        PlatThreadDefer(false);
+        ++StageOf(a_pvStage).iUnwound;
+        return 0;
+    });
+    EXPECT_TRUE(stage.HasStarted());
+    EXPECT_FALSE(PlatThreadTerminate(plathandle, 11));
+    EXPECT_EQ(PlatGetLastError(), PLAT_ERROR_TIMEDOUT);
+    EXPECT_EQ(ExitCodeOf(plathandle), PLAT_STILLACTIVE);
+    PlatEventSet(stage.plathandleGo);
+    EXPECT_EQ(ExitCodeAtEndOf(plathandle), 11u);
+    EXPECT_EQ(stage.iUnwound, 1);
+    PlatClose(plathandle);
+}
+
+TEST(Thread, OfAForkHasAnIdOfItsOwn)
+{
+    EXPECT_EQ(PlatThreadId(), PlatProcessId());   // of the first thread
+    const pid_t pid = fork();
+    if (pid == 0)
+        _exit(PlatThreadId() == PlatProcessId() ? 0 : 1);
+    int iStatus = 1;
+    EXPECT_EQ(waitpid(pid, &iStatus, 0), pid);
+    EXPECT_EQ(iStatus, 0);
 }
 
 // However a thread ends and whenever its handle goes: it ends, and nothing of it stays.

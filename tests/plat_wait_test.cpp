@@ -1,12 +1,18 @@
 // plat_wait_test.cpp: what events and the one wait owe, on whichever system.
 #include "test_support.h"
 
+#include "plat_file.h"
 #include "plat_process.h"
 
 #include <array>
 #include <atomic>
 #include <barrier>
+#include <fcntl.h>
+#include <sys/file.h>
+#include <sys/stat.h>
+#include <sys/wait.h>
 #include <thread>
+#include <unistd.h>
 
 namespace
 {
@@ -113,6 +119,117 @@ TEST_F(WaitAny, RefusesWhatCannotBeWaitedFor)
     EXPECT_EQ(error(2), PLAT_ERROR_INVALIDHANDLE);
     EXPECT_FALSE(PlatClose(aplathandle[1]));
     EXPECT_FALSE(PlatClose(PLAT_INVALID));
+}
+
+// The system gives the number of what was closed to whoever opens next.
+TEST_F(WaitAny, AClosedHandleIsNotTheNextOnes)
+{
+    for (const char16_t* wszName : {static_cast<const char16_t*>(nullptr), u"name"})
+    {
+        const PlatHandle plathandleClosed = Create(wszName);
+        PlatClose(plathandleClosed);
+        const PlatHandle plathandleFile =
+            PlatFileOpen(Wide(PathOf("file")).c_str(), PLAT_ACCESS_READ | PLAT_ACCESS_WRITE, PLAT_SHARE_READ,
+                         PLAT_DISPOSITION_CREATEALWAYS, 0);
+        EXPECT_FALSE(PlatEventSet(plathandleClosed));
+        EXPECT_EQ(PlatGetLastError(), PLAT_ERROR_INVALIDHANDLE);
+        EXPECT_EQ(Look(plathandleClosed), PLAT_WAIT_FAILED);
+        EXPECT_FALSE(PlatClose(plathandleClosed));
+        EXPECT_EQ(PlatGetLastError(), PLAT_ERROR_INVALIDHANDLE);
+        EXPECT_TRUE(PlatFileWrite(plathandleFile, "x", 1, nullptr) && PlatClose(plathandleFile));
+        EXPECT_EQ(ReadWhole(PathOf("file")), "x");
+    }
+}
+
+// Everything that lies in a folder, and how it may be used.
+std::string ListOf(const std::filesystem::path& a_path)
+{
+    std::string strList;
+    struct stat status = {};
+    for (const auto& entry : std::filesystem::directory_iterator(a_path))
+    {
+        EXPECT_EQ(lstat(entry.path().c_str(), &status), 0);
+        strList += entry.path().filename().string() + (S_ISFIFO(status.st_mode) ? " " : " no FIFO ") +
+                   std::to_string(status.st_mode & 07777) + "\n";
+    }
+    return strList;
+}
+
+TEST_F(WaitName, EverybodyMayOpenItWhateverTheUmask)
+{
+    unsetenv("MVR_EVENTROOT");
+    umask(0777);
+    const std::string strName = "plat_wait_test-" + std::to_string(getpid());
+    const PlatHandle plathandle = Create(Wide(strName).c_str());
+    const std::string strFile = "/dev/shm/mvr.event." + strName;
+    struct stat status = {};
+    ASSERT_EQ(lstat(strFile.c_str(), &status), 0);
+    EXPECT_EQ(status.st_mode, S_IFIFO | mode_t{0666});
+    const pid_t pid = fork();
+    ASSERT_NE(pid, -1);
+    if (pid == 0)
+    {
+        PlatClose(plathandle);              // the parent's as well
+        static_cast<void>(setuid(65534));   // allowed to root
+        const PlatHandle plathandleTheirs = PlatEventCreate(PLAT_RESET_AUTO, Wide(strName).c_str());
+        _exit(PlatGetLastError() == PLAT_ERROR_ALREADYEXISTS && PlatEventSet(plathandleTheirs) ? 0 : 1);
+    }
+    int iStatus = 0;
+    EXPECT_TRUE(waitpid(pid, &iStatus, 0) == pid && iStatus == 0);
+    EXPECT_EQ(Look(plathandle), 0u);
+    PlatClose(plathandle);
+    EXPECT_NE(lstat(strFile.c_str(), &status), 0);
+
+    setenv("MVR_EVENTROOT", PathOf("system/MVR_EVENTROOT").c_str(), 1);
+    umask(022);
+    Create(u"name");
+    EXPECT_EQ(ListOf(m_path / "system/MVR_EVENTROOT"), "mvr.event.name " + std::to_string(0666) + "\n");
+    EXPECT_EQ(ListOf(m_path / "system"), "MVR_EVENTROOT no FIFO " + std::to_string(01777) + "\n");
+}
+
+// Neither in a folder of somebody else nor behind a link; nothing that a link leads to is opened or changed.
+TEST_F(WaitName, IsOnlyMadeWhereNobodyElseDecides)
+{
+    const auto error = [](const char16_t* a_wszName) {
+        EXPECT_EQ(PlatEventCreate(PLAT_RESET_AUTO, a_wszName), PLAT_INVALID);
+        return PlatGetLastError();
+    };
+    const std::filesystem::path pathRoot = m_path / "system/MVR_EVENTROOT";
+    PlatClose(Create(u"name"));
+    ASSERT_EQ(mkfifo(PathOf("private").c_str(), 0600), 0);
+    symlink(PathOf("private").c_str(), (pathRoot / "mvr.event.link").c_str());
+    EXPECT_EQ(error(u"link"), PLAT_ERROR_INVALIDNAME);
+    link(PathOf("private").c_str(), (pathRoot / "mvr.event.private").c_str());
+    EXPECT_EQ(error(u"private"), PLAT_ERROR_INVALIDHANDLE);
+    WriteWhole(pathRoot / "mvr.event.file", "x");
+    EXPECT_EQ(error(u"file"), PLAT_ERROR_INVALIDHANDLE);
+
+    rename(pathRoot.c_str(), PathOf("elsewhere").c_str());
+    symlink(PathOf("elsewhere").c_str(), pathRoot.c_str());
+    EXPECT_EQ(error(u"name"), PLAT_ERROR_PATHNOTFOUND);
+    std::filesystem::remove(pathRoot);
+    ASSERT_EQ(mkdir(pathRoot.c_str(), 0777), 0);
+    if (chown(pathRoot.c_str(), 65534, 65534) == 0)   // allowed to root
+    {
+        EXPECT_EQ(error(u"name"), PLAT_ERROR_ACCESSDENIED);
+    }
+    EXPECT_EQ(ListOf(pathRoot), "");
+}
+
+TEST_F(WaitName, LockThatSomebodyKeepsIsWaitedForTwoSeconds)
+{
+    PlatClose(Create(u"makes the folder"));
+    const std::string strFile = PathOf("system/MVR_EVENTROOT/mvr.event.held");
+    ASSERT_EQ(mkfifo(strFile.c_str(), 0666), 0);
+    ASSERT_EQ(chmod(strFile.c_str(), 0666), 0);
+    const int iHeld = open(strFile.c_str(), O_RDWR | O_CLOEXEC);
+    ASSERT_EQ(flock(iHeld, LOCK_EX), 0);
+    const uint64_t u64Begin = PlatTicks();
+    EXPECT_EQ(PlatEventCreate(PLAT_RESET_AUTO, u"held"), PLAT_INVALID);
+    EXPECT_EQ(PlatGetLastError(), PLAT_ERROR_LOCK);
+    EXPECT_GE(PlatTicks() - u64Begin, 2000u);
+    close(iHeld);
+    PlatClose(Create(u"held"));
 }
 
 TEST_F(WaitName, AnyTextIsANameOfItsOwn)

@@ -15,9 +15,10 @@ static void TakeDocument(const char* a_szValue, LogCollectorArgs& a_logcollector
 static void TakeEncodedDocument(const char* a_szValue, LogCollectorArgs& a_logcollectorargs)
 {
     size_t sizetLength = 0;
-    if (Base64Decode(a_logcollectorargs.szDocument, sizeof a_logcollectorargs.szDocument, &sizetLength, a_szValue,
+    if (Base64Decode(a_logcollectorargs.szDocument, sizeof a_logcollectorargs.szDocument - 1, &sizetLength, a_szValue,
                      std::strlen(a_szValue)) != EOSSTS_SUCCESS)
-        a_logcollectorargs.szDocument[0] = 0;
+        sizetLength = 0;
+    a_logcollectorargs.szDocument[sizetLength] = 0;
 }
 
 static void TakeHoursToKeep(const char* a_szValue, LogCollectorArgs& a_logcollectorargs)

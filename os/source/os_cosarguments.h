@@ -56,7 +56,8 @@ EOSSTS OsArgumentsBuild(const OsArgumentsBuildArgs& a_osargumentsbuildargs);
 void OsArgumentsSetInherit(bool a_blInherit);
 
 // With hold: takes the arguments lock, puts the document into the environment that children inherit, and returns with
-// the lock held, so that the environment stays as it is until the child exists. Without: releases the lock. Any thread.
+// the lock held, so that the environment stays as it is until the child exists; an exception leaves the lock free.
+// Without: releases the lock. Any thread.
 void OsArgumentsPublish(bool a_blHold);
 
 // Puts the collector's identity into the document of this process.

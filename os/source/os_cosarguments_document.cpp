@@ -9,6 +9,9 @@
 #include "os_cosstring.h"
 #include "os_cosxml.h"
 #include "os_log.h"
+#include "os_scope.h"
+
+#include "plat_thread.h"
 
 #include <atomic>
 #include <cstdlib>
@@ -160,15 +163,25 @@ static void SetVariables()
     OsEnvSet(OS_VARIABLE, szDocument);
 }
 
+static void Release()
+{
+    SpinLockRelease(&g_u64ArgumentsLock);
+    PlatThreadDefer(false);
+}
+
+// A thread that holds the lock is not terminated: the others wait for it.
 void OsArgumentsPublish(bool a_blHold)
 {
     if (!a_blHold)
     {
-        SpinLockRelease(&g_u64ArgumentsLock);
+        Release();
         return;
     }
+    PlatThreadDefer(true);
     SpinLockAcquire(&g_u64ArgumentsLock);
+    ScopeGuard releaseOnException(Release);
     InsertModel();
     TellPublished();
     SetVariables();
+    releaseOnException.Dismiss();
 }

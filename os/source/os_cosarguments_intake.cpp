@@ -32,7 +32,7 @@ static EOSSTS ReadVariable(const char* a_szVariable, bool a_blEncoded, char* a_s
     const EOSSTS eossts = OsEnvGet(a_szVariable, "", sizeof szEncoded, szEncoded);
     size_t sizetText = 0;
     if (eossts == EOSSTS_SUCCESS && szEncoded[0])
-        Base64Decode(a_szText, a_sizetText, &sizetText, szEncoded, std::strlen(szEncoded));
+        Base64Decode(a_szText, a_sizetText - 1, &sizetText, szEncoded, std::strlen(szEncoded));
     a_szText[sizetText] = 0;
     return eossts;
 }

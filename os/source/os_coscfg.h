@@ -97,6 +97,7 @@ EOSSTS OsCfgProfileRead(const char* a_szFile, const char* a_szSection, const cha
 // EOSSTS_NOMEMORY when the file would have more than 8,192 bytes, EOSSTS_FAIL when it cannot be read.
 EOSSTS OsCfgProfileWrite(const char* a_szFile, const char* a_szSection, const char* a_szKey, const char* a_szValue);
 
-// Writes what was stored for a file, or for all (null or empty). EOSSTS_FAIL for one that is not in the cache or cannot
-// be written; all of them is always a success.
+// Writes what was stored for a file, or for all (null or empty): readers find the old text or the new one. EOSSTS_FAIL
+// for one that is not in the cache or cannot be written, and, with what was stored dropped, for one that another party
+// has changed since; all of them is always a success.
 EOSSTS OsCfgProfileWriteBack(const char* a_szFile);

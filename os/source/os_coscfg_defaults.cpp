@@ -133,7 +133,9 @@ void COsCfgImpl::RestartLogger()
     if (!poslog)
         return;
     const uint32_t u32Flags = static_cast<uint32_t>(Number(OS_CFGTAG_DEBUG)) | poslog->WorkingWord();
-    poslog->Start(m_szLogFilename, u32Flags, m_oscfgtable.Get(OS_CFGSECTION_DSIDENTITY, OS_CFGTAG_DEBUGFILTER));
+    // Without one of the files' own, the filter of the program's document holds.
+    const char* const szFilter = m_oscfgtable.Get(OS_CFGSECTION_DSIDENTITY, OS_CFGTAG_DEBUGFILTER);
+    poslog->Start(m_szLogFilename, u32Flags, *szFilter ? szFilter : nullptr);
 }
 
 // The brand record names its values as the tags are named; its texts live as long as the process.

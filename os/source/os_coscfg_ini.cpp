@@ -129,6 +129,7 @@ public:
 private:
     void TakeHeader(char* a_szHeader);
     void TakeKey(char* a_szLine);
+    const char* NameBehindPrefix(const char* a_szHeader) const;
     bool IsSectionOurs(const char* a_szName) const;
     bool IsKeyOurs(const char* a_szKey) const;
 
@@ -168,11 +169,24 @@ void IniLines::TakeHeader(char* a_szHeader)
     {
         if (!StrIStartsWith(a_szHeader, m_szPrefix))
             return;
-        szName = std::strrchr(a_szHeader, '.') + 1;   // the prefix ends with one
+        szName = NameBehindPrefix(a_szHeader);
     }
     m_blIdentity = EndsWith(szName, "dsidentity");
     if (IsSectionOurs(szName))
         m_u32Section = m_poscfgtable->FindSection(szName);
+}
+
+// What follows the last "." names the section, unless more of it does: one of the names has a "." in it.
+const char* IniLines::NameBehindPrefix(const char* a_szHeader) const
+{
+    const char* const szLast = std::strrchr(a_szHeader, '.') + 1;   // the prefix ends with one
+    const char* const szFirst = a_szHeader + std::strlen(m_szPrefix);
+    for (const char* sz = szFirst; sz != szLast; ++sz)
+    {
+        if (sz[-1] == '.' && m_poscfgtable->FindSection(sz) != 0)
+            return sz;
+    }
+    return szLast;
 }
 
 // Each file contributes what it is meant to: the sections of diagnostics come from debug.ini while that is in use.

@@ -1,21 +1,21 @@
 // os_coscfg_profile.cpp: the profile cache: any INI file by section and key. From top to bottom: what is told when the
 // lock is free again, one file of the cache, the cache, the operations.
 //
-// os_coscfg_profiletext.cpp knows the text of a file, os_coscfg_profilepath.cpp which file serves a request.
+// os_coscfg_profiletext.cpp knows the text of a file, os_coscfg_profilefile.cpp reads and writes it,
+// os_coscfg_profilepath.cpp knows which file serves a request.
 #include "os_coscfg_impl.h"
 
-#include "os_coscfg_profiletext.h"
+#include "os_coscfg_profilefile.h"
 #include "os_cosfile_paths.h"
 #include "os_cosfile_system.h"
-#include "os_cosspinlock.h"
 #include "os_cosstring.h"
 #include "os_log.h"
-#include "os_scope.h"
 
-#include "plat_file.h"
+#include "plat_system.h"
 
 #include <array>
 #include <cstring>
+#include <mutex>
 
 static constexpr char g_szSource[] = "os/source/os_coscfg";
 
@@ -61,45 +61,6 @@ private:
 
 constexpr uint64_t g_u64Settled = 10'000'000;   // 100 ns units
 
-// The platform layer is called directly, since it does not log. A path was converted once before it comes here. The
-// last error tells why there is no handle.
-PlatHandle OpenProfile(const char* a_szPath, uint32_t a_u32Access, PlatDisposition a_platdisposition)
-{
-    char16_t wszPath[OS_WIDEPATHSIZE];
-    if (!OsPathToSystem(wszPath, OS_WIDEPATHSIZE, a_szPath))
-        return PLAT_INVALID;
-    const OsRedirectionGuard osredirectionguard(true);
-    return PlatFileOpen(wszPath, a_u32Access, PLAT_SHARE_READ | PLAT_SHARE_WRITE, a_platdisposition, 0);
-}
-
-// Reads one byte more than a profile may have, so that a longer one is noticed.
-bool ReadProfile(PlatHandle a_plathandle, char (&a_achFile)[OS_PROFILESIZE + 1], size_t* a_psizetFile)
-{
-    size_t sizetRead = 1;
-    for (*a_psizetFile = 0; sizetRead != 0 && *a_psizetFile < sizeof a_achFile; *a_psizetFile += sizetRead)
-    {
-        if (!PlatFileRead(a_plathandle, a_achFile + *a_psizetFile, sizeof a_achFile - *a_psizetFile, &sizetRead))
-            return false;
-    }
-    return true;
-}
-
-enum class ProfileState
-{
-    Current,
-    Changed,   // on the disk since it was loaded
-    Missing,
-    Unreadable,
-};
-
-ProfileState StateOfFailedOpen()
-{
-    const uint32_t u32Error = PlatGetLastError();
-    PlatSetLastError(PLAT_ERROR_NONE);
-    const bool blMissing = u32Error == PLAT_ERROR_FILENOTFOUND || u32Error == PLAT_ERROR_PATHNOTFOUND;
-    return blMissing ? ProfileState::Missing : ProfileState::Unreadable;
-}
-
 class ProfileFile
 {
 public:
@@ -108,79 +69,79 @@ public:
     const OsCfgProfileText& Text() const { return m_oscfgprofiletext; }
 
     void Begin(const char* a_szPath);   // an empty text, of a file that need not exist
-    ProfileState Load(Notes* a_pnotes);
-    ProfileState Look() const;   // at the file, without loading it
+    OsCfgProfileState Load(Notes* a_pnotes);
+    OsCfgProfileState Look() const;   // at the file, without loading it
 
     EOSSTS Store(const char* a_szSection, const char* a_szKey, const char* a_szValue);
 
-    // Brings the file up to date; *a_pblWritten tells whether that took a write.
+    // Brings the file up to date; *a_pblWritten tells whether that took a write. EOSSTS_FAIL also when the file has
+    // changed since it was loaded: what was stored is dropped then.
     EOSSTS WriteBack(Notes* a_pnotes, bool* a_pblWritten);
 
+    // Told when what was stored is dropped, since another party has changed the file.
+    static void TellDropped(Notes* a_pnotes)
+    {
+        a_pnotes->Add(OS_LOG_CHECK, "we're reloading over a dirty profile...", "");
+    }
+
 private:
-    void Remember(const PlatFileIdentity& a_platfileidentity);
+    void Forget();
 
     char m_szPath[OS_PATHSIZE] = {};
     bool m_blDirty = false;
     bool m_blSettled = false;
     PlatFileIdentity m_platfileidentity = {};
+    uint64_t m_u64Digest = 0;   // of the file as it was loaded
     OsCfgProfileText m_oscfgprofiletext;
 };
+
+// What the next look finds differs from this.
+void ProfileFile::Forget()
+{
+    m_blDirty = false;
+    m_blSettled = false;
+    m_platfileidentity = {};
+}
 
 void ProfileFile::Begin(const char* a_szPath)
 {
     SStrCpy(m_szPath, sizeof m_szPath, a_szPath);
-    m_blDirty = false;
-    m_blSettled = false;
-    m_platfileidentity = {};
+    Forget();
+    m_u64Digest = OsCfgProfileDigest(nullptr, 0);
     m_oscfgprofiletext.Clear();
 }
 
-// A file that was written just now can be written again within one tick of its time stamp: that would not show.
-void ProfileFile::Remember(const PlatFileIdentity& a_platfileidentity)
+OsCfgProfileState ProfileFile::Load(Notes* a_pnotes)
 {
-    m_platfileidentity = a_platfileidentity;
-    m_blSettled = PlatClock() > a_platfileidentity.u64WriteTime + g_u64Settled;
-}
-
-ProfileState ProfileFile::Load(Notes* a_pnotes)
-{
-    PlatHandle plathandle = OpenProfile(m_szPath, PLAT_ACCESS_READ | PLAT_ACCESS_WRITE, PLAT_DISPOSITION_OPENEXISTING);
-    if (plathandle == PLAT_INVALID)
-    {
-        plathandle = OpenProfile(m_szPath, PLAT_ACCESS_READ, PLAT_DISPOSITION_OPENEXISTING);
-        if (plathandle == PLAT_INVALID)
-            return StateOfFailedOpen();
-        PlatSetLastError(PLAT_ERROR_NONE);
-        a_pnotes->Add(OS_LOG_NOTE, "profile opened readonly...<%s>", m_szPath);
-    }
-    const ScopeGuard close([plathandle] { PlatClose(plathandle); });
-
-    PlatFileIdentity platfileidentity;
-    char achFile[OS_PROFILESIZE + 1];
-    size_t sizetFile = 0;
-    if (!PlatFileGetIdentity(plathandle, &platfileidentity) || !ReadProfile(plathandle, achFile, &sizetFile))
+    OsCfgProfileImage oscfgprofileimage;
+    const OsCfgProfileState oscfgprofilestate = OsCfgProfileLoad(m_szPath, &oscfgprofileimage);
+    if (oscfgprofilestate == OsCfgProfileState::Missing)
+        return oscfgprofilestate;
+    if (oscfgprofilestate != OsCfgProfileState::Current)
     {
         a_pnotes->Add(OS_LOG_ERROR, "ReadFile failed...<%s>", m_szPath);
-        return ProfileState::Unreadable;
+        return oscfgprofilestate;
     }
-    Remember(platfileidentity);
-    m_oscfgprofiletext.Take(achFile, sizetFile);
-    return ProfileState::Current;
+    if (oscfgprofileimage.blReadOnly)
+        a_pnotes->Add(OS_LOG_NOTE, "profile opened readonly...<%s>", m_szPath);
+    // A file that was written just now can be written again within one tick of its time stamp: that would not show.
+    m_platfileidentity = oscfgprofileimage.platfileidentity;
+    m_blSettled = PlatClock() > m_platfileidentity.u64WriteTime + g_u64Settled;
+    m_u64Digest = OsCfgProfileDigest(oscfgprofileimage.achFile, oscfgprofileimage.sizetFile);
+    m_oscfgprofiletext.Take(oscfgprofileimage.achFile, oscfgprofileimage.sizetFile);
+    return oscfgprofilestate;
 }
 
-ProfileState ProfileFile::Look() const
+OsCfgProfileState ProfileFile::Look() const
 {
-    const PlatHandle plathandle = OpenProfile(m_szPath, PLAT_ACCESS_READ, PLAT_DISPOSITION_OPENEXISTING);
-    if (plathandle == PLAT_INVALID)
-        return StateOfFailedOpen();
-    const ScopeGuard close([plathandle] { PlatClose(plathandle); });
     PlatFileIdentity platfileidentity;
-    if (!PlatFileGetIdentity(plathandle, &platfileidentity))
-        return ProfileState::Unreadable;
+    const OsCfgProfileState oscfgprofilestate = OsCfgProfileIdentify(m_szPath, &platfileidentity);
+    if (oscfgprofilestate != OsCfgProfileState::Current)
+        return oscfgprofilestate;
     const bool blSame = platfileidentity.u64WriteTime == m_platfileidentity.u64WriteTime &&
                         platfileidentity.u64Size == m_platfileidentity.u64Size &&
                         platfileidentity.u64Index == m_platfileidentity.u64Index;
-    return blSame && (m_blSettled || m_blDirty) ? ProfileState::Current : ProfileState::Changed;
+    return blSame && (m_blSettled || m_blDirty) ? OsCfgProfileState::Current : OsCfgProfileState::Changed;
 }
 
 EOSSTS ProfileFile::Store(const char* a_szSection, const char* a_szKey, const char* a_szValue)
@@ -189,13 +150,6 @@ EOSSTS ProfileFile::Store(const char* a_szSection, const char* a_szKey, const ch
     const EOSSTS eossts = m_oscfgprofiletext.Store(a_szSection, a_szKey, a_szValue, &blChanged);
     m_blDirty = m_blDirty || blChanged;
     return eossts;
-}
-
-// The new text is written before the old one is cut, so that a full disk does not leave an empty file.
-bool Rewrite(PlatHandle a_plathandle, const char* a_achText, size_t a_sizetText)
-{
-    return PlatFileSeek(a_plathandle, PLAT_SEEK_START, 0, nullptr) &&
-           PlatFileWrite(a_plathandle, a_achText, a_sizetText, nullptr) && PlatFileSetEnd(a_plathandle);
 }
 
 EOSSTS ProfileFile::WriteBack(Notes* a_pnotes, bool* a_pblWritten)
@@ -207,46 +161,45 @@ EOSSTS ProfileFile::WriteBack(Notes* a_pnotes, bool* a_pblWritten)
         a_pnotes->Add(OS_LOG_NOTE, a_szFormat, m_szPath);
         return EOSSTS_FAIL;
     };
-
-    const PlatHandle plathandle =
-        OpenProfile(m_szPath, PLAT_ACCESS_READ | PLAT_ACCESS_WRITE, PLAT_DISPOSITION_OPENALWAYS);
-    if (plathandle == PLAT_INVALID)
-    {
-        PlatSetLastError(PLAT_ERROR_NONE);
-        return fail("fail: open failed...<%s>");
-    }
-    const ScopeGuard close([plathandle] { PlatClose(plathandle); });
-
     char achText[OS_PROFILESIZE];
     const size_t sizetText = m_oscfgprofiletext.ToFile(achText);
-    char achFile[OS_PROFILESIZE + 1];
-    size_t sizetFile = 0;
-    if (sizetText == SIZE_MAX || !ReadProfile(plathandle, achFile, &sizetFile))
+    if (sizetText == SIZE_MAX)
         return fail("fail: read failed...<%s>");
 
-    *a_pblWritten = sizetText != sizetFile || std::memcmp(achText, achFile, sizetText) != 0;
-    if (*a_pblWritten && !Rewrite(plathandle, achText, sizetText))
-        return fail("fail: write failed...<%s>");
-    m_blDirty = false;
-    PlatFileIdentity platfileidentity = {};
-    PlatFileGetIdentity(plathandle, &platfileidentity);
-    Remember(platfileidentity);
-    if (*a_pblWritten)
+    switch (OsCfgProfileStore(m_szPath, m_u64Digest, achText, sizetText))
+    {
+    case OsCfgProfileWritten::Written:
+        *a_pblWritten = true;
         a_pnotes->Add(OS_LOG_NOTE, "profile successfully written...<%s>", m_szPath);
+        break;
+    case OsCfgProfileWritten::Same:
+        break;
+    case OsCfgProfileWritten::Changed:
+        TellDropped(a_pnotes);
+        Forget();
+        return EOSSTS_FAIL;
+    case OsCfgProfileWritten::CannotOpen:
+        return fail("fail: open failed...<%s>");
+    case OsCfgProfileWritten::CannotRead:
+        return fail("fail: read failed...<%s>");
+    case OsCfgProfileWritten::CannotWrite:
+        return fail("fail: write failed...<%s>");
+    }
+    Forget();
     return EOSSTS_SUCCESS;
 }
 
 // --------------------------------------------------------------------------------------------------------- the cache
 
-uint64_t g_u64ProfileLock;   // guards the two below
+std::mutex g_mutexProfiles;   // guards the two below, also while files are read and written
 std::array<ProfileFile, 16> g_aprofilefile;
 size_t g_sizetProfileFiles;   // in use, from the first on
 
-// The cache, held for the life of the object. Reading and writing files is done meanwhile.
+// The cache, held for the life of the object.
 class ProfileCache
 {
 public:
-    ProfileCache() : m_cosspinguard(&g_u64ProfileLock) {}
+    ProfileCache() : m_guard(g_mutexProfiles) {}
 
     // The file as it is now, null when it cannot be read. A file that is to be written need not exist.
     ProfileFile* Obtain(const char* a_szPath, bool a_blWrite);
@@ -266,14 +219,28 @@ private:
     void WriteBackCompanion(const char* a_szPath);
 
     Notes m_notes;   // before the guard: told when the lock is free
-    COsSpinGuard m_cosspinguard;
+    std::lock_guard<std::mutex> m_guard;
 };
+
+// Spellings that differ in case are of one file where the file system says so.
+bool IsSameFile(const char* a_szLeft, const char* a_szRight)
+{
+    if (std::strcmp(a_szLeft, a_szRight) == 0)
+        return true;
+    PlatFileIdentity platfileidentityLeft;
+    PlatFileIdentity platfileidentityRight;
+    return StrICmp(a_szLeft, a_szRight) == 0 &&
+           OsCfgProfileIdentify(a_szLeft, &platfileidentityLeft) == OsCfgProfileState::Current &&
+           OsCfgProfileIdentify(a_szRight, &platfileidentityRight) == OsCfgProfileState::Current &&
+           platfileidentityLeft.u64Volume == platfileidentityRight.u64Volume &&
+           platfileidentityLeft.u64Index == platfileidentityRight.u64Index;
+}
 
 ProfileFile* ProfileCache::Find(const char* a_szPath) const
 {
     for (size_t sizet = 0; sizet < g_sizetProfileFiles; ++sizet)
     {
-        if (StrICmp(g_aprofilefile[sizet].Path(), a_szPath) == 0)
+        if (IsSameFile(g_aprofilefile[sizet].Path(), a_szPath))
             return &g_aprofilefile[sizet];
     }
     return nullptr;
@@ -300,8 +267,9 @@ void ProfileCache::Remove(ProfileFile* a_pprofilefile)
 
 ProfileFile* ProfileCache::LoadOrRemove(ProfileFile* a_pprofilefile, bool a_blWrite)
 {
-    const ProfileState profilestate = a_pprofilefile->Load(&m_notes);
-    if (profilestate == ProfileState::Current || (a_blWrite && profilestate == ProfileState::Missing))
+    const OsCfgProfileState oscfgprofilestate = a_pprofilefile->Load(&m_notes);
+    if (oscfgprofilestate == OsCfgProfileState::Current ||
+        (a_blWrite && oscfgprofilestate == OsCfgProfileState::Missing))
         return a_pprofilefile;
     Remove(a_pprofilefile);
     return nullptr;
@@ -315,18 +283,18 @@ ProfileFile* ProfileCache::Obtain(const char* a_szPath, bool a_blWrite)
 
     switch (pprofilefile->Look())
     {
-    case ProfileState::Changed:
+    case OsCfgProfileState::Changed:
         if (pprofilefile->IsDirty())
-            m_notes.Add(OS_LOG_CHECK, "we're reloading over a dirty profile...", "");
+            ProfileFile::TellDropped(&m_notes);
         pprofilefile->Begin(a_szPath);
         return LoadOrRemove(pprofilefile, a_blWrite);
-    case ProfileState::Missing:
+    case OsCfgProfileState::Missing:
         if (!pprofilefile->IsDirty())
             pprofilefile->Begin(a_szPath);
         return a_blWrite ? pprofilefile : nullptr;
-    case ProfileState::Unreadable:
+    case OsCfgProfileState::Unreadable:
         return nullptr;
-    case ProfileState::Current:
+    case OsCfgProfileState::Current:
         break;
     }
     return pprofilefile;

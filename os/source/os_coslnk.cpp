@@ -22,15 +22,6 @@ static constexpr char g_szSource[] = "os/source/os_coslnk";
 static constexpr uint32_t g_u32NodeHeader = 16;   // the next node, and whether this one holds an item
 static constexpr uint32_t g_u32NodeUsed = 8;      // where the second of the two is
 
-// Who holds the lock: for whoever looks at a list that is stuck.
-struct OsLnkHolder
-{
-    char szFunction[256];
-    char szFile[OS_PATHSIZE];
-    uint32_t u32Line;
-    uint64_t u64ThreadId;
-};
-
 class COsLnkImpl
 {
 public:
@@ -44,6 +35,7 @@ public:
     void* GetFirstAndLock(const char* a_szFunction, const char* a_szFile, uint32_t a_u32Line);
     void Unlock();
     void Remove(const void* a_pvItem, bool a_blAll, bool a_blLock);
+    const OsLnkHolder& Holder() const { return m_oslnkholder; }
     int32_t Count() const { return m_i32Count.load(std::memory_order_relaxed); }
     uint32_t ChunkCount() const { return m_u32Chunks.load(std::memory_order_relaxed); }
 
@@ -400,6 +392,11 @@ void COsLnk::Unlock()
 {
     if (Usable(m_poslnkimpl))
         m_poslnkimpl->Unlock();
+}
+
+OsLnkHolder COsLnk::Holder() const
+{
+    return Usable(m_poslnkimpl) ? m_poslnkimpl->Holder() : OsLnkHolder{};
 }
 
 void COsLnk::Remove(const void* a_pvItem, bool a_blAll, bool a_blLock)

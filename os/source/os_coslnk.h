@@ -7,6 +7,15 @@
 
 class COsLnkImpl;
 
+// Who holds the lock of a list: as GetFirstAndLock was told, or empty.
+struct OsLnkHolder
+{
+    char szFunction[256];
+    char szFile[OS_PATHSIZE];
+    uint32_t u32Line;
+    uint64_t u64ThreadId;
+};
+
 class COsLnk
 {
 public:
@@ -28,6 +37,9 @@ public:
     void* GetFirstAndLock(const char* a_szFunction, const char* a_szFile, uint32_t a_u32Line);
     void* GetNext(const void* a_pvItem);   // null at the end; only while the lock is held
     void Unlock();
+
+    // For the thread that holds the lock, and for whoever looks at a list that is stuck: it takes no lock.
+    OsLnkHolder Holder() const;
 
     // Removes the first item that is equal byte by byte, or with a_blAll every item. a_blLock takes the lock
     // around it; without, the caller holds it.

@@ -186,16 +186,21 @@ void COsLogImpl::Start(const char* a_szLogFile, uint32_t a_u32Flags, const char*
     SetFlags(a_u32Flags, g_u32FlagsTakenOutAtStart);
     if (OsLogGetState() != OS_LOGSTATE_OFF)
         m_osloghold.Move(LogFile());
-    const bool blPrivateCollector = StartCollector();
+    const Collector collector = StartCollector();
     OsLogSetState(OS_LOGSTATE_ALLOW);
-    if (WorkingWord() == 0)
-        return;
-    if (blPrivateCollector)
+    const bool blMilestones = WorkingWord() != 0;
+    if (blMilestones && collector == Collector::Private)
     {
         OSLOG_AT(g_szSourceCollector, static_cast<uint32_t>(__LINE__), OS_LOG_MILESTONE,
                  "LogCollector initialization complete...");
     }
-    OSLOG(OS_LOG_MILESTONE, "### OsServicesStart...");
+    if (blMilestones)
+        OSLOG(OS_LOG_MILESTONE, "### OsServicesStart...");
+    if (collector == Collector::Stranger)
+    {
+        OSLOG_AT(g_szSourceCollector, static_cast<uint32_t>(__LINE__), OS_LOG_ERROR,
+                 "the collector's port belongs to another user, it gets no line...");
+    }
 }
 
 void COsLogImpl::StartPath(const char* a_szLogFile)
@@ -225,21 +230,24 @@ void COsLogImpl::SetFlags(uint32_t a_u32Flags, uint32_t a_u32TakenOut)
 }
 
 // True when it has connected to the application's own collector.
-bool COsLogImpl::StartCollector()
+COsLogImpl::Collector COsLogImpl::StartCollector()
 {
     const char* const szLogFile = LogFile();
     if (m_oslogdestination.HasCollector() || !*szLogFile)
-        return false;
+        return Collector::Nothing;
     const bool blPrivate = StrICmp(OsCfgGetCommon("LogCollector", "enabled"), "enabled") == 0;
     // Other threads wait for the end of it instead of losing their lines.
     const OsLogGuard oslogguard(m_osloglockFirst, OS_LOGFIRSTTIMEOUT);
     const COsLogSuppress oslogsuppress;
     std::unique_ptr<COsLogCollector> uniqueCollector(new (std::nothrow) COsLogCollector(
         blPrivate ? OS_COLLECTORMODE_PRIVATECLIENT : OS_COLLECTORMODE_SHAREDCLIENT, szLogFile));
-    if (!uniqueCollector || uniqueCollector->Start(szLogFile, true) != EOSSTS_SUCCESS)
-        return false;
+    const EOSSTS eossts = uniqueCollector ? uniqueCollector->Start(szLogFile, true) : EOSSTS_NOMEMORY;
+    if (eossts == EOSSTS_ACCESSDENIED)
+        return Collector::Stranger;
+    if (eossts != EOSSTS_SUCCESS)
+        return Collector::Nothing;
     TakeCollector(uniqueCollector.release());
-    return blPrivate;
+    return blPrivate ? Collector::Private : Collector::Nothing;
 }
 
 void COsLogImpl::Flush()

@@ -147,7 +147,7 @@ static int AppendProcessor(char* a_sz, size_t a_sizet)
     return LogSStrCatf(a_sz, a_sizet,
                        "### systemInfo <arch:%d ps:%d pmask:0x%.8x ncpu:%d cputype:%d cpulevel:%d cpurev:%d "
                        "stack:%llu",
-                       InfoInt(OS_CFGINFO_CPU_ARCHITECTURE), static_cast<int>(PlatMemoryGranularity()),
+                       InfoInt(OS_CFGINFO_CPU_ARCHITECTURE), static_cast<int>(PlatMemoryPageSize()),
                        static_cast<unsigned>(u64Affinity), static_cast<int>(PlatProcessorCount()), g_iTypeX64,
                        InfoInt(OS_CFGINFO_CPU_LEVEL), iRevision, static_cast<unsigned long long>(OsLogStackSize()));
 }

@@ -66,7 +66,15 @@ private:
     static void SetStateFromEnvironment();
     void SetFlags(uint32_t a_u32Flags, uint32_t a_u32TakenOut);
     void StartPath(const char* a_szLogFile);
-    bool StartCollector();
+
+    // What a start has to tell of the collector.
+    enum class Collector
+    {
+        Nothing,
+        Private,    // it has been connected
+        Stranger,   // its port belongs to somebody else
+    };
+    Collector StartCollector();
 
     // os_coslog_call.cpp
     bool Passes(const OsLogCall& a_oslogcall);

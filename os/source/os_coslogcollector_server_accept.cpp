@@ -106,9 +106,11 @@ void COsLogCollectorServer::ServeConnections()
     }
 }
 
-// False when the collector is stopped.
+// Frees what finished connections hold: without means there is no next reader that would. False when the collector is
+// stopped.
 bool COsLogCollectorServer::WaitForMeans()
 {
+    SweepFinished();
     return m_possyncStop->EventWait(g_u32MeansPause, nullptr) == EOSSTS_TIMEOUT && !g_bLogCollectorStopping.load();
 }
 

@@ -25,6 +25,8 @@ static constexpr size_t g_sizetStoppingMost = 8 << 20;   // more than a connecti
 static constexpr uint64_t g_u64LookPeriod = 1000;        // ms between two looks whether the path still names the file
 static constexpr uint64_t g_u64FolderTimeout = 1000;     // ms to wait for somebody who is deleting the folder
 static constexpr uint32_t g_u32FolderPause = 20;
+static constexpr uint64_t g_u64MeansTimeout = 3000;   // ms to wait for descriptors that other streams have
+static constexpr uint32_t g_u32MeansPause = 100;
 
 // -------------------------------------------------------------------------------------------------- the pieces
 
@@ -257,12 +259,21 @@ void COsLogCollectorStream::LeaveFolder()
         m_oslogfolderlock.Release();
 }
 
+// A want of descriptors passes when other streams end, so it is waited out; not for so long that a client gives the
+// collector up.
 bool COsLogCollectorStream::OpenFile()
 {
     m_u64Looked = PlatTicks();
-    MakeFolder();
-    m_reference = m_oslogcollectorfiles.Open(m_szPath, m_oslogcollectorpeer.Guard(), m_logcollectorwriter);
-    return m_reference != nullptr;
+    for (;;)
+    {
+        MakeFolder();
+        PlatSetLastError(PLAT_ERROR_NONE);
+        m_reference = m_oslogcollectorfiles.Open(m_szPath, m_oslogcollectorpeer.Guard(), m_logcollectorwriter);
+        const bool blWant = !m_reference && PlatGetLastError() == PLAT_ERROR_TOOMANYOPEN;
+        if (!blWant || g_bLogCollectorStopping.load() || PlatTicks() - m_u64Looked >= g_u64MeansTimeout)
+            return m_reference != nullptr;
+        PlatSleep(g_u32MeansPause);
+    }
 }
 
 // Whether the path names the file that the stream has. A hold of its folder that could not be had is tried again.

@@ -132,7 +132,14 @@ COsMem::Counts COsMemImpl::Track(const Block& a_block)
     if (blRecord && u32Slot == OS_MEMSLOTS)
         OSLOG(OS_LOG_CHECK, "mem>>> No free slots...");
     if (a_block.pvAddress && u32Slot == OS_MEMSLOTS)
+    {
         OSLOG(OS_LOG_CHECK, "mem>>> memory manager failed to allocate...");
+        OsMemRecord osmemrecord = {};
+        osmemrecord.u32Method = a_block.u32Method;
+        osmemrecord.pvAddress = a_block.pvAddress;
+        osmemrecord.u64Size = a_block.u64Size;
+        Keep(osmemrecord);
+    }
     return counts;
 }
 
@@ -182,6 +189,31 @@ bool COsMemImpl::Untrack(const void* a_pvBlock, OsMemRecord* a_posmemrecord, COs
     m_u32FirstFree = std::min(m_u32FirstFree, u32Slot);
     CountOut(a_posmemrecord->u64Size);
     *a_pcounts = m_counts;
+    return true;
+}
+
+bool COsMemImpl::Keep(const OsMemRecord& a_osmemrecord)
+{
+    OsMemUntracked::Node* const pnode = OsMemUntracked::Make(a_osmemrecord);
+    if (!pnode)
+        return false;
+    const COsSpinGuard guard(&m_u64Lock);
+    m_osmemuntracked.Add(pnode);
+    return true;
+}
+
+// Takes a block out of those that are kept beyond the table.
+bool COsMemImpl::GiveUp(const void* a_pvBlock, OsMemRecord* a_posmemrecord)
+{
+    OsMemUntracked::Node* pnode;
+    {
+        const COsSpinGuard guard(&m_u64Lock);
+        pnode = m_osmemuntracked.Remove(a_pvBlock);
+    }
+    if (!pnode)
+        return false;
+    *a_posmemrecord = pnode->osmemrecord;
+    OsMemUntracked::Free(pnode);
     return true;
 }
 
@@ -367,15 +399,25 @@ void COsMemImpl::Release(const OsMemRecord& a_osmemrecord, const OsMemCaller& a_
     }
 }
 
+// The table does not know it: it came when the table was full, or it is no block of ours.
+void COsMemImpl::FreeUntracked(void* a_pvBlock, const OsMemCaller& a_osmemcaller, uint32_t a_u32Flags)
+{
+    OsMemRecord osmemrecord;
+    const bool blKept = GiveUp(a_pvBlock, &osmemrecord);
+    if (!blKept && (a_u32Flags & OS_MEMFLAG_EXTERNAL))
+    {
+        FreeUnrecorded(a_pvBlock, a_osmemcaller, a_u32Flags);
+        return;
+    }
+    OSLOG(OS_LOG_CHECK, "mem>>> Can't find managed item...%p", a_pvBlock);
+    OSLOG_AT(a_osmemcaller.szFile, a_osmemcaller.u32Line, OS_LOG_ERROR, "mem>>> The error occurred here...");
+    if (blKept)
+        Release(osmemrecord, a_osmemcaller);
+}
+
 // Blocks of the external allocator are not on record; they come back by their flag, and were counted out before.
 void COsMemImpl::FreeUnrecorded(void* a_pvBlock, const OsMemCaller& a_osmemcaller, uint32_t a_u32Flags)
 {
-    if (!(a_u32Flags & OS_MEMFLAG_EXTERNAL))
-    {
-        OSLOG(OS_LOG_CHECK, "mem>>> Can't find managed item...%p", a_pvBlock);
-        OSLOG_AT(a_osmemcaller.szFile, a_osmemcaller.u32Line, OS_LOG_ERROR, "mem>>> The error occurred here...");
-        return;
-    }
     if (!Externals().osmemexternalfreeproc)
     {
         PlatMemoryGlobalFree(a_pvBlock);
@@ -397,7 +439,7 @@ void COsMemImpl::Free(void* a_pvBlock, const OsMemCaller& a_osmemcaller, uint32_
     COsMem::Counts counts;
     if (!Untrack(a_pvBlock, &osmemrecord, &counts))
     {
-        FreeUnrecorded(a_pvBlock, a_osmemcaller, a_u32Flags);
+        FreeUntracked(a_pvBlock, a_osmemcaller, a_u32Flags);
         return;
     }
     ValidateHeap("before free", a_osmemcaller);

@@ -80,8 +80,6 @@ public:
     };
     Counts GetCounts() const;
 
-    COsMemImpl* Implementation() const { return m_posmemimpl; }
-
 private:
     COsMemImpl* m_posmemimpl;
 };
@@ -91,6 +89,7 @@ bool OsMemExists();   // true while the process has a manager
 // A zero-filled block, 64 bytes longer than asked; null, logged and reported, when there is no memory.
 // a_szFile and a_u32Line are the caller's, for the trace.
 void* OsMemAlloc(size_t a_sizetBytes, const char* a_szFile, uint32_t a_u32Line, uint32_t a_u32Flags);
+// Of a block that came while the table of 2,048 was full, the free is logged ("Can't find managed item...") and done.
 void OsMemFree(void* a_pvBlock, const char* a_szFile, uint32_t a_u32Line, uint32_t a_u32Flags);
 
 // Logs the record of a block, or of every block in use when a_pvBlock is null.
@@ -127,7 +126,7 @@ void* OsMemSharedRemap(void* a_pvView, uint64_t a_u64Offset, size_t a_sizetSize,
 EOSSTS Base64Encode(char* a_szDestination, size_t a_sizetDestination, size_t* a_psizetLength, const void* a_pvSource,
                     size_t a_sizetSource, bool a_blUrlSafe);
 
-// Decodes either alphabet up to the first "=". The destination keeps room for a terminator.
+// Decodes either alphabet up to the first "=". Bytes, not a text: a result that fits exactly has no terminator.
 EOSSTS Base64Decode(void* a_pvDestination, size_t a_sizetDestination, size_t* a_psizetLength, const char* a_szSource,
                     size_t a_sizetSource);
 

@@ -64,7 +64,7 @@ EOSSTS Base64Encode(char* a_szDestination, size_t a_sizetDestination, size_t* a_
     return EOSSTS_SUCCESS;
 }
 
-// The bytes written, SIZE_MAX (logged) for an illegal character or when they do not fit with a terminator.
+// The bytes written, SIZE_MAX (logged) for an illegal character or when they do not fit.
 static size_t DecodeAll(uint8_t* a_pu8, size_t a_sizetDestination, const char* a_pch, size_t a_sizetSource)
 {
     size_t sizetLength = 0;
@@ -84,7 +84,7 @@ static size_t DecodeAll(uint8_t* a_pu8, size_t a_sizetDestination, const char* a
         if (u32Count < 8)
             continue;
         u32Count -= 8;
-        if (sizetLength + 1 >= a_sizetDestination)
+        if (sizetLength == a_sizetDestination)
         {
             OSLOG(OS_LOG_ERROR, "destination overflow...%d %d", static_cast<int>(sizetLength + 1),
                   static_cast<int>(a_sizetDestination));

@@ -1,7 +1,8 @@
 // os_cosmem_impl.h: what the sources of the memory manager share.
 //
-// os_cosmem.cpp tracks blocks; os_cosmem_shared.cpp has the operations on shared memory and os_cosmem_map.cpp maps it;
-// os_cosmem_report.cpp logs the table and writes the crash report.
+// os_cosmem.cpp tracks blocks, os_cosmem_untracked.cpp keeps those that the full table has no slot for;
+// os_cosmem_shared.cpp has the operations on shared memory and os_cosmem_map.cpp maps it; os_cosmem_report.cpp logs the
+// table and writes the crash report.
 #pragma once
 
 #include "os_cosmem.h"
@@ -62,6 +63,36 @@ struct OsMemSharedRequest
     uint32_t u32Flags;
 };
 
+// What a full table has no slot for: not counted and not dumped, but found when it is freed. Except for Make and Free
+// with the manager's lock held.
+class OsMemUntracked
+{
+public:
+    struct Node
+    {
+        Node* pnodeNext;
+        OsMemRecord osmemrecord;
+    };
+
+    OsMemUntracked() = default;
+    ~OsMemUntracked();
+    OsMemUntracked(const OsMemUntracked&) = delete;
+    OsMemUntracked& operator=(const OsMemUntracked&) = delete;
+
+    static Node* Make(const OsMemRecord& a_osmemrecord);   // null without memory
+    static void Free(Node* a_pnode);
+
+    void Add(Node* a_pnode);
+    Node* Find(const void* a_pvBlock) const;   // null for none
+    Node* Remove(const void* a_pvBlock);       // null for none
+
+private:
+    static constexpr size_t m_sizetBuckets = 256;
+    static size_t BucketOf(const void* a_pvBlock);
+
+    Node* m_apnodeBucket[m_sizetBuckets] = {};
+};
+
 // The one lock guards the table, the counters and the settings. It is held for the bookkeeping only: never while
 // memory is taken or given back, and never while a line is logged.
 class COsMemImpl
@@ -113,13 +144,19 @@ private:
     COsMem::Counts CountPassing(const Block& a_block);
     bool TrackMapping(const OsMemRecord& a_osmemrecord, COsMem::Counts* a_pcounts);
     bool Untrack(const void* a_pvBlock, OsMemRecord* a_posmemrecord, COsMem::Counts* a_pcounts);
+    bool Keep(const OsMemRecord& a_osmemrecord);   // beyond the table; false without memory
+    bool GiveUp(const void* a_pvBlock, OsMemRecord* a_posmemrecord);
 
+    void FreeUntracked(void* a_pvBlock, const OsMemCaller& a_osmemcaller, uint32_t a_u32Flags);
     void FreeUnrecorded(void* a_pvBlock, const OsMemCaller& a_osmemcaller, uint32_t a_u32Flags);
     void Release(const OsMemRecord& a_osmemrecord, const OsMemCaller& a_osmemcaller);
     void ReleaseExternal(void* a_pvBlock, const OsMemCaller& a_osmemcaller);
     void ReportFailure(const OsMemCaller& a_osmemcaller);
 
-    // Runs the action with the slot of a view, with the lock held. False, and logged, for what is no view.
+    OsMemRecord* FindRecord(const void* a_pvBlock) const;   // with the lock held; null for none
+    void Move(const void* a_pvView, const OsMemRecord& a_osmemrecordNew);
+
+    // Runs the action with the record of a view, with the lock held. False, and logged, for what is no view.
     template <class Action>
     bool WithMapping(const void* a_pvView, const OsMemCaller& a_osmemcaller, Action a_action);
 
@@ -134,6 +171,7 @@ private:
     EOSSHAREDMODE m_eossharedmode = OS_SHAREDMODE_UNDEFINED;   // until first needed
     External m_external = {};
 
+    OsMemUntracked m_osmemuntracked;
     size_t m_sizetRecords = 0;        // bytes committed for the records
     uint32_t m_u32FirstFree = 0;      // no slot below is free
     uint32_t m_u32SlotsTouched = 0;   // no slot from here on was ever used

@@ -221,14 +221,14 @@ bool OsMemMapper::TakeName()
     return blWhole && CopyStringFromUtf8(m_wszName, std::size(m_wszName), m_osmemrecord.szName) != 0;
 }
 
-// A create takes what is there over, but never from under somebody: to cut a file that another has mapped would end
-// the other's process. Nobody has it who can be kept out for a moment.
+// What is there goes, but never from under somebody: to cut a file that another has mapped would end the other's
+// process. Only an opener who shares nothing gets it, and no link is followed to another file.
 bool OsMemMapper::ClearFile()
 {
     PlatFileInfo platfileinfo;
     m_blExisted = PlatFileGetInfo(m_wszName, &platfileinfo);
-    const PlatHandle plathandle =
-        PlatFileOpen(m_wszName, g_u32ReadWrite, PLAT_SHARE_NONE, PLAT_DISPOSITION_CREATEALWAYS, 0);
+    const PlatHandle plathandle = PlatFileOpen(m_wszName, g_u32ReadWrite, PLAT_SHARE_NONE,
+                                               PLAT_DISPOSITION_CREATEALWAYS, PLAT_OPEN_DELETEONCLOSE);
     return plathandle != PLAT_INVALID && PlatClose(plathandle);
 }
 
@@ -238,8 +238,9 @@ bool OsMemMapper::OpenFile()
                                   ? PLAT_SHARE_NONE
                                   : PLAT_SHARE_READ | PLAT_SHARE_WRITE | PLAT_SHARE_DELETE;
     const uint32_t u32Flags = m_blCreate ? PLAT_OPEN_DELETEONCLOSE : 0;
+    const PlatDisposition platdisposition = m_blCreate ? PLAT_DISPOSITION_OPENALWAYS : PLAT_DISPOSITION_OPENEXISTING;
     const auto open = [&](uint32_t a_u32Access) {
-        return PlatFileOpen(m_wszName, a_u32Access, u32Share, PLAT_DISPOSITION_OPENEXISTING, u32Flags);
+        return PlatFileOpen(m_wszName, a_u32Access, u32Share, platdisposition, u32Flags);
     };
     PlatHandle plathandle = PLAT_INVALID;
     if (!m_blCreate || ClearFile())

@@ -13,6 +13,7 @@
 
 #include <algorithm>
 #include <iterator>
+#include <new>
 
 static constexpr char g_szSource[] = "os/source/os_cosmem";
 
@@ -100,6 +101,8 @@ void* COsMemImpl::SharedAlloc(const OsMemSharedRequest& a_osmemsharedrequest, co
     {
         OSLOG(OS_LOG_CHECK, "mem>>> No free slots...");
         OSLOG(OS_LOG_CHECK, "mem>>> Manage failed...<%s>", osmemrecord.szName);
+        if (Keep(osmemrecord))
+            return pvView;
         OsMemReleaseMapping(osmemrecord);
         return nullptr;
     }
@@ -107,21 +110,30 @@ void* COsMemImpl::SharedAlloc(const OsMemSharedRequest& a_osmemsharedrequest, co
     return pvView;
 }
 
+OsMemRecord* COsMemImpl::FindRecord(const void* a_pvBlock) const
+{
+    const uint32_t u32Slot = FindSlot(a_pvBlock);
+    if (u32Slot != OS_MEMSLOTS)
+        return &m_aosmemrecord[u32Slot];
+    OsMemUntracked::Node* const pnode = m_osmemuntracked.Find(a_pvBlock);
+    return pnode ? &pnode->osmemrecord : nullptr;
+}
+
 template <class Action>
 bool COsMemImpl::WithMapping(const void* a_pvView, const OsMemCaller& a_osmemcaller, Action a_action)
 {
-    uint32_t u32Slot;
+    bool blKnown;
     {
         const COsSpinGuard guard(&m_u64Lock);
-        u32Slot = FindSlot(a_pvView);
-        if (u32Slot != OS_MEMSLOTS && m_aosmemrecord[u32Slot].u32Method == OS_MEMTYPE_MEMORYMAP)
+        OsMemRecord* const posmemrecord = FindRecord(a_pvView);
+        if (posmemrecord && posmemrecord->u32Method == OS_MEMTYPE_MEMORYMAP)
         {
-            a_action(u32Slot);
+            a_action(*posmemrecord);
             return true;
         }
+        blKnown = posmemrecord != nullptr;
     }
-    OSLOG(OS_LOG_CHECK, "mem>>> %s...",
-          u32Slot == OS_MEMSLOTS ? "Manage didn't find mapping" : "This isn't a memory mapped pointer");
+    OSLOG(OS_LOG_CHECK, "mem>>> %s...", blKnown ? "This isn't a memory mapped pointer" : "Manage didn't find mapping");
     OSLOG_AT(a_osmemcaller.szFile, a_osmemcaller.u32Line, OS_LOG_CHECK, "mem>>> Error occurred here...");
     return false;
 }
@@ -135,11 +147,10 @@ static PlatHandle MemoryOf(const OsMemRecord& a_osmemrecord)
 EOSSTS COsMemImpl::SharedLock(void* a_pvView, const OsMemCaller& a_osmemcaller)
 {
     bool blHeld = false;
-    const bool blMapping = WithMapping(a_pvView, a_osmemcaller, [&](uint32_t a_u32Slot) {
-        OsMemRecord& osmemrecord = m_aosmemrecord[a_u32Slot];
-        if (osmemrecord.u32Lock == 0 && PlatFileLock(osmemrecord.plathandleFile, 0, 1))
-            osmemrecord.u32Lock = OS_MEMLOCK_HELD;
-        blHeld = osmemrecord.u32Lock != 0;
+    const bool blMapping = WithMapping(a_pvView, a_osmemcaller, [&](OsMemRecord& a_osmemrecord) {
+        if (a_osmemrecord.u32Lock == 0 && PlatFileLock(a_osmemrecord.plathandleFile, 0, 1))
+            a_osmemrecord.u32Lock = OS_MEMLOCK_HELD;
+        blHeld = a_osmemrecord.u32Lock != 0;
     });
     if (!blMapping)
         return EOSSTS_FAIL;
@@ -148,11 +159,10 @@ EOSSTS COsMemImpl::SharedLock(void* a_pvView, const OsMemCaller& a_osmemcaller)
 
 EOSSTS COsMemImpl::SharedUnlock(void* a_pvView, const OsMemCaller& a_osmemcaller)
 {
-    const bool blMapping = WithMapping(a_pvView, a_osmemcaller, [&](uint32_t a_u32Slot) {
-        OsMemRecord& osmemrecord = m_aosmemrecord[a_u32Slot];
-        if (osmemrecord.u32Lock != 0)
-            PlatFileUnlock(osmemrecord.plathandleFile, 0, 1);
-        osmemrecord.u32Lock = 0;
+    const bool blMapping = WithMapping(a_pvView, a_osmemcaller, [&](OsMemRecord& a_osmemrecord) {
+        if (a_osmemrecord.u32Lock != 0)
+            PlatFileUnlock(a_osmemrecord.plathandleFile, 0, 1);
+        a_osmemrecord.u32Lock = 0;
     });
     return blMapping ? EOSSTS_SUCCESS : EOSSTS_FAIL;
 }
@@ -160,11 +170,10 @@ EOSSTS COsMemImpl::SharedUnlock(void* a_pvView, const OsMemCaller& a_osmemcaller
 uint64_t COsMemImpl::SharedSize(void* a_pvView, const OsMemCaller& a_osmemcaller)
 {
     uint64_t u64Size = 0;
-    WithMapping(a_pvView, a_osmemcaller, [&](uint32_t a_u32Slot) {
-        const OsMemRecord& osmemrecord = m_aosmemrecord[a_u32Slot];
+    WithMapping(a_pvView, a_osmemcaller, [&](const OsMemRecord& a_osmemrecord) {
         uint64_t u64Length = 0;
-        if (PlatFileSize(MemoryOf(osmemrecord), &u64Length) && u64Length > osmemrecord.u64Offset)
-            u64Size = std::min(osmemrecord.u64View, u64Length - osmemrecord.u64Offset);
+        if (PlatFileSize(MemoryOf(a_osmemrecord), &u64Length) && u64Length > a_osmemrecord.u64Offset)
+            u64Size = std::min(a_osmemrecord.u64View, u64Length - a_osmemrecord.u64Offset);
     });
     return u64Size;
 }
@@ -172,7 +181,8 @@ uint64_t COsMemImpl::SharedSize(void* a_pvView, const OsMemCaller& a_osmemcaller
 EOSSTS COsMemImpl::SharedFlush(void* a_pvView, const OsMemCaller& a_osmemcaller)
 {
     uint64_t u64View = 0;
-    if (!WithMapping(a_pvView, a_osmemcaller, [&](uint32_t a_u32Slot) { u64View = m_aosmemrecord[a_u32Slot].u64View; }))
+    if (!WithMapping(a_pvView, a_osmemcaller,
+                     [&](const OsMemRecord& a_osmemrecord) { u64View = a_osmemrecord.u64View; }))
         return EOSSTS_FAIL;
     if (PlatMappingFlush(a_pvView, static_cast<size_t>(u64View)))
         return EOSSTS_SUCCESS;
@@ -212,22 +222,36 @@ static void* MapPart(const OsMemRecord& a_osmemrecord, uint64_t a_u64Offset, siz
     return pvView;
 }
 
+// The record of a view that has another address now. With the lock held.
+void COsMemImpl::Move(const void* a_pvView, const OsMemRecord& a_osmemrecordNew)
+{
+    if (const uint32_t u32Slot = FindSlot(a_pvView); u32Slot != OS_MEMSLOTS)
+    {
+        m_aosmemrecord[u32Slot] = a_osmemrecordNew;
+        m_apvSlot[u32Slot] = a_osmemrecordNew.pvAddress;
+        return;
+    }
+    OsMemUntracked::Node* const pnode = m_osmemuntracked.Remove(a_pvView);
+    pnode->osmemrecord = a_osmemrecordNew;
+    m_osmemuntracked.Add(pnode);
+}
+
 // The new part is mapped before the old one goes, so a failure leaves the view as it was.
 void* COsMemImpl::SharedRemap(void* a_pvView, uint64_t a_u64Offset, size_t a_sizetSize,
                               const OsMemCaller& a_osmemcaller)
 {
     OsMemRecord osmemrecordOld;
-    if (!WithMapping(a_pvView, a_osmemcaller, [&](uint32_t a_u32Slot) { osmemrecordOld = m_aosmemrecord[a_u32Slot]; }))
+    if (!WithMapping(a_pvView, a_osmemcaller,
+                     [&](const OsMemRecord& a_osmemrecord) { osmemrecordOld = a_osmemrecord; }))
         return nullptr;
     OsMemRecord osmemrecordNew;
     void* const pvView = MapPart(osmemrecordOld, a_u64Offset, a_sizetSize, &osmemrecordNew);
     if (!pvView)
         return nullptr;
 
-    if (!WithMapping(a_pvView, a_osmemcaller, [&](uint32_t a_u32Slot) {
-            osmemrecordNew.u32Lock = m_aosmemrecord[a_u32Slot].u32Lock;
-            m_aosmemrecord[a_u32Slot] = osmemrecordNew;
-            m_apvSlot[a_u32Slot] = osmemrecordNew.pvAddress;
+    if (!WithMapping(a_pvView, a_osmemcaller, [&](const OsMemRecord& a_osmemrecord) {
+            osmemrecordNew.u32Lock = a_osmemrecord.u32Lock;
+            Move(a_pvView, osmemrecordNew);
         }))
     {
         PlatMappingRelease(pvView, static_cast<size_t>(osmemrecordNew.u64View));
@@ -242,6 +266,21 @@ void* COsMemImpl::SharedRemap(void* a_pvView, uint64_t a_u64Offset, size_t a_siz
 }
 
 // ---------------------------------------------------------------------------------------------------------- the calls
+
+// Without memory for the work on names, an operation fails like one that the system refuses.
+template <class Result, class Operation>
+static Result WithoutThrowing(Result a_resultFailed, Operation a_operation)
+{
+    try
+    {
+        return a_operation();
+    }
+    catch (const std::bad_alloc&)
+    {
+        OSLOG(OS_LOG_CHECK, "mem>>> memory manager failed to allocate...");
+        return a_resultFailed;
+    }
+}
 
 static COsMemImpl* UsableManager()
 {
@@ -263,9 +302,11 @@ void* OsMemSharedAlloc(EOSSHAREDALLOC a_eossharedalloc, const char* a_szName, ui
         OSLOG_AT(a_szFile, a_u32Line, OS_LOG_CHECK, "mem>>> Error occurred here...");
         return nullptr;
     }
-    return posmemimpl->SharedAlloc(
-        {a_eossharedalloc, a_szName ? a_szName : "", a_u64Bytes, a_i64View, a_eossharedlock, a_u32Flags},
-        {a_szFile, a_u32Line});
+    const OsMemSharedRequest osmemsharedrequest = {a_eossharedalloc, a_szName ? a_szName : "", a_u64Bytes,
+                                                   a_i64View,        a_eossharedlock,          a_u32Flags};
+    return WithoutThrowing(static_cast<void*>(nullptr), [&] {
+        return posmemimpl->SharedAlloc(osmemsharedrequest, {a_szFile, a_u32Line});
+    });
 }
 
 EOSSTS OsMemSharedLock(void* a_pvView, const char* a_szFile, uint32_t a_u32Line)

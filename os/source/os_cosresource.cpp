@@ -30,6 +30,7 @@ public:
 
     EOSSTS Open(const char* a_szFilename, const char* a_szResourceName);
     bool IsIntact(const char* a_szFilename);
+    bool IsAbsent() const { return m_blAbsent; }
     const char* Data() const { return m_szData.get(); }
     size_t Size() const { return m_sizetData; }
 
@@ -48,6 +49,7 @@ private:
     void Release();
 
     bool m_blInUse = false;
+    bool m_blAbsent = false;
     PlatHandle m_plathandle = PLAT_INVALID;   // of the file, while it is being opened
     uint64_t m_u64FileSize = 0;
     char16_t m_wszFileUsed[PLAT_PATHMAX] = {};
@@ -78,6 +80,11 @@ EOSSTS COsResource::Open(const char* a_szFilename, const char* a_szResourceName)
     return m_posresourceimpl->Open(a_szFilename, a_szResourceName);
 }
 
+bool COsResource::IsAbsent() const
+{
+    return m_posresourceimpl && m_posresourceimpl->IsAbsent();
+}
+
 const char* COsResource::Data() const
 {
     return Usable(m_posresourceimpl) ? m_posresourceimpl->Data() : nullptr;
@@ -105,6 +112,7 @@ EOSSTS COsResourceImpl::Open(const char* a_szFilename, const char* a_szResourceN
         return EOSSTS_FAIL;
     }
 
+    m_blAbsent = false;
     ScopeGuard releaseOnFailure([this] { Release(); });
     if (!FindFile(a_szFilename) || !LoadModule())
     {
@@ -221,7 +229,10 @@ bool COsResourceImpl::LoadFooter(OsResourceTrailer* a_posresourcetrailer)
     CopyStringToUtf8(szFile, sizeof szFile, m_wszFileUsed, SIZE_MAX);
     OSLOG(OS_LOG_NOTE, "LoadFooter>>> Open...<%s> %p %016llX", szFile, static_cast<const void*>(this),
           static_cast<unsigned long long>(m_plathandle));
-    return ReadTrailer(a_posresourcetrailer) && OsResourceIsSound(*a_posresourcetrailer, m_u64FileSize);
+    if (!ReadTrailer(a_posresourcetrailer))
+        return false;
+    m_blAbsent = !OsResourceIsSound(*a_posresourcetrailer, m_u64FileSize);
+    return !m_blAbsent;
 }
 
 bool COsResourceImpl::FindResource(const OsResourceTrailer& a_osresourcetrailer, const char* a_szResourceName,
@@ -236,6 +247,7 @@ bool COsResourceImpl::FindResource(const OsResourceTrailer& a_osresourcetrailer,
         if (!std::strcmp(a_posresourceentry->szName, a_szResourceName))
             return true;
     }
+    m_blAbsent = true;
     return false;
 }
 
@@ -263,7 +275,8 @@ bool OsResourceIsIntact(const char* a_szFilename)
 
 // ----------------------------------------------------------------------------------------------- the local module
 
-COsResource* OsResourceGetLocal(const char* a_szResourceName)
+// Null when the object cannot be made. The resource may not be there.
+static COsResource* OpenLocal(const char* a_szResourceName)
 {
     COsResource* posresource = OSMEMNEW(COsResource);
     if (!posresource || !posresource->IsUsable())
@@ -273,10 +286,15 @@ COsResource* OsResourceGetLocal(const char* a_szResourceName)
         return nullptr;
     }
     if (posresource->Open(OS_RESOURCELOCAL, a_szResourceName) != EOSSTS_SUCCESS)
-    {
         OSLOG(OS_LOG_NOTE, "Resource %s not found", a_szResourceName ? a_szResourceName : "(null)");
+    return posresource;
+}
+
+COsResource* OsResourceGetLocal(const char* a_szResourceName)
+{
+    COsResource* posresource = OpenLocal(a_szResourceName);
+    if (posresource && !posresource->Data())
         OSMEMDELETE(posresource);
-    }
     return posresource;
 }
 
@@ -303,12 +321,13 @@ static const Text* FindText(const char* a_szName)
     return nullptr;
 }
 
-// Null when the module has none, and when there is no memory for it.
-static std::unique_ptr<char[]> LoadText(const char* a_szName)
+// Null when the module has none (*a_pblAbsent), and when it cannot be read now.
+static std::unique_ptr<char[]> LoadText(const char* a_szName, bool* a_pblAbsent)
 {
     std::unique_ptr<char[]> szText;
-    COsResource* posresource = OsResourceGetLocal(a_szName);
-    if (posresource)
+    COsResource* posresource = OpenLocal(a_szName);
+    *a_pblAbsent = posresource && posresource->IsAbsent();
+    if (posresource && posresource->Data())
         szText.reset(new (std::nothrow) char[posresource->Size() + 1]);
     if (szText)
         std::memcpy(szText.get(), posresource->Data(), posresource->Size() + 1);
@@ -327,7 +346,10 @@ const char* OsResourceText(const char* a_szName)
         if (const Text* const ptext = FindText(a_szName))
             return ptext->szText;
     }
-    std::unique_ptr<char[]> szText = LoadText(a_szName);
+    bool blAbsent = false;
+    std::unique_ptr<char[]> szText = LoadText(a_szName, &blAbsent);
+    if (!szText && !blAbsent)
+        return nullptr;   // the next call tries again
 
     const COsSpinGuard guard(&g_u64TextLock);
     if (const Text* const ptext = FindText(a_szName))

@@ -26,6 +26,9 @@ public:
     const char* Data() const;
     size_t Size() const;
 
+    // After an open that failed: the file was read, and has no such resource. Another try would not help.
+    bool IsAbsent() const;
+
     bool IsUsable() const { return m_posresourceimpl != nullptr; }
 
 private:
@@ -39,5 +42,6 @@ COsResource* OsResourceGetLocal(const char* a_szResourceName);
 // made. A file without resources, or one that cannot be read, has nothing to compare with.
 bool OsResourceIsIntact(const char* a_szFilename);
 
-// A text resource of this module, null when there is none. The text lives as long as the process. Any thread.
+// A text resource of this module, null when there is none or when it cannot be read now. The text lives as long as the
+// process. Any thread.
 const char* OsResourceText(const char* a_szName);

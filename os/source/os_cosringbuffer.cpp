@@ -82,7 +82,7 @@ void COsRingBuffer::StoreHeader()
 // Somebody may have cut the file.
 bool COsRingBuffer::IsWhole(int32_t a_i32Total) const
 {
-    return OsMemSharedSize(m_pvBlock, g_szSource, __LINE__) >= static_cast<uint64_t>(a_i32Total);
+    return !m_blCut && OsMemSharedSize(m_pvBlock, g_szSource, __LINE__) >= static_cast<uint64_t>(a_i32Total);
 }
 
 // Nothing that the header says points outside a block of the size that it says.
@@ -211,6 +211,7 @@ void COsRingBuffer::Release()
     m_blWriter = false;
     m_u8RecordsRead = 0;
     m_header = {};
+    m_blCut = false;
     m_recordheader = {};
 }
 
@@ -248,9 +249,9 @@ EOSSTS COsRingBuffer::Enter()
 // False when some of the block had gone that was touched since the lock was taken.
 bool COsRingBuffer::Leave()
 {
-    const bool blWhole = PlatMappingUnguard();
+    m_blCut |= !PlatMappingUnguard();
     OsMemSharedUnlock(m_pvBlock, g_szSource, __LINE__);
-    return blWhole;
+    return !m_blCut;
 }
 
 // ------------------------------------------------------------------------------------------------------------ writing
@@ -347,13 +348,14 @@ EOSSTS COsRingBuffer::Read(void* a_pvBuffer, int32_t a_i32Length, int32_t* a_pi3
 }
 
 // Tells without the lock whether there may be a record.
-EOSSTS COsRingBuffer::LookForRecord() const
+EOSSTS COsRingBuffer::LookForRecord()
 {
     if (!IsWhole(Total()))
         return Damaged();
     PlatMappingGuard(m_pvBlock, static_cast<size_t>(m_i32HeaderSize));
     const bool blEmpty = LooksEmpty();
-    if (!PlatMappingUnguard())
+    m_blCut |= !PlatMappingUnguard();
+    if (m_blCut)
         return Damaged();
     return blEmpty ? EOSSTS_NOSPACE : EOSSTS_SUCCESS;
 }

@@ -8,7 +8,9 @@
 // that was killed is free at once. EOSSTS_FAIL is everything else, logged.
 //
 // Whoever may open the file may write anything into it: what the block says of itself is checked before it is used, and
-// a block that contradicts itself is refused.
+// a block that contradicts itself is refused. Where somebody cuts the file in the middle of an operation, this fails
+// and so does every later one, also when the file has grown again: what was in it is lost, and what its view shows is
+// no longer what others see. Release and a new block are the way on.
 //
 // An object is used by one thread at a time. Sizes and counts are in bytes.
 #pragma once
@@ -84,7 +86,7 @@ private:
     int32_t Append(const uint8_t* a_pu8Payload, int32_t a_i32Length, Place* a_pplace);
     EOSSTS Take(uint8_t* a_pu8Buffer, int32_t a_i32Length, int32_t* a_pi32Read, int32_t* a_pi32Remaining);
     void FinishRecord(const Place& a_place);
-    EOSSTS LookForRecord() const;
+    EOSSTS LookForRecord();
     bool LooksEmpty() const;
 
     void LoadHeader(Header* a_pheader) const;
@@ -106,6 +108,7 @@ private:
     bool m_blWriter = false;
     uint8_t m_u8RecordsRead = 0;   // modulo 256, as the block counts
     Header m_header;               // the block's, checked; its total size is the one that was checked when attaching
+    bool m_blCut = false;          // a part of the view has gone
     RecordHeader m_recordheader;   // of the record that is worked on
 };
 static_assert(sizeof(COsRingBuffer) == 136);

@@ -204,7 +204,8 @@ EOSSTS OsServicesStart(bool a_blManageLater)
     OsArgumentsIntake();
 
     OsServicesIdentity osservicesidentity;
-    OsServicesIdentify(g_szDocument, osservicesidentity);
+    if (!OsServicesIdentify(g_szDocument, osservicesidentity))
+        return EOSSTS_FAIL;
     OsArgumentsSetInherit(osservicesidentity.blInherit);
     g_poscosmem = OSMEMNEW(COsMem);
     if (!g_poscosmem || !SettleDocument(osservicesidentity))

@@ -14,6 +14,8 @@
 #include <cstring>
 #include <iterator>
 
+static constexpr char g_szSource[] = "os/source/os_cosservices";
+
 namespace
 {
 // "" for an element that is absent or does not fit.
@@ -25,8 +27,14 @@ void Take(const char* a_szDocument, const char* a_szName, char (&a_szText)[a_siz
 
 // ---------------------------------------------------------------------------------------------------------- the name
 
+// The log and the INI files are named after it.
+bool IsName(const char* a_szName)
+{
+    return *a_szName && a_szName[std::strcspn(a_szName, "/\\:*?\"<>|\r\n\t")] == 0;
+}
+
 // The name that an override gives goes before the program's own; either is what children are told.
-void TakeName(const char* a_szDocument, OsServicesIdentity& a_osservicesidentity)
+bool TakeName(const char* a_szDocument, OsServicesIdentity& a_osservicesidentity)
 {
     char(&szName)[sizeof a_osservicesidentity.szUniqueName] = a_osservicesidentity.szUniqueName;
     Take(a_szDocument, "uniquename", szName);
@@ -34,8 +42,15 @@ void TakeName(const char* a_szDocument, OsServicesIdentity& a_osservicesidentity
         SStrCpy(szName, sizeof szName, OsArgumentsGet(OS_ARGUMENT_CALLERSUNIQUENAME));
     if (std::strcmp(szName, "*") == 0)
         OsArgumentsModuleName(szName, sizeof szName);
+    if (!IsName(szName))
+    {
+        OSLOG(OS_LOG_CHECK, "the document has no uniquename of at most %d bytes that a file can have...<%s>",
+              static_cast<int>(sizeof szName) - 1, a_szDocument);
+        return false;
+    }
     OsArgumentsSet(OS_ARGUMENT_UNIQUENAME, szName);
     OsArgumentsSet(OS_ARGUMENT_CALLERSUNIQUENAME, szName);
+    return true;
 }
 
 EOSCFGENTITY EntityOf(const char* a_szEntity)
@@ -58,7 +73,7 @@ EOSCFGENTITY EntityOf(const char* a_szEntity)
 
 // ----------------------------------------------------------------------------------------------------------- the log
 
-// A text that was written as a wide literal is taken out of it; what stands for nothing is nothing.
+// Strips _T("..."); "0" and "NULL" mean empty.
 template <size_t a_sizetText>
 void Unwrap(char (&a_szText)[a_sizetText])
 {
@@ -184,11 +199,12 @@ void OsServicesAnswerHeader()
     g_poslogversionproc.store(&VersionOfFile, std::memory_order_release);
 }
 
-void OsServicesIdentify(const char* a_szDocument, OsServicesIdentity& a_osservicesidentity)
+bool OsServicesIdentify(const char* a_szDocument, OsServicesIdentity& a_osservicesidentity)
 {
     char szText[16];
     a_osservicesidentity = {};
-    TakeName(a_szDocument, a_osservicesidentity);
+    if (!TakeName(a_szDocument, a_osservicesidentity))
+        return false;
     Take(a_szDocument, "entity", szText);
     a_osservicesidentity.eoscfgentity = EntityOf(szText);
     TakeLog(a_szDocument, a_osservicesidentity);
@@ -196,4 +212,5 @@ void OsServicesIdentify(const char* a_szDocument, OsServicesIdentity& a_osservic
     a_osservicesidentity.blForceSetAccess = std::strcmp(szText, "true") == 0;
     a_osservicesidentity.blInherit = !std::strstr(a_szDocument, "<inherit>false</inherit>");
     TakeVersion(a_szDocument, a_osservicesidentity);
+    return true;
 }

@@ -17,8 +17,9 @@ struct OsServicesIdentity
     char aszVersion[OS_CFGVERSIONS][16];
 };
 
-// Reads the program's own document; what the parent gave (the values of os_cosarguments.h) goes before it.
-void OsServicesIdentify(const char* a_szDocument, OsServicesIdentity& a_osservicesidentity);
+// Reads the program's own document; what the parent gave (the values of os_cosarguments.h) goes before it. False, and
+// logged, for a document without a name that a file can have.
+bool OsServicesIdentify(const char* a_szDocument, OsServicesIdentity& a_osservicesidentity);
 
 // A utility logs beside the program that it works for, into a file of its own name.
 bool OsServicesIsUtility(const OsServicesIdentity& a_osservicesidentity);

@@ -1,5 +1,5 @@
-// os_cossync.cpp: the event object: the public side, create and open, set and wait, close. The group of an event is in
-// os_cossync_group.cpp.
+// os_cossync.cpp: the event object: the public side, what is referred to, create and open, set and wait, close. The
+// group of an event is in os_cossync_group.cpp.
 #include "os_cossync.h"
 
 #include "os_cossync_impl.h"
@@ -8,17 +8,20 @@
 #include "os_cosstring.h"
 #include "os_log.h"
 #include "os_new.h"
-#include "os_scope.h"
 
 #include "plat_process.h"
+#include "plat_system.h"
 #include "plat_thread.h"
 #include "plat_wait.h"
 
+#include <algorithm>
 #include <iterator>
+#include <new>
 
 static constexpr char g_szSource[] = "os/source/os_cossync";
 
 static constexpr char g_szNamespace[] = "Global\\";
+static constexpr uint32_t g_u32SliceWithoutBell = 20;   // ms
 
 // ------------------------------------------------------------------------------------------------ the public object
 
@@ -77,7 +80,79 @@ void COsSync::EventClose()
 
 PlatHandle COsSync::EventHandle() const
 {
-    return Usable(m_possyncimpl) ? m_possyncimpl->Handle() : PLAT_INVALID;
+    if (!Usable(m_possyncimpl))
+        return PLAT_INVALID;
+    const OsSyncUse ossyncuse = m_possyncimpl->Use();
+    return ossyncuse.ossyncevent ? ossyncuse.ossyncevent->plathandle : PLAT_INVALID;
+}
+
+// ---------------------------------------------------------------------------------------------- what is referred to
+
+OsSyncHandle::~OsSyncHandle()
+{
+    PlatClose(plathandle);
+}
+
+OsSyncEvent::OsSyncEvent(PlatHandle a_plathandle, const char* a_szName) : plathandle(a_plathandle)
+{
+    SStrCpy(szName, sizeof szName, a_szName ? a_szName : "");
+}
+
+OsSyncEvent::~OsSyncEvent()
+{
+    PlatClose(plathandle);
+}
+
+OsSyncReference<OsSyncHandle> OsSyncBell::Take()
+{
+    if (!m_blHung)
+        return {};
+    const COsSpinGuard spinguard(&m_u64Lock);
+    return m_ossynchandle;
+}
+
+bool OsSyncBell::Hang()
+{
+    const PlatHandle plathandle = PlatEventCreate(PLAT_RESET_MANUAL, nullptr);
+    if (plathandle == PLAT_INVALID)
+        return false;
+    OsSyncReference<OsSyncHandle> ossynchandle(new (std::nothrow) OsSyncHandle(plathandle));
+    if (!ossynchandle)
+    {
+        PlatClose(plathandle);
+        return false;
+    }
+    const COsSpinGuard spinguard(&m_u64Lock);
+    if (!m_ossynchandle)
+        std::swap(m_ossynchandle, ossynchandle);
+    m_blHung = true;
+    return true;
+}
+
+void OsSyncBell::Ring()
+{
+    if (!m_blHung)
+        return;
+    OsSyncReference<OsSyncHandle> ossynchandle;
+    {
+        const COsSpinGuard spinguard(&m_u64Lock);
+        std::swap(m_ossynchandle, ossynchandle);
+        m_blHung = false;
+    }
+    if (ossynchandle)
+        PlatEventSet(ossynchandle->plathandle);
+}
+
+EOSSYNCTYPE COsSyncImpl::Type()
+{
+    const COsSpinGuard spinguard(&m_u64Lock);
+    return m_eossynctype;
+}
+
+OsSyncUse COsSyncImpl::Use()
+{
+    const COsSpinGuard spinguard(&m_u64Lock);
+    return {m_eossyncstate, m_eossynctype, m_ossyncevent, m_ossynchandleWatch, m_ossyncmembership.Group()};
 }
 
 // --------------------------------------------------------------------------------------------------- create and open
@@ -92,11 +167,25 @@ static const char* OrNull(const char* a_szText)
     return a_szText ? a_szText : "null";
 }
 
-bool COsSyncImpl::IsFree() const
+// Makes the event's system object, or opens it: the last error is then PLAT_ERROR_ALREADYEXISTS.
+static OsSyncReference<OsSyncEvent> MakeEvent(const char* a_szName)
 {
-    if (m_eossyncstate != OS_SYNCSTATE_FREE)
-        OSLOG(OS_LOG_CHECK, "sync>>> this object is already in use...");
-    return m_eossyncstate == OS_SYNCSTATE_FREE;
+    char16_t wszName[OS_PATHSIZE + std::size(g_szNamespace)];
+    if (!IsEmpty(a_szName))
+    {
+        char szName[std::size(wszName)];
+        SStrPrintf(szName, sizeof szName, "%s%s", StrStartsWith(a_szName, g_szNamespace) ? "" : g_szNamespace,
+                   a_szName);
+        if (!CopyStringFromUtf8(wszName, std::size(wszName), szName))
+            return {};
+    }
+    const PlatHandle plathandle = PlatEventCreate(PLAT_RESET_AUTO, IsEmpty(a_szName) ? nullptr : wszName);
+    if (plathandle == PLAT_INVALID)
+        return {};
+    OsSyncReference<OsSyncEvent> ossyncevent(new (std::nothrow) OsSyncEvent(plathandle, a_szName));
+    if (!ossyncevent)
+        PlatClose(plathandle);
+    return ossyncevent;
 }
 
 EOSSTS COsSyncImpl::EventCreate(const char* a_szName, const char* a_szGroup)
@@ -107,25 +196,16 @@ EOSSTS COsSyncImpl::EventCreate(const char* a_szName, const char* a_szGroup)
         OSLOG(OS_LOG_CHECK, "sync>>> cannot specify a group for an unnamed event...");
         return EOSSTS_FAIL;
     }
-    if (!IsFree())
-        return EOSSTS_FAIL;
-
-    ScopeGuard closeOnFailure([this] { EventClose(); });
     if (!Take(OS_SYNCSTATE_CREATED, a_szName, a_szGroup))
         return EOSSTS_FAIL;
-    if (m_plathandle)
+
+    if (!Publish(MakeEvent(a_szName)))
+        return EOSSTS_FAIL;
+    if (!IsEmpty(a_szGroup) && !JoinGroup(a_szGroup))
     {
-        OSLOG(OS_LOG_CHECK, "sync>>> event already created...");
+        EventClose();
         return EOSSTS_FAIL;
     }
-    if (!CreateSystemEvent())
-    {
-        OSLOG(OS_LOG_ERROR, "sync>>> CreateEvent failed...");
-        return EOSSTS_FAIL;
-    }
-    if (m_eossyncnaming == OS_SYNCNAMING_GROUP && !GroupJoin())
-        return EOSSTS_FAIL;
-    closeOnFailure.Dismiss();
     PlatSetLastError(PLAT_ERROR_NONE);
     return EOSSTS_SUCCESS;
 }
@@ -138,94 +218,124 @@ EOSSTS COsSyncImpl::EventOpen(const char* a_szName)
         OSLOG(OS_LOG_CHECK, "sync>>> a_szName is null or empty...");
         return EOSSTS_FAIL;
     }
-    if (!IsFree())
-        return EOSSTS_FAIL;
-
-    ScopeGuard closeOnFailure([this] { EventClose(); });
     if (!Take(OS_SYNCSTATE_OPENED, a_szName, nullptr))
         return EOSSTS_FAIL;
-    if (m_plathandle)
-    {
-        OSLOG(OS_LOG_CHECK, "sync>>> event already opened...");
-        return EOSSTS_FAIL;
-    }
+
     PlatSetLastError(PLAT_ERROR_NONE);
-    if (!CreateSystemEvent() || PlatGetLastError() != PLAT_ERROR_ALREADYEXISTS)
+    OsSyncReference<OsSyncEvent> ossyncevent = MakeEvent(a_szName);
+    const bool blExisted = PlatGetLastError() == PLAT_ERROR_ALREADYEXISTS;
+    if (!Publish(std::move(ossyncevent)))
+        return EOSSTS_NOTFOUND;
+    if (!blExisted)
     {
         OSLOG(OS_LOG_ERROR, "sync>>> CreateEvent failed...");
+        EventClose();
         return EOSSTS_NOTFOUND;
     }
-    closeOnFailure.Dismiss();
     PlatSetLastError(PLAT_ERROR_NONE);
     return EOSSTS_SUCCESS;
 }
 
-// Notes what the object becomes. False when a name does not fit.
+// Notes what the object becomes; until the event is published, nobody else changes it. False when it is something
+// already, which is logged, or when a name does not fit.
 bool COsSyncImpl::Take(EOSSYNCSTATE a_eossyncstate, const char* a_szName, const char* a_szGroup)
 {
-    m_eossyncstate = a_eossyncstate;
-    m_eossynctype = OS_SYNCTYPE_EVENT;
-    m_u64ThreadId = PlatThreadId();
-    SStrCpy(m_szName, sizeof m_szName, a_szName ? a_szName : "");
-    SStrCpy(m_szGroup, sizeof m_szGroup, a_szGroup ? a_szGroup : "");
-    m_eossyncnaming = *m_szGroup ? OS_SYNCNAMING_GROUP : *m_szName ? OS_SYNCNAMING_NAMED : OS_SYNCNAMING_UNNAMED;
-    return IsEmpty(m_szName) == IsEmpty(a_szName) && IsEmpty(m_szGroup) == IsEmpty(a_szGroup);
+    const uint64_t u64ThreadId = PlatThreadId();
+    bool blFree = false;
+    bool blFits = false;
+    {
+        const COsSpinGuard spinguard(&m_u64Lock);
+        blFree = m_eossyncstate == OS_SYNCSTATE_FREE;
+        if (blFree)
+        {
+            m_eossyncstate = a_eossyncstate;
+            m_eossynctype = OS_SYNCTYPE_EVENT;
+            m_u64ThreadId = u64ThreadId;
+            SStrCpy(m_szName, sizeof m_szName, a_szName ? a_szName : "");
+            SStrCpy(m_szGroup, sizeof m_szGroup, a_szGroup ? a_szGroup : "");
+            m_eossyncnaming = *m_szGroup  ? OS_SYNCNAMING_GROUP
+                              : *m_szName ? OS_SYNCNAMING_NAMED
+                                          : OS_SYNCNAMING_UNNAMED;
+            blFits = IsEmpty(m_szName) == IsEmpty(a_szName) && IsEmpty(m_szGroup) == IsEmpty(a_szGroup);
+            if (!blFits)
+                Reset();
+        }
+    }
+    if (!blFree)
+        OSLOG(OS_LOG_CHECK, "sync>>> this object is already in use...");
+    return blFits;
 }
 
-// The last error is then PLAT_ERROR_ALREADYEXISTS for a named event that was there.
-bool COsSyncImpl::CreateSystemEvent()
+// From now on the event can be used and closed. False, logged and with the object free again, when there is none.
+bool COsSyncImpl::Publish(OsSyncReference<OsSyncEvent> a_ossyncevent)
 {
-    char16_t wszName[OS_PATHSIZE + std::size(g_szNamespace)];
-    const char16_t* pwszName = nullptr;
-    if (*m_szName)
+    const bool blEvent = static_cast<bool>(a_ossyncevent);
     {
-        char szName[std::size(wszName)];
-        SStrPrintf(szName, sizeof szName, "%s%s", StrStartsWith(m_szName, g_szNamespace) ? "" : g_szNamespace,
-                   m_szName);
-        if (!CopyStringFromUtf8(wszName, std::size(wszName), szName))
-            return false;
-        pwszName = wszName;
+        const COsSpinGuard spinguard(&m_u64Lock);
+        if (blEvent)
+        {
+            m_ossyncevent = std::move(a_ossyncevent);
+        }
+        else
+        {
+            Reset();
+        }
     }
-    const PlatHandle plathandle = PlatEventCreate(PLAT_RESET_AUTO, pwszName);
-    if (plathandle == PLAT_INVALID)
+    if (!blEvent)
+    {
+        OSLOG(OS_LOG_ERROR, "sync>>> CreateEvent failed...");
+        PlatSetLastError(PLAT_ERROR_NONE);
+    }
+    return blEvent;
+}
+
+bool COsSyncImpl::JoinGroup(const char* a_szGroup)
+{
+    const OsSyncReference<OsSyncEvent> ossyncevent = Use().ossyncevent;
+    OsSyncMembership ossyncmembership;
+    if (!ossyncevent || !ossyncmembership.Join(ossyncevent, a_szGroup))
         return false;
-    m_plathandle = plathandle;
-    return true;
+    const COsSpinGuard spinguard(&m_u64Lock);
+    const bool blOpen = m_ossyncevent == ossyncevent;   // unless another thread has closed it meanwhile
+    if (blOpen)
+        m_ossyncmembership.Swap(ossyncmembership);
+    return blOpen;
 }
 
 // ------------------------------------------------------------------------------------------------------ set and wait
 
-bool COsSyncImpl::IsEvent(uint32_t a_u32Level) const
+static bool IsEvent(const OsSyncUse& a_ossyncuse, uint32_t a_u32Level)
 {
-    if (m_eossynctype != OS_SYNCTYPE_EVENT)
-        OSLOG(a_u32Level, "sync>>> sync type isn't an event...%d", static_cast<int>(m_eossynctype));
-    return m_eossynctype == OS_SYNCTYPE_EVENT;
+    if (a_ossyncuse.eossynctype != OS_SYNCTYPE_EVENT)
+        OSLOG(a_u32Level, "sync>>> sync type isn't an event...%d", static_cast<int>(a_ossyncuse.eossynctype));
+    return a_ossyncuse.eossynctype == OS_SYNCTYPE_EVENT;
 }
 
-bool COsSyncImpl::IsInUse() const
+static bool IsInUse(const OsSyncUse& a_ossyncuse)
 {
-    if (m_eossyncstate == OS_SYNCSTATE_FREE)
+    if (a_ossyncuse.eossyncstate == OS_SYNCSTATE_FREE)
         OSLOG(OS_LOG_CHECK, "sync>>> must create/open first...");
-    return m_eossyncstate != OS_SYNCSTATE_FREE;
+    return a_ossyncuse.eossyncstate != OS_SYNCSTATE_FREE;
 }
 
-bool COsSyncImpl::HasHandle() const
+static bool HasHandle(const OsSyncUse& a_ossyncuse)
 {
-    if (!m_plathandle)
+    if (!a_ossyncuse.ossyncevent)
         OSLOG(OS_LOG_ERROR, "sync>>> must create event or mutex first...");
-    return m_plathandle != 0;
+    return static_cast<bool>(a_ossyncuse.ossyncevent);
 }
 
-EOSSTS COsSyncImpl::EventSet() const
+EOSSTS COsSyncImpl::EventSet()
 {
-    if (!IsEvent(OS_LOG_ERROR) || !IsInUse())
+    const OsSyncUse ossyncuse = Use();
+    if (!IsEvent(ossyncuse, OS_LOG_ERROR) || !IsInUse(ossyncuse))
         return EOSSTS_FAIL;
-    if (!m_plathandle)
+    if (!ossyncuse.ossyncevent)
     {
         OSLOG(OS_LOG_ERROR, "sync>>> must create event first...");
         return EOSSTS_FAIL;
     }
-    if (!PlatEventSet(m_plathandle))
+    if (!PlatEventSet(ossyncuse.ossyncevent->plathandle))
     {
         OSLOG(OS_LOG_ERROR, "sync>>> SetEvent failed...");
         return EOSSTS_FAIL;
@@ -233,69 +343,120 @@ EOSSTS COsSyncImpl::EventSet() const
     return EOSSTS_SUCCESS;
 }
 
-EOSSTS COsSyncImpl::EventWait(uint32_t a_u32Timeout, char* a_szName) const
+OsSyncWaitList::OsSyncWaitList(const OsSyncUse& a_ossyncuse) : ossynchandleBell(a_ossyncuse.Bell().Take())
 {
-    if (!IsEvent(OS_LOG_CHECK) || !IsInUse() || !HasHandle())
-        return EOSSTS_FAIL;
-
-    OsSyncWaitList ossyncwaitlist;
-    if (m_plathandleProcess)
-        ossyncwaitlist.Append(m_plathandleProcess);
-    if (m_possyncgroupShared)
+    if (a_ossyncuse.ossynchandleWatch)
+        aplathandle[u32Count++] = a_ossyncuse.ossynchandleWatch->plathandle;
+    u32FirstEvent = u32Count;
+    if (a_ossyncuse.ossyncgroup)
+        u32Events = a_ossyncuse.ossyncgroup->Events(aossyncevent);
+    for (uint32_t u32Event = 0; u32Event < u32Events; ++u32Event)
+        aplathandle[u32Count++] = aossyncevent[u32Event]->plathandle;
+    if (!a_ossyncuse.ossyncgroup)
     {
-        GroupAppend(ossyncwaitlist);
+        possynceventAlone = a_ossyncuse.ossyncevent.Get();
+        aplathandle[u32Count++] = possynceventAlone->plathandle;
     }
-    else
+    if (HasBell())
+        aplathandle[u32Count++] = ossynchandleBell->plathandle;
+}
+
+const OsSyncEvent* OsSyncWaitList::EventAt(uint32_t a_u32Index) const
+{
+    const uint32_t u32Event = a_u32Index - u32FirstEvent;
+    if (u32Event < u32Events)
+        return aossyncevent[u32Event].Get();
+    return u32Event == 0 ? possynceventAlone : nullptr;
+}
+
+namespace
+{
+// What is left of a time-out, measured from the first time that somebody asks.
+class TimeLeft
+{
+public:
+    explicit TimeLeft(uint32_t a_u32Timeout) : m_u32Timeout(a_u32Timeout) {}
+
+    uint32_t Get()
     {
-        ossyncwaitlist.Append(m_plathandle);
+        if (m_u32Timeout == 0 || m_u32Timeout == OS_INFINITE)
+            return m_u32Timeout;
+        const uint64_t u64Now = PlatTicks();
+        if (m_u64End == 0)
+            m_u64End = u64Now + m_u32Timeout;
+        return static_cast<uint32_t>(m_u64End > u64Now ? m_u64End - u64Now : 0);
     }
 
-    const uint32_t u32Wait = PlatWaitAny(ossyncwaitlist.aplathandle, ossyncwaitlist.u32Count, a_u32Timeout);
-    if (u32Wait == PLAT_WAIT_TIMEOUT)
+private:
+    uint32_t m_u32Timeout;
+    uint64_t m_u64End = 0;
+};
+}   // namespace
+
+// What a wait answers that an event or the watched process, an abandoned mutex, or nothing of this has ended.
+static EOSSTS Answer(const OsSyncUse& a_ossyncuse, const OsSyncWaitList& a_ossyncwaitlist, uint32_t a_u32Wait,
+                     char* a_szName)
+{
+    if (a_u32Wait == PLAT_WAIT_TIMEOUT)
         return EOSSTS_TIMEOUT;
-    if (u32Wait == 0 && m_plathandleProcess)
+    if (a_u32Wait == 0 && a_ossyncuse.ossynchandleWatch)
     {
-        OSLOG(OS_LOG_NOTE, "sync>>> our process died...%ld", static_cast<long>(m_u64ProcessId));
+        OSLOG(OS_LOG_NOTE, "sync>>> our process died...%ld",
+              static_cast<long>(a_ossyncuse.ossynchandleWatch->u64ProcessId));
         return EOSSTS_EXITED;
     }
-    if (u32Wait < ossyncwaitlist.u32Count)
-        return NameOf(ossyncwaitlist.aplathandle[u32Wait], a_szName) ? EOSSTS_SUCCESS : EOSSTS_FAIL;
-    return WaitEndedOddly(u32Wait, ossyncwaitlist, a_szName);
-}
-
-// The answers that no event gives.
-EOSSTS COsSyncImpl::WaitEndedOddly(uint32_t a_u32Wait, const OsSyncWaitList& a_ossyncwaitlist, char* a_szName) const
-{
-    const uint32_t u32Index = a_u32Wait - OS_WAIT_ABANDONED;
-    if (u32Index < a_ossyncwaitlist.u32Count)
+    const OsSyncEvent* const possyncevent = a_ossyncwaitlist.EventAt(a_u32Wait);
+    const OsSyncEvent* const possynceventLeft = a_ossyncwaitlist.EventAt(a_u32Wait - OS_WAIT_ABANDONED);
+    if (!possyncevent && !possynceventLeft)
     {
+        OSLOG(OS_LOG_CHECK, "sync>>> unrecognized return from WaitForSingleObject...%d", static_cast<int>(a_u32Wait));
+        return EOSSTS_FAIL;
+    }
+    if (!possyncevent)
         OSLOG(OS_LOG_ERROR, "sync>>> WaitForSingleObject returned WAIT_ABANDONED...");
-        return NameOf(a_ossyncwaitlist.aplathandle[u32Index], a_szName) ? EOSSTS_EXITED : EOSSTS_FAIL;
-    }
-    OSLOG(OS_LOG_CHECK, "sync>>> unrecognized return from WaitForSingleObject...%d", static_cast<int>(a_u32Wait));
-    return EOSSTS_FAIL;
+    if (a_szName)
+        SStrCpy(a_szName, OS_PATHSIZE, (possyncevent ? possyncevent : possynceventLeft)->szName);
+    return possyncevent ? EOSSTS_SUCCESS : EOSSTS_EXITED;
 }
 
-// The name of the event that ended a wait; a_szName may be null.
-bool COsSyncImpl::NameOf(PlatHandle a_plathandle, char* a_szName) const
+// A first look needs no bell; one is hung when the wait becomes a long one. Whenever it rings, an event has been
+// closed: this one, which ends the wait, or another of the group, without which it goes on. Without a descriptor for a
+// bell the wait looks again and again.
+EOSSTS COsSyncImpl::EventWait(uint32_t a_u32Timeout, char* a_szName)
 {
-    if (a_plathandle == m_plathandle)
+    const OsSyncUse ossyncuse = Use();
+    if (!IsEvent(ossyncuse, OS_LOG_CHECK) || !IsInUse(ossyncuse) || !HasHandle(ossyncuse))
+        return EOSSTS_FAIL;
+
+    uint32_t u32Slice = 0;   // of a look without a bell
+    for (TimeLeft timeleft(a_u32Timeout);;)
     {
-        if (a_szName)
-            SStrCpy(a_szName, OS_PATHSIZE, m_szName);
-        return true;
+        const OsSyncWaitList ossyncwaitlist(ossyncuse);
+        if (ossyncuse.ossyncevent->blClosed)
+        {
+            OSLOG(OS_LOG_CHECK, "sync>>> the event was closed while it was waited for...");
+            return EOSSTS_FAIL;
+        }
+        const bool blBell = ossyncwaitlist.HasBell();
+        const uint32_t u32Left = blBell || u32Slice != 0 ? timeleft.Get() : 0;
+        const uint32_t u32Wait = PlatWaitAny(ossyncwaitlist.aplathandle, ossyncwaitlist.u32Count,
+                                             blBell ? u32Left : std::min(u32Left, u32Slice));
+        const bool blRung = blBell && u32Wait == ossyncwaitlist.u32Count - 1;
+        const bool blMore = u32Slice == 0 ? a_u32Timeout != 0 : u32Left > u32Slice;
+        const bool blLooked = !blBell && u32Wait == PLAT_WAIT_TIMEOUT && blMore;
+        if (!blRung && !blLooked)
+            return Answer(ossyncuse, ossyncwaitlist, u32Wait, a_szName);
+        if (blLooked && !ossyncuse.Bell().Hang())
+            u32Slice = g_u32SliceWithoutBell;
     }
-    if (GroupNameOf(a_plathandle, a_szName))
-        return true;
-    OSLOG(OS_LOG_CHECK, "sync>>> failed to find event or mutex (this should be impossible)...");
-    return false;
 }
 
 EOSSTS COsSyncImpl::EventIncludeProcessId(uint64_t a_u64ProcessId)
 {
-    if (!IsEvent(OS_LOG_CHECK) || !HasHandle())
+    const OsSyncUse ossyncuse = Use();
+    if (!IsEvent(ossyncuse, OS_LOG_CHECK) || !HasHandle(ossyncuse))
         return EOSSTS_FAIL;
-    Unwatch();
+    Watch(ossyncuse.ossyncevent, {});
     if (a_u64ProcessId == 0)
         return EOSSTS_SUCCESS;
     const PlatHandle plathandle = PlatProcessOpen(a_u64ProcessId);
@@ -304,31 +465,62 @@ EOSSTS COsSyncImpl::EventIncludeProcessId(uint64_t a_u64ProcessId)
         OSLOG(OS_LOG_ERROR, "sync>>> OpenProcess failed...%llu", static_cast<unsigned long long>(a_u64ProcessId));
         return EOSSTS_FAIL;
     }
-    m_u64ProcessId = a_u64ProcessId;
-    m_plathandleProcess = plathandle;
+    OsSyncReference<OsSyncHandle> ossynchandle(new (std::nothrow) OsSyncHandle(plathandle, a_u64ProcessId));
+    if (!ossynchandle)
+    {
+        PlatClose(plathandle);
+        return EOSSTS_FAIL;
+    }
+    Watch(ossyncuse.ossyncevent, std::move(ossynchandle));
     return EOSSTS_SUCCESS;
 }
 
-void COsSyncImpl::Unwatch()
+// Unless another thread has closed the event meanwhile.
+void COsSyncImpl::Watch(const OsSyncReference<OsSyncEvent>& a_ossyncevent, OsSyncReference<OsSyncHandle> a_ossynchandle)
 {
-    if (m_plathandleProcess)
-        PlatClose(m_plathandleProcess);
-    m_plathandleProcess = 0;
-    m_u64ProcessId = 0;
+    const COsSpinGuard spinguard(&m_u64Lock);
+    if (!(m_ossyncevent == a_ossyncevent))
+        return;
+    m_u64ProcessId = a_ossynchandle ? a_ossynchandle->u64ProcessId : 0;
+    std::swap(m_ossynchandleWatch, a_ossynchandle);
 }
 
 // ------------------------------------------------------------------------------------------------------------- close
 
-// Leaves the group first: an event that a wait of the group can find is open.
+// With the lock held, and without the event and what belongs to it.
+void COsSyncImpl::Reset()
+{
+    m_eossyncstate = OS_SYNCSTATE_FREE;
+    m_eossyncnaming = {};
+    *m_szName = 0;
+    *m_szGroup = 0;
+    m_u64ProcessId = 0;
+    m_u64ThreadId = 0;
+    m_eossynctype = OS_SYNCTYPE_NONE;
+}
+
+// Marks and wakes; who still uses the event closes it. An object that another thread is creating is left to it.
 void COsSyncImpl::EventClose()
 {
-    if (m_plathandle)
     {
-        OSLOG(OS_LOG_SYNC, "sync>>> Close...%p (%s)", static_cast<void*>(this), m_szName);
-        GroupLeave();
-        PlatClose(m_plathandle);
-        Unwatch();
+        OsSyncReference<OsSyncEvent> ossyncevent;
+        OsSyncReference<OsSyncHandle> ossynchandleWatch;
+        OsSyncMembership ossyncmembership;
+        {
+            const COsSpinGuard spinguard(&m_u64Lock);
+            if (m_ossyncevent)
+                Reset();
+            std::swap(m_ossyncevent, ossyncevent);
+            std::swap(m_ossynchandleWatch, ossynchandleWatch);
+            m_ossyncmembership.Swap(ossyncmembership);
+        }
+        if (ossyncevent)
+        {
+            OSLOG(OS_LOG_SYNC, "sync>>> Close...%p (%s)", static_cast<void*>(this), ossyncevent->szName);
+            ossyncevent->blClosed = true;
+            ossyncevent->bell.Ring();
+            ossyncmembership.Leave();
+        }
     }
-    *this = COsSyncImpl{};
     PlatSetLastError(PLAT_ERROR_NONE);
 }

@@ -1,100 +1,103 @@
-// os_cossync_group.cpp: the group of an event: joining its shared file, leaving it, and what a wait needs of it.
+// os_cossync_group.cpp: the group of an event: the list of groups, joining the shared file of one, leaving it.
 //
-// - The group's file is made, joined and removed by one party at a time, so that nobody sees it half made. It goes with
-//   the last of its events, whichever that is.
-// - The events that this process registered are in a list of its own. What stands in the shared block beside them, of
-//   another process, of one that was killed or written by anybody else, is never waited for.
+// - What this process has registered is in a list of its own, and a wait needs nothing else: whatever stands in the
+// file
+//   is of other processes or written by anybody.
+// - The file is read and written under a lock of a byte behind it, for one operation, and never mapped. A byte for each
+//   slot is locked as long as its event is registered; a slot whose byte is free is free, whatever stands in it. Both
+//   locks end with their process.
+// - The file goes with the last of its events, whichever that is.
 #include "os_cossync_impl.h"
 
 #include "os_cfg.h"
 #include "os_coslocale.h"
-#include "os_cosmem.h"
-#include "os_cosspinlock.h"
 #include "os_cosstring.h"
 #include "os_log.h"
 
 #include "plat_file.h"
+#include "plat_process.h"
 #include "plat_system.h"
-#include "plat_wait.h"
 
+#include <algorithm>
 #include <cstring>
-#include <iterator>
-#include <utility>
+#include <new>
 
 static constexpr char g_szSource[] = "os/source/os_cossync";
 
-static constexpr uint32_t g_u32FileLockTimeout = 5000;   // milliseconds, like the other
-static constexpr uint32_t g_u32LockTimeout = 2000;
+static constexpr uint32_t g_u32LockTimeout = 2000;   // milliseconds
 
-// The events of this process that have a slot, and the spin lock of the list. Taken inside a group's lock.
-static COsSyncImpl* g_possyncimplFirst = nullptr;
+// The group's file. Who may open it may write anything into it.
+struct OsSyncGroupFile
+{
+    uint64_t u64Size;                          // of this block, written by the process that creates the file
+    uint64_t u64Lock;                          // the word of a lock that is not used
+    uint64_t au64Handle[OS_SYNCGROUP_SLOTS];   // of the process that registered the event; 0: a free slot
+    char aszName[OS_SYNCGROUP_SLOTS][OS_PATHSIZE];
+};
+static_assert(sizeof(OsSyncGroupFile) == 4176);
+
+static constexpr uint64_t g_u64OperationByte = sizeof(OsSyncGroupFile);
+static constexpr uint64_t g_u64SlotBytes = g_u64OperationByte + 1;   // one for each slot
+
+// ------------------------------------------------------------------------------------------------ the list of groups
+
+// The groups in which this process has events, and the spin lock of the list and of the events in them.
+static OsSyncGroup* g_possyncgroupFirst = nullptr;
 static uint64_t g_u64ListLock = 0;
 
-namespace
+OsSyncGroup::OsSyncGroup(const char* a_szPath)
 {
-// Keeps every other party from creating or opening the group's file. The lock is the existence of an event's name:
-// whoever made it holds the lock, and it is free again when that handle has gone, also with a killed process.
-class GroupFileLock
+    SStrCpy(szPath, sizeof szPath, a_szPath);
+}
+
+uint32_t OsSyncGroup::Events(OsSyncReference<OsSyncEvent>* a_aossyncevent) const
 {
-public:
-    explicit GroupFileLock(const char* a_szGroup)
+    uint32_t u32Events = 0;
+    const COsSpinGuard spinguard(&g_u64ListLock);
+    for (const OsSyncReference<OsSyncEvent>& ossyncevent : aossyncevent)
     {
-        char szName[OS_PATHSIZE + 32];
-        char16_t wszName[OS_PATHSIZE + 32];
-        SStrPrintf(szName, sizeof szName, "Global\\osgroup-%s", a_szGroup);
-        if (!CopyStringFromUtf8(wszName, std::size(wszName), szName))
-            return;
-        const uint64_t u64End = PlatTicks() + g_u32FileLockTimeout;
-        while (!Try(wszName) && PlatTicks() < u64End)
-            PlatSleep(1);
+        if (ossyncevent)
+            a_aossyncevent[u32Events++] = ossyncevent;
     }
-    ~GroupFileLock()
-    {
-        if (IsHeld())
-            PlatClose(m_plathandle);
-    }
-    GroupFileLock(const GroupFileLock&) = delete;
-    GroupFileLock& operator=(const GroupFileLock&) = delete;
+    return u32Events;
+}
 
-    bool IsHeld() const { return m_plathandle != PLAT_INVALID; }
-
-private:
-    bool Try(const char16_t* a_wszName)
-    {
-        const PlatHandle plathandle = PlatEventCreate(PLAT_RESET_AUTO, a_wszName);
-        if (plathandle == PLAT_INVALID)
-            return false;
-        if (PlatGetLastError() == PLAT_ERROR_ALREADYEXISTS)
-        {
-            PlatClose(plathandle);
-            return false;
-        }
-        m_plathandle = plathandle;
-        return true;
-    }
-
-    PlatHandle m_plathandle = PLAT_INVALID;
-};
-
-// Holds the lock of the shared block, which is held for a few instructions at a time. One that stays taken was left so
-// by a process that was killed within them: it is taken over.
-class GroupGuard
+// Puts an event into the group of that path, which is the given one when this process has none yet. None when the slot
+// is taken, by an event that joined before somebody replaced the file.
+static OsSyncReference<OsSyncGroup> Register(const OsSyncReference<OsSyncEvent>& a_ossyncevent,
+                                             const OsSyncReference<OsSyncGroup>& a_ossyncgroup, uint32_t a_u32Slot)
 {
-public:
-    explicit GroupGuard(OsSyncGroup* a_possyncgroup) : m_pu64Lock(&a_possyncgroup->u64Lock)
+    const COsSpinGuard spinguard(&g_u64ListLock);
+    OsSyncGroup* possyncgroup = g_possyncgroupFirst;
+    while (possyncgroup && std::strcmp(possyncgroup->szPath, a_ossyncgroup->szPath) != 0)
+        possyncgroup = possyncgroup->possyncgroupNext;
+    if (!possyncgroup)
     {
-        const uint64_t u64End = PlatTicks() + g_u32LockTimeout;
-        while (!SpinLockTry(m_pu64Lock) && PlatTicks() < u64End)
-            PlatSleep(0);
+        possyncgroup = a_ossyncgroup.Get();
+        possyncgroup->possyncgroupNext = std::exchange(g_possyncgroupFirst, possyncgroup);
     }
-    ~GroupGuard() { SpinLockRelease(m_pu64Lock); }
-    GroupGuard(const GroupGuard&) = delete;
-    GroupGuard& operator=(const GroupGuard&) = delete;
+    if (possyncgroup->aossyncevent[a_u32Slot])
+        return {};
+    possyncgroup->aossyncevent[a_u32Slot] = a_ossyncevent;
+    return OsSyncReference<OsSyncGroup>(possyncgroup);
+}
 
-private:
-    uint64_t* m_pu64Lock;
-};
-}   // namespace
+// A group without events leaves the list.
+static OsSyncReference<OsSyncEvent> Unregister(OsSyncGroup& a_ossyncgroup, uint32_t a_u32Slot)
+{
+    const COsSpinGuard spinguard(&g_u64ListLock);
+    OsSyncReference<OsSyncEvent> ossyncevent = std::exchange(a_ossyncgroup.aossyncevent[a_u32Slot], {});
+    if (std::any_of(std::begin(a_ossyncgroup.aossyncevent), std::end(a_ossyncgroup.aossyncevent),
+                    [](const OsSyncReference<OsSyncEvent>& a_ossyncevent) { return static_cast<bool>(a_ossyncevent); }))
+        return ossyncevent;
+    OsSyncGroup** ppossyncgroup = &g_possyncgroupFirst;
+    while (*ppossyncgroup != &a_ossyncgroup)
+        ppossyncgroup = &(*ppossyncgroup)->possyncgroupNext;
+    *ppossyncgroup = a_ossyncgroup.possyncgroupNext;
+    return ossyncevent;
+}
+
+// ---------------------------------------------------------------------------------------------------------- the file
 
 // The file of the group, in the folder that all users share. False when its name is too long.
 static bool GroupPath(const char* a_szGroup, char (&a_szPath)[OS_PATHSIZE], char16_t (&a_wszPath)[OS_PATHSIZE])
@@ -104,177 +107,180 @@ static bool GroupPath(const char* a_szGroup, char (&a_szPath)[OS_PATHSIZE], char
     return *a_szPath && CopyStringFromUtf8(a_wszPath, std::size(a_wszPath), a_szPath);
 }
 
-// Nobody else has the file open while it is open like this.
-static PlatHandle OpenAlone(const char16_t* a_wszPath, PlatDisposition a_platdisposition)
+// What is missing of the block is zero.
+static bool ReadBlock(PlatHandle a_plathandle, OsSyncGroupFile* a_possyncgroupfile, size_t* a_psizetRead)
 {
-    return PlatFileOpen(a_wszPath, PLAT_ACCESS_READ | PLAT_ACCESS_WRITE, PLAT_SHARE_NONE, a_platdisposition, 0);
+    *a_possyncgroupfile = {};
+    return PlatFileSeek(a_plathandle, PLAT_SEEK_START, 0, nullptr) &&
+           PlatFileRead(a_plathandle, a_possyncgroupfile, sizeof *a_possyncgroupfile, a_psizetRead);
 }
 
-// What the file tells as the size of its block. False when it cannot be opened alone, or tells none. An empty one is
-// none: who made it was killed before he had written it.
-static bool ReadSizeAlone(const char16_t* a_wszPath, uint64_t* a_pu64Size)
+static bool WriteBlock(PlatHandle a_plathandle, const OsSyncGroupFile& a_ossyncgroupfile)
 {
-    const PlatHandle plathandle = OpenAlone(a_wszPath, PLAT_DISPOSITION_OPENEXISTING);
-    if (plathandle == PLAT_INVALID)
-        return false;
-    size_t sizetRead = 0;
-    const bool blRead = PlatFileRead(plathandle, a_pu64Size, sizeof *a_pu64Size, &sizetRead);
-    PlatClose(plathandle);
-    PlatSetLastError(blRead && sizetRead == 0 ? PLAT_ERROR_FILENOTFOUND : PLAT_ERROR_NONE);
-    return blRead && sizetRead == sizeof *a_pu64Size;
+    return PlatFileSeek(a_plathandle, PLAT_SEEK_START, 0, nullptr) &&
+           PlatFileWrite(a_plathandle, &a_ossyncgroupfile, sizeof a_ossyncgroupfile, nullptr);
 }
 
-// True for no file, and for one that nobody has open: the leftover of a killed process, events, lock and all. One that
-// is no group is left alone, so that the caller is told.
-static bool IsToBeMade(const char16_t* a_wszPath)
+// Opens or makes the file and takes its lock. Whoever had the lock may have removed the file: then again.
+bool OsSyncMembership::Open(const char16_t* a_wszPath)
 {
-    uint64_t u64Size = 0;
-    if (ReadSizeAlone(a_wszPath, &u64Size))
-        return u64Size >= sizeof(OsSyncGroup);
-    return PlatGetLastError() == PLAT_ERROR_FILENOTFOUND;
+    constexpr uint32_t u32Access = PLAT_ACCESS_READ | PLAT_ACCESS_WRITE;
+    constexpr uint32_t u32Share = PLAT_SHARE_READ | PLAT_SHARE_WRITE | PLAT_SHARE_DELETE;
+    const uint64_t u64End = PlatTicks() + g_u32LockTimeout;
+    do
+    {
+        const PlatHandle plathandle = PlatFileOpen(a_wszPath, u32Access, u32Share, PLAT_DISPOSITION_OPENALWAYS, 0);
+        if (plathandle == PLAT_INVALID)
+            return false;
+        m_plathandleFile = plathandle;
+        const bool blLocked = PlatFileLockBriefly(plathandle, g_u64OperationByte, 1, g_u32LockTimeout);
+        if (blLocked && PlatFileIsNamed(plathandle, a_wszPath))
+            return true;
+        const uint32_t u32Error = PlatGetLastError();
+        CloseFile();
+        if (!blLocked)
+        {
+            PlatSetLastError(u32Error);
+            return false;
+        }
+    } while (PlatTicks() < u64End);
+    PlatSetLastError(PLAT_ERROR_LOCK);
+    return false;
 }
 
-static bool MakeFile(const char16_t* a_wszPath)
+// With the file's lock, which is given back explicitly: what a forked child has inherited would keep it.
+void OsSyncMembership::CloseFile()
 {
-    static constexpr OsSyncGroup ossyncgroup{sizeof(OsSyncGroup), 0, {}, {}};
-    const PlatHandle plathandle = OpenAlone(a_wszPath, PLAT_DISPOSITION_CREATEALWAYS);
-    if (plathandle == PLAT_INVALID)
-        return false;
-    const bool blWritten = PlatFileWrite(plathandle, &ossyncgroup, sizeof ossyncgroup, nullptr);
-    PlatClose(plathandle);
-    return blWritten;
+    PlatFileUnlockBriefly(m_plathandleFile, g_u64OperationByte, 1);
+    PlatClose(std::exchange(m_plathandleFile, 0));
 }
 
 // ------------------------------------------------------------------------------------------------------------ join
 
-bool COsSyncImpl::GroupJoin()
+bool OsSyncMembership::Join(const OsSyncReference<OsSyncEvent>& a_ossyncevent, const char* a_szGroup)
 {
-    m_possyncgroupCopy = static_cast<OsSyncGroup*>(OSMEMALLOC(sizeof(OsSyncGroup), OS_MEMFLAG_BLOCK));
-    if (!m_possyncgroupCopy)
+    char szPath[OS_PATHSIZE];
+    char16_t wszPath[OS_PATHSIZE];
+    const bool blPath = GroupPath(a_szGroup, szPath, wszPath);
+    const OsSyncReference<OsSyncGroup> ossyncgroup(new (std::nothrow) OsSyncGroup(szPath));
+    if (!ossyncgroup)
     {
         OSLOG(OS_LOG_ERROR, "sync>>> OsMemQuickAlloc failed...");
         return false;
     }
-
-    const GroupFileLock groupfilelock(m_szGroup);
-    if (!groupfilelock.IsHeld() || !GroupMap())
+    uint64_t u64Size = 0;
+    OsSyncJoin ossyncjoin = OsSyncJoin::Refused;
+    if (blPath && Open(wszPath))
     {
-        OSLOG(OS_LOG_CHECK, "sync>>> OsMemSharedAlloc failed...<%s> <%s>", m_szName, m_szGroup);
-        return false;
+        ossyncjoin = TakeSlot(a_ossyncevent, ossyncgroup, &u64Size);
+        if (ossyncjoin == OsSyncJoin::Joined)
+        {
+            PlatFileUnlockBriefly(m_plathandleFile, g_u64OperationByte, 1);
+            return true;
+        }
+        CloseFile();
     }
-    return GroupRegister();
+    else if (blPath && PlatGetLastError() == PLAT_ERROR_LOCK)
+    {
+        OSLOG(OS_LOG_CHECK, "sync>>> somebody keeps the lock of the group...<%s> <%s>", a_ossyncevent->szName,
+              a_szGroup);
+    }
+
+    if (ossyncjoin == OsSyncJoin::Refused)
+        OSLOG(OS_LOG_CHECK, "sync>>> OsMemSharedAlloc failed...<%s> <%s>", a_ossyncevent->szName, a_szGroup);
+    if (ossyncjoin == OsSyncJoin::Mismatched)
+    {
+        OSLOG(OS_LOG_CHECK, "sync>>> mismatch detected in OsSyncGroup...%d < %d", static_cast<int>(u64Size),
+              static_cast<int>(sizeof(OsSyncGroupFile)));
+    }
+    if (ossyncjoin == OsSyncJoin::Full)
+        OSLOG(OS_LOG_CHECK, "sync>>> m_possyncgroupShared is full...<%s> <%s>", a_ossyncevent->szName, a_szGroup);
+    return false;
 }
 
-bool COsSyncImpl::GroupMap()
+// With the file's lock held. *a_pu64Size receives what the file says of itself.
+OsSyncJoin OsSyncMembership::TakeSlot(const OsSyncReference<OsSyncEvent>& a_ossyncevent,
+                                      const OsSyncReference<OsSyncGroup>& a_ossyncgroup, uint64_t* a_pu64Size)
 {
-    char szPath[OS_PATHSIZE];
-    char16_t wszPath[OS_PATHSIZE];
-    if (!GroupPath(m_szGroup, szPath, wszPath) || (IsToBeMade(wszPath) && !MakeFile(wszPath)))
-        return false;
-    m_possyncgroupShared = static_cast<OsSyncGroup*>(
-        OsMemSharedAlloc(OS_SHAREDALLOC_OPEN, szPath, sizeof(OsSyncGroup), sizeof(OsSyncGroup), OS_SHAREDLOCK_NONE,
-                         OS_SHAREDFLAG_FILE, g_szSource, static_cast<uint32_t>(__LINE__)));
-    return m_possyncgroupShared != nullptr;
-}
+    OsSyncGroupFile ossyncgroupfile;
+    size_t sizetRead = 0;
+    if (!ReadBlock(m_plathandleFile, &ossyncgroupfile, &sizetRead))
+        return OsSyncJoin::Refused;
+    if (sizetRead == 0)
+        ossyncgroupfile.u64Size = sizeof ossyncgroupfile;
+    *a_pu64Size = ossyncgroupfile.u64Size;
+    if (ossyncgroupfile.u64Size < sizeof ossyncgroupfile)
+        return OsSyncJoin::Mismatched;
 
-bool COsSyncImpl::GroupRegister()
-{
-    const GroupGuard groupguard(m_possyncgroupShared);
-    if (m_possyncgroupShared->u64Size < sizeof(OsSyncGroup))
-    {
-        OSLOG(OS_LOG_CHECK, "sync>>> mismatch detected in OsSyncGroup...%d < %d",
-              static_cast<int>(m_possyncgroupShared->u64Size), static_cast<int>(sizeof(OsSyncGroup)));
-        return false;
-    }
     for (uint32_t u32Slot = 0; u32Slot < OS_SYNCGROUP_SLOTS; ++u32Slot)
     {
-        if (m_possyncgroupShared->au64Handle[u32Slot] != 0)
+        if (!PlatFileLock(m_plathandleFile, g_u64SlotBytes + u32Slot, 1))
             continue;
-        m_possyncgroupShared->au64Handle[u32Slot] = m_plathandle;
-        SStrCpy(m_possyncgroupShared->aszName[u32Slot], OS_PATHSIZE, m_szName);
-        m_u64Slot = u32Slot + 1;
-        const COsSpinGuard spinguardList(&g_u64ListLock);
-        m_possyncimplNext = std::exchange(g_possyncimplFirst, this);
-        return true;
+        ossyncgroupfile.au64Handle[u32Slot] = a_ossyncevent->plathandle;
+        SStrCpy(ossyncgroupfile.aszName[u32Slot], OS_PATHSIZE, a_ossyncevent->szName);
+        if (!WriteBlock(m_plathandleFile, ossyncgroupfile))
+            return OsSyncJoin::Refused;
+        m_ossyncgroup = Register(a_ossyncevent, a_ossyncgroup, u32Slot);
+        m_u32Slot = u32Slot;
+        m_u32ProcessId = static_cast<uint32_t>(PlatProcessId());
+        if (m_ossyncgroup)
+            return OsSyncJoin::Joined;
+        PlatFileUnlock(m_plathandleFile, g_u64SlotBytes + u32Slot, 1);
     }
-    OSLOG(OS_LOG_CHECK, "sync>>> m_possyncgroupShared is full...<%s> <%s>", m_szName, m_szGroup);
-    return false;
+    return OsSyncJoin::Full;
 }
 
 // ----------------------------------------------------------------------------------------------------------- leave
 
-void COsSyncImpl::GroupUnregister()
+void OsSyncMembership::Leave()
 {
-    const GroupGuard groupguard(m_possyncgroupShared);
-    m_possyncgroupShared->au64Handle[m_u64Slot - 1] = 0;
-    std::memset(m_possyncgroupShared->aszName[m_u64Slot - 1], 0, OS_PATHSIZE);
-    const COsSpinGuard spinguardList(&g_u64ListLock);
-    COsSyncImpl** ppossyncimpl = &g_possyncimplFirst;
-    while (*ppossyncimpl != this)
-        ppossyncimpl = &(*ppossyncimpl)->m_possyncimplNext;
-    *ppossyncimpl = m_possyncimplNext;
+    if (!m_ossyncgroup)
+        return;
+    const OsSyncReference<OsSyncEvent> ossyncevent = Unregister(*m_ossyncgroup.Get(), m_u32Slot);
+    m_ossyncgroup->bell.Ring();
+    if (m_u32ProcessId == static_cast<uint32_t>(PlatProcessId()))
+        GiveSlotBack(*ossyncevent.Get());
+    PlatClose(std::exchange(m_plathandleFile, 0));
+    m_ossyncgroup = {};
 }
 
-// The last one takes the file along, while nobody can join.
-static void RemoveFileUnlessOpen(const char* a_szGroup)
+// Clears the slot, if it is still this event that stands in it. The last one takes the file along, while nobody can
+// join.
+void OsSyncMembership::GiveSlotBack(const OsSyncEvent& a_ossyncevent)
 {
-    char szPath[OS_PATHSIZE];
+    if (!PlatFileLockBriefly(m_plathandleFile, g_u64OperationByte, 1, g_u32LockTimeout))
+    {
+        OSLOG(OS_LOG_CHECK, "sync>>> somebody keeps the lock of the group...<%s> <%s>", a_ossyncevent.szName,
+              m_ossyncgroup->szPath);
+        PlatFileUnlock(m_plathandleFile, g_u64SlotBytes + m_u32Slot, 1);
+        return;
+    }
+    OsSyncGroupFile ossyncgroupfile;
+    size_t sizetRead = 0;
+    if (ReadBlock(m_plathandleFile, &ossyncgroupfile, &sizetRead) &&
+        ossyncgroupfile.au64Handle[m_u32Slot] == a_ossyncevent.plathandle)
+    {
+        ossyncgroupfile.au64Handle[m_u32Slot] = 0;
+        std::memset(ossyncgroupfile.aszName[m_u32Slot], 0, OS_PATHSIZE);
+        WriteBlock(m_plathandleFile, ossyncgroupfile);
+    }
+    PlatFileUnlock(m_plathandleFile, g_u64SlotBytes + m_u32Slot, 1);
+
     char16_t wszPath[OS_PATHSIZE];
-    uint64_t u64Size = 0;
-    const GroupFileLock groupfilelock(a_szGroup);
-    if (groupfilelock.IsHeld() && GroupPath(a_szGroup, szPath, wszPath) && ReadSizeAlone(wszPath, &u64Size) &&
-        u64Size == sizeof(OsSyncGroup))
+    if (CopyStringFromUtf8(wszPath, std::size(wszPath), m_ossyncgroup->szPath) &&
+        PlatFileIsNamed(m_plathandleFile, wszPath) &&
+        PlatFileLock(m_plathandleFile, g_u64SlotBytes, OS_SYNCGROUP_SLOTS))
+    {
         PlatFileDelete(wszPath);
-}
-
-// Undoes as much of the joining as was done.
-void COsSyncImpl::GroupLeave()
-{
-    if (m_u64Slot)
-        GroupUnregister();
-    if (m_possyncgroupShared)
-        OSMEMFREE(m_possyncgroupShared, OS_MEMFLAG_BLOCK);
-    if (m_u64Slot)
-        RemoveFileUnlessOpen(m_szGroup);
-    if (m_possyncgroupCopy)
-        OSMEMFREE(m_possyncgroupCopy, OS_MEMFLAG_BLOCK);
-}
-
-// ------------------------------------------------------------------------------------------------------------ wait
-
-bool COsSyncImpl::IsRegistered(uint64_t a_u64Handle, uint32_t a_u32Slot)
-{
-    const COsSpinGuard spinguard(&g_u64ListLock);
-    const COsSyncImpl* possyncimpl = g_possyncimplFirst;
-    while (possyncimpl && (possyncimpl->m_plathandle != a_u64Handle || possyncimpl->m_u64Slot != a_u32Slot + 1))
-        possyncimpl = possyncimpl->m_possyncimplNext;
-    return possyncimpl != nullptr;
-}
-
-void COsSyncImpl::GroupAppend(OsSyncWaitList& a_ossyncwaitlist) const
-{
-    const GroupGuard groupguard(m_possyncgroupShared);
-    std::memcpy(m_possyncgroupCopy, m_possyncgroupShared, sizeof(OsSyncGroup));
-    for (uint32_t u32Slot = 0; u32Slot < OS_SYNCGROUP_SLOTS; ++u32Slot)
-    {
-        const uint64_t u64Handle = m_possyncgroupCopy->au64Handle[u32Slot];
-        if (u64Handle != 0 && IsRegistered(u64Handle, u32Slot))
-            a_ossyncwaitlist.Append(u64Handle);
-        m_possyncgroupCopy->aszName[u32Slot][OS_PATHSIZE - 1] = 0;
+        PlatFileUnlock(m_plathandleFile, g_u64SlotBytes, OS_SYNCGROUP_SLOTS);
     }
+    PlatFileUnlockBriefly(m_plathandleFile, g_u64OperationByte, 1);
 }
 
-// Another thread's wait may renew the copy meanwhile, hence the lock.
-bool COsSyncImpl::GroupNameOf(PlatHandle a_plathandle, char* a_szName) const
+void OsSyncMembership::Swap(OsSyncMembership& a_ossyncmembership)
 {
-    const GroupGuard groupguard(m_possyncgroupShared);
-    for (uint32_t u32Slot = 0; u32Slot < OS_SYNCGROUP_SLOTS; ++u32Slot)
-    {
-        if (m_possyncgroupCopy->au64Handle[u32Slot] != a_plathandle)
-            continue;
-        if (a_szName)
-            SStrCpy(a_szName, OS_PATHSIZE, m_possyncgroupCopy->aszName[u32Slot]);
-        return true;
-    }
-    return false;
+    std::swap(m_ossyncgroup, a_ossyncmembership.m_ossyncgroup);
+    std::swap(m_plathandleFile, a_ossyncmembership.m_plathandleFile);
+    std::swap(m_u32Slot, a_ossyncmembership.m_u32Slot);
+    std::swap(m_u32ProcessId, a_ossyncmembership.m_u32ProcessId);
 }

@@ -1,33 +1,25 @@
-// os_costhread.cpp: the thread object: the public side, start, affinity, and what runs on the new thread. Its end is in
-// os_costhread_stop.cpp; child processes are spawned in os_costhread_spawn.cpp, with os_costhread_launch.cpp, and asked
-// in os_costhread_child.cpp.
+// os_costhread.cpp: the thread object: the public side, start, stop and wait. What the object, its callers and the
+// thread itself share of one start is in os_costhread_run.cpp; child processes are spawned in os_costhread_spawn.cpp,
+// with os_costhread_launch.cpp, and asked in os_costhread_child.cpp.
 //
-// What the starter, the stoppers and the thread tell each other goes through atomic words; two events of the thread,
-// "started" and "ended", only spare them to ask again and again. That the thread has ended, past its very last step,
-// is for the system to say. The handles that others wait on stay from one start to the next or to the object's end.
+// Every call takes a reference of the current start and goes on without the object's lock, so that the handles that it
+// waits for stay its own, whatever others do to the object meanwhile.
 #include "os_costhread_impl.h"
 
-#include "os_cosspinlock.h"
 #include "os_cosstring.h"
 #include "os_costime.h"
 #include "os_log.h"
 #include "os_new.h"
-#include "os_scope.h"
 
-#include "plat_system.h"
 #include "plat_thread.h"
-#include "plat_wait.h"
 
-#include <algorithm>
-#include <atomic>
+#include <mutex>
+#include <utility>
 
 static constexpr char g_szSource[] = "os/source/os_costhread";
 
-static constexpr uint32_t g_u32StartTimeout = 5000;   // milliseconds, like the others
 static constexpr int32_t g_i32FailedStartTimeout = 70000;
 static constexpr int32_t g_i32DestroyTimeout = 30000;
-
-static std::atomic<uint64_t> g_u64ForcedAffinity{0};
 
 // ------------------------------------------------------------------------------------------------ the public object
 
@@ -135,6 +127,51 @@ void COsThread::ChildCancel()
         m_posthreadimpl->ChildCancel();
 }
 
+// --------------------------------------------------------------------------------------------------- the current start
+
+// The thread itself has its own start, also when the object has another by now.
+COsThreadImpl::Run COsThreadImpl::CurrentRun() const
+{
+    if (const OsThreadRun* const posthreadrun = OsThreadRun::Own(this))
+        return posthreadrun->Self();
+    const std::lock_guard<std::mutex> guard(m_mutex);
+    return m_run;
+}
+
+void COsThreadImpl::Forget(const Run& a_run)
+{
+    Run run;   // let go behind the lock
+    const std::lock_guard<std::mutex> guard(m_mutex);
+    if (m_run == a_run)
+        run = std::exchange(m_run, nullptr);
+}
+
+// A thread in its last steps is waited for.
+bool COsThreadImpl::IsBusy() const
+{
+    const Run run = CurrentRun();
+    if (run && run->IsLeaving())
+        run->WaitForEnd(OS_THREADSTARTTIMEOUT);
+    return run && !run->HasEnded();
+}
+
+// False when another start was faster.
+bool COsThreadImpl::Claim(const Run& a_run)
+{
+    Run runBefore = a_run;
+    const std::lock_guard<std::mutex> guard(m_mutex);
+    if (m_run && !m_run->HasEnded())
+        return false;
+    m_run.swap(runBefore);
+    return true;
+}
+
+COsThreadImpl::~COsThreadImpl()
+{
+    if (OsThreadRun* const posthreadrun = OsThreadRun::Own(this))
+        posthreadrun->Orphan();
+}
+
 // ----------------------------------------------------------------------------------------------------------- start
 
 static void FormatDisplayName(const char* a_szName, char (&a_szDisplayName)[512])
@@ -149,217 +186,142 @@ static void FormatDisplayName(const char* a_szName, char (&a_szDisplayName)[512]
 EOSSTS COsThreadImpl::Start(const char* a_szName, OsThreadProc a_osthreadproc, void* a_pvArgument)
 {
     const char* const szName = a_szName ? a_szName : "(noname)";
-    char szDisplayName[sizeof m_szDisplayName];
+    char szDisplayName[512];
     FormatDisplayName(szName, szDisplayName);
     if (!a_osthreadproc)
     {
         OSLOG(OS_LOG_ERROR, "thr>>> a_osthreadproc is NULL...<%s>", szDisplayName);
         return EOSSTS_NOTOPEN;
     }
-    if (m_u32Status != OS_THREADSTATUS_STOPPED)
+    if (IsBusy())
     {
         OSLOG(OS_LOG_CHECK, "thr>>> you're already running this thread...<%s>", szDisplayName);
         return EOSSTS_FAIL;
     }
+    Run run;
     try
     {
         if (OsLogWorkingWord())
             OSLOG(OS_LOG_MILESTONE, "thr>>> starting <%s>", szName);
-        return Launch(szDisplayName, a_osthreadproc, a_pvArgument);
+        run = std::make_shared<OsThreadRun>(m_posthread, this, szDisplayName, a_osthreadproc, a_pvArgument);
+        return Launch(run);
     }
     catch (...)
     {
         OSLOG(OS_LOG_ERROR, "thr>>> exception thrown...<%s>", szDisplayName);
-        AbandonStart();
+        AbandonStart(run);
         return EOSSTS_FAIL;
     }
 }
 
-EOSSTS COsThreadImpl::Launch(const char* a_szDisplayName, OsThreadProc a_osthreadproc, void* a_pvArgument)
+EOSSTS COsThreadImpl::Launch(const Run& a_run)
 {
-    CloseThread();
-    SStrCpy(m_szDisplayName, sizeof m_szDisplayName, a_szDisplayName);
-    if (!PrepareEvents())
+    if (!a_run->CreateEvents())
     {
-        OSLOG(OS_LOG_ERROR, "thr>>> createEvent failed...<%s>", a_szDisplayName);
+        OSLOG(OS_LOG_ERROR, "thr>>> createEvent failed...<%s>", a_run->DisplayName());
         return EOSSTS_FAIL;
     }
-    m_pvArgument = a_pvArgument;
-    m_osthreadproc = a_osthreadproc;
-    m_blRunning = false;
-    m_u32Start = OS_THREADSTART_PENDING;
-    m_u32StopState = OS_THREADSTOP_NONE;
-    m_u32Status = OS_THREADSTATUS_STARTED;
-
-    const bool blBegun = Begin();
+    if (!Claim(a_run))
+    {
+        OSLOG(OS_LOG_CHECK, "thr>>> you're already running this thread...<%s>", a_run->DisplayName());
+        return EOSSTS_FAIL;
+    }
+    const bool blBegun = a_run->Begin(a_run);
     if (OsLogWorkingWord())
     {
-        OSLOG(OS_LOG_MILESTONE, "thr>>> id:%llu handle:%d name:<%s>", static_cast<unsigned long long>(m_u64Id),
-              static_cast<int>(m_plathandleThread), a_szDisplayName);
+        OSLOG(OS_LOG_MILESTONE, "thr>>> id:%llu handle:%d name:<%s>", static_cast<unsigned long long>(a_run->Id()),
+              static_cast<int>(a_run->Handle()), a_run->DisplayName());
     }
     if (!blBegun)
     {
-        OSLOG(OS_LOG_ERROR, "thr>>> _beginthreadex failed...<%s>", a_szDisplayName);
-        Clear();
+        OSLOG(OS_LOG_ERROR, "thr>>> _beginthreadex failed...<%s>", a_run->DisplayName());
+        Forget(a_run);
         return EOSSTS_FAIL;
     }
-    return Confirm();
+    return Confirm(a_run);
 }
 
-static bool Prepare(PlatHandle& a_plathandle, PlatReset a_platreset)
+EOSSTS COsThreadImpl::Confirm(const Run& a_run)
 {
-    if (a_plathandle == PLAT_INVALID)
-        a_plathandle = PlatEventCreate(a_platreset, nullptr);
-    return a_plathandle != PLAT_INVALID && PlatEventReset(a_plathandle);
-}
-
-bool COsThreadImpl::PrepareEvents()
-{
-    return Prepare(m_plathandleStop, PLAT_RESET_MANUAL) && Prepare(m_plathandleEnded, PLAT_RESET_MANUAL) &&
-           Prepare(m_plathandleStarted, PLAT_RESET_AUTO);
-}
-
-// Under the stop lock, so that whoever stops the thread from now on finds its handle. The thread itself tells its id;
-// here it is only waited for when it is logged.
-bool COsThreadImpl::Begin()
-{
-    const COsSpinGuard spinguard(&m_u64StopLock);
-    uint64_t u64Id = 0;
-    m_plathandleThread = PlatThreadBegin(Trampoline, m_posthread, OsLogWorkingWord() ? &u64Id : nullptr);
-    if (u64Id != 0)
-        m_u64Id = u64Id;
-    return m_plathandleThread != PLAT_INVALID;
-}
-
-EOSSTS COsThreadImpl::Confirm()
-{
-    const PlatHandle aplathandle[] = {m_plathandleStarted, m_plathandleEnded};
-    uint32_t u32Waited = 0;
-    for (; u32Waited < g_u32StartTimeout; u32Waited += OS_THREADSLICE)
-    {
-        if (PlatWaitAny(aplathandle, 2, OS_THREADSLICE) == 0)
-        {
-            CloseAndForget(m_plathandleStarted);
-            return EOSSTS_SUCCESS;
-        }
-        if (m_u32Status == OS_THREADSTATUS_STOPPED)
-        {
-            OSLOG(OS_LOG_ERROR, "thr>>> pthread_create halted while starting...");
-            AbandonStart();
-            return EOSSTS_FAIL;
-        }
-    }
-    if (!GiveUp())
+    const EOSSTS eossts = a_run->AwaitStart();
+    if (eossts == EOSSTS_SUCCESS)
         return EOSSTS_SUCCESS;
-    OSLOG(OS_LOG_ERROR, "thr>>> pthread_create failed...%d", static_cast<int>(u32Waited));
-    AbandonStart();
+    if (eossts == EOSSTS_TIMEOUT)
+    {
+        OSLOG(OS_LOG_ERROR, "thr>>> pthread_create failed...%d", static_cast<int>(OS_THREADSTARTTIMEOUT));
+    }
+    else
+    {
+        OSLOG(OS_LOG_ERROR, "thr>>> pthread_create halted while starting...");
+    }
+    Forget(a_run);
     return EOSSTS_FAIL;
 }
 
-// False when the thread was faster and calls the procedure.
-bool COsThreadImpl::GiveUp()
+void COsThreadImpl::AbandonStart(const Run& a_run)
 {
-    uint32_t u32Pending = OS_THREADSTART_PENDING;
-    return m_u32Start.compare_exchange_strong(u32Pending, OS_THREADSTART_GIVENUP) ||
-           u32Pending == OS_THREADSTART_GIVENUP;
+    if (a_run && !a_run->GiveUp())
+        a_run->Stop(g_i32FailedStartTimeout);
+    Forget(a_run);
 }
 
-// From here on the procedure is not called any more, or has ended.
-void COsThreadImpl::AbandonStart()
-{
-    if (!GiveUp())
-        StopOther(g_i32FailedStartTimeout);
-    Clear();
-}
+// ----------------------------------------------------------------------------------------------------- stop and end
 
-// -------------------------------------------------------------------------------------------------------- affinity
-
-void OsThreadSetForcedAffinity(uint64_t a_u64Affinity)
+// A thread that could not be ended is left with what it shares with us.
+void COsThreadImpl::Stop(bool a_blIgnoreSelf, int32_t a_i32Timeout)
 {
-    g_u64ForcedAffinity = a_u64Affinity;
-}
-
-bool OsThreadApplyAffinity(uint64_t a_u64Mask)
-{
-    const uint64_t u64Ideal = std::min<uint64_t>(a_u64Mask - 1, UINT32_MAX);
-    if (!PlatThreadSetIdealProcessor(static_cast<uint32_t>(u64Ideal)))
+    if (OsThreadRun* const posthreadrun = OsThreadRun::Own(this))
     {
-        OSLOG(OS_LOG_CHECK, "SetThreadIdealProcessor failed...%d", static_cast<int>(PlatGetLastError()));
-        return false;
-    }
-    if (!PlatThreadSetAffinity(a_u64Mask))
-    {
-        OSLOG(OS_LOG_CHECK, "SetThreadAffinityMask failed...%d", static_cast<int>(PlatGetLastError()));
-        return false;
-    }
-    PlatSleep(0);
-    return true;
-}
-
-static void ApplyForcedAffinity()
-{
-    const uint64_t u64Forced = g_u64ForcedAffinity;
-    if (u64Forced == 0)
+        posthreadrun->StopSelf(a_blIgnoreSelf);
         return;
-    const uint32_t u32Processors = PlatProcessorCount();
-    if (u32Processors == 0)
-        OSLOG(OS_LOG_ERROR, "COsCfg::InfoGetLong: Unsupported...%ld >= %ld", 0L, 0L);
-    if (u32Processors < 2)
+    }
+    const Run run = CurrentRun();
+    if (!run)
         return;
-    if (const uint64_t u64Mask = PlatProcessAffinity() & u64Forced)
-        OsThreadApplyAffinity(u64Mask);
+    run->Stop(a_i32Timeout);
+    Forget(run);
 }
 
-// ------------------------------------------------------------------------------------------------- on the new thread
-
-uint32_t COsThreadImpl::Trampoline(void* a_pvArg)
+bool COsThreadImpl::WaitForEnd(uint32_t a_u32Timeout)
 {
-    auto* const posthread = static_cast<COsThread*>(a_pvArg);
-    t_posthreadimpl = posthread ? posthread->m_posthreadimpl : nullptr;
-    const ScopeGuard tellEnd([] {
-        if (t_posthreadimpl)
-            PlatEventSet(t_posthreadimpl->m_plathandleEnded);
-    });
-    try
-    {
-        const uint32_t u32ExitValue = Enter(posthread);
-        return u32ExitValue == PLAT_STILLACTIVE ? 0 : u32ExitValue;   // that number says that the thread runs
-    }
-    catch (...)
-    {
-        if (t_blLeaving)
-            throw;
-        OSLOG(OS_LOG_CHECK, "thr>>> thread crash detected...");
-        if (t_posthreadimpl)
-            t_posthreadimpl->m_u32Status = OS_THREADSTATUS_STOPPED;
-        return 0;
-    }
+    const Run run = CurrentRun();
+    return !run || run->WaitForEnd(a_u32Timeout);
 }
 
-uint32_t COsThreadImpl::Enter(COsThread* a_posthread)
+// ----------------------------------------------------------------------------------------- what a procedure calls
+
+EOSSTS COsThreadImpl::WaitForStop(uint32_t a_u32Timeout)
 {
-    if (OsLogWorkingWord())
-        OSLOG(OS_LOG_NOTE, "thr>>> new thread starting...");
-    if (!a_posthread)
-    {
-        OSLOG(OS_LOG_ERROR, "a_pvArg is NULL...");
-        return 0;
-    }
-    return a_posthread->m_posthreadimpl->CallProcedure();
+    const Run run = CurrentRun();
+    if (run)
+        return run->WaitForStop(a_u32Timeout);
+    OSLOG(OS_LOG_ERROR, "thr>>> pod.m_hEvent is NULL...");
+    return EOSSTS_FAIL;
 }
 
-uint32_t COsThreadImpl::CallProcedure()
+void COsThreadImpl::Exit()
 {
-    m_u64Id = PlatThreadId();
-    ApplyForcedAffinity();
-    m_blRunning = true;   // a stop right after the confirmation must find it
-    uint32_t u32Pending = OS_THREADSTART_PENDING;
-    if (!m_u32Start.compare_exchange_strong(u32Pending, OS_THREADSTART_CONFIRMED))
-    {
-        m_blRunning = false;
-        return 0;
-    }
-    PlatEventSet(m_plathandleStarted);
-    PlatSetLastError(PLAT_ERROR_NONE);
-    return m_osthreadproc(m_posthread);
+    if (OsThreadRun* const posthreadrun = OsThreadRun::Own(this))
+        posthreadrun->Exit();
+    const Run run = CurrentRun();
+    OSLOG(OS_LOG_ERROR, "thr>>> bad exit attempt...<%s> %u %llu", run ? run->DisplayName() : "",
+          static_cast<unsigned>(PlatThreadId()), run ? static_cast<unsigned long long>(run->Id()) : 0ULL);
+}
+
+uint32_t COsThreadImpl::StopState() const
+{
+    const Run run = CurrentRun();
+    return run ? run->StopState() : OS_THREADSTOP_NONE;
+}
+
+void* COsThreadImpl::Argument() const
+{
+    const Run run = CurrentRun();
+    return run ? run->Argument() : nullptr;
+}
+
+uint64_t COsThreadImpl::Id() const
+{
+    const Run run = CurrentRun();
+    return run ? run->Id() : 0;
 }

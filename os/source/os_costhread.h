@@ -31,27 +31,30 @@ inline constexpr uint32_t OS_SPAWNFLAGS_NOFOLDER = 0x10000;       // the child s
 // Exit() unwinds the procedure: a handler for every exception (catch (...)) in it must throw on.
 using OsThreadProc = uint32_t (*)(COsThread* a_posthread);
 
-// One owner starts and destroys a thread; everything else may be called from several threads at once.
+// One owner destroys the object; everything else may be called from several threads at once.
 class COsThread
 {
 public:
     COsThread();
-    // Stops the thread, with a time-out of 30000 ms, and returns when it has gone. On the thread itself it returns at
-    // once, and the procedure must not touch the object any more.
+    // Stops the thread, with a time-out of 30000 ms. On the thread itself it returns at once. A thread that could not
+    // be ended, and one that has destroyed its own object, must not touch the object any more.
     ~COsThread();
     COsThread(const COsThread&) = delete;
     COsThread& operator=(const COsThread&) = delete;
 
     // Starts the thread and returns when it runs. EOSSTS_SUCCESS; EOSSTS_FAIL, also when it runs already;
-    // EOSSTS_NOTOPEN for a null procedure. a_szName may be null.
+    // EOSSTS_NOTOPEN for a null procedure. a_szName may be null. The last steps of a thread that is leaving are waited
+    // for, 5000 ms at most.
     EOSSTS Start(const char* a_szName, OsThreadProc a_osthreadproc, void* a_pvArgument);
 
-    // Asks the thread to stop and waits up to a_i32Timeout ms for it; then it is terminated where it stands, and what
-    // it held stays held. Called by the thread itself: with a_blIgnoreSelf does nothing, without it the thread exits
-    // here. Afterwards the object can be started again.
+    // Asks the thread to stop and waits up to a_i32Timeout ms for its end. Then it is terminated where it stands, and
+    // what it held stays held: at once, but for 100 ms when it is leaving already, and PLAT_TERMINATEWAIT for its end.
+    // A thread that puts its end off (PlatThreadDefer) or keeps all signals away is left behind, with a line in the
+    // log. Called by the thread itself: with a_blIgnoreSelf does nothing, without it the thread exits here, unless it
+    // is leaving already. Afterwards the object can be started again.
     void Stop(bool a_blIgnoreSelf, int32_t a_i32Timeout);
 
-    // Waits up to a_i32Timeout ms without asking. True when the thread has ended or never ran.
+    // Waits up to a_u32Timeout ms without asking. True when the thread has ended or never ran, or was left behind.
     bool WaitForEnd(uint32_t a_u32Timeout);
 
     // For the thread: EOSSTS_SUCCESS when it is asked to stop (the request is taken), EOSSTS_TIMEOUT, EOSSTS_FAIL.
@@ -63,14 +66,14 @@ public:
     void Exit();
 
     void* Argument() const;
-    uint64_t Id() const;   // the system's id of the thread, 0 when it is not running
+    uint64_t Id() const;   // the system's id of the thread, 0 when it is not running or leaving
 
     // The child process that this object carries, PLAT_INVALID for none, and its id. The object closes the handle, at
-    // the earliest when another takes its place: a thread that still has it may still ask it. A child that runs when
-    // the object goes runs on.
+    // the earliest when the child that followed it is followed by another: a thread that still has it may still ask it.
+    // A child that runs when the object goes runs on.
     PlatHandle ChildProcess() const;
     uint64_t ChildProcessId() const;
-    uint32_t ChildExitCode() const;   // of the last one that has ended
+    uint32_t ChildExitCode() const;   // of the last one that has ended; PLAT_EXITCODEUNKNOWN (plat_process.h)
 
     // Starts a child process. a_u32Flags: OS_SPAWNFLAGS_...; a_szArgument0 must not be null and is not on the command
     // line, where the program stands in its place; of the further arguments at most 31 are taken, up to the first null

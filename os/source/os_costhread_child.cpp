@@ -1,4 +1,4 @@
-// os_costhread_child.cpp: the child process that a thread object carries: its record, its pipes, what is read from it.
+// os_costhread_child.cpp: the child process that a thread object carries: its record, and what is read from its pipes.
 //
 // The ends of the pipes that the child has are closed here once it runs, so that a stream whose last writer has gone
 // is known. Such a stream is silent from then on. Where all have ended, so has the child, or will at once: its process
@@ -6,7 +6,6 @@
 #include "os_costhread_impl.h"
 
 #include "os_log.h"
-#include "os_scope.h"
 
 #include "plat_process.h"
 #include "plat_system.h"
@@ -22,92 +21,80 @@ static constexpr uint64_t g_u64EndOfSilent = 100;   // milliseconds that the end
 
 // ------------------------------------------------------------------------------------------------------ the record
 
-void COsThreadImpl::ChildProcessSet(PlatHandle a_plathandle, uint64_t a_u64ProcessId)
+COsThreadImpl::Child COsThreadImpl::LastChild() const
 {
-    m_u64ChildId = a_u64ProcessId;
-    const PlatHandle plathandleBefore = m_plathandleChild.exchange(a_plathandle);
-    if (plathandleBefore == PLAT_INVALID)
-        return;
-    PlatHandle plathandleFormer = m_plathandleFormerChild.exchange(plathandleBefore);
-    CloseAndForget(plathandleFormer);
+    const std::lock_guard<std::mutex> guard(m_mutex);
+    return m_child;
+}
+
+COsThreadImpl::Child COsThreadImpl::RunningChild() const
+{
+    const std::lock_guard<std::mutex> guard(m_mutex);
+    return m_child && !m_child->blEnded ? m_child : nullptr;
+}
+
+// Null lets the last one go, but for its process: whoever has that handle may still ask it.
+void COsThreadImpl::TakeChild(Child a_child)
+{
+    std::shared_ptr<OsHandle> sharedptrFormer;   // let go behind the lock, like the child
+    const std::lock_guard<std::mutex> guard(m_mutex);
+    m_child.swap(a_child);
+    if (a_child)
+        sharedptrFormer = std::exchange(m_sharedptrFormerProcess, a_child->sharedptrProcess);
+}
+
+// Another thread may have noted it before, and the object may have another child by now.
+void COsThreadImpl::NoteEnd(OsChild* a_poschild, uint32_t a_u32ExitCode)
+{
+    const std::lock_guard<std::mutex> guard(m_mutex);
+    if (!a_poschild->blEnded)
+        m_u32ChildExitCode = a_u32ExitCode;
+    a_poschild->blEnded = true;
+}
+
+PlatHandle COsThreadImpl::ChildProcess() const
+{
+    const Child child = RunningChild();
+    return child ? child->sharedptrProcess->Get() : PLAT_INVALID;
+}
+
+uint64_t COsThreadImpl::ChildProcessId() const
+{
+    const Child child = RunningChild();
+    return child ? child->u64ProcessId : 0;
 }
 
 bool COsThreadImpl::ChildIsRunning()
 {
-    const PlatHandle plathandle = m_plathandleChild;
-    uint32_t u32ExitCode = 0;
-    if (plathandle == PLAT_INVALID)
+    const Child child = RunningChild();
+    if (!child)
         return false;
-    if (PlatProcessExitCode(plathandle, &u32ExitCode) && u32ExitCode == PLAT_STILLACTIVE)
+    uint32_t u32ExitCode = PLAT_EXITCODEUNKNOWN;
+    if (PlatProcessExitCode(child->sharedptrProcess->Get(), &u32ExitCode) && u32ExitCode == PLAT_STILLACTIVE)
         return true;
-    m_u32ChildExitCode = u32ExitCode;
-    ChildProcessSet(PLAT_INVALID, 0);
+    NoteEnd(child.get(), u32ExitCode);
     return false;
-}
-
-void COsThreadImpl::ForgetChild()
-{
-    ClosePipes();
-    PlatHandle aplathandle[] = {m_plathandleCancel, m_plathandleChild, m_plathandleFormerChild};
-    for (PlatHandle& plathandle : aplathandle)
-        CloseAndForget(plathandle);
-}
-
-// ------------------------------------------------------------------------------------------------------- the pipes
-
-// On failure nothing is left open.
-bool COsThreadImpl::CreatePipes(PlatHandle (&a_aplathandleTheirs)[3])
-{
-    ScopeGuard closeOnFailure([&] {
-        ClosePipes();
-        for (PlatHandle& plathandle : a_aplathandleTheirs)
-            CloseAndForget(plathandle);
-    });
-    if (m_plathandleCancel == PLAT_INVALID)
-        m_plathandleCancel = PlatEventCreate(PLAT_RESET_AUTO, nullptr);
-    bool blCreated = m_plathandleCancel != PLAT_INVALID;
-    for (const PlatStandard platstandard : {PLAT_STANDARD_INPUT, PLAT_STANDARD_OUTPUT, PLAT_STANDARD_ERROR})
-    {
-        PlatHandle& plathandleOurs = m_aplathandlePipe[platstandard];
-        PlatHandle& plathandleTheirs = a_aplathandleTheirs[platstandard];
-        blCreated = blCreated &&
-                    (platstandard == PLAT_STANDARD_INPUT ? PlatPipeCreate(&plathandleTheirs, &plathandleOurs, false)
-                                                         : PlatPipeCreate(&plathandleOurs, &plathandleTheirs, true));
-    }
-    if (!blCreated)
-    {
-        OSLOG(OS_LOG_ERROR, "CreateNamedPipe failed...");
-        return false;
-    }
-    closeOnFailure.Dismiss();
-    m_blPipes = true;
-    return true;
-}
-
-void COsThreadImpl::ClosePipes()
-{
-    for (PlatHandle& plathandle : m_aplathandlePipe)
-        CloseAndForget(plathandle);
-    m_blPipes = false;
 }
 
 // -------------------------------------------------------------------------------------------------- reading, writing
 
-static bool HasPipes(bool a_blPipes)
+static bool HasPipes(const OsChild* a_poschild)
 {
-    if (!a_blPipes)
+    const bool blPipes = a_poschild && a_poschild->blPipes;
+    if (!blPipes)
         OSLOG(OS_LOG_ERROR, "Not set up for standard io...");
-    return a_blPipes;
+    return blPipes;
 }
 
 // What waits in a pipe comes before the child's end. A cancel comes before all, for a child that never pauses.
-EOSCHILDWAIT COsThreadImpl::WaitForChild(PlatHandle a_plathandleChild, bool a_blOutputOnly, uint64_t a_u64Milliseconds)
+static EOSCHILDWAIT WaitForChild(const OsChild& a_oschild, bool a_blEnded, bool a_blOutputOnly,
+                                 uint64_t a_u64Milliseconds)
 {
     const std::pair<PlatHandle, EOSCHILDWAIT> apairSource[] = {
-        {m_plathandleCancel, OS_CHILDWAIT_CANCEL},
-        {m_aplathandlePipe[PLAT_STANDARD_OUTPUT], OS_CHILDWAIT_OUTPUT},
-        {a_blOutputOnly ? PLAT_INVALID : m_aplathandlePipe[PLAT_STANDARD_ERROR], OS_CHILDWAIT_ERROR},
-        {a_plathandleChild, OS_CHILDWAIT_ENDED},
+        {a_oschild.oshandleCancel.Get(), OS_CHILDWAIT_CANCEL},
+        {a_oschild.aoshandlePipe[PLAT_STANDARD_OUTPUT].Get(), OS_CHILDWAIT_OUTPUT},
+        {a_blOutputOnly ? PLAT_INVALID : a_oschild.aoshandlePipe[PLAT_STANDARD_ERROR].Get(), OS_CHILDWAIT_ERROR},
+        {a_blEnded ? PLAT_INVALID : a_oschild.sharedptrProcess->Get(), OS_CHILDWAIT_ENDED},
     };
     PlatHandle aplathandle[std::size(apairSource)];
     EOSCHILDWAIT aeoschildwait[std::size(apairSource)];
@@ -125,16 +112,16 @@ EOSCHILDWAIT COsThreadImpl::WaitForChild(PlatHandle a_plathandleChild, bool a_bl
 }
 
 // EOSSTS_DISCONNECTED when the stream has no writer any more.
-EOSSTS COsThreadImpl::ReadStream(PlatHandle& a_plathandle, char* a_szBuffer, size_t a_sizetBuffer, size_t* a_psizetRead)
+static EOSSTS ReadStream(OsHandle* a_poshandle, char* a_szBuffer, size_t a_sizetBuffer, size_t* a_psizetRead)
 {
-    if (PlatPipeRead(a_plathandle, a_szBuffer, a_sizetBuffer, a_psizetRead))
+    if (PlatPipeRead(a_poshandle->Get(), a_szBuffer, a_sizetBuffer, a_psizetRead))
         return *a_psizetRead > 0 ? EOSSTS_SUCCESS : EOSSTS_NOSPACE;
     switch (PlatGetLastError())
     {
     case PLAT_ERROR_WOULDBLOCK:
         return EOSSTS_NOSPACE;
     case PLAT_ERROR_BROKENPIPE:
-        CloseAndForget(a_plathandle);
+        a_poshandle->Close();
         return EOSSTS_DISCONNECTED;
     default:
         OSLOG(OS_LOG_ERROR, "ReadFile failed...");
@@ -142,42 +129,42 @@ EOSSTS COsThreadImpl::ReadStream(PlatHandle& a_plathandle, char* a_szBuffer, siz
     }
 }
 
-bool COsThreadImpl::HasFallenSilent(bool a_blOutputOnly) const
+static bool HasFallenSilent(const OsChild& a_oschild, bool a_blOutputOnly)
 {
-    return m_aplathandlePipe[PLAT_STANDARD_OUTPUT] == PLAT_INVALID &&
-           (a_blOutputOnly || m_aplathandlePipe[PLAT_STANDARD_ERROR] == PLAT_INVALID);
+    return a_oschild.aoshandlePipe[PLAT_STANDARD_OUTPUT].Get() == PLAT_INVALID &&
+           (a_blOutputOnly || a_oschild.aoshandlePipe[PLAT_STANDARD_ERROR].Get() == PLAT_INVALID);
 }
 
 EOSSTS COsThreadImpl::ChildRead(char* a_szBuffer, size_t a_sizetBuffer, size_t* a_psizetRead, bool a_blOutputOnly,
                                 uint32_t a_u32Timeout)
 {
     *a_psizetRead = 0;
-    if (!HasPipes(m_blPipes))
+    const Child child = LastChild();
+    if (!HasPipes(child.get()))
         return EOSSTS_FAIL;
     uint64_t u64End = PlatTicks() + a_u32Timeout;
-    for (PlatHandle plathandleChild = m_plathandleChild;;)
+    for (bool blEnded = false;;)
     {
         // Once the child has ended, a last look: it may have written between our look at its pipes and its end.
-        const bool blEnded = plathandleChild == PLAT_INVALID;
-        const bool blSilent = HasFallenSilent(a_blOutputOnly);
+        const bool blSilent = HasFallenSilent(*child, a_blOutputOnly);
         const uint64_t u64Now = PlatTicks();
         if (blSilent)
             u64End = std::min(u64End, u64Now + g_u64EndOfSilent);
         const uint64_t u64Left = blEnded || u64Now >= u64End ? 0 : u64End - u64Now;
         PlatStandard platstandard = PLAT_STANDARD_OUTPUT;
-        switch (WaitForChild(plathandleChild, a_blOutputOnly, u64Left))
+        switch (WaitForChild(*child, blEnded, a_blOutputOnly, u64Left))
         {
         case OS_CHILDWAIT_ERROR:
             platstandard = PLAT_STANDARD_ERROR;
             [[fallthrough]];
         case OS_CHILDWAIT_OUTPUT:
             if (const EOSSTS eossts =
-                    ReadStream(m_aplathandlePipe[platstandard], a_szBuffer, a_sizetBuffer, a_psizetRead);
+                    ReadStream(&child->aoshandlePipe[platstandard], a_szBuffer, a_sizetBuffer, a_psizetRead);
                 eossts != EOSSTS_DISCONNECTED)
                 return eossts;
             break;
         case OS_CHILDWAIT_ENDED:
-            plathandleChild = PLAT_INVALID;
+            blEnded = true;
             break;
         case OS_CHILDWAIT_CANCEL:
             return EOSSTS_CANCELLED;
@@ -195,9 +182,10 @@ EOSSTS COsThreadImpl::ChildRead(char* a_szBuffer, size_t a_sizetBuffer, size_t* 
 
 EOSSTS COsThreadImpl::ChildWrite(const void* a_pvBuffer, size_t a_sizetBytes)
 {
-    if (!HasPipes(m_blPipes))
+    const Child child = LastChild();
+    if (!HasPipes(child.get()))
         return EOSSTS_FAIL;
-    if (PlatPipeWrite(m_aplathandlePipe[PLAT_STANDARD_INPUT], a_pvBuffer, a_sizetBytes))
+    if (PlatPipeWrite(child->aoshandlePipe[PLAT_STANDARD_INPUT].Get(), a_pvBuffer, a_sizetBytes))
         return EOSSTS_SUCCESS;
     OSLOG(OS_LOG_ERROR, "WriteFile failed...");
     return EOSSTS_FAIL;
@@ -205,6 +193,7 @@ EOSSTS COsThreadImpl::ChildWrite(const void* a_pvBuffer, size_t a_sizetBytes)
 
 void COsThreadImpl::ChildCancel()
 {
-    if (const PlatHandle plathandle = m_plathandleCancel; plathandle != PLAT_INVALID)
-        PlatEventSet(plathandle);
+    const Child child = LastChild();
+    if (child && child->blPipes)
+        PlatEventSet(child->oshandleCancel.Get());
 }

@@ -7,28 +7,25 @@
 
 #include <atomic>
 #include <initializer_list>
+#include <memory>
+#include <mutex>
 #include <string>
 
-inline constexpr uint32_t OS_THREADSLICE = 10;   // milliseconds from one look to the next
+inline constexpr uint32_t OS_THREADSLICE = 10;            // milliseconds from one request to stop to the next
+inline constexpr uint32_t OS_THREADSTARTTIMEOUT = 5000;   // milliseconds
 
-enum EOSTHREADSTATUS : uint32_t
+enum EOSTHREADSTATE : uint32_t
 {
-    OS_THREADSTATUS_STARTED = 1,
-    OS_THREADSTATUS_STOPPED = 3,
+    OS_THREADSTATE_STARTING = 0,   // the procedure is not called yet, and is not if the starter gives up
+    OS_THREADSTATE_RUNNING = 1,
+    OS_THREADSTATE_LEAVING = 2,   // Exit() was called, or the procedure is over or is not called any more
+    OS_THREADSTATE_ENDED = 3,     // past all code of ours, as the system says
 };
 
 enum EOSTHREADSTOP : uint32_t
 {
     OS_THREADSTOP_NONE = 1,
     OS_THREADSTOP_REQUESTED = 2,
-};
-
-// Whether the procedure is called: the thread confirms, or the starter gives up, whoever comes first.
-enum EOSTHREADSTART : uint32_t
-{
-    OS_THREADSTART_PENDING = 0,
-    OS_THREADSTART_CONFIRMED = 1,
-    OS_THREADSTART_GIVENUP = 2,
 };
 
 // What ends the wait of a read.
@@ -71,6 +68,109 @@ bool OsSpawnPrepare(const OsSpawnRequest& a_osspawnrequest, OsSpawn* a_posspawn)
 PlatHandle OsSpawnLaunch(const OsSpawn& a_osspawn, const PlatHandle (&a_aplathandleStream)[3],
                          uint64_t* a_pu64ProcessId);
 
+// A handle that its owner closes.
+class OsHandle
+{
+public:
+    explicit OsHandle(PlatHandle a_plathandle = PLAT_INVALID) : m_plathandle(a_plathandle) {}
+    ~OsHandle() { Close(); }
+    OsHandle(const OsHandle&) = delete;
+    OsHandle& operator=(const OsHandle&) = delete;
+
+    PlatHandle Get() const { return m_plathandle; }
+    PlatHandle& Fill() { return m_plathandle; }   // of one that is closed
+    void Close();
+
+private:
+    PlatHandle m_plathandle;
+};
+
+// One start of a thread: what its object, whoever calls that at the moment, and the thread itself share. Who lets it go
+// last closes its handles. Nobody holds a lock here; the thread never waits.
+class OsThreadRun
+{
+public:
+    OsThreadRun(COsThread* a_posthread, const COsThreadImpl* a_posthreadimpl, const char* a_szDisplayName,
+                OsThreadProc a_osthreadproc, void* a_pvArgument);
+    ~OsThreadRun();
+    OsThreadRun(const OsThreadRun&) = delete;
+    OsThreadRun& operator=(const OsThreadRun&) = delete;
+
+    // For the starter.
+    bool CreateEvents();
+    bool Begin(const std::shared_ptr<OsThreadRun>& a_sharedptrSelf);
+    EOSSTS AwaitStart();   // EOSSTS_TIMEOUT: the procedure is not called any more; EOSSTS_FAIL: nor was it
+    bool GiveUp();         // false when the thread was faster and calls the procedure
+
+    // For anybody. Stop asks, waits and terminates; it returns in little more than the time-out, whatever the thread
+    // does.
+    bool HasEnded();
+    bool WaitForEnd(uint32_t a_u32Timeout);
+    void Stop(int32_t a_i32Timeout);
+    EOSSTS WaitForStop(uint32_t a_u32Timeout) const;
+
+    // For the thread. StopSelf returns when the thread is leaving already or a_blIgnoreSelf is set.
+    void StopSelf(bool a_blIgnoreSelf);
+    [[noreturn]] void Exit();
+    void Orphan() { m_posthreadimpl = nullptr; }   // the object goes
+
+    // The calling thread's own, if that is one of the object's.
+    static OsThreadRun* Own(const COsThreadImpl* a_posthreadimpl);
+    std::shared_ptr<OsThreadRun> Self() const { return m_sharedptrSelf; }
+
+    bool IsLeaving() const { return m_u32State >= OS_THREADSTATE_LEAVING; }
+    uint32_t StopState() const { return m_u32StopState; }
+    uint64_t Id() const { return IsLeaving() ? 0 : m_u64Id.load(); }
+    void* Argument() const { return m_pvArgument; }
+    const char* DisplayName() const { return m_szDisplayName; }
+    PlatHandle Handle() const { return m_plathandleThread; }
+
+private:
+    static uint32_t Trampoline(void* a_pvRun);
+    static uint32_t Enter(OsThreadRun* a_posthreadrun);
+    uint32_t CallProcedure();
+
+    bool IsSelf() const { return t_posthreadrun == this; }
+    void TellStopping();
+    void Terminate();
+    bool TerminateThread();
+    void LetGo();
+    [[noreturn]] static void Leave();
+
+    inline static thread_local OsThreadRun* t_posthreadrun = nullptr;   // whose procedure runs on this thread
+    inline static thread_local bool t_blLeaving = false;                // what passes is no crash
+
+    COsThread* const m_posthread;
+    const COsThreadImpl* m_posthreadimpl;   // the thread's own business
+    const OsThreadProc m_osthreadproc;
+    void* const m_pvArgument;
+    char m_szDisplayName[512];
+
+    std::atomic<uint32_t> m_u32State{OS_THREADSTATE_STARTING};
+    std::atomic<uint32_t> m_u32StopState{OS_THREADSTOP_NONE};
+    std::atomic<bool> m_blTerminating{false};   // the first stopper whose time is over does it
+    std::atomic<uint64_t> m_u64Id{0};
+
+    std::atomic<PlatHandle> m_plathandleThread{PLAT_INVALID};   // set when others may have the run already
+    OsHandle m_oshandleStop;
+    OsHandle m_oshandleStarted;   // signalled right before the procedure is called
+    OsHandle m_oshandleEnded;     // signalled by the thread's last step here
+
+    std::atomic<bool> m_blLetGo{false};
+    std::shared_ptr<OsThreadRun> m_sharedptrSelf;   // the thread's reference
+};
+
+// One child process, shared by its object and whoever calls that at the moment.
+struct OsChild
+{
+    std::shared_ptr<OsHandle> sharedptrProcess;
+    uint64_t u64ProcessId = 0;
+    bool blPipes = false;
+    OsHandle aoshandlePipe[3];   // our ends, in PlatStandard order
+    OsHandle oshandleCancel;
+    bool blEnded = false;   // and noted; under the object's lock
+};
+
 class COsThreadImpl
 {
 public:
@@ -85,12 +185,12 @@ public:
     EOSSTS WaitForStop(uint32_t a_u32Timeout);
     void Exit();
 
-    uint32_t StopState() const { return m_u32StopState; }
-    void* Argument() const { return m_pvArgument; }
-    uint64_t Id() const { return m_u64Id; }
+    uint32_t StopState() const;
+    void* Argument() const;
+    uint64_t Id() const;
 
-    PlatHandle ChildProcess() const { return m_plathandleChild; }
-    uint64_t ChildProcessId() const { return m_u64ChildId; }
+    PlatHandle ChildProcess() const;
+    uint64_t ChildProcessId() const;
     uint32_t ChildExitCode() const { return m_u32ChildExitCode; }
 
     EOSSTS Spawn(const OsSpawnRequest& a_osspawnrequest);
@@ -101,65 +201,29 @@ public:
     void ChildCancel();
 
 private:
-    EOSSTS Launch(const char* a_szDisplayName, OsThreadProc a_osthreadproc, void* a_pvArgument);
-    bool PrepareEvents();
-    bool Begin();
-    EOSSTS Confirm();
-    bool GiveUp();
-    void AbandonStart();
+    using Run = std::shared_ptr<OsThreadRun>;
+    using Child = std::shared_ptr<OsChild>;
 
-    static uint32_t Trampoline(void* a_pvArg);
-    static uint32_t Enter(COsThread* a_posthread);
-    uint32_t CallProcedure();
+    Run CurrentRun() const;   // may be null
+    bool IsBusy() const;
+    bool Claim(const Run& a_run);
+    EOSSTS Launch(const Run& a_run);
+    EOSSTS Confirm(const Run& a_run);
+    void AbandonStart(const Run& a_run);
+    void Forget(const Run& a_run);
 
-    bool IsSelf() const;
-    bool HasEnded() const;
-    void StopSelf(bool a_blIgnoreSelf);
-    void StopOther(int32_t a_i32Timeout);
-    bool LockUnlessBeingStopped();
-    void AskToEnd(int32_t a_i32Timeout);
-    void Clear();
-    void CloseThread();
-
-    [[noreturn]] static void Leave();
-
+    Child LastChild() const;   // may be null
+    Child RunningChild() const;
     EOSSTS SpawnUntilItLives(const OsSpawn& a_osspawn, long a_lTries);
-    PlatHandle LaunchChild(const OsSpawn& a_osspawn, uint64_t* a_pu64ProcessId);
-    bool CreatePipes(PlatHandle (&a_aplathandleTheirs)[3]);
-    void ClosePipes();
-    void ChildProcessSet(PlatHandle a_plathandle, uint64_t a_u64ProcessId);
-    void ForgetChild();
-    EOSCHILDWAIT WaitForChild(PlatHandle a_plathandleChild, bool a_blOutputOnly, uint64_t a_u64Milliseconds);
-    EOSSTS ReadStream(PlatHandle& a_plathandle, char* a_szBuffer, size_t a_sizetBuffer, size_t* a_psizetRead);
-    bool HasFallenSilent(bool a_blOutputOnly) const;
+    EOSSTS SpawnAlone(const OsSpawnRequest& a_osspawnrequest);
+    void TakeChild(Child a_child);
+    void NoteEnd(OsChild* a_poschild, uint32_t a_u32ExitCode);
 
-    static void CloseAndForget(PlatHandle& a_plathandle);
-
-    // The object whose procedure runs on this thread; null also when that object was destroyed by it.
-    inline static thread_local COsThreadImpl* t_posthreadimpl = nullptr;
-
-    // This thread is on its way out: what passes is no crash.
-    inline static thread_local bool t_blLeaving = false;
-
-    COsThread* m_posthread;
-    std::atomic<void*> m_pvArgument{nullptr};
-    OsThreadProc m_osthreadproc = nullptr;
-    std::atomic<uint32_t> m_u32Status{OS_THREADSTATUS_STOPPED};
-    std::atomic<uint32_t> m_u32StopState{OS_THREADSTOP_NONE};
-    char m_szDisplayName[512]{};
-    uint64_t m_u64StopLock = 0;   // a spin lock, held for as long as a stop takes
-    std::atomic<bool> m_blRunning{false};
-    std::atomic<uint32_t> m_u32Start{OS_THREADSTART_PENDING};
-    std::atomic<uint64_t> m_u64Id{0};
-    PlatHandle m_plathandleThread = PLAT_INVALID;
-    PlatHandle m_plathandleStop = PLAT_INVALID;
-    PlatHandle m_plathandleStarted = PLAT_INVALID;   // signalled right before the procedure is called
-    PlatHandle m_plathandleEnded = PLAT_INVALID;     // signalled by the thread's last step here
-    std::atomic<PlatHandle> m_plathandleChild{PLAT_INVALID};
-    std::atomic<PlatHandle> m_plathandleFormerChild{PLAT_INVALID};   // has been let go; others may still be asking it
-    std::atomic<uint64_t> m_u64ChildId{0};
+    COsThread* const m_posthread;
+    mutable std::mutex m_mutex;   // of the references below, for as long as one is copied
+    Run m_run;
+    Child m_child;   // the last one, also when it has ended: its pipes may hold more
+    std::shared_ptr<OsHandle> m_sharedptrFormerProcess;   // others may still be asking it
     std::atomic<uint32_t> m_u32ChildExitCode{0};
-    bool m_blPipes = false;                                                         // the child was started with pipes
-    PlatHandle m_aplathandlePipe[3] = {PLAT_INVALID, PLAT_INVALID, PLAT_INVALID};   // our ends, in PlatStandard order
-    std::atomic<PlatHandle> m_plathandleCancel{PLAT_INVALID};
+    std::atomic<bool> m_blSpawning{false};
 };

@@ -54,12 +54,22 @@ EOSSTS COsThreadImpl::Spawn(const OsSpawnRequest& a_osspawnrequest)
 {
     if (!CheckRequest(a_osspawnrequest))
         return EOSSTS_FAIL;
-    if (ChildIsRunning())
+    const bool blAlone = !m_blSpawning.exchange(true);
+    const ScopeGuard spawned([this, blAlone] {
+        if (blAlone)
+            m_blSpawning = false;
+    });
+    if (!blAlone || ChildIsRunning())
     {
         OSLOG(OS_LOG_ERROR, "Spawn: This object already has something spawned...");
         return EOSSTS_FAIL;
     }
-    ClosePipes();
+    TakeChild(nullptr);
+    return SpawnAlone(a_osspawnrequest);
+}
+
+EOSSTS COsThreadImpl::SpawnAlone(const OsSpawnRequest& a_osspawnrequest)
+{
     if (!CheckProgram(a_osspawnrequest))
         return EOSSTS_FAIL;
     try
@@ -75,7 +85,6 @@ EOSSTS COsThreadImpl::Spawn(const OsSpawnRequest& a_osspawnrequest)
     catch (const std::bad_alloc&)
     {
         OSLOG(OS_LOG_ERROR, "Spawn: OsMemQuickAlloc failed...<%s>", a_osspawnrequest.szProgram);
-        ClosePipes();
         return EOSSTS_FAIL;
     }
 }
@@ -102,39 +111,57 @@ static bool SurvivesItsStart(PlatHandle a_plathandle, const char* a_szProgram)
     return true;
 }
 
+// The child's ends come back. On failure, which is logged, nothing of theirs or ours stays open.
+static bool CreatePipes(OsChild* a_poschild, OsHandle (&a_aoshandleTheirs)[3])
+{
+    a_poschild->oshandleCancel.Fill() = PlatEventCreate(PLAT_RESET_AUTO, nullptr);
+    a_poschild->blPipes = a_poschild->oshandleCancel.Get() != PLAT_INVALID;
+    for (const PlatStandard platstandard : {PLAT_STANDARD_INPUT, PLAT_STANDARD_OUTPUT, PLAT_STANDARD_ERROR})
+    {
+        PlatHandle& plathandleOurs = a_poschild->aoshandlePipe[platstandard].Fill();
+        PlatHandle& plathandleTheirs = a_aoshandleTheirs[platstandard].Fill();
+        const bool blInput = platstandard == PLAT_STANDARD_INPUT;
+        a_poschild->blPipes =
+            a_poschild->blPipes && (blInput ? PlatPipeCreate(&plathandleTheirs, &plathandleOurs, false)
+                                            : PlatPipeCreate(&plathandleOurs, &plathandleTheirs, true));
+    }
+    if (!a_poschild->blPipes)
+        OSLOG(OS_LOG_ERROR, "CreateNamedPipe failed...");
+    return a_poschild->blPipes;
+}
+
+// With pipes of its own for each try: what a child that died has left in its pipes is not the next one's. Null, and
+// logged, on failure.
+static std::shared_ptr<OsChild> LaunchChild(const OsSpawn& a_osspawn)
+{
+    auto sharedptrChild = std::make_shared<OsChild>();
+    sharedptrChild->sharedptrProcess = std::make_shared<OsHandle>();
+    OsHandle aoshandleTheirs[3];
+    if ((a_osspawn.u32Flags & OS_SPAWNFLAGS_PIPES) && !CreatePipes(sharedptrChild.get(), aoshandleTheirs))
+        return nullptr;
+    PlatHandle& plathandle = sharedptrChild->sharedptrProcess->Fill();
+    plathandle =
+        OsSpawnLaunch(a_osspawn, {aoshandleTheirs[0].Get(), aoshandleTheirs[1].Get(), aoshandleTheirs[2].Get()},
+                      &sharedptrChild->u64ProcessId);
+    return plathandle == PLAT_INVALID ? nullptr : sharedptrChild;
+}
+
 EOSSTS COsThreadImpl::SpawnUntilItLives(const OsSpawn& a_osspawn, long a_lTries)
 {
     const bool blWatched = (a_osspawn.u32Flags & OS_SPAWNFLAGS_CHECKSTART) != 0;
-    ScopeGuard closeOnFailure([this] { ClosePipes(); });
     do
     {
-        uint64_t u64ProcessId = 0;
-        PlatHandle plathandle = LaunchChild(a_osspawn, &u64ProcessId);
-        if (plathandle == PLAT_INVALID)
+        Child child = LaunchChild(a_osspawn);
+        if (!child)
             return EOSSTS_FAIL;
+        const PlatHandle plathandle = child->sharedptrProcess->Get();
         if (!blWatched || SurvivesItsStart(plathandle, a_osspawn.szProgram))
         {
-            ChildProcessSet(plathandle, u64ProcessId);
-            closeOnFailure.Dismiss();
+            TakeChild(std::move(child));
             return EOSSTS_SUCCESS;
         }
         PlatProcessTerminate(plathandle, g_u32EarlyDeathExitCode);
-        CloseAndForget(plathandle);
     } while (--a_lTries > 0);
     OSLOG(OS_LOG_ERROR, "Retry count exceeded...");
     return EOSSTS_FAIL;
-}
-
-// With pipes of its own for each try: what a child that died has left in its pipes is not the next one's.
-PlatHandle COsThreadImpl::LaunchChild(const OsSpawn& a_osspawn, uint64_t* a_pu64ProcessId)
-{
-    PlatHandle aplathandleTheirs[3] = {PLAT_INVALID, PLAT_INVALID, PLAT_INVALID};
-    const ScopeGuard closeTheirs([&] {
-        for (PlatHandle& plathandle : aplathandleTheirs)
-            CloseAndForget(plathandle);
-    });
-    ClosePipes();
-    if ((a_osspawn.u32Flags & OS_SPAWNFLAGS_PIPES) && !CreatePipes(aplathandleTheirs))
-        return PLAT_INVALID;
-    return OsSpawnLaunch(a_osspawn, aplathandleTheirs, a_pu64ProcessId);
 }

@@ -75,7 +75,28 @@ bool PlatEnvSet(const char16_t* a_wszName, const char16_t* a_wszValue)
 
 using Variable = std::pair<std::u16string, std::u16string>;
 
-// The environment as it is now, without what has no value or is no text.
+// Text of any bytes: what is no character becomes U+FFFD.
+static std::u16string WidenAny(const std::string& a_strText)
+{
+    static constexpr size_t g_sizetCharacter = 4;   // bytes that a character may have
+    std::u16string wstrText;
+    if (Widen(a_strText, wstrText))
+        return wstrText;
+    wstrText.clear();
+    for (size_t sizet = 0; sizet < a_strText.size();)
+    {
+        std::u16string wstrCharacter;
+        size_t sizetBytes = 1;
+        while (sizetBytes <= g_sizetCharacter && !Widen(a_strText.substr(sizet, sizetBytes), wstrCharacter))
+            ++sizetBytes;
+        const bool blCharacter = sizetBytes <= g_sizetCharacter;
+        wstrText += blCharacter ? wstrCharacter : u"\uFFFD";
+        sizet += blCharacter ? sizetBytes : 1;
+    }
+    return wstrText;
+}
+
+// The environment as it is now.
 static std::vector<Variable> Snapshot()
 {
     std::vector<Variable> vecvariable;
@@ -83,13 +104,9 @@ static std::vector<Variable> Snapshot()
     for (char** ppch = environ; ppch && *ppch; ++ppch)
     {
         const char* pchEqual = strchr(*ppch, '=');
-        Variable variable;
-        if (pchEqual && pchEqual != *ppch && pchEqual[1] &&
-            Widen(std::string(*ppch, static_cast<size_t>(pchEqual - *ppch)), variable.first) &&
-            Widen(pchEqual + 1, variable.second))
-        {
-            vecvariable.push_back(std::move(variable));
-        }
+        if (pchEqual && pchEqual != *ppch)
+            vecvariable.emplace_back(WidenAny(std::string(*ppch, static_cast<size_t>(pchEqual - *ppch))),
+                                     WidenAny(pchEqual + 1));
     }
     return vecvariable;
 }

@@ -197,7 +197,8 @@ static bool UnlinkIfSame(const char* a_szPath, const struct stat& a_status)
 }
 
 // Takes the name of an open file away, if it still is its own: the file may have been moved, or deleted and the name
-// given to another. Some file systems call a file deleted that has only been looked up anew.
+// given to another. Some file systems call a file deleted that has only been looked up anew. A close does not fail for
+// want of memory, so nothing is allocated.
 static void UnlinkByIdentity(int a_iDescriptor)
 {
     static constexpr char g_szDeleted[] = " (deleted)";
@@ -210,11 +211,11 @@ static void UnlinkByIdentity(int a_iDescriptor)
     const ssize_t ssizetLength = readlink(szLink, szPath, sizeof szPath - 1);
     if (ssizetLength <= 0)
         return;
-    std::string strPath(szPath, static_cast<size_t>(ssizetLength));
-    if (UnlinkIfSame(strPath.c_str(), status) || !strPath.ends_with(g_szDeleted))
+    szPath[ssizetLength] = 0;
+    if (UnlinkIfSame(szPath, status) || !std::string_view(szPath).ends_with(g_szDeleted))
         return;
-    strPath.resize(strPath.size() - (sizeof g_szDeleted - 1));
-    UnlinkIfSame(strPath.c_str(), status);
+    szPath[static_cast<size_t>(ssizetLength) - (sizeof g_szDeleted - 1)] = 0;
+    UnlinkIfSame(szPath, status);
 }
 
 bool PosixCloseFile(PlatHandle a_plathandle)

@@ -1,8 +1,14 @@
 // plat_file_lock.cpp: byte locks, which belong to the open file and not to the process.
 #include "plat_posix_file.h"
 
+#include "plat_wait.h"
+
+#include <algorithm>
+#include <array>
+#include <atomic>
 #include <cerrno>
 #include <fcntl.h>
+#include <pthread.h>
 
 // Locks of bytes stay below the ranges that stand for share modes.
 static constexpr uint64_t g_u64Limit = uint64_t{1} << 61;
@@ -45,4 +51,51 @@ bool PlatFileUnlock(PlatHandle a_plathandle, uint64_t a_u64Offset, uint64_t a_u6
     struct flock flock;
     return MakeLock(a_plathandle, a_u64Offset, a_u64Length, F_UNLCK, flock) &&
            (fcntl(PosixDescriptorOf(a_plathandle), F_OFD_SETLK, &flock) == 0 || PosixFailErrno());
+}
+
+// ------------------------------------------------------------------------------------------------------ brief locks
+
+// The handles that hold one, or try to; 0 is a free place. That many threads at once are more than there are.
+static std::array<std::atomic<PlatHandle>, 64> g_aatomicBrief;
+
+static void DropInChild()
+{
+    for (std::atomic<PlatHandle>& atomicBrief : g_aatomicBrief)
+    {
+        if (const PlatHandle plathandle = atomicBrief.exchange(0))
+            close(PosixDescriptorOf(PosixRetire(plathandle)));
+    }
+}
+
+static bool ReplaceBrief(PlatHandle a_plathandleOld, PlatHandle a_plathandleNew)
+{
+    return std::any_of(g_aatomicBrief.begin(), g_aatomicBrief.end(), [&](std::atomic<PlatHandle>& a_atomicBrief) {
+        PlatHandle plathandleOld = a_plathandleOld;
+        return a_atomicBrief.compare_exchange_strong(plathandleOld, a_plathandleNew);
+    });
+}
+
+bool PlatFileLockBriefly(PlatHandle a_plathandle, uint64_t a_u64Offset, uint64_t a_u64Length,
+                         uint32_t a_u32Milliseconds)
+{
+    [[maybe_unused]] static const int g_iHooked = pthread_atfork(nullptr, nullptr, DropInChild);
+    const uint64_t u64End = PlatTicks() + a_u32Milliseconds;
+    for (;;)
+    {
+        const bool blPlace = ReplaceBrief(0, a_plathandle);
+        if (blPlace && PlatFileLock(a_plathandle, a_u64Offset, a_u64Length))
+            return true;
+        if (blPlace)
+            ReplaceBrief(a_plathandle, 0);
+        if ((blPlace && PlatGetLastError() != PLAT_ERROR_LOCK) || PlatTicks() >= u64End)
+            return blPlace ? false : PosixFail(PLAT_ERROR_LOCK);
+        PlatSleep(1);
+    }
+}
+
+bool PlatFileUnlockBriefly(PlatHandle a_plathandle, uint64_t a_u64Offset, uint64_t a_u64Length)
+{
+    const bool blUnlocked = PlatFileUnlock(a_plathandle, a_u64Offset, a_u64Length);
+    ReplaceBrief(a_plathandle, 0);
+    return blUnlocked;
 }

@@ -69,22 +69,50 @@ static thread_local GuardedView t_guardedview;
 static struct sigaction g_actionBefore;
 static uintptr_t g_uPage;
 
-// Puts an empty page where a touched one of the view has gone. Every other signal is for whoever had it before: one
-// that an instruction caused comes again as soon as this returns.
-static void FillGap(int a_iSignal, siginfo_t* a_psiginfo, void*)
+// Leaves a signal to whoever had it before, as if nobody had taken his place. He may return, jump away, or have left it
+// to the system: what an instruction caused comes again then, and ends the process.
+static void PassOn(int a_iSignal, siginfo_t* a_psiginfo, void* a_pvContext)
 {
+    const struct sigaction action = g_actionBefore;
+    const bool blSent = a_psiginfo->si_code <= 0;
+    if (blSent && action.sa_handler == SIG_IGN)
+        return;
+    if (action.sa_handler == SIG_DFL || action.sa_handler == SIG_IGN)
+    {
+        signal(a_iSignal, SIG_DFL);
+        if (blSent)
+            raise(a_iSignal);
+        return;
+    }
+    if (action.sa_flags & static_cast<int>(SA_RESETHAND))
+        g_actionBefore = {};
+    sigset_t sigsetBefore;
+    pthread_sigmask(SIG_BLOCK, &action.sa_mask, &sigsetBefore);
+    if (action.sa_flags & SA_SIGINFO)
+    {
+        action.sa_sigaction(a_iSignal, a_psiginfo, a_pvContext);
+    }
+    else
+    {
+        action.sa_handler(a_iSignal);
+    }
+    pthread_sigmask(SIG_SETMASK, &sigsetBefore, nullptr);
+}
+
+// Puts an empty page where a touched one of the view has gone.
+static void FillGap(int a_iSignal, siginfo_t* a_psiginfo, void* a_pvContext)
+{
+    const int iError = errno;
     const auto uAddress = reinterpret_cast<uintptr_t>(a_psiginfo->si_addr);
     const bool blSent = a_psiginfo->si_code <= 0;
     void* const pvPage = static_cast<char*>(a_psiginfo->si_addr) - uAddress % g_uPage;
-    if (!blSent && uAddress - t_guardedview.uBegin < t_guardedview.sizetView &&
-        mmap(pvPage, g_uPage, PROT_READ | PROT_WRITE, MAP_PRIVATE | MAP_ANONYMOUS | MAP_FIXED, -1, 0) != MAP_FAILED)
-    {
-        t_guardedview.blCut = true;
-        return;
-    }
-    sigaction(a_iSignal, &g_actionBefore, nullptr);
-    if (blSent)
-        raise(a_iSignal);
+    const bool blFilled =
+        !blSent && uAddress - t_guardedview.uBegin < t_guardedview.sizetView &&
+        mmap(pvPage, g_uPage, PROT_READ | PROT_WRITE, MAP_PRIVATE | MAP_ANONYMOUS | MAP_FIXED, -1, 0) != MAP_FAILED;
+    t_guardedview.blCut |= blFilled;
+    if (!blFilled)
+        PassOn(a_iSignal, a_psiginfo, a_pvContext);
+    errno = iError;
 }
 
 static bool InstallFillGap()
@@ -139,7 +167,7 @@ PlatHandle PlatMemoryFileOpen(uint64_t a_u64ProcessId, PlatHandle a_plathandleTh
     }
     char szLink[64];
     snprintf(szLink, sizeof szLink, "/proc/%llu/fd/%d", static_cast<unsigned long long>(a_u64ProcessId),
-             PosixDescriptorOf(a_plathandleTheirs));
+             PosixNumberOf(a_plathandleTheirs));
     char szTarget[PATH_MAX] = {};
     const bool blMemory =
         readlink(szLink, szTarget, sizeof szTarget - 1) > 0 && strstr(szTarget, "/memfd:") == szTarget;

@@ -72,6 +72,11 @@ bool PlatMemoryValidate()
     return true;
 }
 
+size_t PlatMemoryPageSize()
+{
+    return PageSize();
+}
+
 size_t PlatMemoryGranularity()
 {
     return PageSize();

@@ -1,4 +1,5 @@
-// plat_posix.cpp: the last error and its translator, text in both encodings, closing a handle of any kind.
+// plat_posix.cpp: the last error and its translator, text in both encodings, the generations of handles, closing one of
+// any kind.
 #include "plat_posix.h"
 
 #include <cerrno>
@@ -200,8 +201,32 @@ std::string_view PosixTake(std::string_view& a_strviewText, char a_chSeparator)
 
 // --------------------------------------------------------------------------------------------------------- close
 
+std::array<std::atomic<uint16_t>, POSIX_GENERATIONS> g_aatomicGeneration;
+
+int PosixFailStale()
+{
+    errno = EBADF;
+    PosixFailErrno();
+    return -1;
+}
+
+PlatHandle PosixRetire(PlatHandle a_plathandle)
+{
+    const auto sizetDescriptor = static_cast<size_t>(PosixNumberOf(a_plathandle));
+    if (PosixIsPointer(PosixKindOf(a_plathandle)) || sizetDescriptor >= POSIX_GENERATIONS)
+        return a_plathandle;
+    auto u16Generation = static_cast<uint16_t>(a_plathandle >> 32);
+    const auto u16Next = static_cast<uint16_t>(u16Generation + 1);
+    if (g_aatomicGeneration[sizetDescriptor].compare_exchange_strong(u16Generation, u16Next))
+        return (a_plathandle & ~(PlatHandle{0xFFFF} << 32)) | static_cast<PlatHandle>(u16Next) << 32;
+    PosixFailStale();
+    return PLAT_INVALID;
+}
+
 bool PlatClose(PlatHandle a_plathandle)
 {
+    if (PosixKindOf(a_plathandle) != PosixKind::None)
+        a_plathandle = PosixRetire(a_plathandle);
     switch (PosixKindOf(a_plathandle))
     {
     case PosixKind::NamedEventAuto:

@@ -4,6 +4,8 @@
 
 #include "plat_types.h"
 
+#include <array>
+#include <atomic>
 #include <cerrno>
 #include <mutex>
 #include <string>
@@ -11,8 +13,8 @@
 #include <unistd.h>
 #include <vector>
 
-// A handle carries what it is and a descriptor or a pointer, so that the layer needs no table of objects:
-// bits 48 to 55 hold the kind (never 0, never 0xFF), bits 0 to 47 the value.
+// A handle carries what it is and a descriptor or a pointer: bits 48 to 55 hold the kind (never 0, never 0xFF), bits 0
+// to 47 a pointer, or the descriptor (0 to 30) and its generation (32 to 47), and bits 56 to 63 what its kind adds.
 enum class PosixKind : uint32_t
 {
     None = 0,
@@ -38,6 +40,19 @@ enum class PosixKind : uint32_t
     User,          // pointer
 };
 
+// The system gives the number of a closed descriptor to the next opener, so that a handle which somebody kept would
+// mean a stranger's file. Each close of a handle therefore begins a new generation of its descriptor. Descriptors
+// beyond the table, which no usual limit allows, stay in their first.
+inline constexpr size_t POSIX_GENERATIONS = size_t{1} << 20;
+extern std::array<std::atomic<uint16_t>, POSIX_GENERATIONS> g_aatomicGeneration;
+
+inline uint16_t PosixGeneration(int a_iDescriptor)
+{
+    const auto sizetDescriptor = static_cast<size_t>(a_iDescriptor);
+    return sizetDescriptor < POSIX_GENERATIONS ? g_aatomicGeneration[sizetDescriptor].load(std::memory_order_relaxed)
+                                               : uint16_t{0};
+}
+
 constexpr PlatHandle PosixMakeHandle(PosixKind a_posixkind, uint64_t a_u64Value)
 {
     return (static_cast<uint64_t>(a_posixkind) << 48) | a_u64Value;
@@ -45,7 +60,8 @@ constexpr PlatHandle PosixMakeHandle(PosixKind a_posixkind, uint64_t a_u64Value)
 
 inline PlatHandle PosixMakeHandle(PosixKind a_posixkind, int a_iDescriptor)
 {
-    return PosixMakeHandle(a_posixkind, static_cast<uint64_t>(a_iDescriptor));
+    return PosixMakeHandle(a_posixkind, static_cast<uint64_t>(PosixGeneration(a_iDescriptor)) << 32 |
+                                            static_cast<uint64_t>(a_iDescriptor));
 }
 
 inline PlatHandle PosixMakeHandle(PosixKind a_posixkind, const void* a_pvObject)
@@ -58,10 +74,25 @@ constexpr PosixKind PosixKindOf(PlatHandle a_plathandle)
     return a_plathandle == PLAT_INVALID ? PosixKind::None : static_cast<PosixKind>((a_plathandle >> 48) & 0xFF);
 }
 
-constexpr int PosixDescriptorOf(PlatHandle a_plathandle)
+// The number alone, also of a handle of another process.
+constexpr int PosixNumberOf(PlatHandle a_plathandle)
 {
     return static_cast<int>(a_plathandle & 0x7FFFFFFF);
 }
+
+int PosixFailStale();   // -1, with error 6 and EBADF
+
+// The descriptor of an open handle; -1, with the last error 6, of one that was closed.
+inline int PosixDescriptorOf(PlatHandle a_plathandle)
+{
+    const int iDescriptor = PosixNumberOf(a_plathandle);
+    const bool blCurrent = PosixGeneration(iDescriptor) == static_cast<uint16_t>(a_plathandle >> 32);
+    return blCurrent ? iDescriptor : PosixFailStale();
+}
+
+// Begins the next generation of a handle's descriptor: the handle that is returned means it until it is closed, every
+// other one nothing. PLAT_INVALID, with the last error 6, for a handle that was closed. Pointers stay what they are.
+PlatHandle PosixRetire(PlatHandle a_plathandle);
 
 template <class Object>
 Object* PosixObjectOf(PlatHandle a_plathandle)
@@ -147,6 +178,7 @@ bool PosixDrainEvent(int a_iEvent);
 
 // Opens or makes an event with a name. -1, with the last error, on failure.
 int PosixOpenNamedEvent(const char16_t* a_wszName, bool* a_pblExisted);
+PlatHandle PosixNamedEventOwner();   // what its handle carries beside the descriptor
 
 // The descriptor that can be read once a child has ended.
 int PosixChildDescriptor(PlatHandle a_plathandle);

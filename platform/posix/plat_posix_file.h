@@ -10,9 +10,9 @@
 
 // What a file handle carries beside its descriptor. A descriptor may be open for more than its handle is for,
 // because the locks need it; the handle says what was asked for.
-inline constexpr PlatHandle POSIX_FILE_READ = PlatHandle{1} << 40;
-inline constexpr PlatHandle POSIX_FILE_WRITE = PlatHandle{1} << 41;
-inline constexpr PlatHandle POSIX_FILE_EXCLUSIVE = PlatHandle{1} << 42;   // it holds a lock that refuses others
+inline constexpr PlatHandle POSIX_FILE_READ = PlatHandle{1} << 56;
+inline constexpr PlatHandle POSIX_FILE_WRITE = PlatHandle{1} << 57;
+inline constexpr PlatHandle POSIX_FILE_EXCLUSIVE = PlatHandle{1} << 58;   // it holds a lock that refuses others
 
 // The descriptor of a file that was opened for all of a_plathandleAccess (POSIX_FILE_READ, POSIX_FILE_WRITE); -1 with
 // the last error otherwise.

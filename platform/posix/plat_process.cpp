@@ -19,6 +19,7 @@
 #include <new>
 #include <poll.h>
 #include <sched.h>
+#include <sys/ioctl.h>
 #include <sys/prctl.h>
 #include <sys/resource.h>
 #include <sys/syscall.h>
@@ -203,6 +204,46 @@ static void ResetSignals()
     syscall(SYS_rt_sigprocmask, SIG_SETMASK, &u64None, nullptr, sizeof u64None);
 }
 
+// As the kernel writes an entry of a folder.
+struct KernelEntry
+{
+    uint64_t u64Inode;
+    int64_t i64Next;
+    uint16_t u16Size;
+    uint8_t u8Type;
+    char szName[1];
+};
+
+// The number that the whole text is, -1 for another text.
+static int NumberOf(const char* a_sz)
+{
+    int iNumber = *a_sz ? 0 : g_iNone;
+    for (; iNumber >= 0 && *a_sz; ++a_sz)
+        iNumber = *a_sz >= '0' && *a_sz <= '9' ? iNumber * 10 + (*a_sz - '0') : g_iNone;
+    return iNumber;
+}
+
+// One by one, on a system that cannot close them at once or is kept from it. The folder itself closes with the program.
+static bool CloseListed()
+{
+    const auto iFolder =
+        static_cast<int>(syscall(SYS_openat, AT_FDCWD, "/proc/self/fd", O_RDONLY | O_DIRECTORY | O_CLOEXEC));
+    if (iFolder < 0)
+        return false;
+    alignas(KernelEntry) char achEntries[4096];
+    long lBytes;
+    while ((lBytes = syscall(SYS_getdents64, iFolder, achEntries, sizeof achEntries)) > 0)
+    {
+        for (long l = 0; l < lBytes; l += reinterpret_cast<const KernelEntry*>(achEntries + l)->u16Size)
+        {
+            const int iDescriptor = NumberOf(reinterpret_cast<const KernelEntry*>(achEntries + l)->szName);
+            if (iDescriptor > 2 && iDescriptor != iFolder)
+                syscall(SYS_close, iDescriptor);
+        }
+    }
+    return lBytes == 0;
+}
+
 // Descriptors 0, 1 and 2 are the streams and nothing else is open. The streams are first moved out of the way, since
 // one of them may be 0, 1 or 2 itself.
 static bool PlaceStreams(const int* a_aiStream)
@@ -219,8 +260,7 @@ static bool PlaceStreams(const int* a_aiStream)
         if (syscall(SYS_dup3, aiMoved[i], i, 0) < 0)
             return false;
     }
-    syscall(SYS_close_range, 3u, ~0u, 0u);
-    return true;
+    return syscall(SYS_close_range, 3u, ~0u, 0u) == 0 || CloseListed();
 }
 
 // For this process alone: the C library would change every thread of the parent.
@@ -272,29 +312,67 @@ struct PosixChild
 };
 }   // namespace
 
-static bool HasEnded(int a_iProcess, siginfo_t* a_psiginfo)
+static uint32_t CodeOf(bool a_blBySignal, int a_iStatus, const PosixChild& a_posixchild)
 {
-    const int iResult =
-        PosixRetry([&] { return waitid(P_PIDFD, static_cast<id_t>(a_iProcess), a_psiginfo, WEXITED | WNOHANG); });
-    return iResult != 0 || a_psiginfo->si_pid != 0;   // no such child: the kernel was told to forget it by itself
+    if (a_blBySignal && a_iStatus == SIGKILL && a_posixchild.blTerminated)
+        return a_posixchild.u32TerminateCode;
+    return static_cast<uint32_t>(a_blBySignal ? 128 + a_iStatus : a_iStatus);
 }
 
-static uint32_t CodeOf(const siginfo_t& a_siginfo, const PosixChild& a_posixchild)
+// The kernel's record of a process, in its first form; not in the headers of this system yet.
+struct KernelProcess
 {
-    const auto u32Status = static_cast<uint32_t>(a_siginfo.si_status);
-    const bool blBySignal = a_siginfo.si_pid != 0 && a_siginfo.si_code != CLD_EXITED;
-    if (blBySignal && a_siginfo.si_status == SIGKILL && a_posixchild.blTerminated)
-        return a_posixchild.u32TerminateCode;
-    return blBySignal ? 128 + u32Status : u32Status;
+    uint64_t u64Mask;
+    uint64_t u64Group;
+    uint32_t au32Ids[11];
+    int32_t i32Status;   // as wait() has it
+};
+
+// The code of a child that somebody else has asked for: an application that reaps all there is, or wants none kept.
+// Newer kernels remember it as long as the process is held. It may have gone an instant before that is written.
+static uint32_t CodeOfReaped(const PosixChild& a_posixchild)
+{
+    constexpr uint64_t u64WantStatus = 8;
+    constexpr unsigned long ulGetInfo = _IOWR(0xFF, 11, KernelProcess);
+    constexpr int iTries = 1000;
+    for (int i = 0; i < iTries; ++i)
+    {
+        KernelProcess kernelprocess{};
+        kernelprocess.u64Mask = u64WantStatus;
+        if (ioctl(a_posixchild.iProcess, ulGetInfo, &kernelprocess) != 0 && errno != ESRCH)
+            break;
+        const int iStatus = kernelprocess.i32Status;
+        const bool blExited = WIFEXITED(iStatus);
+        if (kernelprocess.u64Mask & u64WantStatus)
+            return CodeOf(!blExited, blExited ? WEXITSTATUS(iStatus) : WTERMSIG(iStatus), a_posixchild);
+        sched_yield();
+    }
+    return PLAT_EXITCODEUNKNOWN;
+}
+
+static bool IsReady(int a_iProcess)
+{
+    pollfd pollfdProcess{a_iProcess, POLLIN, 0};
+    return PosixRetry([&] { return poll(&pollfdProcess, 1, 0); }) > 0;
 }
 
 // Asks for the exit code, once. The caller holds the child's lock.
 static bool AskForEnd(PosixChild* a_pposixchild)
 {
+    const auto process = static_cast<id_t>(a_pposixchild->iProcess);
     siginfo_t siginfo{};
-    if (a_pposixchild->blEnded || !HasEnded(a_pposixchild->iProcess, &siginfo))
+    if (a_pposixchild->blEnded)
+        return true;
+    if (PosixRetry([&] { return waitid(P_PIDFD, process, &siginfo, WEXITED | WNOHANG); }) == 0)
+    {
+        a_pposixchild->blEnded = siginfo.si_pid != 0;
+        a_pposixchild->u32ExitCode = CodeOf(siginfo.si_code != CLD_EXITED, siginfo.si_status, *a_pposixchild);
         return a_pposixchild->blEnded;
-    a_pposixchild->u32ExitCode = CodeOf(siginfo, *a_pposixchild);
+    }
+    // Not a child of ours, or not any more.
+    if (!IsReady(a_pposixchild->iProcess))
+        return false;
+    a_pposixchild->u32ExitCode = CodeOfReaped(*a_pposixchild);
     a_pposixchild->blEnded = true;
     return true;
 }

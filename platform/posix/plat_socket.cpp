@@ -101,6 +101,17 @@ PlatHandle PlatSocketAccept(PlatHandle a_plathandle, PlatAddress* a_pplataddress
     }
 }
 
+// The port that the system chooses for a socket may be the one that it is to reach, and where nobody listens it is then
+// connected to itself. It is shut down, so that the first write finds nobody, as after a refusal.
+static void RefuseItself(int a_iSocket, const sockaddr_in& a_address)
+{
+    sockaddr_in addressOwn = {};
+    socklen_t socklen = sizeof addressOwn;
+    if (getsockname(a_iSocket, reinterpret_cast<sockaddr*>(&addressOwn), &socklen) == 0 &&
+        addressOwn.sin_port == a_address.sin_port && addressOwn.sin_addr.s_addr == a_address.sin_addr.s_addr)
+        shutdown(a_iSocket, SHUT_RDWR);
+}
+
 bool PlatSocketConnect(PlatHandle a_plathandle, const PlatAddress* a_pplataddress)
 {
     const int iSocket = SocketOf(a_plathandle);
@@ -109,7 +120,11 @@ bool PlatSocketConnect(PlatHandle a_plathandle, const PlatAddress* a_pplataddres
     if (a_pplataddress->u16Port == 0)
         return PosixFail(PLAT_ERROR_ADDRNOTAVAIL);
     const sockaddr_in address = ToSystem(*a_pplataddress);
-    if (connect(iSocket, reinterpret_cast<const sockaddr*>(&address), sizeof address) == 0)
+    const bool blConnected = connect(iSocket, reinterpret_cast<const sockaddr*>(&address), sizeof address) == 0;
+    const int iError = errno;
+    RefuseItself(iSocket, address);
+    errno = iError;
+    if (blConnected)
         return true;
     // On the own machine the refusal may be there before the call returns. The socket reports it from then on.
     if (errno == ECONNREFUSED || errno == EINTR)

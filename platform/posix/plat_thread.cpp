@@ -1,10 +1,12 @@
 // plat_thread.cpp: threads, their ends, and where they run.
 //
 // A handle points to an object that the thread and the handle share; who comes last frees it. The system's own thread
-// is joined exactly once, by whoever first sees that it has ended, or detached when the handle goes before.
+// is joined exactly once, by whoever first sees that it has ended, or detached when the handle goes before. Nobody
+// waits with a lock held.
 #include "plat_thread.h"
 #include "plat_posix.h"
 #include "plat_system.h"
+#include "plat_wait.h"
 
 #include <atomic>
 #include <cerrno>
@@ -27,12 +29,12 @@ struct PosixThread
     PlatThreadProc platthreadproc = nullptr;
     void* pvArgument = nullptr;
     pthread_t pthread = 0;
-    std::atomic<int> iThreadId{0};   // set by the thread, which whoever wants it waits for
+    std::atomic<int> iThreadId{0};   // set by the thread once it can be terminated
     std::atomic<uint32_t> u32ExitCode{0};
     std::atomic<uint32_t> u32TerminateCode{0};
     std::atomic<bool> blTerminate{false};
     std::atomic<bool> blOneHasLeft{false};   // the thread or the handle
-    std::mutex mutex;                        // of the join
+    std::mutex mutex;                        // of the join, which is tried and never waited for
     bool blJoined = false;
 };
 
@@ -50,27 +52,57 @@ static constexpr bool g_blThreadSanitizer = false;
 #endif
 
 static thread_local PosixThread* t_pposixthread = nullptr;
+static thread_local std::atomic<uint32_t> t_u32Deferrals{0};   // the thread's own; a signal handler reads it
 
-// The thread and the handle leave once each. True for the second.
-static bool Leave(PosixThread* a_pposixthread)
+// The thread and the handle leave once each, and who comes second frees the object.
+static void Leave(PosixThread* a_pposixthread)
 {
-    return a_pposixthread->blOneHasLeft.exchange(true, std::memory_order_acq_rel);
+    if (a_pposixthread->blOneHasLeft.exchange(true, std::memory_order_acq_rel))
+        delete a_pposixthread;
+}
+
+// The thread's part of the object lasts until its own objects are destroyed: meanwhile it may still be terminated, and
+// may still put that off.
+static void Register(PosixThread* a_pposixthread)
+{
+    static const pthread_key_t g_key = [] {
+        pthread_key_t key = 0;
+        pthread_key_create(&key, [](void* a_pvThread) {
+            t_pposixthread = nullptr;
+            std::atomic_signal_fence(std::memory_order_seq_cst);
+            Leave(static_cast<PosixThread*>(a_pvThread));
+        });
+        return key;
+    }();
+    t_pposixthread = a_pposixthread;
+    pthread_setspecific(g_key, a_pposixthread);
 }
 
 // ---------------------------------------------------------------------------------------------- ended from outside
 
 // Runs on the thread that is to end: nothing of it is unwound, and the kernel tells the joining thread. Its slots are
-// emptied, for the C library hands the stack on to a later thread with what is left in them.
+// emptied, for the C library hands the stack on to a later thread with what is left in them. The object stays when the
+// handle has gone before: here nothing can be freed.
 static void EndHere(int)
 {
     PosixThread* pposixthread = t_pposixthread;
-    if (!pposixthread || !pposixthread->blTerminate)
+    if (!pposixthread || !pposixthread->blTerminate || t_u32Deferrals.load(std::memory_order_relaxed) > 0)
         return;
-    if (!pposixthread->blOneHasLeft.exchange(true))
-        pposixthread->u32ExitCode = pposixthread->u32TerminateCode.load();
+    pposixthread->u32ExitCode = pposixthread->u32TerminateCode.load();
+    pposixthread->blOneHasLeft = true;
     for (pthread_key_t key = 0; key < PTHREAD_KEYS_MAX; ++key)
         pthread_setspecific(key, nullptr);
     syscall(SYS_exit, 0);
+}
+
+void PlatThreadDefer(bool a_blDefer)
+{
+    const uint32_t u32Deferrals = t_u32Deferrals.load(std::memory_order_relaxed);
+    std::atomic_signal_fence(std::memory_order_seq_cst);
+    t_u32Deferrals.store(a_blDefer ? u32Deferrals + 1 : u32Deferrals - 1, std::memory_order_relaxed);
+    std::atomic_signal_fence(std::memory_order_seq_cst);
+    if (!a_blDefer && u32Deferrals == 1 && t_pposixthread)
+        EndHere(0);   // if it is wanted; else the signal is still to come
 }
 
 // The signal that has a thread run EndHere; its handler is there from the first use on.
@@ -113,15 +145,19 @@ static uint32_t CallProcedure(const PosixThread* a_pposixthread)
 static void* RunThread(void* a_pvThread)
 {
     auto* pposixthread = static_cast<PosixThread*>(a_pvThread);
-    t_pposixthread = pposixthread;
+    Register(pposixthread);
     AllowTermination();
     pposixthread->iThreadId.store(static_cast<int>(PlatThreadId()), std::memory_order_release);
     pposixthread->iThreadId.notify_one();
-
     pposixthread->u32ExitCode = CallProcedure(pposixthread);
-    if (Leave(pposixthread))
-        delete pposixthread;
     return nullptr;
+}
+
+// Whoever has the handle has it after this, so no request to end can come before the thread knows itself.
+static uint64_t WaitUntilItRuns(PosixThread* a_pposixthread)
+{
+    a_pposixthread->iThreadId.wait(0, std::memory_order_acquire);
+    return static_cast<uint64_t>(a_pposixthread->iThreadId.load(std::memory_order_relaxed));
 }
 
 PlatHandle PlatThreadBegin(PlatThreadProc a_platthreadproc, void* a_pvArgument, uint64_t* a_pu64Id)
@@ -147,11 +183,9 @@ PlatHandle PlatThreadBegin(PlatThreadProc a_platthreadproc, void* a_pvArgument, 
         return PLAT_INVALID;
     }
     PosixThread* pposixthread = uniqueThread.release();
+    const uint64_t u64Id = WaitUntilItRuns(pposixthread);
     if (a_pu64Id)
-    {
-        pposixthread->iThreadId.wait(0, std::memory_order_acquire);
-        *a_pu64Id = static_cast<uint64_t>(pposixthread->iThreadId.load());
-    }
+        *a_pu64Id = u64Id;
     return PosixMakeHandle(PosixKind::Thread, pposixthread);
 }
 
@@ -170,28 +204,48 @@ static PosixThread* ThreadOf(PlatHandle a_plathandle)
     return nullptr;
 }
 
+// The thread sanitizer keeps a book of its own and would wait for ever for a thread that ended without its knowledge.
+static bool Join(const PosixThread& a_posixthread)
+{
+    if (!g_blThreadSanitizer || !a_posixthread.blTerminate)
+        return pthread_tryjoin_np(a_posixthread.pthread, nullptr) == 0;
+    return !PlatThreadIsAlive(static_cast<uint64_t>(a_posixthread.iThreadId)) &&
+           pthread_detach(a_posixthread.pthread) == 0;
+}
+
+// Only the join tells that the thread is past all code of ours: objects that belong to it are destroyed after its
+// procedure. The caller holds the lock.
+static bool HasEnded(PosixThread& a_posixthread)
+{
+    a_posixthread.blJoined = a_posixthread.blJoined || Join(a_posixthread);
+    return a_posixthread.blJoined;
+}
+
+static bool HasEndedNow(PosixThread& a_posixthread)
+{
+    const std::lock_guard<std::mutex> guard(a_posixthread.mutex);
+    return HasEnded(a_posixthread);
+}
+
 bool PlatThreadExitCode(PlatHandle a_plathandle, uint32_t* a_pu32ExitCode)
 {
     PosixThread* pposixthread = ThreadOf(a_plathandle);
     if (!pposixthread)
         return false;
-    // Only the join tells that the thread is past all code of ours: objects that belong to it are destroyed after
-    // its procedure.
-    const std::lock_guard<std::mutex> guard(pposixthread->mutex);
-    if (!pposixthread->blJoined)
-        pposixthread->blJoined = pthread_tryjoin_np(pposixthread->pthread, nullptr) == 0;
-    *a_pu32ExitCode = pposixthread->blJoined ? pposixthread->u32ExitCode.load() : PLAT_STILLACTIVE;
+    *a_pu32ExitCode = HasEndedNow(*pposixthread) ? pposixthread->u32ExitCode.load() : PLAT_STILLACTIVE;
     return true;
 }
 
-// The thread sanitizer keeps a book of its own and would wait for ever for a thread that ended without its knowledge.
-static bool JoinTerminated(const PosixThread* a_pposixthread)
+// False when it has ended already. By its number, which is no danger when it is another thread's by now.
+static bool AskToEnd(PosixThread& a_posixthread, uint32_t a_u32ExitCode)
 {
-    if (!g_blThreadSanitizer)
-        return pthread_join(a_pposixthread->pthread, nullptr) == 0;
-    while (PlatThreadIsAlive(static_cast<uint64_t>(a_pposixthread->iThreadId)))
-        sched_yield();
-    return pthread_detach(a_pposixthread->pthread) == 0;
+    const std::lock_guard<std::mutex> guard(a_posixthread.mutex);
+    if (HasEnded(a_posixthread))
+        return false;
+    a_posixthread.u32TerminateCode = a_u32ExitCode;
+    a_posixthread.blTerminate = true;
+    syscall(SYS_tgkill, getpid(), a_posixthread.iThreadId.load(), TerminateSignal());
+    return true;
 }
 
 bool PlatThreadTerminate(PlatHandle a_plathandle, uint32_t a_u32ExitCode)
@@ -201,15 +255,18 @@ bool PlatThreadTerminate(PlatHandle a_plathandle, uint32_t a_u32ExitCode)
         return false;
     if (pposixthread == t_pposixthread)
         return PosixFail(PLAT_ERROR_INVALIDPARAMETER);
-
-    const std::lock_guard<std::mutex> guard(pposixthread->mutex);
-    if (pposixthread->blJoined)
+    if (!AskToEnd(*pposixthread, a_u32ExitCode))
         return true;
-    pposixthread->u32TerminateCode = a_u32ExitCode;
-    pposixthread->blTerminate = true;
-    pthread_kill(pposixthread->pthread, TerminateSignal());
-    pposixthread->blJoined = JoinTerminated(pposixthread);
-    return pposixthread->blJoined || PosixFail(PLAT_ERROR_INVALIDHANDLE);
+
+    const uint64_t u64Start = PlatTicks();
+    while (!HasEndedNow(*pposixthread))
+    {
+        const uint64_t u64Waited = PlatTicks() - u64Start;
+        if (u64Waited > PLAT_TERMINATEWAIT)
+            return PosixFail(PLAT_ERROR_TIMEDOUT);
+        PlatSleep(u64Waited < 2 ? 0 : 1);
+    }
+    return true;
 }
 
 bool PosixCloseThread(PlatHandle a_plathandle)
@@ -217,18 +274,26 @@ bool PosixCloseThread(PlatHandle a_plathandle)
     PosixThread* pposixthread = ThreadOf(a_plathandle);
     if (!pposixthread)
         return false;
-    if (!pposixthread->blJoined)
-        pthread_detach(pposixthread->pthread);
-    if (Leave(pposixthread))
-        delete pposixthread;
+    {
+        const std::lock_guard<std::mutex> guard(pposixthread->mutex);
+        if (!HasEnded(*pposixthread))
+            pthread_detach(pposixthread->pthread);
+    }
+    Leave(pposixthread);
     return true;
 }
 
 // ------------------------------------------------------------------------------------------------------- who am I
 
+static thread_local uint64_t t_u64ThreadId = 0;   // 0: to be asked
+
+// The thread that a fork leaves in the child is another one.
+[[maybe_unused]] static const int g_iForkHook = pthread_atfork(nullptr, nullptr, [] { t_u64ThreadId = 0; });
+
 uint64_t PlatThreadId()
 {
-    static thread_local const uint64_t t_u64ThreadId = static_cast<uint64_t>(syscall(SYS_gettid));
+    if (t_u64ThreadId == 0)
+        t_u64ThreadId = static_cast<uint64_t>(syscall(SYS_gettid));
     return t_u64ThreadId;
 }
 

@@ -45,7 +45,8 @@ PlatHandle PlatEventCreate(PlatReset a_platreset, const char16_t* a_wszName)
     }
     PlatSetLastError(blExisted ? PLAT_ERROR_ALREADYEXISTS : PLAT_ERROR_NONE);
     if (a_wszName)
-        return PosixMakeHandle(blAuto ? PosixKind::NamedEventAuto : PosixKind::NamedEventManual, iEvent);
+        return PosixMakeHandle(blAuto ? PosixKind::NamedEventAuto : PosixKind::NamedEventManual, iEvent) |
+               PosixNamedEventOwner();
     return PosixMakeHandle(blAuto ? PosixKind::EventAuto : PosixKind::EventManual, iEvent);
 }
 
@@ -156,12 +157,16 @@ static int WaitDescriptor(PlatHandle a_plathandle)
     }
 }
 
+static bool IsAutoEvent(PosixKind a_posixkind)
+{
+    return a_posixkind == PosixKind::EventAuto || a_posixkind == PosixKind::NamedEventAuto;
+}
+
 // Takes what a wait takes from a handle that is ready. False when another waiter was faster.
 static bool Consume(PlatHandle a_plathandle)
 {
     const PosixKind posixkind = PosixKindOf(a_plathandle);
-    const bool blAuto = posixkind == PosixKind::EventAuto || posixkind == PosixKind::NamedEventAuto;
-    if (blAuto && !PosixDrainEvent(PosixDescriptorOf(a_plathandle)))
+    if (IsAutoEvent(posixkind) && !PosixDrainEvent(PosixDescriptorOf(a_plathandle)))
         return false;
     if (IsEvent(posixkind))
         static_cast<void>(OrderOf(a_plathandle).load(std::memory_order_acquire));
@@ -204,6 +209,15 @@ uint32_t PlatWaitAny(const PlatHandle* a_aplathandle, uint32_t a_u32Count, uint3
             PlatSetLastError(PLAT_ERROR_INVALIDHANDLE);
             return PLAT_WAIT_FAILED;
         }
+    }
+
+    // One event alone can be taken without asking first.
+    if (a_u32Count == 1 && IsAutoEvent(PosixKindOf(*a_aplathandle)))
+    {
+        if (Consume(*a_aplathandle))
+            return 0;
+        if (errno == EAGAIN && a_u32Milliseconds == 0)
+            return PLAT_WAIT_TIMEOUT;
     }
 
     Deadline deadline(a_u32Milliseconds);

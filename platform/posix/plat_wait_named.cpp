@@ -1,29 +1,46 @@
 // plat_wait_named.cpp: events with a name.
 //
-// A named event is a FIFO in a folder that every user of the machine shares. It exists as long as somebody holds a
-// shared lock on it, which every opener does and which the kernel takes back from a process that was killed. The
-// exclusive lock, taken without waiting, tells an opener that it is the first and a closer that it is the last.
-// Whoever holds a lock looks whether the path still names the FIFO, for the last closer unlinks it.
+// A named event is a FIFO in a folder that every user of the machine may make names in: root's own, sticky /dev/shm, or
+// the folder that MVR_EVENTROOT names, which must be root's or ours. It exists as long as somebody holds a shared lock
+// on it, which every opener does and which the kernel takes back from a process that was killed. The exclusive lock,
+// taken without waiting, tells an opener that it is the first and a closer that it is the last. Whoever holds a lock
+// looks whether the name still means the FIFO, for the last closer unlinks it.
 //
 // A FIFO without a holder is a leftover: it holds no signal, since the kernel drops its bytes with the last
 // descriptor, and the next opener takes it over as if it had made it.
+//
+// Others may write to the folder. So nothing in it is ever changed by its name: it is opened without following a link,
+// looked at and changed as what is open, and found again by the open folder.
 #include "plat_posix.h"
+#include "plat_posix_file.h"
+#include "plat_system.h"
 #include "plat_wait.h"
 
 #include <atomic>
 #include <cerrno>
+#include <cinttypes>
 #include <cstdio>
 #include <cstring>
 #include <fcntl.h>
 #include <limits.h>
+#include <pthread.h>
 #include <sys/file.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
-// ---------------------------------------------------------------------------------------------------------- paths
+// The longest wait for a lock, which others hold for a few system calls.
+static constexpr uint32_t g_u32LockTimeout = 2000;
 
-// A component of a path holds 255 bytes; a longer name goes on in a folder whose name ends in "+".
-static constexpr size_t g_sizetComponent = 200;
+static constexpr mode_t g_modeEvent = 0666;     // every user may open it
+static constexpr mode_t g_modeFolder = 01777;   // and make names, of which each is its maker's
+
+// ---------------------------------------------------------------------------------------------------------- names
+
+static constexpr char g_szPrefix[] = "mvr.event.";
+
+// The name of a file holds 255 bytes; of a longer name, what follows is told by a hash. It keeps names apart that
+// nobody has made alike on purpose, who could as well use the same name.
+static constexpr size_t g_sizetReadable = 200;
 
 static bool IsPlain(char a_ch)
 {
@@ -31,168 +48,243 @@ static bool IsPlain(char a_ch)
            a_ch == '_' || a_ch == '-' || (a_ch & 0x80) != 0;
 }
 
+static uint64_t HashOf(const std::string& a_strText)
+{
+    uint64_t u64Hash = 14695981039346656037u;   // FNV-1a
+    for (const char ch : a_strText)
+        u64Hash = (u64Hash ^ static_cast<unsigned char>(ch)) * 1099511628211u;
+    return u64Hash;
+}
+
 // Any text as the name of a file, and different texts as different names: of ASCII, what is neither letter, digit,
 // "_" nor "-" is written as "%" and two digits.
 static std::string FileNameOf(const std::string& a_strName)
 {
-    std::string strFile;
-    size_t sizetComponent = 0;
+    std::string strFile = g_szPrefix;
     for (const char ch : a_strName)
     {
-        if (sizetComponent >= g_sizetComponent)
+        if (strFile.size() >= g_sizetReadable)
         {
-            strFile += "+/";
-            sizetComponent = 0;
+            char szHash[24];
+            snprintf(szHash, sizeof szHash, "+%016" PRIx64, HashOf(a_strName));
+            return strFile + szHash;
         }
         char szEscaped[4] = {ch};
         if (!IsPlain(ch))
             snprintf(szEscaped, sizeof szEscaped, "%%%02X", static_cast<unsigned char>(ch));
         strFile += szEscaped;
-        sizetComponent += strlen(szEscaped);
     }
     return strFile;
 }
 
-static std::string Root()
+// ------------------------------------------------------------------------------------------------------ the folder
+
+// Opens a folder of events, if it is root's or ours. -1 with the last error otherwise.
+static int OpenFolder(const std::string& a_strFolder)
+{
+    PosixDescriptor posixdescriptor(open(a_strFolder.c_str(), O_RDONLY | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC));
+    struct stat status = {};
+    if (!posixdescriptor.IsOpen() || fstat(posixdescriptor.Get(), &status) != 0)
+    {
+        PosixFailErrno();
+        return -1;
+    }
+    if (status.st_uid != 0 && status.st_uid != geteuid())
+    {
+        PosixFail(PLAT_ERROR_ACCESSDENIED);
+        return -1;
+    }
+    return posixdescriptor.Release();
+}
+
+// Makes the folder that MVR_EVENTROOT names, with those above it.
+static int MakeFolder(const std::string& a_strFolder)
+{
+    for (size_t sizetEnd = a_strFolder.find('/', 1); sizetEnd != std::string::npos;
+         sizetEnd = a_strFolder.find('/', sizetEnd + 1))
+        mkdir(a_strFolder.substr(0, sizetEnd).c_str(), 0777);
+    const bool blMade = mkdir(a_strFolder.c_str(), 0777) == 0;
+    const int iFolder = OpenFolder(a_strFolder);
+    if (blMade && iFolder >= 0)
+        fchmod(iFolder, g_modeFolder);   // the process's umask has taken from it
+    return iFolder;
+}
+
+static int OpenRoot()
 {
     std::string strRoot;
-    return PosixEnvGet("MVR_EVENTROOT", strRoot) ? strRoot : "/dev/shm/mvr.events";
+    if (!PosixEnvGet("MVR_EVENTROOT", strRoot))
+        return OpenFolder("/dev/shm");
+    PosixTrimPath(strRoot);
+    const int iFolder = OpenFolder(strRoot);
+    return iFolder >= 0 || PlatGetLastError() != PLAT_ERROR_FILENOTFOUND ? iFolder : MakeFolder(strRoot);
 }
 
-static bool PathOf(const char16_t* a_wszName, std::string& a_strPath)
+// ---------------------------------------------------------------------------------------------------------- the FIFO
+
+static std::string LinkOf(int a_iDescriptor)
 {
-    std::string strName;
-    if (!PosixToUtf8(a_wszName, strName))
-        return false;
-    if (strName.empty())
-        return PosixFail(PLAT_ERROR_INVALIDNAME);
-    a_strPath = Root() + "/" + FileNameOf(strName);
-    return a_strPath.size() < PATH_MAX || PosixFail(PLAT_ERROR_INVALIDNAME);
+    return "/proc/self/fd/" + std::to_string(a_iDescriptor);
 }
 
-// Makes the folders above a path; from the root of the events on, they are open to everybody like the FIFO in them.
-static bool MakeFolders(const std::string& a_strPath)
+// Opens for everybody what this process has just made under that name, and gives it its own, unless that is taken.
+static bool Publish(int a_iFolder, const std::string& a_strMade, const std::string& a_strName)
 {
-    const size_t sizetRoot = Root().size();
-    for (size_t sizetEnd = a_strPath.find('/', 1); sizetEnd != std::string::npos;
-         sizetEnd = a_strPath.find('/', sizetEnd + 1))
-    {
-        const std::string strFolder = a_strPath.substr(0, sizetEnd);
-        const bool blMade = mkdir(strFolder.c_str(), 0777) == 0;
-        if (!blMade && errno != EEXIST)
-            return PosixFailErrno();
-        if (blMade && sizetEnd >= sizetRoot && chmod(strFolder.c_str(), 01777) != 0)
-            return PosixFailErrno();
-    }
-    return true;
+    const PosixDescriptor posixdescriptor(openat(a_iFolder, a_strMade.c_str(), O_PATH | O_NOFOLLOW | O_CLOEXEC));
+    struct stat status = {};
+    if (!posixdescriptor.IsOpen() || fstat(posixdescriptor.Get(), &status) != 0)
+        return PosixFailErrno();
+    if (!S_ISFIFO(status.st_mode) || status.st_uid != geteuid())
+        return PosixFail(PLAT_ERROR_ACCESSDENIED);
+    const std::string strLink = LinkOf(posixdescriptor.Get());
+    return (chmod(strLink.c_str(), g_modeEvent) == 0 &&   // the umask again
+            (linkat(AT_FDCWD, strLink.c_str(), a_iFolder, a_strName.c_str(), AT_SYMLINK_FOLLOW) == 0 ||
+             errno == EEXIST)) ||
+           PosixFailErrno();
 }
 
-// Puts a FIFO at the path, unless there is one already. It is made under another name, so that nobody finds it
-// before everybody may open it.
-static bool MakeFifo(const std::string& a_strPath)
+// Makes a FIFO of the name, unless there is one already. It is made under another name, so that nobody finds it before
+// everybody may open it.
+static bool MakeFifo(int a_iFolder, const std::string& a_strName)
 {
     static std::atomic<uint32_t> g_u32Made{0};
-    const std::string strFolder = a_strPath.substr(0, a_strPath.rfind('/') + 1);
     std::string strMade;
     do
     {
-        strMade = strFolder + "." + std::to_string(getpid()) + "." + std::to_string(++g_u32Made);
-    } while (mkfifo(strMade.c_str(), 0666) != 0 && errno == EEXIST);
-
-    const bool blMade = chmod(strMade.c_str(), 0666) == 0 &&   // the process's umask has taken from it
-                        (link(strMade.c_str(), a_strPath.c_str()) == 0 || errno == EEXIST);
-    const int iError = errno;
-    unlink(strMade.c_str());
-    return blMade || PosixFail(PosixTranslate(iError));
+        strMade = g_szPrefix + std::to_string(getpid()) + "." + std::to_string(++g_u32Made);
+        if (mkfifoat(a_iFolder, strMade.c_str(), 0600) == 0)
+        {
+            const bool blMade = Publish(a_iFolder, strMade, a_strName);
+            unlinkat(a_iFolder, strMade.c_str(), 0);
+            return blMade;
+        }
+    } while (errno == EEXIST);
+    return PosixFailErrno();
 }
-
-// ---------------------------------------------------------------------------------------------------------- locks
 
 static bool Lock(int a_iFifo, int a_iOperation)
 {
-    return PosixRetry([&] { return flock(a_iFifo, a_iOperation); }) == 0;
+    return PosixRetry([&] { return flock(a_iFifo, a_iOperation | LOCK_NB); }) == 0;
 }
 
-static bool IsStillNamed(int a_iFifo, const char* a_szPath)
+static bool IsStillNamed(int a_iFifo, int a_iFolder, const char* a_szName)
 {
     struct stat statFifo = {};
-    struct stat statPath = {};
-    return fstat(a_iFifo, &statFifo) == 0 && lstat(a_szPath, &statPath) == 0 && statFifo.st_dev == statPath.st_dev &&
-           statFifo.st_ino == statPath.st_ino;
+    struct stat statName = {};
+    return fstat(a_iFifo, &statFifo) == 0 && fstatat(a_iFolder, a_szName, &statName, AT_SYMLINK_NOFOLLOW) == 0 &&
+           statFifo.st_dev == statName.st_dev && statFifo.st_ino == statName.st_ino;
 }
 
-enum class Join
+// Only what was made as an event is one: a FIFO that everybody may open.
+static bool IsEventFifo(int a_iFifo)
 {
-    Joined,
-    Gone,   // its last holder has unlinked it meanwhile
-    Failed,
-};
+    struct stat status = {};
+    return fstat(a_iFifo, &status) == 0 && S_ISFIFO(status.st_mode) && (status.st_mode & g_modeEvent) == g_modeEvent;
+}
 
-// Joins the holders of an open FIFO.
-static Join JoinHolders(int a_iFifo, const std::string& a_strPath, bool* a_pblExisted)
+// Joins the holders of an open FIFO, at the latest at that time. False when somebody keeps everybody out.
+static bool JoinHolders(int a_iFifo, uint64_t a_u64End, bool* a_pblExisted)
 {
-    struct stat statFifo = {};
-    if (fstat(a_iFifo, &statFifo) != 0 || !S_ISFIFO(statFifo.st_mode))
-    {
-        PlatSetLastError(PLAT_ERROR_INVALIDHANDLE);
-        return Join::Failed;
-    }
-    *a_pblExisted = !Lock(a_iFifo, LOCK_EX | LOCK_NB);
+    *a_pblExisted = !Lock(a_iFifo, LOCK_EX);
     if (!*a_pblExisted)
     {
         fcntl(a_iFifo, F_SETPIPE_SZ, PosixEventRoom);
         PosixDrainEvent(a_iFifo);
     }
-    if (!Lock(a_iFifo, LOCK_SH))
+    while (!Lock(a_iFifo, LOCK_SH))
     {
-        PosixFailErrno();
-        return Join::Failed;
+        if (errno != EWOULDBLOCK)
+            return PosixFailErrno();
+        if (PlatTicks() >= a_u64End)
+            return PosixFail(PLAT_ERROR_LOCK);
+        PlatSleep(1);
     }
-    return IsStillNamed(a_iFifo, a_strPath.c_str()) ? Join::Joined : Join::Gone;
+    return true;
 }
 
 // --------------------------------------------------------------------------------------------------- open and close
 
+enum class Join
+{
+    Joined,
+    Again,   // made just now, or unlinked by its last holder meanwhile
+    Failed,
+};
+
+// Opens the FIFO of a name and joins its holders, or makes it.
+static Join OpenFifo(int a_iFolder, const std::string& a_strName, uint64_t a_u64End, PosixDescriptor& a_posixdescriptor,
+                     bool* a_pblExisted)
+{
+    // Others' FIFOs may be opened, but not with the wish to create them.
+    PosixDescriptor posixdescriptor(openat(a_iFolder, a_strName.c_str(), O_RDWR | O_NONBLOCK | O_CLOEXEC | O_NOFOLLOW));
+    if (!posixdescriptor.IsOpen())
+    {
+        const bool blMade = errno == ENOENT ? MakeFifo(a_iFolder, a_strName) : PosixFailErrno();
+        return blMade ? Join::Again : Join::Failed;
+    }
+    const int iFifo = posixdescriptor.Get();
+    if (!IsEventFifo(iFifo) && !PosixFail(PLAT_ERROR_INVALIDHANDLE))
+        return Join::Failed;
+    if (!JoinHolders(iFifo, a_u64End, a_pblExisted))
+        return Join::Failed;
+    if (!IsStillNamed(iFifo, a_iFolder, a_strName.c_str()))
+        return Join::Again;
+    a_posixdescriptor.Take(posixdescriptor.Release());
+    return Join::Joined;
+}
+
 int PosixOpenNamedEvent(const char16_t* a_wszName, bool* a_pblExisted)
 {
-    std::string strPath;
-    if (!PathOf(a_wszName, strPath))
+    std::string strText;
+    if (!PosixToUtf8(a_wszName, strText) || (strText.empty() && !PosixFail(PLAT_ERROR_INVALIDNAME)))
         return -1;
-    for (;;)
-    {
-        const int iFifo = open(strPath.c_str(), O_RDWR | O_NONBLOCK | O_CLOEXEC | O_NOFOLLOW);
-        if (iFifo < 0 && errno != ENOENT)
-        {
-            PosixFailErrno();
-            return -1;
-        }
-        if (iFifo < 0)
-        {
-            if (!MakeFolders(strPath) || !MakeFifo(strPath))
-                return -1;
-            continue;
-        }
-        const Join join = JoinHolders(iFifo, strPath, a_pblExisted);
-        if (join == Join::Joined)
-            return iFifo;
-        close(iFifo);
-        if (join == Join::Failed)
-            return -1;
-    }
+    const std::string strName = FileNameOf(strText);
+    const PosixDescriptor posixdescriptorFolder(OpenRoot());
+    if (!posixdescriptorFolder.IsOpen())
+        return -1;
+
+    PosixDescriptor posixdescriptor;
+    const uint64_t u64End = PlatTicks() + g_u32LockTimeout;
+    Join join = Join::Again;
+    while (join == Join::Again && PlatTicks() <= u64End)
+        join = OpenFifo(posixdescriptorFolder.Get(), strName, u64End, posixdescriptor, a_pblExisted);
+    if (join == Join::Again)
+        PosixFail(PLAT_ERROR_LOCK);
+    return posixdescriptor.Release();
+}
+
+// How many forks lead to this process, as a handle carries it. What a child has got by a fork it shares with its
+// parent, the lock included, and leaves to it.
+static std::atomic<PlatHandle> g_atomicForks{0};
+
+PlatHandle PosixNamedEventOwner()
+{
+    [[maybe_unused]] static const int g_iHooked =
+        pthread_atfork(nullptr, nullptr, [] { g_atomicForks += PlatHandle{1} << 56; });
+    return g_atomicForks;
+}
+
+// Takes the name of a FIFO away, wherever it is by now.
+static void Unlink(int a_iFifo)
+{
+    char szPath[PATH_MAX];
+    const ssize_t ssizetPath = readlink(LinkOf(a_iFifo).c_str(), szPath, sizeof szPath);
+    const std::string strPath(szPath, ssizetPath > 0 ? static_cast<size_t>(ssizetPath) : 0);
+    const size_t sizetName = strPath.rfind('/') + 1;
+    const std::string strName = strPath.substr(sizetName);
+    if (!strName.starts_with(g_szPrefix))
+        return;
+    const PosixDescriptor posixdescriptor(OpenFolder(strPath.substr(0, sizetName - 1)));
+    if (posixdescriptor.IsOpen() && IsStillNamed(a_iFifo, posixdescriptor.Get(), strName.c_str()))
+        unlinkat(posixdescriptor.Get(), strName.c_str(), 0);
 }
 
 bool PosixCloseNamedEvent(PlatHandle a_plathandle)
 {
     const int iFifo = PosixDescriptorOf(a_plathandle);
+    const bool blOurs = (a_plathandle >> 56) == (PosixNamedEventOwner() >> 56);
     // A lock that is refused takes the shared one with it, which is as well: of two closers the second is the last.
-    if (Lock(iFifo, LOCK_EX | LOCK_NB))
-    {
-        char szPath[PATH_MAX];
-        const std::string strLink = "/proc/self/fd/" + std::to_string(iFifo);
-        const ssize_t ssizetPath = readlink(strLink.c_str(), szPath, sizeof szPath - 1);
-        szPath[ssizetPath > 0 ? ssizetPath : 0] = 0;
-        if (IsStillNamed(iFifo, szPath))
-            unlink(szPath);
-    }
+    if (blOurs && Lock(iFifo, LOCK_EX))
+        Unlink(iFifo);
     return close(iFifo) == 0 || PosixFailErrno();
 }
