@@ -61,16 +61,16 @@ TEST_F(CollectorBesideAStream, MarkerInsideOtherTextIsText)
 
 TEST_F(CollectorBesideAStream, AStreamWithoutTextLeavesItsFolderButNoFile)
 {
-    StreamTo("sub/deep/a.log")->Close();
-    EXPECT_TRUE(WaitFor([&] { return std::filesystem::exists(PathOf("sub/deep")); }));
-    EXPECT_TRUE(WaitFor([&] { return !std::filesystem::exists(PathOf("sub/deep/a.log")); }));
+    const auto stream = StreamTo("sub/deep/a.log");
+    ASSERT_TRUE(stream->EndSending() && stream->IsEnded());
+    EXPECT_FALSE(std::filesystem::exists(PathOf("sub/deep/a.log")));
     EXPECT_TRUE(std::filesystem::exists(PathOf("sub/deep")));
 }
 
 TEST_F(CollectorBesideAStream, AFileThatIsThereIsContinued)
 {
     WriteWhole(PathOf("a.log"), "old\r\n");
-    StreamTo("a.log", "new\r\n")->Close();
+    const auto stream = StreamTo("a.log", "new\r\n");
     EXPECT_TRUE(FileBecomes("a.log", "old\r\nnew\r\n"));
 }
 
@@ -120,7 +120,8 @@ TEST_F(CollectorBesideAStream, ALogPathMayHave511Characters)
         strPath += "/" + std::string(99, 'd');
     strPath += "/" + std::string(511 - strPath.size() - 1, 'f');
     ASSERT_EQ(strPath.size(), 511u);
-    ASSERT_TRUE(Connect()->Send(Header(strPath) + "text"));
+    const auto stream = Connect();
+    ASSERT_TRUE(stream->Send(Header(strPath) + "text"));
     EXPECT_TRUE(WaitFor([&] { return ReadWhole(strPath) == "text"; }));
 }
 
@@ -146,7 +147,8 @@ TEST_F(CollectorBesideAStream, AFileWithoutANameIsWrittenToAllTheSame)
             pathOpen = "/proc/" + std::to_string(PlatProcessId()) + "/fd/" + entry.path().filename().string();
     }
     std::filesystem::remove(PathOf("a.log"));
-    Connect()->Send(Header(pathOpen.string()) + "text");
+    const auto stream = Connect();
+    stream->Send(Header(pathOpen.string()) + "text");
     EXPECT_TRUE(WaitFor([&] { return ReadWhole(pathOpen) == "text"; }));
 }
 
@@ -159,8 +161,8 @@ TEST_F(CollectorBesideAStream, SilentAndHalfStreamsHoldUpNobody)
         if (i % 2)
             vecclient.back()->Send("<log><logf");
     }
-    StreamTo("a.log", "text")->Close();
-    EXPECT_TRUE(FileBecomes("a.log", "text"));
+    StreamTo("log.1/a.log", "text")->Close();
+    EXPECT_TRUE(FileBecomes("log.1/a.log", "text"));
 }
 
 TEST_F(CollectorStream, TheLastOfThreeStreamsEndsTheCollector)
@@ -253,9 +255,9 @@ TEST_F(CollectorStream, TwoHundredThousandShortLinesArriveInOrder)
 TEST_F(CollectorBesideAStream, FortyConnectionsOneAfterTheOtherKeepEveryByte)
 {
     for (int i = 0; i < 40; ++i)
-        StreamTo("s" + std::to_string(i) + ".log", "text " + std::to_string(i))->Close();
+        StreamTo("log.1/" + std::to_string(i) + ".log", "text " + std::to_string(i))->Close();
     for (int i = 0; i < 40; ++i)
-        EXPECT_TRUE(FileBecomes("s" + std::to_string(i) + ".log", "text " + std::to_string(i)));
+        EXPECT_TRUE(FileBecomes("log.1/" + std::to_string(i) + ".log", "text " + std::to_string(i)));
 }
 
 // A reader may be through before the accept thread is through with starting it, and others sweep meanwhile.
@@ -275,8 +277,8 @@ TEST_F(CollectorBesideAStream, ConnectionsThatComeAndGoAtOnceDisturbNobody)
     }
     for (std::thread& thread : vecthread)
         thread.join();
-    StreamTo("a.log", "text")->Close();
-    EXPECT_TRUE(FileBecomes("a.log", "text"));
+    StreamTo("log.1/a.log", "text")->Close();
+    EXPECT_TRUE(FileBecomes("log.1/a.log", "text"));
 }
 
 // ------------------------------------------------------------------------------------------------------- faults

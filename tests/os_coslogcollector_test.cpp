@@ -128,10 +128,10 @@ TEST_F(SharedCollector, PortsBelowThoseOfUsersGiveTheDefault)
 TEST_F(SharedCollector, ItsStreamsNeverAskItToEnd)
 {
     StartAndAnnounce();
-    Connect(Header(PathOf("a.log")) + "text")->Close();
-    ASSERT_TRUE(WaitFor([&] { return ReadWhole(PathOf("a.log")) == "text"; }));
-    Connect(Header(PathOf("b.log")) + "text")->Close();
-    ASSERT_TRUE(WaitFor([&] { return ReadWhole(PathOf("b.log")) == "text"; }));
+    Connect(Header(PathOf("log.1/a.log")) + "text")->Close();
+    ASSERT_TRUE(WaitFor([&] { return ReadWhole(PathOf("log.1/a.log")) == "text"; }));
+    Connect(Header(PathOf("log.1/b.log")) + "text")->Close();
+    ASSERT_TRUE(WaitFor([&] { return ReadWhole(PathOf("log.1/b.log")) == "text"; }));
     m_collector->Stop(nullptr, 0);
     EXPECT_EQ(g_bLogCollectorStop.load(), 0);
 }
@@ -215,7 +215,7 @@ TEST_F(SharedCollector, AFolderThatIsLookedAfterForLongHoldsUpNoStream)
     const auto first = Connect(Header(PathOf("log.20240101/a.log")) + "1");
     ASSERT_TRUE(WaitFor([&] { return !m_configuration.Managed().empty(); }));
     ASSERT_TRUE(first->Send("|||EEXXIITT|||") && first->IsEnded());
-    for (const char* szName : {"b.log", "c.log", "d.log"})
+    for (const char* szName : {"log.1/b.log", "log.1/c.log", "log.1/d.log"})
     {
         Connect(Header(PathOf(szName)) + "2")->Close();
         EXPECT_TRUE(WaitFor([&] { return ReadWhole(PathOf(szName)) == "2"; }, 5000));

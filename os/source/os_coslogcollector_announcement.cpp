@@ -6,8 +6,13 @@
 #include "os_cosfile_paths.h"
 #include "os_cosfile_system.h"
 #include "os_coslogcollector_protocol.h"
+#include "os_log.h"
+
+#include "plat_user.h"
 
 #include <cstring>
+
+static constexpr char g_szSource[] = "os/source/os_coslogcollector";
 
 static constexpr int32_t g_i32LockTimeout = 1000;
 static constexpr size_t g_sizetTextMost = 1024;
@@ -18,10 +23,29 @@ void OsLcAnnouncementPath(char* a_szPath)
     OsPathAppend(a_szPath, OS_PATHSIZE, OS_LC_ANNOUNCEMENTFILE);
 }
 
+static bool IsOf(const COsFile& a_osfile, PlatOwner a_platowner)
+{
+    PlatFileOwned platfileowned{};
+    return a_osfile.GetOwner(&platfileowned) && platfileowned.platowner == a_platowner;
+}
+
+// Only what our user or the system's has made counts: everybody may make a file in a shared folder. That of the
+// system's user may be for reading alone.
 static bool OpenThere(COsFile& a_osfile, const char* a_szPath)
 {
-    return a_osfile.Open(a_szPath, OS_FILEOPEN_EXISTING, OS_FILEACCESS_READWRITE, OS_FILESHARE_READWRITE) ==
-           EOSSTS_SUCCESS;
+    const auto open = [&](EOSFILEACCESS a_eosfileaccess) {
+        return a_osfile.Open(a_szPath, OS_FILEOPEN_EXISTING, a_eosfileaccess, OS_FILESHARE_READWRITE, false,
+                             OS_FILEGUARD_NOLINK);
+    };
+    EOSSTS eossts = open(OS_FILEACCESS_READWRITE);
+    if (eossts == EOSSTS_ACCESSDENIED)
+        eossts = open(OS_FILEACCESS_READ);
+    if (eossts != EOSSTS_SUCCESS)
+        return false;
+    if (IsOf(a_osfile, PLAT_OWNER_SAME) || IsOf(a_osfile, PLAT_OWNER_SYSTEM))
+        return true;
+    OSLOG(OS_LOG_ERROR, "announcement of another user ignored...<%s>", a_szPath);
+    return false;
 }
 
 bool OsLcOtherSharedRuns()
@@ -38,10 +62,16 @@ bool OsLcAnnounce(COsFile& a_osfile, const char* a_szPath, const char* a_szHost,
 {
     char szText[OS_LC_ANNOUNCEMENTSIZE];
     OsFileCreateDirectory(OsCfgGetString(OS_CFGTAG_ROOTCOMMONDIRECTORYLEGACY));
-    return OsLcBuildAnnouncement(szText, sizeof szText, a_szHost, a_szPort) == EOSSTS_SUCCESS &&
-           a_osfile.Open(a_szPath, OS_FILEOPEN_ALWAYS, OS_FILEACCESS_READWRITE, OS_FILESHARE_READWRITE) ==
-               EOSSTS_SUCCESS &&
-           a_osfile.LockByte(0, g_i32LockTimeout, a_szPath, false) == EOSSTS_SUCCESS &&
+    if (OsLcBuildAnnouncement(szText, sizeof szText, a_szHost, a_szPort) != EOSSTS_SUCCESS ||
+        a_osfile.Open(a_szPath, OS_FILEOPEN_ALWAYS, OS_FILEACCESS_READWRITE, OS_FILESHARE_READWRITE, false,
+                      OS_FILEGUARD_NOLINK) != EOSSTS_SUCCESS)
+        return false;
+    if (!IsOf(a_osfile, PLAT_OWNER_SAME))
+    {
+        OSLOG(OS_LOG_ERROR, "announcement of another user is in the way...<%s>", a_szPath);
+        return false;
+    }
+    return a_osfile.LockByte(0, g_i32LockTimeout, a_szPath, false) == EOSSTS_SUCCESS &&
            a_osfile.Write(szText, std::strlen(szText)) == EOSSTS_SUCCESS && a_osfile.Flush() == EOSSTS_SUCCESS;
 }
 
