@@ -301,8 +301,9 @@ TEST_F(DiskWithoutRoom, AFileAtItsSizeLimitCountsWhatItDoesNotTake)
     ASSERT_TRUE(linesender.Send(2000));
     ASSERT_TRUE(linesender.SendUntil([&] { return SizeOf("x.log") % 51200 == 0 && SizeOf("x.log") != 0; }));
     fs::rename(PathOf("x.log"), PathOf("x.1"));
-    ASSERT_TRUE(linesender.SendUntil([&] { return SizeOf("x.log") != 0; }));
-    ASSERT_TRUE(stream.EndSending() && stream.IsEnded());
+    ASSERT_TRUE(linesender.Send(1));
+    ASSERT_TRUE(WaitFor([&] { return fs::exists(PathOf("x.log")); }));
+    ASSERT_TRUE(linesender.Send(1) && stream.EndSending() && stream.IsEnded());
 
     KeptLines keptlines(LineSender::sizetLetters);
     keptlines.Read(ReadWhole(PathOf("x.1")));

@@ -221,7 +221,7 @@ TEST_F(CollectorStream, SixtyFourStreamsOfRandomBytesKeepEveryByte)
     for (uint32_t u32 = 0; u32 < u32Streams; ++u32)
     {
         const std::string strName = std::to_string(u32) + ".log";
-        ASSERT_TRUE(WaitFor([&] { return SizeOf(strName) == sizetBytes; }));
+        ASSERT_TRUE(WaitFor([&] { return SizeOf(strName) == sizetBytes; }, 60000));
         EXPECT_TRUE(ReadWhole(PathOf(strName)) == RandomBytes(sizetBytes, u32)) << u32;
     }
 }

@@ -98,10 +98,10 @@ protected:
         for (size_t sizet = 0; sizet < m_vecstrLine.size(); ++sizet)
         {
             std::istringstream stream(m_vecstrLine[sizet]);
-            std::string astrField[5];
+            std::string astrField[8];
             for (std::string& strField : astrField)
                 stream >> strField;
-            if (astrField[4] == "1")
+            if (astrField[7] == "VE")
                 vecsizet.push_back(sizet);
         }
         return vecsizet;

@@ -27,13 +27,13 @@ static constexpr char g_szSource[] = "os/source/os_coslogcollector";
 
 static constexpr int g_iConnectTries = 8;
 static constexpr int32_t g_i32ConnectTimeout = 250;
-static constexpr uint64_t g_u64TakenTimeout = 250;
-static constexpr uint64_t g_u64TakenSoon = 2;
+static constexpr uint32_t g_u32TakenTimeout = 250;
 
 // Bytes: what is on its way is lost with a killed collector.
 static constexpr uint32_t g_u32SendBuffer = 32768;
 
 static constexpr uint32_t g_u32ReadTimeout = 500;
+static constexpr uint64_t g_u64ReadSoon = 2;   // ms without a sleep
 static constexpr uint32_t g_u32MarkerPause = 10;
 
 COsLogCollectorClient::COsLogCollectorClient(bool a_blPrivate, const char* a_szLogFile)
@@ -80,17 +80,6 @@ EOSSTS COsLogCollectorClient::Find()
     return EOSSTS_SUCCESS;
 }
 
-// A collector learns whose a connection is from the system, as long as its process has it open: so nobody goes on, and
-// maybe ends, before it was taken.
-static void WaitUntilTaken(COsSocket& a_ossocket)
-{
-    const uint64_t u64Begin = PlatTicks();
-    PlatSocketOwner platsocketowner{};
-    while (a_ossocket.SocketPeerOwner(&platsocketowner) == EOSSTS_SUCCESS && !platsocketowner.blHeld &&
-           PlatTicks() - u64Begin < g_u64TakenTimeout)
-        PlatSleep(PlatTicks() - u64Begin < g_u64TakenSoon ? 0 : 1);
-}
-
 static bool IsStranger(const PlatSocketOwner& a_platsocketowner)
 {
     return a_platsocketowner.platowner == PLAT_OWNER_OTHER || a_platsocketowner.platholds == PLAT_HOLDS_NO;
@@ -105,8 +94,6 @@ bool COsLogCollectorClient::IsOurs(COsSocket& a_ossocket) const
     PlatSocketListenerOwner(static_cast<uint16_t>(StrToInt32(m_szPort)), m_u64ProcessIdCollector, &platsocketowner);
     if (IsStranger(platsocketowner))
         return false;
-    if (platsocketowner.platowner != PLAT_OWNER_NONE)
-        WaitUntilTaken(a_ossocket);
     platsocketowner = {};
     a_ossocket.SocketPeerOwner(&platsocketowner);
     return !IsStranger(platsocketowner);
@@ -169,7 +156,8 @@ static uint64_t SizeOf(const char* a_szLogFile)
 }
 
 // A refused connection shows here. Without its whole header a stream is worth nothing: the first lines would count as
-// the header, and be lost.
+// the header, and be lost. The collector learns whose a connection is from the system, as long as its process has it
+// open: so nobody goes on, and maybe ends, before the collector has read the header, which it does after that.
 bool COsLogCollectorClient::SendHeader()
 {
     char szHeader[OS_LC_HEADERSIZE];
@@ -179,6 +167,7 @@ bool COsLogCollectorClient::SendHeader()
         m_uniqueSender->Send(szHeader, std::strlen(szHeader)) == EOSSTS_SUCCESS)
     {
         m_u64SizeBefore -= std::strlen(szHeader);
+        WaitUntilRead(g_u32TakenTimeout);
         return true;
     }
     m_uniqueSender.reset();
@@ -207,7 +196,7 @@ void COsLogCollectorClient::Stop(char* a_szFolder, size_t a_sizetFolder)
         std::fill_n(a_szFolder, a_sizetFolder, '\0');
     if (!m_uniqueSender)
         return;
-    if (m_blPrivate && OsArgumentsIsServicesOwner() && !m_uniqueSender->HasFailed() && WaitUntilRead())
+    if (m_blPrivate && OsArgumentsIsServicesOwner() && !m_uniqueSender->HasFailed() && WaitUntilRead(g_u32ReadTimeout))
     {
         m_uniqueSender->Send(OS_LC_ENDMARKER, std::strlen(OS_LC_ENDMARKER));
         PlatSleep(g_u32MarkerPause);
@@ -218,7 +207,7 @@ void COsLogCollectorClient::Stop(char* a_szFolder, size_t a_sizetFolder)
 
 // A collector says nothing of what it has read, but the system does; where it does not, the file tells what was
 // written, if nobody else writes there.
-bool COsLogCollectorClient::WaitUntilRead() const
+bool COsLogCollectorClient::WaitUntilRead(uint32_t a_u32Milliseconds) const
 {
     const uint64_t u64Sent = m_uniqueSender->Sent();
     const uint64_t u64Begin = PlatTicks();
@@ -228,8 +217,9 @@ bool COsLogCollectorClient::WaitUntilRead() const
         const bool blTold = m_uniqueSender->ReadByCollector(&u64Read);
         if (blTold ? u64Read == u64Sent : SizeOf(m_szLogFile) >= m_u64SizeBefore + u64Sent)
             return true;
-        if (PlatTicks() - u64Begin >= g_u32ReadTimeout)
+        const uint64_t u64Waited = PlatTicks() - u64Begin;
+        if (u64Waited >= a_u32Milliseconds)
             return !blTold;
-        PlatSleep(1);
+        PlatSleep(u64Waited < g_u64ReadSoon ? 0 : 1);
     }
 }

@@ -26,7 +26,7 @@ private:
     EOSSTS Connect();
     bool IsOurs(COsSocket& a_ossocket) const;
     bool SendHeader();
-    bool WaitUntilRead() const;
+    bool WaitUntilRead(uint32_t a_u32Milliseconds) const;
 
     const bool m_blPrivate;
     char m_szHost[OS_LC_HOSTSIZE];
