@@ -58,7 +58,10 @@ TEST(Thread, RunsWithItsArgumentUntilItIsStopped)
     int iArgument = 0;
     EXPECT_EQ(osthread.WaitForStop(0), EOSSTS_FAIL);
     EXPECT_TRUE(logcapture.HasAt(OS_LOG_ERROR, "thr>>> pod.m_hEvent is NULL..."));
+    EXPECT_EQ(osthread.Start(nullptr, nullptr, nullptr), EOSSTS_NOTOPEN);
     ASSERT_EQ(osthread.Start("Worker", UntilStopped, &iArgument), EOSSTS_SUCCESS);
+    EXPECT_EQ(osthread.Start("Second", ReturnAtOnce, &osthread), EOSSTS_FAIL);
+    EXPECT_TRUE(logcapture.HasPart("thr>>> you're already running this thread...<"));
     EXPECT_EQ(osthread.Argument(), &iArgument);
     EXPECT_TRUE(PlatThreadIsAlive(osthread.Id()));
     EXPECT_EQ(osthread.StopState(), 1u);
@@ -73,19 +76,6 @@ TEST(Thread, RunsWithItsArgumentUntilItIsStopped)
                                "thr>>> id:", "thr>>> stopping...<", "thr>>> Exiting...<", "-Worker>"})
         EXPECT_TRUE(logcapture.HasPart(szPart)) << szPart;
     EXPECT_FALSE(logcapture.HasPart("terminating it"));
-}
-
-TEST(Thread, RefusesToStartWithoutProcedureOrTwice)
-{
-    LogCapture logcapture;
-    COsThread osthread;
-    EXPECT_EQ(osthread.Start(nullptr, nullptr, nullptr), EOSSTS_NOTOPEN);
-    EXPECT_TRUE(logcapture.HasPart("-(noname)>"));
-    ASSERT_EQ(osthread.Start("First", UntilStopped, nullptr), EOSSTS_SUCCESS);
-    EXPECT_EQ(osthread.Start("Second", ReturnAtOnce, &osthread), EOSSTS_FAIL);
-    EXPECT_TRUE(logcapture.HasPart("thr>>> you're already running this thread...<"));
-    EXPECT_EQ(osthread.Argument(), nullptr);
-    EXPECT_TRUE(PlatThreadIsAlive(osthread.Id()));
 }
 
 // However the procedure ends, the object can be stopped, started again at once, and destroyed at once; what has ended
