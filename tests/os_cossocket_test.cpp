@@ -27,11 +27,11 @@ TEST_F(SocketTest, PortZeroGivesAFreePortOnTheLoopbackAddress)
     EXPECT_GT(std::atoi(listener.szPort), 0);
     EXPECT_EQ(listener.possocket.SocketCreate("127.0.0.1", nullptr, "", nullptr), EOSSTS_FAIL);
     COsSocket possocketSame;   // the listener is untouched by that
-    for (const auto& [szHost, szPort] : {std::pair{"127.0.0.1", static_cast<const char*>(listener.szPort)},
-                                         {"some.host", "0"},
-                                         {"", "0"},
-                                         {"127.0.0.1", "70000"}})
-        EXPECT_EQ(possocketSame.SocketCreate(szHost, szPort, "", nullptr), EOSSTS_FAIL) << szHost << szPort;
+    for (const auto& [szBadHost, szPort] : {std::pair{"127.0.0.1", static_cast<const char*>(listener.szPort)},
+                                            {"some.host", "0"},
+                                            {"", "0"},
+                                            {"127.0.0.1", "70000"}})
+        EXPECT_EQ(possocketSame.SocketCreate(szBadHost, szPort, "", nullptr), EOSSTS_FAIL) << szBadHost << szPort;
     EXPECT_EQ(m_logcapture.Count("sock>>> create: bind failed..."), 4u);
     EXPECT_EQ(possocketSame.SocketListen(), EOSSTS_FAIL);
 }

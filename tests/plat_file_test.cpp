@@ -132,11 +132,8 @@ TEST_F(PlatFile, LimitOfAFilesSizeIsAFullDiskAndForNoChild)
     EXPECT_EQ(WriteBeyondTheLimit(), std::pair(PLAT_ERROR_DISKFULL, size_t{10}));
     EXPECT_EQ(ReadWhole(PathOf("limited")), "sixteen le");
     EXPECT_EQ(Part("limit").ExitCode(), 128u + SIGXFSZ);
-}
 
-TEST_F(PlatFile, HandlerOfTheProgramForTheLimitStays)
-{
-    static volatile sig_atomic_t s_iSignals = 0;
+    static volatile sig_atomic_t s_iSignals = 0;   // the program's own handler stays
     const auto pfnBefore = signal(SIGXFSZ, [](int) { s_iSignals = s_iSignals + 1; });
     EXPECT_EQ(WriteBeyondTheLimit(), std::pair(PLAT_ERROR_DISKFULL, size_t{10}));
     EXPECT_EQ(s_iSignals, 1);
@@ -179,28 +176,18 @@ TEST_F(PlatFile, TwoOpenersMustEachShareWhatTheOtherDoes)
     }
 }
 
-TEST_F(PlatFile, RefusedOpenerChangesNothingAndWhoOnlyLooksIsNotRefused)
-{
-    WriteWhole("file", "kept");
-    const File file("file", R, PLAT_SHARE_NONE);
-    EXPECT_EQ(File("file", W, RW, PLAT_DISPOSITION_CREATEALWAYS).m_u32Error, PLAT_ERROR_SHARING);
-    EXPECT_EQ(ReadWhole("file"), "kept");
-    EXPECT_EQ(File("file", PLAT_ACCESS_NONE, PLAT_SHARE_NONE, PLAT_DISPOSITION_OPENEXISTING).Links(), 1u);
-}
-
-// A program that runs cannot be opened for writing, which the locks of such an opener would need.
-TEST_F(PlatFile, RunningProgramIsReadByWhoDeniesWriting)
-{
-    char16_t wszProgram[PLAT_PATHMAX];
-    ASSERT_TRUE(PlatProgramPath(wszProgram, PLAT_PATHMAX));
-    const PlatHandle plathandle = PlatFileOpen(wszProgram, R, PLAT_SHARE_READ, PLAT_DISPOSITION_OPENEXISTING, 0);
-    EXPECT_TRUE(PlatClose(plathandle));
-}
-
 // ------------------------------------------------------------------------------------------------------- deletion
 
-TEST_F(PlatFile, DeletingAndMovingWaitForEveryHandleThatDoesNotShareIt)
+TEST_F(PlatFile, WhatAnOpenerDoesNotShareIsRefusedAndChangesNothing)
 {
+    char16_t wszProgram[PLAT_PATHMAX];   // one that runs is read by who denies writing
+    ASSERT_TRUE(PlatProgramPath(wszProgram, PLAT_PATHMAX));
+    EXPECT_TRUE(PlatClose(PlatFileOpen(wszProgram, R, PLAT_SHARE_READ, PLAT_DISPOSITION_OPENEXISTING, 0)));
+    WriteWhole("kept", "kept");
+    const File fileKept("kept", R, PLAT_SHARE_NONE);
+    EXPECT_EQ(File("kept", W, RW, PLAT_DISPOSITION_CREATEALWAYS).m_u32Error, PLAT_ERROR_SHARING);
+    EXPECT_EQ(ReadWhole("kept"), "kept");
+    EXPECT_EQ(File("kept", PLAT_ACCESS_NONE, PLAT_SHARE_NONE, PLAT_DISPOSITION_OPENEXISTING).Links(), 1u);
     for (const uint32_t u32Share : {RW, ALL, uint32_t{PLAT_SHARE_NONE}, uint32_t{PLAT_SHARE_DELETE}})
     {
         const bool blShared = u32Share & PLAT_SHARE_DELETE;
@@ -278,32 +265,6 @@ TEST_F(PlatFile, OnlyOneHolderOfALockFileAtATime)
 }
 
 // --------------------------------------------------------------------------------------------------------- content
-
-TEST_F(PlatFile, AppendedPiecesOfManyHandlesAndThreadsNeverMix)
-{
-    const File fileShared("file", W, RW);
-    const auto append = [&](char chText, bool blShared) {
-        const File fileOwn("file", W, RW);
-        for (size_t sizet = 0; sizet < 200; ++sizet)
-        {
-            const std::string str = std::string(sizet * 37 + 1, chText) + "\r\n";
-            EXPECT_TRUE(
-                PlatFileAppend((blShared ? fileShared : fileOwn).m_plathandle, str.data(), str.size(), nullptr));
-        }
-    };
-    {
-        const std::jthread ajthread[] = {std::jthread(append, 'a', false), std::jthread(append, 'b', false),
-                                         std::jthread(append, 'c', true), std::jthread(append, 'd', true)};
-    }
-
-    std::multiset<size_t> setLengths;
-    std::ifstream stream("file", std::ios::binary);
-    for (std::string strLine; std::getline(stream, strLine); setLengths.insert(strLine.size()))
-        ASSERT_EQ(strLine.find_first_not_of(strLine[0]), strLine.size() - 1);
-    ASSERT_EQ(setLengths.size(), 800u);
-    for (size_t sizet = 0; sizet < 200; ++sizet)
-        EXPECT_EQ(setLengths.count(sizet * 37 + 2), 4u);
-}
 
 TEST_F(PlatFile, ChildInheritsNeitherLocksNorShareModes)
 {

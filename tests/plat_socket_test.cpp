@@ -49,21 +49,6 @@ TEST_F(PlatSocket, ConnectionWhosePeerHasClosedIsNeverWritable)
     EXPECT_EQ(PlatSocketPoll(m_handleClient, WRITE), 0u);
 }
 
-TEST_F(PlatSocket, UnreadBytesAreReportedWithTheClose)
-{
-    Handle handlePeer(ConnectAndAccept(m_handleClient));
-    EXPECT_TRUE(PlatSocketEventSelect(handlePeer, m_handleEvent, READ | CLOSE));
-    EXPECT_FALSE(IsReady(m_handleEvent));
-    EXPECT_TRUE(Sends(m_handleClient, "last") && PlatSocketShutdown(m_handleClient, false, true));
-    EXPECT_TRUE(IsReady(m_handleEvent, PLAT_INFINITE));
-    EXPECT_TRUE(Reports(handlePeer, READ | CLOSE, READ | CLOSE));
-    EXPECT_EQ(Receive(handlePeer), "last");
-    EXPECT_EQ(PlatSocketPoll(handlePeer, READ | CLOSE), CLOSE);
-    EXPECT_EQ(Receive(handlePeer), "");
-    EXPECT_TRUE(Sends(handlePeer, "answer"));   // its other direction is open still
-    EXPECT_TRUE(WaitFor([&] { return Receive(m_handleClient) == "answer"; }));
-}
-
 TEST_F(PlatSocket, BrokenConnectionStillGivesItsBytesAndThenFails)
 {
     Handle handlePeer(ConnectAndAccept(m_handleClient));
