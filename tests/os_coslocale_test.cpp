@@ -80,10 +80,16 @@ TEST(Language, TableHoldsOneRowForEachKey)
 TEST(Language, CurrentOneComesFromTheConfiguration)
 {
     EXPECT_EQ(OsLanguageGetId(nullptr), OS_LANGUAGE_ENUSA);
-    EXPECT_EQ(OsLanguageGetId("xx_xxx"), OS_LANGUAGE_ENUSA);
     FakeConfiguration fakeconfiguration;
     fakeconfiguration.Set(OS_CFGTAG_DEFAULTLANGUAGE, "AF_zaf");
     EXPECT_EQ(OsLanguageGetId(nullptr), 2u);
     fakeconfiguration.Set(OS_CFGTAG_DEFAULTLANGUAGE, "fi_fin");
     EXPECT_EQ(OsLanguageGetId(nullptr), 2u) << "it is computed once";
+}
+
+TEST(Language, AnUnknownOneIsEnglish)
+{
+    FakeConfiguration fakeconfiguration;
+    fakeconfiguration.Set(OS_CFGTAG_DEFAULTLANGUAGE, "xx_xxx");
+    EXPECT_EQ(OsLanguageGetId(nullptr), OS_LANGUAGE_ENUSA);
 }

@@ -230,7 +230,7 @@ TEST_F(LoggerTest, AFileThatIsTakenAwayIsCreatedAnew)
 
 // ------------------------------------------------------------------------------------------------------- threads
 
-// Whoever comes while another thread writes the header waits for it; starting anew and flushing go on beside them.
+// Whoever comes while another thread writes the header waits for it.
 TEST_F(LoggerTest, ThreadsWriteWholeLinesNumberedWithoutAGap)
 {
     Log(OS_LOG_ERROR, "no logger");
@@ -238,22 +238,15 @@ TEST_F(LoggerTest, ThreadsWriteWholeLinesNumberedWithoutAGap)
     Log(OS_LOG_ERROR, "not started");
     m_uniqueLog->Start(m_strLog.c_str(), 0, "");
     std::atomic<int> iReady{0};
-    std::atomic<int> iDone{0};
-    InThreads(9, [&](int a_iThread) {
-        for (++iReady; iReady < 9;)
+    InThreads(8, [&iReady](int a_iThread) {
+        for (++iReady; iReady < 8;)
             std::this_thread::yield();
-        for (int i = 0; a_iThread < 8 && i < 2500; ++i)
+        for (int i = 0; i < 5000; ++i)
             OSLOG(OS_LOG_NOTE, "thread %d line %d %s", a_iThread, i, "........................................");
-        iDone += a_iThread < 8;
-        for (int i = 0; a_iThread == 8 && iDone < 8; ++i)
-        {
-            m_uniqueLog->Start(m_strLog.c_str(), 0, i % 2 ? "os" : "");
-            m_uniqueLog->Flush();
-        }
     });
 
     const Texts vecstr = Lines();
-    ASSERT_EQ(vecstr.size(), 20006u);
+    ASSERT_EQ(vecstr.size(), 40006u);
     std::set<std::string> setstrNumber;
     std::set<std::string> setstrMessage;
     for (size_t sizet = 6; sizet < vecstr.size(); ++sizet)
@@ -261,10 +254,26 @@ TEST_F(LoggerTest, ThreadsWriteWholeLinesNumberedWithoutAGap)
         setstrNumber.insert(vecstr[sizet].substr(0, 5));
         setstrMessage.insert(vecstr[sizet].substr(vecstr[sizet].find("thread ")));
     }
-    EXPECT_EQ(setstrMessage.size(), 20000u);
-    EXPECT_EQ(setstrNumber.size(), 20000u);
+    EXPECT_EQ(setstrMessage.size(), 40000u);
+    EXPECT_EQ(setstrNumber.size(), 40000u);
     EXPECT_EQ(*setstrNumber.begin(), "00006");
-    EXPECT_EQ(*setstrNumber.rbegin(), "20005");
+    EXPECT_EQ(*setstrNumber.rbegin(), "40005");
+}
+
+TEST_F(LoggerTest, ARestartAmongLinesLosesNone)
+{
+    Begin();
+    const std::jthread jthread([&](const std::stop_token& a_stoptoken) {
+        for (int i = 0; !a_stoptoken.stop_requested(); ++i)
+        {
+            m_uniqueLog->Start(m_strLog.c_str(), 0, i % 2 ? "os" : "");
+            m_uniqueLog->Flush();
+        }
+    });
+    for (int i = 0; i < 2000; ++i)
+        Log(OS_LOG_NOTE, std::to_string(i));
+    EXPECT_EQ(Messages().size(), 2001u);
+    EXPECT_EQ(std::stoi(Lines().back().substr(0, 5)), static_cast<int>(Lines().size()) - 1);
 }
 
 TEST_F(LoggerTest, The65thThreadWaitsForTheEndOfAnother)

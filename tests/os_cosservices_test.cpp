@@ -65,11 +65,11 @@ TEST_F(Services, StartAgainAfterAStopInAFolderOfTheirOwn)
     std::set<std::string> setstrLog;
     for (int i = 0; i < 3; ++i)
     {
-        Start("<uniquename>prog</uniquename><entity>application</entity><loglevel>" + std::to_string(i) +
+        Start("<uniquename>prog</uniquename><entity>application</entity><loglevel>" + std::to_string(i != 1) +
               "</loglevel>");
         OSLOG(OS_LOG_NOTE, "run %d", i);
         setstrLog.insert(LogFile());
-        EXPECT_EQ(fs::exists(fs::path(LogFile()).parent_path() / "mvroscfg.txt"), i != 0) << "the report";
+        EXPECT_EQ(fs::exists(fs::path(LogFile()).parent_path() / "mvroscfg.txt"), i != 1) << "the report";
         OsServicesStop();
         EXPECT_EQ(OsLogGet(), nullptr);
         EXPECT_EQ(OsCfgGet(), nullptr);
@@ -81,8 +81,8 @@ TEST_F(Services, StartAgainAfterAStopInAFolderOfTheirOwn)
     {
         const std::string strText = ReadWhole(strLog);
         EXPECT_NE(strText.find("run " + std::to_string(iRun++) + "\r\n"), std::string::npos) << strLog;
-        EXPECT_EQ(strText.find("### OsServicesStart...\r\n") != std::string::npos, iRun > 1) << iRun;
-        EXPECT_EQ(strText.ends_with("### OsServicesStop...\r\n"), iRun > 1) << iRun;
+        EXPECT_EQ(strText.find("### OsServicesStart...\r\n") != std::string::npos, iRun != 2) << iRun;
+        EXPECT_EQ(strText.ends_with("### OsServicesStop...\r\n"), iRun != 2) << iRun;
         EXPECT_FALSE(fs::exists(fs::path(strLog).parent_path() / "log.lock"));
     }
 }
