@@ -56,28 +56,6 @@ protected:
     LogCapture m_logcapture;
 };
 
-TEST_F(ConfigurationReport, TheMachineTheBrandAndThePathsAreAsTheirReadersTell)
-{
-    ASSERT_TRUE(OsCfgSetModelFlag("m100", true));
-    ASSERT_TRUE(OsCfgSetModelFlag("m200", false));
-    const std::string strReport = Written();
-    const std::string strInfo = Section(strReport, "CFG Info");
-    EXPECT_TRUE(Has(strInfo, "\r\nOS_CFGINFO_OS_BUILDSTRING............." +
-                                 std::string(OsCfgInfoString(OS_CFGINFO_OS_BUILDSTRING)) + "\r\n"));
-    EXPECT_EQ(std::count(strInfo.begin(), strInfo.end(), '\n'), 37 + 2);
-
-    const std::string strBrand = Section(strReport, "BRAND");
-    EXPECT_TRUE(Has(strBrand, Dotted("companynameshort", 38, OsCfgBrand("companynameshort"))));
-    const std::string strFlags = Section(strReport, "LocalLogFlags");
-    EXPECT_TRUE(Has(strFlags, Dotted("m100", 32, "roaming or legacy")));
-    EXPECT_TRUE(Has(strFlags, Dotted("m200", 32, "local")));
-
-    const std::string strPaths = Section(strReport, "Paths");
-    for (const EOSPATH eospath : {OS_PATH_WRITEABLE_FOLDER_ROOT, OS_PATH_READABLE_FILE_MAINPROGRAM})
-        EXPECT_TRUE(Has(strPaths, Dotted(OsCfgPathName(eospath), 84, Resolve(eospath))));
-    EXPECT_EQ(std::count(strPaths.begin(), strPaths.end(), '\n'), 133 + 2);
-}
-
 TEST_F(ConfigurationReport, TheTagsAreWrittenAsAnIniFileHasThem)
 {
     OsArgumentsSet(OS_ARGUMENT_UNIQUENAME, "prog");
@@ -121,13 +99,17 @@ TEST_F(ConfigurationReport, ItsPartsFollowOneAnother)
     SStrCpy(m_oscfgimpl->m_szSystemDirectory, OS_PATHSIZE, "sys");
     m_oscfgimpl->m_szFileDataUnprotected = std::make_unique<char[]>(16);
     SStrCpy(m_oscfgimpl->m_szFileDataUnprotected.get(), 16, "[prog");
+    ASSERT_TRUE(OsCfgSetModelFlag("m100", true));
     const std::string strReport = Written();
+    const std::string strFlag = Dotted("m100", 32, "roaming or legacy");
+    const std::string strPath = Dotted("OS_PATH_WRITEABLE_FOLDER_ROOT", 84, Resolve(OS_PATH_WRITEABLE_FOLDER_ROOT));
     const std::string strLong = "\r\nREPORT_LONG=" + std::string(8191 - 13, 'x') + "\r\n";   // cut before a character
     size_t sizetLast = 0;
     for (const char* szPart :
          {"\r\n*** Environmentals ***", strLong.c_str(), "\r\n*** BRAND ***", "\r\n*** CFG Info ***",
-          "\r\n*** LocalLogFlags ***", "\r\n*** Paths ***", "\r\n*** OS Library Items ***",
-          "\r\n*** There are no local items ***", "\r\n*** Directories *************************************\r\n",
+          "\r\n*** LocalLogFlags ***", strFlag.c_str(), "\r\n*** Paths ***", strPath.c_str(),
+          "\r\n*** OS Library Items ***", "\r\n*** There are no local items ***",
+          "\r\n*** Directories *************************************\r\n",
           "\r\n\r\nm_szSystemDirectory                 = <sys>\r\n", "\r\n*_const.ini                         = <",
           "\r\nm_szFileDataUnprotected             = <[prog>\r\n",
           "\r\nm_szDebugDisplayLength              = <512>\r\n"})
@@ -158,16 +140,4 @@ TEST_F(ConfigurationReport, ItsNameTellsTheProgramKindOrTheTime)
     EXPECT_EQ(m_oscfgimpl->WriteReport(), EOSSTS_SUCCESS);
     const std::string strName = std::filesystem::directory_iterator(PathOf("elsewhere"))->path().filename();
     EXPECT_EQ(StrWildcard(strName.c_str(), "mvroscfg_20*.txt", false), 0) << strName;
-}
-
-TEST_F(ConfigurationReport, ItIsWantedByADebugValueUnlessLoggingIsOff)
-{
-    EXPECT_FALSE(OsCfgIsReportWanted());
-    setenv("MVR_DEBUG", "0", 1);
-    EXPECT_FALSE(OsCfgIsReportWanted());
-    setenv("MVR_DEBUG", "4", 1);
-    EXPECT_TRUE(OsCfgIsReportWanted());
-    OsLogSetState(OS_LOGSTATE_ALLOW);
-    OsLogSetState(OS_LOGSTATE_OFF);
-    EXPECT_FALSE(OsCfgIsReportWanted());
 }

@@ -39,17 +39,6 @@ TEST_F(ConfigurationTest, WithoutAnyFileTheTableOfTagsIsTheWrittenOne)
 
 // ------------------------------------------------------------------------------------------------------ the table
 
-TEST(ConfigurationTable, OnlyAdoptedTextsAreFreed)
-{
-    OsCfgTable oscfgtable;
-    EXPECT_EQ(oscfgtable.Adopt(1, 38, new char[2]{'1', 0}), EOSSTS_SUCCESS);
-    EXPECT_EQ(oscfgtable.Adopt(1, 38, new char[2]{'2', 0}), EOSSTS_SUCCESS);
-    EXPECT_EQ(oscfgtable.Set(1, 38, "3"), EOSSTS_SUCCESS);
-    EXPECT_STREQ(oscfgtable.Get(1, 38), "3");
-    EXPECT_EQ(oscfgtable.Adopt(5, 38, new char[2]{'x', 0}), EOSSTS_NOTOPEN);
-    EXPECT_EQ(oscfgtable.Adopt(4, 344, new char[2]{'4', 0}), EOSSTS_SUCCESS);
-}
-
 TEST(ConfigurationTable, AnExtensionIsAsLargeAsItsLists)
 {
     static const OsCfgExtension g_aSection[] = {{1001, "first"}, {1002, "second"}, {1000, ""}};

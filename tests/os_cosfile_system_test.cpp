@@ -143,22 +143,6 @@ TEST_F(FileSystem, CreatesAFolderWithItsParents)
     EXPECT_TRUE(!Exists("n") && Exists("other"));
 }
 
-TEST_F(FileSystem, ThreadsThatCreateOneTreeAllSucceed)
-{
-    const std::string strTree = PathOf("1/2/3/4/5/6/7/8");
-    std::atomic<int> iFailed{0};
-    std::atomic<int> iReady{0};
-    const auto create = [&](int) {
-        for (++iReady; iReady < 4;)
-            std::this_thread::yield();
-        const EOSSTS eossts = OsFileCreateDirectory(strTree.c_str());
-        iFailed += eossts != EOSSTS_SUCCESS && eossts != EOSSTS_EXISTS;
-    };
-    InThreads(4, create);
-    EXPECT_EQ(iFailed, 0);
-    EXPECT_TRUE(fs::is_directory(strTree));
-}
-
 TEST_F(FileSystem, DeleteChecksWhatItIsAskedFor)
 {
     WriteWhole(PathOf("f"), "");

@@ -1,10 +1,6 @@
 // os_coslog_test.cpp: the log call: which lines are written, how they look, where they go, and what never happens.
 #include "log_support.h"
 
-#include "os_coslogcollector.h"
-#include "os_cossocket.h"
-
-#include "plat_socket.h"
 #include "plat_thread.h"
 
 #include <csignal>
@@ -350,76 +346,4 @@ TEST_F(LoggerTest, FailedChecksAreToldOnStandardErrorWhenWanted)
     m_uniqueLog->Start(nullptr, 0, nullptr);
     OSLOG_AT("a_file", 8, OS_LOG_CHECK, "check");
     EXPECT_EQ(testing::internal::GetCapturedStderr(), "<a_file> <7> <check %d>\r\n");
-}
-
-// ---------------------------------------------------------------------------------------------------- a collector
-
-// The other end of the logger's connection.
-class CollectorEnd
-{
-public:
-    CollectorEnd() : m_plathandleListener(PlatSocketStartup() ? PlatSocketCreate() : PLAT_INVALID)
-    {
-        PlatAddress plataddress{{127, 0, 0, 1}, 0};
-        PlatSocketBind(m_plathandleListener, &plataddress);
-        PlatSocketListen(m_plathandleListener, 1);
-        PlatSocketName(m_plathandleListener, &plataddress);
-        m_strPort = std::to_string(plataddress.u16Port);
-    }
-    ~CollectorEnd() { Close(); }
-
-    COsLogCollector* Connect(const std::string& a_strLog)
-    {
-        auto* const possocket = new COsSocket;
-        EXPECT_EQ(possocket->SocketConnect({.szPort = m_strPort.c_str()}), EOSSTS_SUCCESS);
-        m_plathandle = PlatSocketAccept(m_plathandleListener, nullptr);
-        auto* const poslogcollector = new COsLogCollector(OS_COLLECTORMODE_PRIVATECLIENT, a_strLog.c_str());
-        poslogcollector->TakeClientSocket(possocket);
-        return poslogcollector;
-    }
-    std::string Receive(size_t a_sizetBytes) const
-    {
-        std::string strText(a_sizetBytes, '\0');
-        size_t sizetDone = 0;
-        WaitFor([&] {
-            size_t sizetRead = 0;
-            PlatSocketReceive(m_plathandle, strText.data() + sizetDone, a_sizetBytes - sizetDone, &sizetRead);
-            return (sizetDone += sizetRead) == a_sizetBytes;
-        });
-        return strText;
-    }
-    void Close()
-    {
-        for (PlatHandle* pplathandle : {&m_plathandle, &m_plathandleListener})
-            PlatClose(std::exchange(*pplathandle, PLAT_INVALID));
-    }
-
-private:
-    PlatHandle m_plathandleListener;
-    PlatHandle m_plathandle = PLAT_INVALID;
-    std::string m_strPort;
-};
-
-TEST_F(LoggerTest, LinesGoToTheCollectorUntilItDiesAndNoneIsLost)
-{
-    CollectorEnd collectorend;
-    COsLogCollector* const poslogcollector = collectorend.Connect(m_strLog);
-    Create();
-    m_uniqueLog->Start(m_strLog.c_str(), 0, "");
-    m_uniqueLog->TakeCollector(poslogcollector);
-    EXPECT_TRUE(m_uniqueLog->UsesCollector());
-    std::thread thread([] { Log(OS_LOG_NOTE, std::string(5000000, 'x') + "|"); });   // more than one send takes
-    const std::string strText = collectorend.Receive(5000000);
-    EXPECT_NE(strText.find("logcollector=true\r\n00001 "), std::string::npos);
-    const std::string strRest = collectorend.Receive(strText.find("xxx") + 3);
-    thread.join();
-    EXPECT_TRUE(strRest.ends_with("xxx|\r\n"));
-    EXPECT_FALSE(std::filesystem::exists(m_strLog));
-
-    collectorend.Close();
-    Log(OS_LOG_NOTE, "the line being sent");
-    Log(OS_LOG_NOTE, "a later one");
-    EXPECT_FALSE(m_uniqueLog->UsesCollector());
-    EXPECT_EQ(Messages(), (Texts{"the line being sent", "a later one"}));
-    EXPECT_EQ(Lines()[0].substr(0, 5), "00007");
 }

@@ -191,21 +191,3 @@ TEST_F(Tracker, BlocksOfTheExternalAllocatorPassThrough)
     EXPECT_TRUE(m_logcapture.HasAt(64, "mem>>> Exception thrown during free..."));
     EXPECT_EQ(AtCaller(1, "mem>>> The error occurred here..."), 1u);
 }
-
-TEST_F(Tracker, ThreadsShareTheTable)
-{
-    InThreads(3, [](int) {
-        for (int iRound = 0; iRound < 50; iRound++)
-        {
-            void* apvBlock[20];
-            for (void*& pvBlock : apvBlock)
-                pvBlock = Alloc(1);
-            OsMemDump(apvBlock[0]);
-            for (void* pvBlock : apvBlock)
-                Free(pvBlock);
-        }
-    });
-    EXPECT_EQ(m_osmem.GetCounts().u32Current, 0u);
-    EXPECT_EQ(m_osmem.GetCounts().u64CurrentBytes, 0u);
-    EXPECT_EQ(m_osmem.GetCounts().u32Frees, 3000u);
-}

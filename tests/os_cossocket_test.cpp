@@ -106,22 +106,6 @@ TEST_F(SocketTest, HostNamesAreResolved)
     EXPECT_EQ(m_logcapture.Count("bad argument..."), 2u);
 }
 
-TEST_F(SocketTest, HostChoosesTheTransportAndPortItsDirection)
-{
-    const std::array<const char*, 3> aexpected[] = {
-        {"@SHAREDMEMORY", "r/x", "bad port...<r/x>"}, {"@MESSAGEQUEUE", "a;b", "Unsupported...8"},
-        {"@MESSAGEQUEUE", "read", "Unsupported...7"}, {"@MESSAGEQUEUE", "c:\\r\\wr", "Unsupported...6"},
-        {"@MESSAGEQUEUE", "", "bad port...<>"},
-    };
-    COsSocket possocket;
-    for (const auto& [szHost, szPort, szText] : aexpected)
-    {
-        m_logcapture.Clear();
-        EXPECT_EQ(possocket.SocketConnect({.szHost = szHost, .szPort = szPort}), EOSSTS_FAIL);
-        EXPECT_TRUE(m_logcapture.HasAt(1, szText)) << szText;
-    }
-}
-
 TEST_F(SocketTest, ReadTakesWhatOneReceiveGivesAndClearsTheRest)
 {
     SocketPair socketpair;

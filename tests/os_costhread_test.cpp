@@ -138,22 +138,6 @@ TEST(Thread, StopsItself)
     EXPECT_EQ(osthread.Start("Again", ReturnAtOnce, nullptr), EOSSTS_SUCCESS);
 }
 
-TEST(Thread, MayDestroyItsOwnObject)
-{
-    static std::atomic<bool> g_blDestroyed{false};
-    auto* const posthread = new COsThread;
-    const OsThreadProc osthreadproc = [](COsThread* a_posthread) -> uint32_t {
-        UntilSet(a_posthread);   // the starter is done with it
-        delete a_posthread;
-        g_blDestroyed = true;
-        return 0;
-    };
-    std::atomic<bool> blGo{false};
-    ASSERT_EQ(posthread->Start("Orphan", osthreadproc, &blGo), EOSSTS_SUCCESS);
-    blGo = true;
-    EXPECT_TRUE(WaitFor([] { return g_blDestroyed.load(); }));
-}
-
 TEST(Thread, ExitTakesTheThreadsVariablesAlong)
 {
     LogCapture logcapture;

@@ -59,17 +59,10 @@ uint32_t ErrorOf(bool a_blResult)
 
 }   // namespace
 
-// Holds two files, one of them as its lock file, until it is killed; or says what the signal of a file's limit does.
-int PlayPart(const std::vector<std::string>& a_vecstrArguments)
+// Says what the signal of a file's limit does.
+int PlayPart(const std::vector<std::string>&)
 {
-    if (a_vecstrArguments[0] == "limit")
-        return raise(SIGXFSZ);
-    const File fileLock("lock", R | W, PLAT_SHARE_NONE, PLAT_DISPOSITION_CREATEALWAYS, PLAT_OPEN_DELETEONCLOSE);
-    const File fileLog("log", W, RW);
-    if (!fileLock.IsOpen() || !fileLog.IsOpen() || !Say("ready"))
-        return 1;
-    PlatSleep(60000);
-    return 0;
+    return raise(SIGXFSZ);
 }
 
 namespace
@@ -132,7 +125,7 @@ TEST_F(PlatFile, LimitOfAFilesSizeIsAFullDiskAndForNoChild)
     EXPECT_EQ(WriteBeyondTheLimit(), std::pair(PLAT_ERROR_DISKFULL, size_t{10}));
     EXPECT_EQ(ReadWhole(PathOf("limited")), "sixteen le");
     std::filesystem::remove("limited");
-    EXPECT_EQ(Part("limit").ExitCode(), 128u + SIGXFSZ);
+    EXPECT_EQ(Part("-").ExitCode(), 128u + SIGXFSZ);
 
     static volatile sig_atomic_t s_iSignals = 0;   // the program's own handler stays
     const auto pfnBefore = signal(SIGXFSZ, [](int) { s_iSignals = s_iSignals + 1; });
@@ -217,19 +210,6 @@ TEST_F(PlatFile, TemporaryFileGoesByIdentityNotByName)
     EXPECT_TRUE(exists("a") && exists("c (deleted)") && exists("c"));
 }
 
-TEST_F(PlatFile, HolderThatIsKilledHoldsNothingAndItsStaleFileIsFree)
-{
-    const Part part("holder -");
-    ASSERT_EQ(part.OutputUpTo("ready"), "ready");
-    EXPECT_EQ(File("lock", W, RW).m_u32Error, PLAT_ERROR_SHARING);
-    EXPECT_EQ(ErrorOf(PlatFileDelete(u"log")), PLAT_ERROR_SHARING);
-    part.Kill();
-    EXPECT_TRUE(exists("lock"));
-    EXPECT_TRUE(File("lock", W, 0, PLAT_DISPOSITION_CREATEALWAYS, PLAT_OPEN_DELETEONCLOSE).IsOpen());
-    EXPECT_FALSE(exists("lock"));
-    EXPECT_TRUE(PlatFileDelete(u"log"));
-}
-
 // A logger opens its file for each line while somebody clears the folder: no line may find the file refused.
 TEST_F(PlatFile, DeletionNeverRefusesAnOpener)
 {
@@ -245,39 +225,7 @@ TEST_F(PlatFile, DeletionNeverRefusesAnOpener)
     thread.join();
 }
 
-// The lock file idiom: whoever creates it alone has the lock, although its name comes and goes all the time.
-TEST_F(PlatFile, OnlyOneHolderOfALockFileAtATime)
-{
-    std::atomic<int> iHolders{0};
-    std::atomic<int> iHeld{0};
-    const auto hold = [&] {
-        while (iHeld < 1000)
-        {
-            const File file("file", R | W, 0, PLAT_DISPOSITION_CREATEALWAYS, PLAT_OPEN_DELETEONCLOSE);
-            if (!file.IsOpen())
-                continue;
-            EXPECT_EQ(++iHolders, 1);
-            EXPECT_EQ(file.Links(), 1u);
-            ++iHeld;
-            --iHolders;
-        }
-    };
-    const std::jthread ajthread[] = {std::jthread(hold), std::jthread(hold), std::jthread(hold)};
-}
-
 // --------------------------------------------------------------------------------------------------------- content
-
-TEST_F(PlatFile, ChildInheritsNeitherLocksNorShareModes)
-{
-    File file("file", R | W, PLAT_SHARE_READ);
-    EXPECT_TRUE(PlatFileLock(file.m_plathandle, 0, 1));
-    const Part part("holder -");
-    ASSERT_EQ(part.OutputUpTo("ready"), "ready");
-    file.Close();
-    const File fileAgain("file", R | W, RW);
-    EXPECT_TRUE(fileAgain.IsOpen());
-    EXPECT_TRUE(PlatFileLock(fileAgain.m_plathandle, 0, 1));
-}
 
 // ------------------------------------------------------------------------------------------------- paths, searches
 
