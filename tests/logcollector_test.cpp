@@ -30,6 +30,10 @@ protected:
 
 TEST_F(CollectorProgram, ArgumentsThatNameNoLivingApplicationDoNothing)
 {
+    const std::string strId = std::to_string(PlatProcessId());
+    ExpectCollecting({"--xml=<x/><lcpidapp><![CDATA[" + strId + "]]></lcpidapp>"});
+    ExpectCollecting({"--xml=<lcpidapp>" + std::string(63 - strId.size(), '0') + strId + "</lcpidapp>"});
+    ExpectNothingDone({"--xml=<lcpidapp>" + std::string(64 - strId.size(), '0') + strId + "</lcpidapp>"});
     const std::string strLong = LivingDocument() + std::string(2048 - LivingDocument().size(), 'x');
     ExpectNothingDone({});
     ExpectNothingDone({"unknown", "-xml=" + LivingDocument()});
@@ -75,15 +79,6 @@ TEST_F(CollectorProgram, LogsItselfIntoItsOwnFolderWhenAsked)
     EXPECT_NE(strLog.find("logcollector=false\r\n"), std::string::npos);
     EXPECT_NE(strLog.find("Program is...<" + Backslashed(ProgramPath("logcollector")) + ">\r\n"), std::string::npos);
     EXPECT_EQ(strLog.substr(strLog.size() - 2), "\r\n");
-}
-
-TEST_F(CollectorProgram, TheApplicationIsFoundInAnyDocumentThatNamesIt)
-{
-    const std::string strId = std::to_string(PlatProcessId());
-    ExpectCollecting({"--xml=<x/><lcpidapp><![CDATA[" + strId + "]]></lcpidapp>"});
-    ExpectCollecting({"--xml=<lcpidapp>" + strId + "abc</lcpidapp>"});
-    ExpectCollecting({"--xml=<lcpidapp>" + std::string(63 - strId.size(), '0') + strId + "</lcpidapp>"});
-    ExpectNothingDone({"--xml=<lcpidapp>" + std::string(64 - strId.size(), '0') + strId + "</lcpidapp>"});
 }
 
 TEST_F(CollectorProgram, TheStartReplyIsExactAndTheOnlyOutput)

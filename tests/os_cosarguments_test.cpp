@@ -83,7 +83,7 @@ int PlayPart(const std::vector<std::string>& a_vecstrArguments)
     return Say(strSaid) ? 0 : 1;
 }
 
-TEST(Arguments, ThreadsOwnCarrierGoesBeforeTheGeneralOneAndThatBeforeWideText)
+TEST(Arguments, ThreadsOwnCarrierGoesFirstAndWideTextLast)
 {
     const std::string strWide = Document("<app>\xC3\xA9</app>");
     EXPECT_EQ(Read(), "");

@@ -33,18 +33,6 @@ protected:
     LogCapture m_logcapture;
 };
 
-TEST_F(Directories, TwoStartsLogIntoSiblingsBelowTheUserFolder)
-{
-    const std::string strFirst = LogDirectory("logcollector");
-    const std::string strSecond = LogDirectory("logcollector");
-    const std::string strFolder = LocalBrand() + "/logcollector/logcollector";
-    EXPECT_TRUE(IsLogFolderBelow(strFirst, strFolder)) << strFirst;
-    EXPECT_TRUE(IsLogFolderBelow(strSecond, strFolder)) << strSecond;
-    EXPECT_NE(strFirst, strSecond);
-    EXPECT_TRUE(fs::is_directory(strFirst) && fs::is_directory(strSecond) && fs::is_directory(LegacyBrand()));
-    EXPECT_TRUE(fs::is_empty(strFirst)) << "no folder is made ahead of its use";
-}
-
 TEST_F(Directories, TagsNameTheFoldersOfTheRunAndItsRoots)
 {
     setenv("SANETWAIN_VERSION", "01020304", 1);
@@ -81,6 +69,16 @@ TEST_F(Directories, RelativeLogFolderBeginsWhereTheProcessStarts)
     EXPECT_TRUE(IsLogFolderBelow(LogDirectory("app"), strHere + "/logs"));
 }
 
+TEST_F(Directories, RootAndModelComeFromSettingsAndArguments)
+{
+    PutCommon("UseUsersFolder=no");
+    EXPECT_TRUE(IsLogFolderBelow(LogDirectory("app"), LegacyBrand() + "/app/app"));
+    OsArgumentsSet(OS_ARGUMENT_MODELDIRECTORY, "d100");
+    OsArgumentsSet(OS_ARGUMENT_ROOTPATH, PathOf("given").c_str());
+    EXPECT_TRUE(IsLogFolderBelow(LogDirectory("app", OS_CFGENTITY_DRIVER), PathOf("given/d100/app")));
+    EXPECT_FALSE(fs::exists(LocalBrand()));
+}
+
 TEST_F(Directories, FoldersAreMadeOnlyWhereLoggingIsOn)
 {
     setenv("MVR_NOLOGGING", "1", 1);
@@ -89,22 +87,8 @@ TEST_F(Directories, FoldersAreMadeOnlyWhereLoggingIsOn)
     for (const char* szOn : {"0", "11"})
     {
         setenv("MVR_NOLOGGING", szOn, 1);
-        EXPECT_TRUE(fs::exists(LogDirectory("app"))) << szOn;
+        EXPECT_TRUE(fs::is_empty(LogDirectory("app"))) << szOn;
     }
-}
-
-TEST_F(Directories, WithoutUserFoldersTheMachinesRootIsChosen)
-{
-    PutCommon("UseUsersFolder=no");
-    EXPECT_TRUE(IsLogFolderBelow(LogDirectory("app"), LegacyBrand() + "/app/app"));
-}
-
-TEST_F(Directories, ModelAndRootOfTheArgumentsGoFirst)
-{
-    OsArgumentsSet(OS_ARGUMENT_MODELDIRECTORY, "d100");
-    OsArgumentsSet(OS_ARGUMENT_ROOTPATH, PathOf("given").c_str());
-    EXPECT_TRUE(IsLogFolderBelow(LogDirectory("app", OS_CFGENTITY_DRIVER), PathOf("given/d100/app")));
-    EXPECT_FALSE(fs::exists(LocalBrand()));
 }
 
 TEST_F(Directories, ServiceWorksInTheFolderOfWhoeverWorkedHereLast)

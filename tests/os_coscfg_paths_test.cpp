@@ -35,7 +35,7 @@ TEST_F(Paths, WriteableFoldersLieBelowTheUsersAndTheMachinesData)
     EXPECT_EQ(Resolve(OS_PATH_WRITEABLE_FOLDER_ROOT), Local()) << "found out once";
 }
 
-TEST_F(Paths, CollectorFolderFollowsTheUserAndTheFlushFileStaysInProgramData)
+TEST_F(Paths, CollectorFolderFollowsTheUserAndTheFlushFileDoesNot)
 {
     PutCommon("UseLocalOrRoaming=Roaming");
     EXPECT_EQ(Resolve(OS_PATH_WRITEABLE_FOLDER_LOGCOLLECTOR), Roaming() + "\\mvr_orvane\\common\\logcollector");
@@ -49,7 +49,7 @@ TEST_F(Paths, CollectorFolderFollowsTheUserAndTheFlushFileStaysInProgramData)
     EXPECT_TRUE(std::filesystem::is_directory(pathFlush)) << "created again when it is missing";
 }
 
-TEST_F(Paths, PrefixOfTheCommonSettingsMovesWriteableFoldersWithoutTheirDrive)
+TEST_F(Paths, PrefixOfTheCommonSettingsMovesWriteableFolders)
 {
     setenv("LOCALAPPDATA", "C:\\Users\\u\\Local", 1);
     PutCommon("WriteableFolderPrefix = " + PathOf("moved"));
@@ -58,32 +58,20 @@ TEST_F(Paths, PrefixOfTheCommonSettingsMovesWriteableFoldersWithoutTheirDrive)
     EXPECT_EQ(Resolve(OS_PATH_SPECIALFOLDER_CURRENTUSER_APPDATA), "C:\\Users\\u\\Local");
 }
 
-TEST_F(Paths, MakersOwnWordInAnyCaseIsTheMakersFolder)
-{
-    setenv("MVR_COMPANYNAMESHORT", "ORVANE", 1);
-    EXPECT_EQ(Resolve(OS_PATH_WRITEABLE_FOLDER_BRAND_LOCAL), Local() + "\\mvr_orvane");
-}
-
 // ------------------------------------------------------------------------------------------------------ INI files
 
 TEST_F(Paths, IniFilesAreNamedByTheProgramUnlessThereIsAModel)
 {
     EXPECT_EQ(Resolve(OS_PATH_READABLE_FILE_COMMON_CONSTINI), Readable() + "\\common\\const.ini");
+    OsArgumentsSet(OS_ARGUMENT_UNIQUENAME, "");
+    char szPath[OS_PATHSIZE] = "x";
+    EXPECT_EQ(OsCfgResolvePath(OS_PATH_READABLE_FILE_PROTECTED_CONSTINI, szPath, sizeof szPath), EOSSTS_FAIL);
+    EXPECT_STREQ(szPath, "") << "not remembered before there is a name";
     OsArgumentsSet(OS_ARGUMENT_UNIQUENAME, "hvcfgmgr-drvlet-hvcfgmgr");
     EXPECT_EQ(Resolve(OS_PATH_READABLE_FILE_PROTECTED_CONSTINI), Readable() + "\\common\\const\\drvlet_const.ini");
     OsArgumentsSet(OS_ARGUMENT_MODELDIRECTORY, "d100");
     EXPECT_EQ(Resolve(OS_PATH_WRITEABLE_FILE_UNPROTECTED_DEBUGINI),
               Local() + "\\mvr_orvane\\common\\debug\\d100_debug.ini");
-}
-
-TEST_F(Paths, NoIniFileIsRememberedBeforeThereIsAName)
-{
-    OsArgumentsSet(OS_ARGUMENT_UNIQUENAME, "");
-    char szPath[OS_PATHSIZE] = "x";
-    EXPECT_EQ(OsCfgResolvePath(OS_PATH_READABLE_FILE_PROTECTED_CONSTINI, szPath, sizeof szPath), EOSSTS_FAIL);
-    EXPECT_STREQ(szPath, "");
-    OsArgumentsSet(OS_ARGUMENT_UNIQUENAME, "app");
-    EXPECT_EQ(Resolve(OS_PATH_READABLE_FILE_PROTECTED_CONSTINI), Readable() + "\\common\\const\\app_const.ini");
 }
 
 TEST_F(Paths, TextFileStandsInForAMissingIniFile)
@@ -95,14 +83,6 @@ TEST_F(Paths, TextFileStandsInForAMissingIniFile)
     EXPECT_EQ(Resolve(OS_PATH_READABLE_FILE_PROTECTED_CONSTINI), Readable() + "\\common\\const\\app_const.ini.txt");
     EXPECT_EQ(Resolve(OS_PATH_WRITEABLE_FILE_UNPROTECTED_DEBUGINI),
               Local() + "\\mvr_orvane\\common\\debug\\app_debug.ini");
-}
-
-TEST_F(Paths, WithoutDebugIniTheProtectedFileServesBoth)
-{
-    PutCommon("UseDebugIni=no");
-    OsArgumentsSet(OS_ARGUMENT_UNIQUENAME, "wia");
-    EXPECT_EQ(Resolve(OS_PATH_WRITEABLE_FILE_UNPROTECTED_DEBUGINI), Readable() + "\\common\\const\\wia_const.ini");
-    EXPECT_EQ(Resolve(OS_PATH_WRITEABLE_FOLDER_LOCALORROAMING), Legacy()) << "works for all users";
 }
 
 TEST_F(Paths, ConstIniGetsItsNameBackOrIsUsedUnderTheOther)
@@ -198,15 +178,4 @@ TEST_F(Paths, EverySpecialFolderIsSomewhere)
     EXPECT_TRUE(m_logcapture.HasAt(OS_LOG_CHECK, "unrecognized eosspecialfolder...18"));
     OsCfgSpecialFolder(szPath, sizeof szPath, OS_SPECIALFOLDER_DEFAULTUSER_DESKTOP);
     EXPECT_EQ(szPath, Below("home\\Desktop"));
-}
-
-TEST_F(Paths, ThreadsThatAskAtOnceGetTheSameAnswer)
-{
-    InThreads(3, [this](int) {
-        for (int i = 0; i < 50; ++i)
-        {
-            EXPECT_EQ(Resolve(OS_PATH_WRITEABLE_FOLDER_BRAND_LOCALORROAMING), Local() + "\\mvr_orvane");
-            EXPECT_EQ(Resolve(OS_PATH_READABLE_FILE_PROTECTED_CONSTINI), Readable() + "\\common\\const\\app_const.ini");
-        }
-    });
 }

@@ -39,17 +39,6 @@ TEST_F(ConfigurationTest, WithoutAnyFileTheTableOfTagsIsTheWrittenOne)
 
 // ------------------------------------------------------------------------------------------------------ the table
 
-TEST(ConfigurationTable, OnlyAdoptedTextsAreFreed)
-{
-    OsCfgTable oscfgtable;
-    EXPECT_EQ(oscfgtable.Adopt(1, 38, new char[2]{'1', 0}), EOSSTS_SUCCESS);
-    EXPECT_EQ(oscfgtable.Adopt(1, 38, new char[2]{'2', 0}), EOSSTS_SUCCESS);
-    EXPECT_EQ(oscfgtable.Set(1, 38, "3"), EOSSTS_SUCCESS);
-    EXPECT_STREQ(oscfgtable.Get(1, 38), "3");
-    EXPECT_EQ(oscfgtable.Adopt(5, 38, new char[2]{'x', 0}), EOSSTS_NOTOPEN);
-    EXPECT_EQ(oscfgtable.Adopt(4, 344, new char[2]{'4', 0}), EOSSTS_SUCCESS);
-}
-
 TEST(ConfigurationTable, AnExtensionIsAsLargeAsItsLists)
 {
     static const OsCfgExtension g_aSection[] = {{1001, "first"}, {1002, "second"}, {1000, ""}};
@@ -81,18 +70,6 @@ TEST(ConfigurationTable, AnExtensionIsAsLargeAsItsLists)
 // ------------------------------------------------------------------------------------------------------ the object
 
 using Configuration = ConfigurationTest;
-
-TEST_F(Configuration, TheVersionIsTheProgramsOwn)
-{
-    LogCapture logcapture;
-    COsCfg::CreateArgs createargs;
-    for (size_t sizet = 0; sizet < OS_CFGVERSIONS; ++sizet)
-        createargs.aszVersion[sizet] = "12";
-    COsCfg oscfg(createargs);
-    EXPECT_TRUE(logcapture.HasAt(4, "Done setting configuration defaults..."));
-    ExpectTags(oscfg, {{OS_CFGTAG_VERSIONMAJORNUM, "12"}, {OS_CFGTAG_VERSIONYEAR, "12"}});
-    EXPECT_EQ(OsCfgGetLong(OS_CFGTAG_FORCEMAXCHUNKSOCKET), -2130706432L);
-}
 
 TEST_F(Configuration, StoringGoesToTheIdentitySectionWhateverSectionIsNamed)
 {
@@ -150,7 +127,7 @@ TEST_F(Configuration, AHostProgramIsRecognisedByItsFileName)
 class CommonSettings : public ConfigurationTest
 {
 protected:
-    static std::string Get(const char* a_szKey) { return OsCfgCommonGet(a_szKey, "default"); }
+    static std::string Get(const std::string& a_strKey) { return OsCfgCommonGet(a_strKey.c_str(), "default"); }
 };
 
 TEST_F(CommonSettings, WithoutAFileEveryAnswerIsTheDefault)
@@ -163,6 +140,18 @@ TEST_F(CommonSettings, WithoutAFileEveryAnswerIsTheDefault)
 
     PutCommon("UseDebugIni=no\r\n");
     EXPECT_STREQ(OsCfgCommonGet("UseDebugIni", "yes"), "yes") << "absent stays absent";
+}
+
+TEST_F(CommonSettings, The129thEntryIsIgnoredAlsoOfTheFileNamedTxt)
+{
+    std::string strText;
+    for (int i = 1; i <= 129; ++i)
+        strText += "key" + std::to_string(i) + "=" + std::to_string(i) + "\r\n";
+    Put(Resolve(OS_PATH_READABLE_FILE_COMMON_CONSTINI) + ".txt", strText);
+    EXPECT_EQ(Get("key128"), "128");
+    EXPECT_EQ(Get("key129"), "default");
+    OsCfgCommonInstall();
+    EXPECT_STREQ(OsCfgGetCommon("KEY1", "0"), "1");
 }
 
 TEST_F(CommonSettings, KeysAndValuesAreTrimmedAndFoundInAnyCase)
@@ -178,21 +167,4 @@ TEST_F(CommonSettings, KeysAndValuesAreTrimmedAndFoundInAnyCase)
     EXPECT_EQ(Get("LogCollector"), "");
     for (const char* szKey : {"Comment", "; Comment", "Control", "Indented", "[Header]"})
         EXPECT_EQ(Get(szKey), "default") << szKey;
-}
-
-TEST_F(CommonSettings, The129thEntryIsIgnored)
-{
-    std::string strText;
-    for (int i = 1; i <= 129; ++i)
-        strText += "key" + std::to_string(i) + "=" + std::to_string(i) + "\r\n";
-    PutCommon(strText);
-    EXPECT_EQ(Get("key128"), "128");
-    EXPECT_EQ(Get("key129"), "default");
-}
-
-TEST_F(CommonSettings, TheNameWithTxtServesWhenTheFileIsMissing)
-{
-    Put(Resolve(OS_PATH_READABLE_FILE_COMMON_CONSTINI) + ".txt", "key=1");
-    OsCfgCommonInstall();
-    EXPECT_STREQ(OsCfgGetCommon("KEY", "0"), "1");
 }

@@ -38,24 +38,7 @@ protected:
 
 using Ints = std::vector<int>;
 
-TEST_F(List, ChunksComeWhenTheyAreNeededAndGoWhileThreeFreeNodesRemain)
-{
-    COsLnk oslnk(sizeof(int), 4);
-    AddRange(oslnk, 0, 3);
-    EXPECT_EQ(oslnk.ChunkCount(), 1u);
-    AddRange(oslnk, 4, 4);
-    EXPECT_EQ(oslnk.ChunkCount(), 2u);
-    RemoveRange(oslnk, 4, 4);   // the first chunk is full
-    RemoveRange(oslnk, 0, 1);   // two free nodes are too few
-    EXPECT_EQ(oslnk.ChunkCount(), 2u);
-    RemoveRange(oslnk, 2, 2);
-    EXPECT_EQ(oslnk.ChunkCount(), 1u);
-    RemoveRange(oslnk, 3, 3);
-    EXPECT_EQ(oslnk.ChunkCount(), 1u);
-    EXPECT_EQ(oslnk.Count(), 0);
-}
-
-TEST_F(List, WhenAChunkInTheMiddleGoesTheOtherItemsStayInPlace)
+TEST_F(List, AnEmptyChunkGoesAndOtherItemsStayInPlace)
 {
     COsLnk oslnk(sizeof(int), 4);
     AddRange(oslnk, 0, 11);
@@ -67,7 +50,12 @@ TEST_F(List, WhenAChunkInTheMiddleGoesTheOtherItemsStayInPlace)
     EXPECT_EQ(oslnk.ChunkCount(), 3u);
     EXPECT_EQ(Items(oslnk), (Ints{0, 8, 9, 10, 11, 20, 21, 22, 23}));
     EXPECT_EQ(oslnk.GetFirstAndLock("", "", 0), pvFirst);
+    oslnk.Remove(nullptr, true, false);   // all of them; the chunks stay
     oslnk.Unlock();
+    EXPECT_EQ(oslnk.Count(), 0);
+    EXPECT_EQ(oslnk.ChunkCount(), 3u);
+    EXPECT_TRUE(oslnk.Add(nullptr));
+    EXPECT_EQ(Items(oslnk), Ints{0});
 }
 
 TEST_F(List, ItemsGoInFrontBehindAnotherOrToTheTail)
@@ -92,33 +80,6 @@ TEST_F(List, ItemsGoInFrontBehindAnotherOrToTheTail)
     RemoveRange(oslnk, 7, 7);   // what is not there changes nothing
     oslnk.Remove(nullptr, false, true);
     EXPECT_EQ(oslnk.Count(), 6);
-}
-
-TEST_F(List, EmptyingKeepsTheChunksAndStartsOverInTheFirstNode)
-{
-    COsLnk oslnk(sizeof(int), 2);
-    AddRange(oslnk, 1, 5);
-    void* const pvFirst = oslnk.GetFirstAndLock("", "", 0);
-    oslnk.Remove(nullptr, true, false);
-    oslnk.Unlock();
-    EXPECT_EQ(oslnk.Count(), 0);
-    EXPECT_EQ(oslnk.ChunkCount(), 3u);
-    AddRange(oslnk, 9, 9);
-    EXPECT_EQ(oslnk.GetFirstAndLock("", "", 0), pvFirst);
-    oslnk.Unlock();
-    EXPECT_EQ(Items(oslnk), Ints{9});
-}
-
-TEST_F(List, ANullItemTakesAZeroedNode)
-{
-    COsLnk oslnk(5, 3);   // nodes of a size that is no multiple of a word
-    for (int i = 0; i < 4; i++)
-        EXPECT_TRUE(oslnk.Add(i == 2 ? nullptr : "abcd"));
-    std::string strItems;
-    for (void* pvItem = oslnk.GetFirstAndLock("", "", 0); pvItem; pvItem = oslnk.GetNext(pvItem))
-        strItems += std::string(static_cast<char*>(pvItem)) + ",";
-    oslnk.Unlock();
-    EXPECT_EQ(strItems, "abcd,abcd,,abcd,");
 }
 
 TEST_F(List, AnAddWithoutMemoryFailsAndEveryBlockGoesBack)

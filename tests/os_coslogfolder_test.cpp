@@ -143,20 +143,6 @@ TEST_F(LogFolder, NothingIsCreatedByLettingGo)
     EXPECT_TRUE(m_logcapture.Lines().empty()) << "nothing is wrong with that";
 }
 
-TEST_F(LogFolder, AFolderThatMovesOnIsLeftToWhoeverHoldsItsNewLock)
-{
-    COsLogFolderLock oslogfolderlock;
-    COsLogFolderLock oslogfolderlockNew;
-    ASSERT_EQ(oslogfolderlock.Acquire(m_strFolder.c_str()), EOSSTS_SUCCESS);
-    fs::remove_all(m_strFolder);
-    Make();
-    ASSERT_EQ(oslogfolderlockNew.Acquire(m_strFolder.c_str()), EOSSTS_SUCCESS);
-    const ino_t ino = LockFile();
-    oslogfolderlock.Release();
-    EXPECT_EQ(LockFile(), ino);
-    EXPECT_FALSE(Delete());
-}
-
 // With every line that the deletion logs, somebody tries to begin to log there.
 TEST_F(LogFolder, NobodyBeginsToLogThereWhileItIsDeleted)
 {

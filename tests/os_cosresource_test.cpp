@@ -34,55 +34,27 @@ protected:
 
 TEST_F(Resource, IsFoundByItsName)
 {
+    EXPECT_EQ(Open("ANY"), EOSSTS_FAIL);
+    EXPECT_TRUE(m_log.HasAt(OS_LOG_ERROR, "LoadLibrary failed: " + m_strProgram));
+    WriteWhole(m_strProgram, "a text");
+    EXPECT_EQ(Open("ANY"), EOSSTS_FAIL);
+
     WriteWhole(PathOf("text"), "two\nlines");
-    MakeProgram("FIRST=one SECOND=@" + PathOf("text") + " EMPTY=");
+    MakeProgram("OLD=one");
+    ASSERT_EQ(AppendResources(m_strProgram, "FIRST=one SECOND=@" + PathOf("text") + " EMPTY="), 0);
+    EXPECT_EQ(Open("OLD"), EOSSTS_NOSPACE) << "those that are given again replace the former ones";
     EXPECT_EQ(Open("SECOND"), EOSSTS_SUCCESS);
     EXPECT_EQ(m_strData, "two\nlines");
-    EXPECT_TRUE(m_log.HasAt(OS_LOG_NOTE, "Open>>> <" + m_strProgram + "> <SECOND> 0"));
-    EXPECT_TRUE(m_log.HasAt(OS_LOG_NOTE, "Open>>> actual file used <" + m_strProgram + ">"));
-    EXPECT_TRUE(m_log.HasPart("LoadFooter>>> Open...<" + m_strProgram + "> "));
-    EXPECT_TRUE(m_log.Has("searching...00 <FIRST> <SECOND>"));
-    EXPECT_TRUE(m_log.Has("searching...01 <SECOND> <SECOND>"));
     EXPECT_EQ(Open("EMPTY"), EOSSTS_SUCCESS);
     EXPECT_EQ(m_strData, "");
     EXPECT_EQ(Open("second"), EOSSTS_NOSPACE);
     EXPECT_TRUE(m_log.HasAt(OS_LOG_NOTE, "FindResource failed...<second>"));
-}
 
-TEST_F(Resource, GivenAgainReplaceTheFormerOnes)
-{
-    MakeProgram("FIRST=one");
-    const size_t sizetOnce = SizeOf("program");
-    ASSERT_EQ(AppendResources(m_strProgram, "OTHER=two"), 0);
-    EXPECT_EQ(SizeOf("program"), sizetOnce);
-    EXPECT_EQ(Open("FIRST"), EOSSTS_NOSPACE);
-    EXPECT_EQ(Open("OTHER"), EOSSTS_SUCCESS);
-}
-
-TEST_F(Resource, AnObjectHoldsOneAtATime)
-{
-    MakeProgram("FIRST=one SECOND=two");
     COsResource osresource;
-    EXPECT_EQ(osresource.Open(m_strProgram.c_str(), "THIRD"), EOSSTS_NOSPACE);
     EXPECT_EQ(osresource.Open(m_strProgram.c_str(), "FIRST"), EOSSTS_SUCCESS);
     EXPECT_EQ(osresource.Open(m_strProgram.c_str(), "SECOND"), EOSSTS_FAIL);
     EXPECT_TRUE(m_log.HasAt(OS_LOG_CHECK, "this osresource is already in use..."));
     EXPECT_STREQ(osresource.Data(), "one");
-    EXPECT_EQ(osresource.Size(), 3u);
-}
-
-TEST_F(Resource, WhatIsNoProgramIsRefused)
-{
-    const std::string strMissing = PathOf("missing");
-    COsResource osresource;
-    EXPECT_EQ(osresource.Open(strMissing.c_str(), "ANY"), EOSSTS_FAIL);
-    EXPECT_TRUE(m_log.HasAt(OS_LOG_ERROR, "LoadLibrary failed: " + strMissing));
-    EXPECT_EQ(PlatGetLastError(), 0u);
-    WriteWhole(m_strProgram, "a text");
-    EXPECT_EQ(Open("ANY"), EOSSTS_FAIL);
-    EXPECT_EQ(osresource.Open(nullptr, "ANY"), EOSSTS_FAIL);
-    EXPECT_EQ(osresource.Open(m_strProgram.c_str(), nullptr), EOSSTS_FAIL);
-    EXPECT_TRUE(m_log.HasAt(OS_LOG_CHECK, "a_szResourceName is NULL..."));
 }
 
 // Whatever numbers a file holds, nothing outside of its resources is read.

@@ -8,7 +8,6 @@
 
 #include <csetjmp>
 #include <csignal>
-#include <random>
 #include <sys/mman.h>
 #include <thread>
 #include <unistd.h>
@@ -211,30 +210,6 @@ TEST_F(RingBuffer, ACutBlockIsRefusedAlsoWhileItIsInUse)
     }
 }
 
-// However the cut falls into an operation, nobody dies of it, and no bytes are told that are not there.
-TEST_F(RingBuffer, ABlockThatIsCutInTheMiddleOfAnOperationIsRefused)
-{
-    const std::string strRecord(4'000'000, 'x');
-    std::string strGot(strRecord.size(), '\0');
-    for (const int iMicroseconds : {0, 100, 300, 500, 800, 1200, 1600, 2000, 3000, 4000, 6000})
-    {
-        Make(4'000'100);
-        std::jthread cutter([&] {
-            std::this_thread::sleep_for(std::chrono::microseconds(iMicroseconds));
-            std::filesystem::resize_file(m_strFile, 0);
-        });
-        for (m_eossts = EOSSTS_SUCCESS; m_eossts == EOSSTS_SUCCESS;)
-        {
-            int32_t i32Read = 0;
-            if (Write(strRecord) != 0)
-                m_eossts = m_reader.Read(strGot.data(), INT32_MAX, &i32Read, &m_i32Remaining);
-            EXPECT_TRUE(i32Read == 0 || strGot == strRecord);
-        }
-        EXPECT_EQ(m_eossts, EOSSTS_FAIL);
-        EXPECT_TRUE(m_logcapture.HasAt(1, "memory is damaged"));
-    }
-}
-
 namespace
 {
 // A payload whose second half can be read only when the block's file has been cut: the file is cut in the middle of
@@ -325,29 +300,6 @@ TEST_F(RingBuffer, AForeignBusErrorLeavesTheGuardInPlace)
     const CuttingPayload cuttingpayload(m_strFile);
     int32_t i32Written = 0;
     EXPECT_EQ(m_writer.Write(cuttingpayload.m_pvPayload, 0, 2 * CuttingPayload::OS_HALF, &i32Written), EOSSTS_FAIL);
-}
-
-// Whatever stands in the header and in front of the records, nothing is touched outside the block, which here ends
-// with its page.
-TEST_F(RingBuffer, RandomBlocksNeverLeadOutside)
-{
-    std::minstd_rand random(7);
-    for (int iRound = 0; iRound < 600; ++iRound)
-    {
-        Make(8192 - 88 - 16);
-        std::string strData(8192 - 88, '\0');
-        for (size_t sizet = 0; sizet < strData.size(); sizet += 1 + random() % 64)
-            strData[sizet] = static_cast<char>(random());
-        const auto number = [&] { return Bytes(static_cast<int32_t>(random() % 9000 & ~7u)); };
-        Overwrite(m_strFile, 6, number() + number() + number() + static_cast<char>(random()));
-        Overwrite(m_strFile, 88, strData);
-        for (int iTry = 0; iTry < 3; ++iTry)
-        {
-            Write(std::string(8192, 'x'));
-            Read();
-            EXPECT_TRUE(m_eossts == EOSSTS_SUCCESS || m_eossts == EOSSTS_FAIL || m_eossts == EOSSTS_NOSPACE);
-        }
-    }
 }
 
 // The writer is killed in the middle of its work, again and again: what it has written is whole and in order, and its

@@ -76,9 +76,6 @@ TEST_F(Spawn, TheLineIsQuotedAndTheChildStartsInItsFolder)
     EXPECT_TRUE(m_logcapture.HasAt(OS_LOG_NOTE, "Spawn: directory.......(none)"));
 
     std::filesystem::current_path(m_path);
-    Script("alone", "pwd");
-    EXPECT_EQ(Start(g_u32Piped, "alone"), EOSSTS_SUCCESS);
-    EXPECT_EQ(Output(), m_path.string() + "\n");
     std::filesystem::create_directory(PathOf("sub"));
     Script("sub/program", "pwd");
     EXPECT_EQ(Start(g_u32Piped, "sub/program"), EOSSTS_SUCCESS);
@@ -168,13 +165,6 @@ TEST_F(Spawn, AChildThatDiesAtOnceIsStartedAgain)
     EXPECT_TRUE(m_logcapture.HasAt(OS_LOG_ERROR, "Spawn: This object already has something spawned..."));
     EXPECT_EQ(m_osthread.ChildWrite("\n", 1), EOSSTS_SUCCESS);
     EXPECT_TRUE(WaitFor(hasEnded));
-
-    EXPECT_EQ(Start(g_u32Piped, PathOf("dies")), EOSSTS_SUCCESS);   // nobody looks
-    m_fakeconfiguration.Set(OS_CFGTAG_FORCESPAWNRETRY, "0");
-    EXPECT_EQ(Output(), "");
-    EXPECT_EQ(Start(OS_SPAWNFLAGS_PIPES, Script("code", "exit 42")), EOSSTS_SUCCESS);
-    EXPECT_TRUE(WaitFor([&] { return !m_osthread.ChildIsRunning(); }));
-    EXPECT_EQ(m_osthread.ChildExitCode(), 42u);
 }
 
 TEST_F(Spawn, WhatCannotBeStartedIsToldAtOnce)

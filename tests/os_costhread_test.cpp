@@ -58,7 +58,10 @@ TEST(Thread, RunsWithItsArgumentUntilItIsStopped)
     int iArgument = 0;
     EXPECT_EQ(osthread.WaitForStop(0), EOSSTS_FAIL);
     EXPECT_TRUE(logcapture.HasAt(OS_LOG_ERROR, "thr>>> pod.m_hEvent is NULL..."));
+    EXPECT_EQ(osthread.Start(nullptr, nullptr, nullptr), EOSSTS_NOTOPEN);
     ASSERT_EQ(osthread.Start("Worker", UntilStopped, &iArgument), EOSSTS_SUCCESS);
+    EXPECT_EQ(osthread.Start("Second", ReturnAtOnce, &osthread), EOSSTS_FAIL);
+    EXPECT_TRUE(logcapture.HasPart("thr>>> you're already running this thread...<"));
     EXPECT_EQ(osthread.Argument(), &iArgument);
     EXPECT_TRUE(PlatThreadIsAlive(osthread.Id()));
     EXPECT_EQ(osthread.StopState(), 1u);
@@ -73,19 +76,6 @@ TEST(Thread, RunsWithItsArgumentUntilItIsStopped)
                                "thr>>> id:", "thr>>> stopping...<", "thr>>> Exiting...<", "-Worker>"})
         EXPECT_TRUE(logcapture.HasPart(szPart)) << szPart;
     EXPECT_FALSE(logcapture.HasPart("terminating it"));
-}
-
-TEST(Thread, RefusesToStartWithoutProcedureOrTwice)
-{
-    LogCapture logcapture;
-    COsThread osthread;
-    EXPECT_EQ(osthread.Start(nullptr, nullptr, nullptr), EOSSTS_NOTOPEN);
-    EXPECT_TRUE(logcapture.HasPart("-(noname)>"));
-    ASSERT_EQ(osthread.Start("First", UntilStopped, nullptr), EOSSTS_SUCCESS);
-    EXPECT_EQ(osthread.Start("Second", ReturnAtOnce, &osthread), EOSSTS_FAIL);
-    EXPECT_TRUE(logcapture.HasPart("thr>>> you're already running this thread...<"));
-    EXPECT_EQ(osthread.Argument(), nullptr);
-    EXPECT_TRUE(PlatThreadIsAlive(osthread.Id()));
 }
 
 // However the procedure ends, the object can be stopped, started again at once, and destroyed at once; what has ended
@@ -146,22 +136,6 @@ TEST(Thread, StopsItself)
     EXPECT_TRUE(logcapture.HasPart("thr>>> stop called from thread it's stopping (bad programmer)...<"));
     EXPECT_FALSE(logcapture.HasPart("crash"));
     EXPECT_EQ(osthread.Start("Again", ReturnAtOnce, nullptr), EOSSTS_SUCCESS);
-}
-
-TEST(Thread, MayDestroyItsOwnObject)
-{
-    static std::atomic<bool> g_blDestroyed{false};
-    auto* const posthread = new COsThread;
-    const OsThreadProc osthreadproc = [](COsThread* a_posthread) -> uint32_t {
-        UntilSet(a_posthread);   // the starter is done with it
-        delete a_posthread;
-        g_blDestroyed = true;
-        return 0;
-    };
-    std::atomic<bool> blGo{false};
-    ASSERT_EQ(posthread->Start("Orphan", osthreadproc, &blGo), EOSSTS_SUCCESS);
-    blGo = true;
-    EXPECT_TRUE(WaitFor([] { return g_blDestroyed.load(); }));
 }
 
 TEST(Thread, ExitTakesTheThreadsVariablesAlong)

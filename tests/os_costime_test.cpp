@@ -55,14 +55,3 @@ TEST(Time, SecondsOfALocalDateAreMeantWithoutDaylightSaving)
     EXPECT_TRUE(blDaylight);
     EXPECT_EQ(i64Summer, i64Plain - 3600);
 }
-
-TEST(Time, NullIsRefused)
-{
-    LogCapture log;
-    EXPECT_EQ(OsTimeLocal(nullptr, nullptr), EOSSTS_NOTOPEN);
-    EXPECT_EQ(OsTimeStamp(nullptr, 0, nullptr), EOSSTS_FAIL);
-    EXPECT_EQ(OsTimeToSeconds(nullptr, nullptr), EOSSTS_NOTOPEN);
-    EXPECT_TRUE(log.Has("a_ptimerecord is NULL..."));
-    EXPECT_TRUE(log.Has("a_szTime is null..."));
-    EXPECT_TRUE(log.HasAt(OS_LOG_ERROR, "a_ptimerecord or a_ptimet are NULL..."));
-}

@@ -7,7 +7,6 @@
 #include <linux/filter.h>
 #include <linux/seccomp.h>
 #include <sys/prctl.h>
-#include <sys/ptrace.h>
 #include <sys/syscall.h>
 #include <sys/time.h>
 #include <sys/wait.h>
@@ -180,24 +179,4 @@ TEST_F(Process, RunsNoHandlerOfOursInTheChild)
     EXPECT_EQ(Part("handlers").OutputUpTo(), "0");
 }
 
-// What a_test() says in a child that this process traces; -1 when the machine allows no tracing.
-template <class Test>
-int InTracedProcess(Test a_test)
-{
-    const pid_t pid = fork();
-    if (pid == 0)
-        _exit(ptrace(PTRACE_TRACEME, 0, nullptr, nullptr) != 0 ? 2 : a_test() ? 1 : 0);
-    int iStatus = 0;
-    const bool blEnded = pid > 0 && waitpid(pid, &iStatus, 0) == pid && WIFEXITED(iStatus);
-    return blEnded && WEXITSTATUS(iStatus) < 2 ? WEXITSTATUS(iStatus) : -1;
-}
-
-TEST_F(Process, KnowsWhetherItIsTraced)
-{
-    EXPECT_FALSE(PlatProcessIsDebugged());
-    const int iTraced = InTracedProcess([] { return PlatProcessIsDebugged(); });
-    if (iTraced < 0)
-        GTEST_SKIP() << "no tracing on this machine";
-    EXPECT_EQ(iTraced, 1);
-}
 }   // namespace

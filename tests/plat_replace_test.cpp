@@ -36,24 +36,6 @@ TEST_F(Replace, TheNameIsOfTheNewFileAndTheHandleOfTheOldOne)
     PlatClose(plathandle);
 }
 
-TEST_F(Replace, AFileThatANewOneCannotBeLikeStays)
-{
-    WriteWhole(PathOf("file"), "old");
-    fs::create_hard_link(PathOf("file"), PathOf("second"));
-    const PlatHandle plathandle = Open("file");
-    EXPECT_EQ(Put(plathandle, "file"), PLAT_ERROR_ACCESSDENIED);
-    fs::remove(PathOf("second"));
-    const PlatHandle plathandleOther =
-        PlatFileOpen(Wide(PathOf("file")).c_str(), PLAT_ACCESS_READ, PLAT_SHARE_READ | PLAT_SHARE_WRITE,
-                     PLAT_DISPOSITION_OPENEXISTING, 0);
-    EXPECT_EQ(Put(plathandle, "file"), PLAT_ERROR_SHARING);
-    EXPECT_EQ(ReadWhole(PathOf("file")), "old");
-    PlatClose(plathandleOther);
-    EXPECT_EQ(Put(plathandle, "file"), 0u);
-    PlatClose(plathandle);
-    EXPECT_EQ(std::distance(fs::directory_iterator(m_path), {}), 1);
-}
-
 TEST_F(Replace, AFileIsMadeWholeWhereThereIsNone)
 {
     const std::u16string wstrPath = Wide(PathOf("file"));

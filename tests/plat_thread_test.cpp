@@ -52,40 +52,6 @@ uint32_t ExitCodeAtEndOf(PlatHandle a_plathandle)
     return ExitCodeOf(a_plathandle);
 }
 
-TEST(Thread, ExitUnwindsTheFramesAndKeepsTheCode)
-{
-    Stage stage;
-    const PlatHandle plathandle = stage.Begin([](void* a_pvStage) -> uint32_t {
-        const std::unique_ptr<std::atomic<int>, void (*)(std::atomic<int>*)> frame(
-            &StageOf(a_pvStage).iUnwound, [](std::atomic<int>* a_piUnwound) { ++*a_piUnwound; });
-        PlatThreadExit(300);
-    });
-    EXPECT_EQ(ExitCodeAtEndOf(plathandle), 300u);
-    EXPECT_EQ(stage.iUnwound, 1);
-    PlatClose(plathandle);
-}
-
-// Objects that belong to a thread are destroyed after its procedure; it has not ended before.
-TEST(Thread, HasNotEndedWhileItsOwnObjectsAreDestroyed)
-{
-    struct Late
-    {
-        void* pvStage = nullptr;
-        ~Late() { WaitForGo(pvStage); }
-    };
-    Stage stage;
-    const PlatHandle plathandle = stage.Begin([](void* a_pvStage) -> uint32_t {
-        static thread_local Late t_late;
-        t_late.pvStage = a_pvStage;
-        return 5;
-    });
-    EXPECT_TRUE(stage.HasStarted());
-    EXPECT_EQ(ExitCodeOf(plathandle), PLAT_STILLACTIVE);
-    PlatEventSet(stage.plathandleGo);
-    EXPECT_EQ(ExitCodeAtEndOf(plathandle), 5u);
-    PlatClose(plathandle);
-}
-
 TEST(Thread, IsTerminatedWhereverItStands)
 {
     const PlatThreadProc aplatthreadproc[] = {

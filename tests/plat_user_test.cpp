@@ -141,20 +141,12 @@ TEST_F(ActingUser, ThreadAndItsThreadsHaveTheUsersRightsAlone)
     EXPECT_EQ(ReadWhole(PathOf("root")), "open");
 }
 
-TEST_F(ActingUser, OtherThreadsOfTheProcessKeepTheirRights)
-{
-    const std::string strBefore = Rights();
-    WhileActing([&](pid_t) {
-        EXPECT_EQ(Rights(), strBefore);
-        EXPECT_EQ(Read("root"), 0u);
-        EXPECT_EQ(Write("new"), 0u);
-        std::jthread([&] { EXPECT_EQ(Read("further"), 0u); }).join();
-    });
-}
-
 TEST_F(ActingUser, UserHasNoPowerOverTheThreadThatActsForHim)
 {
+    const std::string strBefore = Rights();
     WhileActing([&](pid_t a_pid) {
+        EXPECT_EQ(Rights(), strBefore) << "other threads keep theirs";
+        EXPECT_EQ(Write("new"), 0u);
         cpu_set_t cpuset;
         sched_getaffinity(0, sizeof cpuset, &cpuset);
         const auto kills = [&] { return syscall(SYS_tgkill, getppid(), a_pid, SIGTERM) == 0; };
