@@ -364,7 +364,7 @@ TEST_F(SocketTest, CertificateStoreIsCheckedOnce)
     EXPECT_EXIT(_exit(static_cast<int>(check())), testing::ExitedWithCode(1), "");
 }
 
-// ---------------------------------------------------------------------------------- --------------- the side log
+// ---------------------------------------------------------------------------------- the data trace and the side log
 
 using SocketDebugTest = FolderTest;
 
