@@ -35,6 +35,12 @@ TEST_F(Paths, WriteableFoldersLieBelowTheUsersAndTheMachinesData)
     EXPECT_EQ(Resolve(OS_PATH_WRITEABLE_FOLDER_ROOT), Local()) << "found out once";
 }
 
+TEST_F(Paths, MakersOwnWordInAnyCaseIsTheMakersFolder)
+{
+    setenv("MVR_COMPANYNAMESHORT", "ORVANE", 1);
+    EXPECT_EQ(Resolve(OS_PATH_WRITEABLE_FOLDER_BRAND_LOCAL), Local() + "\\mvr_orvane");
+}
+
 TEST_F(Paths, CollectorFolderFollowsTheUserAndTheFlushFileDoesNot)
 {
     PutCommon("UseLocalOrRoaming=Roaming");
@@ -83,6 +89,14 @@ TEST_F(Paths, TextFileStandsInForAMissingIniFile)
     EXPECT_EQ(Resolve(OS_PATH_READABLE_FILE_PROTECTED_CONSTINI), Readable() + "\\common\\const\\app_const.ini.txt");
     EXPECT_EQ(Resolve(OS_PATH_WRITEABLE_FILE_UNPROTECTED_DEBUGINI),
               Local() + "\\mvr_orvane\\common\\debug\\app_debug.ini");
+}
+
+TEST_F(Paths, WithoutDebugIniTheProtectedFileServesBoth)
+{
+    PutCommon("UseDebugIni=no");
+    OsArgumentsSet(OS_ARGUMENT_UNIQUENAME, "wia");
+    EXPECT_EQ(Resolve(OS_PATH_WRITEABLE_FILE_UNPROTECTED_DEBUGINI), Readable() + "\\common\\const\\wia_const.ini");
+    EXPECT_EQ(Resolve(OS_PATH_WRITEABLE_FOLDER_LOCALORROAMING), Legacy()) << "works for all users";
 }
 
 TEST_F(Paths, ConstIniGetsItsNameBackOrIsUsedUnderTheOther)

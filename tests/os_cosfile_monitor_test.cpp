@@ -144,6 +144,17 @@ TEST_F(FileMonitor, ANameThatIsGivenToAnotherFileIsAChange)
     EXPECT_EQ(Calls()[3].strContent, "def");
 }
 
+TEST_F(FileMonitor, TheMaskSaysWhatIsReported)
+{
+    ASSERT_EQ(Start(m_strPath, OS_FILEMONITOR_NEWNAME), EOSSTS_SUCCESS);
+    ASSERT_TRUE(WaitFor([&] { return m_log.Has("monitor>>> begin...<" + m_strPath + ">"); }));
+    WriteWhole(m_strPath, "written");
+    ExpectCalls(1);
+    ReplaceByRename("renamed");
+    ExpectCalls(2);
+    EXPECT_EQ(Calls()[1].osfilemonitorstate.osfilemonitorrecord.u32Event, OS_FILEMONITOR_NEWNAME);
+}
+
 TEST_F(FileMonitor, AFileThatCannotBeReadForAWhileIsWatchedOn)
 {
     ASSERT_EQ(Start(m_strPath), EOSSTS_SUCCESS);

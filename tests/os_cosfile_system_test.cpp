@@ -143,6 +143,18 @@ TEST_F(FileSystem, CreatesAFolderWithItsParents)
     EXPECT_TRUE(!Exists("n") && Exists("other"));
 }
 
+TEST_F(FileSystem, FolderCreationIsTracedWhenWanted)
+{
+    setenv("MVR_TRACE_COSFILE_CREATE", PathOf("trace").c_str(), 1);
+    WriteWhole(PathOf("f"), "");
+    OsFileCreateDirectory(PathOf("t").c_str());
+    OsFileCreateDirectory(PathOf("t").c_str());
+    OsFileCreateDirectory(PathOf("f/x").c_str());
+    const std::string strNames = "os_cosfile_syst os_cosfile_syst ";
+    EXPECT_EQ(ReadWhole(PathOf("trace")), "pass:   " + strNames + PathOf("t") + "\r\nexists: " + strNames +
+                                              PathOf("t") + "\r\nerror:  " + strNames + PathOf("f/x") + " 0 3\r\n");
+}
+
 TEST_F(FileSystem, DeleteChecksWhatItIsAskedFor)
 {
     WriteWhole(PathOf("f"), "");

@@ -80,6 +80,14 @@ TEST_F(LoggerTest, FlagsChooseTheLevels)
     }
 }
 
+TEST_F(LoggerTest, TheWorkingWordHasTheBitsThatMeanNothingTakenOut)
+{
+    Create({.u32Flags = 0x6702});
+    EXPECT_EQ(m_uniqueLog->WorkingWord(), 0x202u);
+    m_uniqueLog->Start(m_strLog.c_str(), 0x6F27, "");
+    EXPECT_EQ(OsLogWorkingWord(), 0xA21u);   // the line of the start has taken the flush bit
+}
+
 TEST_F(LoggerTest, TheFilterChoosesTheSources)
 {
     const auto logFrom = [](std::initializer_list<const char*> a_listszSource) {

@@ -126,6 +126,13 @@ TEST_F(Services, AStartThatFailedLeavesNothingInTheWayOfTheNext)
         << "through a collector: the settings were read before they said that there is none";
 }
 
+TEST_F(Services, AStopWithoutAStartLeavesWhatWasInherited)
+{
+    Inherit("<rootpath>/root</rootpath>");
+    OsServicesStop();
+    EXPECT_NE(getenv("MVR_OSSERVICESARGUMENTSB64"), nullptr);
+}
+
 TEST_F(Services, TheProgramsOwnDocumentSaysWhoItIs)
 {
     Start("<uniquename>*</uniquename><entity>dll</entity><loglevel>0x10</loglevel>"
@@ -167,6 +174,13 @@ TEST_F(Services, AUtilityLogsBesideWhomItWorksFor)
     EXPECT_EQ(LogFile(), strFolder + "/tool.log") << "also after a stop";
     EXPECT_EQ(Slashed(Element("logpath")), strFolder);
     EXPECT_EQ(Slashed(OsCfgGetString(OS_CFGTAG_USERDIRECTORY)), PathOf("system/LOCALAPPDATA/mvr_orvane/model/tool"));
+    EXPECT_EQ(Element("frominterfaceopen"), "true");
+}
+
+TEST_F(Services, AUtilityThatNobodyStartedFindsAFolderForItself)
+{
+    Start("<uniquename>tool</uniquename><entity>apputility</entity><loglevel>1</loglevel>");
+    EXPECT_EQ(LogFile(), PathOf("system/LOCALAPPDATA/mvr_orvane/tool/isis/log/tool.log"));
     EXPECT_EQ(Element("frominterfaceopen"), "true");
 }
 

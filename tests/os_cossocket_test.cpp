@@ -350,9 +350,46 @@ TEST_F(SocketTest, ConfigurationSetsHowLongAPeerIsWaitedFor)
     }));
 }
 
-// ---------------------------------------------------------------------------------- --------------- the side log
+// In a process of its own: it is looked at by the first socket that there is.
+TEST_F(SocketTest, CertificateStoreIsCheckedOnce)
+{
+    GTEST_FLAG_SET(death_test_style, "threadsafe");
+    const auto check = [this] {
+        FakeConfiguration cfgfake;
+        cfgfake.Set(OS_CFGTAG_FORCEHTTPSCLIENTCERTIFICATE, "Subject");
+        const COsSocket first, second;
+        return m_logcapture.Count("event>>> bad value for ForceHttpsClientCertificate, format must be store/name..."
+                                  "<Subject>");
+    };
+    EXPECT_EXIT(_exit(static_cast<int>(check())), testing::ExitedWithCode(1), "");
+}
+
+// ---------------------------------------------------------------------------------- the data trace and the side log
 
 using SocketDebugTest = FolderTest;
+
+TEST_F(SocketDebugTest, TraceShowsWhatWasSentAndReceived)
+{
+    FakeConfiguration cfgfake;
+    cfgfake.Set(OS_CFGTAG_DEBUGSOCKETS, "1");
+    cfgfake.Set(OS_CFGTAG_LOGDIRECTORY, m_path.string() + "//");
+    const std::string strTrace =
+        PathOf("socket_" + std::to_string(PlatProcessId()) + "_" + std::to_string(PlatThreadId()) + ".log");
+    SocketPair socketpair;
+    EXPECT_EQ(Send(socketpair.client, "\x0a\x0b\x0c"), EOSSTS_SUCCESS);
+    EXPECT_EQ(Receive(socketpair.server).eossts, EOSSTS_SUCCESS);
+    EXPECT_EQ(Send(socketpair.client, "\xff"), EOSSTS_SUCCESS);
+    EXPECT_EQ(ReadWhole(strTrace), "\n001 wr: 0a 0b 0c\n    rd: 0a 0b 0c\n\n002 wr: ff\n");
+
+    LogCapture logcapture;
+    logcapture.m_u32WorkingWord = 1;   // the logger shows it all
+    std::filesystem::remove(strTrace);
+    EXPECT_EQ(Send(socketpair.client, "abc"), EOSSTS_SUCCESS);
+    logcapture.m_u32WorkingWord = 0;
+    EXPECT_FALSE(std::filesystem::exists(strTrace));
+    EXPECT_EQ(Send(socketpair.client, std::string(60'000, 'x')), EOSSTS_SUCCESS);
+    EXPECT_EQ(ReadWhole(strTrace).size(), 8 + 3 * 21839 + 1u);   // as much as the text holds
+}
 
 TEST_F(SocketDebugTest, SideLogTellsOnlyWhatComesWithAnError)
 {

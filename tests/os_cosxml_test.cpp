@@ -30,6 +30,8 @@ Result InPlace(std::string a_strText)
     return {blFound, a_strText.c_str()};
 }
 
+std::string g_strReported;
+
 }   // namespace
 
 TEST(Xml, TakesTheFirstElement)
@@ -61,6 +63,15 @@ TEST(Xml, ValueThatDoesNotFitIsRefused)
     EXPECT_EQ(Extract(strText, 16, true), (Result{false, ""}));
     EXPECT_TRUE(log.HasAt(OS_LOG_CHECK, "data overflow: <logfile> <a/>" + strText));
     EXPECT_EQ(log.Lines().at(0).strSource, "os/source/os_cosxml");
+}
+
+TEST(Xml, WithoutALoggerTheOverflowGoesToTheCheckHook)
+{
+    g_poslogcheckproc.store(
+        [](const char* a_szFile, uint32_t, const char* a_szText) { g_strReported = std::string(a_szFile) + a_szText; });
+    const std::string strValue(9000, 'x');
+    EXPECT_EQ(Extract("<logfile>" + strValue + "</logfile>", 8, true), (Result{false, ""}));
+    EXPECT_EQ(g_strReported, "os/source/os_cosxmldata overflow: <logfile> <a/><logfile>" + strValue + "</logfile>");
 }
 
 TEST(Xml, ValueMovesToTheFrontOfItsOwnBuffer)

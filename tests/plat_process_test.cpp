@@ -7,6 +7,7 @@
 #include <linux/filter.h>
 #include <linux/seccomp.h>
 #include <sys/prctl.h>
+#include <sys/ptrace.h>
 #include <sys/syscall.h>
 #include <sys/time.h>
 #include <sys/wait.h>
@@ -179,4 +180,16 @@ TEST_F(Process, RunsNoHandlerOfOursInTheChild)
     EXPECT_EQ(Part("handlers").OutputUpTo(), "0");
 }
 
+TEST_F(Process, KnowsWhetherItIsTraced)
+{
+    EXPECT_FALSE(PlatProcessIsDebugged());
+    const pid_t pid = fork();
+    if (pid == 0)
+        _exit(ptrace(PTRACE_TRACEME, 0, nullptr, nullptr) != 0 ? 2 : PlatProcessIsDebugged() ? 1 : 0);
+    int iStatus = 0;
+    ASSERT_TRUE(pid > 0 && waitpid(pid, &iStatus, 0) == pid && WIFEXITED(iStatus));
+    if (WEXITSTATUS(iStatus) == 2)
+        GTEST_SKIP() << "no tracing on this machine";
+    EXPECT_EQ(WEXITSTATUS(iStatus), 1);
+}
 }   // namespace
