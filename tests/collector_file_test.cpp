@@ -276,7 +276,7 @@ TEST_F(DiskWithoutRoom, SaysWhatIsMissingAndGoesOnWithAWholeLine)
         ASSERT_TRUE(linesender.Send(200));
         WriteWhole(PathOf("disk/filler"), std::string(1 << 20, 'f'));
         const size_t sizetSize = SizeOf("disk/x.log");
-        ASSERT_TRUE(linesender.Send(400)) << sizetSize;
+        ASSERT_TRUE(linesender.Send(400) && stream.IsRead()) << sizetSize;
         fs::remove(PathOf("disk/filler"));
         const size_t sizetBefore = SizeOf("disk/x.log");
         ASSERT_TRUE(linesender.SendUntil([&] { return SizeOf("disk/x.log") > sizetBefore + 10000; }));

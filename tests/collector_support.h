@@ -73,6 +73,19 @@ public:
         return true;
     }
 
+    // True when the collector has read all that was sent, and so knows whose the stream is.
+    bool IsRead(uint32_t a_u32Milliseconds = 5000) const
+    {
+        return WaitFor(
+            [this] {
+                size_t sizetUnsent = 0;
+                PlatSocketOwner platsocketowner{};
+                return PlatSocketUnsent(m_plathandle, &sizetUnsent) && sizetUnsent == 0 &&
+                       (!PlatSocketPeerOwner(m_plathandle, &platsocketowner) || platsocketowner.u64Unread == 0);
+            },
+            a_u32Milliseconds);
+    }
+
     // True when the collector has closed the connection.
     bool IsEnded(uint32_t a_u32Milliseconds = 20000) { return WaitForEvent(PLAT_SOCKET_CLOSE, a_u32Milliseconds); }
 
@@ -126,6 +139,7 @@ protected:
     {
         std::unique_ptr<StreamClient> client = Connect();
         EXPECT_TRUE(client->Send(Header(PathOf(a_strName)) + a_strText));
+        client->IsRead();
         return client;
     }
 
