@@ -2,7 +2,7 @@
 // their disk and their folders. Afterwards every line is there once, whole and in order; what may be lost or cut is
 // said with each case.
 //
-// TEST_ROUNDS is how often each case runs.
+// --gtest_repeat runs more rounds, TEST_STANDSTILL is how many milliseconds a collector stands still.
 #include "collector_support.h"
 
 #include <csignal>
@@ -42,12 +42,6 @@ protected:
         std::string strLog;
         std::vector<unsigned> vecuLogged;   // by each thread
     };
-
-    static int Rounds()
-    {
-        const char* const szRounds = getenv("TEST_ROUNDS");
-        return szRounds ? std::atoi(szRounds) : 1;
-    }
 
     void Begin()
     {
