@@ -8,7 +8,7 @@
 
 // ------------------------------------------------------------------------------------------------- the start
 
-TEST_F(CollectorClient, OnlyAWholeReplyOnStandardOutputMakesACollectorAndNoneTakesLong)
+TEST_F(CollectorClient, OnlyAWholeReplyMakesACollectorAndNoneTakesLong)
 {
     const struct
     {
@@ -71,7 +71,7 @@ TEST_F(CollectorClient, TheApplicationEndsItsCollectorAndLeavesNoTraceOfThatInIt
 
 // What the threads logged, as it stands in the file. A thread's numbers go up by one, but for the lines that the dead
 // collector had not written yet; those are one gap at most, and only one line can have been cut.
-TEST_F(CollectorClient, EveryLineFromTheFailingOneOnIsInTheFileOfAProcessWhoseCollectorWasKilled)
+TEST_F(CollectorClient, KilledCollectorLeavesEveryLineFromTheFailingOneOn)
 {
     static constexpr size_t sizetThreads = 4, sizetHeaderLines = 7;
     BeginCollected();
@@ -127,7 +127,7 @@ TEST_F(CollectorClient, EveryLineFromTheFailingOneOnIsInTheFileOfAProcessWhoseCo
 
 // ------------------------------------------------------------------------------------------- a shared collector
 
-TEST_F(CollectorClient, ASharedCollectorIsFoundByItsAnnouncementAndAStaleOneIsDeleted)
+TEST_F(CollectorClient, SharedCollectorIsFoundAndAStaleAnnouncementIsDeleted)
 {
     const ReservedPort reservedport;
     setenv("MVR_LOGCOLLECTOR", std::to_string(reservedport.Number()).c_str(), 1);
