@@ -126,6 +126,7 @@ constexpr size_t g_sizetHeaderLines = 6;
 // The collector's port is another's by now, or was never its own.
 TEST_F(OursLogs, NobodyGetsOurLinesThroughAPort)
 {
+    static constexpr char szGone[] = "$(sh -c 'echo $$')";   // a process that has ended and was reaped
     const struct
     {
         const char* szWhat;
@@ -138,8 +139,8 @@ TEST_F(OursLogs, NobodyGetsOurLinesThroughAPort)
         {"a living collector names a stranger's port", g_userStranger, "$$", "exec sleep 1000", false},
         {"the application's own process is named", g_userStranger, "$PPID", "exit 0", false},
         {"a living collector names the port of another process of ours", g_userOurs, "$$", "exec sleep 1000", false},
-        {"a collector that has gone leaves its port to us", g_userOurs, "$$", "exit 0", true},
-        {"root's", g_userRoot, "$$", "exit 0", true},
+        {"a collector that has gone leaves its port to us", g_userOurs, szGone, "exit 0", true},
+        {"root's", g_userRoot, szGone, "exit 0", true},
     };
     for (const auto& row : arow)
     {
