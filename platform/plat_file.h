@@ -37,6 +37,9 @@ inline constexpr uint32_t PLAT_OPEN_NOLINKS = 8;      // no component is a link 
 inline constexpr uint32_t PLAT_OPEN_OWNFOLDER = 16;   // and the folder that it is in belongs to this process's user,
                                                       // and no other user but the system's may write that folder (5)
 
+// What is made, no other user but the system's may write, however open-handed this process is else.
+inline constexpr uint32_t PLAT_OPEN_OWNWRITE = 32;
+
 // Opens a file. PLAT_ERROR_ACCESSDENIED for a folder without PLAT_OPEN_FOLDER. A file that is being deleted at this
 // moment is waited for, and then created or not found. Who shares reading and writing may still get a file whose
 // name goes at this very moment; its identity tells (u32Links).

@@ -34,7 +34,7 @@ int PrintfNullList(COsFile& a_osfile)
 TEST_F(File, OpenRefusesBadArguments)
 {
     const std::tuple<uint32_t, uint32_t, uint32_t, const char*> atuple[] = {{0, 0, 0, "a_eosfileopen is bad..."},
-                                                                            {6, 1, 1, "a_eosfileopen is bad..."},
+                                                                            {7, 1, 1, "a_eosfileopen is bad..."},
                                                                             {1, 5, 0, "a_eosfileaccess is bad..."},
                                                                             {1, 1, 5, "a_eosfileshare is bad..."}};
     COsFile osfile;

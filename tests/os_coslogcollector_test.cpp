@@ -100,6 +100,24 @@ TEST_F(SharedCollector, AStaleAnnouncementIsReplaced)
     StartAndAnnounce();
 }
 
+TEST_F(SharedCollector, AStrangersAnnouncementIsNeitherBelievedNorTakenOver)
+{
+    const std::string strPath = PathOf("logcollector.txt");
+    WriteWhole(strPath, "another's");
+    if (chown(strPath.c_str(), 61235, 61245) != 0)
+        GTEST_SKIP() << "only root can give a file away";
+    COsFile osfile;
+    ASSERT_EQ(osfile.Open(strPath.c_str(), OS_FILEOPEN_EXISTING, OS_FILEACCESS_READWRITE, OS_FILESHARE_READWRITE),
+              EOSSTS_SUCCESS);
+    ASSERT_EQ(osfile.LockByte(0, 0, "test", false), EOSSTS_SUCCESS);
+    EXPECT_EQ(m_collector->Start(nullptr, true), EOSSTS_SUCCESS) << "no shared collector runs";
+    EXPECT_TRUE(WaitFor([&] { return m_log.HasPart("announcement of another user is in the way"); }));
+    m_collector->Stop(nullptr, 0);
+    EXPECT_EQ(ReadWhole(strPath), "another's");
+    osfile.Close();
+    StartAndAnnounce();
+}
+
 // A network of this case alone, with a loopback interface: there any port is its own.
 static bool HasOwnNetwork()
 {

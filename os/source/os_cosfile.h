@@ -16,6 +16,7 @@ enum EOSFILEOPEN : uint32_t
     OS_FILEOPEN_ALWAYS = 3,      // open, create when missing
     OS_FILEOPEN_TEMPORARY = 4,   // create, delete when closed
     OS_FILEOPEN_DIRECTORY = 5,   // an existing folder
+    OS_FILEOPEN_ALWAYSOWN = 6,   // as OS_FILEOPEN_ALWAYS; what is created, no other user may write
 };
 
 enum EOSFILEACCESS : uint32_t

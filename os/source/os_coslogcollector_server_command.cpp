@@ -10,13 +10,25 @@
 #include "os_cosmem.h"
 #include "os_new.h"
 
+#include "plat_user.h"
+
 static constexpr char g_szSource[] = "os/source/os_coslogcollector";
 
 static constexpr char g_szCommandFile[] = "flush";
 
 // ------------------------------------------------------------------------------------------------------ monitors
 
-// Only in a folder that is our user's alone: elsewhere it would be his who came first.
+static bool IsOwnFolder(const char* a_szFolder)
+{
+    COsFile osfile;
+    PlatFileOwned platfileowned{};
+    return osfile.Open(a_szFolder, OS_FILEOPEN_DIRECTORY, OS_FILEACCESS_NONE, OS_FILESHARE_READWRITE) ==
+               EOSSTS_SUCCESS &&
+           osfile.GetOwner(&platfileowned) && platfileowned.platowner == PLAT_OWNER_SAME;
+}
+
+// Only in a folder of our user: elsewhere it would be his who came first. Commands count only from a file that nobody
+// else may write.
 static void CreateCommandFile(const char* a_szPath)
 {
     if (OsFileExists(a_szPath))
@@ -28,8 +40,9 @@ static void CreateCommandFile(const char* a_szPath)
     OsPathSplit(szFolder, &sizetFolder, &szFilename);
     szFolder[sizetFolder] = 0;
     OsFileCreateDirectory(szFolder);
-    COsFile().Open(a_szPath, OS_FILEOPEN_ALWAYS, OS_FILEACCESS_WRITE, OS_FILESHARE_READWRITE, false,
-                   OS_FILEGUARD_OWNFOLDER);
+    if (IsOwnFolder(szFolder))
+        COsFile().Open(a_szPath, OS_FILEOPEN_ALWAYSOWN, OS_FILEACCESS_WRITE, OS_FILESHARE_READWRITE, false,
+                       OS_FILEGUARD_NOLINK);
 }
 
 void COsLogCollectorServer::StartMonitor(COsFile& a_osfile, const char* a_szPath)

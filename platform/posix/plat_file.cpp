@@ -28,6 +28,7 @@ struct OpenRequest
     bool blExclusive;     // somebody will be refused something
     bool blInformation;   // attributes only: no descriptor for data, no share modes
     uint32_t u32Guard;    // of PLAT_OPEN_: what the way to it must be
+    mode_t modeNew;       // of what is made, before the process's mask
 };
 
 static bool MakeRequest(const char16_t* a_wszPath, uint32_t a_u32Access, uint32_t a_u32Share,
@@ -42,6 +43,7 @@ static bool MakeRequest(const char16_t* a_wszPath, uint32_t a_u32Access, uint32_
     a_openrequest.blTruncate = a_platdisposition == PLAT_DISPOSITION_CREATEALWAYS;
     a_openrequest.blFolder = a_u32Flags & PLAT_OPEN_FOLDER;
     a_openrequest.u32Guard = a_u32Flags & POSIX_OPEN_GUARDS;
+    a_openrequest.modeNew = a_u32Flags & PLAT_OPEN_OWNWRITE ? 0644 : 0666;
     a_openrequest.blMustWrite = (a_u32Access & PLAT_ACCESS_WRITE) || a_openrequest.blTruncate || blTemporary;
     a_openrequest.blInformation = a_u32Access == PLAT_ACCESS_NONE && !blTemporary;
     if (a_openrequest.blMustWrite)
@@ -58,7 +60,8 @@ static int OpenOnce(const OpenRequest& a_openrequest, int a_iFlags)
     if (a_openrequest.posixsharerequest.blDelete)
         a_iFlags |= O_NOFOLLOW;
     const auto open = [&](int a_iMore) {
-        return PosixOpenGuarded(a_openrequest.strPath, a_iFlags | a_iMore, a_openrequest.u32Guard);
+        return PosixOpenGuarded(a_openrequest.strPath, a_iFlags | a_iMore, a_openrequest.u32Guard,
+                                a_openrequest.modeNew);
     };
     if (!a_openrequest.blCreate)
         return open(0);

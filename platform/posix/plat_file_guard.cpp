@@ -9,8 +9,6 @@
 #include <linux/openat2.h>
 #include <sys/syscall.h>
 
-static constexpr mode_t g_modeNew = 0666;
-
 static int FailWith(int a_iErrno)
 {
     errno = a_iErrno;
@@ -18,23 +16,24 @@ static int FailWith(int a_iErrno)
 }
 
 // False when the kernel does not have the call, or a container keeps it away.
-static bool OpenResolved(const char* a_szPath, int a_iFlags, uint64_t a_u64Resolve, int& a_iDescriptor)
+static bool OpenResolved(const char* a_szPath, int a_iFlags, mode_t a_modeNew, uint64_t a_u64Resolve,
+                         int& a_iDescriptor)
 {
     struct open_how openhow = {};
     openhow.flags = static_cast<unsigned>(a_iFlags);
-    openhow.mode = a_iFlags & O_CREAT ? g_modeNew : 0;
+    openhow.mode = a_iFlags & O_CREAT ? a_modeNew : 0;
     openhow.resolve = a_u64Resolve;
     a_iDescriptor = static_cast<int>(
         PosixRetry([&] { return syscall(SYS_openat2, AT_FDCWD, a_szPath, &openhow, sizeof openhow); }));
     return a_iDescriptor >= 0 || (errno != ENOSYS && errno != EPERM);
 }
 
-static int OpenNoLink(const char* a_szPath, int a_iFlags)
+static int OpenNoLink(const char* a_szPath, int a_iFlags, mode_t a_modeNew)
 {
     int iDescriptor = -1;
-    if (OpenResolved(a_szPath, a_iFlags | O_NOFOLLOW, RESOLVE_NO_MAGICLINKS, iDescriptor))
+    if (OpenResolved(a_szPath, a_iFlags | O_NOFOLLOW, a_modeNew, RESOLVE_NO_MAGICLINKS, iDescriptor))
         return iDescriptor;
-    return open(a_szPath, a_iFlags | O_NOFOLLOW, g_modeNew);
+    return open(a_szPath, a_iFlags | O_NOFOLLOW, a_modeNew);
 }
 
 // ------------------------------------------------------------------------------------------- no link on the way
@@ -70,7 +69,7 @@ static int WalkNoLinks(const std::string& a_strFolder)
 static int OpenFolderNoLinks(const std::string& a_strFolder)
 {
     int iDescriptor = -1;
-    if (OpenResolved(a_strFolder.c_str(), g_iWay | O_DIRECTORY, RESOLVE_NO_SYMLINKS, iDescriptor))
+    if (OpenResolved(a_strFolder.c_str(), g_iWay | O_DIRECTORY, 0, RESOLVE_NO_SYMLINKS, iDescriptor))
         return iDescriptor;
     return WalkNoLinks(a_strFolder);
 }
@@ -83,7 +82,7 @@ static bool IsOwnFolder(int a_iFolder)
 }
 
 // The folder first, then what is in it.
-static int OpenNoLinks(std::string a_strPath, int a_iFlags, bool a_blOwnFolder)
+static int OpenNoLinks(std::string a_strPath, int a_iFlags, mode_t a_modeNew, bool a_blOwnFolder)
 {
     PosixTrimPath(a_strPath);
     const size_t sizetName = a_strPath.rfind('/') + 1;   // 0 without a separator
@@ -95,18 +94,18 @@ static int OpenNoLinks(std::string a_strPath, int a_iFlags, bool a_blOwnFolder)
         return -1;
     if (a_blOwnFolder && !IsOwnFolder(posixdescriptorFolder.Get()))
         return FailWith(EACCES);
-    return openat(posixdescriptorFolder.Get(), strName.c_str(), a_iFlags | O_NOFOLLOW, g_modeNew);
+    return openat(posixdescriptorFolder.Get(), strName.c_str(), a_iFlags | O_NOFOLLOW, a_modeNew);
 }
 
 // --------------------------------------------------------------------------------------------------- the file
 
-int PosixOpenGuarded(const std::string& a_strPath, int a_iFlags, uint32_t a_u32Guard)
+int PosixOpenGuarded(const std::string& a_strPath, int a_iFlags, uint32_t a_u32Guard, mode_t a_modeNew)
 {
     if (!a_u32Guard)
-        return open(a_strPath.c_str(), a_iFlags, g_modeNew);
+        return open(a_strPath.c_str(), a_iFlags, a_modeNew);
     const int iDescriptor = a_u32Guard & (PLAT_OPEN_NOLINKS | PLAT_OPEN_OWNFOLDER)
-                                ? OpenNoLinks(a_strPath, a_iFlags, a_u32Guard & PLAT_OPEN_OWNFOLDER)
-                                : OpenNoLink(a_strPath.c_str(), a_iFlags);
+                                ? OpenNoLinks(a_strPath, a_iFlags, a_modeNew, a_u32Guard & PLAT_OPEN_OWNFOLDER)
+                                : OpenNoLink(a_strPath.c_str(), a_iFlags, a_modeNew);
     if (iDescriptor < 0 && errno == ENXIO)   // a socket, or a pipe or device that has nobody at its other end
         errno = EACCES;
     return iDescriptor;
