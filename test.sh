@@ -1,6 +1,7 @@
 #!/usr/bin/env bash
 # Sets up what is missing, builds, and runs every test: natively, then under the address and undefined-behaviour
-# sanitizers. ./test.sh --tsan runs them under the thread sanitizer instead.
+# sanitizers. ./test.sh --tsan runs them under the thread sanitizer instead. TEST_TRIES is how often a case that fails is
+# tried (1).
 set -euo pipefail
 cd "$(dirname "$0")"
 . tools/setup.sh
@@ -9,7 +10,7 @@ setup_packages g++ cmake ninja-build libgtest-dev
 run() {
   build "$1"
   echo "== Testing $1"
-  ctest --preset "$1" --progress
+  ctest --preset "$1" --progress --repeat "until-pass:${TEST_TRIES:-1}"
 }
 
 if [ "${1:-}" = --tsan ]; then
