@@ -215,7 +215,11 @@ TEST_F(OursLogs, AreCollectedInANetworkOfItsOwnAndWhereNobodyTells)
 namespace
 {
 constexpr size_t g_sizetThreads = 8;
+#if defined(__SANITIZE_ADDRESS__) || defined(__SANITIZE_THREAD__)
+constexpr size_t g_sizetStreams = 50;   // of each
+#else
 constexpr size_t g_sizetStreams = 250;   // of each
+#endif
 
 std::string LineOf(size_t a_sizetStream)
 {
