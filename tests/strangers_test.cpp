@@ -368,6 +368,7 @@ bool AreAllEnded(uint16_t a_u16Port, size_t a_sizetConnections, const std::strin
 
 TEST_F(Strangers, AStrangerWhoIsFirstEndsNoCollector)
 {
+    static constexpr size_t sizetMany = 200;   // each batch of 32 waits for the one before
     const std::string strHeader = Header(PathOf("stranger/a.log"));
     const struct
     {
@@ -375,9 +376,14 @@ TEST_F(Strangers, AStrangerWhoIsFirstEndsNoCollector)
         size_t sizetConnections;
         std::string strText;
     } arow[] = {
-        {g_userOurs, 1, ""},           {g_userOurs, 1, strHeader},          {g_userOurs, 1, "|||EEXXIITT|||"},
-        {g_userOurs, 1, "<log>"},      {g_userOurs, 1, strHeader + "text"}, {g_userOurs, 2000, ""},
-        {g_userOurs, 2000, "rubbish"}, {g_userRoot, 1, "|||EEXXIITT|||"},
+        {g_userOurs, 1, ""},
+        {g_userOurs, 1, strHeader},
+        {g_userOurs, 1, "|||EEXXIITT|||"},
+        {g_userOurs, 1, "<log>"},
+        {g_userOurs, 1, strHeader + "text"},
+        {g_userOurs, sizetMany, ""},
+        {g_userOurs, sizetMany, "rubbish"},
+        {g_userRoot, 1, "|||EEXXIITT|||"},
     };
     for (const auto& row : arow)
     {
