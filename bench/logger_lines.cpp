@@ -109,7 +109,7 @@ private:
     std::string m_strLine;
 };
 
-// Without a collector. A start makes a client whenever there is none.
+// Without a collector: a start makes a client if the logger has none.
 static void StartAlone(const std::string& a_strPath)
 {
     OsLogGet()->Start(a_strPath.c_str(), 0, "");

@@ -159,7 +159,7 @@ inline bool OsCfgExists()
 // A value of the identity section; the empty text without a configuration.
 const char* OsCfgGetString(EOSCFGTAG a_eoscfgtag);
 
-// The same as a number: decimal, hexadecimal after "0x", octal after "0"; 0 for what is no number.
+// The same as a number: decimal, hexadecimal after "0x", octal after "0"; 0 for any other text.
 long OsCfgGetLong(EOSCFGTAG a_eoscfgtag);
 
 // Stores a value of the identity section; the text must live as long as the configuration. Does nothing without one.

@@ -1,8 +1,8 @@
 // os_cfg_tags.h: every configuration tag, once. The row's place is its number, from 1; all else about tags is derived
 // from this list.
 //
-// X(enumerator behind OS_CFGTAG_, name in INI files, section behind OS_CFGSECTION_, built-in default). A null default
-// is none, or one that the configuration computes.
+// X(enumerator behind OS_CFGTAG_, name in INI files, section behind OS_CFGSECTION_, built-in default). A null default:
+// the tag is empty, or the configuration computes its value.
 #pragma once
 
 // clang-format off

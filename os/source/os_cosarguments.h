@@ -1,6 +1,6 @@
 // os_cosarguments.h: what a process of the family hands down to its children through the environment.
 //
-// Whatever a variable holds is believed only as far as it fits: what is no text, too long or cut counts as not there.
+// A variable whose value is not text, too long or cut is ignored.
 // The document and the texts change only while the library starts and stops, on one thread.
 #pragma once
 
@@ -28,7 +28,7 @@ void OsArgumentsIntake();
 
 // Fills the buffer with the document that a parent left in the environment, "" when there is none. A null buffer means
 // the document of this process. The variable of the calling thread goes before the general one; a document that does
-// not fit counts as absent. EOSSTS_SUCCESS, EOSSTS_NOMEMORY when for that reason there is none.
+// not fit counts as absent. EOSSTS_SUCCESS, EOSSTS_NOMEMORY for one that does not fit.
 EOSSTS OsArgumentsRead(char* a_szDocument, size_t a_sizetDocument);
 
 // True when the environment held an override that names this process.
@@ -99,8 +99,8 @@ enum EOSARGUMENT : uint32_t
 const char* OsArgumentsGet(EOSARGUMENT a_eosargument);
 void OsArgumentsSet(EOSARGUMENT a_eosargument, const char* a_szValue);   // at most 511 characters
 
-// The files of this process, as the system writes them: the program, and the module that holds this library. "" for
-// what is not known or does not fit. The buffer has OS_PATHSIZE bytes.
+// The files of this process, as the system writes them: the program, and the module that holds this library. "" when
+// the path is unknown or does not fit. The buffer has OS_PATHSIZE bytes.
 void OsArgumentsProgramPath(char* a_szPath);
 void OsArgumentsModulePath(char* a_szPath);
 

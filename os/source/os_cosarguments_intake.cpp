@@ -61,7 +61,7 @@ static void DropDisabled()
         OsEnvDeletePrefix(OS_VARIABLE);
 }
 
-// "" for what is no document.
+// Empties the buffer when the variable holds no document.
 static EOSSTS ReadCarrier(const OsArgumentsCarrier& a_osargumentscarrier, const char* a_szName, char* a_szDocument,
                           size_t a_sizetDocument)
 {
@@ -152,7 +152,7 @@ int64_t NumberOf(const char* a_szDocument, const char* a_szElement)
     return OsXmlExtractElement(a_szDocument, a_szElement, szNumber, sizeof szNumber) ? StrToInt64(szNumber) : 0;
 }
 
-// What cannot be a collector is none.
+// Ignores an invalid port or process id.
 void TakeCollector(const char* a_szDocument)
 {
     const int64_t i64Port = NumberOf(a_szDocument, "lcport");
@@ -216,7 +216,7 @@ bool OsArgumentsHasOverride()
     return g_blOverride.load(std::memory_order_relaxed);
 }
 
-// It is for this process alone: no child may find it. One that names nobody is none.
+// It is for this process alone: no child may find it. An override without a program name is ignored.
 static void TakeOverride(const char* a_szProgram)
 {
     static constexpr char g_szVariable[] = "MVR_OSSERVICESOVERRIDEB64";
