@@ -1,0 +1,4 @@
+// lcctl_clean.cpp
+#include "lcctl_command.h"
+
+void LcctlAddClean(LcctlCommands&) {}

@@ -1,0 +1,4 @@
+// lcctl_collectors.cpp
+#include "lcctl_command.h"
+
+void LcctlAddCollectors(LcctlCommands&) {}

@@ -1,0 +1,4 @@
+// lcctl_diagnosis.cpp
+#include "lcctl_command.h"
+
+void LcctlAddDiagnosis(LcctlCommands&) {}

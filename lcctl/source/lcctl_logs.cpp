@@ -1,0 +1,4 @@
+// lcctl_logs.cpp
+#include "lcctl_command.h"
+
+void LcctlAddLogs(LcctlCommands&) {}

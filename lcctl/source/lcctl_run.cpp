@@ -1,0 +1,4 @@
+// lcctl_run.cpp
+#include "lcctl_command.h"
+
+void LcctlAddRun(LcctlCommands&) {}
