@@ -4,8 +4,8 @@
 // names out of a file's identity.
 #include "os_cosfile_system.h"
 
-#include "os_cosfile_paths.h"
 #include "os_coslocale.h"
+#include "os_cospath.h"
 #include "os_log.h"
 
 #include "plat_file.h"
