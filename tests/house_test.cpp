@@ -176,6 +176,17 @@ TEST(House, PublicHeadersIncludePublicHeadersAlone)
     }
 }
 
+TEST(House, ConformanceSuiteIncludesThePlatformLayerAlone)
+{
+    for (const auto& entry : fs::directory_iterator(fs::path(TEST_SOURCEFOLDER) / "tests"))
+    {
+        if (entry.path().filename().string().rfind("plat_", 0) != 0)
+            continue;
+        for (const std::string& strInclude : Includes(entry.path(), '"', '"'))
+            EXPECT_EQ(strInclude.rfind("plat_", 0), 0u) << entry.path() << " includes " << strInclude;
+    }
+}
+
 TEST(House, TheOperatingSystemIsNamedInThePlatformLayerAlone)
 {
     // The headers of C++ that the sources above the platform layer may use.
