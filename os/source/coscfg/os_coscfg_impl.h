@@ -85,8 +85,7 @@ private:
 
 const char* OsCfgTagName(uint32_t a_u32Tag);   // "" for one without a name
 uint32_t OsCfgTagSection(uint32_t a_u32Tag);
-const char* OsCfgTagDefault(uint32_t a_u32Tag);        // null for none
-const char* OsCfgSectionName(uint32_t a_u32Section);   // "dsIdentity" ...
+const char* OsCfgTagDefault(uint32_t a_u32Tag);   // null for none
 
 // Reads a text of at most a_sizetBuffer - 1 bytes, without its byte-order mark, and terminates it. EOSSTS_NOTFOUND when
 // the file cannot be opened, EOSSTS_FAIL (logged) when it cannot be read; the text is empty then.

@@ -13,7 +13,6 @@
 #include "plat_system.h"
 
 #include <algorithm>
-#include <cstring>
 
 static constexpr char g_szSource[] = "os/source/os_coslog";
 

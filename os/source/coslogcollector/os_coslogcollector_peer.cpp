@@ -12,7 +12,6 @@
 #include "plat_user.h"
 
 #include <algorithm>
-#include <cstring>
 #include <string_view>
 
 static constexpr char g_szSource[] = "os/source/os_coslogcollector";

@@ -17,7 +17,6 @@
 #include "plat_system.h"
 #include "plat_wait.h"
 
-#include <cstring>
 
 static constexpr char g_szSource[] = "os/source/os_coslogcollector";
 
