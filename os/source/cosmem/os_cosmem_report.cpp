@@ -7,7 +7,6 @@
 #include "os_cfg.h"
 #include "os_coslocale.h"
 #include "os_cosspinlock.h"
-#include "os_cospath.h"
 #include "os_cosstring.h"
 #include "os_log.h"
 #include "os_scope.h"
@@ -236,13 +235,11 @@ static void PutReport(PlatHandle a_plathandle, const PlatTime& a_pplattime)
 static PlatHandle CreateReport(const PlatTime& a_pplattime)
 {
     const char* const szFolder = OsCfgGetString(OS_CFGTAG_LOGDIRECTORY);
-    char szName[64];
-    SStrPrintf(szName, sizeof szName, "MvrMemCrash_%02d%02d%02d%03d.txt", a_pplattime.u16Hour, a_pplattime.u16Minute,
-               a_pplattime.u16Second, a_pplattime.u16Milliseconds);
+    const bool blJoined =
+        szFolder[0] == '\0' || StrEndsWith(szFolder, "\\", false) || StrEndsWith(szFolder, "/", false);
     char szFile[OS_PATHSIZE];
-    OsPathCopy(szFile, sizeof szFile, *szFolder ? szFolder : szName);
-    if (*szFolder)
-        OsPathAppend(szFile, sizeof szFile, szName);
+    SStrPrintf(szFile, sizeof szFile, "%s%sMvrMemCrash_%02d%02d%02d%03d.txt", szFolder, blJoined ? "" : "\\",
+               a_pplattime.u16Hour, a_pplattime.u16Minute, a_pplattime.u16Second, a_pplattime.u16Milliseconds);
 
     char16_t wszFile[OS_PATHSIZE];
     PlatHandle plathandle = PLAT_INVALID;
