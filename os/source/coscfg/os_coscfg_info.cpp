@@ -194,7 +194,7 @@ template <class Facts>
 static const Facts& Known()
 {
     static std::atomic<const Facts*> g_pfacts;
-    return OsCfgPublished(g_pfacts, [] {
+    return *OsCfgPublished(g_pfacts, [] {
         auto facts = std::make_unique<Facts>();
         Gather(*facts);
         return facts;

@@ -144,5 +144,5 @@ const char* OsCfgUserName()
                               FindUser(username->szName, sizeof username->szName);
                               return username;
                           })
-        .szName;
+        ->szName;
 }
