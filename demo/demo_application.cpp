@@ -4,7 +4,8 @@
 //     demo_application [--name=NAME] [--threads=N] [--lines=N] [--children=N] [--victims=N] [--tell-collector]
 //
 // Everything that it logs goes to the collector that the start of the library spawned, each process into a log file of
-// its own. A victim is a child that logs without end, tells after every line how many it has logged, and is killed.
+// its own. A victim is a child that logs without end, tells after every line how many it has logged, and dies at once,
+// in the middle of whatever it does, when it is told to.
 // Prints one line for each process: its name, its log file and the lines that it has logged, or at least has logged;
 // when asked to, the process id of the collector first.
 #include "os_cfg.h"
@@ -13,8 +14,6 @@
 #include "os_cosservices.h"
 #include "os_cosstring.h"
 #include "os_costhread.h"
-
-#include "plat_process.h"
 
 #include <algorithm>
 #include <atomic>
@@ -87,6 +86,10 @@ static void LogFromThreads(const Options& a_options)
 
 [[noreturn]] static void LogUntilKilled()
 {
+    std::thread([] {
+        std::getchar();
+        std::_Exit(1);
+    }).detach();
     for (unsigned long ulLine = 1;; ++ulLine)
     {
         OSLOG(OS_LOG_NOTE, "a victim says line %lu", ulLine);
@@ -143,7 +146,7 @@ static std::string Attend(Child& a_child)
         const bool blEnough =
             static_cast<unsigned long>(std::count(strOutput.begin(), strOutput.end(), '\n')) > g_ulVictimLines;
         if (a_child.blVictim && blEnough && !blKilled)
-            blKilled = PlatProcessTerminate(a_child.osthread.ChildProcess(), 1);
+            blKilled = a_child.osthread.ChildWrite("\n", 1) == EOSSTS_SUCCESS;
     }
 }
 

@@ -26,9 +26,8 @@ struct PlatFileOwned
                            // make files; that others' files there may be safe from him does not count
 };
 
-// Of an open file or folder, and of what a path names: of a link itself, which others may always write.
+// Of an open file or folder.
 bool PlatFileOwner(PlatHandle a_plathandle, PlatFileOwned* a_pplatfileowned);
-bool PlatPathOwner(const char16_t* a_wszPath, PlatFileOwned* a_pplatfileowned);
 
 // From now on the calling thread, and every thread that it starts, opens, makes, changes and deletes files and folders
 // with that user's rights and as his: with his primary group, without the further groups that he or this process is

@@ -6,8 +6,8 @@
 #include "os_cosarguments.h"
 #include "os_coscfg_impl.h"
 #include "os_cosfile.h"
-#include "os_cosfile_paths.h"
 #include "os_cosfile_system.h"
+#include "os_cospath.h"
 
 #include <functional>
 

@@ -3,6 +3,7 @@
 #include "os_cosenv.h"
 #include "os_cosmem.h"
 #include "plat_child.h"
+#include "test_support.h"
 
 #include "plat_thread.h"
 

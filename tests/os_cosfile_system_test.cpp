@@ -1,8 +1,8 @@
 // os_cosfile_system_test.cpp: the text of paths, and what is done to files and folders by their paths.
 #include "test_support.h"
 
-#include "os_cosfile_paths.h"
 #include "os_cosfile_system.h"
+#include "os_cospath.h"
 
 #include <fcntl.h>
 #include <sys/socket.h>

@@ -305,4 +305,27 @@ TEST_F(File, WriteFileReplacesOrAppendsAndMoveReplacesNothing)
     EXPECT_EQ(OsLogWriteFile("/dev/full", "x", true, false, true), EOSSTS_FAIL);
     EXPECT_TRUE(m_logcapture.HasAt(OS_LOG_NOTE, "Write failed...</dev/full>"));
 }
+
+TEST_F(File, GuardOfAnOpenIsPassedOn)
+{
+    namespace fs = std::filesystem;
+    for (const char* szFolder : {"own", "shared"})
+        fs::create_directory(PathOf(szFolder));
+    fs::permissions(PathOf("own"), fs::perms{0755});
+    fs::permissions(PathOf("shared"), fs::perms{01777});
+    for (const char* szFile : {"own/file", "shared/file"})
+        WriteWhole(PathOf(szFile), "");
+    fs::create_symlink("own", PathOf("way"));
+    fs::create_symlink("file", PathOf("own/link"));
+
+    COsFile osfile;
+    const auto opens = [&](const char* a_szPath, EOSFILEGUARD a_eosfileguard) {
+        return osfile.Open(PathOf(a_szPath).c_str(), OS_FILEOPEN_ALWAYS, OS_FILEACCESS_WRITE, OS_FILESHARE_READWRITE,
+                           false, a_eosfileguard) == EOSSTS_SUCCESS;
+    };
+    EXPECT_TRUE(opens("own/link", OS_FILEGUARD_NONE) && !opens("own/link", OS_FILEGUARD_NOLINK));
+    EXPECT_TRUE(opens("way/file", OS_FILEGUARD_NOLINK) && !opens("way/file", OS_FILEGUARD_NOLINKS));
+    EXPECT_TRUE(opens("shared/file", OS_FILEGUARD_NOLINKS) && !opens("shared/file", OS_FILEGUARD_OWNFOLDER));
+    EXPECT_TRUE(opens("own/file", OS_FILEGUARD_OWNFOLDER) && !opens("own/file", static_cast<EOSFILEGUARD>(4)));
+}
 }   // namespace

@@ -3,6 +3,7 @@
 #include "os_cosringbuffer.h"
 #include "plat_child.h"
 #include "ring_support.h"
+#include "test_support.h"
 
 #include "plat_file.h"
 

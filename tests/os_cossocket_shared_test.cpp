@@ -3,6 +3,7 @@
 #include "os_cossocket_shared_impl.h"
 #include "plat_child.h"
 #include "ring_support.h"
+#include "test_support.h"
 
 #include "plat_file.h"
 #include "plat_thread.h"

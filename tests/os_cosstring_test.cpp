@@ -1,6 +1,9 @@
 // os_cosstring_test.cpp: bounded text, the formatter, search, versions and redaction.
 #include "test_support.h"
 
+#include "os_cosredact.h"
+#include "os_coswideprintf.h"
+
 #include <climits>
 #include <cmath>
 #include <cstring>

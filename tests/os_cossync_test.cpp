@@ -2,6 +2,7 @@
 #include "os_cosmem.h"
 #include "os_cossync.h"
 #include "plat_child.h"
+#include "test_support.h"
 
 #include "plat_file.h"
 

@@ -2,6 +2,8 @@
 #include "os_costime.h"
 #include "test_support.h"
 
+#include "plat_system.h"
+
 #include <ctime>
 
 TEST(Time, StampIsTwentyDigits)
@@ -49,9 +51,10 @@ TEST(Time, SecondsOfALocalDateAreMeantWithoutDaylightSaving)
     ASSERT_EQ(OsTimeToSeconds(&recordSummer, &i64Summer), EOSSTS_SUCCESS);
     EXPECT_EQ(i64Winter, 1705338000);   // 2024-01-15 17:00 UTC
 
+    const PlatTime plattimeSummer{2024, 7, 1, 15, 12, 0, 0, 0};
     bool blDaylight = false;
     int64_t i64Plain = 0;
-    ASSERT_TRUE(PlatTimeToSeconds(&recordSummer, &i64Plain, &blDaylight));
+    ASSERT_TRUE(PlatTimeToSeconds(&plattimeSummer, &i64Plain, &blDaylight));
     EXPECT_TRUE(blDaylight);
     EXPECT_EQ(i64Summer, i64Plain - 3600);
 }

@@ -1,5 +1,5 @@
 // plat_append_test.cpp: a file that is kept open for appending and in nobody's way.
-#include "test_support.h"
+#include "plat_support.h"
 
 #include "plat_file.h"
 

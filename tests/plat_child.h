@@ -1,7 +1,7 @@
 // plat_child.h: cases that start their own program once more, to play a part in another process.
 #pragma once
 
-#include "test_support.h"
+#include "plat_support.h"
 
 #include "plat_process.h"
 

@@ -1,5 +1,4 @@
 // plat_file_guard_test.cpp: files that are opened by a path that somebody else has named.
-#include "os_cosfile.h"
 #include "plat_file.h"
 #include "plat_fork.h"
 
@@ -169,17 +168,4 @@ TEST_F(FileGuard, FolderOfAnotherUserIsNotOurs)
         GTEST_SKIP() << "only root can give a folder away";
     EXPECT_EQ(OpenError(PathOf("own/file"), PLAT_ACCESS_WRITE, PLAT_OPEN_OWNFOLDER), DENIED);
     EXPECT_EQ(OpenError(PathOf("own/file"), PLAT_ACCESS_WRITE, PLAT_OPEN_NOLINKS), 0u);
-}
-
-TEST_F(FileGuard, FileObjectPassesItsGuardOn)
-{
-    COsFile osfile;
-    const auto opens = [&](const char* a_szPath, EOSFILEGUARD a_eosfileguard) {
-        return osfile.Open(PathOf(a_szPath).c_str(), OS_FILEOPEN_ALWAYS, OS_FILEACCESS_WRITE, OS_FILESHARE_READWRITE,
-                           false, a_eosfileguard) == EOSSTS_SUCCESS;
-    };
-    EXPECT_TRUE(opens("own/link", OS_FILEGUARD_NONE) && !opens("own/link", OS_FILEGUARD_NOLINK));
-    EXPECT_TRUE(opens("way/file", OS_FILEGUARD_NOLINK) && !opens("way/file", OS_FILEGUARD_NOLINKS));
-    EXPECT_TRUE(opens("shared/file", OS_FILEGUARD_NOLINKS) && !opens("shared/file", OS_FILEGUARD_OWNFOLDER));
-    EXPECT_TRUE(opens("own/file", OS_FILEGUARD_OWNFOLDER) && !opens("own/file", static_cast<EOSFILEGUARD>(4)));
 }

@@ -1,7 +1,7 @@
 // plat_fork.h: what a copy of this process answers that is somebody else, or may do less.
 #pragma once
 
-#include "test_support.h"
+#include "plat_support.h"
 
 #include <sys/wait.h>
 #include <unistd.h>

@@ -1,6 +1,6 @@
 // plat_replace_test.cpp: complete files that take a name in one step.
 #include "plat_file.h"
-#include "test_support.h"
+#include "plat_support.h"
 
 namespace fs = std::filesystem;
 

@@ -3,7 +3,7 @@
 
 #include "plat_socket.h"
 
-#include "test_support.h"
+#include "plat_support.h"
 
 #include <string>
 

@@ -1,5 +1,5 @@
 // plat_system_test.cpp: what memory and the clock owe, on whichever system.
-#include "test_support.h"
+#include "plat_support.h"
 
 #include "plat_memory.h"
 

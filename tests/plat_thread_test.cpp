@@ -1,5 +1,5 @@
 // plat_thread_test.cpp: what threads owe, on whichever system.
-#include "test_support.h"
+#include "plat_support.h"
 
 #include "plat_memory.h"
 #include "plat_process.h"

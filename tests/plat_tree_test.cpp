@@ -1,7 +1,7 @@
 // plat_tree_test.cpp: walking a tree from open folder to open folder.
 #include "plat_tree.h"
 
-#include "test_support.h"
+#include "plat_support.h"
 
 namespace fs = std::filesystem;
 

@@ -1,5 +1,5 @@
 // plat_wait_test.cpp: what events and the one wait owe, on whichever system.
-#include "test_support.h"
+#include "plat_support.h"
 
 #include "plat_file.h"
 #include "plat_process.h"

@@ -2,7 +2,7 @@
 #include "plat_file.h"
 #include "plat_watch.h"
 
-#include "test_support.h"
+#include "plat_support.h"
 
 namespace
 {

@@ -2,9 +2,9 @@
 #include "logcollector_clean.h"
 
 #include "os_cfg.h"
-#include "os_cosfile_paths.h"
 #include "os_cosfile_system.h"
 #include "os_coslog.h"
+#include "os_cospath.h"
 #include "os_log.h"
 
 #include <algorithm>

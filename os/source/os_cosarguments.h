@@ -59,6 +59,7 @@ void OsArgumentsSetInherit(bool a_blInherit);
 // the lock held, so that the environment stays as it is until the child exists; an exception leaves the lock free.
 // Without: releases the lock. Any thread.
 void OsArgumentsPublish(bool a_blHold);
+void OsArgumentsPublishNow();   // takes the lock, puts the document into the environment, and releases the lock
 
 // Puts the collector's identity into the document of this process.
 void OsArgumentsUpdateCollector();

@@ -19,6 +19,11 @@ enum EOSCFGENTITY : uint32_t
     OS_CFGENTITY_DLL = 5,
 };
 
+inline bool OsCfgIsUtility(EOSCFGENTITY a_eoscfgentity)
+{
+    return a_eoscfgentity == OS_CFGENTITY_UTILITY || a_eoscfgentity == OS_CFGENTITY_APPUTILITY;
+}
+
 // Names of further sections, or of further tags, that INI files may hold; a list ends with the number 1000.
 struct OsCfgExtension
 {

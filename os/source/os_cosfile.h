@@ -4,8 +4,6 @@
 #include "os_cosfile_monitor.h"
 #include "os_types.h"
 
-#include "plat_types.h"
-
 #include <compare>
 #include <cstdarg>
 
@@ -127,7 +125,7 @@ public:
 
     // Gives the object a loaded shared library to release at its end: a_blLoaded: this object loaded it; a_blDrain:
     // it is freed until it has really gone, 10 times at most.
-    void TakeLibrary(PlatHandle a_plathandle, bool a_blLoaded, bool a_blDrain);
+    void TakeLibrary(OSHANDLE a_plathandle, bool a_blLoaded, bool a_blDrain);
 
     // Gives the object a tracked block to free at its end.
     void TakeBuffer(void* a_pvBuffer);

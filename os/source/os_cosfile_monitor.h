@@ -3,8 +3,6 @@
 
 #include "os_types.h"
 
-#include "plat_types.h"
-
 // What happened, and in a mask what is wanted. A change of what the watched name stands for is a modification, whatever
 // it came by: a write, another file that was renamed to the name, a deletion and a new file. With a mask that wants
 // no modifications it is reported under the first of the bits that it came by.
@@ -18,11 +16,11 @@ inline constexpr uint32_t OS_FILEMONITOR_NEWNAME = 32;
 // An event.
 struct OsFileMonitorRecord
 {
-    char szEntry[OS_PATHSIZE];              // the name within the folder
-    char szPath[OS_PATHSIZE];               // the folder and the name
-    uint32_t u32Event;                      // one OS_FILEMONITOR_ bit
-    PlatHandle plathandle = PLAT_INVALID;   // the watched file, open for reading at its beginning; stays the monitor's
-    bool blFirstChange;                     // the first since the start
+    char szEntry[OS_PATHSIZE];          // the name within the folder
+    char szPath[OS_PATHSIZE];           // the folder and the name
+    uint32_t u32Event;                  // one OS_FILEMONITOR_ bit
+    OSHANDLE plathandle = OS_INVALID;   // the watched file, open for reading at its start; the monitor's own
+    bool blFirstChange;                 // the first since the start
 };
 static_assert(sizeof(OsFileMonitorRecord) == 1048);
 

@@ -5,8 +5,6 @@
 #include "os_costime.h"
 #include "os_types.h"
 
-#include "plat_types.h"
-
 enum EOSFILETYPE : uint32_t
 {
     OS_FILETYPE_ANY = 0,
@@ -24,7 +22,7 @@ struct OsFileInfo
     EOSFILEACCESS eosfileaccess;   // read, or read and write
     OsTimeRecord ostimerecordCreated;
     OsTimeRecord ostimerecordWritten;
-    PlatHandle plathandleSearch;
+    OSHANDLE plathandleSearch;
     bool blLink;   // a symbolic link, which is never followed
 };
 

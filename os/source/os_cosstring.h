@@ -1,4 +1,4 @@
-// os_cosstring.h: bounded copies and formatting, search and compare, versions, redaction.
+// os_cosstring.h: bounded copies and formatting, search and compare, versions.
 //
 // Every function that gets a null pointer or a zero size logs that and does nothing else. What does not fit is
 // refused, never cut: the destination is then left as the function says, and the caller goes on.
@@ -39,10 +39,9 @@ inline const char* OsWideFormat(const char* a_szFormat)
     return a_szFormat;
 }
 
-// The same for 16-bit text; sizes in characters. The format and its "%s" are UTF-8.
+// The same for 16-bit text; sizes in characters.
 void SWcsCpy(char16_t* a_wszDestination, size_t a_sizetDestination, const char16_t* a_wszSource);
 void SWcsCat(char16_t* a_wszDestination, size_t a_sizetDestination, const char16_t* a_wszSource);
-int SWcsPrintf(char16_t* a_wszDestination, size_t a_sizetDestination, const char* a_szFormat, ...);
 
 // Writes a number in decimal; returns the destination.
 char* SStrFromNum(char* a_szDestination, size_t a_sizetDestination, uint64_t a_u64Number);
@@ -88,11 +87,3 @@ EOSSTS StrVersionParse(const char* a_szText, uint32_t* a_pu32Major, uint32_t* a_
 
 // Writes a version with as many fields as it needs, at least two; a text that is none is copied unchanged.
 void SStrVersion(char* a_szDestination, size_t a_sizetDestination, const char* a_szText);
-
-// The text itself, an empty one for null, or "(redacted)" when redaction is on and the text holds a dot. The
-// decision is made once per process, by MVR_REDACT or else by the in-house test below.
-const char* Redact(const char* a_szText);
-
-// Tells whether this machine is one of the maker's own; the socket layer answers. Null: none is.
-using OsInHouseProc = bool (*)();
-void OsStringSetInHouseTest(OsInHouseProc a_osinhouseproc);

@@ -1,10 +1,7 @@
 // os_cossync.h: an event that threads and processes use to wake each other.
 #pragma once
 
-#include "os_cosspinlock.h"
 #include "os_types.h"
-
-#include "plat_types.h"
 
 class COsSyncImpl;
 
@@ -37,8 +34,8 @@ public:
     // Releases the event and its place in the group; the object can be created or opened again.
     void EventClose();
 
-    // The event's handle for a wait of another kind, PLAT_INVALID when there is none.
-    PlatHandle EventHandle() const;
+    // The event's handle for a wait of another kind, OS_INVALID when there is none.
+    OSHANDLE EventHandle() const;
 
 private:
     COsSyncImpl* m_possyncimpl;   // null only when its allocation failed

@@ -3,12 +3,12 @@
 
 #include "os_types.h"
 
-#include "plat_types.h"
-
 #include <initializer_list>
 
 class COsThread;
 class COsThreadImpl;
+
+inline constexpr uint32_t OS_EXITCODEUNKNOWN = 0xFFFFFFFFu;
 
 // How a child is started; bits may be combined.
 inline constexpr uint32_t OS_SPAWNFLAGS_NOWINDOW = 0x1;
@@ -48,10 +48,10 @@ public:
     EOSSTS Start(const char* a_szName, OsThreadProc a_osthreadproc, void* a_pvArgument);
 
     // Asks the thread to stop and waits up to a_i32Timeout ms for its end. Then it is terminated where it stands, and
-    // what it held stays held: at once, but for 100 ms when it is leaving already, and PLAT_TERMINATEWAIT for its end.
-    // A thread that puts its end off (PlatThreadDefer) or keeps all signals away is left behind, with a line in the
-    // log. Called by the thread itself: with a_blIgnoreSelf does nothing, without it the thread exits here, unless it
-    // is leaving already. Afterwards the object can be started again.
+    // what it held stays held: at once, but for 100 ms when it is leaving already, and 500 ms for its end. A thread
+    // that puts its end off or keeps all signals away is left behind, with a line in the log. Called by the thread
+    // itself: with a_blIgnoreSelf does nothing, without it the thread exits here, unless it is leaving already.
+    // Afterwards the object can be started again.
     void Stop(bool a_blIgnoreSelf, int32_t a_i32Timeout);
 
     // Waits up to a_u32Timeout ms without asking. True when the thread has ended or never ran, or was left behind.
@@ -68,12 +68,12 @@ public:
     void* Argument() const;
     uint64_t Id() const;   // the system's id of the thread, 0 when it is not running or leaving
 
-    // The child process that this object carries, PLAT_INVALID for none, and its id. The object closes the handle, at
+    // The child process that this object carries, OS_INVALID for none, and its id. The object closes the handle, at
     // the earliest when the child that followed it is followed by another: a thread that still has it may still ask it.
     // A child that runs when the object goes runs on.
-    PlatHandle ChildProcess() const;
+    OSHANDLE ChildProcess() const;
     uint64_t ChildProcessId() const;
-    uint32_t ChildExitCode() const;   // of the last one that has ended; PLAT_EXITCODEUNKNOWN (plat_process.h)
+    uint32_t ChildExitCode() const;   // of the last one that has ended; OS_EXITCODEUNKNOWN when nobody knows
 
     // Starts a child process. a_u32Flags: OS_SPAWNFLAGS_...; a_szArgument0 must not be null and is not on the command
     // line, where the program stands in its place; of the further arguments at most 31 are taken, up to the first null

@@ -4,9 +4,15 @@
 #include "os_cosstring.h"
 #include "os_log.h"
 
+#include "plat_system.h"
+
+#include <bit>
 #include <cstring>
 
 static constexpr char g_szSource[] = "os/source/os_costime";
+
+static_assert(offsetof(OsTimeRecord, u16Day) == offsetof(PlatTime, u16Day) &&
+              offsetof(OsTimeRecord, u16Milliseconds) == offsetof(PlatTime, u16Milliseconds));
 
 // One reading of the clock gives both, so that the microseconds belong to the record's millisecond.
 static EOSSTS ReadClock(bool (*a_pConvert)(uint64_t, PlatTime*), OsTimeRecord* a_postimerecord,
@@ -21,7 +27,11 @@ static EOSSTS ReadClock(bool (*a_pConvert)(uint64_t, PlatTime*), OsTimeRecord* a
     const uint64_t u64Clock = PlatClock();
     if (a_pu32Microseconds)
         *a_pu32Microseconds = static_cast<uint32_t>((u64Clock / 10 - OS_MICROSECONDSTO1970) % 1000);
-    return a_pConvert(u64Clock, a_postimerecord) ? EOSSTS_SUCCESS : EOSSTS_FAIL;
+    PlatTime plattime{};
+    if (!a_pConvert(u64Clock, &plattime))
+        return EOSSTS_FAIL;
+    *a_postimerecord = std::bit_cast<OsTimeRecord>(plattime);
+    return EOSSTS_SUCCESS;
 }
 
 EOSSTS OsTimeLocal(OsTimeRecord* a_postimerecord, uint32_t* a_pu32Microseconds)
@@ -32,6 +42,15 @@ EOSSTS OsTimeLocal(OsTimeRecord* a_postimerecord, uint32_t* a_pu32Microseconds)
 EOSSTS OsTimeUtc(OsTimeRecord* a_postimerecord, uint32_t* a_pu32Microseconds)
 {
     return ReadClock(PlatTimeUtc, a_postimerecord, a_pu32Microseconds);
+}
+
+bool OsTimeFromClock(uint64_t a_u64Clock, OsTimeRecord* a_postimerecord)
+{
+    PlatTime plattime{};
+    if (!PlatTimeLocal(a_u64Clock, &plattime))
+        return false;
+    *a_postimerecord = std::bit_cast<OsTimeRecord>(plattime);
+    return true;
 }
 
 EOSSTS OsTimeStamp(const OsTimeRecord* a_postimerecord, uint32_t a_u32Microseconds, char* a_szTime)
@@ -64,7 +83,8 @@ EOSSTS OsTimeToSeconds(const OsTimeRecord* a_postimerecord, int64_t* a_pi64Secon
     *a_pi64Seconds = 0;
     int64_t i64Seconds = 0;
     bool blDaylight = false;
-    if (!PlatTimeToSeconds(a_postimerecord, &i64Seconds, &blDaylight))
+    const auto plattime = std::bit_cast<PlatTime>(*a_postimerecord);
+    if (!PlatTimeToSeconds(&plattime, &i64Seconds, &blDaylight))
         return EOSSTS_FAIL;
     *a_pi64Seconds = i64Seconds - (blDaylight ? 3600 : 0);
     return EOSSTS_SUCCESS;

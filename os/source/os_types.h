@@ -37,6 +37,10 @@ enum EOSSTS : uint32_t
 inline constexpr size_t OS_PATHSIZE = 512;
 inline constexpr uint32_t OS_INFINITE = 0xFFFFFFFFu;   // milliseconds without limit
 
+// A handle of the system that the library shows; it stays the library's. OS_INVALID is none.
+using OSHANDLE = uint64_t;
+inline constexpr OSHANDLE OS_INVALID = ~OSHANDLE{0};
+
 // The role of a log collector object.
 enum CollectorMode : uint32_t
 {

@@ -2,9 +2,10 @@
 // any kind.
 #include "plat_posix.h"
 
+#include "plat_utf.h"
+
 #include <cerrno>
 #include <csignal>
-#include <cstring>
 #include <fcntl.h>
 #include <unistd.h>
 
@@ -87,92 +88,32 @@ void PosixIgnoreFileSizeSignal()
 
 // ---------------------------------------------------------------------------------------------------------- text
 
-static void AppendUtf8(std::string& a_strText, uint32_t a_u32Point)
-{
-    const auto tail = [&](int iShift) { a_strText += static_cast<char>(0x80 | ((a_u32Point >> iShift) & 0x3F)); };
-    if (a_u32Point < 0x80)
-    {
-        a_strText += static_cast<char>(a_u32Point);
-        return;
-    }
-    if (a_u32Point < 0x800)
-    {
-        a_strText += static_cast<char>(0xC0 | (a_u32Point >> 6));
-    }
-    else if (a_u32Point < 0x10000)
-    {
-        a_strText += static_cast<char>(0xE0 | (a_u32Point >> 12));
-        tail(6);
-    }
-    else
-    {
-        a_strText += static_cast<char>(0xF0 | (a_u32Point >> 18));
-        tail(12);
-        tail(6);
-    }
-    tail(0);
-}
-
 bool PosixToUtf8(const char16_t* a_wszText, std::string& a_strText)
 {
     a_strText.clear();
-    for (const char16_t* pch = a_wszText; *pch; ++pch)
+    const char16_t* const pwchEnd = a_wszText + std::char_traits<char16_t>::length(a_wszText);
+    while (a_wszText != pwchEnd)
     {
-        uint32_t u32Point = *pch;
-        if (u32Point >= 0xD800 && u32Point <= 0xDFFF)
-        {
-            const uint32_t u32Low = pch[1];
-            if (u32Point > 0xDBFF || u32Low < 0xDC00 || u32Low > 0xDFFF)
-                return PosixFail(PLAT_ERROR_NOUNICODE);
-            u32Point = 0x10000 + ((u32Point - 0xD800) << 10) + (u32Low - 0xDC00);
-            ++pch;
-        }
-        AppendUtf8(a_strText, u32Point);
+        const uint32_t u32Point = PlatUtf16Take(a_wszText, pwchEnd);
+        if (u32Point == PLAT_UTF_INVALID)
+            return PosixFail(PLAT_ERROR_NOUNICODE);
+        char achPoint[PLAT_UTF8_MAX];
+        a_strText.append(achPoint, PlatUtf8Put(achPoint, u32Point));
     }
     return true;
 }
 
-// Takes one code point off the text; false for what is no UTF-8 (overlong forms and surrogates included).
-static bool TakePoint(const unsigned char*& a_pu8, uint32_t& a_u32Point)
-{
-    static constexpr uint32_t g_au32Least[] = {0, 0x80, 0x800, 0x10000};
-    const uint32_t u32Lead = *a_pu8++;
-    if (u32Lead < 0x80)
-    {
-        a_u32Point = u32Lead;
-        return true;
-    }
-    const int iTail = u32Lead >= 0xF0 ? 3 : u32Lead >= 0xE0 ? 2 : 1;
-    if (u32Lead < 0xC2 || u32Lead > 0xF4)
-        return false;
-    a_u32Point = u32Lead & (0x3Fu >> iTail);
-    for (int i = 0; i < iTail; ++i)
-    {
-        if ((*a_pu8 & 0xC0) != 0x80)
-            return false;
-        a_u32Point = (a_u32Point << 6) | (*a_pu8++ & 0x3Fu);
-    }
-    return a_u32Point >= g_au32Least[iTail] && a_u32Point <= 0x10FFFF && (a_u32Point < 0xD800 || a_u32Point > 0xDFFF);
-}
-
 bool PosixToWide(const char* a_szText, char16_t* a_wszText, size_t a_sizetText)
 {
-    const auto* pu8 = reinterpret_cast<const unsigned char*>(a_szText);
     size_t sizetLength = 0;
-    while (*pu8)
+    while (*a_szText)
     {
-        uint32_t u32Point = 0;
-        if (!TakePoint(pu8, u32Point))
+        const uint32_t u32Point = PlatUtf8Take(a_szText);
+        if (u32Point == PLAT_UTF_INVALID)
             return PosixFail(PLAT_ERROR_NOUNICODE);
-        const size_t sizetUnits = u32Point < 0x10000 ? 1 : 2;
-        if (sizetLength + sizetUnits >= a_sizetText)
+        if (sizetLength + (u32Point < 0x10000 ? 1 : 2) >= a_sizetText)
             return PosixFail(PLAT_ERROR_INSUFFICIENTBUFFER);
-        if (sizetUnits == 2)
-        {
-            a_wszText[sizetLength++] = static_cast<char16_t>(0xD800 + ((u32Point - 0x10000) >> 10));
-            u32Point = 0xDC00 + (u32Point & 0x3FF);
-        }
-        a_wszText[sizetLength++] = static_cast<char16_t>(u32Point);
+        sizetLength += PlatUtf16Put(a_wszText + sizetLength, u32Point);
     }
     if (sizetLength >= a_sizetText)
         return PosixFail(PLAT_ERROR_INSUFFICIENTBUFFER);

@@ -64,16 +64,6 @@ bool PlatFileOwner(PlatHandle a_plathandle, PlatFileOwned* a_pplatfileowned)
     return fstat(iDescriptor, &status) == 0 ? TellOwner(status, a_pplatfileowned) : PosixFailErrno();
 }
 
-bool PlatPathOwner(const char16_t* a_wszPath, PlatFileOwned* a_pplatfileowned)
-{
-    std::string strPath;
-    struct stat status;
-    if (!PosixPath(a_wszPath, strPath))
-        return false;
-    PosixTrimPath(strPath);
-    return lstat(strPath.c_str(), &status) == 0 ? TellOwner(status, a_pplatfileowned) : PosixFailPath(strPath);
-}
-
 // -------------------------------------------------------------------------------------------- acting as another
 
 namespace

@@ -185,3 +185,9 @@ void OsArgumentsPublish(bool a_blHold)
     SetVariables();
     releaseOnException.Dismiss();
 }
+
+void OsArgumentsPublishNow()
+{
+    OsArgumentsPublish(true);
+    OsArgumentsPublish(false);
+}

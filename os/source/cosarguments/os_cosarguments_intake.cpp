@@ -276,8 +276,7 @@ static void HandDownOverride()
     {
         TakeCallersName(OsArgumentsDocument());
     }
-    OsArgumentsPublish(true);
-    OsArgumentsPublish(false);
+    OsArgumentsPublishNow();
     if (const char* const szIdentity = OsArgumentsGet(OS_ARGUMENT_DRVLETIDENTITY); *szIdentity)
         OsArgumentsReplace("drvletidentity", szIdentity);
 }

@@ -206,7 +206,7 @@ static std::unique_ptr<const BrandRecord> BuildRecord()
 static const BrandRecord& Record()
 {
     static std::atomic<const BrandRecord*> g_pbrandrecord;
-    return OsCfgPublished(g_pbrandrecord, BuildRecord);
+    return *OsCfgPublished(g_pbrandrecord, BuildRecord);
 }
 
 const char* OsCfgBrand(const char* a_szName)

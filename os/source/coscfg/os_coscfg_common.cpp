@@ -96,24 +96,22 @@ const char* CommonSettings::Find(const char* a_szKey) const
 std::atomic<const CommonSettings*> g_pcommonsettings{nullptr};
 thread_local bool g_blLoading = false;
 
-// The settings of the process, null without memory and while this thread loads them. No lock: a loader logs, the
-// logger reads settings, and whoever waited for the loader might hold what the logger needs. Should two threads load at
-// once, one result is kept.
-const CommonSettings* Settings()
+std::unique_ptr<const CommonSettings> LoadSettings()
 {
-    const CommonSettings* pcommonsettings = g_pcommonsettings.load(std::memory_order_acquire);
-    if (pcommonsettings || g_blLoading)
-        return pcommonsettings;
-
-    std::unique_ptr<CommonSettings> commonsettings(new (std::nothrow) CommonSettings);
+    std::unique_ptr<CommonSettings> commonsettings(g_blLoading ? nullptr : new (std::nothrow) CommonSettings);
     if (!commonsettings)
         return nullptr;
     g_blLoading = true;
     commonsettings->Load();
     g_blLoading = false;
-    return g_pcommonsettings.compare_exchange_strong(pcommonsettings, commonsettings.get(), std::memory_order_acq_rel)
-               ? commonsettings.release()
-               : pcommonsettings;
+    return commonsettings;
+}
+
+// The settings of the process, null without memory and while this thread loads them: a loader logs, and the logger
+// reads settings.
+const CommonSettings* Settings()
+{
+    return OsCfgPublished(g_pcommonsettings, LoadSettings);
 }
 }   // namespace
 

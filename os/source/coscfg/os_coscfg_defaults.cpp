@@ -3,8 +3,8 @@
 
 #include "os_cosarguments.h"
 #include "os_cosenv.h"
-#include "os_cosfile_paths.h"
 #include "os_coslog.h"
+#include "os_cospath.h"
 #include "os_cosstring.h"
 #include "os_costhread.h"
 #include "os_new.h"

@@ -12,9 +12,9 @@
 
 #include "os_cosarguments.h"
 #include "os_cosenv.h"
-#include "os_cosfile_paths.h"
 #include "os_cosfile_system.h"
 #include "os_coslog.h"
+#include "os_cospath.h"
 #include "os_cosstring.h"
 #include "os_log.h"
 
@@ -37,14 +37,6 @@ void SetArgumentOr(PathBuffer& a_szPath, EOSARGUMENT a_eosargument, const char* 
 {
     const char* const szGiven = OsArgumentsGet(a_eosargument);
     OsPathCopy(a_szPath, sizeof a_szPath, *szGiven ? szGiven : a_szElse);
-}
-
-// Empty for a path without one.
-void CutFileName(PathBuffer& a_szPath)
-{
-    size_t sizetFolder = 0;
-    OsPathSplit(a_szPath, &sizetFolder, nullptr);
-    a_szPath[sizetFolder] = 0;
 }
 
 // The log file that the logger writes already; empty without one.
@@ -73,7 +65,7 @@ bool COsCfgImpl::SetDirectories()
 // A utility logs into the file of the program that it works for.
 bool COsCfgImpl::UsesOthersLog() const
 {
-    return m_eoscfgentity == OS_CFGENTITY_UTILITY || m_eoscfgentity == OS_CFGENTITY_APPUTILITY;
+    return OsCfgIsUtility(m_eoscfgentity);
 }
 
 // The library is linked into the program, so it is the module as well.
@@ -82,10 +74,10 @@ void COsCfgImpl::SetProgram()
     OsCfgSpecialFolder(m_szSystemDirectory, sizeof m_szSystemDirectory, OS_SPECIALFOLDER_SYSTEM);
     OsCfgResolvePath(OS_PATH_READABLE_FILE_MODULEPATH, m_szLibraryPath, sizeof m_szLibraryPath);
     m_szLibraryName = StrFileName(m_szMainProgram);
-    CutFileName(m_szLibraryPath);
+    OsPathFolder(m_szLibraryPath);
     SStrCpy(m_szHomeDirectory, sizeof m_szHomeDirectory, m_szMainProgram);
     SStrCpy(m_szProgramFileName, sizeof m_szProgramFileName, StrFileName(m_szMainProgram));
-    CutFileName(m_szHomeDirectory);
+    OsPathFolder(m_szHomeDirectory);
 }
 
 // ------------------------------------------------------------------------------------------------------- the roots
@@ -150,7 +142,7 @@ static void ModelOfLogFile(char* a_szModel, size_t a_sizetModel)
     PathBuffer szPath;
     CurrentLogFile(szPath);
     for (int i = 0; i < 3; ++i)
-        CutFileName(szPath);
+        OsPathFolder(szPath);
     SStrCpy(a_szModel, a_sizetModel, StrFileName(szPath));
 }
 
@@ -231,7 +223,7 @@ void COsCfgImpl::SetLogFolder()
     {
         CurrentLogFile(m_szLogFilename);
         SStrCpy(m_szLogDirectory, sizeof m_szLogDirectory, m_szLogFilename);
-        CutFileName(m_szLogDirectory);
+        OsPathFolder(m_szLogDirectory);
     }
     else
     {

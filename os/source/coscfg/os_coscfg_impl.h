@@ -85,8 +85,7 @@ private:
 
 const char* OsCfgTagName(uint32_t a_u32Tag);   // "" for one without a name
 uint32_t OsCfgTagSection(uint32_t a_u32Tag);
-const char* OsCfgTagDefault(uint32_t a_u32Tag);        // null for none
-const char* OsCfgSectionName(uint32_t a_u32Section);   // "dsIdentity" ...
+const char* OsCfgTagDefault(uint32_t a_u32Tag);   // null for none
 
 // Reads a text of at most a_sizetBuffer - 1 bytes, without its byte-order mark, and terminates it. EOSSTS_NOTFOUND when
 // the file cannot be opened, EOSSTS_FAIL (logged) when it cannot be read; the text is empty then.
@@ -197,17 +196,21 @@ inline constexpr size_t OS_SYSTEMNAMESIZE = 32;
 void OsCfgNameSystem(const PlatVersion& a_platversion, char* a_szName, size_t a_sizetName, uint32_t* a_pu32Id);
 
 // What is made by the first question of the process and never freed. No lock is held while it is made: a log line of
-// the making may lead back here, through the header that the logger writes. The first one that is finished stays.
-template <class Record, class Make>
-const Record& OsCfgPublished(std::atomic<const Record*>& a_precord, Make a_make)
+// the making may lead back here, through the header that the logger writes. The first one that is finished stays, and
+// a_tell gets it once. Null when the making gave nothing: the next question tries again.
+template <class Record, class Make, class Tell = void (*)(const Record&)>
+const Record* OsCfgPublished(
+    std::atomic<const Record*>& a_precord, Make a_make, Tell a_tell = [](const Record&) {})
 {
     if (const Record* const precord = a_precord.load(std::memory_order_acquire))
-        return *precord;
+        return precord;
     std::unique_ptr<const Record> record = a_make();
     const Record* precordFirst = nullptr;
-    if (!a_precord.compare_exchange_strong(precordFirst, record.get(), std::memory_order_acq_rel))
-        return *precordFirst;
-    return *record.release();
+    if (!record || !a_precord.compare_exchange_strong(precordFirst, record.get(), std::memory_order_acq_rel))
+        return precordFirst;
+    const Record* const precord = record.release();
+    a_tell(*precord);
+    return precord;
 }
 
 // Whether the environment asks for the support report, and logging is not off for the process.

@@ -5,8 +5,8 @@
 #include "os_coscfg_impl.h"
 
 #include "os_cosenv.h"
-#include "os_cosfile_paths.h"
 #include "os_coslocale.h"
+#include "os_cospath.h"
 #include "os_cosstring.h"
 #include "os_log.h"
 
@@ -194,7 +194,7 @@ template <class Facts>
 static const Facts& Known()
 {
     static std::atomic<const Facts*> g_pfacts;
-    return OsCfgPublished(g_pfacts, [] {
+    return *OsCfgPublished(g_pfacts, [] {
         auto facts = std::make_unique<Facts>();
         Gather(*facts);
         return facts;

@@ -5,7 +5,7 @@
 #include "os_cosarguments.h"
 #include "os_cosenv.h"
 #include "os_cosfile.h"
-#include "os_cosfile_paths.h"
+#include "os_cospath.h"
 #include "os_cossocket.h"
 #include "os_cosstring.h"
 #include "os_log.h"

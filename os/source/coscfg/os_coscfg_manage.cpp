@@ -5,9 +5,9 @@
 // holds is never touched; a link is never followed.
 #include "os_coscfg_impl.h"
 
-#include "os_cosfile_paths.h"
 #include "os_cosfile_system.h"
 #include "os_cosfile_tree.h"
+#include "os_cospath.h"
 #include "os_cosstring.h"
 #include "os_costhread.h"
 
@@ -173,9 +173,8 @@ static void CopyParent(char (&a_szParent)[OS_PATHSIZE], const char* a_szLogFolde
 {
     OsPathCopy(a_szParent, sizeof a_szParent, a_szLogFolder);
     OsPathRemoveTrailing(a_szParent);
-    size_t sizetParent = 0;
-    OsPathSplit(a_szParent, &sizetParent, nullptr);
-    a_szParent[sizetParent > 0 || *a_szParent != '\\' ? sizetParent : 1] = 0;
+    if (OsPathFolder(a_szParent) && !*a_szParent)
+        SStrCpy(a_szParent, sizeof a_szParent, "\\");
 }
 
 void COsCfgImpl::ManageLogDirectories(const char* a_szLogFolder, const COsThread* a_posthread)

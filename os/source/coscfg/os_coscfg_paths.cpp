@@ -8,9 +8,9 @@
 #include "os_cosarguments.h"
 #include "os_cosenv.h"
 #include "os_cosfile.h"
-#include "os_cosfile_paths.h"
 #include "os_cosfile_system.h"
 #include "os_coslocale.h"
+#include "os_cospath.h"
 #include "os_cosspinlock.h"
 #include "os_cosstring.h"
 #include "os_log.h"
@@ -253,10 +253,8 @@ void FamilyProgram(char* a_szPath, const char* a_szName)
     ResolveBelow(OS_PATH_READABLE_FOLDER_BRAND, a_szPath, {"common", szFile});
     if (!*szProgram || OsFileExists(a_szPath))
         return;
-    size_t sizetFolder = 0;
-    OsPathSplit(szProgram, &sizetFolder, nullptr);
-    szProgram[sizetFolder > 0 ? sizetFolder : 1] = 0;
-    OsPathCopy(a_szPath, OS_PATHSIZE, szProgram);
+    const bool blRoot = OsPathFolder(szProgram) && !*szProgram;
+    OsPathCopy(a_szPath, OS_PATHSIZE, blRoot ? "\\" : szProgram);
     OsCfgPathJoin(a_szPath, {szFile});
 }
 

@@ -6,8 +6,8 @@
 #include "os_coscfg_impl.h"
 
 #include "os_coscfg_profilefile.h"
-#include "os_cosfile_paths.h"
 #include "os_cosfile_system.h"
+#include "os_cospath.h"
 #include "os_cosstring.h"
 #include "os_log.h"
 
@@ -315,9 +315,9 @@ void ProfileCache::WriteBackCompanion(const char* a_szPath)
     static constexpr char g_szConst[] = "_const.ini";
     if (!StrEndsWith(a_szPath, g_szConst, true))
         return;
-    const char* const szSeparator = std::strrchr(a_szPath, '\\');
     char szName[OS_PATHSIZE];
-    SStrCpy(szName, sizeof szName, szSeparator ? szSeparator : a_szPath);
+    const char* const szFileName = StrFileName(a_szPath);
+    SStrCpy(szName, sizeof szName, szFileName == a_szPath ? a_szPath : szFileName - 1);
     SStrCpy(szName + std::strlen(szName) - (sizeof g_szConst - 1), sizeof g_szConst, "_debug.ini");
     for (size_t sizet = 0; sizet < g_sizetProfileFiles; ++sizet)
     {

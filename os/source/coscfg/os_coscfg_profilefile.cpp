@@ -3,8 +3,8 @@
 // The platform layer is called directly, since it does not log. A path was converted once before it comes here.
 #include "os_coscfg_profilefile.h"
 
-#include "os_cosfile_paths.h"
 #include "os_cosfile_system.h"
+#include "os_cospath.h"
 
 #include "plat_system.h"
 #include "plat_wait.h"

@@ -7,8 +7,8 @@
 
 #include "os_cosarguments.h"
 #include "os_cosenv.h"
-#include "os_cosfile_paths.h"
 #include "os_cosfile_system.h"
+#include "os_cospath.h"
 #include "os_cossocket.h"
 #include "os_cosstring.h"
 #include "os_log.h"
@@ -48,28 +48,29 @@ void ReadRedirect(const char* a_szVariable, char (&a_szPath)[OS_PATHSIZE])
     OsPathNormalize(a_szPath);
 }
 
-// Made by the first request and kept for the process, null without memory. There is no lock, since what is logged here
-// may lead to a request; should two make them at once, one result is kept.
-const Redirects* RedirectsOfProcess()
+std::unique_ptr<const Redirects> ReadRedirects()
 {
-    static std::atomic<const Redirects*> g_predirects{nullptr};
-    if (const Redirects* const predirects = g_predirects.load(std::memory_order_acquire))
-        return predirects;
-
     std::unique_ptr<Redirects> redirects(new (std::nothrow) Redirects);
     if (!redirects)
         return nullptr;
     ReadRedirect("MVR_CONSTINI", redirects->szConst);
     ReadRedirect("MVR_DEBUGINI", redirects->szDebug);
-    const Redirects* predirects = nullptr;
-    if (!g_predirects.compare_exchange_strong(predirects, redirects.get(), std::memory_order_acq_rel))
-        return predirects;
-    predirects = redirects.release();
-    if (predirects->szConst[0])
-        OSLOG(OS_LOG_NOTE, "const redirect=<%s>", predirects->szConst);
-    if (predirects->szDebug[0])
-        OSLOG(OS_LOG_NOTE, "debug redirect=<%s>", predirects->szDebug);
-    return predirects;
+    return redirects;
+}
+
+void TellRedirects(const Redirects& a_redirects)
+{
+    if (a_redirects.szConst[0])
+        OSLOG(OS_LOG_NOTE, "const redirect=<%s>", a_redirects.szConst);
+    if (a_redirects.szDebug[0])
+        OSLOG(OS_LOG_NOTE, "debug redirect=<%s>", a_redirects.szDebug);
+}
+
+// Null without memory.
+const Redirects* RedirectsOfProcess()
+{
+    static std::atomic<const Redirects*> g_predirects{nullptr};
+    return OsCfgPublished(g_predirects, ReadRedirects, TellRedirects);
 }
 
 // The redirect that serves a name, null for none.

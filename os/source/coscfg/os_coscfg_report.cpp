@@ -7,8 +7,8 @@
 #include "os_coscfg_report_items.h"
 #include "os_cosenv.h"
 #include "os_cosfile.h"
-#include "os_cosfile_paths.h"
 #include "os_cosfile_system.h"
+#include "os_cospath.h"
 #include "os_cosstring.h"
 #include "os_costime.h"
 #include "os_log.h"
@@ -47,8 +47,7 @@ void NameInLogFolder(const COsCfgImpl& a_oscfgimpl, char (&a_szPath)[OS_PATHSIZE
 {
     const char* const szTag = a_oscfgimpl.m_oscfgtable.Get(OS_CFGSECTION_DSIDENTITY, OS_CFGTAG_LOGDIRECTORY);
     const char* const szModel = a_oscfgimpl.m_oscfgtable.Get(OS_CFGSECTION_DSIDENTITY, OS_CFGTAG_MODELDIRECTORYREAL);
-    const bool blUtility =
-        a_oscfgimpl.m_eoscfgentity == OS_CFGENTITY_UTILITY || a_oscfgimpl.m_eoscfgentity == OS_CFGENTITY_APPUTILITY;
+    const bool blUtility = OsCfgIsUtility(a_oscfgimpl.m_eoscfgentity);
     SStrPrintf(a_szPath, sizeof a_szPath, "%s\\mvroscfg%s%s.txt", *szTag ? szTag : a_oscfgimpl.m_szLogDirectory,
                blUtility ? "_" : "", blUtility ? szModel : "");
     OsPathNormalize(a_szPath);
@@ -73,10 +72,7 @@ bool CreateFolderOf(const char* a_szPath)
 {
     char szFolder[OS_PATHSIZE];
     SStrCpy(szFolder, sizeof szFolder, a_szPath);
-    char* const szSeparator = std::strrchr(szFolder, '\\');
-    if (szSeparator)
-        *szSeparator = 0;
-    const EOSSTS eossts = szSeparator ? OsFileCreateDirectory(szFolder) : EOSSTS_FAIL;
+    const EOSSTS eossts = OsPathFolder(szFolder) ? OsFileCreateDirectory(szFolder) : EOSSTS_FAIL;
     if (eossts == EOSSTS_SUCCESS || eossts == EOSSTS_EXISTS)
         return true;
     OSLOG(OS_LOG_ERROR, "Error creating...<%s>", szFolder);

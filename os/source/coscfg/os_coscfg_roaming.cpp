@@ -2,7 +2,7 @@
 #include "os_coscfg_impl.h"
 
 #include "os_cosarguments.h"
-#include "os_cosfile_paths.h"
+#include "os_cospath.h"
 #include "os_cosspinlock.h"
 #include "os_cosstring.h"
 #include "os_log.h"

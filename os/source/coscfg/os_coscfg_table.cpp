@@ -76,11 +76,6 @@ const char* OsCfgTagDefault(uint32_t a_u32Tag)
     return RowOf(a_u32Tag).szDefault;
 }
 
-const char* OsCfgSectionName(uint32_t a_u32Section)
-{
-    return g_aszSection[a_u32Section < std::size(g_aszSection) ? a_u32Section : 0];
-}
-
 // ----------------------------------------------------------------------------------------------------- the table
 
 OsCfgTable::~OsCfgTable()

@@ -5,8 +5,8 @@
 
 #include "os_cosenv.h"
 #include "os_cosfile.h"
-#include "os_cosfile_paths.h"
 #include "os_coslocale.h"
+#include "os_cospath.h"
 #include "os_cosstring.h"
 
 #include "plat_process.h"
@@ -144,5 +144,5 @@ const char* OsCfgUserName()
                               FindUser(username->szName, sizeof username->szName);
                               return username;
                           })
-        .szName;
+        ->szName;
 }

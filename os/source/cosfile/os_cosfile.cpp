@@ -1,7 +1,7 @@
 // os_cosfile.cpp: the public file object, which checks and forwards, and the statuses of system errors.
 //
 // os_cosfile_impl.cpp does the object's work; os_cosfile_monitor.cpp watches; os_cosfile_whole.cpp reads and writes
-// whole files; os_cosfile_paths.cpp knows the text of paths; what is done to files and folders by their paths is in
+// whole files; os_cospath.cpp knows the text of paths; what is done to files and folders by their paths is in
 // os_cosfile_system.cpp, _create, _delete and _name.
 #include "os_cosfile.h"
 

@@ -2,8 +2,8 @@
 #include "os_cosfile_system.h"
 
 #include "os_cosenv.h"
-#include "os_cosfile_paths.h"
 #include "os_coslocale.h"
+#include "os_cospath.h"
 #include "os_cosspinlock.h"
 #include "os_cosstring.h"
 #include "os_log.h"

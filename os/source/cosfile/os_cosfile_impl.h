@@ -2,7 +2,7 @@
 #pragma once
 
 #include "os_cosfile.h"
-#include "os_cosfile_paths.h"
+#include "os_cospath.h"
 #include "os_log.h"
 
 #include "plat_file.h"

@@ -49,11 +49,11 @@ COsFileMonitor::COsFileMonitor(COsFile* a_posfile, const char* a_szPath, const c
     m_osfilemonitorstate.pvContext = a_pvContext;
 
     OsPathCopy(m_szSplit, sizeof m_szSplit, a_szPath);
-    char* const pchSeparator = std::strrchr(m_szSplit, '\\');
-    m_szEntry = pchSeparator ? pchSeparator + 1 : m_szSplit;
-    m_szFolder = !pchSeparator ? "." : pchSeparator == m_szSplit ? "\\" : m_szSplit;
-    if (pchSeparator)
-        *pchSeparator = 0;
+    size_t sizetFolder = 0;
+    OsPathSplit(m_szSplit, &sizetFolder, &m_szEntry);
+    m_szFolder = m_szEntry == m_szSplit ? "." : sizetFolder == 0 ? "\\" : m_szSplit;
+    if (m_szEntry != m_szSplit)
+        m_szSplit[sizetFolder] = 0;
 }
 
 // The last that holds the monitor may be one of its threads, which frees its own thread object then.

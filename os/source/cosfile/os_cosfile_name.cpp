@@ -3,6 +3,7 @@
 
 #include "os_cosfile_impl.h"
 #include "os_cosstring.h"
+#include "os_coswideprintf.h"
 #include "os_log.h"
 
 #include "plat_wait.h"

@@ -4,8 +4,8 @@
 // names out of a file's identity.
 #include "os_cosfile_system.h"
 
-#include "os_cosfile_paths.h"
 #include "os_coslocale.h"
+#include "os_cospath.h"
 #include "os_log.h"
 
 #include "plat_file.h"
@@ -52,8 +52,8 @@ void FillInfo(PlatFileInfo& a_platfileinfo, OsFileInfo* a_posfileinfo)
     a_posfileinfo->eosfileaccess = a_platfileinfo.blReadOnly ? OS_FILEACCESS_READ : OS_FILEACCESS_READWRITE;
     a_posfileinfo->ostimerecordCreated = {};
     a_posfileinfo->ostimerecordWritten = {};
-    PlatTimeLocal(a_platfileinfo.u64CreateTime, &a_posfileinfo->ostimerecordCreated);
-    PlatTimeLocal(a_platfileinfo.u64WriteTime, &a_posfileinfo->ostimerecordWritten);
+    OsTimeFromClock(a_platfileinfo.u64CreateTime, &a_posfileinfo->ostimerecordCreated);
+    OsTimeFromClock(a_platfileinfo.u64WriteTime, &a_posfileinfo->ostimerecordWritten);
     a_posfileinfo->blLink = a_platfileinfo.blLink;
 }
 

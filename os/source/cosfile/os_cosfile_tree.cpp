@@ -1,8 +1,8 @@
 // os_cosfile_tree.cpp: the walk through a tree: where it is, what it tells of an entry, what it deletes.
 #include "os_cosfile_tree.h"
 
-#include "os_cosfile_paths.h"
 #include "os_coslocale.h"
+#include "os_cospath.h"
 #include "os_log.h"
 
 #include "plat_tree.h"

@@ -6,6 +6,8 @@
 
 #include "os_cosfile_system.h"
 
+#include "plat_types.h"
+
 #include <vector>
 
 class OsFileTree

@@ -1,9 +1,9 @@
 // os_cosfile_whole.cpp: reading, writing and moving a whole file in one call.
 #include "os_cosfile.h"
 
-#include "os_cosfile_paths.h"
 #include "os_cosfile_system.h"
 #include "os_cosmem.h"
+#include "os_cospath.h"
 #include "os_log.h"
 
 #include "plat_file.h"

@@ -2,9 +2,10 @@
 #include "os_coslocale.h"
 
 #include "os_cfg.h"
-#include "os_coslocale_utf.h"
 #include "os_cosstring.h"
 #include "os_log.h"
+
+#include "plat_utf.h"
 
 #include <atomic>
 #include <string>
@@ -19,17 +20,11 @@ static size_t ToWide(char16_t* a_wszDestination, size_t a_sizetDestination, cons
     size_t sizetLength = 0;
     while (*a_szText)
     {
-        const uint32_t u32Point = OsUtf8Take(a_szText);
+        const uint32_t u32Point = PlatUtf8Take(a_szText);
         const size_t sizetUnits = u32Point < 0x10000 ? 1 : 2;
-        if (u32Point == OS_UTF_INVALID || sizetLength + sizetUnits >= a_sizetDestination)
+        if (u32Point == PLAT_UTF_INVALID || sizetLength + sizetUnits >= a_sizetDestination)
             return SIZE_MAX;
-        if (sizetUnits == 1)
-        {
-            a_wszDestination[sizetLength++] = static_cast<char16_t>(u32Point);
-            continue;
-        }
-        a_wszDestination[sizetLength++] = static_cast<char16_t>(0xD800 + ((u32Point - 0x10000) >> 10));
-        a_wszDestination[sizetLength++] = static_cast<char16_t>(0xDC00 + (u32Point & 0x3FF));
+        sizetLength += PlatUtf16Put(a_wszDestination + sizetLength, u32Point);
     }
     a_wszDestination[sizetLength] = 0;
     return sizetLength;
@@ -60,11 +55,11 @@ static bool ForEachUtf8(const char16_t* a_wszText, size_t a_sizetLength, Take a_
     const char16_t* const pwchEnd = a_wszText + a_sizetLength;
     while (a_wszText != pwchEnd)
     {
-        const uint32_t u32Point = OsUtf16Take(a_wszText, pwchEnd);
-        if (u32Point == OS_UTF_INVALID)
+        const uint32_t u32Point = PlatUtf16Take(a_wszText, pwchEnd);
+        if (u32Point == PLAT_UTF_INVALID)
             return false;
-        char achPoint[OS_UTF8_MAX];
-        a_take(achPoint, OsUtf8Put(achPoint, u32Point));
+        char achPoint[PLAT_UTF8_MAX];
+        a_take(achPoint, PlatUtf8Put(achPoint, u32Point));
     }
     return true;
 }

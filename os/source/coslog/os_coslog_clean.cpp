@@ -4,16 +4,15 @@
 // it follows no link, and nothing that changes while it walks leads it out of the tree.
 #include "os_coslog.h"
 
-#include "os_cosfile_paths.h"
 #include "os_cosfile_tree.h"
 #include "os_coslogfolder.h"
+#include "os_cospath.h"
 #include "os_cosstring.h"
 #include "os_log.h"
 
 #include "plat_system.h"
 
 #include <algorithm>
-#include <cstring>
 
 static constexpr char g_szSource[] = "os/source/os_coslog";
 
@@ -37,10 +36,12 @@ static void FindProtectedFolder(char (&a_szFolder)[OS_PATHSIZE])
     OsPathCopy(a_szFolder, sizeof a_szFolder, poslog ? poslog->LogFile() : "");
     for (;;)
     {
-        char* const szLast = std::strrchr(a_szFolder, '\\');
-        if (!szLast || szLast == a_szFolder || StrStartsWith(szLast + 1, OS_LOGFOLDERPREFIX))
+        size_t sizetFolder = 0;
+        const char* szName = nullptr;
+        OsPathSplit(a_szFolder, &sizetFolder, &szName);
+        if (sizetFolder == 0 || StrStartsWith(szName, OS_LOGFOLDERPREFIX))
             return;
-        *szLast = '\0';
+        a_szFolder[sizetFolder] = '\0';
     }
 }
 

@@ -2,8 +2,8 @@
 #include "os_coslog_file.h"
 
 #include "os_cosfile.h"
-#include "os_cosfile_paths.h"
 #include "os_cosfile_system.h"
+#include "os_cospath.h"
 
 #include <new>
 
@@ -32,10 +32,8 @@ void OsLogFile::Release(OsLogFile* a_poslogfile)
 
 void OsLogFolderOfFile(const char* a_szLogFile, char* a_szFolder)
 {
-    size_t sizetFolder = 0;
     OsPathCopy(a_szFolder, OS_PATHSIZE, a_szLogFile);
-    OsPathSplit(a_szFolder, &sizetFolder, nullptr);
-    a_szFolder[sizetFolder] = '\0';
+    OsPathFolder(a_szFolder);
 }
 
 bool OsLogMakeFolderOf(const char* a_szLogFile)

@@ -2,9 +2,9 @@
 #include "os_coslogfolder.h"
 
 #include "os_cosfile.h"
-#include "os_cosfile_paths.h"
 #include "os_cosfile_system.h"
 #include "os_cosfile_tree.h"
+#include "os_cospath.h"
 #include "os_cosstring.h"
 #include "os_log.h"
 
@@ -26,12 +26,10 @@ bool OsLogFolderOf(const char* a_szPath, char* a_szFolder)
     bool blFile = StrEndsWith(a_szFolder, g_szLogFileSuffix, true);
     for (;;)
     {
-        char* const szLast = std::strrchr(a_szFolder, '\\');
-        if (!blFile && StrStartsWith(szLast ? szLast + 1 : a_szFolder, OS_LOGFOLDERPREFIX))
+        if (!blFile && StrStartsWith(StrFileName(a_szFolder), OS_LOGFOLDERPREFIX))
             return true;
         blFile = false;
-        *(szLast ? szLast : a_szFolder) = '\0';
-        if (!szLast)
+        if (!OsPathFolder(a_szFolder))
             return false;
     }
 }

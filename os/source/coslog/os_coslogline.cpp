@@ -16,7 +16,7 @@ static constexpr uint64_t g_u64ClockPerMicrosecond = 10;
 void OsLogLineTime::Take()
 {
     const uint64_t u64Clock = PlatClock();
-    if (u64Clock / g_u64ClockPerSecond != u64Second && PlatTimeLocal(u64Clock, &ostimerecord))
+    if (u64Clock / g_u64ClockPerSecond != u64Second && OsTimeFromClock(u64Clock, &ostimerecord))
         u64Second = u64Clock / g_u64ClockPerSecond;
     ostimerecord.u16Milliseconds = static_cast<uint16_t>(u64Clock / g_u64ClockPerMillisecond % 1000);
     u32Microseconds = static_cast<uint32_t>(u64Clock / g_u64ClockPerMicrosecond % 1000);

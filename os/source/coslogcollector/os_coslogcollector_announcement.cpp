@@ -3,9 +3,9 @@
 
 #include "os_cfg.h"
 #include "os_cosfile.h"
-#include "os_cosfile_paths.h"
 #include "os_cosfile_system.h"
 #include "os_coslogcollector_protocol.h"
+#include "os_cospath.h"
 #include "os_log.h"
 
 #include "plat_user.h"

@@ -5,11 +5,11 @@
 #include "os_coslogcollector_client.h"
 
 #include "os_cosarguments.h"
-#include "os_cosfile_paths.h"
 #include "os_cosfile_system.h"
 #include "os_coslocale.h"
 #include "os_coslogcollector_announcement.h"
 #include "os_coslogcollector_sender.h"
+#include "os_cospath.h"
 #include "os_cossocket.h"
 #include "os_cosstring.h"
 #include "os_log.h"

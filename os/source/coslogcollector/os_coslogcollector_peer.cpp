@@ -1,9 +1,9 @@
 // os_coslogcollector_peer.cpp: who is at the other end of a connection, and what he may have written.
 #include "os_coslogcollector_peer.h"
 
-#include "os_cosfile_paths.h"
 #include "os_cosfile_system.h"
 #include "os_coslogfolder.h"
+#include "os_cospath.h"
 #include "os_cossocket.h"
 #include "os_cosstring.h"
 #include "os_log.h"
@@ -12,7 +12,6 @@
 #include "plat_user.h"
 
 #include <algorithm>
-#include <cstring>
 #include <string_view>
 
 static constexpr char g_szSource[] = "os/source/os_coslogcollector";
@@ -133,10 +132,7 @@ static bool IsBelowOwnFolder(const char* a_szFolder)
     char szFolder[OS_PATHSIZE];
     OsPathCopy(szFolder, sizeof szFolder, a_szFolder);
     while (*szFolder && !OsFileExists(szFolder))
-    {
-        char* const pchSeparator = std::strrchr(szFolder, '\\');
-        *(pchSeparator ? pchSeparator : szFolder) = '\0';
-    }
+        OsPathFolder(szFolder);
     COsFile osfile;
     PlatFileOwned platfileowned{};
     return *szFolder &&

@@ -5,9 +5,9 @@
 
 #include "os_cfg.h"
 #include "os_cosarguments.h"
-#include "os_cosfile_paths.h"
 #include "os_cosfile_system.h"
 #include "os_cosmem.h"
+#include "os_cospath.h"
 #include "os_new.h"
 
 #include "plat_user.h"
@@ -35,10 +35,7 @@ static void CreateCommandFile(const char* a_szPath)
         return;
     char szFolder[OS_PATHSIZE];
     OsPathCopy(szFolder, sizeof szFolder, a_szPath);
-    size_t sizetFolder = 0;
-    const char* szFilename = nullptr;
-    OsPathSplit(szFolder, &sizetFolder, &szFilename);
-    szFolder[sizetFolder] = 0;
+    OsPathFolder(szFolder);
     OsFileCreateDirectory(szFolder);
     if (IsOwnFolder(szFolder))
         COsFile().Open(a_szPath, OS_FILEOPEN_ALWAYSOWN, OS_FILEACCESS_WRITE, OS_FILESHARE_READWRITE, false,

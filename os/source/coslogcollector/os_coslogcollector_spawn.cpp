@@ -122,7 +122,6 @@ bool LogCollectorStartCollector()
         return false;
     OsArgumentsSetCollector(oscollectoridentity);
     OsArgumentsUpdateCollector();
-    OsArgumentsPublish(true);
-    OsArgumentsPublish(false);
+    OsArgumentsPublishNow();
     return true;
 }

@@ -5,11 +5,11 @@
 //   the file     its folder, opening it, making it again when its path does not name it any more
 #include "os_coslogcollector_stream.h"
 
-#include "os_cosfile_paths.h"
 #include "os_cosfile_system.h"
 #include "os_coslogcollector.h"
 #include "os_coslogcollector_protocol.h"
 #include "os_cosmem.h"
+#include "os_cospath.h"
 #include "os_cossocket.h"
 #include "os_cosstring.h"
 #include "os_log.h"
@@ -17,7 +17,6 @@
 #include "plat_system.h"
 #include "plat_wait.h"
 
-#include <cstring>
 
 static constexpr char g_szSource[] = "os/source/os_coslogcollector";
 
@@ -224,10 +223,9 @@ void COsLogCollectorStream::MakeFolder()
 {
     char szFolder[OS_PATHSIZE];
     OsPathCopy(szFolder, sizeof szFolder, m_szPath);
-    char* const pchSeparator = std::strrchr(szFolder, '\\');
-    if (!pchSeparator || pchSeparator == szFolder)
+    OsPathFolder(szFolder);
+    if (!*szFolder)
         return;
-    *pchSeparator = 0;
     const uint64_t u64Begin = PlatTicks();
     for (;;)
     {

@@ -5,10 +5,10 @@
 #include "os_cfg.h"
 #include "os_cosarguments.h"
 #include "os_coscfg.h"
-#include "os_cosfile_paths.h"
 #include "os_coslog.h"
 #include "os_coslogcollector.h"
 #include "os_cosmem.h"
+#include "os_cospath.h"
 #include "os_cosservices_identity.h"
 #include "os_cossocket.h"
 #include "os_cosstring.h"
@@ -61,8 +61,7 @@ static bool DeriveLogFolder(OsServicesIdentity& a_osservicesidentity)
     osargumentsbuildargs.szModelDirectory = szModel;
     osargumentsbuildargs.blFromInterfaceOpen = true;
     OsArgumentsBuild(osargumentsbuildargs);
-    OsArgumentsPublish(true);
-    OsArgumentsPublish(false);
+    OsArgumentsPublishNow();
 
     OsServicesLogInto(szFolder, a_osservicesidentity);
     return true;
@@ -147,16 +146,14 @@ static void BuildDocument(const OsServicesIdentity& a_osservicesidentity)
     osargumentsbuildargs.szLogLevel = OsCfgGetString(OS_CFGTAG_DEBUG);
     osargumentsbuildargs.szRootPath = OsCfgGetString(OS_CFGTAG_ROOTPATH);
     osargumentsbuildargs.szLegacyRootPath = OsCfgGetString(OS_CFGTAG_ROOTPATHLEGACY);
-    if (a_osservicesidentity.eoscfgentity == OS_CFGENTITY_DRIVER || OsServicesIsUtility(a_osservicesidentity))
+    if (a_osservicesidentity.eoscfgentity == OS_CFGENTITY_DRIVER || OsCfgIsUtility(a_osservicesidentity.eoscfgentity))
         osargumentsbuildargs.szModelDirectory = OsCfgGetString(OS_CFGTAG_MODELDIRECTORYREAL);
-    if (OsServicesIsUtility(a_osservicesidentity))
+    if (OsCfgIsUtility(a_osservicesidentity.eoscfgentity))
     {
         if (!HasDocument())
             return;
         SStrCpy(szFolder, sizeof szFolder, a_osservicesidentity.szLogFile);
-        size_t sizetFolder = 0;
-        OsPathSplit(szFolder, &sizetFolder, nullptr);
-        szFolder[sizetFolder] = 0;
+        OsPathFolder(szFolder);
         osargumentsbuildargs.szLogDirectory = szFolder;
         osargumentsbuildargs.blFromInterfaceOpen = true;
     }

@@ -4,8 +4,8 @@
 
 #include "os_cosarguments.h"
 #include "os_cosenv.h"
-#include "os_cosfile_paths.h"
 #include "os_coslog.h"
+#include "os_cospath.h"
 #include "os_cosresource.h"
 #include "os_cosstring.h"
 #include "os_cosxml.h"
@@ -97,7 +97,7 @@ void TakeLog(const char* a_szDocument, OsServicesIdentity& a_osservicesidentity)
     if (const char* const szInherited = OsArgumentsGet(OS_ARGUMENT_LOGPATH); *szInherited)
     {
         SStrCpy(a_osservicesidentity.szLogFile, OS_PATHSIZE, szInherited);
-        if (OsServicesIsUtility(a_osservicesidentity))
+        if (OsCfgIsUtility(a_osservicesidentity.eoscfgentity))
             OsServicesLogInto(szInherited, a_osservicesidentity);
     }
     Unwrap(a_osservicesidentity.szLogFile);
@@ -168,21 +168,13 @@ const char* SetupOfModule(const char* a_szModule, const char* a_szName)
     if (!szFile[0])
     {
         OsPathCopy(szFile, sizeof szFile, a_szModule);
-        size_t sizetFolder = 0;
-        OsPathSplit(szFile, &sizetFolder, nullptr);
-        szFile[sizetFolder] = 0;
+        OsPathFolder(szFile);
     }
     OsPathAppend(szFile, sizeof szFile, "setup.txt");
     OsCfgProfileRead(szFile, "versions", a_szName, t_szValue, sizeof t_szValue);
     return t_szValue;
 }
 }   // namespace
-
-bool OsServicesIsUtility(const OsServicesIdentity& a_osservicesidentity)
-{
-    return a_osservicesidentity.eoscfgentity == OS_CFGENTITY_UTILITY ||
-           a_osservicesidentity.eoscfgentity == OS_CFGENTITY_APPUTILITY;
-}
 
 void OsServicesLogInto(const char* a_szFolder, OsServicesIdentity& a_osservicesidentity)
 {

@@ -22,7 +22,6 @@ struct OsServicesIdentity
 bool OsServicesIdentify(const char* a_szDocument, OsServicesIdentity& a_osservicesidentity);
 
 // A utility logs beside the program that it works for, into a file of its own name.
-bool OsServicesIsUtility(const OsServicesIdentity& a_osservicesidentity);
 void OsServicesLogInto(const char* a_szFolder, OsServicesIdentity& a_osservicesidentity);
 
 // Has the logger's header find what the program's files say about it: resources, file version, set-up.

@@ -2,6 +2,7 @@
 #include "os_cfg.h"
 #include "os_cosenv.h"
 #include "os_coslocale.h"
+#include "os_cosredact.h"
 #include "os_cossocket_impl.h"
 #include "os_cossocket_shared_impl.h"
 #include "os_cosspinlock.h"

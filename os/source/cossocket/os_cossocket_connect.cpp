@@ -1,5 +1,6 @@
 // os_cossocket_connect.cpp: the choice of the transport, and connecting.
 #include "os_cfg.h"
+#include "os_cosredact.h"
 #include "os_cossocket_impl.h"
 #include "os_cossocket_shared_impl.h"
 #include "os_cosstring.h"

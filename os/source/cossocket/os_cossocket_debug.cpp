@@ -4,7 +4,7 @@
 // connection. Writing a file may log, and the logger may send: neither diagnostic is written from within one.
 #include "os_cfg.h"
 #include "os_cosfile.h"
-#include "os_cosfile_paths.h"
+#include "os_cospath.h"
 #include "os_cossocket_impl.h"
 #include "os_cosspinlock.h"
 #include "os_cosstring.h"
@@ -75,7 +75,7 @@ void COsSocketImpl::SideLog(uint32_t a_u32Line, const char* a_szFormat, ...) con
     const WritingGuard writingguard;
 
     char szLine[OS_SIDELOGLINE];
-    const char* const szName = std::strrchr(g_szSource, '/') + 1;
+    const char* const szName = StrFileName(g_szSource);
     SStrPrintf(szLine, sizeof szLine, "%-20.20s %06d %08d ", szName, static_cast<int>(a_u32Line),
                static_cast<int>(u32Error));
     const size_t sizetHead = std::strlen(szLine);

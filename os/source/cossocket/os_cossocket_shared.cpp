@@ -99,8 +99,7 @@ bool SocketChannel::TellUser()
 // The name of the file, without folder and extension, in front of the event's.
 static void NameEvent(const char* a_szChannel, const char* a_szEvent, char (&a_szName)[OS_PATHSIZE])
 {
-    const char* const szSeparator = std::strrchr(a_szChannel, '\\');
-    const char* const szFile = szSeparator ? szSeparator + 1 : a_szChannel;
+    const char* const szFile = StrFileName(a_szChannel);
     const char* const szExtension = std::strrchr(szFile, '.');
     const size_t sizetFile = szExtension ? static_cast<size_t>(szExtension - szFile) : std::strlen(szFile);
     SStrPrintf(a_szName, sizeof a_szName, "%.*s%s", static_cast<int>(sizetFile), szFile, a_szEvent);

@@ -1,7 +1,7 @@
 // os_cossocket_shared_names.cpp: what a host and a port stand for: the type of the socket, the files of its channels.
 #include "os_cfg.h"
-#include "os_cosfile_paths.h"
 #include "os_cosfile_system.h"
+#include "os_cospath.h"
 #include "os_cossocket_shared_impl.h"
 #include "os_cosstring.h"
 #include "os_costime.h"

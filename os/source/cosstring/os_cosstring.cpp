@@ -1,17 +1,10 @@
-// os_cosstring.cpp: bounded copies and formatting, versions, redaction. The formatter and the functions that search,
+// os_cosstring.cpp: bounded copies and formatting, versions. The formatter and the functions that search,
 // compare and read numbers have sources of their own.
 #include "os_cosstring.h"
-
-#include "os_cosenv.h"
-#include "os_coslocale.h"
 #include "os_log.h"
-#include "os_scope.h"
 
-#include <atomic>
 #include <charconv>
 #include <cstring>
-#include <memory>
-#include <new>
 #include <string>
 
 static constexpr char g_szSource[] = "os/source/os_cosstring";
@@ -170,35 +163,6 @@ int StrVcprintf(const char* a_szFormat, va_list a_valist)
     return iLength;
 }
 
-// Formats as UTF-8, then converts; -1 with the destination empty when either fails.
-static int FormatWide(char16_t* a_wszDestination, size_t a_sizetDestination, const char* a_szFormat, va_list a_valist)
-{
-    *a_wszDestination = 0;
-    const int iLength = OsFormat(nullptr, 0, a_szFormat, a_valist);
-    if (iLength < 0)
-        return -1;
-    const size_t sizetText = static_cast<size_t>(iLength) + 1;
-    const std::unique_ptr<char[]> szText(new (std::nothrow) char[sizetText]);
-    if (!szText)
-        return -1;
-    OsFormat(szText.get(), sizetText, a_szFormat, a_valist);
-    const size_t sizetWritten = CopyStringFromUtf8(a_wszDestination, a_sizetDestination, szText.get());
-    return sizetWritten ? static_cast<int>(sizetWritten - 1) : -1;
-}
-
-int SWcsPrintf(char16_t* a_wszDestination, size_t a_sizetDestination, const char* a_szFormat, ...)
-{
-    if (!IsUsable("SWcsPrintf", a_wszDestination, a_sizetDestination, a_szFormat))
-        return -1;
-    va_list valist;
-    va_start(valist, a_szFormat);
-    const int iLength = FormatWide(a_wszDestination, a_sizetDestination, a_szFormat, valist);
-    va_end(valist);
-    if (iLength < 0)
-        LogFailed("SWcsPrintf", a_szFormat);
-    return iLength;
-}
-
 char* SStrFromNum(char* a_szDestination, size_t a_sizetDestination, uint64_t a_u64Number)
 {
     if (!a_szDestination || !a_sizetDestination)
@@ -286,53 +250,4 @@ void SStrVersion(char* a_szDestination, size_t a_sizetDestination, const char* a
     }
     const char* const szFormat = u32Build ? "%u.%u.%u.%u" : u32Patch ? "%u.%u.%u" : "%u.%u";
     SStrPrintf(a_szDestination, a_sizetDestination, szFormat, u32Major, u32Minor, u32Patch, u32Build);
-}
-
-// ----------------------------------------------------------------------------------------------------- redaction
-
-enum class Redaction
-{
-    Undecided,
-    Off,
-    On,
-};
-
-static std::atomic<Redaction> g_redaction{Redaction::Undecided};
-static std::atomic<OsInHouseProc> g_osinhouseproc{nullptr};
-
-void OsStringSetInHouseTest(OsInHouseProc a_osinhouseproc)
-{
-    g_osinhouseproc.store(a_osinhouseproc);
-}
-
-static Redaction DecideRedaction()
-{
-    char szValue[16] = {};
-    if (OsEnvGet("MVR_REDACT", "", sizeof szValue, szValue) == EOSSTS_SUCCESS && *szValue)
-        return StrToInt64(szValue) != 0 ? Redaction::On : Redaction::Off;
-    const OsInHouseProc osinhouseproc = g_osinhouseproc.load();
-    return osinhouseproc && osinhouseproc() ? Redaction::Off : Redaction::On;
-}
-
-static bool IsRedacting()
-{
-    // The in-house test asks the network, which logs host names through here: those are redacted.
-    static thread_local bool t_blDeciding = false;
-
-    Redaction redaction = g_redaction.load(std::memory_order_relaxed);
-    if (redaction != Redaction::Undecided || t_blDeciding)
-        return redaction != Redaction::Off;
-
-    t_blDeciding = true;
-    const ScopeGuard decided([] { t_blDeciding = false; });
-    const Redaction redactionMine = DecideRedaction();
-    const bool blFirst = g_redaction.compare_exchange_strong(redaction, redactionMine);
-    return (blFirst ? redactionMine : redaction) == Redaction::On;
-}
-
-const char* Redact(const char* a_szText)
-{
-    if (!a_szText || !*a_szText)
-        return "";
-    return std::strchr(a_szText, '.') && IsRedacting() ? "(redacted)" : a_szText;
 }

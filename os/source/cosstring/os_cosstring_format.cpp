@@ -2,9 +2,10 @@
 //
 // From top to bottom: reading one conversion, numbers, text, the whole. Floating point has a source of its own.
 // Nothing here allocates, locks, logs or asks the locale, so that the logger can use it wherever it is called from.
-#include "os_coslocale_utf.h"
 #include "os_cosstring.h"
 #include "os_cosstring_impl.h"
+
+#include "plat_utf.h"
 
 #include <algorithm>
 #include <climits>
@@ -306,9 +307,9 @@ void PutWide(Output& a_output, const Conversion& a_conversion, const char16_t* a
         a_output.Fill(' ', sizetPad);
     while (a_wszText != pwchEnd)
     {
-        const uint32_t u32Point = OsUtf16Take(a_wszText, pwchEnd);
-        char achPoint[OS_UTF8_MAX];
-        a_output.Put(achPoint, OsUtf8Put(achPoint, u32Point == OS_UTF_INVALID ? OS_UTF_REPLACEMENT : u32Point));
+        const uint32_t u32Point = PlatUtf16Take(a_wszText, pwchEnd);
+        char achPoint[PLAT_UTF8_MAX];
+        a_output.Put(achPoint, PlatUtf8Put(achPoint, u32Point == PLAT_UTF_INVALID ? PLAT_UTF_REPLACEMENT : u32Point));
     }
     if (a_conversion.blLeft)
         a_output.Fill(' ', sizetPad);
@@ -346,13 +347,13 @@ void PutString(Output& a_output, const Conversion& a_conversion, Values& a_value
 void PutCharacter(Output& a_output, const Conversion& a_conversion, Values& a_values)
 {
     const int iCharacter = va_arg(a_values.valist, int);
-    char achPoint[OS_UTF8_MAX] = {static_cast<char>(iCharacter)};
+    char achPoint[PLAT_UTF8_MAX] = {static_cast<char>(iCharacter)};
     size_t sizetBytes = 1;
     if (IsWide(a_conversion))
     {
         const auto wch = static_cast<char16_t>(iCharacter);
         const bool blSurrogate = wch >= 0xD800 && wch <= 0xDFFF;
-        sizetBytes = OsUtf8Put(achPoint, blSurrogate ? OS_UTF_REPLACEMENT : wch);
+        sizetBytes = PlatUtf8Put(achPoint, blSurrogate ? PLAT_UTF_REPLACEMENT : wch);
     }
     PutPadded(a_output, a_conversion, achPoint, sizetBytes);
 }

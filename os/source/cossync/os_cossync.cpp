@@ -17,8 +17,11 @@
 #include <algorithm>
 #include <iterator>
 #include <new>
+#include <type_traits>
 
 static constexpr char g_szSource[] = "os/source/os_cossync";
+
+static_assert(std::is_same_v<OSHANDLE, PlatHandle> && OS_INVALID == PLAT_INVALID && OS_INFINITE == PLAT_INFINITE);
 
 static constexpr char g_szNamespace[] = "Global\\";
 static constexpr uint32_t g_u32SliceWithoutBell = 20;   // ms

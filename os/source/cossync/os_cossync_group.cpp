@@ -11,6 +11,7 @@
 
 #include "os_cfg.h"
 #include "os_coslocale.h"
+#include "os_cospath.h"
 #include "os_cosstring.h"
 #include "os_log.h"
 
@@ -103,7 +104,9 @@ static OsSyncReference<OsSyncEvent> Unregister(OsSyncGroup& a_ossyncgroup, uint3
 static bool GroupPath(const char* a_szGroup, char (&a_szPath)[OS_PATHSIZE], char16_t (&a_wszPath)[OS_PATHSIZE])
 {
     const char* const szRoot = OsCfgGetString(OS_CFGTAG_ROOTCOMMONDIRECTORY);
-    SStrPrintf(a_szPath, sizeof a_szPath, "%s%s%s", szRoot, *szRoot ? "\\" : "", a_szGroup);
+    OsPathCopy(a_szPath, sizeof a_szPath, *szRoot ? szRoot : a_szGroup);
+    if (*szRoot)
+        OsPathAppend(a_szPath, sizeof a_szPath, a_szGroup);
     return *a_szPath && CopyStringFromUtf8(a_wszPath, std::size(a_wszPath), a_szPath);
 }
 

@@ -15,6 +15,8 @@
 #include <iterator>
 #include <utility>
 
+static_assert(OS_EXITCODEUNKNOWN == PLAT_EXITCODEUNKNOWN);
+
 static constexpr char g_szSource[] = "os/source/os_costhread";
 
 static constexpr uint64_t g_u64EndOfSilent = 100;   // milliseconds that the end of a silent child is waited for

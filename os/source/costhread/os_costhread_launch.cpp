@@ -4,8 +4,8 @@
 
 #include "os_cfg.h"
 #include "os_cosarguments.h"
-#include "os_cosfile_paths.h"
 #include "os_coslocale.h"
+#include "os_cospath.h"
 #include "os_cosstring.h"
 #include "os_log.h"
 #include "os_scope.h"
@@ -92,10 +92,11 @@ static void PrepareFolder(const OsSpawnRequest& a_osspawnrequest, OsSpawn* a_pos
         return;
     }
     OsPathCopy(szFolder, sizeof szFolder, a_osspawnrequest.szProgram);
-    char* const pchLast = std::strrchr(szFolder, '\\');
-    if (!pchLast)
+    const char* szName = nullptr;
+    OsPathSplit(szFolder, nullptr, &szName);
+    if (szName == szFolder)
         return;
-    pchLast[1] = 0;
+    szFolder[szName - szFolder] = 0;
     ToWide(szFolder, &a_posspawn->wstrFolder);
 }
 

@@ -1,4 +1,4 @@
-// os_cosfile_paths.h: the text of paths.
+// os_cospath.h: the text of paths.
 //
 // Either separator is accepted on input; the canonical one is "\". A leading "\\" is kept as two characters. Buffers
 // have OS_PATHSIZE bytes where no size is given.
@@ -17,6 +17,10 @@ void OsPathAppend(char* a_szPath, size_t a_sizetPath, const char* a_szComponent)
 
 // Normalises and splits at the last separator: the length of the folder (0 without one) and the file name.
 void OsPathSplit(char* a_szPath, size_t* a_psizetFolder, const char** a_pszFilename);
+
+// Normalises and ends the path before its last separator, so that its folder is left: "" for a name in the root and for
+// one without a folder. False when there was no separator.
+bool OsPathFolder(char* a_szPath);
 
 void OsPathRemoveTrailing(char* a_szPath);   // trailing separators
 void OsPathAppendExe(char* a_szPath, size_t a_sizetPath);

@@ -1,5 +1,5 @@
-// os_cosfile_paths.cpp: normalising, joining and splitting the text of paths; their form for the system.
-#include "os_cosfile_paths.h"
+// os_cospath.cpp: normalising, joining and splitting the text of paths; their form for the system.
+#include "os_cospath.h"
 
 #include "os_coslocale.h"
 #include "os_cosstring.h"
@@ -142,16 +142,23 @@ void OsPathSplit(char* a_szPath, size_t* a_psizetFolder, const char** a_pszFilen
     if (a_szPath)
     {
         OsPathNormalize(a_szPath);
-        if (const char* const szLast = strrchr(a_szPath, '\\'))
-        {
-            szFilename = szLast + 1;
-            sizetFolder = static_cast<size_t>(szLast - a_szPath);
-        }
+        szFilename = StrFileName(a_szPath);
+        sizetFolder = szFilename == a_szPath ? 0 : static_cast<size_t>(szFilename - a_szPath) - 1;
     }
     if (a_psizetFolder)
         *a_psizetFolder = sizetFolder;
     if (a_pszFilename)
         *a_pszFilename = szFilename;
+}
+
+bool OsPathFolder(char* a_szPath)
+{
+    size_t sizetFolder = 0;
+    const char* szFilename = nullptr;
+    OsPathSplit(a_szPath, &sizetFolder, &szFilename);
+    const bool blSeparator = szFilename != a_szPath;
+    a_szPath[sizetFolder] = '\0';
+    return blSeparator;
 }
 
 void OsPathRemoveTrailing(char* a_szPath)
