@@ -285,19 +285,6 @@ TEST_F(CollectorOfOurs, AKilledCollectorsFolderIsMadeAgainWithItsParents)
     EXPECT_EQ(Messages(), (Texts{"next"}));
 }
 
-// The stream, to its end; what is behind the last line end is no line.
-static std::string ReadStream(COsSocket& a_ossocket)
-{
-    std::string strStream;
-    std::vector<char> vecch(65536);
-    size_t sizetRead = 0;
-    const COsSocket::ReadArgs readargs{
-        .pvBuffer = vecch.data(), .sizetBuffer = vecch.size(), .u32Timeout = 5000, .blQuiet = true};
-    while (a_ossocket.SocketRead(readargs, &sizetRead) == EOSSTS_SUCCESS)
-        strStream.append(vecch.data(), sizetRead);
-    return strStream.substr(0, strStream.rfind("\r\n") + 2);
-}
-
 // It keeps its file: nobody knows when it goes on. Each thread's lines are whole and in order, first in the stream,
 // then beside the file.
 TEST_F(CollectorOfOurs, OneThatStandsStillIsWaitedForOnceAndNoLineIsLost)

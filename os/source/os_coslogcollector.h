@@ -49,6 +49,10 @@ public:
     // Gives a client its connection, which it owns from now on.
     void TakeClientSocket(COsSocket* a_possocket);
 
+    // In a fork of a client's process: lets go of the connection, which stays the parent's. Texts that wait are the
+    // parent's as well; from now on every ClientWrite says EOSSTS_DISCONNECTED. Waits for nobody and logs nothing.
+    void LeaveToParent();
+
     bool IsUsable() const { return m_poslogcollectorimpl != nullptr; }
 
 private:

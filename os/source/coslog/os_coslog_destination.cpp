@@ -6,11 +6,14 @@
 #include "os_log.h"
 #include "os_scope.h"
 
+#include "plat_process.h"
 #include "plat_system.h"
 #include "plat_wait.h"
 
 #include <algorithm>
 #include <cstring>
+#include <iterator>
+#include <memory>
 #include <new>
 #include <string_view>
 #include <utility>
@@ -18,6 +21,8 @@
 static constexpr char g_szSource[] = "os/source/os_coslog";
 static constexpr char g_szLineEnd[] = "\r\n";
 static constexpr size_t g_sizetGoesOn = OS_LOGPREFIXMAX + OS_PATHSIZE + 128;
+
+static constexpr uint32_t g_u32GoesOn = OsLogPath::OS_GOESON | OsLogPath::OS_FORKED;
 
 static constexpr uint64_t g_u64OpenAgain = 1000;   // ms
 
@@ -43,6 +48,19 @@ static void FillPath(OsLogPath& a_oslogpath, const char* a_szLogFile)
         return;
     char* const pchSuffix = a_oslogpath.szOwnFile + strview.copy(a_oslogpath.szOwnFile, strview.size() - g_sizetSuffix);
     std::memcpy(pchSuffix, OS_LOGOWNSUFFIX, sizeof OS_LOGOWNSUFFIX);
+}
+
+// Of a fork of the process that used the path.
+static void MovePath(OsLogPath& a_oslogpath)
+{
+    char* const pchSuffix = a_oslogpath.szOwnFile + std::strlen(a_oslogpath.szLogFile) - (sizeof OS_LOGFILESUFFIX - 1);
+    std::memcpy(a_oslogpath.szOwnFile, a_oslogpath.szLogFile, sizeof a_oslogpath.szLogFile);
+    LogSStrPrintf(pchSuffix, static_cast<size_t>(std::end(a_oslogpath.szOwnFile) - pchSuffix), "-%llu.log",
+                  static_cast<unsigned long long>(PlatProcessId()));
+    a_oslogpath.blOwn = true;
+    a_oslogpath.u32Owed = OsLogPath::OS_FORKED;
+    a_oslogpath.i32LineCounter = -1;
+    a_oslogpath.u64OpenAgain = 0;
 }
 
 static OsLogPath* FindPath(OsLogPath* a_poslogpath, const char* a_szLogFile)
@@ -151,6 +169,30 @@ void COsLogDestination::GiveUp(const OsLogClient& a_oslogclient, bool a_blLives)
     }
     OsLogEndTornLine(oslogpath.File());
     m_poslogclient.store(nullptr, std::memory_order_release);
+}
+
+// The current path is not in the list when the fork came in the middle of setting it.
+void COsLogDestination::LeaveToParent()
+{
+    m_osloglock.Release();
+    std::construct_at(&m_mutexClient);
+    std::construct_at(&m_mutexOwed);
+    m_poslogclient = nullptr;
+    m_blCollector = true;
+    for (OsLogClient* poslogclient = m_uniqueClients.get(); poslogclient; poslogclient = poslogclient->uniqueNext.get())
+    {
+        poslogclient->u32Calls = 0;
+        if (poslogclient->uniqueCollector)
+            poslogclient->uniqueCollector->LeaveToParent();
+    }
+    const auto leave = [this](OsLogPath& a_oslogpath) {
+        CloseKept(&a_oslogpath);
+        if (a_oslogpath.blLogs)
+            MovePath(a_oslogpath);
+    };
+    leave(*Path());
+    for (OsLogPath* poslogpath = m_uniquePaths.get(); poslogpath; poslogpath = poslogpath->uniqueNext.get())
+        leave(*poslogpath);
 }
 
 // ------------------------------------------------------------------------------------------------------- the file
@@ -263,19 +305,20 @@ bool COsLogDestination::WriteFile(OsLogSlot& a_oslogslot, int32_t a_i32Number)
     return true;
 }
 
-// The first line of the file beside the one that the collector keeps, as one of the call's thread and time.
+// The first line of the file beside the log, as one of the call's thread and time.
 static std::span<char> PutGoesOn(char* a_pch, const OsLogSlot& a_oslogslot, int32_t a_i32Number)
 {
     OsLogLinePrefix osloglineprefix = a_oslogslot.Prefix(a_i32Number);
     osloglineprefix.pchSource = g_szSource;
     osloglineprefix.sizetSource = sizeof g_szSource - 1;
     osloglineprefix.u32Line = static_cast<uint32_t>(__LINE__);
-    osloglineprefix.u32Level = OS_LOG_ERROR;
+    const bool blForked = a_oslogslot.poslogpath->u32Owed & OsLogPath::OS_FORKED;
+    osloglineprefix.u32Level = blForked ? OS_LOG_MILESTONE : OS_LOG_ERROR;
     char* const pchLine = a_pch + sizeof g_szLineEnd - 1;
     char* const pchMessage = OsLogPutPrefix(pchLine, osloglineprefix);
-    const int iMessage =
-        LogSStrPrintf(pchMessage, static_cast<size_t>(a_pch + g_sizetGoesOn - pchMessage),
-                      "log goes on here, its collector does not answer...<%s>\r\n", a_oslogslot.poslogpath->szLogFile);
+    const int iMessage = LogSStrPrintf(
+        pchMessage, static_cast<size_t>(a_pch + g_sizetGoesOn - pchMessage), "log goes on here, %s...<%s>\r\n",
+        blForked ? "in a fork of its process" : "its collector does not answer", a_oslogslot.poslogpath->szLogFile);
     return {pchLine, pchMessage + std::max(iMessage, 0)};
 }
 
@@ -304,12 +347,12 @@ bool COsLogDestination::AppendOwed(OsLogSlot& a_oslogslot, int32_t a_i32Number)
     const std::lock_guard<std::mutex> guard(m_mutexOwed);
     OsLogPath& oslogpath = *a_oslogslot.poslogpath;
     int32_t i32Number = a_i32Number;
-    if (oslogpath.u32Owed & OsLogPath::OS_GOESON)
+    if (oslogpath.u32Owed & g_u32GoesOn)
     {
         char achLine[g_sizetGoesOn];
         if (!AppendBehindEnd(a_oslogslot, PutGoesOn(achLine, a_oslogslot, i32Number)))
             return false;
-        oslogpath.u32Owed &= ~OsLogPath::OS_GOESON;
+        oslogpath.u32Owed &= ~g_u32GoesOn;
         i32Number = oslogpath.TakeNumber();
         a_oslogslot.blFlush = true;
     }

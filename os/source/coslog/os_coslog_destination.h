@@ -3,7 +3,7 @@
 // Lines go to the collector while there is one that takes them, otherwise into the process's own file. What becomes of
 // a collector that fails decides which file that is: a dead one leaves the file that it wrote to the process; one that
 // lives and does not answer keeps it, and the process goes on in "<name>-own.log" beside it. Exactly one thread makes
-// that switch, and no thread writes into the file before it is done.
+// that switch, and no thread writes into the file before it is done. A fork goes on in "<name>-<process id>.log".
 //
 // No lock is held while a line is written: the system orders what is appended. Only what has to precede a line, the end
 // of a torn one or the word that the log goes on here, is written under one.
@@ -24,7 +24,7 @@
 
 inline constexpr char OS_LOGFILESUFFIX[] = ".log";
 inline constexpr char OS_LOGOWNSUFFIX[] = "-own.log";
-inline constexpr size_t OS_LOGOWNPATHSIZE = OS_PATHSIZE + sizeof OS_LOGOWNSUFFIX - sizeof OS_LOGFILESUFFIX;
+inline constexpr size_t OS_LOGOWNPATHSIZE = OS_PATHSIZE + 24;   // of that, or with a process id
 
 // A log file's path, and how many lines went there since the header. Never changed once it is in use: a call goes on
 // with the one that it began with while the logger is started anew.
@@ -36,6 +36,7 @@ struct OsLogPath
         OS_LINEEND = 1,    // the last line got there in part
         OS_LINEFEED = 2,   // all but its last byte did
         OS_GOESON = 4,     // nothing was written yet into the file beside the one that the collector keeps
+        OS_FORKED = 8,     // nor into that of a fork
     };
 
     const char* File() const { return blOwn.load(std::memory_order_acquire) ? szOwnFile : szLogFile; }
@@ -47,7 +48,7 @@ struct OsLogPath
     bool blLogs;   // it is one of a log file
     std::atomic<bool> blHeaderPending;
     std::atomic<int32_t> i32LineCounter;
-    std::atomic<bool> blOwn;   // a collector keeps the file: the lines go to the one beside it
+    std::atomic<bool> blOwn;   // a collector or a parent keeps the file: the lines go to the one beside it
     std::atomic<uint32_t> u32Owed;
     std::atomic<uint64_t> u64OpenAgain;   // ticks; the file could not be opened and is not tried before
     OsLogFile* poslogfile;                // under the lock; null when it is not open
@@ -94,6 +95,10 @@ public:
 
     // Lets go of what the call had open.
     static void Close(OsLogSlot& a_oslogslot) { OsLogFile::Release(std::exchange(a_oslogslot.poslogfile, nullptr)); }
+
+    // In a fork: the paths' files and the collector's connection stay the parent's. Lines go beside them, and no
+    // collector is asked for again.
+    void LeaveToParent();
 
     void Flush();       // the file, to the disk
     void FlushKept();   // likewise, without an allocation: a check may fail in a signal handler

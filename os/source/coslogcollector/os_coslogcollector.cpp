@@ -95,6 +95,12 @@ void COsLogCollector::TakeClientSocket(COsSocket* a_possocket)
     m_poslogcollectorimpl->TakeClientSocket(a_possocket);
 }
 
+void COsLogCollector::LeaveToParent()
+{
+    if (m_poslogcollectorimpl)
+        m_poslogcollectorimpl->LeaveToParent();
+}
+
 // ------------------------------------------------------------------------------------------- what the roles share
 
 EOSSTS COsLogCollectorImpl::ClientWrite(const void*, size_t)

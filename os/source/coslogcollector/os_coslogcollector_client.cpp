@@ -17,6 +17,7 @@
 #include "plat_file.h"
 #include "plat_socket.h"
 #include "plat_system.h"
+#include "plat_thread.h"
 #include "plat_wait.h"
 
 #include <algorithm>
@@ -60,6 +61,7 @@ EOSSTS COsLogCollectorClient::Start(const char* a_szLogFile, bool)
         return EOSSTS_FAIL;
     if (m_uniqueSender)
         return EOSSTS_SUCCESS;
+    const PlatThreadDeferral platthreaddeferral;   // or nobody would log any more
     const COsLogSuppress oslogsuppress;
     if (a_szLogFile)
         SStrCpy(m_szLogFile, sizeof m_szLogFile, a_szLogFile);
@@ -203,6 +205,12 @@ void COsLogCollectorClient::Stop(char* a_szFolder, size_t a_sizetFolder)
     }
     m_uniqueSender->Close(!m_uniqueSender->HasFailed());
     m_uniqueSender.reset();
+}
+
+void COsLogCollectorClient::LeaveToParent()
+{
+    if (m_uniqueSender)
+        m_uniqueSender->LeaveToParent();
 }
 
 // A collector says nothing of what it has read, but the system does; where it does not, the file tells what was

@@ -20,6 +20,7 @@ public:
     void Stop(char* a_szFolder, size_t a_sizetFolder) override;
     EOSSTS ClientWrite(const void* a_pvBuffer, size_t a_sizetBytes) override;
     void TakeClientSocket(COsSocket* a_possocket) override;
+    void LeaveToParent() override;
 
 private:
     EOSSTS Find();

@@ -29,6 +29,7 @@ public:
     // Of the roles that send one.
     virtual EOSSTS ClientWrite(const void* a_pvBuffer, size_t a_sizetBytes);
     virtual void TakeClientSocket(COsSocket* a_possocket);
+    virtual void LeaveToParent() {}
 };
 
 // True in the session where no user works: there nobody uses a collector.

@@ -9,10 +9,12 @@
 
 #include "plat_socket.h"
 #include "plat_system.h"
+#include "plat_thread.h"
 #include "plat_wait.h"
 
 #include <algorithm>
 #include <cstring>
+#include <memory>
 #include <thread>
 
 // Whoever waits for a sender yields so often before it sleeps: a send takes some microseconds, unless the collector
@@ -39,10 +41,22 @@ void COsLogCollectorSender::Close(bool a_blGraceful)
     m_uniqueSocket->SocketDisconnect(a_blGraceful);
 }
 
+// The texts that wait are on the stacks of the parent's threads.
+void COsLogCollectorSender::LeaveToParent()
+{
+    std::construct_at(&m_mutex);
+    m_blSending = false;
+    m_ptextFirst = nullptr;
+    m_ptextLast = nullptr;
+    m_eosstsFailed = EOSSTS_DISCONNECTED;
+    m_uniqueSocket->SocketLeaveToParent();
+}
+
 // ---------------------------------------------------------------------------------------------------- the turn
 
 EOSSTS COsLogCollectorSender::Send(const void* a_pvBuffer, size_t a_sizetBytes)
 {
+    const PlatThreadDeferral platthreaddeferral;
     Text text{static_cast<const char*>(a_pvBuffer), a_sizetBytes};
     if (BecomeSender(text) || AwaitTurn(text))
         SendWaiting(text);

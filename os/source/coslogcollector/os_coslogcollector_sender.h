@@ -2,7 +2,7 @@
 //
 // A thread that finds the connection busy leaves its text with the thread that is sending, which sends all that wait
 // with one call and tells each its result. Under load that is a fraction of the sends; a single thread pays two short
-// locks.
+// locks. Whoever is to be ended meanwhile ends when its text is settled: the others wait for it.
 #pragma once
 
 #include "os_types.h"
@@ -35,6 +35,7 @@ public:
     bool ReadByCollector(uint64_t* a_pu64Read) const;
 
     void Close(bool a_blGraceful);   // what was sent still arrives
+    void LeaveToParent();            // in a fork
 
 private:
     struct Text

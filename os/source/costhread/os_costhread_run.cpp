@@ -243,6 +243,8 @@ void OsThreadRun::TellStopping()
 void OsThreadRun::Stop(int32_t a_i32Timeout)
 {
     TellStopping();
+    if (HasEnded())
+        return;   // also one of a parent: its events are the parent's
     const uint64_t u64End = PlatTicks() + static_cast<uint64_t>(std::max(a_i32Timeout, 0));
     uint64_t u64Now = 0;
     do
