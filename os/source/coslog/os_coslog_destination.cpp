@@ -59,6 +59,7 @@ static void MovePath(OsLogPath& a_oslogpath)
                   static_cast<unsigned long long>(PlatProcessId()));
     a_oslogpath.blOwn = true;
     a_oslogpath.u32Owed = OsLogPath::OS_FORKED;
+    std::construct_at(&a_oslogpath.strUnsent);
     a_oslogpath.i32LineCounter = -1;
     a_oslogpath.u64OpenAgain = 0;
 }
@@ -146,7 +147,8 @@ bool COsLogDestination::Send(std::span<const char> a_spanLine)
     if (!poslogclient)
         return false;
     const ScopeGuard leave([poslogclient] { --poslogclient->u32Calls; });
-    const EOSSTS eossts = poslogclient->uniqueCollector->ClientWrite(a_spanLine.data(), a_spanLine.size());
+    const EOSSTS eossts =
+        poslogclient->uniqueCollector->ClientWrite(a_spanLine.data(), a_spanLine.size(), OsLogMayWait());
     if (eossts == EOSSTS_SUCCESS)
         return true;
     GiveUp(*poslogclient, eossts == EOSSTS_BUSY);
@@ -158,9 +160,10 @@ bool COsLogDestination::Send(std::span<const char> a_spanLine)
 void COsLogDestination::GiveUp(const OsLogClient& a_oslogclient, bool a_blLives)
 {
     const std::lock_guard<std::mutex> guard(m_mutexClient);
+    OsLogPath& oslogpath = *a_oslogclient.poslogpath;
+    Owe(oslogpath, a_oslogclient.uniqueCollector->TakeUnsent());
     if (m_poslogclient.load(std::memory_order_acquire) != &a_oslogclient)
         return;
-    OsLogPath& oslogpath = *a_oslogclient.poslogpath;
     if (a_blLives && oslogpath.blLogs)
     {
         oslogpath.u32Owed |= OsLogPath::OS_GOESON;
@@ -341,6 +344,17 @@ bool COsLogDestination::Append(OsLogSlot& a_oslogslot, std::span<char> a_spanLin
     return false;
 }
 
+void COsLogDestination::Owe(OsLogPath& a_oslogpath, const std::string& a_strUnsent)
+{
+    if (a_strUnsent.empty())
+        return;
+    const std::lock_guard<std::mutex> guard(m_mutexOwed);
+    if (a_oslogpath.strUnsent.empty())
+        a_oslogpath.strUnsent = g_szLineEnd;
+    a_oslogpath.strUnsent += a_strUnsent;
+    a_oslogpath.u32Owed |= OsLogPath::OS_UNSENT;
+}
+
 // The other threads wait, or find it written.
 bool COsLogDestination::AppendOwed(OsLogSlot& a_oslogslot, int32_t a_i32Number)
 {
@@ -355,6 +369,13 @@ bool COsLogDestination::AppendOwed(OsLogSlot& a_oslogslot, int32_t a_i32Number)
         oslogpath.u32Owed &= ~g_u32GoesOn;
         i32Number = oslogpath.TakeNumber();
         a_oslogslot.blFlush = true;
+    }
+    if (oslogpath.u32Owed & OsLogPath::OS_UNSENT)
+    {
+        if (!AppendBehindEnd(a_oslogslot, std::span(oslogpath.strUnsent).subspan(sizeof g_szLineEnd - 1)))
+            return false;
+        oslogpath.u32Owed &= ~OsLogPath::OS_UNSENT;
+        oslogpath.strUnsent.clear();
     }
     return AppendBehindEnd(a_oslogslot, a_oslogslot.Line(i32Number));
 }

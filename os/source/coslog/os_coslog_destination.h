@@ -20,6 +20,7 @@
 #include <memory>
 #include <mutex>
 #include <span>
+#include <string>
 #include <utility>
 
 inline constexpr char OS_LOGFILESUFFIX[] = ".log";
@@ -37,6 +38,7 @@ struct OsLogPath
         OS_LINEFEED = 2,   // all but its last byte did
         OS_GOESON = 4,     // nothing was written yet into the file beside the one that the collector keeps
         OS_FORKED = 8,     // nor into that of a fork
+        OS_UNSENT = 16,    // lines that were left to a thread that could not send them
     };
 
     const char* File() const { return blOwn.load(std::memory_order_acquire) ? szOwnFile : szLogFile; }
@@ -50,6 +52,7 @@ struct OsLogPath
     std::atomic<int32_t> i32LineCounter;
     std::atomic<bool> blOwn;   // a collector or a parent keeps the file: the lines go to the one beside it
     std::atomic<uint32_t> u32Owed;
+    std::string strUnsent;                // behind room for a line end
     std::atomic<uint64_t> u64OpenAgain;   // ticks; the file could not be opened and is not tried before
     OsLogFile* poslogfile;                // under the lock; null when it is not open
 };
@@ -116,6 +119,7 @@ private:
     bool WriteFile(OsLogSlot& a_oslogslot, int32_t a_i32Number);
     bool AppendLine(OsLogSlot& a_oslogslot, int32_t a_i32Number);
     bool Append(OsLogSlot& a_oslogslot, std::span<char> a_spanLine);
+    void Owe(OsLogPath& a_oslogpath, const std::string& a_strUnsent);
     bool AppendOwed(OsLogSlot& a_oslogslot, int32_t a_i32Number);
     static bool AppendBehindEnd(OsLogSlot& a_oslogslot, std::span<char> a_spanLine);
 

@@ -178,14 +178,20 @@ bool COsLogCollectorClient::SendHeader()
 
 // --------------------------------------------------------------------------------------------------- the stream
 
-EOSSTS COsLogCollectorClient::ClientWrite(const void* a_pvBuffer, size_t a_sizetBytes)
+EOSSTS COsLogCollectorClient::ClientWrite(const void* a_pvBuffer, size_t a_sizetBytes, bool a_blWait)
 {
     if (!m_uniqueSender)
     {
         OSLOG(OS_LOG_ERROR, "m_possocketimpl is null...");
         return EOSSTS_DISCONNECTED;
     }
-    return a_sizetBytes ? m_uniqueSender->Send(a_pvBuffer, a_sizetBytes) : m_uniqueSender->Send(" ", 1);
+    return a_sizetBytes ? m_uniqueSender->Send(a_pvBuffer, a_sizetBytes, a_blWait)
+                        : m_uniqueSender->Send(" ", 1, a_blWait);
+}
+
+std::string COsLogCollectorClient::TakeUnsent()
+{
+    return m_uniqueSender ? m_uniqueSender->TakeUnsent() : std::string();
 }
 
 // Only the process that owns the services of its application tells the collector that the application is done. The

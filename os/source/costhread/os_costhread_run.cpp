@@ -242,6 +242,7 @@ void OsThreadRun::TellStopping()
 // Asks again with every slice: the procedure may take a request for something else.
 void OsThreadRun::Stop(int32_t a_i32Timeout)
 {
+    const COsLogNoWait oslognowait;   // the thread may be the one that all lines wait for
     TellStopping();
     if (HasEnded())
         return;   // also one of a parent: its events are the parent's
