@@ -5,6 +5,7 @@
 //                                            the ratios
 #include "bench_support.h"
 
+#include "os_cosmem.h"
 #include "os_cossync.h"
 #include "os_costhread.h"
 
@@ -127,6 +128,9 @@ int main(int a_iArguments, char** a_aszArgument)
 {
     if (a_iArguments > 2 && std::strcmp(a_aszArgument[1], "--against") == 0)
         return Compare(a_aszArgument[0], a_aszArgument[2], a_iArguments > 3 ? std::atoi(a_aszArgument[3]) : g_iRounds);
+    const WorkFolder workfolder;   // of the group's file
+    std::filesystem::current_path(workfolder.Path());
+    const COsMem osmem;   // who makes it
     const bool blFigures = a_iArguments > 1 && std::strcmp(a_aszArgument[1], "--figures") == 0;
     COsThread osthread;
     for (const Measured& measured : AllMeasured(osthread))
