@@ -179,7 +179,7 @@ void COsLogDestination::LeaveToParent()
 {
     m_osloglock.Release();
     std::construct_at(&m_mutexClient);
-    std::construct_at(&m_mutexOwed);
+    std::construct_at(&m_mutexWrite);
     m_poslogclient = nullptr;
     m_blCollector = true;
     for (OsLogClient* poslogclient = m_uniqueClients.get(); poslogclient; poslogclient = poslogclient->uniqueNext.get())
@@ -279,9 +279,11 @@ void COsLogDestination::Write(OsLogSlot& a_oslogslot)
         m_blWritten = true;
 }
 
-// The call's line behind what has to precede it.
+// The call's line behind what has to precede it. The system orders what is appended, but between a line that is cut and
+// the word that it was, when there is room again, no other may come.
 bool COsLogDestination::AppendLine(OsLogSlot& a_oslogslot, int32_t a_i32Number)
 {
+    const std::lock_guard<std::mutex> guard(m_mutexWrite);
     return a_oslogslot.poslogpath->u32Owed.load(std::memory_order_acquire)
                ? AppendOwed(a_oslogslot, a_i32Number)
                : Append(a_oslogslot, a_oslogslot.Line(a_i32Number));
@@ -339,7 +341,6 @@ bool COsLogDestination::Append(OsLogSlot& a_oslogslot, std::span<char> a_spanLin
     size_t sizetWritten = 0;
     if (PlatAppendWrite(a_oslogslot.poslogfile->plathandle, a_spanLine.data(), a_spanLine.size(), &sizetWritten))
         return true;
-    const std::lock_guard<std::mutex> guard(m_mutexOwed);
     a_oslogslot.poslogpath->u32Owed |= OwedAfter(sizetWritten, a_spanLine.size());
     return false;
 }
@@ -348,17 +349,15 @@ void COsLogDestination::Owe(OsLogPath& a_oslogpath, const std::string& a_strUnse
 {
     if (a_strUnsent.empty())
         return;
-    const std::lock_guard<std::mutex> guard(m_mutexOwed);
+    const std::lock_guard<std::mutex> guard(m_mutexWrite);
     if (a_oslogpath.strUnsent.empty())
         a_oslogpath.strUnsent = g_szLineEnd;
     a_oslogpath.strUnsent += a_strUnsent;
     a_oslogpath.u32Owed |= OsLogPath::OS_UNSENT;
 }
 
-// The other threads wait, or find it written.
 bool COsLogDestination::AppendOwed(OsLogSlot& a_oslogslot, int32_t a_i32Number)
 {
-    const std::lock_guard<std::mutex> guard(m_mutexOwed);
     OsLogPath& oslogpath = *a_oslogslot.poslogpath;
     int32_t i32Number = a_i32Number;
     if (oslogpath.u32Owed & g_u32GoesOn)
@@ -380,8 +379,8 @@ bool COsLogDestination::AppendOwed(OsLogSlot& a_oslogslot, int32_t a_i32Number)
     return AppendBehindEnd(a_oslogslot, a_oslogslot.Line(i32Number));
 }
 
-// Under the lock. In one piece with the line end, for which there is room before the line: other threads' lines come
-// before both or behind both.
+// In one piece with the line end, for which there is room before the line: other processes' lines come before both or
+// behind both.
 bool COsLogDestination::AppendBehindEnd(OsLogSlot& a_oslogslot, std::span<char> a_spanLine)
 {
     static constexpr uint32_t g_u32Ends = OsLogPath::OS_LINEEND | OsLogPath::OS_LINEFEED;

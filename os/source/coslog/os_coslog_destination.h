@@ -5,8 +5,8 @@
 // lives and does not answer keeps it, and the process goes on in "<name>-own.log" beside it. Exactly one thread makes
 // that switch, and no thread writes into the file before it is done. A fork goes on in "<name>-<process id>.log".
 //
-// No lock is held while a line is written: the system orders what is appended. Only what has to precede a line, the end
-// of a torn one or the word that the log goes on here, is written under one.
+// Threads write into the own file one after the other, as the system would have it anyway: the end of a torn line, or
+// the word that the log goes on here, comes right behind what it follows.
 #pragma once
 
 #include "os_coslog_file.h"
@@ -118,7 +118,7 @@ private:
 
     bool WriteFile(OsLogSlot& a_oslogslot, int32_t a_i32Number);
     bool AppendLine(OsLogSlot& a_oslogslot, int32_t a_i32Number);
-    bool Append(OsLogSlot& a_oslogslot, std::span<char> a_spanLine);
+    static bool Append(OsLogSlot& a_oslogslot, std::span<char> a_spanLine);
     void Owe(OsLogPath& a_oslogpath, const std::string& a_strUnsent);
     bool AppendOwed(OsLogSlot& a_oslogslot, int32_t a_i32Number);
     static bool AppendBehindEnd(OsLogSlot& a_oslogslot, std::span<char> a_spanLine);
@@ -135,5 +135,5 @@ private:
     std::mutex m_mutexClient;                   // taking a client and giving it up
     std::unique_ptr<OsLogClient> m_uniqueClients;
     bool m_blCollector = false;
-    std::mutex m_mutexOwed;   // what is owed
+    std::mutex m_mutexWrite;   // the own file's lines, and what is owed
 };
