@@ -39,6 +39,12 @@ public:
     PlatThreadDeferral& operator=(const PlatThreadDeferral&) = delete;
 };
 
+// A fork leaves a process that has the forking thread alone: the others' handles say that they have ended, with 0, and
+// what they held stays held. Has a_platforkproc called there before anything else, in the order of these calls, in
+// every fork from now on; it must not wait for what others may hold. A system without forks has nothing to do.
+using PlatForkProc = void (*)();
+void PlatThreadOnFork(PlatForkProc a_platforkproc);
+
 uint64_t PlatThreadId();                          // of the calling thread, also in a fork of this process
 bool PlatThreadIsAlive(uint64_t a_u64ThreadId);   // true while a thread of this process has the id
 

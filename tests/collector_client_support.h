@@ -93,6 +93,19 @@ protected:
     COsSocket m_ossocketStream;
 };
 
+// The stream, to its end; what is behind the last line end is no line.
+inline std::string ReadStream(COsSocket& a_ossocket)
+{
+    std::string strStream;
+    std::vector<char> vecch(65536);
+    size_t sizetRead = 0;
+    const COsSocket::ReadArgs readargs{
+        .pvBuffer = vecch.data(), .sizetBuffer = vecch.size(), .u32Timeout = 5000, .blQuiet = true};
+    while (a_ossocket.SocketRead(readargs, &sizetRead) == EOSSTS_SUCCESS)
+        strStream.append(vecch.data(), sizetRead);
+    return strStream.substr(0, strStream.rfind("\r\n") + 2);
+}
+
 // A program of the family that has "logcollector" in its path uses no collector. Where this one has, a copy in another
 // folder does its work.
 inline int RunOutsideTheCollectorsPath(int a_iArguments, char** a_aszArgument)

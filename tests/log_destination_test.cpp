@@ -10,6 +10,7 @@
 #include <cstring>
 #include <set>
 #include <sys/resource.h>
+#include <sys/stat.h>
 #include <sys/syscall.h>
 
 // ------------------------------------------------------------------------------------- what the system is asked for
@@ -29,11 +30,40 @@ int fdatasync(int a_iDescriptor)
     return static_cast<int>(syscall(SYS_fdatasync, a_iDescriptor));
 }
 
+// The next line is cut after so many bytes, for want of room, which is there again when another thread has had time to
+// write a line of its own; the thread of the line that was cut is refused the rest.
+static std::atomic<size_t> g_sizetCut{0};
+static std::atomic<bool> g_blIsCut{false};
+
+static ssize_t WriteCut(int a_iDescriptor, const void* a_pvBuffer, size_t a_sizetBytes, off_t a_offset)
+{
+    static thread_local bool t_blRefuse = false;
+    if (t_blRefuse)
+    {
+        t_blRefuse = false;
+        errno = ENOSPC;
+        return -1;
+    }
+    const size_t sizetCut = g_sizetCut.exchange(0);
+    t_blRefuse = sizetCut != 0;
+    const ssize_t ssizet =
+        syscall(SYS_pwrite64, a_iDescriptor, a_pvBuffer, sizetCut ? sizetCut : a_sizetBytes, a_offset);
+    if (t_blRefuse)
+    {
+        struct stat status = {};
+        fstat(a_iDescriptor, &status);
+        const off_t offset = status.st_size;
+        g_blIsCut = true;
+        WaitFor([&] { return fstat(a_iDescriptor, &status) != 0 || status.st_size != offset; }, 300);
+    }
+    return ssizet;
+}
+
 ssize_t pwrite(int a_iDescriptor, const void* a_pvBuffer, size_t a_sizetBytes, off_t a_offset)
 {
     if (const char* const szFile = g_szRemovedBeforeWrite.exchange(nullptr))
         unlink(szFile);
-    return syscall(SYS_pwrite64, a_iDescriptor, a_pvBuffer, a_sizetBytes, a_offset);
+    return WriteCut(a_iDescriptor, a_pvBuffer, a_sizetBytes, a_offset);
 }
 
 class LogDestination : public LoggerTest
@@ -106,6 +136,21 @@ TEST_F(LogDestination, ADiskWithoutRoomLeavesAGapOfNumbersAndOneTornLine)
     }
     EXPECT_EQ(setiNumber.size(), 200u);
     EXPECT_EQ(*setiNumber.begin(), 207);
+}
+
+TEST_F(LogDestination, NoOtherThreadsLineFollowsOneThatIsCut)
+{
+    Begin();
+    g_sizetCut = 40;
+    InThreads(2, [](int a_iThread) {
+        const bool blCut = a_iThread == 0 || WaitFor([] { return g_blIsCut.load(); });
+        EXPECT_TRUE(blCut);
+        Log(OS_LOG_NOTE, a_iThread == 0 ? "cut" : "next");
+    });
+    const Texts vecstr = Lines();
+    ASSERT_EQ(vecstr.size(), 7u + 2);
+    EXPECT_EQ(vecstr[7].size(), 40u);
+    EXPECT_TRUE(vecstr[8].ends_with(" V. next")) << vecstr[8];
 }
 
 TEST_F(LogDestination, ALineCutInItsLineEndIsCompleted)
@@ -283,19 +328,6 @@ TEST_F(CollectorOfOurs, AKilledCollectorsFolderIsMadeAgainWithItsParents)
     m_ossocketStream.SocketDisconnect(false);
     Log(OS_LOG_NOTE, "next");
     EXPECT_EQ(Messages(), (Texts{"next"}));
-}
-
-// The stream, to its end; what is behind the last line end is no line.
-static std::string ReadStream(COsSocket& a_ossocket)
-{
-    std::string strStream;
-    std::vector<char> vecch(65536);
-    size_t sizetRead = 0;
-    const COsSocket::ReadArgs readargs{
-        .pvBuffer = vecch.data(), .sizetBuffer = vecch.size(), .u32Timeout = 5000, .blQuiet = true};
-    while (a_ossocket.SocketRead(readargs, &sizetRead) == EOSSTS_SUCCESS)
-        strStream.append(vecch.data(), sizetRead);
-    return strStream.substr(0, strStream.rfind("\r\n") + 2);
 }
 
 // It keeps its file: nobody knows when it goes on. Each thread's lines are whole and in order, first in the stream,

@@ -181,6 +181,16 @@ TEST_F(LogFolder, WhatCannotGoKeepsItWithoutALockFile)
     EXPECT_FALSE(LockFile()) << "whoever logs there next takes a new one";
 }
 
+TEST_F(LogFolder, ALinkInPlaceOfItsLockFileIsNotFollowed)
+{
+    fs::create_symlink(PathOf("elsewhere"), m_strFolder + "/log.lock");
+    COsLogFolderLock oslogfolderlock;
+    EXPECT_NE(oslogfolderlock.Acquire(m_strFolder.c_str()), EOSSTS_SUCCESS);
+    EXPECT_TRUE(IsHeld()) << "nobody can tell";
+    EXPECT_FALSE(fs::exists(PathOf("elsewhere")));
+    EXPECT_TRUE(Delete());
+}
+
 TEST_F(LogFolder, OneInsideAnotherIsKeptByItsHolder)
 {
     const std::string strInner = m_strFolder + "/z/log.2";

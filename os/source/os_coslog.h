@@ -2,7 +2,8 @@
 //
 // It is created by the start of the library before anything else can log, started (and restarted) with a path, flags
 // and a filter by the configuration's load, and destroyed by the stop of the library. Each line is on disk, or on the
-// collector's connection, when the call returns. Callers log through os_log.h.
+// collector's connection, when the call returns. A fork of the process logs into "<name>-<process id>.log" beside the
+// log, and nothing that it does to its copy of the logger is seen by its parent. Callers log through os_log.h.
 #pragma once
 
 #include "os_log.h"
@@ -61,6 +62,8 @@ public:
     bool IsUsable() const { return m_poslogimpl != nullptr; }
 
 private:
+    static void LeaveToParent();
+
     COsLogImpl* m_poslogimpl;   // null only when its allocation failed
 };
 

@@ -5,6 +5,7 @@
 #include "os_types.h"
 
 #include <atomic>
+#include <string>
 
 // 1 once the collector asks its program to end; never cleared.
 extern std::atomic<uint8_t> g_bLogCollectorStop;
@@ -43,11 +44,19 @@ public:
     // Otherwise the connection has been given up, a part of the text may have arrived, and every later call says the
     // same: EOSSTS_DISCONNECTED, also without a connection (logged): nobody writes the file any more, it may be gone on
     // with; EOSSTS_BUSY: the collector lives and does not answer, the file stays its own. A collector that stands still
-    // holds up a call for no more than 5 s.
-    EOSSTS ClientWrite(const void* a_pvBuffer, size_t a_sizetBytes);
+    // holds up a call for no more than 5 s. Without a_blWait a text that finds another thread sending is left to that:
+    // EOSSTS_SUCCESS.
+    EOSSTS ClientWrite(const void* a_pvBuffer, size_t a_sizetBytes, bool a_blWait = true);
+
+    // The texts that were left and could not be sent, oldest first; none is told twice. After a call that failed.
+    std::string TakeUnsent();
 
     // Gives a client its connection, which it owns from now on.
     void TakeClientSocket(COsSocket* a_possocket);
+
+    // In a fork of a client's process: lets go of the connection, which stays the parent's. Texts that wait are the
+    // parent's as well; from now on every ClientWrite says EOSSTS_DISCONNECTED. Waits for nobody and logs nothing.
+    void LeaveToParent();
 
     bool IsUsable() const { return m_poslogcollectorimpl != nullptr; }
 

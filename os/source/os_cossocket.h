@@ -147,6 +147,10 @@ public:
     // given time to close.
     void SocketDisconnect(bool a_blGraceful);
 
+    // In a fork of the process that connected: closes this process's descriptors of a TCP connection, which stays the
+    // parent's as it is. Waits for nobody and logs nothing.
+    void SocketLeaveToParent();
+
     // The address and port in use. Buffers of OS_SOCKETHOSTSIZE and OS_SOCKETPORTSIZE bytes, each may be null.
     EOSSTS SocketGetInfo(char* a_szHost, char* a_szPort);
 

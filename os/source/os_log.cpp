@@ -36,3 +36,20 @@ int OsLogSetState(int a_iState)
             return iPrevious;
     }
 }
+
+static thread_local uint32_t t_u32NoWait = 0;
+
+COsLogNoWait::COsLogNoWait()
+{
+    ++t_u32NoWait;
+}
+
+COsLogNoWait::~COsLogNoWait()
+{
+    --t_u32NoWait;
+}
+
+bool OsLogMayWait()
+{
+    return t_u32NoWait == 0;
+}

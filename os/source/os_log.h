@@ -102,6 +102,19 @@ private:
     int m_iState;
 };
 
+// While it lives, the calling thread's lines do not wait for a collector that stands still: whoever is sending there
+// takes them along, or writes them to the file when it is given up. Of a process that is killed meanwhile they are
+// lost.
+class COsLogNoWait
+{
+public:
+    COsLogNoWait();
+    ~COsLogNoWait();
+    COsLogNoWait(const COsLogNoWait&) = delete;
+    COsLogNoWait& operator=(const COsLogNoWait&) = delete;
+};
+bool OsLogMayWait();   // the calling thread
+
 // The failed-check hook: where a failed check is told when no logger exists. Null does nothing.
 using OsLogCheckProc = void (*)(const char* a_szFile, uint32_t a_u32Line, const char* a_szText);
 extern std::atomic<OsLogCheckProc> g_poslogcheckproc;

@@ -5,14 +5,35 @@
 #include <cstdlib>
 #include <cstring>
 #include <ctime>
+#include <mutex>
+#include <pthread.h>
 #include <unistd.h>
 #include <utility>
 #include <vector>
 
-std::mutex& PosixEnvLock()
+static std::mutex g_amutex[POSIX_LOCK_ENVIRONMENT + 1];
+
+static void LockAll()
 {
-    static std::mutex g_mutex;
-    return g_mutex;
+    for (std::mutex& mutex : g_amutex)
+        mutex.lock();
+}
+
+static void UnlockAll()
+{
+    for (std::mutex& mutex : g_amutex)
+        mutex.unlock();
+}
+
+PosixGuard::PosixGuard(PosixLock a_posixlock) : m_posixlock(a_posixlock)
+{
+    [[maybe_unused]] static const int g_iHooked = pthread_atfork(LockAll, UnlockAll, UnlockAll);
+    g_amutex[m_posixlock].lock();
+}
+
+PosixGuard::~PosixGuard()
+{
+    g_amutex[m_posixlock].unlock();
 }
 
 static bool NameOf(const char16_t* a_wszName, std::string& a_strName)
@@ -24,7 +45,7 @@ static bool NameOf(const char16_t* a_wszName, std::string& a_strName)
 
 bool PosixEnvGet(const char* a_szName, std::string& a_strValue)
 {
-    const std::lock_guard<std::mutex> guard(PosixEnvLock());
+    const PosixGuard posixguard(POSIX_LOCK_ENVIRONMENT);
     const char* szValue = getenv(a_szName);
     a_strValue = szValue ? szValue : "";
     return !a_strValue.empty();
@@ -65,7 +86,7 @@ bool PlatEnvSet(const char16_t* a_wszName, const char16_t* a_wszValue)
     std::string strValue;
     if (!NameOf(a_wszName, strName) || (a_wszValue && !PosixToUtf8(a_wszValue, strValue)))
         return false;
-    const std::lock_guard<std::mutex> guard(PosixEnvLock());
+    const PosixGuard posixguard(POSIX_LOCK_ENVIRONMENT);
     const int iResult =
         strValue.empty() ? unsetenv(strName.c_str()) : setenv(strName.c_str(), strValue.c_str(), 1 /*overwrite*/);
     if (strName == "TZ")
@@ -100,7 +121,7 @@ static std::u16string WidenAny(const std::string& a_strText)
 static std::vector<Variable> Snapshot()
 {
     std::vector<Variable> vecvariable;
-    const std::lock_guard<std::mutex> guard(PosixEnvLock());
+    const PosixGuard posixguard(POSIX_LOCK_ENVIRONMENT);
     for (char** ppch = environ; ppch && *ppch; ++ppch)
     {
         const char* pchEqual = strchr(*ppch, '=');

@@ -2,12 +2,12 @@
 // one translator of errno, and text in both encodings.
 #pragma once
 
+#include "plat_thread.h"
 #include "plat_types.h"
 
 #include <array>
 #include <atomic>
 #include <cerrno>
-#include <mutex>
 #include <string>
 #include <string_view>
 #include <unistd.h>
@@ -211,8 +211,26 @@ void PosixUserEnvironment(const PosixUser& a_posixuser, std::vector<std::string>
 // The value of a variable; false, without an error, when it is unset or empty.
 bool PosixEnvGet(const char* a_szName, std::string& a_strValue);
 
-// Whatever reads or changes the C library's environment, also on the side, holds this lock.
-std::mutex& PosixEnvLock();
+// Locks around what the C library shares. A log call waits for them, so nobody is ended while he holds one, nor is the
+// process forked.
+enum PosixLock : uint32_t
+{
+    POSIX_LOCK_ZONE,          // asking for a local time; taken before the other one
+    POSIX_LOCK_ENVIRONMENT,   // reading or changing the environment, also on the side
+};
+
+class PosixGuard
+{
+public:
+    explicit PosixGuard(PosixLock a_posixlock);
+    ~PosixGuard();
+    PosixGuard(const PosixGuard&) = delete;
+    PosixGuard& operator=(const PosixGuard&) = delete;
+
+private:
+    PlatThreadDeferral m_platthreaddeferral;
+    PosixLock m_posixlock;
+};
 
 // The soft limit of open descriptors: raised to the hard one for us, as it was for the programs that we start.
 // The second may run in the memory of a parent, before a child's program does.

@@ -92,7 +92,7 @@ static bool TakeEnvironment(const char16_t* a_wszEnvironment, std::vector<std::s
 {
     if (!a_wszEnvironment)
     {
-        const std::lock_guard<std::mutex> guard(PosixEnvLock());
+        const PosixGuard posixguard(POSIX_LOCK_ENVIRONMENT);
         for (char** ppch = environ; ppch && *ppch; ++ppch)
             a_vecstr.emplace_back(*ppch);
         return true;

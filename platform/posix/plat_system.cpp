@@ -62,13 +62,14 @@ bool PlatTimeUtc(uint64_t a_u64Clock, PlatTime* a_pplattime)
 
 bool PlatTimeLocal(uint64_t a_u64Clock, PlatTime* a_pplattime)
 {
-    // The first conversion reads the environment; the later ones do not.
-    static const bool g_blZoneRead = [] {
-        const std::lock_guard<std::mutex> guard(PosixEnvLock());
+    // The first conversion reads the environment; the later ones do not, but take a lock of the C library that a fork
+    // would leave taken.
+    const PosixGuard posixguard(POSIX_LOCK_ZONE);
+    [[maybe_unused]] static const bool g_blZoneRead = [] {
+        const PosixGuard posixguardEnvironment(POSIX_LOCK_ENVIRONMENT);
         tzset();
         return true;
     }();
-    static_cast<void>(g_blZoneRead);
 
     const time_t timet = UnixSeconds(a_u64Clock);
     tm calendar{};
@@ -97,7 +98,7 @@ bool PlatTimeToSeconds(const PlatTime* a_pplattime, int64_t* a_pi64Seconds, bool
     calendar.tm_isdst = 0;
     calendar.tm_wday = -1;   // stays when the conversion fails, whose result alone does not tell
     {
-        const std::lock_guard<std::mutex> guard(PosixEnvLock());   // it reads the environment each time
+        const PosixGuard posixguard(POSIX_LOCK_ENVIRONMENT);   // it reads the environment each time
         *a_pi64Seconds = mktime(&calendar);
     }
     *a_pblDaylight = calendar.tm_isdst > 0;

@@ -26,6 +26,8 @@ namespace
 {
 struct PosixThread
 {
+    explicit PosixThread(uint32_t a_u32Forks) : u32Forks(a_u32Forks) {}
+
     PlatThreadProc platthreadproc = nullptr;
     void* pvArgument = nullptr;
     pthread_t pthread = 0;
@@ -34,6 +36,7 @@ struct PosixThread
     std::atomic<uint32_t> u32TerminateCode{0};
     std::atomic<bool> blTerminate{false};
     std::atomic<bool> blOneHasLeft{false};   // the thread or the handle
+    uint32_t u32Forks;                       // that lead to the process that it belongs to
     std::mutex mutex;                        // of the join, which is tried and never waited for
     bool blJoined = false;
 };
@@ -53,6 +56,8 @@ static constexpr bool g_blThreadSanitizer = false;
 
 static thread_local PosixThread* t_pposixthread = nullptr;
 static thread_local std::atomic<uint32_t> t_u32Deferrals{0};   // the thread's own; a signal handler reads it
+
+static std::atomic<uint32_t> g_u32Forks{0};   // that lead to this process
 
 // The thread and the handle leave once each, and who comes second frees the object.
 static void Leave(PosixThread* a_pposixthread)
@@ -163,7 +168,7 @@ static uint64_t WaitUntilItRuns(PosixThread* a_pposixthread)
 PlatHandle PlatThreadBegin(PlatThreadProc a_platthreadproc, void* a_pvArgument, uint64_t* a_pu64Id)
 {
     constexpr size_t sizetStack = size_t{1} << 20;
-    std::unique_ptr<PosixThread> uniqueThread(new (std::nothrow) PosixThread);
+    std::unique_ptr<PosixThread> uniqueThread(new (std::nothrow) PosixThread(g_u32Forks));
     if (!uniqueThread)
     {
         PlatSetLastError(PLAT_ERROR_NOMEMORY);
@@ -213,6 +218,12 @@ static bool Join(const PosixThread& a_posixthread)
            pthread_detach(a_posixthread.pthread) == 0;
 }
 
+// A fork has left it behind, maybe with its lock taken.
+static bool IsOfAParent(const PosixThread& a_posixthread)
+{
+    return a_posixthread.u32Forks != g_u32Forks;
+}
+
 // Only the join tells that the thread is past all code of ours: objects that belong to it are destroyed after its
 // procedure. The caller holds the lock.
 static bool HasEnded(PosixThread& a_posixthread)
@@ -223,6 +234,8 @@ static bool HasEnded(PosixThread& a_posixthread)
 
 static bool HasEndedNow(PosixThread& a_posixthread)
 {
+    if (IsOfAParent(a_posixthread))
+        return true;
     const std::lock_guard<std::mutex> guard(a_posixthread.mutex);
     return HasEnded(a_posixthread);
 }
@@ -239,6 +252,8 @@ bool PlatThreadExitCode(PlatHandle a_plathandle, uint32_t* a_pu32ExitCode)
 // False when it has ended already. By its number, which is no danger when it is another thread's by now.
 static bool AskToEnd(PosixThread& a_posixthread, uint32_t a_u32ExitCode)
 {
+    if (IsOfAParent(a_posixthread))
+        return false;
     const std::lock_guard<std::mutex> guard(a_posixthread.mutex);
     if (HasEnded(a_posixthread))
         return false;
@@ -274,6 +289,11 @@ bool PosixCloseThread(PlatHandle a_plathandle)
     PosixThread* pposixthread = ThreadOf(a_plathandle);
     if (!pposixthread)
         return false;
+    if (IsOfAParent(*pposixthread))
+    {
+        delete pposixthread;
+        return true;
+    }
     {
         const std::lock_guard<std::mutex> guard(pposixthread->mutex);
         if (!HasEnded(*pposixthread))
@@ -288,7 +308,20 @@ bool PosixCloseThread(PlatHandle a_plathandle)
 static thread_local uint64_t t_u64ThreadId = 0;   // 0: to be asked
 
 // The thread that a fork leaves in the child is another one.
-[[maybe_unused]] static const int g_iForkHook = pthread_atfork(nullptr, nullptr, [] { t_u64ThreadId = 0; });
+[[maybe_unused]] static const int g_iForkHook = pthread_atfork(nullptr, nullptr, [] {
+    t_u64ThreadId = 0;
+    ++g_u32Forks;
+    if (t_pposixthread)
+    {
+        t_pposixthread->u32Forks = g_u32Forks;
+        t_pposixthread->iThreadId = static_cast<int>(PlatThreadId());
+    }
+});
+
+void PlatThreadOnFork(PlatForkProc a_platforkproc)
+{
+    pthread_atfork(nullptr, nullptr, a_platforkproc);
+}
 
 uint64_t PlatThreadId()
 {

@@ -10,6 +10,8 @@
 #include "os_cosmem.h"
 #include "os_cosstring.h"
 
+#include "plat_thread.h"
+
 #include <algorithm>
 #include <cstring>
 #include <memory>
@@ -33,14 +35,24 @@ COsLog* OsLogGet()
     return g_poslog.load(std::memory_order_acquire);
 }
 
+// In a fork, before it logs.
+void COsLog::LeaveToParent()
+{
+    const COsLog* const poslog = OsLogGet();
+    if (poslog && poslog->m_poslogimpl)
+        poslog->m_poslogimpl->LeaveToParent();
+}
+
 COsLog::COsLog(const CreateArgs& a_createargs) : m_poslogimpl(new (std::nothrow) COsLogImpl(a_createargs))
 {
+    [[maybe_unused]] static const bool g_blHooked = (PlatThreadOnFork(LeaveToParent), true);
     g_poslog.store(this, std::memory_order_release);
     g_poslogsink.store(this, std::memory_order_release);
 }
 
 COsLog::~COsLog()
 {
+    const PlatThreadDeferral platthreaddeferral;
     if (m_poslogimpl)
         m_poslogimpl->LogLastLines();
     g_poslogsink.store(nullptr, std::memory_order_release);
@@ -50,12 +62,14 @@ COsLog::~COsLog()
 
 void COsLog::Start(const char* a_szLogFile, uint32_t a_u32Flags, const char* a_szFilter)
 {
+    const PlatThreadDeferral platthreaddeferral;
     if (m_poslogimpl)
         m_poslogimpl->Start(a_szLogFile, a_u32Flags, a_szFilter);
 }
 
 void COsLog::Flush()
 {
+    const PlatThreadDeferral platthreaddeferral;
     if (m_poslogimpl)
         m_poslogimpl->Flush();
 }
@@ -90,6 +104,7 @@ bool COsLog::UsesCollector() const
 
 void COsLog::TakeCollector(COsLogCollector* a_poslogcollector)
 {
+    const PlatThreadDeferral platthreaddeferral;
     std::unique_ptr<COsLogCollector> uniqueCollector(a_poslogcollector);
     if (m_poslogimpl)
         m_poslogimpl->TakeCollector(uniqueCollector.release());
@@ -248,6 +263,18 @@ COsLogImpl::Collector COsLogImpl::StartCollector()
         return Collector::Nothing;
     TakeCollector(uniqueCollector.release());
     return blPrivate ? Collector::Private : Collector::Nothing;
+}
+
+// Whoever held a lock, or had logging suppressed, is not in this process.
+void COsLogImpl::LeaveToParent()
+{
+    m_osloglockFirst.Release();
+    m_oslogfilter.LeaveToParent();
+    m_osloghold.LeaveToParent();
+    m_oslogslots.LeaveToParent();
+    m_oslogdestination.LeaveToParent();
+    if (OsLogGetState() == OS_LOGSTATE_SUPPRESSED)
+        OsLogSetState(OS_LOGSTATE_ON);
 }
 
 void COsLogImpl::Flush()

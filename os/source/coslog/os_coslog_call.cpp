@@ -11,6 +11,8 @@
 #include "os_cosstring.h"
 #include "os_scope.h"
 
+#include "plat_thread.h"
+
 #include <algorithm>
 #include <new>
 
@@ -75,6 +77,7 @@ bool COsLogImpl::LevelPasses(uint32_t a_u32Level) const
 void COsLogImpl::LogLine(const OsLogCall& a_oslogcall, va_list a_valist)
 {
     const OsLogKeepError oslogkeeperror;
+    const PlatThreadDeferral platthreaddeferral;
     OsLogSlot* const poslogslot = m_oslogslots.Enter(m_sizetInitialBuffer);
     if (!poslogslot)
         return;
@@ -223,6 +226,7 @@ void COsLogImpl::Redirect(OsLogSlot& a_oslogslot)
 void COsLogImpl::CheckFailed(const OsLogCall& a_oslogcall)
 {
     const OsLogKeepError oslogkeeperror;
+    const PlatThreadDeferral platthreaddeferral;
     if (WorkingWord() != 0 && (m_u32CheckMode & g_u32CheckModeTell))
     {
         LogTellStandardError("<%s> <%d> <%s>\r\n", a_oslogcall.szFile, static_cast<int>(a_oslogcall.u32Line),

@@ -6,11 +6,14 @@
 #include "os_log.h"
 #include "os_scope.h"
 
+#include "plat_process.h"
 #include "plat_system.h"
 #include "plat_wait.h"
 
 #include <algorithm>
 #include <cstring>
+#include <iterator>
+#include <memory>
 #include <new>
 #include <string_view>
 #include <utility>
@@ -18,6 +21,8 @@
 static constexpr char g_szSource[] = "os/source/os_coslog";
 static constexpr char g_szLineEnd[] = "\r\n";
 static constexpr size_t g_sizetGoesOn = OS_LOGPREFIXMAX + OS_PATHSIZE + 128;
+
+static constexpr uint32_t g_u32GoesOn = OsLogPath::OS_GOESON | OsLogPath::OS_FORKED;
 
 static constexpr uint64_t g_u64OpenAgain = 1000;   // ms
 
@@ -43,6 +48,20 @@ static void FillPath(OsLogPath& a_oslogpath, const char* a_szLogFile)
         return;
     char* const pchSuffix = a_oslogpath.szOwnFile + strview.copy(a_oslogpath.szOwnFile, strview.size() - g_sizetSuffix);
     std::memcpy(pchSuffix, OS_LOGOWNSUFFIX, sizeof OS_LOGOWNSUFFIX);
+}
+
+// Of a fork of the process that used the path.
+static void MovePath(OsLogPath& a_oslogpath)
+{
+    char* const pchSuffix = a_oslogpath.szOwnFile + std::strlen(a_oslogpath.szLogFile) - (sizeof OS_LOGFILESUFFIX - 1);
+    std::memcpy(a_oslogpath.szOwnFile, a_oslogpath.szLogFile, sizeof a_oslogpath.szLogFile);
+    LogSStrPrintf(pchSuffix, static_cast<size_t>(std::end(a_oslogpath.szOwnFile) - pchSuffix), "-%llu.log",
+                  static_cast<unsigned long long>(PlatProcessId()));
+    a_oslogpath.blOwn = true;
+    a_oslogpath.u32Owed = OsLogPath::OS_FORKED;
+    std::construct_at(&a_oslogpath.strUnsent);
+    a_oslogpath.i32LineCounter = -1;
+    a_oslogpath.u64OpenAgain = 0;
 }
 
 static OsLogPath* FindPath(OsLogPath* a_poslogpath, const char* a_szLogFile)
@@ -128,7 +147,8 @@ bool COsLogDestination::Send(std::span<const char> a_spanLine)
     if (!poslogclient)
         return false;
     const ScopeGuard leave([poslogclient] { --poslogclient->u32Calls; });
-    const EOSSTS eossts = poslogclient->uniqueCollector->ClientWrite(a_spanLine.data(), a_spanLine.size());
+    const EOSSTS eossts =
+        poslogclient->uniqueCollector->ClientWrite(a_spanLine.data(), a_spanLine.size(), OsLogMayWait());
     if (eossts == EOSSTS_SUCCESS)
         return true;
     GiveUp(*poslogclient, eossts == EOSSTS_BUSY);
@@ -140,9 +160,10 @@ bool COsLogDestination::Send(std::span<const char> a_spanLine)
 void COsLogDestination::GiveUp(const OsLogClient& a_oslogclient, bool a_blLives)
 {
     const std::lock_guard<std::mutex> guard(m_mutexClient);
+    OsLogPath& oslogpath = *a_oslogclient.poslogpath;
+    Owe(oslogpath, a_oslogclient.uniqueCollector->TakeUnsent());
     if (m_poslogclient.load(std::memory_order_acquire) != &a_oslogclient)
         return;
-    OsLogPath& oslogpath = *a_oslogclient.poslogpath;
     if (a_blLives && oslogpath.blLogs)
     {
         oslogpath.u32Owed |= OsLogPath::OS_GOESON;
@@ -151,6 +172,30 @@ void COsLogDestination::GiveUp(const OsLogClient& a_oslogclient, bool a_blLives)
     }
     OsLogEndTornLine(oslogpath.File());
     m_poslogclient.store(nullptr, std::memory_order_release);
+}
+
+// The current path is not in the list when the fork came in the middle of setting it.
+void COsLogDestination::LeaveToParent()
+{
+    m_osloglock.Release();
+    std::construct_at(&m_mutexClient);
+    std::construct_at(&m_mutexWrite);
+    m_poslogclient = nullptr;
+    m_blCollector = true;
+    for (OsLogClient* poslogclient = m_uniqueClients.get(); poslogclient; poslogclient = poslogclient->uniqueNext.get())
+    {
+        poslogclient->u32Calls = 0;
+        if (poslogclient->uniqueCollector)
+            poslogclient->uniqueCollector->LeaveToParent();
+    }
+    const auto leave = [this](OsLogPath& a_oslogpath) {
+        CloseKept(&a_oslogpath);
+        if (a_oslogpath.blLogs)
+            MovePath(a_oslogpath);
+    };
+    leave(*Path());
+    for (OsLogPath* poslogpath = m_uniquePaths.get(); poslogpath; poslogpath = poslogpath->uniqueNext.get())
+        leave(*poslogpath);
 }
 
 // ------------------------------------------------------------------------------------------------------- the file
@@ -234,9 +279,11 @@ void COsLogDestination::Write(OsLogSlot& a_oslogslot)
         m_blWritten = true;
 }
 
-// The call's line behind what has to precede it.
+// The call's line behind what has to precede it. The system orders what is appended, but between a line that is cut and
+// the word that it was, when there is room again, no other may come.
 bool COsLogDestination::AppendLine(OsLogSlot& a_oslogslot, int32_t a_i32Number)
 {
+    const std::lock_guard<std::mutex> guard(m_mutexWrite);
     return a_oslogslot.poslogpath->u32Owed.load(std::memory_order_acquire)
                ? AppendOwed(a_oslogslot, a_i32Number)
                : Append(a_oslogslot, a_oslogslot.Line(a_i32Number));
@@ -263,19 +310,20 @@ bool COsLogDestination::WriteFile(OsLogSlot& a_oslogslot, int32_t a_i32Number)
     return true;
 }
 
-// The first line of the file beside the one that the collector keeps, as one of the call's thread and time.
+// The first line of the file beside the log, as one of the call's thread and time.
 static std::span<char> PutGoesOn(char* a_pch, const OsLogSlot& a_oslogslot, int32_t a_i32Number)
 {
     OsLogLinePrefix osloglineprefix = a_oslogslot.Prefix(a_i32Number);
     osloglineprefix.pchSource = g_szSource;
     osloglineprefix.sizetSource = sizeof g_szSource - 1;
     osloglineprefix.u32Line = static_cast<uint32_t>(__LINE__);
-    osloglineprefix.u32Level = OS_LOG_ERROR;
+    const bool blForked = a_oslogslot.poslogpath->u32Owed & OsLogPath::OS_FORKED;
+    osloglineprefix.u32Level = blForked ? OS_LOG_MILESTONE : OS_LOG_ERROR;
     char* const pchLine = a_pch + sizeof g_szLineEnd - 1;
     char* const pchMessage = OsLogPutPrefix(pchLine, osloglineprefix);
-    const int iMessage =
-        LogSStrPrintf(pchMessage, static_cast<size_t>(a_pch + g_sizetGoesOn - pchMessage),
-                      "log goes on here, its collector does not answer...<%s>\r\n", a_oslogslot.poslogpath->szLogFile);
+    const int iMessage = LogSStrPrintf(
+        pchMessage, static_cast<size_t>(a_pch + g_sizetGoesOn - pchMessage), "log goes on here, %s...<%s>\r\n",
+        blForked ? "in a fork of its process" : "its collector does not answer", a_oslogslot.poslogpath->szLogFile);
     return {pchLine, pchMessage + std::max(iMessage, 0)};
 }
 
@@ -293,31 +341,46 @@ bool COsLogDestination::Append(OsLogSlot& a_oslogslot, std::span<char> a_spanLin
     size_t sizetWritten = 0;
     if (PlatAppendWrite(a_oslogslot.poslogfile->plathandle, a_spanLine.data(), a_spanLine.size(), &sizetWritten))
         return true;
-    const std::lock_guard<std::mutex> guard(m_mutexOwed);
     a_oslogslot.poslogpath->u32Owed |= OwedAfter(sizetWritten, a_spanLine.size());
     return false;
 }
 
-// The other threads wait, or find it written.
+void COsLogDestination::Owe(OsLogPath& a_oslogpath, const std::string& a_strUnsent)
+{
+    if (a_strUnsent.empty())
+        return;
+    const std::lock_guard<std::mutex> guard(m_mutexWrite);
+    if (a_oslogpath.strUnsent.empty())
+        a_oslogpath.strUnsent = g_szLineEnd;
+    a_oslogpath.strUnsent += a_strUnsent;
+    a_oslogpath.u32Owed |= OsLogPath::OS_UNSENT;
+}
+
 bool COsLogDestination::AppendOwed(OsLogSlot& a_oslogslot, int32_t a_i32Number)
 {
-    const std::lock_guard<std::mutex> guard(m_mutexOwed);
     OsLogPath& oslogpath = *a_oslogslot.poslogpath;
     int32_t i32Number = a_i32Number;
-    if (oslogpath.u32Owed & OsLogPath::OS_GOESON)
+    if (oslogpath.u32Owed & g_u32GoesOn)
     {
         char achLine[g_sizetGoesOn];
         if (!AppendBehindEnd(a_oslogslot, PutGoesOn(achLine, a_oslogslot, i32Number)))
             return false;
-        oslogpath.u32Owed &= ~OsLogPath::OS_GOESON;
+        oslogpath.u32Owed &= ~g_u32GoesOn;
         i32Number = oslogpath.TakeNumber();
         a_oslogslot.blFlush = true;
+    }
+    if (oslogpath.u32Owed & OsLogPath::OS_UNSENT)
+    {
+        if (!AppendBehindEnd(a_oslogslot, std::span(oslogpath.strUnsent).subspan(sizeof g_szLineEnd - 1)))
+            return false;
+        oslogpath.u32Owed &= ~OsLogPath::OS_UNSENT;
+        oslogpath.strUnsent.clear();
     }
     return AppendBehindEnd(a_oslogslot, a_oslogslot.Line(i32Number));
 }
 
-// Under the lock. In one piece with the line end, for which there is room before the line: other threads' lines come
-// before both or behind both.
+// In one piece with the line end, for which there is room before the line: other processes' lines come before both or
+// behind both.
 bool COsLogDestination::AppendBehindEnd(OsLogSlot& a_oslogslot, std::span<char> a_spanLine)
 {
     static constexpr uint32_t g_u32Ends = OsLogPath::OS_LINEEND | OsLogPath::OS_LINEFEED;

@@ -3,10 +3,10 @@
 // Lines go to the collector while there is one that takes them, otherwise into the process's own file. What becomes of
 // a collector that fails decides which file that is: a dead one leaves the file that it wrote to the process; one that
 // lives and does not answer keeps it, and the process goes on in "<name>-own.log" beside it. Exactly one thread makes
-// that switch, and no thread writes into the file before it is done.
+// that switch, and no thread writes into the file before it is done. A fork goes on in "<name>-<process id>.log".
 //
-// No lock is held while a line is written: the system orders what is appended. Only what has to precede a line, the end
-// of a torn one or the word that the log goes on here, is written under one.
+// Threads write into the own file one after the other, as the system would have it anyway: the end of a torn line, or
+// the word that the log goes on here, comes right behind what it follows.
 #pragma once
 
 #include "os_coslog_file.h"
@@ -20,11 +20,12 @@
 #include <memory>
 #include <mutex>
 #include <span>
+#include <string>
 #include <utility>
 
 inline constexpr char OS_LOGFILESUFFIX[] = ".log";
 inline constexpr char OS_LOGOWNSUFFIX[] = "-own.log";
-inline constexpr size_t OS_LOGOWNPATHSIZE = OS_PATHSIZE + sizeof OS_LOGOWNSUFFIX - sizeof OS_LOGFILESUFFIX;
+inline constexpr size_t OS_LOGOWNPATHSIZE = OS_PATHSIZE + 24;   // of that, or with a process id
 
 // A log file's path, and how many lines went there since the header. Never changed once it is in use: a call goes on
 // with the one that it began with while the logger is started anew.
@@ -36,6 +37,8 @@ struct OsLogPath
         OS_LINEEND = 1,    // the last line got there in part
         OS_LINEFEED = 2,   // all but its last byte did
         OS_GOESON = 4,     // nothing was written yet into the file beside the one that the collector keeps
+        OS_FORKED = 8,     // nor into that of a fork
+        OS_UNSENT = 16,    // lines that were left to a thread that could not send them
     };
 
     const char* File() const { return blOwn.load(std::memory_order_acquire) ? szOwnFile : szLogFile; }
@@ -47,8 +50,9 @@ struct OsLogPath
     bool blLogs;   // it is one of a log file
     std::atomic<bool> blHeaderPending;
     std::atomic<int32_t> i32LineCounter;
-    std::atomic<bool> blOwn;   // a collector keeps the file: the lines go to the one beside it
+    std::atomic<bool> blOwn;   // a collector or a parent keeps the file: the lines go to the one beside it
     std::atomic<uint32_t> u32Owed;
+    std::string strUnsent;                // behind room for a line end
     std::atomic<uint64_t> u64OpenAgain;   // ticks; the file could not be opened and is not tried before
     OsLogFile* poslogfile;                // under the lock; null when it is not open
 };
@@ -95,6 +99,10 @@ public:
     // Lets go of what the call had open.
     static void Close(OsLogSlot& a_oslogslot) { OsLogFile::Release(std::exchange(a_oslogslot.poslogfile, nullptr)); }
 
+    // In a fork: the paths' files and the collector's connection stay the parent's. Lines go beside them, and no
+    // collector is asked for again.
+    void LeaveToParent();
+
     void Flush();       // the file, to the disk
     void FlushKept();   // likewise, without an allocation: a check may fail in a signal handler
 
@@ -110,7 +118,8 @@ private:
 
     bool WriteFile(OsLogSlot& a_oslogslot, int32_t a_i32Number);
     bool AppendLine(OsLogSlot& a_oslogslot, int32_t a_i32Number);
-    bool Append(OsLogSlot& a_oslogslot, std::span<char> a_spanLine);
+    static bool Append(OsLogSlot& a_oslogslot, std::span<char> a_spanLine);
+    void Owe(OsLogPath& a_oslogpath, const std::string& a_strUnsent);
     bool AppendOwed(OsLogSlot& a_oslogslot, int32_t a_i32Number);
     static bool AppendBehindEnd(OsLogSlot& a_oslogslot, std::span<char> a_spanLine);
 
@@ -126,5 +135,5 @@ private:
     std::mutex m_mutexClient;                   // taking a client and giving it up
     std::unique_ptr<OsLogClient> m_uniqueClients;
     bool m_blCollector = false;
-    std::mutex m_mutexOwed;   // what is owed
+    std::mutex m_mutexWrite;   // the own file's lines, and what is owed
 };

@@ -62,6 +62,8 @@ public:
     bool Passes(const char* a_szFile) const { return Current()->Passes(a_szFile); }
     const char* Text() const { return Current()->szText; }
 
+    void LeaveToParent() { m_osloglock.Release(); }   // in a fork
+
     // Takes the tokens between the separators. Without memory the filter before stays.
     void Set(const char* a_szFilter, const char* a_szSeparators, bool a_blLower);
 

@@ -25,6 +25,9 @@ public:
     // The folder was removed and made again: what is held is not its lock any more. The next line takes that.
     void Renew();
 
+    // In a fork, which holds with its parent what that holds: the folder is free when both have let go.
+    void LeaveToParent() { m_osloglock.Release(); }
+
     // True while a folder is to be held and is not. Asked with every line.
     bool IsWanted() const { return m_blWanted.load(std::memory_order_relaxed); }
 

@@ -16,7 +16,8 @@
 // never changed once they are in use and live as long as the logger, so that a call may go on with the one it began
 // with while the logger is started anew. The locks that every line takes are held for a few instructions and never
 // while anything else is called; the one before a first line may be held for long, but nobody waits for it without a
-// limit.
+// limit. A thread that is to be ended by force inside a call ends when it leaves that: nothing stays held. A fork makes
+// the locks anew, leaves the connection to its parent and goes on in a file of its own.
 #pragma once
 
 #include "os_coslog.h"
@@ -54,6 +55,7 @@ public:
     void Flush();
     void Log(const OsLogCall& a_oslogcall, va_list a_valist);
     void LogLastLines() const;
+    void LeaveToParent();   // in a fork
     void TakeCollector(COsLogCollector* a_poslogcollector) { m_oslogdestination.TakeCollector(a_poslogcollector); }
 
     uint32_t WorkingWord() const { return m_u32WorkingWord.load(std::memory_order_relaxed); }

@@ -174,3 +174,16 @@ OsLogSlot* COsLogSlots::EnterAgain(OsLogSlot** a_pposlogslotInside)
         *a_pposlogslotInside = poslogslot;
     return nullptr;
 }
+
+// The buffer of a call that was under way may just have been replaced: it is left alone.
+void COsLogSlots::LeaveToParent()
+{
+    for (size_t sizetSlot = 0; sizetSlot < OS_LOGSLOTS; ++sizetSlot)
+    {
+        OsLogSlot& oslogslot = m_aoslogslot[sizetSlot];
+        OsLogFile::Release(std::exchange(oslogslot.poslogfile, nullptr));
+        if (oslogslot.u32Busy.exchange(OsLogSlot::OS_IDLE) != OsLogSlot::OS_IDLE)
+            oslogslot.szBuffer = nullptr;
+        m_au64ThreadId[sizetSlot] = 0;
+    }
+}

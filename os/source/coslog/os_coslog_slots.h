@@ -73,7 +73,8 @@ public:
     // inside is told by *a_pposlogslotInside.
     OsLogSlot* EnterAgain(OsLogSlot** a_pposlogslotInside);
 
-    bool IsInside();   // the calling thread
+    bool IsInside();        // the calling thread
+    void LeaveToParent();   // in a fork, whose thread has another id
 
 private:
     OsLogSlot* Find(uint64_t a_u64ThreadId);

@@ -44,15 +44,16 @@ static bool LockPath(const char* a_szFolder, char (&a_szPath)[OS_PATHSIZE])
     return *a_szPath != 0;
 }
 
-// Opens the lock file of a folder for reading and writing, without a line for a refusal. PLAT_INVALID with the last
-// error.
+// Opens the lock file of a folder for reading and writing, without a line for a refusal; a link is none. PLAT_INVALID
+// with the last error.
 static PlatHandle OpenQuietly(const char* a_szFolder, uint32_t a_u32Share, PlatDisposition a_platdisposition,
                               uint32_t a_u32Flags)
 {
     char szPath[OS_PATHSIZE];
     char16_t wszPath[OS_WIDEPATHSIZE];
     if (LockPath(a_szFolder, szPath) && OsPathToSystem(wszPath, OS_WIDEPATHSIZE, szPath))
-        return PlatFileOpen(wszPath, PLAT_ACCESS_READ | PLAT_ACCESS_WRITE, a_u32Share, a_platdisposition, a_u32Flags);
+        return PlatFileOpen(wszPath, PLAT_ACCESS_READ | PLAT_ACCESS_WRITE, a_u32Share, a_platdisposition,
+                            a_u32Flags | PLAT_OPEN_NOLINK);
     PlatSetLastError(PLAT_ERROR_INVALIDNAME);
     return PLAT_INVALID;
 }

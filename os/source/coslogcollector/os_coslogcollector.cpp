@@ -80,9 +80,15 @@ void COsLogCollector::Stop(char* a_szFolder, size_t a_sizetFolder)
         m_poslogcollectorimpl->Stop(a_szFolder, a_sizetFolder);
 }
 
-EOSSTS COsLogCollector::ClientWrite(const void* a_pvBuffer, size_t a_sizetBytes)
+EOSSTS COsLogCollector::ClientWrite(const void* a_pvBuffer, size_t a_sizetBytes, bool a_blWait)
 {
-    return Usable(m_poslogcollectorimpl) ? m_poslogcollectorimpl->ClientWrite(a_pvBuffer, a_sizetBytes) : EOSSTS_FAIL;
+    return Usable(m_poslogcollectorimpl) ? m_poslogcollectorimpl->ClientWrite(a_pvBuffer, a_sizetBytes, a_blWait)
+                                         : EOSSTS_FAIL;
+}
+
+std::string COsLogCollector::TakeUnsent()
+{
+    return m_poslogcollectorimpl ? m_poslogcollectorimpl->TakeUnsent() : std::string();
 }
 
 void COsLogCollector::TakeClientSocket(COsSocket* a_possocket)
@@ -95,9 +101,15 @@ void COsLogCollector::TakeClientSocket(COsSocket* a_possocket)
     m_poslogcollectorimpl->TakeClientSocket(a_possocket);
 }
 
+void COsLogCollector::LeaveToParent()
+{
+    if (m_poslogcollectorimpl)
+        m_poslogcollectorimpl->LeaveToParent();
+}
+
 // ------------------------------------------------------------------------------------------- what the roles share
 
-EOSSTS COsLogCollectorImpl::ClientWrite(const void*, size_t)
+EOSSTS COsLogCollectorImpl::ClientWrite(const void*, size_t, bool)
 {
     OSLOG(OS_LOG_ERROR, "m_possocketimpl is null...");
     return EOSSTS_DISCONNECTED;

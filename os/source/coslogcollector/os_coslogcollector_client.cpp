@@ -17,6 +17,7 @@
 #include "plat_file.h"
 #include "plat_socket.h"
 #include "plat_system.h"
+#include "plat_thread.h"
 #include "plat_wait.h"
 
 #include <algorithm>
@@ -60,6 +61,7 @@ EOSSTS COsLogCollectorClient::Start(const char* a_szLogFile, bool)
         return EOSSTS_FAIL;
     if (m_uniqueSender)
         return EOSSTS_SUCCESS;
+    const PlatThreadDeferral platthreaddeferral;   // or nobody would log any more
     const COsLogSuppress oslogsuppress;
     if (a_szLogFile)
         SStrCpy(m_szLogFile, sizeof m_szLogFile, a_szLogFile);
@@ -176,14 +178,20 @@ bool COsLogCollectorClient::SendHeader()
 
 // --------------------------------------------------------------------------------------------------- the stream
 
-EOSSTS COsLogCollectorClient::ClientWrite(const void* a_pvBuffer, size_t a_sizetBytes)
+EOSSTS COsLogCollectorClient::ClientWrite(const void* a_pvBuffer, size_t a_sizetBytes, bool a_blWait)
 {
     if (!m_uniqueSender)
     {
         OSLOG(OS_LOG_ERROR, "m_possocketimpl is null...");
         return EOSSTS_DISCONNECTED;
     }
-    return a_sizetBytes ? m_uniqueSender->Send(a_pvBuffer, a_sizetBytes) : m_uniqueSender->Send(" ", 1);
+    return a_sizetBytes ? m_uniqueSender->Send(a_pvBuffer, a_sizetBytes, a_blWait)
+                        : m_uniqueSender->Send(" ", 1, a_blWait);
+}
+
+std::string COsLogCollectorClient::TakeUnsent()
+{
+    return m_uniqueSender ? m_uniqueSender->TakeUnsent() : std::string();
 }
 
 // Only the process that owns the services of its application tells the collector that the application is done. The
@@ -203,6 +211,12 @@ void COsLogCollectorClient::Stop(char* a_szFolder, size_t a_sizetFolder)
     }
     m_uniqueSender->Close(!m_uniqueSender->HasFailed());
     m_uniqueSender.reset();
+}
+
+void COsLogCollectorClient::LeaveToParent()
+{
+    if (m_uniqueSender)
+        m_uniqueSender->LeaveToParent();
 }
 
 // A collector says nothing of what it has read, but the system does; where it does not, the file tells what was

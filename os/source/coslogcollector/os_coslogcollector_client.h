@@ -18,8 +18,10 @@ public:
 
     EOSSTS Start(const char* a_szLogFile, bool a_blCheckOther) override;
     void Stop(char* a_szFolder, size_t a_sizetFolder) override;
-    EOSSTS ClientWrite(const void* a_pvBuffer, size_t a_sizetBytes) override;
+    EOSSTS ClientWrite(const void* a_pvBuffer, size_t a_sizetBytes, bool a_blWait) override;
+    std::string TakeUnsent() override;
     void TakeClientSocket(COsSocket* a_possocket) override;
+    void LeaveToParent() override;
 
 private:
     EOSSTS Find();

@@ -27,8 +27,10 @@ public:
     virtual bool HasStraggler() const { return false; }   // what it uses must stay valid after Stop
 
     // Of the roles that send one.
-    virtual EOSSTS ClientWrite(const void* a_pvBuffer, size_t a_sizetBytes);
+    virtual EOSSTS ClientWrite(const void* a_pvBuffer, size_t a_sizetBytes, bool a_blWait);
+    virtual std::string TakeUnsent() { return {}; }
     virtual void TakeClientSocket(COsSocket* a_possocket);
+    virtual void LeaveToParent() {}
 };
 
 // True in the session where no user works: there nobody uses a collector.

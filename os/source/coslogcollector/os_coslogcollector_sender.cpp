@@ -9,11 +9,15 @@
 
 #include "plat_socket.h"
 #include "plat_system.h"
+#include "plat_thread.h"
 #include "plat_wait.h"
 
 #include <algorithm>
 #include <cstring>
+#include <memory>
+#include <new>
 #include <thread>
+#include <utility>
 
 // Whoever waits for a sender yields so often before it sleeps: a send takes some microseconds, unless the collector
 // stands still.
@@ -39,18 +43,42 @@ void COsLogCollectorSender::Close(bool a_blGraceful)
     m_uniqueSocket->SocketDisconnect(a_blGraceful);
 }
 
+// The texts that wait are on the stacks of the parent's threads.
+void COsLogCollectorSender::LeaveToParent()
+{
+    std::construct_at(&m_mutex);
+    std::construct_at(&m_strUnsent);
+    m_blSending = false;
+    m_ptextFirst = nullptr;
+    m_ptextLast = nullptr;
+    m_eosstsFailed = EOSSTS_DISCONNECTED;
+    m_uniqueSocket->SocketLeaveToParent();
+}
+
 // ---------------------------------------------------------------------------------------------------- the turn
 
-EOSSTS COsLogCollectorSender::Send(const void* a_pvBuffer, size_t a_sizetBytes)
+EOSSTS COsLogCollectorSender::Send(const void* a_pvBuffer, size_t a_sizetBytes, bool a_blWait)
 {
+    const PlatThreadDeferral platthreaddeferral;
     Text text{static_cast<const char*>(a_pvBuffer), a_sizetBytes};
-    if (BecomeSender(text) || AwaitTurn(text))
+    if (BecomeSender(text, a_blWait) || (!text.blLeft && AwaitTurn(text)))
         SendWaiting(text);
     return text.eossts;
 }
 
-// False: another thread sends and has been left the text.
-bool COsLogCollectorSender::BecomeSender(Text& a_text)
+// A copy for which nobody waits; null without memory.
+COsLogCollectorSender::Text* COsLogCollectorSender::MakeLeft(const Text& a_text)
+{
+    std::unique_ptr<Text> uniqueText(new (std::nothrow) Text{nullptr, a_text.sizet, true});
+    char* const pch = uniqueText ? new (std::nothrow) char[a_text.sizet] : nullptr;
+    if (!pch)
+        return nullptr;
+    uniqueText->pch = static_cast<const char*>(std::memcpy(pch, a_text.pch, a_text.sizet));
+    return uniqueText.release();
+}
+
+// False: another thread sends and has been left the text, or a copy of it, which its blLeft tells.
+bool COsLogCollectorSender::BecomeSender(Text& a_text, bool a_blWait)
 {
     const std::lock_guard<std::mutex> guard(m_mutex);
     if (!m_blSending)
@@ -58,9 +86,18 @@ bool COsLogCollectorSender::BecomeSender(Text& a_text)
         m_blSending = true;
         return true;
     }
-    (m_ptextLast ? m_ptextLast->ptextNext : m_ptextFirst) = &a_text;
-    m_ptextLast = &a_text;
+    Text* const ptextLeft = a_blWait ? nullptr : MakeLeft(a_text);
+    Text* const ptext = ptextLeft ? ptextLeft : &a_text;
+    a_text.blLeft = ptextLeft != nullptr;
+    (m_ptextLast ? m_ptextLast->ptextNext : m_ptextFirst) = ptext;
+    m_ptextLast = ptext;
     return false;
+}
+
+std::string COsLogCollectorSender::TakeUnsent()
+{
+    const std::lock_guard<std::mutex> guard(m_mutex);
+    return std::exchange(m_strUnsent, {});
 }
 
 // False: the text is settled.
@@ -85,12 +122,14 @@ void COsLogCollectorSender::SendWaiting(Text& a_text)
         --m_u32Company;
         std::this_thread::yield();
     }
-    TakeWaiting(a_text);
-    if (a_text.ptextNext)
-        m_u32Company = g_u32Company;
-    for (Text* ptext = &a_text; ptext;)
-        ptext = SendBatch(ptext);
-    PassOn();
+    for (Text* ptextFirst = &a_text; ptextFirst; ptextFirst = PassOn())
+    {
+        TakeWaiting(*ptextFirst);
+        if (ptextFirst->ptextNext)
+            m_u32Company = g_u32Company;
+        for (Text* ptext = ptextFirst; ptext;)
+            ptext = SendBatch(ptext);
+    }
 }
 
 // Takes over all that wait, behind this thread's own text.
@@ -102,8 +141,9 @@ void COsLogCollectorSender::TakeWaiting(Text& a_text)
     m_ptextLast = nullptr;
 }
 
-// The next to send is the first of those who came meanwhile.
-void COsLogCollectorSender::PassOn()
+// The next to send is the first of those who came meanwhile. One for which nobody waits is returned: this thread goes
+// on with it.
+COsLogCollectorSender::Text* COsLogCollectorSender::PassOn()
 {
     Text* ptext = nullptr;
     {
@@ -115,8 +155,10 @@ void COsLogCollectorSender::PassOn()
             m_ptextLast = nullptr;
         m_blSending = ptext != nullptr;
     }
-    if (ptext)
-        ptext->u32State.store(Text::OS_TURN, std::memory_order_release);
+    if (!ptext || ptext->blLeft)
+        return ptext;
+    ptext->u32State.store(Text::OS_TURN, std::memory_order_release);
+    return nullptr;
 }
 
 // ----------------------------------------------------------------------------------------------------- sending
@@ -134,11 +176,27 @@ COsLogCollectorSender::Text* COsLogCollectorSender::SendBatch(Text* a_ptextFirst
         Text* const ptextNext = ptext->ptextNext;
         const bool blSent = sizetSent >= ptext->sizet;
         sizetSent -= blSent ? ptext->sizet : sizetSent;
-        ptext->eossts = blSent ? EOSSTS_SUCCESS : m_eosstsFailed;
-        ptext->u32State.store(Text::OS_SETTLED, std::memory_order_release);
+        Settle(*ptext, blSent);
         ptext = ptextNext;
     }
     return ptextEnd;
+}
+
+void COsLogCollectorSender::Settle(Text& a_text, bool a_blSent)
+{
+    if (!a_text.blLeft)
+    {
+        a_text.eossts = a_blSent ? EOSSTS_SUCCESS : m_eosstsFailed;
+        a_text.u32State.store(Text::OS_SETTLED, std::memory_order_release);
+        return;
+    }
+    if (!a_blSent)
+    {
+        const std::lock_guard<std::mutex> guard(m_mutex);
+        m_strUnsent.append(a_text.pch, a_text.sizet);
+    }
+    delete[] a_text.pch;
+    delete &a_text;
 }
 
 // A text alone, or one that is too long for the batch, is sent from where it is.

@@ -2,7 +2,7 @@
 //
 // A thread that finds the connection busy leaves its text with the thread that is sending, which sends all that wait
 // with one call and tells each its result. Under load that is a fraction of the sends; a single thread pays two short
-// locks.
+// locks. Whoever is to be ended meanwhile ends when its text is settled: the others wait for it.
 #pragma once
 
 #include "os_types.h"
@@ -10,6 +10,7 @@
 #include <atomic>
 #include <memory>
 #include <mutex>
+#include <string>
 
 class COsSocket;
 
@@ -24,7 +25,11 @@ public:
     // Sends all of a text, in one piece among those of other threads; returns when it is with the system. Any thread.
     // EOSSTS_SUCCESS; EOSSTS_DISCONNECTED when the collector has closed the connection; EOSSTS_BUSY when it stands
     // still and keeps it open. After a failure, which may leave a part sent, every call fails the same way.
-    EOSSTS Send(const void* a_pvBuffer, size_t a_sizetBytes);
+    // Without a_blWait a text that finds another thread sending is left to that, and this is a success.
+    EOSSTS Send(const void* a_pvBuffer, size_t a_sizetBytes, bool a_blWait = true);
+
+    // The texts that were left and could not be sent. Any thread.
+    std::string TakeUnsent();
 
     // What follows is for the time when no thread sends.
 
@@ -35,6 +40,7 @@ public:
     bool ReadByCollector(uint64_t* a_pu64Read) const;
 
     void Close(bool a_blGraceful);   // what was sent still arrives
+    void LeaveToParent();            // in a fork
 
 private:
     struct Text
@@ -47,16 +53,19 @@ private:
         };
         const char* pch;
         size_t sizet;
+        bool blLeft = false;   // with its bytes: no thread waits for it
         EOSSTS eossts = EOSSTS_SUCCESS;
         Text* ptextNext = nullptr;
         std::atomic<uint32_t> u32State{OS_WAITS};
     };
 
-    bool BecomeSender(Text& a_text);
+    static Text* MakeLeft(const Text& a_text);
+    bool BecomeSender(Text& a_text, bool a_blWait);
     static bool AwaitTurn(const Text& a_text);
+    void Settle(Text& a_text, bool a_blSent);
     void SendWaiting(Text& a_text);
     void TakeWaiting(Text& a_text);
-    void PassOn();
+    Text* PassOn();
     Text* SendBatch(Text* a_ptextFirst);
     Text* Gather(Text* a_ptextFirst, const char** a_ppch, size_t* a_psizet);
     size_t SendAll(const char* a_pch, size_t a_sizet);
@@ -70,6 +79,7 @@ private:
     bool m_blSending = false;
     Text* m_ptextFirst = nullptr;   // those that wait, oldest first
     Text* m_ptextLast = nullptr;
+    std::string m_strUnsent;
 
     // The sending thread's.
     std::unique_ptr<COsSocket> m_uniqueSocket;

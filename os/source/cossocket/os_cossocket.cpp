@@ -221,6 +221,12 @@ void COsSocket::SocketDisconnect(bool a_blGraceful)
         m_possocketimpl->Disconnect(a_blGraceful);
 }
 
+void COsSocket::SocketLeaveToParent()
+{
+    if (m_possocketimpl)
+        m_possocketimpl->LeaveToParent();
+}
+
 EOSSTS COsSocket::SocketGetInfo(char* a_szHost, char* a_szPort)
 {
     return Usable(m_possocketimpl) ? m_possocketimpl->GetInfo(a_szHost, a_szPort) : EOSSTS_FAIL;

@@ -149,6 +149,7 @@ public:
     EOSSTS Select(const COsSocket::SelectArgs& a_selectargs);
     void Cancel();
     bool Disconnect(bool a_blGraceful);   // false: an operation has not left, its handles stay open
+    void LeaveToParent();
     EOSSTS GetInfo(char* a_szHost, char* a_szPort) const;
     static EOSSTS ResolveHost(const char* a_szHost, char* a_szAddress);
 

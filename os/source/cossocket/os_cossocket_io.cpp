@@ -401,3 +401,14 @@ void COsSocketImpl::Release()
     ForgetListener();
     CloseHandle(m_psocketstate->plathandleConnected.exchange(PLAT_INVALID));
 }
+
+// Whoever was at work on it, or held its lock, is not in this process.
+void COsSocketImpl::LeaveToParent()
+{
+    m_psocketstate->u32Operations = 0;
+    m_psocketstate->pvCloser = nullptr;
+    m_psocketstate->u64CancelLock = 0;
+    m_psocketstate->blOwnsListener = false;   // nor is it shut down
+    if (Type() == OS_SOCKETTYPE_TCP)
+        Release();
+}

@@ -242,7 +242,10 @@ void OsThreadRun::TellStopping()
 // Asks again with every slice: the procedure may take a request for something else.
 void OsThreadRun::Stop(int32_t a_i32Timeout)
 {
+    const COsLogNoWait oslognowait;   // the thread may be the one that all lines wait for
     TellStopping();
+    if (HasEnded())
+        return;   // also one of a parent: its events are the parent's
     const uint64_t u64End = PlatTicks() + static_cast<uint64_t>(std::max(a_i32Timeout, 0));
     uint64_t u64Now = 0;
     do
