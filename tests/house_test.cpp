@@ -58,6 +58,7 @@ static int FloorOf(const std::string& a_strName)
         {"os_cosfile", 3},      {"os_cossocket", 3},     {"os_coslog", 4},       {"os_coslogcollector", 4},
         {"os_coslogfolder", 3}, {"os_coslogline", 3},    {"os_coscfg", 4},       {"os_cosresource", 3},
         {"os_cosservices", 5},  {"os_cosringbuffer", 3},
+        {"logcollector", 5},
     };
     size_t sizetLongest = 0;
     int iFloor = -1;
