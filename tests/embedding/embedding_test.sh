@@ -1,0 +1,67 @@
+#!/usr/bin/env bash
+# A project of somebody else embeds this one, and what its program and its plug-in log goes through the collector.
+#
+#     embedding_test.sh source|prefix SOURCEFOLDER BUILDFOLDER
+#
+# source: by add_subdirectory. prefix: what BUILDFOLDER installs, after it was moved.
+set -euo pipefail
+how=$1 source=$2 build=$3
+here=$source/tests/embedding project=$build/embedding_$how
+work=$(mktemp -d)   # programs run from there: the build folder may have a name that makes them count as collectors
+trap 'rm -rf "$work"' EXIT
+export LOCALAPPDATA=$work/local APPDATA=$work/roaming PROGRAMDATA=$work/program SYSTEMROOT=$work/system MVR_DEBUG=1
+fail() { echo "FAILED: $*"; exit 1; }
+
+# The code of the first example of README.md that begins with this line.
+example() { awk -v first="    $1" '$0 == first { on = 1 } on && /^[^ ]/ { exit } on { print substr($0, 5) }' \
+                "$source/README.md"; }
+
+# What the program NAME has logged, which is in one file.
+log_of() { find "$LOCALAPPDATA" -name "$1*.log"; }
+expect_collected() {
+  local log
+  log=$(log_of "$1")
+  [ "$(wc -l <<<"$log")" -eq 1 ] || fail "not one log of $1: $log"
+  grep -q "LogCollector initialization complete" "$log" || fail "$1 had no collector"
+  grep -q "$2" "$log" || fail "$1 did not log <$2>"
+}
+
+mkdir -p "$project"
+example '#include <logcollector/logcollector.h>' >"$work/viewer.cpp"
+cmp -s "$work/viewer.cpp" "$project/viewer.cpp" || cp "$work/viewer.cpp" "$project"
+while read -r line; do
+  grep -qF "$line" "$here/CMakeLists.txt" || fail "README.md has another CMake line: $line"
+done < <(example 'add_executable(viewer viewer.cpp)' | sed 's#viewer\.cpp#${CMAKE_BINARY_DIR}/viewer.cpp#')
+
+if [ "$how" = source ]; then
+  options=(-DEMBED_SOURCE="$source")
+else
+  cmake --install "$build" --prefix "$work/first" >/dev/null
+  mv "$work/first" "$work/prefix"
+  [ -z "$(find "$work/prefix" -name 'plat_*' -o -name '*_impl.h')" ] || fail "private headers are installed"
+  options=(-DCMAKE_PREFIX_PATH="$work/prefix" --fresh)
+  PKG_CONFIG_PATH=$(dirname "$(find "$work/prefix" -name logcollector.pc)")
+  export PKG_CONFIG_PATH
+  g++ -std=c++20 "$work/viewer.cpp" $(pkg-config --cflags --libs logcollector) -o "$work/prefix/bin/viewer"
+fi
+cmake -S "$here" -B "$project" -G Ninja -DCMAKE_CXX_FLAGS="-O0 -Wall -Wextra" "${options[@]}" >"$work/output" ||
+  { cat "$work/output"; fail "configuring"; }
+cmake --build "$project" --target viewer host plugin $([ "$how" = source ] || echo headers) >"$work/output" 2>&1 ||
+  { tail -n 40 "$work/output"; fail "building"; }
+
+cp -r "$project/out" "$work/bin"
+"$work/bin/viewer"
+expect_collected viewer 'viewer  .* opened <a.tif> in 12 ms'
+"$work/bin/host" "$work/bin/libplugin.so"
+expect_collected plugin 'VA the plug-in says 12'
+
+if [ "$how" = prefix ]; then
+  rm -rf "$LOCALAPPDATA"
+  "$work/prefix/bin/viewer"   # with no collector beside it, but in its prefix
+  expect_collected viewer 'opened <a.tif>'
+fi
+
+rm -rf "$LOCALAPPDATA" "$work/bin/logcollector"
+"$work/bin/viewer"
+grep -q 'VE LogCollector is not installed, and there is none at <.*bin.logcollector>' "$(log_of viewer)" ||
+  fail "nothing says that there is no collector"
