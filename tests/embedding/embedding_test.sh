@@ -1,11 +1,11 @@
 #!/usr/bin/env bash
 # A project of somebody else embeds this one, and what its program and its plug-in log goes through the collector.
 #
-#     embedding_test.sh source|prefix SOURCEFOLDER BUILDFOLDER
+#     embedding_test.sh SOURCEFOLDER BUILDFOLDER source|prefix
 #
 # source: by add_subdirectory. prefix: what BUILDFOLDER installs, after it was moved.
 set -euo pipefail
-how=$1 source=$2 build=$3
+source=$1 build=$2 how=$3
 here=$source/tests/embedding project=$build/embedding_$how
 work=$(mktemp -d)   # programs run from there: the build folder may have a name that makes them count as collectors
 trap 'rm -rf "$work"' EXIT
@@ -52,8 +52,12 @@ cmake --build "$project" --target viewer host plugin $([ "$how" = source ] || ec
 cp -r "$project/out" "$work/bin"
 "$work/bin/viewer"
 expect_collected viewer 'viewer  .* opened <a.tif> in 12 ms'
-"$work/bin/host" "$work/bin/libplugin.so"
-expect_collected plugin 'VA the plug-in says 12'
+cp "$work/bin/libplugin.so" "$work/bin/second.so"
+"$work/bin/host" "$work/bin/libplugin.so" "$work/bin/second.so" 2>/dev/null
+for name in first second; do
+  expect_collected $name "VA $name says 12"
+  expect_collected $name 'V. the end'
+done
 
 if [ "$how" = prefix ]; then
   rm -rf "$LOCALAPPDATA"

@@ -1,15 +1,25 @@
-// host.cpp: loads the plug-in beside it and runs it.
+// host.cpp: loads two plug-ins, which log at the same time, and unloads them.
 #include <cstdio>
 #include <dlfcn.h>
 
 int main(int, char** a_aszArgument)
 {
-    void* const pvPlugin = dlopen(a_aszArgument[1], RTLD_NOW | RTLD_LOCAL);
-    void* const pvRun = pvPlugin ? dlsym(pvPlugin, "Run") : nullptr;
-    if (!pvRun)
+    void* apvPlugin[2];
+    for (int i = 0; i < 2; ++i)
     {
-        std::puts(dlerror());
-        return 1;
+        apvPlugin[i] = dlopen(a_aszArgument[1 + i], RTLD_NOW | RTLD_LOCAL);
+        void* const pvBegin = apvPlugin[i] ? dlsym(apvPlugin[i], "Begin") : nullptr;
+        if (!pvBegin)
+        {
+            std::puts(dlerror());
+            return 1;
+        }
+        if (reinterpret_cast<int (*)(const char*)>(pvBegin)(i ? "second" : "first") != 0)
+            return 2;
     }
-    return reinterpret_cast<int (*)()>(pvRun)();
+    for (void* const pvPlugin : apvPlugin)
+    {
+        reinterpret_cast<void (*)()>(dlsym(pvPlugin, "End"))();
+        dlclose(pvPlugin);
+    }
 }
