@@ -59,13 +59,22 @@ for name in first second; do
   expect_collected $name 'V. the end'
 done
 
-if [ "$how" = prefix ]; then
-  rm -rf "$LOCALAPPDATA"
-  "$work/prefix/bin/viewer"   # with no collector beside it, but in its prefix
-  expect_collected viewer 'opened <a.tif>'
-fi
+[ "$how" = prefix ] || exit 0
 
-rm -rf "$LOCALAPPDATA" "$work/bin/logcollector"
-"$work/bin/viewer"
-grep -q 'VE LogCollector is not installed, and there is none at <.*bin.logcollector>' "$(log_of viewer)" ||
-  fail "nothing says that there is no collector"
+rm -rf "$LOCALAPPDATA"
+"$work/prefix/bin/viewer"   # with no collector beside it, but in its prefix
+expect_collected viewer 'opened <a.tif>'
+
+# A program that gets no collector says why, and logs.
+expect_told() {
+  rm -rf "$LOCALAPPDATA"
+  "$1"
+  grep -q "VE LogCollector $2 <.*>; this process writes its log itself" "$(log_of viewer)" || fail "not told: $2"
+  grep -q 'opened <a.tif>' "$(log_of viewer)" || fail "nothing is logged"
+}
+cp -r "$work/bin" "$work/logcollector"
+expect_told "$work/logcollector/viewer" 'is not started by a program that has "logcollector" in its path'
+cp /bin/false "$work/bin/logcollector"
+expect_told "$work/bin/viewer" 'does not start or gives no port'
+rm "$work/bin/logcollector"
+expect_told "$work/bin/viewer" 'is not installed, and there is none at'

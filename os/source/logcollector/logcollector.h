@@ -17,7 +17,7 @@
 
 // The levels beside OS_LOG_ERROR (1, letter E) and OS_LOG_NOTE (4, letter "."). Errors and warnings are always
 // written, notes unless OS_LOGFLAG_MILESTONES is set, debug lines only where OS_LOGFLAG_LEVEL32 is (os_coslog.h).
-inline constexpr uint32_t OS_LOG_WARNING = OS_LOG_CHECK;   // 64, letter A
+inline constexpr uint32_t OS_LOG_WARNING = OS_LOG_CHECK;   // 64, letter A; with flags set also on standard error
 inline constexpr uint32_t OS_LOG_DEBUG = 32;               // letter "."
 
 // Starts the library for an application with its own log and its own collector, which serves its children as well
