@@ -52,8 +52,10 @@ cmake --build "$project" --target viewer host plugin $([ "$how" = source ] || ec
 cp -r "$project/out" "$work/bin"
 "$work/bin/viewer"
 expect_collected viewer 'viewer  .* opened <a.tif> in 12 ms'
+mkdir "$work/host"   # the collector is beside the plug-ins, not beside their host
+mv "$work/bin/host" "$work/host"
 cp "$work/bin/libplugin.so" "$work/bin/second.so"
-"$work/bin/host" "$work/bin/libplugin.so" "$work/bin/second.so" 2>/dev/null
+"$work/host/host" "$work/bin/libplugin.so" "$work/bin/second.so" 2>/dev/null
 for name in first second; do
   expect_collected $name "VA $name says 12"
   expect_collected $name 'V. the end'

@@ -266,7 +266,7 @@ void FamilyProgram(char* a_szPath, const char* a_szName)
     char szModule[OS_PATHSIZE];
     char szFile[OS_BRANDNAMESIZE];
     ProgramPath(szProgram);
-    Resolve(OS_PATH_READABLE_FILE_MODULEPATH, szModule);
+    OsArgumentsModulePath(szModule);
     SStrPrintf(szFile, sizeof szFile, "%s%s", a_szName, StrEndsWith(szProgram, ".exe", true) ? ".exe" : "");
 
     ResolveBelow(OS_PATH_READABLE_FOLDER_BRAND, a_szPath, {"common", szFile});

@@ -16,7 +16,6 @@
 #include "plat_system.h"
 
 #include <cstring>
-#include <string_view>
 
 static constexpr char g_szSource[] = "os/source/os_coslogcollector";
 
@@ -117,8 +116,7 @@ static bool FailAsCollector()
 {
     char szProgram[OS_PATHSIZE];
     OsArgumentsProgramPath(szProgram);
-    const size_t sizetName = std::string_view(szProgram).find_last_of("/\\") + 1;   // of no separator: 0
-    if (!StrIstr(szProgram + sizetName, "logcollector"))
+    if (!StrIstr(StrFileName(szProgram), "logcollector"))
         return Fail("is not started by a program that has \"logcollector\" in its path", szProgram);
     return false;
 }
