@@ -27,7 +27,7 @@ stream_real_files() {
   ls -lR /usr/include >"$work/input/listing.txt" 2>/dev/null
   local files=("$work/input/compiler.txt" "$work/input/listing.txt")
   for candidate in /var/log/dpkg.log /var/log/apt/history.log /var/log/apt/term.log /var/log/alternatives.log \
-                   /var/lib/dpkg/status "$(g++ -print-prog-name=cc1plus)" build/release/lib/libos.a; do
+                   /var/lib/dpkg/status "$(g++ -print-prog-name=cc1plus)" build/release/lib/liblogcollector.a; do
     [ -s "$candidate" ] && [ -r "$candidate" ] && files+=("$candidate")
   done
 

@@ -80,6 +80,7 @@ static std::pair<std::string, int> ClassOf(const std::string& a_strName)
         {"os_cosresource", 3},
         {"os_cosservices", 5},
         {"os_cosringbuffer", 3},
+        {"logcollector", 5},
     };
     std::pair<std::string, int> pairClass{"", -1};
     for (const auto& [strPrefix, iFloor] : g_mapfloor)

@@ -67,3 +67,6 @@ private:
 // Provides this application with its private collector: spawns it, learns its port, and tells this process and its
 // later children where it is. Called once by the start of the library. True when a collector is usable or not wanted.
 bool LogCollectorStartCollector();
+
+// Logs at level 1 why that start has found no collector; nothing where it has one or wants none.
+void LogCollectorTellProblem();

@@ -217,14 +217,18 @@ void LogDirectoryRoot(char* a_szPath)
 
 // ------------------------------------------------------------------------------------------- what is only read
 
-void ReadableBrand(char* a_szPath)
+const char* ReadableFolderName()
 {
     const char* const szNamed = OsCfgBrand("readablefoldername");
-    const char* const szFolder = *szNamed ? szNamed : OsCfgBrandFolder();
+    return *szNamed ? szNamed : OsCfgBrandFolder();
+}
+
+void ReadableBrand(char* a_szPath)
+{
     OsCfgSpecialFolder(a_szPath, OS_PATHSIZE, OS_SPECIALFOLDER_SYSTEM);
-    OsCfgPathJoin(a_szPath, {szFolder});
+    OsCfgPathJoin(a_szPath, {ReadableFolderName()});
     if (!*a_szPath)
-        OsPathCopy(a_szPath, OS_PATHSIZE, szFolder);
+        OsPathCopy(a_szPath, OS_PATHSIZE, ReadableFolderName());
 }
 
 void CommonConstIni(char* a_szPath)
@@ -241,21 +245,46 @@ void ProgramPath(char* a_szPath)
     OsPathNormalize(a_szPath);
 }
 
-// A program of the family: the installed one, else the one beside the running program. Programs end in ".exe" where
-// the running one does.
+// What lies at these components in the folder of a file.
+void PathBeside(char* a_szPath, const char* a_szFile, std::initializer_list<const char*> a_components)
+{
+    char szProgram[OS_PATHSIZE];
+    SStrCpy(szProgram, sizeof szProgram, a_szFile);
+    size_t sizetFolder = 0;
+    OsPathSplit(szProgram, &sizetFolder, nullptr);
+    szProgram[sizetFolder > 0 ? sizetFolder : 1] = 0;
+    OsPathCopy(a_szPath, OS_PATHSIZE, szProgram);
+    OsCfgPathJoin(a_szPath, a_components);
+}
+
+// A program of the family: the installed one, else the one beside the running program, beside the plug-in that the
+// library is in, or installed below the same prefix as the running program (PREFIX/bin, PREFIX/lib). Where there is
+// none, the place beside the running program. Programs end in ".exe" where the running one does.
 void FamilyProgram(char* a_szPath, const char* a_szName)
 {
     char szProgram[OS_PATHSIZE];
-    ProgramPath(szProgram);
+    char szModule[OS_PATHSIZE];
     char szFile[OS_BRANDNAMESIZE];
+    ProgramPath(szProgram);
+    OsArgumentsModulePath(szModule);
     SStrPrintf(szFile, sizeof szFile, "%s%s", a_szName, StrEndsWith(szProgram, ".exe", true) ? ".exe" : "");
 
     ResolveBelow(OS_PATH_READABLE_FOLDER_BRAND, a_szPath, {"common", szFile});
     if (!*szProgram || OsFileExists(a_szPath))
         return;
-    const bool blRoot = OsPathFolder(szProgram) && !*szProgram;
-    OsPathCopy(a_szPath, OS_PATHSIZE, blRoot ? "\\" : szProgram);
-    OsCfgPathJoin(a_szPath, {szFile});
+    PathBeside(a_szPath, szProgram, {szFile});
+    if (OsFileExists(a_szPath))
+        return;
+    char szBin[OS_PATHSIZE];
+    char szInPrefix[OS_PATHSIZE];
+    PathBeside(szBin, szProgram, {});
+    PathBeside(szInPrefix, szBin, {"lib", ReadableFolderName(), "common", szFile});
+    PathBeside(szModule, szModule, {szFile});
+    for (const char* const szElsewhere : {szModule, szInPrefix})
+    {
+        if (OsFileExists(szElsewhere))
+            return OsPathCopy(a_szPath, OS_PATHSIZE, szElsewhere);
+    }
 }
 
 void ConfigurationManager(char* a_szPath)

@@ -102,26 +102,57 @@ static bool StartAndAsk(const char* a_szProgram, OsCollectorIdentity& a_oscollec
 
 // ----------------------------------------------------------------------------------------------------- the start
 
+// Why the start has found no collector, "" where it has one or wants none. The log does not exist yet.
+static char g_szProblem[OS_PATHSIZE + 128];
+
+static bool Fail(const char* a_szProblem, const char* a_szProgram)
+{
+    SStrPrintf(g_szProblem, sizeof g_szProblem, "%s <%s>", a_szProblem, a_szProgram);
+    return false;
+}
+
+// A program that is no collector, and counts as one because of the folder that it is in.
+static bool FailAsCollector()
+{
+    char szProgram[OS_PATHSIZE];
+    OsArgumentsProgramPath(szProgram);
+    if (!StrIstr(StrFileName(szProgram), "logcollector"))
+        return Fail("is not started by a program that has \"logcollector\" in its path", szProgram);
+    return false;
+}
+
 bool LogCollectorStartCollector()
 {
     char szProgram[OS_PATHSIZE];
+    g_szProblem[0] = 0;
     if (OsLogGetState() == OS_LOGSTATE_OFF)
         return false;
     if (!IsWanted())
         return true;
-    if (OsLcIsCollectorProgram() || OsLcIsServicesSession() ||
-        OsCfgGetPath(OS_PATH_READABLE_FILE_LOGCOLLECTOREXE, szProgram, sizeof szProgram) != EOSSTS_SUCCESS ||
-        !OsFileExists(szProgram, true))
+    if (OsLcIsCollectorProgram())
+        return FailAsCollector();
+    if (OsLcIsServicesSession())
         return false;
+    const bool blFound =
+        OsCfgGetPath(OS_PATH_READABLE_FILE_LOGCOLLECTOREXE, szProgram, sizeof szProgram) == EOSSTS_SUCCESS &&
+        OsFileExists(szProgram, true);
     if (HasCollector())
-        return true;
+        return blFound;
+    if (!blFound)
+        return Fail("is not installed, and there is none at", szProgram);
 
     OsCollectorIdentity oscollectoridentity{};
     oscollectoridentity.u64ProcessIdApplication = PlatProcessId();
     if (!StartAndAsk(szProgram, oscollectoridentity))
-        return false;
+        return Fail("does not start or gives no port", szProgram);
     OsArgumentsSetCollector(oscollectoridentity);
     OsArgumentsUpdateCollector();
     OsArgumentsPublishNow();
     return true;
+}
+
+void LogCollectorTellProblem()
+{
+    if (g_szProblem[0])
+        OSLOG(OS_LOG_ERROR, "LogCollector %s; this process writes its log itself...", g_szProblem);
 }

@@ -211,6 +211,7 @@ EOSSTS OsServicesStart(bool a_blManageLater)
 
     if (!CreateLogger(osservicesidentity) || !CreateConfiguration(osservicesidentity, a_blManageLater))
         return EOSSTS_FAIL;
+    LogCollectorTellProblem();
     TellConfiguration(osservicesidentity);
     BuildDocument(osservicesidentity);
     ForceThreadAffinity();
