@@ -8,8 +8,8 @@
 #include <string>
 #include <vector>
 
-// Exit codes.
-enum LcctlResult
+// Exit codes. `run` has those of its program.
+enum LcctlResult : int
 {
     LCCTL_OK = 0,
     LCCTL_NOTHING = 1,   // nothing found, or what was found could not be done
