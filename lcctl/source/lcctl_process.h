@@ -29,7 +29,7 @@ struct LcctlProcess
 std::vector<LcctlProcess> LcctlProcesses();
 
 // The log folder of a process (its log file without the name), "" for none.
-std::string LcctlLogFolder(const LcctlProcess& a_lcctlprocess);
+std::string LcctlFolderOf(const LcctlProcess& a_lcctlprocess);
 
 // A path of the library in the form of this system, for people to paste.
 std::string LcctlNativePath(const char* a_szPath);

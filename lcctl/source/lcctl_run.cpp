@@ -135,11 +135,10 @@ private:
 // ------------------------------------------------------------------------------------------------------- the command
 
 // The program writes until it ends; what asks us to end goes to it.
-static void LogUntilItEnds(COsThread& a_osthread)
+static void LogUntilItEnds(COsThread& a_osthread, const CLcctlSignals& a_signals)
 {
     CLcctlStream streamOutput("stdout", OS_LOG_NOTE);
     CLcctlStream streamError("stderr", OS_LOG_ERROR);
-    const CLcctlSignals signals;
     for (;;)
     {
         std::array<char, 16 * 1024> achPiece;
@@ -148,7 +147,7 @@ static void LogUntilItEnds(COsThread& a_osthread)
         const EOSSTS eossts =
             a_osthread.ChildRead(achPiece.data(), achPiece.size(), &sizetRead, false, g_u32Look, &blError);
         (blError ? streamError : streamOutput).Take({achPiece.data(), sizetRead});
-        signals.PassOn(a_osthread.ChildProcessId());
+        a_signals.PassOn(a_osthread.ChildProcessId());
         if (eossts != EOSSTS_SUCCESS && eossts != EOSSTS_TIMEOUT && eossts != EOSSTS_NOSPACE)
             break;
     }
@@ -211,6 +210,7 @@ private:
         std::string strArguments;
         for (size_t sizet = 1; sizet < m_vecstrProgram.size(); ++sizet)
             AppendQuoted(strArguments, m_vecstrProgram[sizet]);
+        const CLcctlSignals signals;
         COsThread osthread;
         if (osthread.Spawn(OS_SPAWNFLAGS_PIPES | OS_SPAWNFLAGS_OWNINPUT | OS_SPAWNFLAGS_NORETRY |
                                OS_SPAWNFLAGS_NOQUOTES | OS_SPAWNFLAGS_NOFOLDER,
@@ -219,7 +219,7 @@ private:
             LcctlError(fmt::format("{} cannot be run; is it executable?", a_pathProgram.string()));
             return g_iNotRun;
         }
-        LogUntilItEnds(osthread);
+        LogUntilItEnds(osthread, signals);
         while (osthread.ChildIsRunning())
             std::this_thread::sleep_for(std::chrono::milliseconds(g_u32Look));
         return static_cast<int>(osthread.ChildExitCode());

@@ -11,6 +11,11 @@
 
 namespace fs = std::filesystem;
 
+uint64_t LcctlOwnProcessId()
+{
+    return static_cast<uint64_t>(getpid());
+}
+
 std::optional<uint32_t> LcctlHomeOwner(const fs::path& a_path)
 {
     std::optional<uint32_t> user;

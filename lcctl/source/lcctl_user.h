@@ -1,9 +1,12 @@
-// lcctl_user.h: acting for another user, so that what his folders lead to is no more than he may do himself.
+// lcctl_user.h: who this process is, and acting for another user, so that what his folders lead to is no more than he
+// may do himself.
 #pragma once
 
 #include <cstdint>
 #include <filesystem>
 #include <optional>
+
+uint64_t LcctlOwnProcessId();
 
 // The user in whose home a path lies, by the user database; none for other places.
 std::optional<uint32_t> LcctlHomeOwner(const std::filesystem::path& a_path);
