@@ -19,6 +19,7 @@ struct PlatProcessStart
                                                 // null: this process's, as PlatEnv* shows it
     PlatHandle aplathandle[3];                  // PlatStandard order; PLAT_INVALID gives the child an empty stream
     bool blInheritStandard;                     // give it this process's own streams instead
+    bool blInheritInput;                        // likewise, its standard input alone
     bool blDetached;                            // a session of its own: signals to our terminal do not reach it
     PlatHandle plathandleUser = PLAT_INVALID;   // run as this user, with the rights, the folders and the name of his in
                                                 // the environment; PLAT_INVALID: as this process's

@@ -40,7 +40,8 @@ int main(int a_iArguments, char** a_ppszArguments)
     LcctlAddCollectors(lcctlcommands);
     LcctlAddLogs(lcctlcommands);
     LcctlAddClean(lcctlcommands);
-    LcctlAddDiagnosis(lcctlcommands);
+    lcctlcommands.push_back(LcctlDoctor());
+    lcctlcommands.push_back(LcctlReport());
     LcctlAddRun(lcctlcommands);
 
     CLI::App cliapp("Finds, reads, watches and cleans the logs of an application, and its collectors.", "lcctl");

@@ -8,8 +8,8 @@
 #include <string>
 #include <vector>
 
-// Exit codes.
-enum LcctlResult
+// Exit codes. `run` has those of its program.
+enum LcctlResult : int
 {
     LCCTL_OK = 0,
     LCCTL_NOTHING = 1,   // nothing found, or what was found could not be done
@@ -35,8 +35,9 @@ using LcctlCommands = std::vector<std::unique_ptr<CLcctlCommand>>;
 void LcctlAddCollectors(LcctlCommands& a_lcctlcommands);   // ps, flush, stop, level
 void LcctlAddLogs(LcctlCommands& a_lcctlcommands);         // logs
 void LcctlAddClean(LcctlCommands& a_lcctlcommands);        // clean
-void LcctlAddDiagnosis(LcctlCommands& a_lcctlcommands);    // doctor, report
-void LcctlAddRun(LcctlCommands& a_lcctlcommands);          // run
+std::unique_ptr<CLcctlCommand> LcctlDoctor();
+std::unique_ptr<CLcctlCommand> LcctlReport();
+void LcctlAddRun(LcctlCommands& a_lcctlcommands);   // run
 
 // One line on standard error: "lcctl: TEXT".
 void LcctlError(const std::string& a_strText);

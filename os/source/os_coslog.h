@@ -92,3 +92,11 @@ void OsLogExeVersion(char* a_szVersion);
 // running process holds, and that are not this process's own. Links are not followed, also not a_szFolder itself.
 // Folders whose path has more than 511 bytes stay, and so does what is below a name with a leading dot.
 void OsLogCleanFolders(const char* a_szFolder, int32_t a_i32Hours);
+
+// True while a process logs in or below a log folder, or somebody is deleting it, and for one that cannot be looked at.
+bool OsLogIsFolderInUse(const char* a_szFolder);
+
+// Deletes one log folder ("log." begins its name) with all that is in it, unless a process logs in or below it. Links
+// are not followed. EOSSTS_SUCCESS, also for a folder that does not exist; EOSSTS_SHARING while it is in use;
+// EOSSTS_ACCESSDENIED for what is no log folder; EOSSTS_FAIL, and logged, when it could not be deleted. Any thread.
+EOSSTS OsLogRemoveFolder(const char* a_szFolder);

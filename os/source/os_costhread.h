@@ -25,6 +25,7 @@ inline constexpr uint32_t OS_SPAWNFLAGS_SHOWNORMAL = 0x2000;
 inline constexpr uint32_t OS_SPAWNFLAGS_NOREDIRECTION = 0x4000;   // of files, for a program of the other word size
 inline constexpr uint32_t OS_SPAWNFLAGS_CHECKFILE = 0x8000;       // the program file's footer, before the launch
 inline constexpr uint32_t OS_SPAWNFLAGS_NOFOLDER = 0x10000;       // the child starts in this process's folder
+inline constexpr uint32_t OS_SPAWNFLAGS_OWNINPUT = 0x20000;       // beside PIPES: our own standard input, no pipe
 
 // Takes its argument with Argument(), loops on WaitForStop() with its own time-out, leaves on EOSSTS_SUCCESS, and
 // ends by calling Exit() or by returning an exit value. An exception that leaves it is logged and ends the thread.
@@ -91,9 +92,10 @@ public:
     // from its standard output or its standard error, whichever comes first; a_blOutputOnly leaves the latter for
     // another read. EOSSTS_SUCCESS; EOSSTS_FAIL, also when there are no pipes; EOSSTS_TIMEOUT; EOSSTS_CANCELLED;
     // EOSSTS_EXITED when the child has gone and all that it wrote was read; EOSSTS_NOSPACE when the pipe gave nothing,
-    // also when the child has closed it, which is told within 100 ms. One thread at a time.
+    // also when the child has closed it, which is told within 100 ms. *a_pblError (may be null) tells whether the bytes
+    // come from the standard error. One thread at a time.
     EOSSTS ChildRead(char* a_szBuffer, size_t a_sizetBuffer, size_t* a_psizetRead, bool a_blOutputOnly = false,
-                     uint32_t a_u32Timeout = 3000);
+                     uint32_t a_u32Timeout = 3000, bool* a_pblError = nullptr);
 
     // Writes all of it to the child's standard input, and waits for the child to make room. EOSSTS_FAIL, also when it
     // has gone. One thread at a time.

@@ -116,11 +116,13 @@ static bool TakeStreams(const PlatProcessStart& a_platprocessstart, Launch& a_la
     for (int i = 0; i < 3; ++i)
     {
         const PlatHandle plathandle = a_platprocessstart.aplathandle[i];
+        const bool blInherit = a_platprocessstart.blInheritStandard ||
+                               (a_platprocessstart.blInheritInput && i == static_cast<int>(PLAT_STANDARD_INPUT));
         int& iStream = a_launch.aiStream[i];
-        iStream = a_platprocessstart.blInheritStandard ? i : StreamOf(plathandle);
+        iStream = blInherit ? i : StreamOf(plathandle);
         if (iStream >= 0 && fcntl(iStream, F_GETFD) >= 0)
             continue;
-        if (!a_platprocessstart.blInheritStandard && plathandle != PLAT_INVALID)
+        if (!blInherit && plathandle != PLAT_INVALID)
             return PosixFail(PLAT_ERROR_INVALIDHANDLE);
         if (!a_launch.posixdescriptorNull.IsOpen())
             a_launch.posixdescriptorNull.Take(open("/dev/null", O_RDWR | O_CLOEXEC));

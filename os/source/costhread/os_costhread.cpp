@@ -109,11 +109,12 @@ bool COsThread::ChildIsRunning()
 }
 
 EOSSTS COsThread::ChildRead(char* a_szBuffer, size_t a_sizetBuffer, size_t* a_psizetRead, bool a_blOutputOnly,
-                            uint32_t a_u32Timeout)
+                            uint32_t a_u32Timeout, bool* a_pblError)
 {
     if (!Usable(m_posthreadimpl))
         return EOSSTS_FAIL;
-    return m_posthreadimpl->ChildRead(a_szBuffer, a_sizetBuffer, a_psizetRead, a_blOutputOnly, a_u32Timeout);
+    return m_posthreadimpl->ChildRead(a_szBuffer, a_sizetBuffer, a_psizetRead, a_blOutputOnly, a_u32Timeout,
+                                      a_pblError);
 }
 
 EOSSTS COsThread::ChildWrite(const void* a_pvBuffer, size_t a_sizetBytes)

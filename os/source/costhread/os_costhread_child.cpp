@@ -138,7 +138,7 @@ static bool HasFallenSilent(const OsChild& a_oschild, bool a_blOutputOnly)
 }
 
 EOSSTS COsThreadImpl::ChildRead(char* a_szBuffer, size_t a_sizetBuffer, size_t* a_psizetRead, bool a_blOutputOnly,
-                                uint32_t a_u32Timeout)
+                                uint32_t a_u32Timeout, bool* a_pblError)
 {
     *a_psizetRead = 0;
     const Child child = LastChild();
@@ -163,7 +163,11 @@ EOSSTS COsThreadImpl::ChildRead(char* a_szBuffer, size_t a_sizetBuffer, size_t* 
             if (const EOSSTS eossts =
                     ReadStream(&child->aoshandlePipe[platstandard], a_szBuffer, a_sizetBuffer, a_psizetRead);
                 eossts != EOSSTS_DISCONNECTED)
+            {
+                if (a_pblError)
+                    *a_pblError = platstandard == PLAT_STANDARD_ERROR;
                 return eossts;
+            }
             break;
         case OS_CHILDWAIT_ENDED:
             blEnded = true;

@@ -196,7 +196,7 @@ public:
     EOSSTS Spawn(const OsSpawnRequest& a_osspawnrequest);
     bool ChildIsRunning();
     EOSSTS ChildRead(char* a_szBuffer, size_t a_sizetBuffer, size_t* a_psizetRead, bool a_blOutputOnly,
-                     uint32_t a_u32Timeout);
+                     uint32_t a_u32Timeout, bool* a_pblError);
     EOSSTS ChildWrite(const void* a_pvBuffer, size_t a_sizetBytes);
     void ChildCancel();
 

@@ -224,6 +224,7 @@ PlatHandle OsSpawnLaunch(const OsSpawn& a_osspawn, const PlatHandle (&a_aplathan
     platprocessstart.blDetached = (a_osspawn.u32Flags & g_u32OwnConsole) != 0;
     platprocessstart.blInheritStandard =
         (a_osspawn.u32Flags & OS_SPAWNFLAGS_PIPES) == 0 && !platprocessstart.blDetached;
+    platprocessstart.blInheritInput = (a_osspawn.u32Flags & OS_SPAWNFLAGS_OWNINPUT) != 0;
     platprocessstart.plathandleUser = plathandleUser;
     const PlatHandle plathandle = Create(platprocessstart, a_pu64ProcessId);
     LogCreated(a_osspawn, plathandle, *a_pu64ProcessId);

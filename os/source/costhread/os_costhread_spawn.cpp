@@ -112,12 +112,14 @@ static bool SurvivesItsStart(PlatHandle a_plathandle, const char* a_szProgram)
 }
 
 // The child's ends come back. On failure, which is logged, nothing of theirs or ours stays open.
-static bool CreatePipes(OsChild* a_poschild, OsHandle (&a_aoshandleTheirs)[3])
+static bool CreatePipes(OsChild* a_poschild, bool a_blOwnInput, OsHandle (&a_aoshandleTheirs)[3])
 {
     a_poschild->oshandleCancel.Fill() = PlatEventCreate(PLAT_RESET_AUTO, nullptr);
     a_poschild->blPipes = a_poschild->oshandleCancel.Get() != PLAT_INVALID;
     for (const PlatStandard platstandard : {PLAT_STANDARD_INPUT, PLAT_STANDARD_OUTPUT, PLAT_STANDARD_ERROR})
     {
+        if (platstandard == PLAT_STANDARD_INPUT && a_blOwnInput)
+            continue;
         PlatHandle& plathandleOurs = a_poschild->aoshandlePipe[platstandard].Fill();
         PlatHandle& plathandleTheirs = a_aoshandleTheirs[platstandard].Fill();
         const bool blInput = platstandard == PLAT_STANDARD_INPUT;
@@ -137,7 +139,8 @@ static std::shared_ptr<OsChild> LaunchChild(const OsSpawn& a_osspawn)
     auto sharedptrChild = std::make_shared<OsChild>();
     sharedptrChild->sharedptrProcess = std::make_shared<OsHandle>();
     OsHandle aoshandleTheirs[3];
-    if ((a_osspawn.u32Flags & OS_SPAWNFLAGS_PIPES) && !CreatePipes(sharedptrChild.get(), aoshandleTheirs))
+    const bool blOwnInput = (a_osspawn.u32Flags & OS_SPAWNFLAGS_OWNINPUT) != 0;
+    if ((a_osspawn.u32Flags & OS_SPAWNFLAGS_PIPES) && !CreatePipes(sharedptrChild.get(), blOwnInput, aoshandleTheirs))
         return nullptr;
     PlatHandle& plathandle = sharedptrChild->sharedptrProcess->Fill();
     plathandle =

@@ -1,4 +1,0 @@
-// lcctl_diagnosis.cpp
-#include "lcctl_command.h"
-
-void LcctlAddDiagnosis(LcctlCommands&) {}
