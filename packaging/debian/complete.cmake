@@ -20,4 +20,5 @@ file(COPY_FILE ${SOURCE}/debian/lintian-overrides ${ROOT}/overrides)
 file(MAKE_DIRECTORY ${ROOT}/usr/share/lintian/overrides)
 file(RENAME ${ROOT}/overrides ${ROOT}/usr/share/lintian/overrides/logcollector)
 file(GLOB MANUALS ${ROOT}/usr/share/man/man1/*.1)
+execute_process(COMMAND chmod -R u=rwX,go=rX ${ROOT} COMMAND_ERROR_IS_FATAL ANY)   # whatever the umask was
 execute_process(COMMAND gzip -9n ${MANUALS} ${DOCUMENTS}/changelog.Debian COMMAND_ERROR_IS_FATAL ANY)

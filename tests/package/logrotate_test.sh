@@ -1,6 +1,6 @@
 #!/usr/bin/env bash
 # The example for logrotate under a live log, with a collector and without one: between two cuts every line is there,
-# and nothing is written behind a hole.
+# and nothing is written behind a hole. With "nocreate" instead of "copytruncate" no line is lost at all.
 #
 #     logrotate_test.sh SOURCEFOLDER BUILDFOLDER
 set -euo pipefail
@@ -12,14 +12,14 @@ export LOCALAPPDATA=$work/local APPDATA=$work/roaming PROGRAMDATA=$work/program 
 fail() { echo "FAILED: $*"; exit 1; }
 wait_for() { local i; for i in {1..3000}; do "$@" && return; sleep 0.01; done; fail "waited for: $*"; }
 
-has_grown() { [ "$(stat -c %s "$log")" -gt 20000 ]; }
+has_grown() { [ -f "$log" ] && [ "$(stat -c %s "$log")" -gt 20000 ]; }
 
 rotate() {
   if command -v logrotate >/dev/null; then
     logrotate --force --state "$work/state" "$work/logrotate.conf"
-  else   # what copytruncate does
+  else   # what logrotate does
     for i in 3 2 1; do [ ! -f "$log.$i" ] || mv "$log.$i" "$log.$((i + 1))"; done
-    cp "$log" "$log.1" && truncate -s 0 "$log"
+    if [ "$way" = nocreate ]; then mv "$log" "$log.1"; else cp "$log" "$log.1" && truncate -s 0 "$log"; fi
   fi
 }
 
@@ -34,12 +34,13 @@ check_part() {
 }
 
 run() {
+  way=$1
   rm -rf "$work/result" && mkdir "$work/result"
   "$work/bin/chaos_application" --name=app --result="$work/result" --threads=1 &
   application=$!
   wait_for test -f "$work/result/app.start"
   log=$(find "$LOCALAPPDATA" -name app.log)
-  sed "s#^/home/.*{#$log {#" "$source/packaging/logrotate.conf" >"$work/logrotate.conf"
+  sed "s#^/home/.*{#$log {#; s#^    copytruncate#    $way#" "$source/packaging/logrotate.conf" >"$work/logrotate.conf"
   for _ in 1 2 3; do
     wait_for has_grown
     rotate
@@ -49,12 +50,19 @@ run() {
   touch "$work/result/app.stop"
   wait "$application"
   application=
-  for part in "$log" "$log".*; do check_part "$part"; done
+  if [ "$way" = nocreate ]; then
+    zcat -f $(ls "$log"* | sort -r) >"$work/whole"
+    check_part "$work/whole"
+  else
+    for part in "$log" "$log".*; do check_part "$part"; done
+  fi
   rm -rf "$LOCALAPPDATA"
 }
 
 mkdir "$work/bin"
-cp "$build/bin/"{chaos_application,logcollector} "$work/bin"
-run
-rm "$work/bin/logcollector"
-run
+for way in copytruncate nocreate; do
+  cp "$build/bin/"{chaos_application,logcollector} "$work/bin"
+  run $way
+  rm "$work/bin/logcollector"
+  run $way
+done
