@@ -90,7 +90,7 @@ void FileGuard::ExpectGuarded() const
     constexpr uint32_t au32Guard[] = {0, PLAT_OPEN_NOLINK, PLAT_OPEN_NOLINKS, PLAT_OPEN_OWNFOLDER};
     for (const Row& row : g_arow)
     {
-        for (const size_t sizet : {3, 2, 1, 0})
+        for (const size_t sizet : {3u, 2u, 1u, 0u})
         {
             EXPECT_EQ(OpenError(PathOf(row.szPath), PLAT_ACCESS_WRITE, au32Guard[sizet]), row.au32Error[sizet])
                 << row.szPath << " guard " << sizet;

@@ -169,7 +169,8 @@ TEST_F(ActingUser, WhoMayNotActStaysAsHeWas)
     const auto stays = [&] { return staysWith(g_uidOther + 1, PLAT_ERROR_ACCESSDENIED); };
     EXPECT_EQ(InOtherProcess(BecomesOther, stays), 1);
     EXPECT_EQ(InOtherProcess([] { return PlatUserActAs(g_uidOther); }, stays), 1);
-    for (const uint32_t u32Capability : {CAP_SETGID, CAP_SETUID})   // it fails at once, and half way
+    for (const uint32_t u32Capability :
+         {uint32_t{CAP_SETGID}, uint32_t{CAP_SETUID}})   // it fails at once, and half way
         EXPECT_EQ(InOtherProcess([=] { return LosesCapability(u32Capability); }, stays), 1) << u32Capability;
 }
 
