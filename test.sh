@@ -5,7 +5,8 @@
 set -euo pipefail
 cd "$(dirname "$0")"
 . tools/setup.sh
-setup_packages g++ cmake ninja-build libgtest-dev libcli11-dev nlohmann-json3-dev libfmt-dev libarchive-dev
+setup_packages g++ cmake ninja-build libgtest-dev libcli11-dev nlohmann-json3-dev libfmt-dev libarchive-dev \
+  libpcre2-dev lnav
 
 run() {
   build "$1"

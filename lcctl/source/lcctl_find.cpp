@@ -13,7 +13,6 @@
 #include <charconv>
 #include <cstdlib>
 #include <fstream>
-#include <map>
 #include <pwd.h>
 #include <set>
 #include <string_view>
@@ -206,20 +205,39 @@ static std::string BaseOf(const std::string& a_strName, uint64_t& a_u64ProcessId
     return a_strName.substr(0, sizetDash);
 }
 
-// A log without a header belongs to the one beside it.
-static void CompleteProcesses(std::vector<LcctlLogFile>& a_vecfile)
+// A log without a header belongs to the one beside it, and so to that one's process.
+static uint64_t ProcessOf(const fs::path& a_path)
 {
-    std::map<fs::path, LcctlLogFile*> maplogfile;
-    for (LcctlLogFile& logfile : a_vecfile)
-        maplogfile[logfile.path] = &logfile;
-    for (LcctlLogFile& logfile : a_vecfile)   // by name: what a name is made of has come before
+    uint64_t u64ProcessId = 0;
+    const std::string strBase = BaseOf(a_path.stem().string(), u64ProcessId);
+    if (u64ProcessId || strBase == a_path.stem())
+        return u64ProcessId;
+    const fs::path pathBase = a_path.parent_path() / (strBase + std::string(g_svSuffix));
+    const LcctlLogFile logfile = LcctlLookAtLog(pathBase);
+    return logfile.u64ProcessId ? logfile.u64ProcessId : ProcessOf(pathBase);
+}
+
+// The log of a process comes before those that lie beside it.
+static void Sort(std::vector<LcctlLogFile>& a_vecfile)
+{
+    std::sort(a_vecfile.begin(), a_vecfile.end(), [](const LcctlLogFile& a_logfile, const LcctlLogFile& a_other) {
+        return std::pair(a_logfile.path.parent_path(), a_logfile.path.stem()) <
+               std::pair(a_other.path.parent_path(), a_other.path.stem());
+    });
+}
+
+static void Complete(LcctlLogFile& a_logfile)
+{
+    if (!a_logfile.u64ProcessId)
+        a_logfile.u64ProcessId = ProcessOf(a_logfile.path);
+}
+
+void LcctlReadHeaders(LcctlLogFolder& a_logfolder)
+{
+    for (LcctlLogFile& logfile : a_logfolder.vecfile)
     {
-        uint64_t u64ProcessId = 0;
-        const std::string strBase = BaseOf(logfile.path.stem().string(), u64ProcessId);
-        const auto iterator = maplogfile.find(logfile.path.parent_path() / (strBase + std::string(g_svSuffix)));
-        if (logfile.u64ProcessId || iterator == maplogfile.end() || iterator->second == &logfile)
-            continue;
-        logfile.u64ProcessId = u64ProcessId ? u64ProcessId : iterator->second->u64ProcessId;
+        logfile = LcctlLookAtLog(logfile.path);
+        Complete(logfile);
     }
 }
 
@@ -318,11 +336,12 @@ void FolderWalk::Complete(LcctlLogFolder& a_logfolder) const
 
     // The application's own log comes first.
     const fs::path pathMain = a_logfolder.path / (a_logfolder.strApplication + std::string(g_svSuffix));
-    std::sort(vecfile.begin(), vecfile.end(), [](const LcctlLogFile& a_logfile, const LcctlLogFile& a_other) {
-        return std::pair(a_logfile.path.parent_path(), a_logfile.path.stem()) <
-               std::pair(a_other.path.parent_path(), a_other.path.stem());
-    });
-    CompleteProcesses(vecfile);
+    Sort(vecfile);
+    for (LcctlLogFile& logfile : vecfile)
+    {
+        if (m_blHeaders)
+            ::Complete(logfile);
+    }
     std::stable_partition(vecfile.begin(), vecfile.end(),
                           [&](const LcctlLogFile& a_logfile) { return a_logfile.path == pathMain; });
     const auto stamp = LcctlStampTime(a_logfolder.path.filename().string().substr(g_svPrefix.size()));
@@ -355,6 +374,54 @@ std::vector<LcctlLogFolder> LcctlFindFolders(const LcctlFindArgs& a_findargs)
                          return a_logfolder.lcctltimeStart < a_other.lcctltimeStart;
                      });
     return veclogfolder;
+}
+
+// "demo-4242-own" belongs to "demo-4242", and with that to "demo".
+static bool BelongsTo(const std::string& a_strName, const std::string& a_strOther)
+{
+    uint64_t u64ProcessId = 0;
+    const std::string strBase = BaseOf(a_strName, u64ProcessId);
+    return a_strName == a_strOther || (strBase != a_strName && BelongsTo(strBase, a_strOther));
+}
+
+static bool IsLogWithText(const fs::directory_entry& a_entry)
+{
+    std::error_code error;
+    return IsLog(a_entry.path()) && a_entry.is_regular_file(error) && a_entry.file_size(error) && !error;
+}
+
+std::vector<LcctlLogFile> LcctlNamedLogs(const fs::path& a_path, bool a_blHeaders)
+{
+    std::error_code error;
+    std::vector<LcctlLogFile> vecfile;
+    const auto add = [&](const fs::path& a_pathLog) { vecfile.push_back(LcctlLookAtLog(a_pathLog, a_blHeaders)); };
+    if (fs::is_directory(a_path, error))
+    {
+        static constexpr auto g_options = fs::directory_options::skip_permission_denied;
+        for (fs::recursive_directory_iterator iterator(a_path, g_options, error), end; !error && iterator != end;
+             iterator.increment(error))
+        {
+            if (IsLogWithText(*iterator))
+                add(iterator->path());
+        }
+    }
+    else if (fs::exists(a_path, error))
+    {
+        add(a_path);
+        for (const fs::directory_entry& entry : Entries(a_path.has_parent_path() ? a_path.parent_path() : "."))
+        {
+            const bool blOther = entry.path().filename() != a_path.filename();
+            if (blOther && IsLogWithText(entry) && BelongsTo(entry.path().stem(), a_path.stem()))
+                add(entry.path());
+        }
+    }
+    Sort(vecfile);
+    for (LcctlLogFile& logfile : vecfile)
+    {
+        if (a_blHeaders)
+            Complete(logfile);
+    }
+    return vecfile;
 }
 
 bool LcctlIsOf(const LcctlLogFolder& a_logfolder, const std::string& a_strApplication)

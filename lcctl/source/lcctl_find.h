@@ -63,6 +63,13 @@ std::vector<LcctlLogFolder> LcctlFindFolders(const LcctlFindArgs& a_findargs);
 // One log file as it is now, with its header; its size is 0 when it cannot be read.
 LcctlLogFile LcctlLookAtLog(const std::filesystem::path& a_path, bool a_blHeader = true);
 
+// Reads the beginnings of a folder's logs, where LcctlFindFolders was told not to.
+void LcctlReadHeaders(LcctlLogFolder& a_logfolder);
+
+// The logs that somebody names: a file, with those that lie beside it and belong to it; of a folder all "*.log" in and
+// below it. Empty for a path that is not there or has none.
+std::vector<LcctlLogFile> LcctlNamedLogs(const std::filesystem::path& a_path, bool a_blHeaders = true);
+
 // The folder is one of the application's: it has its name, its model's, or a log of that name. Case counts.
 bool LcctlIsOf(const LcctlLogFolder& a_logfolder, const std::string& a_strApplication);
 
