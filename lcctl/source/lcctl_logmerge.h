@@ -4,7 +4,6 @@
 #include "lcctl_logreader.h"
 
 #include <algorithm>
-#include <functional>
 #include <memory>
 #include <vector>
 
@@ -43,22 +42,18 @@ public:
     }
 
 private:
-    struct Later
-    {
-        bool operator()(const CLcctlLogReader* a_preader, const CLcctlLogReader* a_preaderOther) const
-        {
-            return a_preader->Key() > a_preaderOther->Key();
-        }
-    };
-
+    // The earliest one is at the end.
     void Push(CLcctlLogReader& a_reader)
     {
-        m_vecpreader.push_back(&a_reader);
-        std::push_heap(m_vecpreader.begin(), m_vecpreader.end(), Later());
+        const auto later = [](const CLcctlLogReader* a_preader, LcctlTime a_lcctltime) {
+            return a_preader->Key() > a_lcctltime;
+        };
+        m_vecpreader.insert(std::lower_bound(m_vecpreader.begin(), m_vecpreader.end(), a_reader.Key(), later),
+                            &a_reader);
     }
 
     std::vector<std::unique_ptr<CLcctlLogReader>> m_vecreader;
-    std::vector<CLcctlLogReader*> m_vecpreader;   // a heap: those that have a record, or are not opened yet
+    std::vector<CLcctlLogReader*> m_vecpreader;   // by time: those that have a record, or are not opened yet
 };
 
 template <class Procedure, class Failed>
@@ -66,10 +61,9 @@ void CLcctlLogMerge::Run(Procedure a_procedure, Failed a_failed)
 {
     while (!m_vecpreader.empty())
     {
-        std::pop_heap(m_vecpreader.begin(), m_vecpreader.end(), Later());
         CLcctlLogReader& reader = *m_vecpreader.back();
         m_vecpreader.pop_back();
-        const LcctlTime lcctltimeNext = m_vecpreader.empty() ? INT64_MAX : m_vecpreader.front()->Key();
+        const LcctlTime lcctltimeNext = m_vecpreader.empty() ? INT64_MAX : m_vecpreader.back()->Key();
         bool blMore = true;
         if (!reader.HasRecord())
             blMore = reader.Next();

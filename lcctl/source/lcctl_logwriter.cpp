@@ -1,4 +1,4 @@
-// lcctl_logwriter.cpp: the buffer, lines, JSON, what is kept back.
+// lcctl_logwriter.cpp: the buffer, what is kept back, lines, JSON.
 #include "lcctl_logwriter.h"
 
 #include "lcctl_command.h"
@@ -6,11 +6,8 @@
 #include <fmt/format.h>
 
 #include <algorithm>
-#include <cerrno>
 #include <charconv>
-#include <cstdio>
 #include <cstring>
-#include <stdexcept>
 #include <utility>
 
 static constexpr size_t g_sizetBuffer = size_t{256} << 10;
@@ -25,16 +22,14 @@ CLcctlLogWriter::CLcctlLogWriter(bool a_blJson, bool a_blTerminal) : m_blJson(a_
 
 void CLcctlLogWriter::WriteOut()
 {
-    const size_t sizetUsed = std::exchange(m_sizetUsed, 0);
-    if (std::fwrite(m_strBuffer.data(), 1, sizetUsed, stdout) != sizetUsed)
-        throw std::runtime_error(fmt::format("cannot write the output: {}", std::strerror(errno)));
+    if (m_sizetUsed)
+        m_lcctllogoutput.HandOver(m_strBuffer, std::exchange(m_sizetUsed, 0));
 }
 
 void CLcctlLogWriter::Flush()
 {
     WriteOut();
-    if (std::fflush(stdout) != 0)
-        throw std::runtime_error(fmt::format("cannot write the output: {}", std::strerror(errno)));
+    m_lcctllogoutput.Finish();
 }
 
 // Room for so many bytes, at most a buffer's first size. What is kept stays in it.
@@ -112,6 +107,23 @@ static char* PutTimeOfDay(char* a_pch, const char* a_pchTime)
     return a_pch + 15;
 }
 
+void CLcctlLogWriter::PutDate(const LcctlRecord& a_lcctlrecord)
+{
+    if (const int64_t i64Day = a_lcctlrecord.lcctltime / LCCTL_DAY; i64Day != m_i64Day)
+    {
+        m_i64Day = i64Day;
+        std::memcpy(m_achDate, LcctlTimeText(a_lcctlrecord.lcctltime).data(), sizeof m_achDate);
+    }
+    char* pch = PutBytes(Room(g_sizetPrefix), {m_achDate, sizeof m_achDate});
+    *pch++ = ' ';
+    if (a_lcctlrecord.lcctlprefix.blTimeless)
+        pch = PutBytes(pch, LcctlTimeText(a_lcctlrecord.lcctltime).substr(sizeof m_achDate + 1));
+    else
+        pch = PutTimeOfDay(pch, a_lcctlrecord.lcctlprefix.pchTime);
+    *pch++ = ' ';
+    m_sizetUsed = static_cast<size_t>(pch - m_strBuffer.data());
+}
+
 void CLcctlLogWriter::PutLine(const LcctlRecord& a_lcctlrecord)
 {
     if (!a_lcctlrecord.blPrefix)
@@ -120,21 +132,8 @@ void CLcctlLogWriter::PutLine(const LcctlRecord& a_lcctlrecord)
         return;
     }
     const LcctlPrefix& lcctlprefix = a_lcctlrecord.lcctlprefix;
-    const int64_t i64Day = a_lcctlrecord.lcctltime / LCCTL_DAY;
-    if (i64Day != m_i64Day)
-    {
-        m_i64Day = i64Day;
-        std::memcpy(m_achDate, LcctlTimeText(a_lcctlrecord.lcctltime).data(), sizeof m_achDate);
-    }
-    const std::string_view svLine = lcctlprefix.svLine.substr(0, 20);   // a number of other bytes than ours
-    const std::string strTime =
-        lcctlprefix.blTimeless ? LcctlTimeText(a_lcctlrecord.lcctltime).substr(11) : std::string();
-    char* pch = Room(g_sizetPrefix);
-    pch = PutBytes(pch, {m_achDate, sizeof m_achDate});
-    *pch++ = ' ';
-    pch = lcctlprefix.blTimeless ? PutBytes(pch, strTime) : PutTimeOfDay(pch, lcctlprefix.pchTime);
-    *pch++ = ' ';
-    pch = PutBytes(pch, *a_lcctlrecord.pstrProcessId);
+    PutDate(a_lcctlrecord);
+    char* pch = PutBytes(m_strBuffer.data() + m_sizetUsed, *a_lcctlrecord.pstrProcessId);
     *pch++ = ' ';
     pch = PutBytes(pch, LcctlLevelName(lcctlprefix.lcctllevel));
     *pch++ = ' ';
@@ -142,7 +141,7 @@ void CLcctlLogWriter::PutLine(const LcctlRecord& a_lcctlrecord)
     PutPiece(lcctlprefix.svSource);
     pch = Room(g_sizetPrefix);
     *pch++ = ':';
-    pch = PutBytes(pch, svLine);
+    pch = PutBytes(pch, lcctlprefix.svLine.substr(0, 20));   // longer ones are not ours
     *pch++ = ' ';
     m_sizetUsed = static_cast<size_t>(pch - m_strBuffer.data());
     PutText(a_lcctlrecord);

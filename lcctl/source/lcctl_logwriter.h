@@ -6,6 +6,7 @@
 // their numbers.
 #pragma once
 
+#include "lcctl_logoutput.h"
 #include "lcctl_logreader.h"
 
 #include <cstdint>
@@ -31,6 +32,7 @@ private:
     char* Room(size_t a_sizet);
     void Put(std::string_view a_svText);
     void PutLine(const LcctlRecord& a_lcctlrecord);
+    void PutDate(const LcctlRecord& a_lcctlrecord);
     void PutText(const LcctlRecord& a_lcctlrecord);
     void PutPiece(std::string_view a_svLine);
     void PutJson(const LcctlRecord& a_lcctlrecord, const std::filesystem::path& a_path);
@@ -38,6 +40,7 @@ private:
 
     bool m_blJson;
     bool m_blTerminal;
+    CLcctlLogOutput m_lcctllogoutput;
     std::string m_strBuffer;   // its whole room
     size_t m_sizetUsed = 0;
     uint64_t m_u64Records = 0;
