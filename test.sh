@@ -6,7 +6,8 @@ set -euo pipefail
 cd "$(dirname "$0")"
 . tools/setup.sh
 setup_packages g++ cmake ninja-build libgtest-dev libcli11-dev nlohmann-json3-dev libfmt-dev libarchive-dev \
-               dpkg-dev lintian logrotate man-db pkg-config   # for the tests of the package and of embedding
+  libpcre2-dev lnav \
+  dpkg-dev lintian logrotate man-db pkg-config   # for the tests of the package and of embedding
 
 run() {
   build "$1"

@@ -1,0 +1,55 @@
+// lcctl_logoutput.cpp: one buffer is written while the caller fills the other one.
+#include "lcctl_logoutput.h"
+
+#include <fmt/format.h>
+
+#include <cerrno>
+#include <cstdio>
+#include <cstring>
+#include <stdexcept>
+
+void CLcctlLogOutput::HandOver(std::string& a_strBuffer, size_t a_sizetUsed)
+{
+    std::unique_lock lock(m_mutex);
+    m_condition.wait(lock, [this] { return m_sizetUsed == 0; });
+    ThrowIfFailed();
+    if (!m_jthread.joinable())
+    {
+        m_strBuffer.resize(a_strBuffer.size());
+        m_jthread = std::jthread([this](const std::stop_token& a_stoptoken) { WriteUntilStopped(a_stoptoken); });
+    }
+    m_strBuffer.swap(a_strBuffer);
+    m_sizetUsed = a_sizetUsed;
+    m_condition.notify_all();
+}
+
+void CLcctlLogOutput::Finish()
+{
+    std::unique_lock lock(m_mutex);
+    m_condition.wait(lock, [this] { return m_sizetUsed == 0; });
+    if (m_iErrno == 0 && std::fflush(stdout) != 0)
+        m_iErrno = errno;
+    ThrowIfFailed();
+}
+
+// The lock is not held while it writes: the buffer is the thread's as long as there is something to write.
+void CLcctlLogOutput::WriteUntilStopped(const std::stop_token& a_stoptoken)
+{
+    std::unique_lock lock(m_mutex);
+    while (m_condition.wait(lock, a_stoptoken, [this] { return m_sizetUsed != 0; }))
+    {
+        lock.unlock();
+        const bool blWritten = std::fwrite(m_strBuffer.data(), 1, m_sizetUsed, stdout) == m_sizetUsed;
+        const int iErrno = errno;
+        lock.lock();
+        m_iErrno = blWritten ? m_iErrno : iErrno;
+        m_sizetUsed = 0;
+        m_condition.notify_all();
+    }
+}
+
+void CLcctlLogOutput::ThrowIfFailed() const
+{
+    if (m_iErrno)
+        throw std::runtime_error(fmt::format("cannot write the output: {}", std::strerror(m_iErrno)));
+}

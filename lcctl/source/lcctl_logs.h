@@ -1,0 +1,57 @@
+// lcctl_logs.h: the command that reads logs: what it was told, and its work.
+//
+//   lcctl_find         which logs there are            lcctl_logselect   which of them are read
+//   lcctl_logreader    one log, record by record       lcctl_logmerge    all of them, by time
+//   lcctl_logfilter    which records are wanted        lcctl_logwriter   how they are written
+//   lcctl_logline, lcctl_logdate, lcctl_logtime        prefixes, days, times
+#pragma once
+
+#include "lcctl_command.h"
+#include "lcctl_logfilter.h"
+#include "lcctl_logmerge.h"
+#include "lcctl_logselect.h"
+#include "lcctl_logwriter.h"
+
+#include <optional>
+#include <string>
+
+class CLcctlLogs final : public CLcctlCommand
+{
+public:
+    void Define(CLI::App& a_cliapp) override;
+    const char* Name() const override { return "logs"; }
+    const char* Description() const override { return "Merges the logs of an application's processes by time"; }
+    LcctlResult Run() override;
+
+private:
+    bool ReadTimes();
+    bool ReadLevels();
+    LcctlResult Nothing() const;
+    LcctlResult List();
+    LcctlResult Paths(const std::vector<LcctlLogFile>& a_vecfile) const;
+    LcctlResult Merge(const std::vector<LcctlLogFile>& a_vecfile);
+    void Follow();
+    void WriteAll();
+    void WriteOne(const CLcctlLogReader& a_lcctllogreader);
+    void AddLogs(const std::vector<LcctlLogFile>& a_vecfile);
+
+    std::string m_strSince;
+    std::string m_strUntil;
+    std::string m_strLevel;
+    std::string m_strLines;
+    bool m_blFollow = false;
+    bool m_blList = false;
+    bool m_blPaths = false;
+    bool m_blJson = false;
+    LcctlSelectArgs m_selectargs;
+    LcctlFilterArgs m_filterargs;
+
+    std::unique_ptr<CLcctlLogSelect> m_uniqueSelect;
+    std::unique_ptr<CLcctlLogFilter> m_uniqueFilter;
+    std::unique_ptr<CLcctlLogWriter> m_uniqueWriter;
+    CLcctlLogMerge m_lcctllogmerge;
+    uint64_t m_u64Bytes = 0;   // of all logs
+    bool m_blFailed = false;
+    bool m_blRestWanted = false;                  // of the record before
+    const CLcctlLogReader* m_preader = nullptr;   // that it came from
+};
