@@ -51,13 +51,13 @@ static bool SwitchesBySystem(const fs::path& a_path)
 static int FloorOf(const std::string& a_strName)
 {
     static const std::map<std::string, int> g_mapfloor = {
-        {"os_types", 0},        {"os_log", 0},           {"os_cfg", 0},          {"os_cosspinlock", 0},
-        {"os_scope", 0},        {"os_new", 0},           {"os_cosstring", 1},    {"os_cosxml", 1},
-        {"os_costime", 1},      {"os_coslocale", 1},     {"os_cosenv", 1},       {"os_cosmem", 2},
-        {"os_cossync", 2},      {"os_coslnk", 2},        {"os_cosarguments", 2}, {"os_costhread", 3},
-        {"os_cosfile", 3},      {"os_cossocket", 3},     {"os_coslog", 4},       {"os_coslogcollector", 4},
-        {"os_coslogfolder", 3}, {"os_coslogline", 3},    {"os_coscfg", 4},       {"os_cosresource", 3},
-        {"os_cosservices", 5},  {"os_cosringbuffer", 3},
+        {"os_types", 0},        {"os_log", 0},          {"os_cfg", 0},           {"os_cosspinlock", 0},
+        {"os_scope", 0},        {"os_new", 0},          {"os_cosstring", 1},     {"os_cosxml", 1},
+        {"os_costime", 1},      {"os_coslocale", 1},    {"os_cosenv", 1},        {"os_cosmem", 2},
+        {"os_cossync", 2},      {"os_coslnk", 2},       {"os_cosarguments", 2},  {"os_costhread", 3},
+        {"os_cosfile", 3},      {"os_cossocket", 3},    {"os_coslog", 4},        {"os_coslogcollector", 4},
+        {"os_coslogfolder", 3}, {"os_coslogstatus", 3}, {"os_coslogline", 3},    {"os_coscfg", 4},
+        {"os_cosresource", 3},  {"os_cosservices", 5},  {"os_cosringbuffer", 3},
     };
     size_t sizetLongest = 0;
     int iFloor = -1;
