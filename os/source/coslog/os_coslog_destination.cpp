@@ -191,7 +191,9 @@ bool COsLogDestination::Open(OsLogSlot& a_oslogslot)
 {
     if (UsesCollector() || OpenFile(a_oslogslot))
         return true;
-    a_oslogslot.poslogpath->TakeNumber();
+    OsLogPath& oslogpath = *a_oslogslot.poslogpath;
+    oslogpath.TakeNumber();
+    m_osloghealth.Lost(OS_LOGLOST_FILE, oslogpath.u32OpenError, oslogpath.File());
     return false;
 }
 
@@ -216,8 +218,12 @@ bool COsLogDestination::OpenFile(OsLogSlot& a_oslogslot)
             m_osloghold.Renew();
         return true;
     }
+    oslogpath.u32OpenError = PlatGetLastError();
     if (!m_blWritten.load(std::memory_order_relaxed))
+    {
+        m_osloghealth.GoneOff(OS_LOGLOST_FILE, oslogpath.u32OpenError);
         OsLogSetState(OS_LOGSTATE_OFF);
+    }
     oslogpath.u64OpenAgain = PlatTicks() + g_u64OpenAgain;
     return false;
 }
@@ -226,11 +232,22 @@ bool COsLogDestination::OpenFile(OsLogSlot& a_oslogslot)
 
 void COsLogDestination::Write(OsLogSlot& a_oslogslot)
 {
-    const int32_t i32Number = a_oslogslot.poslogpath->TakeNumber();
+    OsLogPath& oslogpath = *a_oslogslot.poslogpath;
+    const int32_t i32Number = oslogpath.TakeNumber();
     const bool blSent = !a_oslogslot.poslogfile && Send(a_oslogslot.Line(i32Number));
-    const bool blWritten =
-        blSent || ((a_oslogslot.poslogfile || OpenFile(a_oslogslot)) && WriteFile(a_oslogslot, i32Number));
-    if (blWritten && !m_blWritten.load(std::memory_order_relaxed))
+    const bool blOpen = blSent || a_oslogslot.poslogfile || OpenFile(a_oslogslot);
+    if (!blOpen)
+    {
+        m_osloghealth.Lost(OS_LOGLOST_FILE, oslogpath.u32OpenError, oslogpath.File());
+        return;
+    }
+    if (!blSent && !WriteFile(a_oslogslot, i32Number))
+    {
+        m_osloghealth.Lost(OS_LOGLOST_WRITE, PlatGetLastError(), oslogpath.File());
+        return;
+    }
+    m_osloghealth.Wrote(blSent ? OS_LOGWHERE_COLLECTOR : OS_LOGWHERE_OWNFILE);
+    if (!m_blWritten.load(std::memory_order_relaxed))
         m_blWritten = true;
 }
 

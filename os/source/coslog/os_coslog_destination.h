@@ -10,6 +10,7 @@
 #pragma once
 
 #include "os_coslog_file.h"
+#include "os_coslog_health.h"
 #include "os_coslog_hold.h"
 #include "os_coslog_lock.h"
 #include "os_coslog_slots.h"
@@ -50,6 +51,7 @@ struct OsLogPath
     std::atomic<bool> blOwn;   // a collector keeps the file: the lines go to the one beside it
     std::atomic<uint32_t> u32Owed;
     std::atomic<uint64_t> u64OpenAgain;   // ticks; the file could not be opened and is not tried before
+    std::atomic<uint32_t> u32OpenError;   // why
     OsLogFile* poslogfile;                // under the lock; null when it is not open
 };
 
@@ -66,7 +68,10 @@ struct OsLogClient
 class COsLogDestination
 {
 public:
-    explicit COsLogDestination(COsLogHold& a_osloghold) : m_osloghold(a_osloghold) {}
+    COsLogDestination(COsLogHold& a_osloghold, COsLogHealth& a_osloghealth)
+        : m_osloghold(a_osloghold), m_osloghealth(a_osloghealth)
+    {
+    }
     ~COsLogDestination();
     COsLogDestination(const COsLogDestination&) = delete;
     COsLogDestination& operator=(const COsLogDestination&) = delete;
@@ -120,6 +125,7 @@ private:
     std::atomic<bool> m_blWritten{false};                // a line has got somewhere
 
     COsLogHold& m_osloghold;
+    COsLogHealth& m_osloghealth;
     OsLogPath m_oslogpathNone = {};
     OsLogLock m_osloglock;                      // the list of paths, and the files that they keep open
     std::unique_ptr<OsLogPath> m_uniquePaths;   // all that were used

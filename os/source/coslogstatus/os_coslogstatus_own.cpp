@@ -12,7 +12,7 @@
 #include "plat_system.h"
 
 #include <cstring>
-#include <new>
+#include <type_traits>
 
 namespace
 {
@@ -30,15 +30,11 @@ private:
 };
 }   // namespace
 
-OsLogStatusRecord COsLogStatusOwn::m_oslogstatusrecordNone = {};
+constinit OsLogStatusRecord COsLogStatusOwn::m_oslogstatusrecordNone = {};
 
-// Never destroyed: a thread may log while the process ends.
-COsLogStatusOwn& COsLogStatusOwn::Get()
-{
-    alignas(COsLogStatusOwn) static std::byte g_abyte[sizeof(COsLogStatusOwn)];
-    static auto* const g_poslogstatusown = new (g_abyte) COsLogStatusOwn;
-    return *g_poslogstatusown;
-}
+// A thread may log before the program's objects are made and after they have gone.
+constinit COsLogStatusOwn COsLogStatusOwn::m_oslogstatusown;
+static_assert(std::is_trivially_destructible_v<COsLogStatusOwn>);
 
 // ------------------------------------------------------------------------------------------------------- the file
 

@@ -10,7 +10,7 @@
 class COsLogStatusOwn
 {
 public:
-    static COsLogStatusOwn& Get();
+    static COsLogStatusOwn& Get() { return m_oslogstatusown; }
 
     // Makes the file when there is none of this process. a_szName may be null. Any thread.
     void Open(uint32_t a_u32Kind, const char* a_szName);
@@ -22,8 +22,8 @@ public:
     void PutLogFile(const char* a_szLogFile);
     void PutError(uint32_t a_u32Error, uint64_t a_u64Time, const char* a_szPath);
 
-    // What the process is asked for, read at each log call. Never null; points to 0 without a file.
-    const std::atomic<uint64_t>* Wish() const { return &Record().u64Wish; }
+    // What the process is asked for, read at each log call; 0 without a file, and when somebody has cut it.
+    uint64_t Wish() const { return Record().u64Wish.load(std::memory_order_relaxed); }
 
     // The record that is in force, or one that nobody sees.
     OsLogStatusRecord& Record() const { return *m_poslogstatusrecord.load(std::memory_order_acquire); }
@@ -36,6 +36,7 @@ private:
     bool ChangeTexts(Change a_change);
 
     static OsLogStatusRecord m_oslogstatusrecordNone;
+    static COsLogStatusOwn m_oslogstatusown;
     std::mutex m_mutex;
     std::atomic_flag m_atomicflagTexts;
     std::atomic<OsLogStatusRecord*> m_poslogstatusrecord{&m_oslogstatusrecordNone};
