@@ -304,15 +304,17 @@ static uint32_t OwedAfter(size_t a_sizetWritten, size_t a_sizetLine)
     return a_sizetWritten + 1 == a_sizetLine ? OsLogPath::OS_LINEFEED : OsLogPath::OS_LINEEND;
 }
 
-// A disk that is full takes a part. What is written when there is room again begins a line of its own.
+// A disk that is full takes a part. What is written when there is room again begins a line of its own; of a line that
+// is there but for its last byte nothing is lost.
 bool COsLogDestination::Append(OsLogSlot& a_oslogslot, std::span<char> a_spanLine)
 {
     size_t sizetWritten = 0;
     if (PlatAppendWrite(a_oslogslot.poslogfile->plathandle, a_spanLine.data(), a_spanLine.size(), &sizetWritten))
         return true;
     const std::lock_guard<std::mutex> guard(m_mutexOwed);
-    a_oslogslot.poslogpath->u32Owed |= OwedAfter(sizetWritten, a_spanLine.size());
-    return false;
+    const uint32_t u32Owed = OwedAfter(sizetWritten, a_spanLine.size());
+    a_oslogslot.poslogpath->u32Owed |= u32Owed;
+    return u32Owed == OsLogPath::OS_LINEFEED;
 }
 
 // The other threads wait, or find it written.
@@ -349,9 +351,9 @@ bool COsLogDestination::AppendBehindEnd(OsLogSlot& a_oslogslot, std::span<char> 
     const bool blWritten = PlatAppendWrite(a_oslogslot.poslogfile->plathandle, pch, sizetBytes, &sizetWritten);
     if (sizetWritten)
         u32Owed &= ~g_u32Ends;
-    if (!blWritten)
-        u32Owed |= OwedAfter(sizetWritten, sizetBytes);
-    return blWritten;
+    const uint32_t u32OwedNow = blWritten ? 0 : OwedAfter(sizetWritten, sizetBytes);
+    u32Owed |= u32OwedNow;
+    return blWritten || u32OwedNow == OsLogPath::OS_LINEFEED;
 }
 
 // ---------------------------------------------------------------------------------------------------------- flush

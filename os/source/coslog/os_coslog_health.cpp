@@ -33,11 +33,18 @@ void COsLogHealth::Wrote(EOSLOGWHERE a_eoslogwhere)
     SetWhere(a_eoslogwhere);
 }
 
+// What could not be formatted has been told on the standard error stream.
+static bool IsTold(EOSLOGLOST a_eosloglost)
+{
+    return a_eosloglost != OS_LOGLOST_FORMAT;
+}
+
 void COsLogHealth::Lost(EOSLOGLOST a_eosloglost)
 {
     Count(m_oslogstatuscounts.au64Lost[a_eosloglost],
           COsLogStatusOwn::Get().Record().oslogstatuscounts.au64Lost[a_eosloglost]);
-    m_u64Owed.fetch_add(1, std::memory_order_relaxed);
+    if (IsTold(a_eosloglost))
+        m_u64Owed.fetch_add(1, std::memory_order_relaxed);
 }
 
 EOSLOGLOST COsLogHealth::Reason(EOSLOGLOST a_eosloglost, uint32_t a_u32Error)
@@ -76,7 +83,8 @@ bool COsLogHealth::TakeOwed(char* a_szText, size_t a_sizetText)
     for (size_t sizet = 0; sizet < OS_LOGLOST_LAST; ++sizet)
     {
         m_au64Telling[sizet] = m_oslogstatuscounts.au64Lost[sizet].load();
-        if (const uint64_t u64Lost = m_au64Telling[sizet] - m_au64Told[sizet])
+        const uint64_t u64Lost = m_au64Telling[sizet] - m_au64Told[sizet];
+        if (u64Lost != 0 && IsTold(static_cast<EOSLOGLOST>(sizet)))
         {
             LogSStrCatf(a_szText, a_sizetText, "%s%llu (%s)", *a_szText ? ", " : "",
                         static_cast<unsigned long long>(u64Lost), OsLogLostText(static_cast<EOSLOGLOST>(sizet)));

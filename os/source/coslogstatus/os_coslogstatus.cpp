@@ -11,8 +11,10 @@
 
 #include "plat_file.h"
 #include "plat_process.h"
+#include "plat_socket.h"
 #include "plat_system.h"
 #include "plat_user.h"
+#include "plat_wait.h"
 
 #include <algorithm>
 #include <charconv>
@@ -104,6 +106,13 @@ static void CopyText(char (&a_szText)[Size], const char (&a_achText)[Size])
     a_szText[Size - 1] = 0;
 }
 
+static int32_t CountStreams(int32_t a_i32Port)
+{
+    uint32_t u32Count = 0;
+    return PlatSocketCountConnections(static_cast<uint16_t>(a_i32Port), &u32Count) ? static_cast<int32_t>(u32Count)
+                                                                                   : -1;
+}
+
 static void Take(const OsLogStatusRecord& a_oslogstatusrecord, OsLogStatus& a_oslogstatus)
 {
     a_oslogstatus.u64ProcessId = a_oslogstatusrecord.u64ProcessId;
@@ -113,6 +122,7 @@ static void Take(const OsLogStatusRecord& a_oslogstatusrecord, OsLogStatus& a_os
     a_oslogstatus.u32Kind = a_oslogstatusrecord.u32Kind;
     a_oslogstatus.u32Flags = a_oslogstatusrecord.u32Flags;
     a_oslogstatus.i32Port = a_oslogstatusrecord.i32Port;
+    a_oslogstatus.i32Streams = a_oslogstatus.u32Kind & OS_LOGSTATUS_COLLECTS ? CountStreams(a_oslogstatus.i32Port) : -1;
     CopyText(a_oslogstatus.szProgram, a_oslogstatusrecord.szProgram);
     CopyText(a_oslogstatus.szName, a_oslogstatusrecord.szName);
     CopyText(a_oslogstatus.szLogFile, a_oslogstatusrecord.szLogFile);
@@ -193,6 +203,20 @@ EOSSTS OsLogStatusList(OsLogStatusProc a_oslogstatusproc, void* a_pvContext, boo
     }
     OsFileFindClose(&osfileinfo);
     return EOSSTS_SUCCESS;
+}
+
+// A later process that has the id is not the one that was meant: it is looked at once it is held.
+EOSSTS OsLogStatusWaitForEnd(const OsLogStatus& a_oslogstatus, uint32_t a_u32Milliseconds)
+{
+    uint64_t u64StartTime = 0;
+    const PlatHandle plathandle = PlatProcessOpen(a_oslogstatus.u64ProcessId);
+    if (plathandle == PLAT_INVALID)
+        return EOSSTS_SUCCESS;
+    const ScopeGuard close([plathandle] { PlatClose(plathandle); });
+    const bool blRuns =
+        PlatProcessStartTime(a_oslogstatus.u64ProcessId, &u64StartTime) && u64StartTime == a_oslogstatus.u64StartTime;
+    return blRuns && PlatWaitAny(&plathandle, 1, a_u32Milliseconds) == PLAT_WAIT_TIMEOUT ? EOSSTS_TIMEOUT
+                                                                                         : EOSSTS_SUCCESS;
 }
 
 // ------------------------------------------------------------------------------------------------------------ flags
