@@ -23,9 +23,7 @@ static constexpr uint32_t g_u32LevelsFlushed = 0x51;
 
 void COsLogImpl::Log(const OsLogCall& a_oslogcall, va_list a_valist)
 {
-    if (Passes(a_oslogcall))
-        LogLine(a_oslogcall, a_valist);
-    if (m_osloghealth.IsOwed())
+    if (Passes(a_oslogcall) && LogLine(a_oslogcall, a_valist) && m_osloghealth.IsOwed())
         TellLost();
     if (a_oslogcall.u32Level == OS_LOG_CHECK && m_u32CheckMode != 0)
         CheckFailed(a_oslogcall);
@@ -86,7 +84,8 @@ bool COsLogImpl::LevelPasses(uint32_t a_u32Level) const
 
 // ------------------------------------------------------------------------------------------------------ the line
 
-void COsLogImpl::LogLine(const OsLogCall& a_oslogcall, va_list a_valist)
+// True: it has got somewhere.
+bool COsLogImpl::LogLine(const OsLogCall& a_oslogcall, va_list a_valist)
 {
     const OsLogKeepError oslogkeeperror;
     EOSLOGLOST eosloglost = OS_LOGLOST_LAST;
@@ -95,13 +94,12 @@ void COsLogImpl::LogLine(const OsLogCall& a_oslogcall, va_list a_valist)
     {
         if (eosloglost != OS_LOGLOST_LAST)
             m_osloghealth.Lost(eosloglost);
-        return;
+        return false;
     }
     const ScopeGuard leave([this, poslogslot] { Leave(*poslogslot); });
 
     Describe(*poslogslot, a_oslogcall, oslogkeeperror.Error());
-    if (Prepare(*poslogslot))
-        WriteLine(*poslogslot, a_oslogcall.szFormat, a_valist);
+    return Prepare(*poslogslot) && WriteLine(*poslogslot, a_oslogcall.szFormat, a_valist);
 }
 
 void COsLogImpl::Describe(OsLogSlot& a_oslogslot, const OsLogCall& a_oslogcall, uint32_t a_u32LastError)
@@ -121,18 +119,18 @@ void COsLogImpl::Describe(OsLogSlot& a_oslogslot, const OsLogCall& a_oslogcall, 
     a_oslogslot.osloglinetime.Take();
 }
 
-void COsLogImpl::WriteLine(OsLogSlot& a_oslogslot, const char* a_szFormat, va_list a_valist)
+bool COsLogImpl::WriteLine(OsLogSlot& a_oslogslot, const char* a_szFormat, va_list a_valist)
 {
     if (const EOSLOGLOST eosloglost = FormatMessage(a_oslogslot, a_szFormat, a_valist); eosloglost != OS_LOGLOST_LAST)
     {
         m_osloghealth.Lost(eosloglost);
-        return;
+        return false;
     }
     char* const szMessage = a_oslogslot.Message();
     szMessage[a_oslogslot.sizetMessage++] = '\r';
     szMessage[a_oslogslot.sizetMessage++] = '\n';
     a_oslogslot.blDeterministic = (WorkingWord() & OS_LOGFLAG_DETERMINISTIC) != 0;
-    m_oslogdestination.Write(a_oslogslot);
+    return m_oslogdestination.Write(a_oslogslot);
 }
 
 // OS_LOGLOST_LAST: it is formatted. Without memory the logging goes off.

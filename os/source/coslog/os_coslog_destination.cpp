@@ -230,7 +230,7 @@ bool COsLogDestination::OpenFile(OsLogSlot& a_oslogslot)
 
 // ------------------------------------------------------------------------------------------------------ write-out
 
-void COsLogDestination::Write(OsLogSlot& a_oslogslot)
+bool COsLogDestination::Write(OsLogSlot& a_oslogslot)
 {
     OsLogPath& oslogpath = *a_oslogslot.poslogpath;
     const int32_t i32Number = oslogpath.TakeNumber();
@@ -239,16 +239,17 @@ void COsLogDestination::Write(OsLogSlot& a_oslogslot)
     if (!blOpen)
     {
         m_osloghealth.Lost(OS_LOGLOST_FILE, oslogpath.u32OpenError, oslogpath.File());
-        return;
+        return false;
     }
     if (!blSent && !WriteFile(a_oslogslot, i32Number))
     {
         m_osloghealth.Lost(OS_LOGLOST_WRITE, PlatGetLastError(), oslogpath.File());
-        return;
+        return false;
     }
     m_osloghealth.Wrote(blSent ? OS_LOGWHERE_COLLECTOR : OS_LOGWHERE_OWNFILE);
     if (!m_blWritten.load(std::memory_order_relaxed))
         m_blWritten = true;
+    return true;
 }
 
 // The call's line behind what has to precede it.

@@ -94,8 +94,8 @@ public:
     // number, so that the gap shows, and the file is tried again with a later line.
     bool Open(OsLogSlot& a_oslogslot);
 
-    // Numbers the slot's message and writes it, whole, or loses it. A lost line's number is not used again.
-    void Write(OsLogSlot& a_oslogslot);
+    // Numbers the slot's message and writes it, whole, or loses it (false). A lost line's number is not used again.
+    bool Write(OsLogSlot& a_oslogslot);
 
     // Lets go of what the call had open.
     static void Close(OsLogSlot& a_oslogslot) { OsLogFile::Release(std::exchange(a_oslogslot.poslogfile, nullptr)); }

@@ -95,7 +95,7 @@ private:
     bool LevelPasses(uint32_t a_u32Level) const;
     bool FilterPasses(const OsLogCall& a_oslogcall) const;
     bool StateAllows();
-    void LogLine(const OsLogCall& a_oslogcall, va_list a_valist);
+    bool LogLine(const OsLogCall& a_oslogcall, va_list a_valist);
     void Describe(OsLogSlot& a_oslogslot, const OsLogCall& a_oslogcall, uint32_t a_u32LastError);
     bool Prepare(OsLogSlot& a_oslogslot);
     bool IsPrepared(const OsLogPath& a_oslogpath) const;
@@ -103,7 +103,7 @@ private:
     bool FolderIsThere(const OsLogSlot& a_oslogslot);
     void Redirect(OsLogSlot& a_oslogslot);
     bool Open(OsLogSlot& a_oslogslot);
-    void WriteLine(OsLogSlot& a_oslogslot, const char* a_szFormat, va_list a_valist);
+    bool WriteLine(OsLogSlot& a_oslogslot, const char* a_szFormat, va_list a_valist);
     EOSLOGLOST FormatMessage(OsLogSlot& a_oslogslot, const char* a_szFormat, va_list a_valist);
     void Leave(OsLogSlot& a_oslogslot);
     void TellLost();
