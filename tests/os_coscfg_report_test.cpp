@@ -147,7 +147,7 @@ TEST_F(ConfigurationReport, TheMemoryTrackerIsSilentMeanwhile)
     m_logcapture.m_u32WorkingWord = 1;
     m_logcapture.Clear();
     Written();
-    EXPECT_FALSE(m_logcapture.HasPart("mem>>>"));
+    EXPECT_FALSE(m_logcapture.HasPart("  AD:"));
     OsMemFree(OsMemAlloc(1, "test", 1, OS_MEMFLAG_BLOCK), "test", 2, OS_MEMFLAG_BLOCK);
-    EXPECT_TRUE(m_logcapture.HasPart("mem>>>"));
+    EXPECT_TRUE(m_logcapture.HasPart("  AD:"));
 }
