@@ -40,6 +40,10 @@ inline constexpr uint32_t PLAT_OPEN_OWNFOLDER = 16;   // and the folder that it 
 // What is made, no other user but the system's may write, however open-handed this process is else.
 inline constexpr uint32_t PLAT_OPEN_OWNWRITE = 32;
 
+// As PLAT_OPEN_OWNFOLDER for the file and its folder; the way to the folder may have links.
+inline constexpr uint32_t PLAT_OPEN_OWNPLACE = 64;
+inline constexpr uint32_t PLAT_OPEN_PRIVATE = 128;   // what is made, no other user but the system's may read or write
+
 // Opens a file. PLAT_ERROR_ACCESSDENIED for a folder without PLAT_OPEN_FOLDER. A file that is being deleted at this
 // moment is waited for, and then created or not found. Who shares reading and writing may still get a file whose
 // name goes at this very moment; its identity tells (u32Links).
@@ -150,7 +154,8 @@ bool PlatFileDelete(const char16_t* a_wszPath);
 bool PlatFileMove(const char16_t* a_wszOld, const char16_t* a_wszNew);   // 183 when the new name exists
 
 bool PlatFolderCreate(const char16_t* a_wszPath);   // one level; 183 when it exists, 3 when its parent is missing
-bool PlatFolderDelete(const char16_t* a_wszPath);   // 145 when it is not empty, 267 when it is no folder
+bool PlatFolderCreatePrivate(const char16_t* a_wszPath);   // likewise; no other user but the system's has any right
+bool PlatFolderDelete(const char16_t* a_wszPath);          // 145 when it is not empty, 267 when it is no folder
 
 // The full path of a name, relative to the current folder, without "." and ".." components and without the long-path
 // prefix; the file need not exist. Its separators are "\".
@@ -179,6 +184,10 @@ bool PlatMappingRelease(void* a_pvView, size_t a_sizetView);
 // is zero then, and stays so for this process. One view at a time. Unguard is false when something had gone.
 void PlatMappingGuard(const void* a_pvView, size_t a_sizetView);
 bool PlatMappingUnguard();
+
+// From now on until its release every thread may touch the view, likewise. One view of the process. A process that is
+// forked has an empty copy of its own in its place.
+void PlatMappingKeep(void* a_pvView, size_t a_sizetView);
 
 // Memory without a file of its own, which another process opens by the creator's process id and this handle's value.
 PlatHandle PlatMemoryFileCreate(uint64_t a_u64Size);

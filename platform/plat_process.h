@@ -45,6 +45,10 @@ bool PlatProcessTerminate(PlatHandle a_plathandle, uint32_t a_u32ExitCode);
 
 uint64_t PlatProcessId();
 
+// When a process was started, in units of the system's own: a later process with the same id has another value. 87 when
+// none with the id runs; one that has ended and whose parent has not asked for its exit code does not.
+bool PlatProcessStartTime(uint64_t a_u64ProcessId, uint64_t* a_pu64StartTime);
+
 // True while a debugger is attached to this process.
 bool PlatProcessIsDebugged();
 

@@ -103,6 +103,10 @@ bool PlatSocketPeerOwner(PlatHandle a_plathandle, PlatSocketOwner* a_pplatsocket
 // PLAT_OWNER_UNKNOWN, where the system cannot tell.
 bool PlatSocketListenerOwner(uint16_t a_u16Port, uint64_t a_u64ProcessId, PlatSocketOwner* a_pplatsocketowner);
 
+// How many connections this machine has at a port of 127.0.0.1 that somebody serves: those that are open at the
+// server's end, whoever has them, also while they wait to be accepted. False where the system does not tell.
+bool PlatSocketCountConnections(uint16_t a_u16Port, uint32_t* a_pu32Count);
+
 // Bytes that were sent and that the other end's system has not taken yet. An end of the sending that it has not taken
 // may count as one.
 bool PlatSocketUnsent(PlatHandle a_plathandle, size_t* a_psizetBytes);

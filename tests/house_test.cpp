@@ -81,6 +81,7 @@ static std::pair<std::string, int> ClassOf(const std::string& a_strName)
         {"os_cosservices", 5},
         {"os_cosringbuffer", 3},
         {"logcollector", 5},
+        {"os_coslogstatus", 3},
     };
     std::pair<std::string, int> pairClass{"", -1};
     for (const auto& [strPrefix, iFloor] : g_mapfloor)

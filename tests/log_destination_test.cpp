@@ -124,10 +124,16 @@ TEST_F(LogDestination, ADiskWithoutRoomLeavesAGapOfNumbersAndOneTornLine)
     };
     Begin();
     WithRoom(SizeOf("a.log"), 40, logLines);
+    const OsLogHealth osloghealth = m_uniqueLog->Health();
     logLines();
-    const Texts vecstr = Lines();
-    ASSERT_EQ(vecstr.size(), 7u + 1 + 200);
+    Texts vecstr = Lines();
+    ASSERT_EQ(vecstr.size(), 7u + 1 + 200 + 1);
     EXPECT_EQ(vecstr[7].size(), 40u);
+    const auto told = std::find_if(vecstr.begin(), vecstr.end(), [](const std::string& a_str) {
+        return a_str.ends_with(" lines were lost...200 (no room on the disk)");
+    });
+    ASSERT_NE(told, vecstr.end());
+    vecstr.erase(told);
     std::set<int> setiNumber;
     for (size_t sizet = 8; sizet < vecstr.size(); ++sizet)
     {
@@ -136,6 +142,13 @@ TEST_F(LogDestination, ADiskWithoutRoomLeavesAGapOfNumbersAndOneTornLine)
     }
     EXPECT_EQ(setiNumber.size(), 200u);
     EXPECT_EQ(*setiNumber.begin(), 207);
+
+    EXPECT_EQ(osloghealth.eoslogwhere, OS_LOGWHERE_NOWHERE);
+    EXPECT_EQ(osloghealth.au64Lost[OS_LOGLOST_NOSPACE], 200u);
+    EXPECT_EQ(osloghealth.u32LastError, PLAT_ERROR_DISKFULL);
+    EXPECT_EQ(osloghealth.szLastErrorPath, m_strLog);
+    EXPECT_EQ(m_uniqueLog->Health().eoslogwhere, OS_LOGWHERE_OWNFILE);
+    EXPECT_EQ(m_uniqueLog->Health().u64Written, 7u + 200 + 1);
 }
 
 TEST_F(LogDestination, NoOtherThreadsLineFollowsOneThatIsCut)
@@ -176,7 +189,10 @@ TEST_F(LogDestination, AFileThatIsTakenLosesLinesUntilItIsFreeAgain)
         Log(OS_LOG_NOTE, "written");
         return SizeOf("a.log") > sizetBefore;
     }));
-    EXPECT_EQ(Messages(), (Texts{"first", "written"}));
+    Texts vecstr = Messages();
+    ASSERT_TRUE(vecstr.back().starts_with("lines were lost..."));
+    vecstr.pop_back();
+    EXPECT_EQ(vecstr, (Texts{"first", "written"}));
     EXPECT_GT(NumberOf(Lines().back()), 7);
 }
 

@@ -141,3 +141,13 @@ TEST_F(ConfigurationReport, ItsNameTellsTheProgramKindOrTheTime)
     const std::string strName = std::filesystem::directory_iterator(PathOf("elsewhere"))->path().filename();
     EXPECT_EQ(StrWildcard(strName.c_str(), "mvroscfg_20*.txt", false), 0) << strName;
 }
+
+TEST_F(ConfigurationReport, TheMemoryTrackerIsSilentMeanwhile)
+{
+    m_logcapture.m_u32WorkingWord = 1;
+    m_logcapture.Clear();
+    Written();
+    EXPECT_FALSE(m_logcapture.HasPart("  AD:"));
+    OsMemFree(OsMemAlloc(1, "test", 1, OS_MEMFLAG_BLOCK), "test", 2, OS_MEMFLAG_BLOCK);
+    EXPECT_TRUE(m_logcapture.HasPart("  AD:"));
+}

@@ -297,14 +297,17 @@ TEST_F(LoggerTest, The65thThreadWaitsForTheEndOfAnother)
     }
     WaitFor([&] { return iLogged == 63; });
     std::thread([] { Log(OS_LOG_CHECK, "dropped"); }).join();
+    EXPECT_EQ(m_uniqueLog->Health().au64Lost[OS_LOGLOST_THREADS], 1u);
     iLeave = 1;
     vecthread[0].join();
     std::thread([] { Log(OS_LOG_NOTE, "written"); }).join();
     iLeave = 63;
     for (size_t sizet = 1; sizet < vecthread.size(); ++sizet)
         vecthread[sizet].join();
-    EXPECT_EQ(Messages().size(), 65u);
-    EXPECT_EQ(Messages().back(), "written");
+    const Texts vecstr = Messages();
+    ASSERT_EQ(vecstr.size(), 66u);
+    EXPECT_EQ(vecstr[64], "written");
+    EXPECT_EQ(vecstr[65], "lines were lost...1 (more than 64 threads)");
 }
 
 static const char* LogFromInside(const char*, const char*)

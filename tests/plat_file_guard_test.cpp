@@ -169,3 +169,18 @@ TEST_F(FileGuard, FolderOfAnotherUserIsNotOurs)
     EXPECT_EQ(OpenError(PathOf("own/file"), PLAT_ACCESS_WRITE, PLAT_OPEN_OWNFOLDER), DENIED);
     EXPECT_EQ(OpenError(PathOf("own/file"), PLAT_ACCESS_WRITE, PLAT_OPEN_NOLINKS), 0u);
 }
+
+TEST_F(FileGuard, OwnPlaceMayBeReachedThroughALink)
+{
+    EXPECT_EQ(OpenError(PathOf("way/file"), PLAT_ACCESS_WRITE, PLAT_OPEN_OWNPLACE), 0u);
+    EXPECT_EQ(OpenError(PathOf("own/link"), PLAT_ACCESS_WRITE, PLAT_OPEN_OWNPLACE), LINK);
+    EXPECT_EQ(OpenError(PathOf("shared/file"), PLAT_ACCESS_WRITE, PLAT_OPEN_OWNPLACE), DENIED);
+}
+
+TEST_F(FileGuard, PrivateFilesAndFoldersAreForTheirUserAlone)
+{
+    EXPECT_EQ(OpenError(PathOf("own/private"), PLAT_ACCESS_WRITE, PLAT_OPEN_OWNPLACE | PLAT_OPEN_PRIVATE), 0u);
+    EXPECT_TRUE(PlatFolderCreatePrivate(Wide(PathOf("own/folder")).c_str()));
+    EXPECT_EQ(fs::status(PathOf("own/private")).permissions(), fs::perms::owner_read | fs::perms::owner_write);
+    EXPECT_EQ(fs::status(PathOf("own/folder")).permissions(), fs::perms::owner_all);
+}

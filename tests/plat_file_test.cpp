@@ -1,5 +1,6 @@
 // plat_file_test.cpp: files: share modes, deletion, appending, paths, searches.
 #include "plat_child.h"
+#include "plat_fork.h"
 
 #include "plat_file.h"
 #include "plat_memory.h"
@@ -331,6 +332,27 @@ TEST_F(PlatFile, GuardedViewOutlivesTheCutOfItsFile)
     EXPECT_EQ(std::string({pch[0], chGone, pch[PlatMemoryGranularity()]}), std::string("x\0y", 3));
     PlatMappingGuard(pch, sizetView);
     EXPECT_TRUE(PlatMappingUnguard() && PlatMappingRelease(pch, sizetView));
+}
+
+TEST_F(PlatFile, KeptViewOutlivesTheCutOnEveryThreadAndAForkHasItsOwn)
+{
+    WriteWhole("file", std::string(PlatMemoryGranularity(), 'x'));
+    File file("file", R | W, RW);
+    size_t sizetView = 0;
+    auto* pch = static_cast<char*>(PlatMappingView(file.m_plathandle, 0, true, &sizetView));
+    ASSERT_NE(pch, nullptr);
+    PlatMappingKeep(pch, sizetView);
+    EXPECT_EQ(InOtherProcess([] { return true; },
+                             [&] {
+                                 const char chFound = *pch;
+                                 *pch = 'y';
+                                 return chFound;
+                             }),
+              0);
+    EXPECT_EQ(ReadWhole("file")[0], 'x');
+    std::filesystem::resize_file(PathOf("file"), 0);
+    InThreads(2, [&](int) { EXPECT_EQ(std::atomic_ref<char>(*pch).load(), 0); });
+    EXPECT_TRUE(PlatMappingRelease(pch, sizetView));
 }
 
 }   // namespace

@@ -180,6 +180,23 @@ TEST_F(Process, RunsNoHandlerOfOursInTheChild)
     EXPECT_EQ(Part("handlers").OutputUpTo(), "0");
 }
 
+// One whose id nobody has, and one that has ended but was not asked for its code, do not run.
+TEST_F(Process, StartTimeTellsAProcessFromALaterOne)
+{
+    const auto startTime = [](pid_t a_pid) {
+        uint64_t u64StartTime = 0;
+        return PlatProcessStartTime(static_cast<uint64_t>(a_pid), &u64StartTime) ? u64StartTime : 0;
+    };
+    EXPECT_EQ(startTime(getpid()), startTime(getpid()));
+    EXPECT_NE(startTime(getpid()), startTime(1));
+    const pid_t pid = fork();
+    if (pid == 0)
+        _exit(0);
+    EXPECT_TRUE(WaitFor([&] { return startTime(pid) == 0; }));
+    EXPECT_EQ(waitpid(pid, nullptr, 0), pid);
+    EXPECT_EQ(startTime(pid) + startTime(0x7FFFFFFF) + startTime(0), 0u);
+}
+
 TEST_F(Process, KnowsWhetherItIsTraced)
 {
     EXPECT_FALSE(PlatProcessIsDebugged());

@@ -126,4 +126,20 @@ TEST_F(PlatSocket, ConnectToItselfIsARefusal)
     EXPECT_EQ(PlatGetLastError(), PLAT_ERROR_CONNRESET);
 }
 
+TEST_F(PlatSocket, ConnectionsAreCountedAtTheServersEnd)
+{
+    const auto count = [this] {
+        uint32_t u32Count = 77;
+        EXPECT_TRUE(PlatSocketCountConnections(m_plataddress.u16Port, &u32Count));
+        return u32Count;
+    };
+    EXPECT_EQ(count(), 0u);
+    Handle handleServer(ConnectAndAccept(m_handleClient));
+    EXPECT_EQ(count(), 1u);
+    m_handleClient.Close();
+    EXPECT_EQ(count(), 1u);
+    handleServer.Close();
+    EXPECT_TRUE(WaitFor([&] { return count() == 0; }));
+}
+
 }   // namespace

@@ -3,6 +3,7 @@
 
 #include "os_coslogstatus.h"
 
+#include <chrono>
 #include <cstdint>
 #include <ctime>
 #include <string>
@@ -12,12 +13,13 @@
 struct LcctlProcess
 {
     uint64_t u64ProcessId = 0;
-    bool blLogs = false;       // it has a logger, with a log file
-    bool blCollects = false;   // it takes log streams of others
-    std::string strProgram;    // the program file; paths are in this system's form
-    std::string strName;       // the unique name of what logs, "" for a mere collector
-    std::string strLog;        // the log file, "" for none
-    uint32_t u32Flags = 0;     // of the logger, now
+    uint64_t u64StartTime = 0;   // tells it from a later process with its id
+    bool blLogs = false;         // it has a logger, with a log file
+    bool blCollects = false;     // it takes log streams of others
+    std::string strProgram;      // the program file; paths are in this system's form
+    std::string strName;         // the unique name of what logs, "" for a mere collector
+    std::string strLog;          // the log file, "" for none
+    uint32_t u32Flags = 0;       // of the logger, now
     OsLogHealth osloghealth{};
     int iPort = 0;                          // of the collector: where it listens, or which one the logger uses
     uint64_t u64ProcessIdApplication = 0;   // whom that collector serves, 0 without one
@@ -27,6 +29,9 @@ struct LcctlProcess
 
 // Those that run, the oldest first. What processes that have gone left behind is removed on the way.
 std::vector<LcctlProcess> LcctlProcesses();
+
+// Waits until the process has ended. False when it still runs.
+bool LcctlWaitForEnd(const LcctlProcess& a_lcctlprocess, std::chrono::milliseconds a_milliseconds);
 
 // The log folder of a process (its log file without the name), "" for none.
 std::string LcctlFolderOf(const LcctlProcess& a_lcctlprocess);

@@ -6,6 +6,7 @@
 // log, and nothing that it does to its copy of the logger is seen by its parent. Callers log through os_log.h.
 #pragma once
 
+#include "os_coslogstatus.h"
 #include "os_log.h"
 #include "os_types.h"
 
@@ -42,7 +43,8 @@ public:
     // Starts it, or starts it again. A null or empty path keeps the current one, a null filter keeps the current one.
     // A path that differs from the current one gets a header before its first line. "@NAME@FILE" is the value of the
     // environment variable NAME ("." without one) followed by FILE. Of a filter, tokens beyond the 31st and what goes
-    // beyond 127 characters are dropped. Called by one thread at a time; others may log meanwhile.
+    // beyond 127 characters are dropped. Called by one thread at a time; others may log meanwhile. Flags that somebody
+    // has asked for (os_coslogstatus.h) end with it.
     void Start(const char* a_szLogFile, uint32_t a_u32Flags, const char* a_szFilter);
 
     void Flush();   // the log file, to disk
@@ -54,6 +56,9 @@ public:
 
     const char* LogFile() const;   // the path, "" without one; also while a collector keeps it and lines go beside it
     bool UsesCollector() const;    // lines go to a collector client that is not broken
+
+    // Where the lines go now, how many were written and lost, and why. Any thread.
+    OsLogHealth Health() const;
 
     // Gives the logger a collector client that is in service; the logger owns it until its own end, also when another
     // one is given: a thread may be in a call of it.

@@ -59,9 +59,10 @@ struct OsLogStatus
     uint64_t u64Since;                  // when the file was made: 100 ns units since 1601-01-01 UTC
     uint64_t u64ProcessIdApplication;   // whom a collector serves, whose collector a logger uses; 0: none
     uint32_t u32Kind;
-    uint32_t u32Flags;   // of the logger, now
-    int32_t i32Port;     // where a collector listens, or that of the collector that a logger uses; 0: none
-    bool blRuns;         // the process that made it
+    uint32_t u32Flags;    // of the logger, now
+    int32_t i32Port;      // where a collector listens, or that of the collector that a logger uses; 0: none
+    int32_t i32Streams;   // connections of a collector; -1 for none, and where the system does not tell
+    bool blRuns;          // the process that made it
     OsLogHealth osloghealth;
     char szProgram[OS_PATHSIZE];
     char szName[64];               // the unique name of what logs
@@ -73,6 +74,9 @@ struct OsLogStatus
 // there is no folder for them. Any thread; needs no start of the library but OsCfgCommonInstall.
 using OsLogStatusProc = bool (*)(void* a_pvContext, const OsLogStatus& a_oslogstatus);
 EOSSTS OsLogStatusList(OsLogStatusProc a_oslogstatusproc, void* a_pvContext, bool a_blRemoveStale);
+
+// Waits until the process of a status has ended. EOSSTS_SUCCESS, or EOSSTS_TIMEOUT.
+EOSSTS OsLogStatusWaitForEnd(const OsLogStatus& a_oslogstatus, uint32_t a_u32Milliseconds);
 
 // Asks the logger of a running process of this user for other flags. It has them from its next log call on, until it
 // is started again. EOSSTS_SUCCESS; EOSSTS_NOTFOUND for a process that does not run or does not log;

@@ -92,6 +92,9 @@ void* OsMemAlloc(size_t a_sizetBytes, const char* a_szFile, uint32_t a_u32Line, 
 // Of a block that came while the table of 2,048 was full, the free is logged ("Can't find managed item...") and done.
 void OsMemFree(void* a_pvBlock, const char* a_szFile, uint32_t a_u32Line, uint32_t a_u32Flags);
 
+// While off, the tracker logs no line for each block of the calling thread.
+void OsMemSetTrace(bool a_blTrace);
+
 // Logs the record of a block, or of every block in use when a_pvBlock is null.
 void OsMemDump(const void* a_pvBlock);
 

@@ -43,7 +43,7 @@ static bool MakeRequest(const char16_t* a_wszPath, uint32_t a_u32Access, uint32_
     a_openrequest.blTruncate = a_platdisposition == PLAT_DISPOSITION_CREATEALWAYS;
     a_openrequest.blFolder = a_u32Flags & PLAT_OPEN_FOLDER;
     a_openrequest.u32Guard = a_u32Flags & POSIX_OPEN_GUARDS;
-    a_openrequest.modeNew = a_u32Flags & PLAT_OPEN_OWNWRITE ? 0644 : 0666;
+    a_openrequest.modeNew = a_u32Flags & PLAT_OPEN_PRIVATE ? 0600 : a_u32Flags & PLAT_OPEN_OWNWRITE ? 0644 : 0666;
     a_openrequest.blMustWrite = (a_u32Access & PLAT_ACCESS_WRITE) || a_openrequest.blTruncate || blTemporary;
     a_openrequest.blInformation = a_u32Access == PLAT_ACCESS_NONE && !blTemporary;
     if (a_openrequest.blMustWrite)

@@ -9,6 +9,8 @@
 #include <linux/openat2.h>
 #include <sys/syscall.h>
 
+static constexpr uint32_t g_u32InFolder = PLAT_OPEN_NOLINKS | PLAT_OPEN_OWNFOLDER | PLAT_OPEN_OWNPLACE;
+
 static int FailWith(int a_iErrno)
 {
     errno = a_iErrno;
@@ -82,17 +84,20 @@ static bool IsOwnFolder(int a_iFolder)
 }
 
 // The folder first, then what is in it.
-static int OpenNoLinks(std::string a_strPath, int a_iFlags, mode_t a_modeNew, bool a_blOwnFolder)
+static int OpenInFolder(std::string a_strPath, int a_iFlags, mode_t a_modeNew, uint32_t a_u32Guard)
 {
     PosixTrimPath(a_strPath);
     const size_t sizetName = a_strPath.rfind('/') + 1;   // 0 without a separator
     const std::string strName = a_strPath.substr(sizetName);
     if (strName.empty() || strName == "." || strName == "..")
         return FailWith(EISDIR);
-    const PosixDescriptor posixdescriptorFolder(OpenFolderNoLinks(sizetName ? a_strPath.substr(0, sizetName) : "."));
+    const std::string strFolder = sizetName ? a_strPath.substr(0, sizetName) : ".";
+    const PosixDescriptor posixdescriptorFolder(a_u32Guard & (PLAT_OPEN_NOLINKS | PLAT_OPEN_OWNFOLDER)
+                                                    ? OpenFolderNoLinks(strFolder)
+                                                    : open(strFolder.c_str(), g_iWay | O_DIRECTORY));
     if (!posixdescriptorFolder.IsOpen())
         return -1;
-    if (a_blOwnFolder && !IsOwnFolder(posixdescriptorFolder.Get()))
+    if ((a_u32Guard & (PLAT_OPEN_OWNFOLDER | PLAT_OPEN_OWNPLACE)) && !IsOwnFolder(posixdescriptorFolder.Get()))
         return FailWith(EACCES);
     return openat(posixdescriptorFolder.Get(), strName.c_str(), a_iFlags | O_NOFOLLOW, a_modeNew);
 }
@@ -103,9 +108,8 @@ int PosixOpenGuarded(const std::string& a_strPath, int a_iFlags, uint32_t a_u32G
 {
     if (!a_u32Guard)
         return open(a_strPath.c_str(), a_iFlags, a_modeNew);
-    const int iDescriptor = a_u32Guard & (PLAT_OPEN_NOLINKS | PLAT_OPEN_OWNFOLDER)
-                                ? OpenNoLinks(a_strPath, a_iFlags, a_modeNew, a_u32Guard & PLAT_OPEN_OWNFOLDER)
-                                : OpenNoLink(a_strPath.c_str(), a_iFlags, a_modeNew);
+    const int iDescriptor = a_u32Guard & g_u32InFolder ? OpenInFolder(a_strPath, a_iFlags, a_modeNew, a_u32Guard)
+                                                       : OpenNoLink(a_strPath.c_str(), a_iFlags, a_modeNew);
     if (iDescriptor < 0 && errno == ENXIO)   // a socket, or a pipe or device that has nobody at its other end
         errno = EACCES;
     return iDescriptor;
@@ -117,6 +121,6 @@ bool PosixGuardAdmits(const struct stat& a_status, uint32_t a_u32Guard, bool a_b
         return PosixFail(PLAT_ERROR_INVALIDNAME);
     if (S_ISDIR(a_status.st_mode) && a_blFolder)
         return true;
-    const bool blOneName = a_u32Guard & (PLAT_OPEN_NOLINKS | PLAT_OPEN_OWNFOLDER);
+    const bool blOneName = a_u32Guard & g_u32InFolder;
     return (S_ISREG(a_status.st_mode) && (!blOneName || a_status.st_nlink <= 1)) || PosixFail(PLAT_ERROR_ACCESSDENIED);
 }

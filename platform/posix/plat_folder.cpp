@@ -156,21 +156,31 @@ bool PlatFileClearAttributes(const char16_t* a_wszPath)
     return chmod(strPath.c_str(), (status.st_mode & 07777) | S_IWUSR) == 0 || PosixFailPath(strPath);
 }
 
-bool PlatFolderCreate(const char16_t* a_wszPath)
+static bool CreateFolder(const char16_t* a_wszPath, mode_t a_mode)
 {
     std::string strPath;
     if (!PosixPath(a_wszPath, strPath))
         return false;
-    if (mkdir(strPath.c_str(), 0777) == 0)
+    if (mkdir(strPath.c_str(), a_mode) == 0)
         return true;
     if (errno == ENOENT && PosixMakeDrive(a_wszPath))
     {
         // The folder of the drive may have been what was asked for.
         struct stat status;
-        if (stat(strPath.c_str(), &status) == 0 || mkdir(strPath.c_str(), 0777) == 0)
+        if (stat(strPath.c_str(), &status) == 0 || mkdir(strPath.c_str(), a_mode) == 0)
             return true;
     }
     return errno == ENOENT ? PosixFail(PLAT_ERROR_PATHNOTFOUND) : PosixFailErrno();
+}
+
+bool PlatFolderCreate(const char16_t* a_wszPath)
+{
+    return CreateFolder(a_wszPath, 0777);
+}
+
+bool PlatFolderCreatePrivate(const char16_t* a_wszPath)
+{
+    return CreateFolder(a_wszPath, 0700);
 }
 
 bool PosixDeleteFolder(int a_iFolder, const std::string& a_strName)

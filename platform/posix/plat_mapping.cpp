@@ -46,8 +46,13 @@ bool PlatMappingFlush(void* a_pvView, size_t a_sizetView)
     return msync(a_pvView, a_sizetView, MS_SYNC) == 0 || PosixFailErrno();
 }
 
+static std::atomic<uintptr_t> g_uKept{0};   // the view of PlatMappingKeep
+static std::atomic<size_t> g_sizetKept{0};
+
 bool PlatMappingRelease(void* a_pvView, size_t a_sizetView)
 {
+    if (reinterpret_cast<uintptr_t>(a_pvView) == g_uKept.load())
+        g_sizetKept.store(0);
     return munmap(a_pvView, a_sizetView) == 0 || PosixFailErrno();
 }
 
@@ -99,6 +104,12 @@ static void PassOn(int a_iSignal, siginfo_t* a_psiginfo, void* a_pvContext)
     pthread_sigmask(SIG_SETMASK, &sigsetBefore, nullptr);
 }
 
+static bool PutEmpty(void* a_pvPage, size_t a_sizetBytes)
+{
+    return mmap(a_pvPage, a_sizetBytes, PROT_READ | PROT_WRITE, MAP_PRIVATE | MAP_ANONYMOUS | MAP_FIXED, -1, 0) !=
+           MAP_FAILED;
+}
+
 // Puts an empty page where a touched one of the view has gone.
 static void FillGap(int a_iSignal, siginfo_t* a_psiginfo, void* a_pvContext)
 {
@@ -106,10 +117,10 @@ static void FillGap(int a_iSignal, siginfo_t* a_psiginfo, void* a_pvContext)
     const auto uAddress = reinterpret_cast<uintptr_t>(a_psiginfo->si_addr);
     const bool blSent = a_psiginfo->si_code <= 0;
     void* const pvPage = static_cast<char*>(a_psiginfo->si_addr) - uAddress % g_uPage;
-    const bool blFilled =
-        !blSent && uAddress - t_guardedview.uBegin < t_guardedview.sizetView &&
-        mmap(pvPage, g_uPage, PROT_READ | PROT_WRITE, MAP_PRIVATE | MAP_ANONYMOUS | MAP_FIXED, -1, 0) != MAP_FAILED;
-    t_guardedview.blCut |= blFilled;
+    const bool blOfThread = uAddress - t_guardedview.uBegin < t_guardedview.sizetView;
+    const bool blKept = uAddress - g_uKept.load() < g_sizetKept.load();
+    const bool blFilled = !blSent && (blOfThread || blKept) && PutEmpty(pvPage, g_uPage);
+    t_guardedview.blCut |= blFilled && blOfThread;
     if (!blFilled)
         PassOn(a_iSignal, a_psiginfo, a_pvContext);
     errno = iError;
@@ -124,10 +135,15 @@ static bool InstallFillGap()
     return sigaction(SIGBUS, nullptr, &g_actionBefore) == 0 && sigaction(SIGBUS, &action, nullptr) == 0;
 }
 
+static void NeedFillGap()
+{
+    [[maybe_unused]] static const bool g_blInstalled = InstallFillGap();
+}
+
 // The fences keep the compiler from moving what is guarded out of the guard.
 void PlatMappingGuard(const void* a_pvView, size_t a_sizetView)
 {
-    [[maybe_unused]] static const bool g_blInstalled = InstallFillGap();
+    NeedFillGap();
     t_guardedview = {reinterpret_cast<uintptr_t>(a_pvView), a_sizetView};
     std::atomic_signal_fence(std::memory_order_seq_cst);
 }
@@ -137,6 +153,20 @@ bool PlatMappingUnguard()
     std::atomic_signal_fence(std::memory_order_seq_cst);
     t_guardedview.sizetView = 0;
     return !t_guardedview.blCut;
+}
+
+static void EmptyKeptInChild()
+{
+    if (const size_t sizetKept = g_sizetKept.load())
+        PutEmpty(reinterpret_cast<void*>(g_uKept.load()), sizetKept);
+}
+
+void PlatMappingKeep(void* a_pvView, size_t a_sizetView)
+{
+    [[maybe_unused]] static const int g_iHooked = pthread_atfork(nullptr, nullptr, EmptyKeptInChild);
+    NeedFillGap();
+    g_uKept.store(reinterpret_cast<uintptr_t>(a_pvView));
+    g_sizetKept.store(a_sizetView);
 }
 
 // --------------------------------------------------------------------------------------------------- memory files

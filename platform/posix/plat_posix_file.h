@@ -65,7 +65,8 @@ constexpr bool PosixIsReadOnly(mode_t a_mode)
 
 // For a path that somebody else has named: opens as the flags of PlatFileOpen in a_u32Guard want it, -1 with errno
 // otherwise, and looks at what was opened.
-inline constexpr uint32_t POSIX_OPEN_GUARDS = PLAT_OPEN_NOLINK | PLAT_OPEN_NOLINKS | PLAT_OPEN_OWNFOLDER;
+inline constexpr uint32_t POSIX_OPEN_GUARDS =
+    PLAT_OPEN_NOLINK | PLAT_OPEN_NOLINKS | PLAT_OPEN_OWNFOLDER | PLAT_OPEN_OWNPLACE;
 int PosixOpenGuarded(const std::string& a_strPath, int a_iFlags, uint32_t a_u32Guard, mode_t a_modeNew);
 bool PosixGuardAdmits(const struct stat& a_status, uint32_t a_u32Guard, bool a_blFolder);
 

@@ -8,6 +8,7 @@
 #include "os_cosenv.h"
 #include "os_cosfile.h"
 #include "os_cosfile_system.h"
+#include "os_cosmem.h"
 #include "os_cospath.h"
 #include "os_cosstring.h"
 #include "os_costime.h"
@@ -309,7 +310,11 @@ EOSSTS COsCfgImpl::WriteReport()
     if (!CreateFolderOf(szPath))
         return EOSSTS_CANNOTCREATE;
     OsFileSetNoCreate(true);
-    const ScopeGuard create([] { OsFileSetNoCreate(false); });
+    OsMemSetTrace(false);   // some thousand lines, before the first of the application
+    const ScopeGuard create([] {
+        OsFileSetNoCreate(false);
+        OsMemSetTrace(true);
+    });
 
     COsFile osfile;
     if (const EOSSTS eossts = osfile.Open(szPath, OS_FILEOPEN_ALWAYS, OS_FILEACCESS_WRITE, OS_FILESHARE_EXCLUSIVE);

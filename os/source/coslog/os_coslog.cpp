@@ -83,7 +83,10 @@ void COsLog::VPrintf(const char* a_szFile, uint32_t a_u32Line, uint32_t a_u32Lev
 
 uint32_t COsLog::WorkingWord() const
 {
-    return m_poslogimpl ? m_poslogimpl->WorkingWord() : 0;
+    if (!m_poslogimpl)
+        return 0;
+    m_poslogimpl->TakeWish();
+    return m_poslogimpl->WorkingWord();
 }
 
 void COsLog::SetWorkingWord(uint32_t a_u32Flags)
@@ -100,6 +103,11 @@ const char* COsLog::LogFile() const
 bool COsLog::UsesCollector() const
 {
     return m_poslogimpl && m_poslogimpl->UsesCollector();
+}
+
+OsLogHealth COsLog::Health() const
+{
+    return m_poslogimpl ? m_poslogimpl->Health() : OsLogHealth{};
 }
 
 void COsLog::TakeCollector(COsLogCollector* a_poslogcollector)
@@ -175,8 +183,14 @@ void COsLogImpl::SetStateFromEnvironment()
     OsLogSetState(blAllowed ? OS_LOGSTATE_NOTSTARTED : OS_LOGSTATE_OFF);
 }
 
-void COsLogImpl::LogLastLines() const
+COsLogImpl::~COsLogImpl()
 {
+    COsLogStatusOwn::Get().Close(OS_LOGSTATUS_LOGS);
+}
+
+void COsLogImpl::LogLastLines()
+{
+    TellLost();
     if (WorkingWord() != 0)
         OSLOG(OS_LOG_NOTE, "mem>>> stack:%llu", static_cast<unsigned long long>(OsLogStackSize()));
     OsMemLogUsage(g_szSource, static_cast<uint32_t>(__LINE__));
@@ -202,6 +216,7 @@ void COsLogImpl::Start(const char* a_szLogFile, uint32_t a_u32Flags, const char*
     if (OsLogGetState() != OS_LOGSTATE_OFF)
         m_osloghold.Move(LogFile());
     const Collector collector = StartCollector();
+    OpenStatus();
     OsLogSetState(OS_LOGSTATE_ALLOW);
     const bool blMilestones = WorkingWord() != 0;
     if (blMilestones && collector == Collector::Private)
@@ -242,6 +257,43 @@ void COsLogImpl::SetFlags(uint32_t a_u32Flags, uint32_t a_u32TakenOut)
         m_blLevel32 = true;
     m_blMilestones = (a_u32Flags & OS_LOGFLAG_MILESTONES) != 0;
     SetWorkingWord(a_u32Flags & ~a_u32TakenOut);
+}
+
+void COsLogImpl::SetWorkingWord(uint32_t a_u32Flags)
+{
+    m_u32WorkingWord.store(a_u32Flags, std::memory_order_relaxed);
+    const uint32_t u32Level32 = m_blLevel32.load(std::memory_order_relaxed) ? OS_LOGFLAG_LEVEL32 : 0;
+    COsLogStatusOwn::Get().Record().u32Flags.store(a_u32Flags | u32Level32, std::memory_order_relaxed);
+}
+
+// -------------------------------------------------------------------------------------------------------- status
+
+// The process tells what it logs as soon as it does, and no process does that was told to log nothing.
+void COsLogImpl::OpenStatus()
+{
+    if (OsLogGetState() == OS_LOGSTATE_OFF)
+        return;
+    COsLogStatusOwn& oslogstatusown = COsLogStatusOwn::Get();
+    oslogstatusown.Open(OS_LOGSTATUS_LOGS, m_szUniqueName);
+    oslogstatusown.Record().u64Wish = 0;
+    m_u64Wish = 0;
+    oslogstatusown.PutLogFile(LogFile());
+    if (const OsCollectorIdentity oscollectoridentity = OsArgumentsCollector(); UsesCollector())
+        oslogstatusown.PutCollector(oscollectoridentity.i32Port, oscollectoridentity.u64ProcessIdApplication);
+    m_osloghealth.SetWhere(UsesCollector() ? OS_LOGWHERE_COLLECTOR : OS_LOGWHERE_OWNFILE);
+    m_osloghealth.Publish();
+    SetWorkingWord(WorkingWord());
+}
+
+// One thread makes the change. A wish that has gone, with its file, leaves the flags as they are.
+void COsLogImpl::TakeWish(uint64_t a_u64Wish)
+{
+    uint64_t u64Before = m_u64Wish.load();
+    if (u64Before == a_u64Wish || !m_u64Wish.compare_exchange_strong(u64Before, a_u64Wish) || a_u64Wish == 0)
+        return;
+    m_blLevel32 = false;
+    m_blFlushEvery = false;
+    SetFlags(static_cast<uint32_t>(a_u64Wish), g_u32FlagsTakenOut);
 }
 
 // True when it has connected to the application's own collector.

@@ -12,17 +12,20 @@
 #include "os_scope.h"
 
 #include "plat_thread.h"
+#include "plat_types.h"
 
 #include <algorithm>
 #include <new>
+
+static constexpr char g_szSource[] = "os/source/os_coslog";
 
 static constexpr uint32_t g_u32CheckModeTell = 0x2;
 static constexpr uint32_t g_u32LevelsFlushed = 0x51;
 
 void COsLogImpl::Log(const OsLogCall& a_oslogcall, va_list a_valist)
 {
-    if (Passes(a_oslogcall))
-        LogLine(a_oslogcall, a_valist);
+    if (Passes(a_oslogcall) && LogLine(a_oslogcall, a_valist) && m_osloghealth.IsOwed())
+        TellLost();
     if (a_oslogcall.u32Level == OS_LOG_CHECK && m_u32CheckMode != 0)
         CheckFailed(a_oslogcall);
 }
@@ -31,6 +34,7 @@ void COsLogImpl::Log(const OsLogCall& a_oslogcall, va_list a_valist)
 
 bool COsLogImpl::Passes(const OsLogCall& a_oslogcall)
 {
+    TakeWish();
     return m_oslogdestination.Path()->blLogs && LevelPasses(a_oslogcall.u32Level) && FilterPasses(a_oslogcall) &&
            StateAllows();
 }
@@ -47,10 +51,17 @@ bool COsLogImpl::StateAllows()
     int iState = OsLogGetState();
     while (iState == OS_LOGSTATE_SUPPRESSED && m_osloglockFirst.IsHeld())
     {
-        if (m_oslogslots.IsInside() || !m_osloglockFirst.Wait(OS_LOGFIRSTTIMEOUT))
+        if (m_oslogslots.IsInside() || m_osloglockFirst.IsOwn())
             return false;
+        if (!m_osloglockFirst.Wait(OS_LOGFIRSTTIMEOUT))
+        {
+            m_osloghealth.Lost(OS_LOGLOST_TIMEOUT);
+            return false;
+        }
         iState = OsLogGetState();
     }
+    if (iState == OS_LOGSTATE_OFF)
+        m_osloghealth.LostWhileOff();
     // The lock may have been let go, and the state with it, after the first look at the state.
     return (iState == OS_LOGSTATE_SUPPRESSED ? OsLogGetState() : iState) == OS_LOGSTATE_ON;
 }
@@ -74,18 +85,23 @@ bool COsLogImpl::LevelPasses(uint32_t a_u32Level) const
 
 // ------------------------------------------------------------------------------------------------------ the line
 
-void COsLogImpl::LogLine(const OsLogCall& a_oslogcall, va_list a_valist)
+// True: it has got somewhere.
+bool COsLogImpl::LogLine(const OsLogCall& a_oslogcall, va_list a_valist)
 {
     const OsLogKeepError oslogkeeperror;
     const PlatThreadDeferral platthreaddeferral;
-    OsLogSlot* const poslogslot = m_oslogslots.Enter(m_sizetInitialBuffer);
+    EOSLOGLOST eosloglost = OS_LOGLOST_LAST;
+    OsLogSlot* const poslogslot = m_oslogslots.Enter(m_sizetInitialBuffer, eosloglost);
     if (!poslogslot)
-        return;
+    {
+        if (eosloglost != OS_LOGLOST_LAST)
+            m_osloghealth.Lost(eosloglost);
+        return false;
+    }
     const ScopeGuard leave([this, poslogslot] { Leave(*poslogslot); });
 
     Describe(*poslogslot, a_oslogcall, oslogkeeperror.Error());
-    if (Prepare(*poslogslot))
-        WriteLine(*poslogslot, a_oslogcall.szFormat, a_valist);
+    return Prepare(*poslogslot) && WriteLine(*poslogslot, a_oslogcall.szFormat, a_valist);
 }
 
 void COsLogImpl::Describe(OsLogSlot& a_oslogslot, const OsLogCall& a_oslogcall, uint32_t a_u32LastError)
@@ -105,38 +121,43 @@ void COsLogImpl::Describe(OsLogSlot& a_oslogslot, const OsLogCall& a_oslogcall, 
     a_oslogslot.osloglinetime.Take();
 }
 
-void COsLogImpl::WriteLine(OsLogSlot& a_oslogslot, const char* a_szFormat, va_list a_valist)
+bool COsLogImpl::WriteLine(OsLogSlot& a_oslogslot, const char* a_szFormat, va_list a_valist)
 {
-    if (!FormatMessage(a_oslogslot, a_szFormat, a_valist))
-        return;
+    if (const EOSLOGLOST eosloglost = FormatMessage(a_oslogslot, a_szFormat, a_valist); eosloglost != OS_LOGLOST_LAST)
+    {
+        m_osloghealth.Lost(eosloglost);
+        return false;
+    }
     char* const szMessage = a_oslogslot.Message();
     szMessage[a_oslogslot.sizetMessage++] = '\r';
     szMessage[a_oslogslot.sizetMessage++] = '\n';
     a_oslogslot.blDeterministic = (WorkingWord() & OS_LOGFLAG_DETERMINISTIC) != 0;
-    m_oslogdestination.Write(a_oslogslot);
+    return m_oslogdestination.Write(a_oslogslot);
 }
 
-bool COsLogImpl::FormatMessage(OsLogSlot& a_oslogslot, const char* a_szFormat, va_list a_valist)
+// OS_LOGLOST_LAST: it is formatted. Without memory the logging goes off.
+EOSLOGLOST COsLogImpl::FormatMessage(OsLogSlot& a_oslogslot, const char* a_szFormat, va_list a_valist)
 {
     const auto format = [&] { return OsFormat(a_oslogslot.Message(), a_oslogslot.sizetBuffer, a_szFormat, a_valist); };
     const int iLength = format();
     if (iLength < 0)
     {
         LogTellFormatFailed("LogSStrPrintf", a_oslogslot.szBuffer, a_oslogslot.sizetBuffer, a_szFormat);
-        return false;
+        return OS_LOGLOST_FORMAT;
     }
     const auto sizetLength = static_cast<size_t>(iLength);
     a_oslogslot.sizetMessage = sizetLength;
     if (sizetLength + OS_LOGMARGIN < a_oslogslot.sizetBuffer)
-        return true;
+        return OS_LOGLOST_LAST;
     if (!a_oslogslot.SetBuffer(sizetLength + OS_LOGMARGIN + OS_LOGGROWTH))
     {
+        m_osloghealth.GoneOff(OS_LOGLOST_MEMORY);
         OsLogSetState(OS_LOGSTATE_OFF);
-        return false;
+        return OS_LOGLOST_MEMORY;
     }
     // A text that another thread changes meanwhile may have grown: it is cut at the room that was made for it.
     a_oslogslot.sizetMessage = std::min(static_cast<size_t>(std::max(format(), 0)), sizetLength);
-    return true;
+    return OS_LOGLOST_LAST;
 }
 
 // A failed check inside the logger has asked for a flush: it is done while the thread still counts as inside.
@@ -146,6 +167,17 @@ void COsLogImpl::Leave(OsLogSlot& a_oslogslot)
     if (a_oslogslot.blFlushWanted.exchange(false))
         m_oslogdestination.FlushKept();
     m_oslogslots.Leave(a_oslogslot);
+}
+
+// A line like any other, behind the first that got through. If it is lost as well, all is told later.
+void COsLogImpl::TellLost()
+{
+    char szLost[OS_PATHSIZE];
+    if (m_oslogslots.IsInside() || !m_osloghealth.TakeOwed(szLost, sizeof szLost))
+        return;
+    const uint64_t u64Written = m_osloghealth.Tell().u64Written;
+    OSLOG(OS_LOG_ERROR, "lines were lost...%s", szLost);
+    m_osloghealth.Settle(m_osloghealth.Tell().u64Written != u64Written);
 }
 
 // ------------------------------------------------------------------------------------------------- before the line
@@ -172,6 +204,8 @@ bool COsLogImpl::Open(OsLogSlot& a_oslogslot)
 bool COsLogImpl::PrepareFirst(OsLogSlot& a_oslogslot)
 {
     const OsLogGuard oslogguard(m_osloglockFirst, OS_LOGFIRSTTIMEOUT);
+    if (!oslogguard.Held())
+        m_osloghealth.Lost(OS_LOGLOST_TIMEOUT);
     if (!oslogguard.Held() || !FolderIsThere(a_oslogslot))
         return false;
     a_oslogslot.poslogpath = m_oslogdestination.Path();
@@ -193,6 +227,8 @@ bool COsLogImpl::FolderIsThere(const OsLogSlot& a_oslogslot)
     const bool blFound = !*szFolder || OsFileExists(szFolder);
     if (blFound)
         m_blFolderFound = true;
+    else
+        m_osloghealth.Lost(OS_LOGLOST_FILE, PLAT_ERROR_PATHNOTFOUND, a_oslogslot.poslogpath->szLogFile);
     return blFound;
 }
 
@@ -216,6 +252,7 @@ void COsLogImpl::Redirect(OsLogSlot& a_oslogslot)
     m_oslogdestination.SetPath(szLogFile, a_oslogslot.poslogpath->blHeaderPending,
                                a_oslogslot.poslogpath->i32LineCounter);
     a_oslogslot.poslogpath = m_oslogdestination.Path();
+    COsLogStatusOwn::Get().PutLogFile(szLogFile);
     m_osloghold.MoveIntoLogFolder(szLogFile);
 }
 

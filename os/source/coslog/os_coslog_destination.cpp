@@ -236,7 +236,9 @@ bool COsLogDestination::Open(OsLogSlot& a_oslogslot)
 {
     if (UsesCollector() || OpenFile(a_oslogslot))
         return true;
-    a_oslogslot.poslogpath->TakeNumber();
+    OsLogPath& oslogpath = *a_oslogslot.poslogpath;
+    oslogpath.TakeNumber();
+    m_osloghealth.Lost(OS_LOGLOST_FILE, oslogpath.u32OpenError, oslogpath.File());
     return false;
 }
 
@@ -261,22 +263,38 @@ bool COsLogDestination::OpenFile(OsLogSlot& a_oslogslot)
             m_osloghold.Renew();
         return true;
     }
+    oslogpath.u32OpenError = PlatGetLastError();
     if (!m_blWritten.load(std::memory_order_relaxed))
+    {
+        m_osloghealth.GoneOff(OS_LOGLOST_FILE, oslogpath.u32OpenError);
         OsLogSetState(OS_LOGSTATE_OFF);
+    }
     oslogpath.u64OpenAgain = PlatTicks() + g_u64OpenAgain;
     return false;
 }
 
 // ------------------------------------------------------------------------------------------------------ write-out
 
-void COsLogDestination::Write(OsLogSlot& a_oslogslot)
+bool COsLogDestination::Write(OsLogSlot& a_oslogslot)
 {
-    const int32_t i32Number = a_oslogslot.poslogpath->TakeNumber();
+    OsLogPath& oslogpath = *a_oslogslot.poslogpath;
+    const int32_t i32Number = oslogpath.TakeNumber();
     const bool blSent = !a_oslogslot.poslogfile && Send(a_oslogslot.Line(i32Number));
-    const bool blWritten =
-        blSent || ((a_oslogslot.poslogfile || OpenFile(a_oslogslot)) && WriteFile(a_oslogslot, i32Number));
-    if (blWritten && !m_blWritten.load(std::memory_order_relaxed))
+    const bool blOpen = blSent || a_oslogslot.poslogfile || OpenFile(a_oslogslot);
+    if (!blOpen)
+    {
+        m_osloghealth.Lost(OS_LOGLOST_FILE, oslogpath.u32OpenError, oslogpath.File());
+        return false;
+    }
+    if (!blSent && !WriteFile(a_oslogslot, i32Number))
+    {
+        m_osloghealth.Lost(OS_LOGLOST_WRITE, PlatGetLastError(), oslogpath.File());
+        return false;
+    }
+    m_osloghealth.Wrote(blSent ? OS_LOGWHERE_COLLECTOR : OS_LOGWHERE_OWNFILE);
+    if (!m_blWritten.load(std::memory_order_relaxed))
         m_blWritten = true;
+    return true;
 }
 
 // The call's line behind what has to precede it. The system orders what is appended, but between a line that is cut and
@@ -335,14 +353,16 @@ static uint32_t OwedAfter(size_t a_sizetWritten, size_t a_sizetLine)
     return a_sizetWritten + 1 == a_sizetLine ? OsLogPath::OS_LINEFEED : OsLogPath::OS_LINEEND;
 }
 
-// A disk that is full takes a part. What is written when there is room again begins a line of its own.
+// A disk that is full takes a part. What is written when there is room again begins a line of its own; of a line that
+// is there but for its last byte nothing is lost.
 bool COsLogDestination::Append(OsLogSlot& a_oslogslot, std::span<char> a_spanLine)
 {
     size_t sizetWritten = 0;
     if (PlatAppendWrite(a_oslogslot.poslogfile->plathandle, a_spanLine.data(), a_spanLine.size(), &sizetWritten))
         return true;
-    a_oslogslot.poslogpath->u32Owed |= OwedAfter(sizetWritten, a_spanLine.size());
-    return false;
+    const uint32_t u32Owed = OwedAfter(sizetWritten, a_spanLine.size());
+    a_oslogslot.poslogpath->u32Owed |= u32Owed;
+    return u32Owed == OsLogPath::OS_LINEFEED;
 }
 
 void COsLogDestination::Owe(OsLogPath& a_oslogpath, const std::string& a_strUnsent)
@@ -395,9 +415,9 @@ bool COsLogDestination::AppendBehindEnd(OsLogSlot& a_oslogslot, std::span<char> 
     const bool blWritten = PlatAppendWrite(a_oslogslot.poslogfile->plathandle, pch, sizetBytes, &sizetWritten);
     if (sizetWritten)
         u32Owed &= ~g_u32Ends;
-    if (!blWritten)
-        u32Owed |= OwedAfter(sizetWritten, sizetBytes);
-    return blWritten;
+    const uint32_t u32OwedNow = blWritten ? 0 : OwedAfter(sizetWritten, sizetBytes);
+    u32Owed |= u32OwedNow;
+    return blWritten || u32OwedNow == OsLogPath::OS_LINEFEED;
 }
 
 // ---------------------------------------------------------------------------------------------------------- flush

@@ -10,6 +10,7 @@
 #pragma once
 
 #include "os_coslog_file.h"
+#include "os_coslog_health.h"
 #include "os_coslog_hold.h"
 #include "os_coslog_lock.h"
 #include "os_coslog_slots.h"
@@ -54,6 +55,7 @@ struct OsLogPath
     std::atomic<uint32_t> u32Owed;
     std::string strUnsent;                // behind room for a line end
     std::atomic<uint64_t> u64OpenAgain;   // ticks; the file could not be opened and is not tried before
+    std::atomic<uint32_t> u32OpenError;   // why
     OsLogFile* poslogfile;                // under the lock; null when it is not open
 };
 
@@ -70,7 +72,10 @@ struct OsLogClient
 class COsLogDestination
 {
 public:
-    explicit COsLogDestination(COsLogHold& a_osloghold) : m_osloghold(a_osloghold) {}
+    COsLogDestination(COsLogHold& a_osloghold, COsLogHealth& a_osloghealth)
+        : m_osloghold(a_osloghold), m_osloghealth(a_osloghealth)
+    {
+    }
     ~COsLogDestination();
     COsLogDestination(const COsLogDestination&) = delete;
     COsLogDestination& operator=(const COsLogDestination&) = delete;
@@ -93,8 +98,8 @@ public:
     // number, so that the gap shows, and the file is tried again with a later line.
     bool Open(OsLogSlot& a_oslogslot);
 
-    // Numbers the slot's message and writes it, whole, or loses it. A lost line's number is not used again.
-    void Write(OsLogSlot& a_oslogslot);
+    // Numbers the slot's message and writes it, whole, or loses it (false). A lost line's number is not used again.
+    bool Write(OsLogSlot& a_oslogslot);
 
     // Lets go of what the call had open.
     static void Close(OsLogSlot& a_oslogslot) { OsLogFile::Release(std::exchange(a_oslogslot.poslogfile, nullptr)); }
@@ -129,6 +134,7 @@ private:
     std::atomic<bool> m_blWritten{false};                // a line has got somewhere
 
     COsLogHold& m_osloghold;
+    COsLogHealth& m_osloghealth;
     OsLogPath m_oslogpathNone = {};
     OsLogLock m_osloglock;                      // the list of paths, and the files that they keep open
     std::unique_ptr<OsLogPath> m_uniquePaths;   // all that were used

@@ -19,6 +19,11 @@ bool OsLogLock::Acquire(uint32_t a_u32Milliseconds)
     return true;
 }
 
+bool OsLogLock::IsOwn() const
+{
+    return m_u64Owner.load(std::memory_order_relaxed) == PlatThreadId();
+}
+
 bool OsLogLock::Wait(uint32_t a_u32Milliseconds) const
 {
     const uint64_t u64Begin = PlatTicks();

@@ -16,6 +16,8 @@ public:
 
     bool IsHeld() const { return m_u64Owner.load(std::memory_order_acquire) != 0; }
 
+    bool IsOwn() const;   // the calling thread holds it
+
     // Waits until no other thread holds it. False when it is still held then, or when the calling thread holds it.
     bool Wait(uint32_t a_u32Milliseconds) const;
 

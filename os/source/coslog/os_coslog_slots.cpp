@@ -131,7 +131,7 @@ void COsLogSlots::Reclaim()
     }
 }
 
-OsLogSlot* COsLogSlots::Enter(size_t a_sizetBuffer)
+OsLogSlot* COsLogSlots::Enter(size_t a_sizetBuffer, EOSLOGLOST& a_eosloglost)
 {
     const uint64_t u64ThreadId = PlatThreadId();
     for (;;)
@@ -140,7 +140,10 @@ OsLogSlot* COsLogSlots::Enter(size_t a_sizetBuffer)
         if (!poslogslot)
             poslogslot = Claim(u64ThreadId);
         if (!poslogslot)
+        {
+            a_eosloglost = OS_LOGLOST_THREADS;
             return nullptr;
+        }
 
         uint32_t u32Busy = OsLogSlot::OS_IDLE;
         if (!poslogslot->u32Busy.compare_exchange_strong(u32Busy, OsLogSlot::OS_INSIDE, std::memory_order_acquire))
@@ -158,6 +161,7 @@ OsLogSlot* COsLogSlots::Enter(size_t a_sizetBuffer)
         if (blMine)
         {
             u64Holder.store(0, std::memory_order_release);
+            a_eosloglost = OS_LOGLOST_MEMORY;
             return nullptr;
         }
     }

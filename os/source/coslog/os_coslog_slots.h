@@ -7,6 +7,7 @@
 
 #include "os_coslog_file.h"
 #include "os_coslogline.h"
+#include "os_coslogstatus.h"
 #include "os_types.h"
 
 #include <atomic>
@@ -65,8 +66,8 @@ public:
     COsLogSlots& operator=(const COsLogSlots&) = delete;
 
     // The calling thread's slot, taken and with a buffer of at least a_sizetBuffer. Null when the thread is inside
-    // already, or when there is no slot or no memory for it.
-    OsLogSlot* Enter(size_t a_sizetBuffer);
+    // already, or when there is no slot or no memory for it, which a_eosloglost then tells.
+    OsLogSlot* Enter(size_t a_sizetBuffer, EOSLOGLOST& a_eosloglost);
     void Leave(OsLogSlot& a_oslogslot) { a_oslogslot.u32Busy.store(OsLogSlot::OS_IDLE, std::memory_order_release); }
 
     // The slot of a thread that has logged and is not inside, taken as by Enter; otherwise null. A thread that is

@@ -3,6 +3,7 @@
 
 #include "os_cosenv.h"
 #include "os_coslogcollector_announcement.h"
+#include "os_coslogstatus_own.h"
 #include "os_cosstring.h"
 #include "os_new.h"
 #include "os_scope.h"
@@ -61,7 +62,19 @@ EOSSTS COsLogCollectorServer::Start(const char*, bool a_blCheckOther)
     }
     freeOnFailure.Dismiss();
     StartMonitors();
+    OpenStatus();
     return EOSSTS_SUCCESS;
+}
+
+// Nobody waits for it any more: the port has been told.
+void COsLogCollectorServer::OpenStatus()
+{
+    if (m_blPrivate && !m_blListening)
+        return;
+    COsLogStatusOwn& oslogstatusown = COsLogStatusOwn::Get();
+    oslogstatusown.Open(OS_LOGSTATUS_COLLECTS, nullptr);
+    oslogstatusown.PutCollector(StrToInt32(m_szPort), m_u64ProcessIdApplication);
+    m_blStatus = true;
 }
 
 bool COsLogCollectorServer::CreateServiceObjects()

@@ -52,6 +52,7 @@ public:
 private:
     // Start.
     void ChooseSharedPort();
+    void OpenStatus();
     bool CreateServiceObjects();
     void FreeServiceObjects();
 
@@ -83,6 +84,7 @@ private:
     bool IsNamed(const OsLcCommand& a_oslccommand) const;
 
     // Stop.
+    void CloseStatus();
     void StopAccepting();
     void StopReaders();
     std::vector<COsThread*> CancelReaders();
@@ -107,4 +109,5 @@ private:
     std::atomic<bool> m_blServed{false};   // a stream has ended that was ours, or may have been
     bool m_blListening = false;            // a private collector, whose listener is there before its accept thread
     bool m_blStraggler = false;
+    bool m_blStatus = false;   // the status file tells of it
 };

@@ -3,12 +3,14 @@
 #include "os_coslogcollector_server.h"
 
 #include "os_cosfile_system.h"
+#include "os_coslogstatus_own.h"
 #include "os_cosstring.h"
 #include "os_new.h"
 
 #include "plat_wait.h"
 
 #include <algorithm>
+#include <utility>
 #include <vector>
 
 static constexpr char g_szSource[] = "os/source/os_coslogcollector";
@@ -30,6 +32,16 @@ void COsLogCollectorServer::Stop(char* a_szFolder, size_t a_sizetFolder)
     OSMEMDELETE(m_possyncStop);
     OSMEMDELETE(m_possocketListen);
     ReportFolder(a_szFolder, a_sizetFolder);
+    CloseStatus();
+}
+
+// Also removes what killed processes have left.
+void COsLogCollectorServer::CloseStatus()
+{
+    if (!std::exchange(m_blStatus, false))
+        return;
+    COsLogStatusOwn::Get().Close(OS_LOGSTATUS_COLLECTS);
+    OsLogStatusList(nullptr, nullptr, true);
 }
 
 void COsLogCollectorServer::StopAccepting()

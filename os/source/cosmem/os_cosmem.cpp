@@ -277,6 +277,18 @@ COsMemImpl::Block COsMemImpl::Obtain(size_t a_sizetBytes, uint32_t a_u32Flags)
     return {pvBlock, pvBlock ? sizetSize : 0, eosmemtype};
 }
 
+static thread_local bool t_blSilent = false;
+
+void OsMemSetTrace(bool a_blTrace)
+{
+    t_blSilent = !a_blTrace;
+}
+
+static bool IsTraced()
+{
+    return !t_blSilent && OsLogWorkingWord() != 0;
+}
+
 static void TraceAlloc(const COsMemImpl::Block& a_block, const COsMem::Counts& a_counts,
                        const OsMemCaller& a_osmemcaller, uint32_t a_u32Flags)
 {
@@ -299,7 +311,7 @@ void* COsMemImpl::Alloc(size_t a_sizetBytes, const OsMemCaller& a_osmemcaller, u
     const COsMem::Counts counts = blPassing ? CountPassing(block) : Track(block);
     ValidateHeap("after allocation", a_osmemcaller);
 
-    if (OsLogWorkingWord() != 0)
+    if (IsTraced())
         TraceAlloc(block, counts, a_osmemcaller, a_u32Flags);
     if (!block.pvAddress)
         ReportFailure(a_osmemcaller);
@@ -342,7 +354,7 @@ void* OsMemAlloc(size_t a_sizetBytes, const char* a_szFile, uint32_t a_u32Line, 
 static void TraceFree(const OsMemRecord& a_osmemrecord, const COsMem::Counts& a_counts,
                       const OsMemCaller& a_osmemcaller, uint32_t a_u32Flags)
 {
-    if (OsLogWorkingWord() == 0)
+    if (!IsTraced())
         return;
     OSLOG_AT(a_osmemcaller.szFile, a_osmemcaller.u32Line, a_u32Flags & 0xFFF,
              "mem>>> %c-%s AD:%p   SZ:%-9llu  AC:%-6d  FC:%-6d  CC:%-6d  CB:%-9llu  PB:%-9llu  FN:%s",

@@ -1,0 +1,184 @@
+// os_coslogstatus_own.cpp: making, mapping, changing and removing this process's status file.
+#include "os_coslogstatus_own.h"
+
+#include "os_cosarguments.h"
+#include "os_cosfile_paths.h"
+#include "os_cosfile_system.h"
+#include "os_cosstring.h"
+#include "os_scope.h"
+
+#include "plat_file.h"
+#include "plat_process.h"
+#include "plat_system.h"
+
+#include <cstring>
+#include <type_traits>
+
+namespace
+{
+// The thread's last error stays as it was: it stands in log lines.
+class KeepError
+{
+public:
+    KeepError() = default;
+    ~KeepError() { PlatSetLastError(m_u32Error); }
+    KeepError(const KeepError&) = delete;
+    KeepError& operator=(const KeepError&) = delete;
+
+private:
+    uint32_t m_u32Error = PlatGetLastError();
+};
+}   // namespace
+
+constinit OsLogStatusRecord COsLogStatusOwn::m_oslogstatusrecordNone = {};
+
+// A thread may log before the program's objects are made and after they have gone.
+constinit COsLogStatusOwn COsLogStatusOwn::m_oslogstatusown;
+static_assert(std::is_trivially_destructible_v<COsLogStatusOwn>);
+
+// ------------------------------------------------------------------------------------------------------- the file
+
+void COsLogStatusOwn::Fill(OsLogStatusRecord& a_oslogstatusrecord, const char* a_szName)
+{
+    std::memcpy(a_oslogstatusrecord.achMagic, OS_LOGSTATUS_MAGIC, sizeof OS_LOGSTATUS_MAGIC);
+    a_oslogstatusrecord.u32Version = OS_LOGSTATUS_VERSION;
+    a_oslogstatusrecord.u32Size = sizeof(OsLogStatusRecord);
+    a_oslogstatusrecord.u64ProcessId = PlatProcessId();
+    PlatProcessStartTime(a_oslogstatusrecord.u64ProcessId, &a_oslogstatusrecord.u64StartTime);
+    a_oslogstatusrecord.u64Since = PlatClock();
+    OsArgumentsProgramPath(a_oslogstatusrecord.szProgram);
+    SStrCpy(a_oslogstatusrecord.szName, sizeof a_oslogstatusrecord.szName, a_szName ? a_szName : "");
+}
+
+// The file is written before it is mapped: a full disk refuses the write, and what is mapped then has room.
+static PlatHandle WriteFile(const char16_t* a_wszPath, const OsLogStatusRecord& a_oslogstatusrecord)
+{
+    alignas(OsLogStatusRecord) char achFile[OS_LOGSTATUS_FILESIZE] = {};
+    std::memcpy(achFile, static_cast<const void*>(&a_oslogstatusrecord), sizeof a_oslogstatusrecord);
+    PlatFileDelete(a_wszPath);   // of a process that had this id before
+    const PlatHandle plathandle = PlatFileOpen(a_wszPath, PLAT_ACCESS_READ | PLAT_ACCESS_WRITE,
+                                               PLAT_SHARE_READ | PLAT_SHARE_WRITE | PLAT_SHARE_DELETE,
+                                               PLAT_DISPOSITION_CREATEALWAYS, PLAT_OPEN_OWNPLACE | PLAT_OPEN_PRIVATE);
+    if (plathandle == PLAT_INVALID || PlatFileWrite(plathandle, achFile, sizeof achFile, nullptr))
+        return plathandle;
+    PlatClose(plathandle);
+    PlatFileDelete(a_wszPath);
+    return PLAT_INVALID;
+}
+
+static bool MakeFolder(char16_t (&a_wszFolder)[OS_WIDEPATHSIZE])
+{
+    char szFolder[OS_PATHSIZE];
+    OsLogStatusFolder(szFolder);
+    if (!*szFolder || !OsPathToSystem(a_wszFolder, OS_WIDEPATHSIZE, szFolder))
+        return false;
+    return PlatFolderCreatePrivate(a_wszFolder) || PlatGetLastError() == PLAT_ERROR_ALREADYEXISTS;
+}
+
+// The view of a file before is released only now: a thread may just have been at it when that went.
+bool COsLogStatusOwn::Map(const char16_t* a_wszPath, const OsLogStatusRecord& a_oslogstatusrecord)
+{
+    const PlatHandle plathandle = WriteFile(a_wszPath, a_oslogstatusrecord);
+    if (plathandle == PLAT_INVALID)
+        return false;
+    const ScopeGuard close([plathandle] { PlatClose(plathandle); });
+    size_t sizetView = OS_LOGSTATUS_FILESIZE;
+    void* const pvView = PlatMappingView(plathandle, 0, true, &sizetView);
+    if (!pvView)
+        return false;
+    if (m_pvView)
+        PlatMappingRelease(m_pvView, m_sizetView);
+    PlatMappingKeep(pvView, sizetView);
+    m_pvView = pvView;
+    m_sizetView = sizetView;
+    m_poslogstatusrecord.store(static_cast<OsLogStatusRecord*>(pvView), std::memory_order_release);
+    return true;
+}
+
+bool COsLogStatusOwn::Make(const char* a_szName)
+{
+    char szPath[OS_PATHSIZE];
+    char16_t wszPath[OS_WIDEPATHSIZE];
+    if (!MakeFolder(wszPath))
+        return false;
+    OsLogStatusPath(szPath, PlatProcessId());
+    if (!*szPath || !OsPathToSystem(wszPath, OS_WIDEPATHSIZE, szPath))
+        return false;
+    OsLogStatusRecord oslogstatusrecord = {};
+    Fill(oslogstatusrecord, a_szName);
+    return Map(wszPath, oslogstatusrecord);
+}
+
+// A process that was forked from another one has an empty record of its own, and no file, until it comes here.
+void COsLogStatusOwn::Open(uint32_t a_u32Kind, const char* a_szName)
+{
+    const std::lock_guard<std::mutex> guard(m_mutex);
+    const KeepError keeperror;
+    if (m_u64ProcessId != PlatProcessId() && !Make(a_szName))
+        return;
+    m_u64ProcessId = PlatProcessId();
+    Record().u32Kind |= a_u32Kind;
+    if (a_szName && *a_szName)
+    {
+        ChangeTexts([&](OsLogStatusRecord& a_oslogstatusrecord) {
+            SStrCpy(a_oslogstatusrecord.szName, sizeof a_oslogstatusrecord.szName, a_szName);
+        });
+    }
+}
+
+void COsLogStatusOwn::Close(uint32_t a_u32Kind)
+{
+    const std::lock_guard<std::mutex> guard(m_mutex);
+    const KeepError keeperror;
+    if (m_u64ProcessId != PlatProcessId())
+        return;
+    if ((Record().u32Kind &= ~a_u32Kind) != 0)
+        return;
+    char szPath[OS_PATHSIZE];
+    char16_t wszPath[OS_WIDEPATHSIZE];
+    OsLogStatusPath(szPath, m_u64ProcessId);
+    if (*szPath && OsPathToSystem(wszPath, OS_WIDEPATHSIZE, szPath))
+        PlatFileDelete(wszPath);
+    m_u64ProcessId = 0;
+    m_poslogstatusrecord.store(&m_oslogstatusrecordNone, std::memory_order_release);
+}
+
+// ---------------------------------------------------------------------------------------------------- what it says
+
+void COsLogStatusOwn::PutCollector(int32_t a_i32Port, uint64_t a_u64ProcessIdApplication)
+{
+    OsLogStatusRecord& oslogstatusrecord = Record();
+    oslogstatusrecord.i32Port.store(a_i32Port, std::memory_order_relaxed);
+    oslogstatusrecord.u64ProcessIdApplication.store(a_u64ProcessIdApplication, std::memory_order_relaxed);
+}
+
+// Nobody waits: a signal handler that logs may have interrupted a change.
+template <class Change>
+bool COsLogStatusOwn::ChangeTexts(Change a_change)
+{
+    if (m_atomicflagTexts.test_and_set(std::memory_order_acquire))
+        return false;
+    OsLogStatusRecord& oslogstatusrecord = Record();
+    oslogstatusrecord.u32Turn.fetch_add(1);
+    std::atomic_thread_fence(std::memory_order_release);
+    a_change(oslogstatusrecord);
+    oslogstatusrecord.u32Turn.fetch_add(1, std::memory_order_release);
+    m_atomicflagTexts.clear(std::memory_order_release);
+    return true;
+}
+
+void COsLogStatusOwn::PutLogFile(const char* a_szLogFile)
+{
+    ChangeTexts([&](OsLogStatusRecord& a_oslogstatusrecord) {
+        SStrCpy(a_oslogstatusrecord.szLogFile, sizeof a_oslogstatusrecord.szLogFile, a_szLogFile);
+    });
+}
+
+void COsLogStatusOwn::PutError(uint32_t a_u32Error, uint64_t a_u64Time, const char* a_szPath)
+{
+    ChangeTexts([&](OsLogStatusRecord& a_oslogstatusrecord) {
+        a_oslogstatusrecord.u32LastError = a_u32Error;
+        a_oslogstatusrecord.u64LastErrorTime = a_u64Time;
+        SStrCpy(a_oslogstatusrecord.szLastErrorPath, sizeof a_oslogstatusrecord.szLastErrorPath, a_szPath);
+    });
+}

@@ -1,0 +1,46 @@
+// os_coslogstatus_own.h: this process's own status file, into which its logger and its collector write.
+#pragma once
+
+#include "os_coslogstatus_record.h"
+
+#include <atomic>
+#include <mutex>
+
+// There is one of the process. What is put is kept nowhere else: without a file it is lost.
+class COsLogStatusOwn
+{
+public:
+    static COsLogStatusOwn& Get() { return m_oslogstatusown; }
+
+    // Makes the file when there is none of this process. a_szName may be null. Any thread.
+    void Open(uint32_t a_u32Kind, const char* a_szName);
+
+    // Takes the kind back; with the last one the file goes.
+    void Close(uint32_t a_u32Kind);
+
+    void PutCollector(int32_t a_i32Port, uint64_t a_u64ProcessIdApplication);
+    void PutLogFile(const char* a_szLogFile);
+    void PutError(uint32_t a_u32Error, uint64_t a_u64Time, const char* a_szPath);
+
+    // What the process is asked for, read at each log call; 0 without a file, and when somebody has cut it.
+    uint64_t Wish() const { return Record().u64Wish.load(std::memory_order_relaxed); }
+
+    // The record that is in force, or one that nobody sees.
+    OsLogStatusRecord& Record() const { return *m_poslogstatusrecord.load(std::memory_order_acquire); }
+
+private:
+    bool Make(const char* a_szName);
+    static void Fill(OsLogStatusRecord& a_oslogstatusrecord, const char* a_szName);
+    bool Map(const char16_t* a_wszPath, const OsLogStatusRecord& a_oslogstatusrecord);
+    template <class Change>
+    bool ChangeTexts(Change a_change);
+
+    static OsLogStatusRecord m_oslogstatusrecordNone;
+    static COsLogStatusOwn m_oslogstatusown;
+    std::mutex m_mutex;
+    std::atomic_flag m_atomicflagTexts;
+    std::atomic<OsLogStatusRecord*> m_poslogstatusrecord{&m_oslogstatusrecordNone};
+    uint64_t m_u64ProcessId = 0;   // whose the file is; that of a parent is not ours
+    void* m_pvView = nullptr;      // the last that was mapped
+    size_t m_sizetView = 0;
+};
