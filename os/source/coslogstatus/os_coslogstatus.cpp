@@ -3,9 +3,9 @@
 #include "os_coslogstatus.h"
 
 #include "os_cfg.h"
-#include "os_cosfile_paths.h"
 #include "os_cosfile_system.h"
 #include "os_coslogstatus_record.h"
+#include "os_cospath.h"
 #include "os_cosstring.h"
 #include "os_scope.h"
 

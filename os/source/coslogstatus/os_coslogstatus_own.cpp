@@ -2,8 +2,8 @@
 #include "os_coslogstatus_own.h"
 
 #include "os_cosarguments.h"
-#include "os_cosfile_paths.h"
 #include "os_cosfile_system.h"
+#include "os_cospath.h"
 #include "os_cosstring.h"
 #include "os_scope.h"
 
