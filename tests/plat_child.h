@@ -26,6 +26,7 @@ public:
                                                 nullptr,
                                                 {aplathandle[0], aplathandle[1], PLAT_INVALID},
                                                 false,
+                                                false,
                                                 false};
         m_plathandle = PlatProcessCreate(&platprocessstart, &m_u64ProcessId);
         EXPECT_NE(m_plathandle, PLAT_INVALID) << PlatGetLastError();

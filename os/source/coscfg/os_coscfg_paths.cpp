@@ -257,6 +257,13 @@ void PathBeside(char* a_szPath, const char* a_szFile, std::initializer_list<cons
     OsCfgPathJoin(a_szPath, a_components);
 }
 
+// A folder may have the name of a program.
+bool IsProgram(const char* a_szPath)
+{
+    OsFileInfo osfileinfo;
+    return OsFileGetInfo(a_szPath, &osfileinfo) == EOSSTS_SUCCESS && osfileinfo.eosfiletype != OS_FILETYPE_FOLDER;
+}
+
 // A program of the family: the installed one, else the one beside the running program, beside the plug-in that the
 // library is in, or installed below the same prefix as the running program (PREFIX/bin, PREFIX/lib). Where there is
 // none, the place beside the running program. Programs end in ".exe" where the running one does.
@@ -270,10 +277,10 @@ void FamilyProgram(char* a_szPath, const char* a_szName)
     SStrPrintf(szFile, sizeof szFile, "%s%s", a_szName, StrEndsWith(szProgram, ".exe", true) ? ".exe" : "");
 
     ResolveBelow(OS_PATH_READABLE_FOLDER_BRAND, a_szPath, {"common", szFile});
-    if (!*szProgram || OsFileExists(a_szPath))
+    if (!*szProgram || IsProgram(a_szPath))
         return;
     PathBeside(a_szPath, szProgram, {szFile});
-    if (OsFileExists(a_szPath))
+    if (IsProgram(a_szPath))
         return;
     char szBin[OS_PATHSIZE];
     char szInPrefix[OS_PATHSIZE];
@@ -282,7 +289,7 @@ void FamilyProgram(char* a_szPath, const char* a_szName)
     PathBeside(szModule, szModule, {szFile});
     for (const char* const szElsewhere : {szModule, szInPrefix})
     {
-        if (OsFileExists(szElsewhere))
+        if (IsProgram(szElsewhere))
             return OsPathCopy(a_szPath, OS_PATHSIZE, szElsewhere);
     }
 }
