@@ -96,7 +96,7 @@ TEST_F(CollectorOfOurs, AThreadEndedInsideASendLeavesTheConnectionToTheOthers)
     const uint64_t u64Begin = PlatTicks();
     for (COsThread& osthread : aosthread)
         osthread.Stop(false, i32Timeout);
-    EXPECT_LT(PlatTicks() - u64Begin, sizetThreads * (i32Timeout + PLAT_TERMINATEWAIT + 200));
+    EXPECT_LT(PlatTicks() - u64Begin, sizetThreads * (i32Timeout + PLAT_TERMINATEWAIT) + 1700);
     LogNumbered(sizetThreads, ++g_asizetLogged[sizetThreads], 0);   // when the collector is given up
     for (const uint64_t u64Id : au64Id)
         EXPECT_TRUE(WaitFor([u64Id] { return !PlatThreadIsAlive(u64Id); }));

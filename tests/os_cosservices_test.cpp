@@ -5,6 +5,7 @@
 #include "os_cosarguments.h"
 #include "os_coscfg.h"
 #include "os_coslog.h"
+#include "os_coslogfolder.h"
 #include "os_cosmem.h"
 #include "os_cosservices.h"
 #include "os_cosservices_identity.h"
@@ -13,8 +14,12 @@
 #include "plat_process.h"
 #include "plat_wait.h"
 
+#include <atomic>
 #include <csignal>
 #include <set>
+#include <sys/wait.h>
+#include <thread>
+#include <unistd.h>
 
 namespace fs = std::filesystem;
 
@@ -85,6 +90,56 @@ TEST_F(Services, StartAgainAfterAStopInAFolderOfTheirOwn)
         EXPECT_EQ(strText.ends_with("### OsServicesStop...\r\n"), iRun != 2) << iRun;
         EXPECT_FALSE(fs::exists(fs::path(strLog).parent_path() / "log.lock"));
     }
+}
+
+// Nothing of the parent ends with the fork: its stream, its collector, its hold of the log folder.
+TEST_F(Services, AForkThatStopsThemLeavesThemToItsParent)
+{
+    fs::create_symlink(ProgramPath("logcollector"), Common() / "logcollector");
+    Start("<uniquename>prog</uniquename><entity>application</entity><loglevel>1</loglevel>");
+    ASSERT_TRUE(OsLogGet()->UsesCollector());
+    const fs::path pathLog = LogFile();
+    const PlatHandle plathandle = PlatProcessOpen(OsArgumentsCollector().u64ProcessIdCollector);
+    std::atomic<size_t> sizetLogged{0};
+    pid_t pid = 0;
+    {
+        std::atomic<bool> blStop{false};
+        std::vector<std::jthread> vecjthread;
+        for (int iThread = 0; iThread < 4; ++iThread)
+            vecjthread.emplace_back([&] {
+                while (!blStop)
+                    OSLOG(OS_LOG_NOTE, "line %zu of the parent", ++sizetLogged);
+            });
+        EXPECT_TRUE(WaitFor([&] { return sizetLogged > 100; }));
+        pid = fork();
+        if (pid == 0)
+        {
+            alarm(20);
+            OSLOG(OS_LOG_NOTE, "of the fork");
+            OsServicesStop();
+            _exit(0);
+        }
+        int iStatus = -1;
+        EXPECT_EQ(waitpid(pid, &iStatus, 0), pid);
+        EXPECT_EQ(iStatus, 0);
+        blStop = true;
+    }
+    EXPECT_TRUE(OsLogGet()->UsesCollector());
+    EXPECT_TRUE(COsLogFolderLock::IsHeldByOthers(pathLog.parent_path().c_str()));
+    OsServicesStop();
+    EXPECT_EQ(PlatWaitAny(&plathandle, 1, 20000), 0u);
+    PlatClose(plathandle);
+
+    const std::string strText = ReadWhole(pathLog.string());
+    size_t sizetFound = 0;
+    for (size_t sizet = 0; (sizet = strText.find(" of the parent\r\n", sizet)) != std::string::npos; ++sizet)
+        ++sizetFound;
+    EXPECT_EQ(sizetFound, sizetLogged);
+    EXPECT_TRUE(strText.ends_with("### OsServicesStop...\r\n"));
+    const fs::path pathFork = pathLog.parent_path() / (pathLog.stem().string() + "-" + std::to_string(pid) + ".log");
+    const std::string strFork = ReadWhole(pathFork.string());
+    EXPECT_NE(strFork.find("of the fork\r\n"), std::string::npos) << pathFork;
+    EXPECT_TRUE(strFork.ends_with("### OsServicesStop...\r\n"));
 }
 
 // Also when the one before was killed.

@@ -326,10 +326,12 @@ TEST_F(SocketTest, ConfigurationSetsOptions)
         cfgfake.Set(OS_CFGTAG_FORCENETNODELAY, szNoDelay);
         Listener listener;
         COsSocket client, server;
-        EXPECT_EQ(client.SocketConnect({.szPort = listener.szPort, .blNoDelay = blNoDelay}), EOSSTS_SUCCESS);
+        EXPECT_EQ(client.SocketConnect({.szPort = listener.szPort, .blNoDelay = blNoDelay, .u32SendBuffer = 32768}),
+                  EOSSTS_SUCCESS);
         EXPECT_EQ(listener.Accept(server), EOSSTS_SUCCESS);
         EXPECT_EQ(OptionOf(listener.szPort, SOL_SOCKET, SO_KEEPALIVE), iKeepAlive);
         EXPECT_EQ(OptionOf(listener.szPort, IPPROTO_TCP, TCP_NODELAY), iNoDelay);
+        EXPECT_EQ(OptionOf(listener.szPort, SOL_SOCKET, SO_SNDBUF), 2 * 32768);   // it doubles what it is told
     }
 }
 

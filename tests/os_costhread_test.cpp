@@ -3,6 +3,7 @@
 #include "os_costhread.h"
 #include "test_support.h"
 
+#include "plat_fork.h"
 #include "plat_process.h"
 #include "plat_thread.h"
 
@@ -346,6 +347,23 @@ TEST(Thread, ObjectIsSharedByThreadsThatUseItAtOnce)
     EXPECT_GT(u32Started, 0u);
     osthread.Stop(false, g_i32Patience);
     EXPECT_EQ(osthread.Start("Still whole", ReturnAtOnce, nullptr), EOSSTS_SUCCESS);
+}
+
+// The fork has the thread's events, which are its parent's as well, and no thread.
+TEST(Thread, OfAParentIsNotStoppedByItsFork)
+{
+    LogCapture logcapture;
+    COsThread osthread;
+    ASSERT_EQ(osthread.Start("Parent's", UntilStopped, nullptr), EOSSTS_SUCCESS);
+    const auto stop = [&] {
+        alarm(20);
+        osthread.Stop(false, g_i32Patience);
+        return !osthread.WaitForEnd(0) || osthread.Id() != 0;
+    };
+    EXPECT_EQ(InOtherProcess([] { return true; }, stop), 0);
+    EXPECT_FALSE(osthread.WaitForEnd(200));
+    osthread.Stop(false, g_i32Patience);
+    EXPECT_FALSE(logcapture.HasPart("terminating it"));
 }
 
 // The ideal processor is the mask minus one, which names a processor that most machines do not have when the mask is of

@@ -50,7 +50,8 @@ static void FillPath(OsLogPath& a_oslogpath, const char* a_szLogFile)
     std::memcpy(pchSuffix, OS_LOGOWNSUFFIX, sizeof OS_LOGOWNSUFFIX);
 }
 
-// Of a fork of the process that used the path.
+// Of a fork of the process that used the path. It gets no header, which would ask code whose locks others may have
+// held.
 static void MovePath(OsLogPath& a_oslogpath)
 {
     char* const pchSuffix = a_oslogpath.szOwnFile + std::strlen(a_oslogpath.szLogFile) - (sizeof OS_LOGFILESUFFIX - 1);
@@ -61,6 +62,7 @@ static void MovePath(OsLogPath& a_oslogpath)
     a_oslogpath.u32Owed = OsLogPath::OS_FORKED;
     std::construct_at(&a_oslogpath.strUnsent);
     a_oslogpath.i32LineCounter = -1;
+    a_oslogpath.blHeaderPending = false;
     a_oslogpath.u64OpenAgain = 0;
 }
 
