@@ -82,14 +82,13 @@ static bool IsOwnFolder(int a_iFolder)
 }
 
 // The folder first, then what is in it.
-static int OpenNoLinks(std::string a_strPath, int a_iFlags, mode_t a_modeNew, bool a_blOwnFolder)
+static int OpenNoLinks(const std::string& a_strPath, int a_iFlags, mode_t a_modeNew, bool a_blOwnFolder)
 {
-    PosixTrimPath(a_strPath);
-    const size_t sizetName = a_strPath.rfind('/') + 1;   // 0 without a separator
-    const std::string strName = a_strPath.substr(sizetName);
+    std::string_view strviewFolder;
+    const std::string strName(PosixSplitPath(a_strPath, strviewFolder));
     if (strName.empty() || strName == "." || strName == "..")
         return FailWith(EISDIR);
-    const PosixDescriptor posixdescriptorFolder(OpenFolderNoLinks(sizetName ? a_strPath.substr(0, sizetName) : "."));
+    const PosixDescriptor posixdescriptorFolder(OpenFolderNoLinks(std::string(strviewFolder)));
     if (!posixdescriptorFolder.IsOpen())
         return -1;
     if (a_blOwnFolder && !IsOwnFolder(posixdescriptorFolder.Get()))
