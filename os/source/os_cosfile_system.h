@@ -59,8 +59,8 @@ void OsFileSetNoCreate(bool a_blNoCreate);
 EOSSTS OsFileDelete(const char* a_szFilename, EOSFILETYPE a_eosfiletype, bool a_blRecursive, bool a_blSystemFiles);
 
 // Deletes a folder tree. EOSSTS_ACCESSDENIED for one that must never go (a drive, the system's and the users' folders,
-// "/opt", "/usr" and "/var", whatever they are called by, and what holds one of them), for a pattern and for what is no
-// folder. A missing path is a success.
+// "/opt", "/usr" and "/var", whatever they are called by, and what holds one of them) or when that cannot be found out,
+// for a pattern and for what is no folder. A missing path is a success.
 EOSSTS OsFileRemoveTree(const char* a_szFolder);
 
 // Removes the sub-folders that hold no file, at any depth, and then the folder itself when nothing is left in it.
