@@ -63,6 +63,7 @@ struct OsFileIdentity
 class COsFileImpl;
 struct PlatFileOwned;   // plat_user.h
 
+// No operation throws: without memory it fails as when the system refuses. What a path means: os_cosfile_system.h.
 // Used by one thread at a time. While it is open, Flush may be called from any thread.
 class COsFile
 {

@@ -108,8 +108,8 @@ static Admission Refuse(uint32_t a_u32Error)
     return Admission::Failed;
 }
 
-// Decides whether the opened file may be used. The ordinary case, an opener for writing who shares everything but
-// deletion, is one system call.
+// Decides whether the opened file may be used. For an opener for writing who shares everything but deletion it
+// takes one system call.
 static Admission Admit(const PosixDescriptor& a_posixdescriptor, const OpenRequest& a_openrequest)
 {
     const int iDescriptor = a_posixdescriptor.Get();
