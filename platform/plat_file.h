@@ -1,7 +1,9 @@
 // plat_file.h: files, folders, searches, byte locks and mappings.
 //
 // Paths accept both separators and the long-path prefix. Where the system knows no drives, "X:" names a folder of
-// its own for each letter, which exists as soon as something is created below it.
+// its own for each letter, which exists as soon as something is created below it. A path means the same to every call,
+// which is what the system makes of it: a link on the way is followed, and ".." goes up from where that leads, but
+// neither out of a drive nor out of the root.
 #pragma once
 
 #include "plat_system.h"
@@ -92,7 +94,7 @@ bool PlatFileSetEnd(PlatHandle a_plathandle);
 
 // Locks bytes for this handle alone, without waiting (33 when others hold one of them). The lock belongs to the open
 // file, not to the process: two handles of one process exclude each other, closing one leaves the other's lock alone.
-// A handle without write access excludes only those with it, where the system cannot do better.
+// The caller does not lock what the handle holds already. A handle that neither reads nor writes locks nothing (6).
 bool PlatFileLock(PlatHandle a_plathandle, uint64_t a_u64Offset, uint64_t a_u64Length);
 
 // For bytes that this handle has locked, as it locked them. What others hold stays locked.
@@ -145,9 +147,6 @@ bool PlatFileGetIdentity(PlatHandle a_plathandle, PlatFileIdentity* a_pplatfilei
 // True when opening the path now would give this very file. Opens nothing where the system can tell without.
 bool PlatFileIsNamed(PlatHandle a_plathandle, const char16_t* a_wszPath);
 
-// No longer read-only, hidden or the system's. Does nothing to what a link points to.
-bool PlatFileClearAttributes(const char16_t* a_wszPath);
-
 // Deletes a file or a link, never what a link points to. PLAT_ERROR_SHARING while a handle of this layer, in
 // whichever process, has it open without PLAT_SHARE_DELETE.
 bool PlatFileDelete(const char16_t* a_wszPath);
@@ -155,10 +154,9 @@ bool PlatFileMove(const char16_t* a_wszOld, const char16_t* a_wszNew);   // 183 
 
 bool PlatFolderCreate(const char16_t* a_wszPath);   // one level; 183 when it exists, 3 when its parent is missing
 bool PlatFolderCreatePrivate(const char16_t* a_wszPath);   // likewise; no other user but the system's has any right
-bool PlatFolderDelete(const char16_t* a_wszPath);          // 145 when it is not empty, 267 when it is no folder
 
 // The full path of a name, relative to the current folder, without "." and ".." components and without the long-path
-// prefix; the file need not exist. Its separators are "\".
+// prefix; the file need not exist. Its separators are "\". A link that ".." follows is replaced by where it leads.
 bool PlatFileFullName(const char16_t* a_wszName, char16_t* a_wszFull, size_t a_sizetFull);
 
 // Puts a complete file with these bytes in the place of an open one, in one step: who opens the path gets the old file

@@ -18,6 +18,13 @@ struct PlatTreeEntry
 // Begins a walk in a folder. 267 for what is no folder, and for a link to one.
 PlatHandle PlatTreeOpen(const char16_t* a_wszFolder);
 
+// Begins a walk at one entry: what the path names, which is then the entry read last, in the folder that the path leads
+// to. There are no further entries there. 123 for "." and "..", and for the root.
+PlatHandle PlatTreeOpenAt(const char16_t* a_wszPath, PlatTreeEntry* a_pplattreeentry);
+
+// True when the folder that the walk is in is this one or lies somewhere above it, and when that cannot be told.
+bool PlatTreeHolds(PlatHandle a_plathandle, const char16_t* a_wszFolder);
+
 // The next entry of the folder that the walk is in, without "." and ".."; 18 when there are no more. What is listed is
 // what was there when the folder was entered; PlatTreeRewind begins the same list again.
 bool PlatTreeNext(PlatHandle a_plathandle, PlatTreeEntry* a_pplattreeentry);
@@ -34,6 +41,6 @@ bool PlatTreeLeave(PlatHandle a_plathandle);
 
 bool PlatTreeWriteTime(PlatHandle a_plathandle, uint64_t* a_pu64WriteTime);   // 100 ns units since 1601-01-01 UTC
 
-// Deletes a file, a link or an empty folder, also where it or the folder around it is read-only. Fails as
-// PlatFileDelete and PlatFolderDelete do.
+// Deletes a file, a link or an empty folder, also where it or the folder around it is read-only. 145 for a folder that
+// is not empty; else as PlatFileDelete.
 bool PlatTreeDelete(PlatHandle a_plathandle);

@@ -7,6 +7,7 @@
 //   data are in bytes; times are in milliseconds unless a name says otherwise.
 // - A call that can fail returns false, a null pointer or PLAT_INVALID and sets the calling thread's last error to
 //   one of the numbers below. A call that succeeds leaves the last error alone unless its comment says otherwise.
+// - No call throws: one that finds no memory fails with PLAT_ERROR_NOMEMORY.
 // - Every function may be called from any thread. A handle may be used by several threads at once, but it must not
 //   be closed while another thread uses it.
 #pragma once

@@ -8,12 +8,16 @@
 // Counts down; the allocation that makes it 0 fails. 0: none fails.
 inline std::atomic<int> g_iAllocationsLeft = 0;
 
+inline std::atomic<int> g_iLiveBlocks = 0;
+
 // Not inlined: the compiler would take what malloc gave for something that new gave. The other forms are replaced since
 // a sanitizer has its own of each.
 [[gnu::noinline]] void* operator new(size_t a_sizetBytes, const std::nothrow_t&) noexcept
 {
     const bool blFails = g_iAllocationsLeft > 0 && --g_iAllocationsLeft == 0;
-    return blFails ? nullptr : std::malloc(a_sizetBytes ? a_sizetBytes : 1);
+    void* const pv = blFails ? nullptr : std::malloc(a_sizetBytes ? a_sizetBytes : 1);
+    g_iLiveBlocks += pv != nullptr;
+    return pv;
 }
 [[gnu::noinline]] void* operator new(size_t a_sizetBytes)
 {
@@ -31,17 +35,18 @@ inline std::atomic<int> g_iAllocationsLeft = 0;
 }
 [[gnu::noinline]] void operator delete(void* a_pv) noexcept
 {
+    g_iLiveBlocks -= a_pv != nullptr;
     std::free(a_pv);
 }
 [[gnu::noinline]] void operator delete(void* a_pv, size_t) noexcept
 {
-    std::free(a_pv);
+    operator delete(a_pv);
 }
 [[gnu::noinline]] void operator delete[](void* a_pv) noexcept
 {
-    std::free(a_pv);
+    operator delete(a_pv);
 }
 [[gnu::noinline]] void operator delete[](void* a_pv, size_t) noexcept
 {
-    std::free(a_pv);
+    operator delete(a_pv);
 }

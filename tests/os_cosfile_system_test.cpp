@@ -134,6 +134,10 @@ TEST_F(FileSystem, CreatesAFolderWithItsParents)
     WriteWhole(PathOf("file"), "");
     EXPECT_EQ(OsFileCreateDirectory(PathOf("file/x").c_str()), EOSSTS_NOTFOUND);
     EXPECT_EQ(OsFileCreateDirectory(PathOf(std::string(300, 'x')).c_str()), EOSSTS_FAIL);
+    EXPECT_EQ(OsFileCreateDirectory("D:\\"), EOSSTS_SUCCESS);
+    EXPECT_TRUE(OsFileExists("D:"));
+    setenv("MVR_DRIVEROOT", PathOf("file/drives").c_str(), 1);
+    EXPECT_EQ(OsFileCreateDirectory("D:\\"), EOSSTS_NOTFOUND);
 
     OsFileSetNoCreate(true);
     EXPECT_EQ(OsFileCreateDirectory(PathOf("n").c_str()), EOSSTS_SUCCESS);
@@ -141,6 +145,36 @@ TEST_F(FileSystem, CreatesAFolderWithItsParents)
     std::thread([this] { OsFileCreateDirectory(PathOf("other").c_str()); }).join();
     OsFileSetNoCreate(false);
     EXPECT_TRUE(!Exists("n") && Exists("other"));
+}
+
+// ".." goes up from where a link leads, in whatever is done with a path, and not out of a drive.
+TEST_F(FileSystem, APathMeansTheSameToEveryOperation)
+{
+    fs::create_directories(PathOf("far/in"));
+    fs::create_directory_symlink(PathOf("far/in"), PathOf("link"));
+    ASSERT_EQ(OsFileCreateDirectory("C:\\a\\b"), EOSSTS_SUCCESS);
+    fs::create_directory_symlink("b", m_path / "system/MVR_DRIVEROOT/c/a/link");
+    const std::string strDrives = PathOf("system/MVR_DRIVEROOT/");
+    const std::tuple<std::string, std::string, std::string> atuple[] = {
+        {PathOf("link/../x"), PathOf("far/x"), Backslashed(PathOf("far/x"))},
+        {PathOf("link/./../../y"), PathOf("y"), Backslashed(PathOf("y"))},
+        {PathOf("none/../z"), PathOf("z"), Backslashed(PathOf("z"))},
+        {"C:\\a\\link\\..\\x", strDrives + "c/a/x", "C:\\a\\x"},
+        {"C:\\a\\..\\..\\..\\x", strDrives + "c/x", "C:\\x"},
+        {"C:..\\y", strDrives + "c/y", "C:\\y"},
+    };
+    for (const auto& [strPath, strMeant, strAbsolute] : atuple)
+    {
+        char szAbsolute[OS_PATHSIZE];
+        EXPECT_EQ(OsPathAbsolute(szAbsolute, sizeof szAbsolute, strPath.c_str()), EOSSTS_SUCCESS);
+        EXPECT_EQ(szAbsolute, strAbsolute);
+        EXPECT_EQ(OsFileCreateDirectory((strPath + "\\deep").c_str()), EOSSTS_SUCCESS) << strPath;
+        EXPECT_TRUE(fs::is_directory(strMeant + "/deep")) << strPath;
+        EXPECT_EQ(OsLogWriteFile((strPath + "\\file").c_str(), "x", false, false, false), EOSSTS_SUCCESS);
+        EXPECT_EQ(ReadWhole(strMeant + "/file"), "x") << strPath;
+        EXPECT_EQ(OsFileRemoveTree(strPath.c_str()), EOSSTS_SUCCESS);
+        EXPECT_FALSE(fs::exists(strMeant)) << strPath;
+    }
 }
 
 TEST_F(FileSystem, FolderCreationIsTracedWhenWanted)
@@ -199,6 +233,13 @@ TEST_F(FileSystem, ASystemFileGoesOnlyWhenAllowed)
     EXPECT_TRUE(Exists("socket"));
     EXPECT_EQ(OsFileDelete(PathOf("socket").c_str(), OS_FILETYPE_ANY, false, true), EOSSTS_SUCCESS);
     EXPECT_FALSE(Exists("socket"));
+
+    fs::create_directory(PathOf("tree"));
+    for (const char* szName : {"tree/1", "tree/2", "tree/3"})
+        ASSERT_EQ(mkfifo(PathOf(szName).c_str(), 0600), 0);
+    m_logcapture.Clear();
+    EXPECT_EQ(Delete("tree"), EOSSTS_FAIL);
+    EXPECT_EQ(m_logcapture.Lines().size(), 3u) << "the tree, its first entry, the failure, and no further entry";
 }
 
 // Whatever is named or linked below a tree, nothing outside of it goes with it.
@@ -257,6 +298,8 @@ TEST_F(FileSystem, AProtectedFolderStaysWhateverItIsCalledBy)
     for (const char* szFolder : {"C:\\Windows\\x", "C:\\Users\\x", "C:\\a"})
         ASSERT_EQ(OsFileCreateDirectory(szFolder), EOSSTS_SUCCESS);
     fs::create_directory_symlink("..", m_path / "system/MVR_DRIVEROOT/c/a/up");
+    fs::create_directory_symlink("../Windows", m_path / "system/MVR_DRIVEROOT/c/a/link");
+    const std::string strRoot = PathOf("system/MVR_DRIVEROOT");
     if (geteuid() == 0)
     {
         fs::permissions(m_path, fs::perms::all);
@@ -274,7 +317,8 @@ TEST_F(FileSystem, AProtectedFolderStaysWhateverItIsCalledBy)
     stays("", "/", "\\", "//", "\\\\", "/usr", "\\usr", "/usr//", "\\\\usr", "/./usr", "/tmp/../var", "/opt/.",
           "/usr/..", "/var/./", "C:", "C:/", "c:\\\\", "C:\\Windows", "C:\\\\Windows\\", "c:/windows/", "c:/windows/.",
           "C:Windows", "C:\\a\\..\\Windows", "C:\\a\\..", "C:\\Users", "c:/USERS//", "C:\\a\\up\\Users", "C:\\a\\up",
-          "C:\\a*", "C:\\?", "C:\\a\\.", "..", ".");
+          "C:\\a*", "C:\\?", "C:\\a\\.", "..", ".", "C:\\a\\link\\..\\Users", "C:\\a\\link\\..", strRoot.c_str(),
+          (strRoot + "/c").c_str(), (strRoot + "/c/Users").c_str(), PathOf("system").c_str());
     EXPECT_FALSE(m_logcapture.HasPart("Delete: <"));
     EXPECT_TRUE(OsFileExists("C:\\Windows\\x") && OsFileExists("C:\\Users\\x"));
     EXPECT_EQ(seteuid(getuid()), 0);

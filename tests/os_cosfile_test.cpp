@@ -111,8 +111,6 @@ TEST_F(File, PositionSizeAndEndBelongTogether)
     EXPECT_STREQ(szRead, "56");
     EXPECT_EQ(osfile.SetEndOfFile(), EOSSTS_SUCCESS);
     EXPECT_EQ(osfile.Append("ab", 2), EOSSTS_SUCCESS);
-    EXPECT_EQ(osfile.Read(szRead, 2, &sizetRead), EOSSTS_SUCCESS);
-    EXPECT_STREQ(szRead, "ab") << "the position has stayed";
     EXPECT_EQ(osfile.Flush(), EOSSTS_SUCCESS);
     uint64_t u64Size = 0;
     EXPECT_EQ(osfile.GetSize(&u64Size), EOSSTS_SUCCESS);
@@ -191,6 +189,31 @@ TEST_F(File, ALockExcludesEveryOtherObject)
     EXPECT_EQ(osfileHolder.LockByte(300, 0, nullptr, true), EOSSTS_FAIL) << "an object holds 64 ranges";
     EXPECT_EQ(osfileHolder.UnlockByte(120), EOSSTS_SUCCESS);
     EXPECT_EQ(osfileHolder.LockByte(300, 0, nullptr, true), EOSSTS_SUCCESS);
+}
+
+// Whatever else is asked for, a range stays locked as a whole until it is unlocked, also where nobody may write.
+TEST_F(File, ALockedRangeStaysWhole)
+{
+    COsFile osfileHolder, osfileOther;
+    for (const EOSFILEACCESS eosfileaccess : {OS_FILEACCESS_READWRITE, OS_FILEACCESS_READ})
+    {
+        ASSERT_EQ(Open(osfileHolder, OS_FILEOPEN_ALWAYS, eosfileaccess), EOSSTS_SUCCESS);
+        ASSERT_EQ(Open(osfileOther, OS_FILEOPEN_ALWAYS, eosfileaccess), EOSSTS_SUCCESS);
+        ASSERT_EQ(osfileHolder.Lock(10, 10, 0, nullptr, true, false), EOSSTS_SUCCESS);
+        EXPECT_EQ(osfileHolder.Lock(12, 3, 0, nullptr, true, true), EOSSTS_BUSY);
+        EXPECT_EQ(osfileHolder.Lock(19, 2, 0, nullptr, true, false), EOSSTS_BUSY);
+        EXPECT_EQ(osfileHolder.Lock(10, 10, 0, nullptr, true, true), EOSSTS_SUCCESS);
+        EXPECT_EQ(osfileHolder.Lock(20, 1, 0, nullptr, true, true), EOSSTS_SUCCESS);
+        EXPECT_EQ(osfileHolder.Unlock(19, 2), EOSSTS_SUCCESS);
+        for (const uint32_t u32Byte : {10u, 13u, 19u})
+            EXPECT_EQ(osfileOther.LockByte(u32Byte, 0, nullptr, true), EOSSTS_BUSY) << u32Byte;
+        EXPECT_EQ(osfileOther.LockByte(20, 0, nullptr, true), EOSSTS_SUCCESS);
+        EXPECT_EQ(osfileHolder.Unlock(10, 10) + osfileOther.UnlockByte(20), EOSSTS_SUCCESS);
+        EXPECT_EQ(osfileOther.Lock(10, 11, 0, nullptr, true, true), EOSSTS_SUCCESS);
+    }
+    EXPECT_EQ(osfileHolder.LockByte(0, 0, nullptr, true), EOSSTS_SUCCESS);
+    ASSERT_EQ(Open(osfileOther), EOSSTS_SUCCESS);
+    EXPECT_EQ(osfileOther.LockByte(0, 0, nullptr, true), EOSSTS_BUSY) << "who may write against who may not";
 }
 
 TEST_F(File, KnowsWhetherItsNameIsStillThere)

@@ -5,11 +5,13 @@
 #include "allocation_support.h"
 #include "test_support.h"
 
+#include "plat_file.h"
 #include "plat_memory.h"
 #include "plat_process.h"
 
 #include <atomic>
 #include <sched.h>
+#include <sys/inotify.h>
 #include <sys/mount.h>
 #include <unistd.h>
 
@@ -68,6 +70,20 @@ TEST_F(Shared, AFileBackedMemoryIsTheFileAndGoesWithItsCreator)
     Release(pcOpened);
     EXPECT_EQ(m_osmem.GetCounts().u32Current, 0u);
     EXPECT_EQ(m_osmem.GetCounts().u64CurrentBytes, 0u);
+}
+
+TEST_F(Shared, ARefusedReaderIsTriedOnceMoreAsAWriter)
+{
+    WriteWhole(m_strFile, std::string(m_u64Bytes, 'x'));
+    const PlatHandle plathandle =
+        PlatFileOpen(Wide(m_strFile).c_str(), PLAT_ACCESS_READ, PLAT_SHARE_NONE, PLAT_DISPOSITION_OPENEXISTING, 0);
+    const int iWatch = inotify_init1(IN_NONBLOCK);
+    ASSERT_GE(inotify_add_watch(iWatch, m_strFile.c_str(), IN_CLOSE_WRITE), 0);
+    EXPECT_EQ(Open(0, OS_SHAREDFLAG_READONLY), nullptr);
+    inotify_event event;
+    EXPECT_EQ(read(iWatch, &event, sizeof event), static_cast<ssize_t>(sizeof event)) << "it was open for writing";
+    close(iWatch);
+    PlatClose(plathandle);
 }
 
 TEST_F(Shared, ACreateFollowsNoLink)

@@ -61,6 +61,7 @@ struct OsFileIdentity
 class COsFileImpl;
 struct PlatFileOwned;   // plat_user.h
 
+// No operation throws: without memory it fails as when the system refuses. What a path means: os_cosfile_system.h.
 // Used by one thread at a time. While it is open, Flush may be called from any thread.
 class COsFile
 {
@@ -99,9 +100,11 @@ public:
     EOSSTS SetEndOfFile();   // cuts at the position
 
     // Locks bytes against every other object, trying every 100 ms until a_i32Timeout ms (at least 100) have gone.
-    // EOSSTS_BUSY when others hold it; a_blReport logs that under a_szName. Locking a range again succeeds. With
-    // a_blTestOnly the lock is given back at once. An object holds at most 64 ranges; offset and length are 32-bit.
-    // A lock ends with the open file, but the object remembers it until it is unlocked.
+    // EOSSTS_BUSY when others hold a part of it, and when this object holds a part of it as another range; a_blReport
+    // logs that under a_szName. Locking a range again succeeds. With a_blTestOnly the lock is given back at once. An
+    // object holds at most 64 ranges; offset and length are 32-bit. A lock ends with the open file, but the object
+    // remembers it until it is unlocked. Where the system forbids nothing (README, "Limits"), a lock keeps others from
+    // locking, not from reading and writing.
     EOSSTS Lock(uint32_t a_u32Offset, uint32_t a_u32Length, int32_t a_i32Timeout, const char* a_szName, bool a_blReport,
                 bool a_blTestOnly);
     EOSSTS Unlock(uint32_t a_u32Offset, uint32_t a_u32Length);

@@ -1,4 +1,8 @@
 // os_cosfile_system.h: what can be done to files and folders by their paths.
+//
+// A path means what the system makes of it, to every operation of this header and of os_cosfile.h: a link on the way is
+// followed, and ".." goes up from where that leads, but not out of a drive. The operations throw nothing: without
+// memory they fail with EOSSTS_FAIL unless another status is told.
 #pragma once
 
 #include "os_cosfile.h"
@@ -53,8 +57,8 @@ void OsFileSetNoCreate(bool a_blNoCreate);
 EOSSTS OsFileDelete(const char* a_szFilename, EOSFILETYPE a_eosfiletype, bool a_blRecursive, bool a_blSystemFiles);
 
 // Deletes a folder tree. EOSSTS_ACCESSDENIED for one that must never go (a drive, the system's and the users' folders,
-// "/opt", "/usr" and "/var", whatever they are called by), for a pattern and for what is no folder. A missing path is
-// a success.
+// "/opt", "/usr" and "/var", whatever they are called by, and what holds one of them) or when that cannot be found out,
+// for a pattern and for what is no folder. A missing path is a success.
 EOSSTS OsFileRemoveTree(const char* a_szFolder);
 
 // Removes the sub-folders that hold no file, at any depth, and then the folder itself when nothing is left in it.

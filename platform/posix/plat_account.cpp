@@ -11,6 +11,7 @@
 #include <cstdlib>
 #include <iterator>
 #include <memory>
+#include <new>
 
 // --------------------------------------------------------------------------------------------------- the accounts
 
@@ -83,6 +84,7 @@ static std::string ProcessUser()
 
 // Everybody is in a session of his own here, so it is the process's account that works in it.
 bool PlatUserName(PlatUser a_platuser, char16_t* a_wszName, size_t a_sizetName)
+try
 {
     const uint32_t u32Error = PlatGetLastError();
     const std::string strName = a_platuser == PLAT_USER_FIRST ? FindAccount(IsOrdinary).strName : ProcessUser();
@@ -92,6 +94,10 @@ bool PlatUserName(PlatUser a_platuser, char16_t* a_wszName, size_t a_sizetName)
         return false;
     PlatSetLastError(u32Error);   // variables that are not set are no failure
     return true;
+}
+catch (const std::bad_alloc&)
+{
+    return PosixFail(PLAT_ERROR_NOMEMORY);
 }
 
 // ------------------------------------------------------------------------------------------------ who is at work
@@ -164,6 +170,7 @@ uint32_t PlatSessionActive()
 
 // The numbers of sessions tell nothing here: whoever works at the machine works in each of them.
 PlatHandle PlatSessionUser(uint32_t)
+try
 {
     if (PlatUserId() != 0)
     {
@@ -178,6 +185,11 @@ PlatHandle PlatSessionUser(uint32_t)
     }
     TakeGroups(uniqueUser.get());
     return PosixMakeHandle(PosixKind::User, uniqueUser.release());
+}
+catch (const std::bad_alloc&)
+{
+    PosixFail(PLAT_ERROR_NOMEMORY);
+    return PLAT_INVALID;
 }
 
 bool PosixCloseUser(PlatHandle a_plathandle)

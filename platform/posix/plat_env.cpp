@@ -6,6 +6,7 @@
 #include <cstring>
 #include <ctime>
 #include <mutex>
+#include <new>
 #include <pthread.h>
 #include <unistd.h>
 #include <utility>
@@ -62,6 +63,7 @@ static bool Widen(const std::string& a_strText, std::u16string& a_wstrText)
 }
 
 size_t PlatEnvGet(const char16_t* a_wszName, char16_t* a_wszValue, size_t a_sizetValue)
+try
 {
     std::string strName;
     std::string strValue;
@@ -79,8 +81,14 @@ size_t PlatEnvGet(const char16_t* a_wszName, char16_t* a_wszValue, size_t a_size
         memcpy(a_wszValue, wstrValue.c_str(), (wstrValue.size() + 1) * sizeof(char16_t));
     return wstrValue.size();
 }
+catch (const std::bad_alloc&)
+{
+    PosixFail(PLAT_ERROR_NOMEMORY);
+    return 0;
+}
 
 bool PlatEnvSet(const char16_t* a_wszName, const char16_t* a_wszValue)
+try
 {
     std::string strName;
     std::string strValue;
@@ -92,6 +100,10 @@ bool PlatEnvSet(const char16_t* a_wszName, const char16_t* a_wszValue)
     if (strName == "TZ")
         tzset();   // the clock goes by what it read last
     return iResult == 0 || PosixFailErrno();
+}
+catch (const std::bad_alloc&)
+{
+    return PosixFail(PLAT_ERROR_NOMEMORY);
 }
 
 using Variable = std::pair<std::u16string, std::u16string>;
@@ -133,6 +145,7 @@ static std::vector<Variable> Snapshot()
 }
 
 bool PlatEnvList(PlatEnvProc a_platenvproc, void* a_pvContext)
+try
 {
     for (const Variable& variable : Snapshot())
     {
@@ -140,4 +153,8 @@ bool PlatEnvList(PlatEnvProc a_platenvproc, void* a_pvContext)
             break;
     }
     return true;
+}
+catch (const std::bad_alloc&)
+{
+    return PosixFail(PLAT_ERROR_NOMEMORY);
 }

@@ -10,6 +10,7 @@
 #include <cstdio>
 #include <cstdlib>
 #include <fcntl.h>
+#include <new>
 #include <sys/uio.h>
 #include <sys/utsname.h>
 
@@ -107,8 +108,8 @@ static Admission Refuse(uint32_t a_u32Error)
     return Admission::Failed;
 }
 
-// Decides whether the opened file may be used. The ordinary case, an opener for writing who shares everything but
-// deletion, is one system call.
+// Decides whether the opened file may be used. For an opener for writing who shares everything but deletion it
+// takes one system call.
 static Admission Admit(const PosixDescriptor& a_posixdescriptor, const OpenRequest& a_openrequest)
 {
     const int iDescriptor = a_posixdescriptor.Get();
@@ -161,6 +162,7 @@ static bool Truncate(int a_iDescriptor)
 
 PlatHandle PlatFileOpen(const char16_t* a_wszPath, uint32_t a_u32Access, uint32_t a_u32Share,
                         PlatDisposition a_platdisposition, uint32_t a_u32Flags)
+try
 {
     OpenRequest openrequest;
     if (!MakeRequest(a_wszPath, a_u32Access, a_u32Share, a_platdisposition, a_u32Flags, openrequest))
@@ -187,6 +189,11 @@ PlatHandle PlatFileOpen(const char16_t* a_wszPath, uint32_t a_u32Access, uint32_
             return PLAT_INVALID;
         }
     }
+}
+catch (const std::bad_alloc&)
+{
+    PosixFail(PLAT_ERROR_NOMEMORY);
+    return PLAT_INVALID;
 }
 
 // ------------------------------------------------------------------------------------------------------- closing
@@ -440,6 +447,7 @@ bool PosixIdentityOf(int a_iDescriptor, const char* a_szPath, PosixFileIdentity&
 }
 
 bool PlatFileIsNamed(PlatHandle a_plathandle, const char16_t* a_wszPath)
+try
 {
     const int iDescriptor = PosixFileDescriptor(a_plathandle, 0);
     std::string strPath;
@@ -448,4 +456,8 @@ bool PlatFileIsNamed(PlatHandle a_plathandle, const char16_t* a_wszPath)
     return iDescriptor >= 0 && PosixPath(a_wszPath, strPath) &&
            PosixIdentityOf(AT_FDCWD, strPath.c_str(), posixfileidentityName) &&
            PosixIdentityOf(iDescriptor, "", posixfileidentityFile) && posixfileidentityFile == posixfileidentityName;
+}
+catch (const std::bad_alloc&)
+{
+    return PosixFail(PLAT_ERROR_NOMEMORY);
 }

@@ -13,8 +13,10 @@ namespace
 {
 struct PosixAppendFile
 {
+    explicit PosixAppendFile(PlatHandle a_plathandle) : plathandleFile(a_plathandle) {}
+
     PlatHandle plathandleFile;
-    PosixFileIdentity posixfileidentity;
+    PosixFileIdentity posixfileidentity = {};
     std::string strPath;
 };
 }   // namespace
@@ -33,17 +35,20 @@ PlatHandle PlatAppendOpen(const char16_t* a_wszPath)
 
     // An append that is asked for once costs less than one that is asked for with each piece.
     fcntl(iDescriptor, F_SETFL, O_NONBLOCK | O_APPEND);
-    auto* pposixappendfile = new (std::nothrow) PosixAppendFile{plathandleFile, {}, {}};
-    const bool blKnown = pposixappendfile && PosixPath(a_wszPath, pposixappendfile->strPath) &&
-                         PosixIdentityOf(iDescriptor, "", pposixappendfile->posixfileidentity);
-    if (!blKnown)
+    try
     {
-        delete pposixappendfile;
-        PlatClose(plathandleFile);
-        PosixFail(PLAT_ERROR_NOMEMORY);
-        return PLAT_INVALID;
+        auto uniqueAppendFile = std::make_unique<PosixAppendFile>(plathandleFile);
+        const bool blKnown = PosixPath(a_wszPath, uniqueAppendFile->strPath) &&
+                             PosixIdentityOf(iDescriptor, "", uniqueAppendFile->posixfileidentity);
+        if (blKnown)
+            return PosixMakeHandle(PosixKind::AppendFile, uniqueAppendFile.release());
     }
-    return PosixMakeHandle(PosixKind::AppendFile, pposixappendfile);
+    catch (const std::bad_alloc&)
+    {
+    }
+    PlatClose(plathandleFile);
+    PosixFail(PLAT_ERROR_NOMEMORY);
+    return PLAT_INVALID;
 }
 
 static const PosixAppendFile* AppendFileOf(PlatHandle a_plathandle)

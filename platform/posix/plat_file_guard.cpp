@@ -84,14 +84,13 @@ static bool IsOwnFolder(int a_iFolder)
 }
 
 // The folder first, then what is in it.
-static int OpenInFolder(std::string a_strPath, int a_iFlags, mode_t a_modeNew, uint32_t a_u32Guard)
+static int OpenInFolder(const std::string& a_strPath, int a_iFlags, mode_t a_modeNew, uint32_t a_u32Guard)
 {
-    PosixTrimPath(a_strPath);
-    const size_t sizetName = a_strPath.rfind('/') + 1;   // 0 without a separator
-    const std::string strName = a_strPath.substr(sizetName);
+    std::string_view strviewFolder;
+    const std::string strName(PosixSplitPath(a_strPath, strviewFolder));
     if (strName.empty() || strName == "." || strName == "..")
         return FailWith(EISDIR);
-    const std::string strFolder = sizetName ? a_strPath.substr(0, sizetName) : ".";
+    const std::string strFolder(strviewFolder);
     const PosixDescriptor posixdescriptorFolder(a_u32Guard & (PLAT_OPEN_NOLINKS | PLAT_OPEN_OWNFOLDER)
                                                     ? OpenFolderNoLinks(strFolder)
                                                     : open(strFolder.c_str(), g_iWay | O_DIRECTORY));

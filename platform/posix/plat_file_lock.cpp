@@ -29,20 +29,46 @@ static bool MakeLock(PlatHandle a_plathandle, uint64_t a_u64Offset, uint64_t a_u
     return true;
 }
 
+// True when nobody else holds any of it, whichever way.
+static bool IsFree(int a_iDescriptor, struct flock a_flock)
+{
+    a_flock.l_type = F_WRLCK;
+    return fcntl(a_iDescriptor, F_OFD_GETLK, &a_flock) == 0 && a_flock.l_type == F_UNLCK;
+}
+
+static bool SetLock(int a_iDescriptor, struct flock a_flock, short a_shType)
+{
+    a_flock.l_type = a_shType;
+    return fcntl(a_iDescriptor, F_OFD_SETLK, &a_flock) == 0;
+}
+
+// A descriptor that may not write gets no exclusive lock. A shared one is as good when nobody else holds any: of two
+// who try at the same moment at least one sees the other.
+static bool LockForReader(int a_iDescriptor, const struct flock& a_flock)
+{
+    for (PosixPatience posixpatience(2); IsFree(a_iDescriptor, a_flock);)
+    {
+        if (!SetLock(a_iDescriptor, a_flock, F_RDLCK))
+            break;
+        if (IsFree(a_iDescriptor, a_flock))
+            return true;
+        SetLock(a_iDescriptor, a_flock, F_UNLCK);
+        if (!posixpatience.Wait())
+            break;
+    }
+    return PosixFail(PLAT_ERROR_LOCK);
+}
+
 bool PlatFileLock(PlatHandle a_plathandle, uint64_t a_u64Offset, uint64_t a_u64Length)
 {
     struct flock flock;
     if (!MakeLock(a_plathandle, a_u64Offset, a_u64Length, F_WRLCK, flock))
         return false;
     const int iDescriptor = PosixDescriptorOf(a_plathandle);
-    int iResult = fcntl(iDescriptor, F_OFD_SETLK, &flock);
-    if (iResult != 0 && errno == EBADF)
-    {
-        flock.l_type = F_RDLCK;
-        iResult = fcntl(iDescriptor, F_OFD_SETLK, &flock);
-    }
-    if (iResult == 0)
+    if (SetLock(iDescriptor, flock, F_WRLCK))
         return true;
+    if (iDescriptor >= 0 && errno == EBADF && (a_plathandle & POSIX_FILE_READ))
+        return LockForReader(iDescriptor, flock);
     return errno == EAGAIN || errno == EACCES ? PosixFail(PLAT_ERROR_LOCK) : PosixFailErrno();
 }
 

@@ -10,6 +10,7 @@
 #include <cstring>
 #include <fcntl.h>
 #include <iterator>
+#include <new>
 #include <string_view>
 #include <sys/xattr.h>
 
@@ -37,10 +38,9 @@ bool FindPlace(const std::string& a_strPath, Place& a_place)
     char szReal[PATH_MAX];
     if (!realpath(a_strPath.c_str(), szReal))
         return PosixFailPath(a_strPath);
-    char* const szSlash = strrchr(szReal, '/');
-    a_place.strName = szSlash + 1;
-    *szSlash = 0;
-    a_place.posixdescriptorFolder.Take(open(*szReal ? szReal : "/", O_PATH | O_DIRECTORY | O_CLOEXEC));
+    std::string_view strviewFolder;
+    a_place.strName = PosixSplitPath(szReal, strviewFolder);
+    a_place.posixdescriptorFolder.Take(open(std::string(strviewFolder).c_str(), O_PATH | O_DIRECTORY | O_CLOEXEC));
     return a_place.posixdescriptorFolder.IsOpen() || PosixFailErrno();
 }
 
@@ -179,6 +179,7 @@ private:
 }   // namespace
 
 bool PlatFileReplace(PlatHandle a_plathandle, const char16_t* a_wszPath, const void* a_pvBuffer, size_t a_sizetBytes)
+try
 {
     struct stat status;
     std::string strPath;
@@ -198,18 +199,24 @@ bool PlatFileReplace(PlatHandle a_plathandle, const char16_t* a_wszPath, const v
     return newfile.Make(status) && newfile.Fill(a_pvBuffer, a_sizetBytes) && exchangeguard.Take(place) &&
            IsStillThere(place, status) && newfile.Exchange();
 }
+catch (const std::bad_alloc&)
+{
+    return PosixFail(PLAT_ERROR_NOMEMORY);
+}
 
 // ----------------------------------------------------------------------------------------- where there was none
 
 // The file has no name until it is complete.
 bool PlatFileCreateWhole(const char16_t* a_wszPath, const void* a_pvBuffer, size_t a_sizetBytes)
+try
 {
     std::string strPath;
     if (!PosixPath(a_wszPath, strPath))
         return false;
-    const size_t sizetSlash = strPath.rfind('/');
-    const std::string strFolder = sizetSlash == std::string::npos ? "." : strPath.substr(0, sizetSlash + 1);
-    const PosixDescriptor posixdescriptor(open(strFolder.c_str(), O_TMPFILE | O_WRONLY | O_CLOEXEC, 0666));
+    std::string_view strviewFolder;
+    PosixSplitPath(strPath, strviewFolder);
+    const PosixDescriptor posixdescriptor(
+        open(std::string(strviewFolder).c_str(), O_TMPFILE | O_WRONLY | O_CLOEXEC, 0666));
     if (!posixdescriptor.IsOpen())
         return PosixFailErrno();
     if (!WriteWhole(posixdescriptor.Get(), a_pvBuffer, a_sizetBytes))
@@ -219,4 +226,8 @@ bool PlatFileCreateWhole(const char16_t* a_wszPath, const void* a_pvBuffer, size
     if (linkat(AT_FDCWD, szLink, AT_FDCWD, strPath.c_str(), AT_SYMLINK_FOLLOW) == 0)
         return true;
     return errno == EEXIST ? PosixFail(PLAT_ERROR_ALREADYEXISTS) : PosixFailErrno();
+}
+catch (const std::bad_alloc&)
+{
+    return PosixFail(PLAT_ERROR_NOMEMORY);
 }

@@ -1,8 +1,7 @@
 // plat_file_share.cpp: share modes, made of locks that belong to the open file.
 //
 // Three ranges of bytes, far beyond the end of any file, stand for what handles do with a file. They are adjacent,
-// so that an opener who shares everything but deletion, which is what the log does for every line, takes all its
-// locks in one call.
+// so that an opener who shares reading and writing takes all its locks in one call.
 //
 //   READERS    who reads locks all of it shared. Who lets nobody else read locks it exclusively: all of it when he
 //              reads himself, one byte of it when he does not, for two such openers do not exclude each other.

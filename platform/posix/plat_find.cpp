@@ -5,6 +5,7 @@
 #include <dirent.h>
 #include <fcntl.h>
 #include <memory>
+#include <new>
 #include <string_view>
 
 // --------------------------------------------------------------------------------------------------- information
@@ -45,6 +46,7 @@ static std::u16string_view LastComponent(const char16_t* a_wszPath)
 }
 
 bool PlatFileGetInfo(const char16_t* a_wszPath, PlatFileInfo* a_pplatfileinfo)
+try
 {
     std::string strPath;
     if (!PosixPath(a_wszPath, strPath))
@@ -57,6 +59,10 @@ bool PlatFileGetInfo(const char16_t* a_wszPath, PlatFileInfo* a_pplatfileinfo)
         return PosixFailPath(strPath);
     a_pplatfileinfo->wszName[wsvName.copy(a_pplatfileinfo->wszName, PLAT_PATHMAX - 1)] = 0;
     return true;
+}
+catch (const std::bad_alloc&)
+{
+    return PosixFail(PLAT_ERROR_NOMEMORY);
 }
 
 // ------------------------------------------------------------------------------------------------------ searches
@@ -140,6 +146,7 @@ static bool OpenFolder(const char16_t* a_wszPattern, std::u16string_view a_wsvNa
 }
 
 PlatHandle PlatFindFirst(const char16_t* a_wszPattern, PlatFileInfo* a_pplatfileinfo)
+try
 {
     auto pfind = std::make_unique<Find>();
     const std::u16string_view wsvName = LastComponent(a_wszPattern);
@@ -158,6 +165,11 @@ PlatHandle PlatFindFirst(const char16_t* a_wszPattern, PlatFileInfo* a_pplatfile
         return PLAT_INVALID;
     }
     return PosixMakeHandle(PosixKind::Find, pfind.release());
+}
+catch (const std::bad_alloc&)
+{
+    PosixFail(PLAT_ERROR_NOMEMORY);
+    return PLAT_INVALID;
 }
 
 bool PlatFindNext(PlatHandle a_plathandle, PlatFileInfo* a_pplatfileinfo)

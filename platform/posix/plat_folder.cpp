@@ -1,9 +1,10 @@
-// plat_folder.cpp: names in folders: deleting, moving, attributes, folders. A link is never followed.
+// plat_folder.cpp: names in folders: deleting, moving, making folders. A link is never followed.
 #include "plat_posix_file.h"
 
 #include <cerrno>
 #include <cstdio>
 #include <fcntl.h>
+#include <new>
 
 // Holds off the openers of a file while its name goes or changes. Folders and what is no plain file have no share
 // modes, and a file that we may not open has no handles of ours to ask; without a descriptor to ask with, the name
@@ -75,14 +76,14 @@ bool NameGuard::Take(const struct stat& a_status)
 
 // Calls a_action(guard, status) for what has the name, and again when another file took the name meanwhile.
 template <class Action>
-static bool WithName(int a_iFolder, const std::string& a_strName, Action a_action)
+static bool WithName(int a_iFolder, const char* a_szName, Action a_action)
 {
     for (PosixPatience posixpatience(100);;)
     {
         struct stat status;
-        NameGuard nameguard(a_iFolder, a_strName.c_str());
-        if (fstatat(a_iFolder, a_strName.c_str(), &status, AT_SYMLINK_NOFOLLOW) != 0)
-            return PosixFailPath(a_strName);
+        NameGuard nameguard(a_iFolder, a_szName);
+        if (fstatat(a_iFolder, a_szName, &status, AT_SYMLINK_NOFOLLOW) != 0)
+            return PosixFailPath(a_szName);
         if (!nameguard.Take(status))
             return false;
         if (nameguard.StillNamed(status))
@@ -92,23 +93,28 @@ static bool WithName(int a_iFolder, const std::string& a_strName, Action a_actio
     }
 }
 
-bool PosixDeleteFile(int a_iFolder, const std::string& a_strName, bool a_blReadOnly)
+bool PosixDeleteFile(int a_iFolder, const char* a_szName, bool a_blReadOnly)
 {
-    return WithName(a_iFolder, a_strName, [&](NameGuard& a_nameguard, const struct stat& a_status) {
+    return WithName(a_iFolder, a_szName, [&](NameGuard& a_nameguard, const struct stat& a_status) {
         const bool blRefused = S_ISREG(a_status.st_mode) && PosixIsReadOnly(a_status.st_mode) && !a_blReadOnly;
         if (blRefused || S_ISDIR(a_status.st_mode))
             return PosixFail(PLAT_ERROR_ACCESSDENIED);
-        if (unlinkat(a_iFolder, a_strName.c_str(), 0) != 0)
-            return PosixFailPath(a_strName);
+        if (unlinkat(a_iFolder, a_szName, 0) != 0)
+            return PosixFailPath(a_szName);
         a_nameguard.NameHasGone();
         return true;
     });
 }
 
 bool PlatFileDelete(const char16_t* a_wszPath)
+try
 {
     std::string strPath;
-    return PosixPath(a_wszPath, strPath) && PosixDeleteFile(AT_FDCWD, strPath, false);
+    return PosixPath(a_wszPath, strPath) && PosixDeleteFile(AT_FDCWD, strPath.c_str(), false);
+}
+catch (const std::bad_alloc&)
+{
+    return PosixFail(PLAT_ERROR_NOMEMORY);
 }
 
 // Some file systems cannot rename without replacing: a second name does it for a file, a look for a folder.
@@ -127,6 +133,7 @@ static int RenameWithoutReplacing(const char* a_szOld, const char* a_szNew, cons
 }
 
 bool PlatFileMove(const char16_t* a_wszOld, const char16_t* a_wszNew)
+try
 {
     std::string strOld;
     std::string strNew;
@@ -134,29 +141,20 @@ bool PlatFileMove(const char16_t* a_wszOld, const char16_t* a_wszNew)
         return false;
     PosixTrimPath(strOld);
     PosixTrimPath(strNew);
-    return WithName(AT_FDCWD, strOld, [&](const NameGuard&, const struct stat& a_status) {
+    return WithName(AT_FDCWD, strOld.c_str(), [&](const NameGuard&, const struct stat& a_status) {
         const auto rename = [&] { return RenameWithoutReplacing(strOld.c_str(), strNew.c_str(), a_status) == 0; };
         if (rename() || (errno == ENOENT && PosixMakeDrive(a_wszNew) && rename()))
             return true;
         return errno == ENOENT ? PosixFail(PLAT_ERROR_PATHNOTFOUND) : PosixFailErrno();
     });
 }
-
-bool PlatFileClearAttributes(const char16_t* a_wszPath)
+catch (const std::bad_alloc&)
 {
-    std::string strPath;
-    struct stat status;
-    if (!PosixPath(a_wszPath, strPath))
-        return false;
-    PosixTrimPath(strPath);
-    if (lstat(strPath.c_str(), &status) != 0)
-        return PosixFailPath(strPath);
-    if (S_ISLNK(status.st_mode) || !PosixIsReadOnly(status.st_mode))
-        return true;
-    return chmod(strPath.c_str(), (status.st_mode & 07777) | S_IWUSR) == 0 || PosixFailPath(strPath);
+    return PosixFail(PLAT_ERROR_NOMEMORY);
 }
 
 static bool CreateFolder(const char16_t* a_wszPath, mode_t a_mode)
+try
 {
     std::string strPath;
     if (!PosixPath(a_wszPath, strPath))
@@ -172,6 +170,10 @@ static bool CreateFolder(const char16_t* a_wszPath, mode_t a_mode)
     }
     return errno == ENOENT ? PosixFail(PLAT_ERROR_PATHNOTFOUND) : PosixFailErrno();
 }
+catch (const std::bad_alloc&)
+{
+    return PosixFail(PLAT_ERROR_NOMEMORY);
+}
 
 bool PlatFolderCreate(const char16_t* a_wszPath)
 {
@@ -183,25 +185,16 @@ bool PlatFolderCreatePrivate(const char16_t* a_wszPath)
     return CreateFolder(a_wszPath, 0700);
 }
 
-bool PosixDeleteFolder(int a_iFolder, const std::string& a_strName)
+bool PosixDeleteFolder(int a_iFolder, const char* a_szName)
 {
-    if (unlinkat(a_iFolder, a_strName.c_str(), AT_REMOVEDIR) == 0)
+    if (unlinkat(a_iFolder, a_szName, AT_REMOVEDIR) == 0)
         return true;
     const int iErrno = errno;
     struct stat status;
     if (iErrno == EEXIST)
         return PosixFail(PLAT_ERROR_DIRNOTEMPTY);
-    if (iErrno == ENOTDIR && fstatat(a_iFolder, a_strName.c_str(), &status, AT_SYMLINK_NOFOLLOW) == 0)
+    if (iErrno == ENOTDIR && fstatat(a_iFolder, a_szName, &status, AT_SYMLINK_NOFOLLOW) == 0)
         return PosixFail(PLAT_ERROR_DIRECTORY);
     errno = iErrno;
-    return PosixFailPath(a_strName);
-}
-
-bool PlatFolderDelete(const char16_t* a_wszPath)
-{
-    std::string strPath;
-    if (!PosixPath(a_wszPath, strPath))
-        return false;
-    PosixTrimPath(strPath);
-    return PosixDeleteFolder(AT_FDCWD, strPath);
+    return PosixFailPath(a_szName);
 }

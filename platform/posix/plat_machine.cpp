@@ -7,6 +7,7 @@
 #include <cstdlib>
 #include <cstring>
 #include <fcntl.h>
+#include <new>
 #include <string_view>
 #include <sys/stat.h>
 #include <sys/sysmacros.h>
@@ -94,6 +95,7 @@ static std::string DeviceOf(uint64_t a_u64Mount)
 }
 
 bool PlatVolumeGet(const char16_t* a_wszFolder, PlatVolume* a_pplatvolume)
+try
 {
     std::string strPath = "/";
     if (a_wszFolder && !PosixPath(a_wszFolder, strPath))
@@ -107,4 +109,8 @@ bool PlatVolumeGet(const char16_t* a_wszFolder, PlatVolume* a_pplatvolume)
     if (!(status.stx_mask & STATX_MNT_ID))
         return true;
     return PosixToWide(DeviceOf(status.stx_mnt_id).c_str(), a_pplatvolume->wszDevice, PLAT_PATHMAX);
+}
+catch (const std::bad_alloc&)
+{
+    return PosixFail(PLAT_ERROR_NOMEMORY);
 }

@@ -9,6 +9,7 @@
 #include <cerrno>
 #include <dlfcn.h>
 #include <link.h>
+#include <new>
 #include <unistd.h>
 
 namespace
@@ -41,6 +42,7 @@ static bool FindModule(PlatHandle a_plathandle, std::string& a_strPath)
 }
 
 PlatHandle PlatModuleLoad(const char16_t* a_wszPath)
+try
 {
     std::string strPath;
     if (!PosixPath(a_wszPath, strPath))
@@ -54,8 +56,14 @@ PlatHandle PlatModuleLoad(const char16_t* a_wszPath)
     }
     return PosixMakeHandle(PosixKind::Module, static_cast<uint64_t>(plinkmap->l_addr));
 }
+catch (const std::bad_alloc&)
+{
+    PosixFail(PLAT_ERROR_NOMEMORY);
+    return PLAT_INVALID;
+}
 
 bool PlatModuleFree(PlatHandle a_plathandle)
+try
 {
     std::string strPath;
     if (!FindModule(a_plathandle, strPath))
@@ -66,9 +74,18 @@ bool PlatModuleFree(PlatHandle a_plathandle)
     dlclose(pvModule);   // what was just asked for
     return dlclose(pvModule) == 0 || PosixFail(PLAT_ERROR_INVALIDHANDLE);
 }
+catch (const std::bad_alloc&)
+{
+    return PosixFail(PLAT_ERROR_NOMEMORY);
+}
 
 bool PlatModuleIsLoaded(PlatHandle a_plathandle)
+try
 {
     std::string strPath;
     return FindModule(a_plathandle, strPath);
+}
+catch (const std::bad_alloc&)
+{
+    return PosixFail(PLAT_ERROR_NOMEMORY);
 }

@@ -5,6 +5,7 @@
 #include <cerrno>
 #include <climits>
 #include <cstring>
+#include <new>
 #include <string_view>
 
 static constexpr bool IsSeparator(char16_t a_wch)
@@ -89,6 +90,36 @@ static bool DriveFolder(char a_chDrive, std::string& a_strFolder)
     return true;
 }
 
+static bool IsFolderOf(const std::string& a_strPath, const struct stat& a_status)
+{
+    struct stat status;
+    return stat(a_strPath.c_str(), &status) == 0 && status.st_dev == a_status.st_dev &&
+           status.st_ino == a_status.st_ino;
+}
+
+// The system goes up from where a link leads, and so do we. In the folder of the drive ".." leads nowhere else, as in
+// the root of the system: it is left out there.
+static void StayInDrive(std::string& a_strPath, size_t a_sizetDrive)
+{
+    size_t sizetUp = a_strPath.find("/..", a_sizetDrive);
+    if (sizetUp == std::string::npos)
+        return;
+    struct stat status;
+    const int iErrno = errno;
+    const bool blDrive = stat(a_strPath.substr(0, a_sizetDrive).c_str(), &status) == 0;
+    while (sizetUp != std::string::npos)
+    {
+        const size_t sizetBehind = sizetUp + 3;
+        const bool blUp = sizetBehind == a_strPath.size() || a_strPath[sizetBehind] == '/';
+        if (blUp && (sizetUp == a_sizetDrive || (blDrive && IsFolderOf(a_strPath.substr(0, sizetUp), status))))
+            a_strPath.erase(sizetUp, 3);
+        else
+            sizetUp = sizetBehind;
+        sizetUp = a_strPath.find("/..", sizetUp);
+    }
+    errno = iErrno;
+}
+
 bool PosixPath(const char16_t* a_wszPath, std::string& a_strPath)
 {
     if (!a_wszPath || !*a_wszPath)
@@ -96,15 +127,19 @@ bool PosixPath(const char16_t* a_wszPath, std::string& a_strPath)
     bool blNetwork = false;
     const char16_t* pwch = WithoutPrefix(a_wszPath, blNetwork);
     a_strPath.assign(blNetwork ? 1 : 0, '/');
-    if (const char chDrive = DriveOf(pwch))
-    {
-        pwch += 2;
-        if (!DriveFolder(chDrive, a_strPath))
-            return false;
-        if (*pwch && !IsSeparator(*pwch))
-            a_strPath += '/';
-    }
-    return AppendPath(pwch, a_strPath);
+    const char chDrive = DriveOf(pwch);
+    if (!chDrive)
+        return AppendPath(pwch, a_strPath);
+    pwch += 2;
+    if (!DriveFolder(chDrive, a_strPath))
+        return false;
+    const size_t sizetDrive = a_strPath.size();
+    if (*pwch && !IsSeparator(*pwch))
+        a_strPath += '/';
+    if (!AppendPath(pwch, a_strPath))
+        return false;
+    StayInDrive(a_strPath, sizetDrive);
+    return true;
 }
 
 bool PosixMakeDrive(const char16_t* a_wszPath)
@@ -134,16 +169,27 @@ void PosixTrimPath(std::string& a_strPath)
         a_strPath.pop_back();
 }
 
-bool PosixFailPath(const std::string& a_strPath)
+std::string_view PosixSplitPath(std::string_view a_strviewPath, std::string_view& a_strviewFolder)
+{
+    while (a_strviewPath.size() > 1 && a_strviewPath.back() == '/')
+        a_strviewPath.remove_suffix(1);
+    const size_t sizetName = a_strviewPath.rfind('/') + 1;   // 0 without a separator
+    a_strviewFolder = sizetName ? a_strviewPath.substr(0, sizetName) : std::string_view(".");
+    return a_strviewPath.substr(sizetName);
+}
+
+bool PosixFailPath(std::string_view a_strviewPath)
 {
     if (errno != ENOENT)
         return PosixFailErrno();
-    std::string strFolder(a_strPath);
-    PosixTrimPath(strFolder);
-    const size_t sizetSlash = strFolder.rfind('/');
-    strFolder = sizetSlash == std::string::npos ? "." : strFolder.substr(0, sizetSlash ? sizetSlash : 1);
+    std::string_view strviewFolder;
+    char szFolder[PATH_MAX];
     struct stat status;
-    const bool blFolder = stat(strFolder.c_str(), &status) == 0 && S_ISDIR(status.st_mode);
+    PosixSplitPath(a_strviewPath, strviewFolder);
+    if (strviewFolder.size() >= sizeof szFolder)
+        return PosixFail(PLAT_ERROR_PATHNOTFOUND);
+    szFolder[strviewFolder.copy(szFolder, sizeof szFolder)] = '\0';
+    const bool blFolder = stat(szFolder, &status) == 0 && S_ISDIR(status.st_mode);
     return PosixFail(blFolder ? PLAT_ERROR_FILENOTFOUND : PLAT_ERROR_PATHNOTFOUND);
 }
 
@@ -179,14 +225,62 @@ static std::u16string TakeRoot(const std::u16string& a_wstrName, std::u16string_
     return wstrRoot;
 }
 
-// Appends the components; "." is left out and ".." takes the last one away, but nothing of the first a_sizetRoot.
-static void AppendComponents(std::u16string_view a_wsvName, size_t a_sizetRoot, std::u16string& a_wstrFull)
+// The real path of a link; false for what is none.
+static bool ReadLink(const std::u16string& a_wstrPath, std::string& a_strReal)
+{
+    std::string strPath;
+    char szReal[PATH_MAX];
+    struct stat status;
+    if (!PosixPath(a_wstrPath.c_str(), strPath) || lstat(strPath.c_str(), &status) != 0 || !S_ISLNK(status.st_mode) ||
+        !realpath(strPath.c_str(), szReal))
+        return false;
+    a_strReal = szReal;
+    return true;
+}
+
+// Takes the folder of the drive off the front of a real path that lies in it.
+static bool TakeDrive(const std::u16string& a_wstrRoot, std::string& a_strReal)
+{
+    std::string strDrive;
+    char szDrive[PATH_MAX];
+    if (a_wstrRoot.size() != 2 || !PosixPath(a_wstrRoot.c_str(), strDrive) || !realpath(strDrive.c_str(), szDrive))
+        return false;
+    const size_t sizetDrive = strlen(szDrive);
+    if (!a_strReal.starts_with(szDrive) || (a_strReal.size() > sizetDrive && a_strReal[sizetDrive] != '/'))
+        return false;
+    a_strReal.erase(0, sizetDrive);
+    return true;
+}
+
+// Puts the real path in the place of one that ends in a link. It has the same root if it lies in the same drive.
+static void FollowLink(std::u16string& a_wstrFull, size_t& a_sizetRoot)
+{
+    std::string strReal;
+    char16_t wszReal[PLAT_PATHMAX];
+    const uint32_t u32Error = PlatGetLastError();
+    if (ReadLink(a_wstrFull, strReal))
+    {
+        a_wstrFull.resize(a_sizetRoot);
+        if (!TakeDrive(a_wstrFull, strReal))
+            a_wstrFull.clear();
+        a_sizetRoot = a_wstrFull.size();
+        std::replace(strReal.begin(), strReal.end(), '/', '\\');
+        if (PosixToWide(strReal.c_str(), wszReal, PLAT_PATHMAX))
+            a_wstrFull += wszReal;
+    }
+    PlatSetLastError(u32Error);
+}
+
+// Appends the components. "." is left out; ".." goes up from where the path leads so far, but never beyond the first
+// a_sizetRoot units.
+static void AppendComponents(std::u16string_view a_wsvName, size_t& a_sizetRoot, std::u16string& a_wstrFull)
 {
     while (!a_wsvName.empty())
     {
         const std::u16string_view wsvComponent = TakeComponent(a_wsvName);
         if (wsvComponent == u"..")
         {
+            FollowLink(a_wstrFull, a_sizetRoot);
             a_wstrFull.resize(std::max(a_sizetRoot, std::min(a_wstrFull.rfind(u'\\'), a_wstrFull.size())));
         }
         else if (!wsvComponent.empty() && wsvComponent != u".")
@@ -204,11 +298,17 @@ static bool CurrentFolder(std::u16string& a_wstrFolder)
         return PosixFailErrno();
     if (!PosixToWide(szFolder, wszFolder, PLAT_PATHMAX))
         return false;
-    AppendComponents(wszFolder, 0, a_wstrFolder);
+    std::u16string_view wsvFolder = wszFolder;
+    while (!wsvFolder.empty())
+    {
+        if (const std::u16string_view wsvComponent = TakeComponent(wsvFolder); !wsvComponent.empty())
+            a_wstrFolder.append(u"\\").append(wsvComponent);
+    }
     return true;
 }
 
 bool PlatFileFullName(const char16_t* a_wszName, char16_t* a_wszFull, size_t a_sizetFull)
+try
 {
     if (!a_wszName || !*a_wszName)
         return PosixFail(PLAT_ERROR_INVALIDNAME);
@@ -221,7 +321,7 @@ bool PlatFileFullName(const char16_t* a_wszName, char16_t* a_wszFull, size_t a_s
 
     std::u16string_view wsvName;
     std::u16string wstrFull = TakeRoot(wstrName, wsvName);
-    const size_t sizetRoot = wstrFull.size();
+    size_t sizetRoot = wstrFull.size();
     if (!sizetRoot && !IsSeparator(wstrName[0]) && !CurrentFolder(wstrFull))
         return false;
     AppendComponents(wsvName, sizetRoot, wstrFull);
@@ -233,4 +333,8 @@ bool PlatFileFullName(const char16_t* a_wszName, char16_t* a_wszFull, size_t a_s
         return PosixFail(PLAT_ERROR_INSUFFICIENTBUFFER);
     memcpy(a_wszFull, wstrFull.c_str(), (wstrFull.size() + 1) * sizeof(char16_t));
     return true;
+}
+catch (const std::bad_alloc&)
+{
+    return PosixFail(PLAT_ERROR_NOMEMORY);
 }

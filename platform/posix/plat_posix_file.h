@@ -38,7 +38,11 @@ bool PosixWriteAppending(int a_iDescriptor, const void* a_pvBuffer, size_t a_siz
 // ------------------------------------------------------------------------------------------------------- paths
 
 // Fails with what errno says about a path; a missing file (2) is told from a missing folder on the way to it (3).
-bool PosixFailPath(const std::string& a_strPath);
+bool PosixFailPath(std::string_view a_strviewPath);
+
+// Cuts a path: the name, without separators behind it, is returned; the folder ends with a separator, and is "." for a
+// path without one. The name of "/" is empty.
+std::string_view PosixSplitPath(std::string_view a_strviewPath, std::string_view& a_strviewFolder);
 
 // Makes the folder that stands for the drive of a path, with its parents. True when it was not there, so that what
 // failed for it is worth another try. Leaves errno alone.
@@ -55,8 +59,8 @@ constexpr uint64_t PosixFileTime(int64_t a_i64Seconds, uint32_t a_u32Nanoseconds
 
 // Deletes a file or a link (of the read-only ones only those that a_blReadOnly allows), or an empty folder. The name is
 // relative to an open folder, or to the current one (AT_FDCWD).
-bool PosixDeleteFile(int a_iFolder, const std::string& a_strName, bool a_blReadOnly);
-bool PosixDeleteFolder(int a_iFolder, const std::string& a_strName);
+bool PosixDeleteFile(int a_iFolder, const char* a_szName, bool a_blReadOnly);
+bool PosixDeleteFolder(int a_iFolder, const char* a_szName);
 
 constexpr bool PosixIsReadOnly(mode_t a_mode)
 {

@@ -437,6 +437,7 @@ static uint32_t LaunchError(const Launch& a_launch)
 }
 
 PlatHandle PlatProcessCreate(const PlatProcessStart* a_pplatprocessstart, uint64_t* a_pu64ProcessId)
+try
 {
     Launch launch;
     if (!Prepare(*a_pplatprocessstart, launch))
@@ -462,6 +463,11 @@ PlatHandle PlatProcessCreate(const PlatProcessStart* a_pplatprocessstart, uint64
     }
     *a_pu64ProcessId = static_cast<uint64_t>(pid);
     return PosixMakeHandle(PosixKind::Child, uniqueChild.release());
+}
+catch (const std::bad_alloc&)
+{
+    PosixFail(PLAT_ERROR_NOMEMORY);
+    return PLAT_INVALID;
 }
 
 // ---------------------------------------------------------------------------------- what is asked about a process
@@ -543,6 +549,7 @@ bool PlatProcessIntegrity(uint32_t* a_pu32Integrity)
 }
 
 bool PlatProcessSession(uint64_t a_u64ProcessId, uint32_t* a_pu32Session)
+try
 {
     if (a_u64ProcessId == PlatProcessId())
     {
@@ -554,4 +561,8 @@ bool PlatProcessSession(uint64_t a_u64ProcessId, uint32_t* a_pu32Session)
         return false;
     *a_pu32Session = 1;
     return PlatClose(plathandle);
+}
+catch (const std::bad_alloc&)
+{
+    return PosixFail(PLAT_ERROR_NOMEMORY);
 }

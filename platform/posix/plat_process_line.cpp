@@ -3,6 +3,7 @@
 #include "plat_process.h"
 
 #include <algorithm>
+#include <new>
 
 // The program's name stands as it is, between quotation marks when it holds a blank.
 static void AppendProgram(const std::string& a_strProgram, std::string& a_strLine)
@@ -34,6 +35,7 @@ static void AppendArgument(const std::string& a_strArgument, std::string& a_strL
 }
 
 bool PlatProcessCommandLine(char16_t* a_wszCommandLine, size_t a_sizetCommandLine)
+try
 {
     const std::string strArguments = PosixReadText("/proc/self/cmdline");
     if (strArguments.empty())
@@ -47,4 +49,8 @@ bool PlatProcessCommandLine(char16_t* a_wszCommandLine, size_t a_sizetCommandLin
         sizetStart = sizetEnd + 1;
     }
     return PosixToWide(strLine.c_str(), a_wszCommandLine, a_sizetCommandLine);
+}
+catch (const std::bad_alloc&)
+{
+    return PosixFail(PLAT_ERROR_NOMEMORY);
 }

@@ -18,6 +18,7 @@
 #include <memory>
 #include <netinet/in.h>
 #include <netinet/tcp.h>
+#include <new>
 #include <sys/socket.h>
 
 namespace
@@ -205,6 +206,7 @@ bool PlatSocketPeerOwner(PlatHandle a_plathandle, PlatSocketOwner* a_pplatsocket
 
 // A process that has ended, or is about to, has no descriptors any more.
 static PlatHolds Holds(uint64_t a_u64ProcessId, uint32_t a_u32Inode)
+try
 {
     const std::string strSocket = "socket:[" + std::to_string(a_u32Inode) + "]";
     const std::unique_ptr<DIR, int (*)(DIR*)> uniqueFolder(
@@ -221,6 +223,10 @@ static PlatHolds Holds(uint64_t a_u64ProcessId, uint32_t a_u32Inode)
             return PLAT_HOLDS_YES;
     }
     return platholds;
+}
+catch (const std::bad_alloc&)
+{
+    return PLAT_HOLDS_UNKNOWN;
 }
 
 bool PlatSocketListenerOwner(uint16_t a_u16Port, uint64_t a_u64ProcessId, PlatSocketOwner* a_pplatsocketowner)

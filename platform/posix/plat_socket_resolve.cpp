@@ -6,9 +6,11 @@
 #include <cstring>
 #include <netdb.h>
 #include <netinet/in.h>
+#include <new>
 #include <sys/socket.h>
 
 bool PlatAddressResolve(const char16_t* a_wszHost, PlatAddress* a_pplataddress)
+try
 {
     std::string strHost;
     if (!PosixToUtf8(a_wszHost, strHost))
@@ -25,4 +27,8 @@ bool PlatAddressResolve(const char16_t* a_wszHost, PlatAddress* a_pplataddress)
     memcpy(a_pplataddress->au8Address, &address.sin_addr, sizeof a_pplataddress->au8Address);
     a_pplataddress->u16Port = 0;
     return true;
+}
+catch (const std::bad_alloc&)
+{
+    return PosixFail(PLAT_ERROR_NOMEMORY);
 }

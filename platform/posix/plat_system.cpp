@@ -7,6 +7,7 @@
 #include <cstring>
 #include <limits.h>
 #include <link.h>
+#include <new>
 #include <time.h>
 #include <unistd.h>
 
@@ -174,11 +175,16 @@ static std::string FolderPath(PlatFolder a_platfolder)
 }
 
 bool PlatFolderPath(PlatFolder a_platfolder, char16_t* a_wszPath, size_t a_sizetPath)
+try
 {
     const std::string strPath = FolderPath(a_platfolder);
     if (strPath.empty())
         return PosixFail(PLAT_ERROR_INVALIDPARAMETER);
     return PosixToWide(strPath.c_str(), a_wszPath, a_sizetPath);
+}
+catch (const std::bad_alloc&)
+{
+    return PosixFail(PLAT_ERROR_NOMEMORY);
 }
 
 // --------------------------------------------------------------------------------------------------- the modules

@@ -1,7 +1,8 @@
 // plat_tree.cpp: the walk through a tree.
 //
-// A folder is listed when it is entered and stays open while the walk is in it or not far below. What lies further up
-// is closed, so that no depth uses up the descriptors, and found again from below: it must be the same folder then.
+// A folder is listed when it is entered and stays open while the walk is in it or not far below, as does the one where
+// the walk began. What lies between is closed, so that no depth uses up the descriptors, and found again from below: it
+// must be the same folder then.
 #include "plat_tree.h"
 
 #include "plat_posix_file.h"
@@ -11,6 +12,7 @@
 #include <dirent.h>
 #include <fcntl.h>
 #include <memory>
+#include <new>
 #include <string_view>
 #include <utility>
 
@@ -136,7 +138,7 @@ bool GoInto(Tree& a_tree, PosixDescriptor& a_posixdescriptor)
         return false;
     a_tree.vectreefolder.push_back({a_posixdescriptor.Get(), 0, 0, std::move(strEntries), 0, 0});
     a_posixdescriptor.Release();
-    if (a_tree.vectreefolder.size() > g_sizetOpenFolders)
+    if (a_tree.vectreefolder.size() > g_sizetOpenFolders + 1)   // where the walk began stays open
         CloseForNow(a_tree.vectreefolder[a_tree.vectreefolder.size() - 1 - g_sizetOpenFolders]);
     return true;
 }
@@ -157,6 +159,7 @@ bool ClearReadOnly(int a_iFolder)
 }   // namespace
 
 PlatHandle PlatTreeOpen(const char16_t* a_wszFolder)
+try
 {
     std::string strPath;
     if (!PosixPath(a_wszFolder, strPath))
@@ -177,6 +180,80 @@ PlatHandle PlatTreeOpen(const char16_t* a_wszFolder)
     errno = iErrno;
     PosixFailPath(strPath);
     return PLAT_INVALID;
+}
+catch (const std::bad_alloc&)
+{
+    PosixFail(PLAT_ERROR_NOMEMORY);
+    return PLAT_INVALID;
+}
+
+PlatHandle PlatTreeOpenAt(const char16_t* a_wszPath, PlatTreeEntry* a_pplattreeentry)
+try
+{
+    std::string strPath;
+    std::string_view strviewFolder;
+    if (!PosixPath(a_wszPath, strPath))
+        return PLAT_INVALID;
+    const std::string strName(PosixSplitPath(strPath, strviewFolder));
+    if (strName.empty() || strName == "." || strName == "..")
+    {
+        PosixFail(PLAT_ERROR_INVALIDNAME);
+        return PLAT_INVALID;
+    }
+
+    // Whoever may not list the folder may still know what is in it.
+    PosixDescriptor posixdescriptor(open(std::string(strviewFolder).c_str(), O_PATH | O_DIRECTORY | O_CLOEXEC));
+    struct stat status;
+    if (!posixdescriptor.IsOpen() || fstatat(posixdescriptor.Get(), strName.c_str(), &status, AT_SYMLINK_NOFOLLOW) != 0)
+    {
+        PosixFailPath(strPath);
+        return PLAT_INVALID;
+    }
+    auto ptree = std::make_unique<Tree>();
+    std::string strEntries(1, static_cast<char>(IFTODT(status.st_mode)));
+    strEntries.append(strName).push_back('\0');
+    ptree->vectreefolder.push_back({posixdescriptor.Get(), 0, 0, std::move(strEntries), 0, 0});
+    posixdescriptor.Release();
+    const PlatHandle plathandle = PosixMakeHandle(PosixKind::Tree, ptree.release());
+    PlatTreeNext(plathandle, a_pplattreeentry);
+    return plathandle;
+}
+catch (const std::bad_alloc&)
+{
+    PosixFail(PLAT_ERROR_NOMEMORY);
+    return PLAT_INVALID;
+}
+
+// Goes up from the folder of the path. What cannot be reached cannot be deleted from here either; where it is only not
+// known, it counts as held.
+bool PlatTreeHolds(PlatHandle a_plathandle, const char16_t* a_wszFolder)
+try
+{
+    const Tree* const ptree = TreeOf(a_plathandle);
+    std::string strPath;
+    struct stat statusWalk;
+    if (!ptree || !PosixPath(a_wszFolder, strPath) || fstat(ptree->vectreefolder.back().iDescriptor, &statusWalk) != 0)
+        return true;
+    constexpr int iFlags = O_PATH | O_DIRECTORY | O_CLOEXEC;
+    struct stat statusBelow = {};
+    PosixDescriptor posixdescriptor(open(strPath.c_str(), iFlags));
+    while (posixdescriptor.IsOpen())
+    {
+        struct stat status;
+        if (fstat(posixdescriptor.Get(), &status) != 0 ||
+            (status.st_dev == statusWalk.st_dev && status.st_ino == statusWalk.st_ino))
+            return true;
+        if (status.st_dev == statusBelow.st_dev && status.st_ino == statusBelow.st_ino)
+            return false;
+        statusBelow = status;
+        const PosixDescriptor posixdescriptorBelow(posixdescriptor.Release());
+        posixdescriptor.Take(openat(posixdescriptorBelow.Get(), "..", iFlags));
+    }
+    return errno != ENOENT && errno != ENOTDIR && errno != EACCES && errno != ELOOP && errno != ENAMETOOLONG;
+}
+catch (const std::bad_alloc&)
+{
+    return true;
 }
 
 bool PosixCloseTree(PlatHandle a_plathandle)
@@ -221,6 +298,7 @@ bool PlatTreeRewind(PlatHandle a_plathandle)
 }
 
 bool PlatTreeEnter(PlatHandle a_plathandle)
+try
 {
     const TreeFolder* const ptreefolder = FolderAtEntry(a_plathandle);
     if (!ptreefolder)
@@ -229,6 +307,10 @@ bool PlatTreeEnter(PlatHandle a_plathandle)
     if (!posixdescriptor.IsOpen())
         return errno == ENOTDIR || errno == ELOOP ? PosixFail(PLAT_ERROR_DIRECTORY) : PosixFailErrno();
     return GoInto(*PosixObjectOf<Tree>(a_plathandle), posixdescriptor);
+}
+catch (const std::bad_alloc&)
+{
+    return PosixFail(PLAT_ERROR_NOMEMORY);
 }
 
 bool PlatTreeLeave(PlatHandle a_plathandle)

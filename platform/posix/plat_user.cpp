@@ -8,8 +8,10 @@
 
 #include <algorithm>
 #include <cstdlib>
+#include <fcntl.h>
 #include <iterator>
 #include <linux/capability.h>
+#include <new>
 #include <sys/fsuid.h>
 #include <sys/syscall.h>
 #include <unistd.h>
@@ -29,8 +31,11 @@ uint64_t PlatUserId()
 static uint32_t OverflowUser()
 {
     constexpr uint32_t u32Usual = 65534;
-    const std::string strNumber = PosixReadText("/proc/sys/kernel/overflowuid");
-    return strNumber.empty() ? u32Usual : static_cast<uint32_t>(strtoul(strNumber.c_str(), nullptr, 10));
+    char szNumber[16];
+    const PosixDescriptor posixdescriptor(open("/proc/sys/kernel/overflowuid", O_RDONLY | O_CLOEXEC));
+    const ssize_t ssizet = posixdescriptor.IsOpen() ? read(posixdescriptor.Get(), szNumber, sizeof szNumber - 1) : 0;
+    szNumber[std::max<ssize_t>(ssizet, 0)] = '\0';
+    return *szNumber ? static_cast<uint32_t>(strtoul(szNumber, nullptr, 10)) : u32Usual;
 }
 
 PlatOwner PosixOwnerOf(uint32_t a_u32User)
@@ -162,6 +167,7 @@ static bool ActAs(uid_t a_uid, gid_t a_gid, const Capabilities& a_capabilities)
 }
 
 bool PlatUserActAs(uint64_t a_u64User)
+try
 {
     if (a_u64User == 0 || a_u64User >= g_uidUnused)
         return PosixFail(PLAT_ERROR_INVALIDPARAMETER);
@@ -173,4 +179,8 @@ bool PlatUserActAs(uint64_t a_u64User)
         return true;
     GiveBack(rights);
     return PosixFail(PLAT_ERROR_ACCESSDENIED);
+}
+catch (const std::bad_alloc&)
+{
+    return PosixFail(PLAT_ERROR_NOMEMORY);
 }

@@ -23,6 +23,7 @@
 #include <cstring>
 #include <fcntl.h>
 #include <limits.h>
+#include <new>
 #include <pthread.h>
 #include <sys/file.h>
 #include <sys/stat.h>
@@ -129,6 +130,7 @@ static std::string LinkOf(int a_iDescriptor)
 
 // Opens for everybody what this process has just made under that name, and gives it its own, unless that is taken.
 static bool Publish(int a_iFolder, const std::string& a_strMade, const std::string& a_strName)
+try
 {
     const PosixDescriptor posixdescriptor(openat(a_iFolder, a_strMade.c_str(), O_PATH | O_NOFOLLOW | O_CLOEXEC));
     struct stat status = {};
@@ -141,6 +143,10 @@ static bool Publish(int a_iFolder, const std::string& a_strMade, const std::stri
             (linkat(AT_FDCWD, strLink.c_str(), a_iFolder, a_strName.c_str(), AT_SYMLINK_FOLLOW) == 0 ||
              errno == EEXIST)) ||
            PosixFailErrno();
+}
+catch (const std::bad_alloc&)
+{
+    return PosixFail(PLAT_ERROR_NOMEMORY);
 }
 
 // Makes a FIFO of the name, unless there is one already. It is made under another name, so that nobody finds it before
@@ -234,6 +240,7 @@ static Join OpenFifo(int a_iFolder, const std::string& a_strName, uint64_t a_u64
 }
 
 int PosixOpenNamedEvent(const char16_t* a_wszName, bool* a_pblExisted)
+try
 {
     std::string strText;
     if (!PosixToUtf8(a_wszName, strText) || (strText.empty() && !PosixFail(PLAT_ERROR_INVALIDNAME)))
@@ -252,6 +259,11 @@ int PosixOpenNamedEvent(const char16_t* a_wszName, bool* a_pblExisted)
         PosixFail(PLAT_ERROR_LOCK);
     return posixdescriptor.Release();
 }
+catch (const std::bad_alloc&)
+{
+    PosixFail(PLAT_ERROR_NOMEMORY);
+    return -1;
+}
 
 // How many forks lead to this process, as a handle carries it. What a child has got by a fork it shares with its
 // parent, the lock included, and leaves to it.
@@ -264,8 +276,9 @@ PlatHandle PosixNamedEventOwner()
     return g_atomicForks;
 }
 
-// Takes the name of a FIFO away, wherever it is by now.
+// Takes the name of a FIFO away, wherever it is by now. One that stays for want of memory is in nobody's way.
 static void Unlink(int a_iFifo)
+try
 {
     char szPath[PATH_MAX];
     const ssize_t ssizetPath = readlink(LinkOf(a_iFifo).c_str(), szPath, sizeof szPath);
@@ -277,6 +290,9 @@ static void Unlink(int a_iFifo)
     const PosixDescriptor posixdescriptor(OpenFolder(strPath.substr(0, sizetName - 1)));
     if (posixdescriptor.IsOpen() && IsStillNamed(a_iFifo, posixdescriptor.Get(), strName.c_str()))
         unlinkat(posixdescriptor.Get(), strName.c_str(), 0);
+}
+catch (const std::bad_alloc&)
+{
 }
 
 bool PosixCloseNamedEvent(PlatHandle a_plathandle)

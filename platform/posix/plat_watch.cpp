@@ -7,6 +7,7 @@
 #include <climits>
 #include <cstring>
 #include <fcntl.h>
+#include <new>
 #include <sys/inotify.h>
 
 static constexpr uint32_t g_u32Modified = IN_MODIFY | IN_ATTRIB | IN_CLOSE_WRITE;
@@ -28,6 +29,7 @@ static void FailWatch(const std::string& a_strFolder)
 }
 
 PlatHandle PlatWatchCreate(const char16_t* a_wszFolder)
+try
 {
     std::string strFolder;
     if (!PosixPath(a_wszFolder, strFolder))
@@ -42,6 +44,11 @@ PlatHandle PlatWatchCreate(const char16_t* a_wszFolder)
     if (inotify_add_watch(posixdescriptor.Get(), strFolder.c_str(), u32Mask | IN_ONLYDIR) >= 0)
         return PosixMakeHandle(PosixKind::Watch, posixdescriptor.Release());
     FailWatch(strFolder);
+    return PLAT_INVALID;
+}
+catch (const std::bad_alloc&)
+{
+    PosixFail(PLAT_ERROR_NOMEMORY);
     return PLAT_INVALID;
 }
 

@@ -10,7 +10,14 @@
 template <class Object, class... Arguments>
 Object* OsMemNew(const char* a_szFile, uint32_t a_u32Line, const char* a_szClass, Arguments&&... a_arguments)
 {
-    Object* const pobject = new (std::nothrow) Object(std::forward<Arguments>(a_arguments)...);
+    Object* pobject = nullptr;
+    try
+    {
+        pobject = new (std::nothrow) Object(std::forward<Arguments>(a_arguments)...);
+    }
+    catch (const std::bad_alloc&)   // thrown by what the object is made of
+    {
+    }
     if (!pobject)
     {
         OSLOG_AT(a_szFile, a_u32Line, OS_LOG_CHECK, "OsMemNew failed...");

@@ -14,8 +14,8 @@ namespace
 class CommonSettings
 {
 public:
-    // Leaves the list empty when there is no file.
-    void Load();
+    // Leaves the list empty when there is no file. False for a failure that may pass.
+    bool Load();
     const char* Find(const char* a_szKey) const;   // null when it is absent
 
 private:
@@ -63,24 +63,29 @@ void CommonSettings::Take(char* a_szLine)
 
 // -------------------------------------------------------------------------------------------------------- the loading
 
-bool FindFile(char (&a_szPath)[OS_PATHSIZE])
+EOSSTS FindFile(char (&a_szPath)[OS_PATHSIZE])
 {
+    OsFileInfo osfileinfo;
     a_szPath[0] = 0;
     OsCfgResolvePath(OS_PATH_READABLE_FILE_COMMON_CONSTINI, a_szPath, sizeof a_szPath);
-    if (!a_szPath[0] || OsFileExists(a_szPath, true))
-        return a_szPath[0] != 0;
+    if (!a_szPath[0])
+        return EOSSTS_FAIL;
+    if (const EOSSTS eossts = OsFileGetInfo(a_szPath, &osfileinfo); eossts != EOSSTS_NOTFOUND)
+        return eossts;
     SStrCat(a_szPath, sizeof a_szPath, ".txt");
-    return a_szPath[0] && OsFileExists(a_szPath, true);
+    return a_szPath[0] ? OsFileGetInfo(a_szPath, &osfileinfo) : EOSSTS_NOTFOUND;
 }
 
-void CommonSettings::Load()
+bool CommonSettings::Load()
 {
     char szPath[OS_PATHSIZE];
-    if (!FindFile(szPath) || OsCfgReadText(szPath, true, m_szText, sizeof m_szText) != EOSSTS_SUCCESS)
-        return;
-    char* szText = m_szText;
+    EOSSTS eossts = FindFile(szPath);
+    if (eossts == EOSSTS_SUCCESS)
+        eossts = OsCfgReadText(szPath, true, m_szText, sizeof m_szText);
+    char* szText = eossts == EOSSTS_SUCCESS ? m_szText : nullptr;
     while (char* const szLine = OsCfgNextLine(&szText))
         Take(szLine);
+    return eossts != EOSSTS_FAIL;
 }
 
 const char* CommonSettings::Find(const char* a_szKey) const
@@ -102,13 +107,13 @@ std::unique_ptr<const CommonSettings> LoadSettings()
     if (!commonsettings)
         return nullptr;
     g_blLoading = true;
-    commonsettings->Load();
+    const bool blLoaded = commonsettings->Load();
     g_blLoading = false;
-    return commonsettings;
+    return blLoaded ? std::move(commonsettings) : nullptr;
 }
 
-// The settings of the process, null without memory and while this thread loads them: a loader logs, and the logger
-// reads settings.
+// The settings of the process, null when they cannot be loaded now and while this thread loads them: a loader logs, and
+// the logger reads settings.
 const CommonSettings* Settings()
 {
     return OsCfgPublished(g_pcommonsettings, LoadSettings);

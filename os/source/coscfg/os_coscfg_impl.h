@@ -28,6 +28,7 @@
 #include <atomic>
 #include <initializer_list>
 #include <memory>
+#include <new>
 #include <mutex>
 
 class COsThread;
@@ -88,7 +89,7 @@ uint32_t OsCfgTagSection(uint32_t a_u32Tag);
 const char* OsCfgTagDefault(uint32_t a_u32Tag);   // null for none
 
 // Reads a text of at most a_sizetBuffer - 1 bytes, without its byte-order mark, and terminates it. EOSSTS_NOTFOUND when
-// the file cannot be opened, EOSSTS_FAIL (logged) when it cannot be read; the text is empty then.
+// there is no file or it may not be opened, EOSSTS_FAIL (logged) when it cannot be read now; the text is empty then.
 EOSSTS OsCfgReadText(const char* a_szPath, bool a_blRedirectionOff, char* a_szBuffer, size_t a_sizetBuffer);
 
 // Splits a text in place: ends its first line at the CR or LF and moves the text behind that. Null behind the last.
@@ -197,20 +198,29 @@ void OsCfgNameSystem(const PlatVersion& a_platversion, char* a_szName, size_t a_
 
 // What is made by the first question of the process and never freed. No lock is held while it is made: a log line of
 // the making may lead back here, through the header that the logger writes. The first one that is finished stays, and
-// a_tell gets it once. Null when the making gave nothing: the next question tries again.
+// a_tell gets it once. Null when the making gave nothing, an empty record when it threw for want of memory: the next
+// question tries again.
 template <class Record, class Make, class Tell = void (*)(const Record&)>
 const Record* OsCfgPublished(
     std::atomic<const Record*>& a_precord, Make a_make, Tell a_tell = [](const Record&) {})
 {
     if (const Record* const precord = a_precord.load(std::memory_order_acquire))
         return precord;
-    std::unique_ptr<const Record> record = a_make();
-    const Record* precordFirst = nullptr;
-    if (!record || !a_precord.compare_exchange_strong(precordFirst, record.get(), std::memory_order_acq_rel))
-        return precordFirst;
-    const Record* const precord = record.release();
-    a_tell(*precord);
-    return precord;
+    try
+    {
+        std::unique_ptr<const Record> record = a_make();
+        const Record* precordFirst = nullptr;
+        if (!record || !a_precord.compare_exchange_strong(precordFirst, record.get(), std::memory_order_acq_rel))
+            return precordFirst;
+        const Record* const precord = record.release();
+        a_tell(*precord);
+        return precord;
+    }
+    catch (const std::bad_alloc&)
+    {
+        static const Record g_recordNone{};
+        return &g_recordNone;
+    }
 }
 
 // Whether the environment asks for the support report, and logging is not off for the process.

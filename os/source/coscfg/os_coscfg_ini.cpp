@@ -69,9 +69,10 @@ EOSSTS OsCfgReadText(const char* a_szPath, bool a_blRedirectionOff, char* a_szBu
 {
     *a_szBuffer = 0;
     COsFile osfile;
-    if (osfile.Open(a_szPath, OS_FILEOPEN_EXISTING, OS_FILEACCESS_READ, OS_FILESHARE_READ, a_blRedirectionOff) !=
-        EOSSTS_SUCCESS)
-        return EOSSTS_NOTFOUND;
+    if (const EOSSTS eossts =
+            osfile.Open(a_szPath, OS_FILEOPEN_EXISTING, OS_FILEACCESS_READ, OS_FILESHARE_READ, a_blRedirectionOff);
+        eossts != EOSSTS_SUCCESS)
+        return eossts == EOSSTS_FAIL ? EOSSTS_FAIL : EOSSTS_NOTFOUND;
 
     size_t sizetTotal = 0;
     for (size_t sizetRead = 1; sizetRead != 0 && sizetTotal < a_sizetBuffer - 1; sizetTotal += sizetRead)

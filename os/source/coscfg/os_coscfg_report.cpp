@@ -17,6 +17,7 @@
 
 #include <algorithm>
 #include <cstring>
+#include <new>
 #include <string>
 
 static constexpr char g_szSource[] = "os/source/os_coscfg";
@@ -119,6 +120,7 @@ void Report::WriteDotted(size_t a_sizetColumn, const char* a_szName, const char*
 }
 
 void Report::WriteEnvironment()
+try
 {
     static constexpr size_t g_sizetLongest = 8191;
     m_osfile.Printf("\r\n*** Environmentals ***************************************\r\n\r\n");
@@ -134,6 +136,10 @@ void Report::WriteEnvironment()
         strEntry.resize(sizetEnd);
         m_osfile.Printf("%s\r\n", strEntry.c_str());
     }
+}
+catch (const std::bad_alloc&)
+{
+    OSLOG(OS_LOG_ERROR, "allocation failed...");
 }
 
 void Report::WriteBrand()

@@ -79,10 +79,13 @@ char* SkipComponents(char* a_szPath, int a_iComponents)
     return a_szPath;
 }
 
-// Where the components of an absolute path begin that can be created: behind "\", "X:\" or "\\server\share\".
+// Where the components of a path begin that can be created: behind "\", "X:", "X:\" or "\\server\share\".
 char* BehindRoot(char* a_szPath)
 {
-    return StrStartsWith(a_szPath, "\\\\") ? SkipComponents(a_szPath + 2, 2) : SkipComponents(a_szPath, 1);
+    if (StrStartsWith(a_szPath, "\\\\"))
+        return SkipComponents(a_szPath + 2, 2);
+    char* const szBehind = a_szPath[0] && a_szPath[1] == ':' ? a_szPath + 2 : a_szPath;
+    return *szBehind == '\\' ? szBehind + 1 : szBehind;
 }
 
 // A folder that another thread or process creates meanwhile is as good.
@@ -103,20 +106,22 @@ bool CreateOne(const char* a_szFolder)
     return false;
 }
 
-// Creates every missing component of an absolute path, from the root on. Mostly the last alone is missing. False with
+// Creates every missing component of a normalised path, from the root on. Mostly the last alone is missing. False with
 // the system's last error.
-bool CreateComponents(char* a_szAbsolute)
+bool CreateComponents(char* a_szPath)
 {
-    OsPathRemoveTrailing(a_szAbsolute);
-    if (CreateOne(a_szAbsolute))
+    OsPathRemoveTrailing(a_szPath);
+    if (CreateOne(a_szPath))
         return true;
-    char* szNext = BehindRoot(a_szAbsolute);
+    char* szNext = BehindRoot(a_szPath);
+    if (PlatGetLastError() != PLAT_ERROR_PATHNOTFOUND || !*szNext)
+        return false;
     while (*szNext)
     {
         szNext += strcspn(szNext, "\\");
         const char chBehind = *szNext;
         *szNext = '\0';
-        if (!CreateOne(a_szAbsolute))
+        if (!CreateOne(a_szPath))
             return false;
         *szNext = chBehind;
         if (chBehind)
@@ -161,10 +166,11 @@ EOSSTS OsFileCreateDirectory(const char* a_szDirectory)
     }
 
     OSLOG(OS_LOG_NOTE, "Creating directory...<%s>", a_szDirectory);
-    char szAbsolute[OS_PATHSIZE];
-    EOSSTS eossts = OsPathAbsolute(szAbsolute, sizeof szAbsolute, a_szDirectory);
+    char szPath[OS_PATHSIZE];
+    OsPathCopy(szPath, sizeof szPath, a_szDirectory);
+    EOSSTS eossts = szPath[0] ? EOSSTS_SUCCESS : EOSSTS_FAIL;
     uint32_t u32Error = PLAT_ERROR_INVALIDNAME;
-    if (eossts == EOSSTS_SUCCESS && !CreateComponents(szAbsolute))
+    if (szPath[0] && !CreateComponents(szPath))
     {
         u32Error = PlatGetLastError();
         eossts = CreateStatus(u32Error);

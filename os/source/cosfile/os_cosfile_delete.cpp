@@ -1,97 +1,73 @@
-// os_cosfile_delete.cpp: deleting files and folder trees. From top to bottom: what is deleted by its path, with what
-// the walk through a tree (os_cosfile_tree.h) finds below it, which folders must never go, and the operations.
+// os_cosfile_delete.cpp: deleting files and folder trees. From top to bottom: what is deleted at the entry that a walk
+// (os_cosfile_tree.h) has found, which folders must never go, and the operations.
+//
+// A path is looked up once. What is judged and what is deleted is what that has found, whatever becomes of the path.
 #include "os_cosfile_system.h"
 
-#include "os_cosfile_impl.h"
+#include "os_cospath.h"
 #include "os_cosfile_tree.h"
 #include "os_cosstring.h"
 #include "os_log.h"
 
 #include <algorithm>
 #include <cstring>
+#include <iterator>
+#include <new>
+#include <vector>
 
 static constexpr char g_szSource[] = "os/source/os_cosfile";
 
 namespace
 {
-// The attributes are cleared only when they are in the way.
-bool RemoveNow(const char* a_szPath, bool (*a_remove)(const char16_t*))
+void TellDelete(const char* a_szPath, EOSFILETYPE a_eosfiletype, bool a_blRecursive)
 {
-    char16_t wszPath[OS_WIDEPATHSIZE];
-    if (!OsPathToSystem(wszPath, OS_WIDEPATHSIZE, a_szPath))
-        return false;
-    if (a_remove(wszPath))
-        return true;
-    const uint32_t u32Error = PlatGetLastError();
-    if (PlatFileClearAttributes(wszPath) && a_remove(wszPath))
-        return true;
-    PlatSetLastError(u32Error);
-    return false;
+    OSLOG(OS_LOG_NOTE, "Delete: <%s> %d %d", a_szPath, static_cast<int>(a_eosfiletype),
+          static_cast<int>(a_blRecursive));
 }
 
-bool DeleteFile(const char* a_szPath, EOSFILETYPE a_eosfiletype, bool a_blSystemFiles)
+// Deletes the entry that the walk is at. A folder that cannot be listed is deleted if it is empty.
+bool DeleteEntry(OsFileTree& a_osfiletree, bool a_blRecursive)
 {
-    uint32_t u32Error = PLAT_ERROR_ACCESSDENIED;
-    if (a_eosfiletype != OS_FILETYPE_SYSTEM || a_blSystemFiles)
+    if (a_blRecursive && a_osfiletree.Enter())
     {
-        if (RemoveNow(a_szPath, PlatFileDelete))
-            return true;
-        u32Error = PlatGetLastError();
-        if (!OsFileExists(a_szPath))
-            return true;
+        const bool blDeleted = a_osfiletree.DeleteAll();
+        a_osfiletree.Leave();
+        if (!blDeleted)
+            return false;
     }
-    OsFileTellFileStays(a_szPath, u32Error);
-    return false;
+    return a_osfiletree.DeleteEntry();
 }
 
-// An empty folder.
-bool DeleteFolder(const char* a_szPath)
+// Removes the folders below the one that the walk is in that hold no file. True when nothing is left. A folder is
+// deleted without what is in it: a file that somebody creates there at this moment stays.
+bool RemoveEmptyBelow(OsFileTree& a_osfiletree)
+try
 {
-    if (RemoveNow(a_szPath, PlatFolderDelete) || !OsFileExists(a_szPath))
-        return true;
-    OsFileTellFolderStays(a_szPath);
-    return false;
-}
-
-// A folder that cannot be listed has nothing to delete: whoever removes it then finds out whether it is empty.
-bool DeleteWhatIsIn(const char* a_szPath, bool a_blSystemFiles)
-{
-    OsFileTree osfiletree(a_blSystemFiles);
-    return osfiletree.Open(a_szPath) != EOSSTS_SUCCESS || osfiletree.DeleteAll();
-}
-
-void TellEmptyFolderGoes(const char* a_szPath)
-{
-    OSLOG(OS_LOG_NOTE, "Delete: <%s> %d %d", a_szPath, static_cast<int>(OS_FILETYPE_FOLDER), 0);
-}
-
-// Removes the folders below the path that hold no file. True when nothing is left. A folder is deleted without what is
-// in it: a file that somebody creates there at this moment stays.
-bool RemoveEmptyBelow(const char* a_szPath)
-{
-    OsFileTree osfiletree(false);
-    if (osfiletree.Open(a_szPath) != EOSSTS_SUCCESS)
-        return true;
     std::vector<bool> vecblEmpty(1, true);   // of the folder where the walk began, and of those entered since
     for (;;)
     {
-        if (osfiletree.Next())
+        if (a_osfiletree.Next())
         {
-            const bool blEntered = osfiletree.Enter();
-            vecblEmpty.back() = vecblEmpty.back() && blEntered;
-            if (blEntered)
-                vecblEmpty.push_back(true);
+            vecblEmpty.push_back(true);
+            if (a_osfiletree.Enter())
+                continue;
+            vecblEmpty.pop_back();
+            vecblEmpty.back() = false;
             continue;
         }
         if (vecblEmpty.size() == 1)
             return vecblEmpty.back();
         const bool blEmpty = vecblEmpty.back();
         vecblEmpty.pop_back();
-        osfiletree.Leave();
+        a_osfiletree.Leave();
         if (blEmpty)
-            TellEmptyFolderGoes(osfiletree.Path());
-        vecblEmpty.back() = blEmpty && osfiletree.DeleteEntry() && vecblEmpty.back();
+            TellDelete(a_osfiletree.Path(), OS_FILETYPE_FOLDER, false);
+        vecblEmpty.back() = blEmpty && a_osfiletree.DeleteEntry() && vecblEmpty.back();
     }
+}
+catch (const std::bad_alloc&)
+{
+    return false;
 }
 
 // Folders that must never go: a drive, the system's and the users' folders on it, and these.
@@ -106,29 +82,21 @@ bool IsProtectedPath(const char* a_szPath)
                        [&](const char* a_szProtected) { return strcmp(a_szPath, a_szProtected) == 0; });
 }
 
-// The same folders, by whatever path they are reached: a link on the way may lead to them.
-bool IsProtectedFolder(const char* a_szAbsolute)
+// The same folders, and those that hold one, by whatever path the walk has come to them.
+bool HoldsProtected(const OsFileTree& a_osfiletree)
 {
-    PlatFileIdentity platfileidentity;
-    if (!OsFileReadIdentity(a_szAbsolute, PLAT_OPEN_FOLDER, &platfileidentity))
-        return false;
-    const auto isThis = [&](const char* a_szProtected) {
-        PlatFileIdentity platfileidentityProtected;
-        return OsFileReadIdentity(a_szProtected, PLAT_OPEN_FOLDER, &platfileidentityProtected) &&
-               platfileidentity.u64Volume == platfileidentityProtected.u64Volume &&
-               platfileidentity.u64Index == platfileidentityProtected.u64Index;
-    };
-    if (a_szAbsolute[0] && a_szAbsolute[1] == ':')
+    char aszOnDrive[][12] = {"?:\\", "?:\\Windows", "?:\\Users"};
+    for (char chDrive = 'a'; chDrive <= 'z'; ++chDrive)
     {
-        char aszOnDrive[][12] = {"?:\\", "?:\\Windows", "?:\\Users"};
         for (char* const szOnDrive : aszOnDrive)
         {
-            szOnDrive[0] = a_szAbsolute[0];
-            if (isThis(szOnDrive))
+            szOnDrive[0] = chDrive;
+            if (a_osfiletree.Holds(szOnDrive))
                 return true;
         }
     }
-    return std::any_of(std::begin(g_aszProtected), std::end(g_aszProtected), isThis);
+    return std::any_of(std::begin(g_aszProtected), std::end(g_aszProtected),
+                       [&](const char* a_szProtected) { return a_osfiletree.Holds(a_szProtected); });
 }
 
 // Puts the path into normal form without trailing separators. False when it must not be removed.
@@ -141,15 +109,27 @@ bool MayRemove(const char* a_szFolder, char* a_szPath)
 
     const char* szLast;
     OsPathSplit(a_szPath, nullptr, &szLast);
-    if (strcmp(szLast, ".") == 0 || strcmp(szLast, "..") == 0 || !a_szPath[0])
-        return false;
+    return a_szPath[0] && strcmp(szLast, ".") != 0 && strcmp(szLast, "..") != 0 && !IsProtectedPath(a_szPath);
+}
 
-    // Components "." and ".." in the middle may hide what the path is.
-    char szAbsolute[OS_PATHSIZE];
-    if (OsPathAbsolute(szAbsolute, sizeof szAbsolute, a_szPath) != EOSSTS_SUCCESS)
-        return false;
-    OsPathRemoveTrailing(szAbsolute);
-    return !IsProtectedPath(a_szPath) && !IsProtectedPath(szAbsolute) && !IsProtectedFolder(szAbsolute);
+// Goes into the folder of a path that may be removed, and judges what it has come to. EOSSTS_NOTFOUND when there is
+// none, EOSSTS_ACCESSDENIED when it must stay.
+EOSSTS EnterToRemove(OsFileTree& a_osfiletree, const char* a_szFolder)
+{
+    char szPath[OS_PATHSIZE];
+    if (!MayRemove(a_szFolder, szPath))
+        return EOSSTS_ACCESSDENIED;
+    const EOSSTS eossts = a_osfiletree.OpenAt(szPath);
+    if (eossts == EOSSTS_NOTFOUND)
+        return eossts;
+    if (eossts != EOSSTS_SUCCESS || !a_osfiletree.IsFolder())
+        return EOSSTS_ACCESSDENIED;
+    if (!a_osfiletree.Enter())
+    {
+        OsFileTellFolderStays(szPath);
+        return EOSSTS_FAIL;
+    }
+    return HoldsProtected(a_osfiletree) ? EOSSTS_ACCESSDENIED : EOSSTS_SUCCESS;
 }
 }   // namespace
 
@@ -166,45 +146,32 @@ EOSSTS OsFileDelete(const char* a_szFilename, EOSFILETYPE a_eosfiletype, bool a_
         return EOSSTS_FAIL;
     }
 
-    OSLOG(OS_LOG_NOTE, "Delete: <%s> %d %d", a_szFilename, static_cast<int>(a_eosfiletype),
-          static_cast<int>(a_blRecursive));
-    char szPath[OS_PATHSIZE];
-    OsPathCopy(szPath, sizeof szPath, a_szFilename);
-    OsPathRemoveTrailing(szPath);
-    OsFileInfo osfileinfo;
-    if (!szPath[0])
-        return EOSSTS_FAIL;
-    if (const EOSSTS eossts = OsFileGetInfo(szPath, &osfileinfo); eossts != EOSSTS_SUCCESS)
+    TellDelete(a_szFilename, a_eosfiletype, a_blRecursive);
+    OsFileTree osfiletree(a_blSystemFiles);
+    if (const EOSSTS eossts = osfiletree.OpenAt(a_szFilename); eossts != EOSSTS_SUCCESS)
         return eossts == EOSSTS_NOTFOUND ? EOSSTS_SUCCESS : EOSSTS_FAIL;
-    if (a_eosfiletype != OS_FILETYPE_ANY && a_eosfiletype != osfileinfo.eosfiletype)
+    if (a_eosfiletype != OS_FILETYPE_ANY && a_eosfiletype != osfiletree.Type())
         return EOSSTS_FAIL;
-    const bool blDeleted = osfileinfo.eosfiletype == OS_FILETYPE_FOLDER
-                               ? (!a_blRecursive || DeleteWhatIsIn(szPath, a_blSystemFiles)) && DeleteFolder(szPath)
-                               : DeleteFile(szPath, osfileinfo.eosfiletype, a_blSystemFiles);
-    return blDeleted ? EOSSTS_SUCCESS : EOSSTS_FAIL;
+    return DeleteEntry(osfiletree, a_blRecursive) ? EOSSTS_SUCCESS : EOSSTS_FAIL;
 }
 
 EOSSTS OsFileRemoveTree(const char* a_szFolder)
 {
-    char szPath[OS_PATHSIZE];
-    if (!MayRemove(a_szFolder, szPath))
-        return EOSSTS_ACCESSDENIED;
-    OsFileInfo osfileinfo;
-    const EOSSTS eossts = OsFileGetInfo(szPath, &osfileinfo);
-    if (eossts == EOSSTS_NOTFOUND)
-        return EOSSTS_SUCCESS;
-    if (eossts != EOSSTS_SUCCESS || osfileinfo.eosfiletype != OS_FILETYPE_FOLDER)
-        return EOSSTS_ACCESSDENIED;
-    return OsFileDelete(szPath, OS_FILETYPE_FOLDER, true, false);
+    OsFileTree osfiletree(false);
+    if (const EOSSTS eossts = EnterToRemove(osfiletree, a_szFolder); eossts != EOSSTS_SUCCESS)
+        return eossts == EOSSTS_NOTFOUND ? EOSSTS_SUCCESS : eossts;
+    TellDelete(a_szFolder, OS_FILETYPE_FOLDER, true);
+    const bool blDeleted = osfiletree.DeleteAll();
+    osfiletree.Leave();
+    return blDeleted && osfiletree.DeleteEntry() ? EOSSTS_SUCCESS : EOSSTS_FAIL;
 }
 
 EOSSTS OsFileRemoveEmptyTree(const char* a_szFolder)
 {
-    char szPath[OS_PATHSIZE];
-    OsFileInfo osfileinfo;
-    if (!MayRemove(a_szFolder, szPath) || OsFileGetInfo(szPath, &osfileinfo) != EOSSTS_SUCCESS ||
-        osfileinfo.eosfiletype != OS_FILETYPE_FOLDER || !RemoveEmptyBelow(szPath))
+    OsFileTree osfiletree(false);
+    if (EnterToRemove(osfiletree, a_szFolder) != EOSSTS_SUCCESS || !RemoveEmptyBelow(osfiletree))
         return EOSSTS_SHARING;
-    TellEmptyFolderGoes(szPath);
-    return DeleteFolder(szPath) ? EOSSTS_SUCCESS : EOSSTS_SHARING;
+    osfiletree.Leave();
+    TellDelete(osfiletree.Path(), OS_FILETYPE_FOLDER, false);
+    return osfiletree.DeleteEntry() ? EOSSTS_SUCCESS : EOSSTS_SHARING;
 }

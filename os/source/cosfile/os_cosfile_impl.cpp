@@ -88,11 +88,8 @@ static const char* OpenFault(const char* a_szFilename, EOSFILEOPEN a_eosfileopen
     return nullptr;
 }
 
-// A file that is opened again and again, as a log is for its lines, is converted once.
 bool COsFileImpl::RememberName(const char* a_szFilename)
 {
-    if (m_wszFilename[0] && strcmp(m_szFilename, a_szFilename) == 0)
-        return true;
     m_wszFilename[0] = u'\0';
     SStrCpy(m_szFilename, sizeof m_szFilename, a_szFilename);
     const bool blWhole = m_szFilename[0] != '\0' || a_szFilename[0] == '\0';
@@ -136,6 +133,8 @@ EOSSTS COsFileImpl::Close()
     if (IsOpen())
         PlatClose(m_plathandleFile);
     m_plathandleFile = PLAT_INVALID;
+    for (LockSlot& lockslot : m_alockslot)
+        lockslot.blHeld = false;
     return EOSSTS_SUCCESS;
 }
 
@@ -279,9 +278,21 @@ COsFileImpl::LockSlot* COsFileImpl::FindSlot(uint64_t a_u64Offset, uint64_t a_u6
     return plockslot == std::end(m_alockslot) ? nullptr : plockslot;
 }
 
-// Tries at once, and again every step as long as more than a step remains.
+// True when the object holds a part of the range, which the system would not tell.
+bool COsFileImpl::Overlaps(uint64_t a_u64Offset, uint64_t a_u64Length) const
+{
+    return std::any_of(std::begin(m_alockslot), std::end(m_alockslot), [&](const LockSlot& lockslot) {
+        return lockslot.blHeld && lockslot.u64Offset < a_u64Offset + a_u64Length &&
+               a_u64Offset < lockslot.u64Offset + lockslot.u64Length;
+    });
+}
+
+// Tries at once, and again every step as long as more than a step remains. What this object holds nobody else can let
+// go of meanwhile.
 bool COsFileImpl::LockWithin(uint32_t a_u32Offset, uint32_t a_u32Length, int32_t a_i32Timeout) const
 {
+    if (Overlaps(a_u32Offset, a_u32Length))
+        return false;
     int32_t i32Remaining = std::max(a_i32Timeout, g_i32LockStep);
     while (!PlatFileLock(m_plathandleFile, a_u32Offset, a_u32Length))
     {
@@ -321,7 +332,7 @@ EOSSTS COsFileImpl::Lock(uint32_t a_u32Offset, uint32_t a_u32Length, int32_t a_i
     }
     if (a_blTestOnly)
         PlatFileUnlock(m_plathandleFile, a_u32Offset, a_u32Length);
-    *plockslot = a_blTestOnly ? LockSlot{} : LockSlot{a_u32Offset, a_u32Length};
+    *plockslot = a_blTestOnly ? LockSlot{} : LockSlot{a_u32Offset, a_u32Length, true};
     return EOSSTS_SUCCESS;
 }
 
@@ -334,10 +345,10 @@ EOSSTS COsFileImpl::Unlock(uint32_t a_u32Offset, uint32_t a_u32Length)
         OSLOG(OS_LOG_ERROR, "a_sizetRegion must be greater than zero...");
         return EOSSTS_FAIL;
     }
-    // The system may know nothing of the range: a slot outlives the handle that it was locked with.
     if (LockSlot* const plockslot = FindSlot(a_u32Offset, a_u32Length))
     {
-        PlatFileUnlock(m_plathandleFile, a_u32Offset, a_u32Length);
+        if (plockslot->blHeld)
+            PlatFileUnlock(m_plathandleFile, a_u32Offset, a_u32Length);
         *plockslot = {};
     }
     return EOSSTS_SUCCESS;

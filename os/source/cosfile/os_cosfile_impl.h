@@ -76,9 +76,11 @@ private:
     {
         uint64_t u64Offset;
         uint64_t u64Length;   // 0: the slot is free
+        bool blHeld;          // by the file that is open now; else remembered only
     };
 
     LockSlot* FindSlot(uint64_t a_u64Offset, uint64_t a_u64Length);
+    bool Overlaps(uint64_t a_u64Offset, uint64_t a_u64Length) const;
     bool LockWithin(uint32_t a_u32Offset, uint32_t a_u32Length, int32_t a_i32Timeout) const;
     void ReleaseLibrary();
     void ReleaseBuffer();

@@ -8,6 +8,7 @@
 #include "plat_tree.h"
 
 #include <cstring>
+#include <new>
 
 static constexpr char g_szSource[] = "os/source/os_cosfile";
 
@@ -17,32 +18,66 @@ OsFileTree::~OsFileTree()
         PlatClose(m_plathandle);
 }
 
+bool OsFileTree::ConvertPath(const char* a_szPath, char16_t* a_wszPath)
+{
+    OsPathCopy(m_szPath, sizeof m_szPath, a_szPath);
+    OsPathRemoveTrailing(m_szPath);
+    return m_szPath[0] && OsPathToSystem(a_wszPath, OS_WIDEPATHSIZE, m_szPath);
+}
+
 EOSSTS OsFileTree::Open(const char* a_szFolder)
 {
     char16_t wszFolder[OS_WIDEPATHSIZE];
-    OsPathCopy(m_szPath, sizeof m_szPath, a_szFolder);
-    OsPathRemoveTrailing(m_szPath);
-    m_sizetFolder = strlen(m_szPath);
-    if (m_sizetFolder == 0 || !OsPathToSystem(wszFolder, OS_WIDEPATHSIZE, m_szPath))
+    if (!ConvertPath(a_szFolder, wszFolder))
         return EOSSTS_FAIL;
+    m_sizetFolder = strlen(m_szPath);
     m_plathandle = PlatTreeOpen(wszFolder);
     return m_plathandle != PLAT_INVALID ? EOSSTS_SUCCESS : EOSSTS_FAIL;
 }
 
+EOSSTS OsFileTree::OpenAt(const char* a_szPath)
+{
+    char16_t wszPath[OS_WIDEPATHSIZE];
+    PlatTreeEntry plattreeentry;
+    if (!ConvertPath(a_szPath, wszPath))
+        return EOSSTS_FAIL;
+    m_plathandle = PlatTreeOpenAt(wszPath, &plattreeentry);
+    if (m_plathandle == PLAT_INVALID)
+    {
+        const EOSSTS eossts = OsFileStatus(PlatGetLastError());
+        if (eossts != EOSSTS_NOTFOUND)
+            OSLOG(OS_LOG_ERROR, "OsFileFindFirst failed...%d", static_cast<int>(eossts));
+        return eossts;
+    }
+    TakeEntry(plattreeentry);
+    OsPathSplit(m_szPath, &m_sizetFolder, nullptr);
+    return EOSSTS_SUCCESS;
+}
+
 // ------------------------------------------------------------------------------------------------- where it is
+
+bool OsFileTree::Holds(const char* a_szFolder) const
+{
+    char16_t wszFolder[OS_WIDEPATHSIZE];
+    return !OsPathToSystem(wszFolder, OS_WIDEPATHSIZE, a_szFolder) || PlatTreeHolds(m_plathandle, wszFolder);
+}
+
+void OsFileTree::TakeEntry(const PlatTreeEntry& a_plattreeentry)
+{
+    CopyStringToUtf8(m_szName, sizeof m_szName, a_plattreeentry.wszName, SIZE_MAX);
+    m_eosfiletype = static_cast<EOSFILETYPE>(a_plattreeentry.platentry);
+    m_blLink = a_plattreeentry.blLink;
+}
 
 bool OsFileTree::Next()
 {
     PlatTreeEntry plattreeentry;
     if (!PlatTreeNext(m_plathandle, &plattreeentry))
         return false;
-    CopyStringToUtf8(m_szName, sizeof m_szName, plattreeentry.wszName, SIZE_MAX);
-    m_eosfiletype = static_cast<EOSFILETYPE>(plattreeentry.platentry);
-    m_blLink = plattreeentry.blLink;
-
+    TakeEntry(plattreeentry);
     m_szPath[m_sizetFolder] = '\0';
     const size_t sizetName = strlen(m_szName);
-    const size_t sizetSeparator = m_szPath[m_sizetFolder - 1] == '\\' ? 0 : 1;
+    const size_t sizetSeparator = m_sizetFolder == 0 || m_szPath[m_sizetFolder - 1] == '\\' ? 0 : 1;
     m_blPath = m_blFolderPath && sizetName > 0 && m_sizetFolder + sizetSeparator + sizetName < sizeof m_szPath;
     if (m_blPath)
     {
@@ -54,9 +89,21 @@ bool OsFileTree::Next()
 
 bool OsFileTree::Enter()
 {
-    if (!IsFolder() || !PlatTreeEnter(m_plathandle))
+    if (!IsFolder())
         return false;
-    m_vecoutside.push_back({m_sizetFolder, m_blFolderPath});
+    try
+    {
+        m_vecoutside.push_back({m_sizetFolder, m_blFolderPath});
+    }
+    catch (const std::bad_alloc&)
+    {
+        return false;
+    }
+    if (!PlatTreeEnter(m_plathandle))
+    {
+        m_vecoutside.pop_back();
+        return false;
+    }
     m_sizetFolder = strlen(m_szPath);
     m_blFolderPath = m_blPath;
     return true;
@@ -88,7 +135,7 @@ void OsFileTellFolderStays(const char* a_szPath)
     OSLOG(OS_LOG_NOTE, "RemoveDirectory failed...%s", a_szPath);
 }
 
-void OsFileTellFileStays(const char* a_szPath, uint32_t a_u32Error)
+static void TellFileStays(const char* a_szPath, uint32_t a_u32Error)
 {
     OSLOG(OS_LOG_NOTE, "DeleteFile failed...%s (%d)", a_szPath, static_cast<int>(a_u32Error));
 }
@@ -104,7 +151,7 @@ bool OsFileTree::DeleteEntry()
     if (IsFolder())
         OsFileTellFolderStays(m_szPath);
     else
-        OsFileTellFileStays(m_szPath, u32Error);
+        TellFileStays(m_szPath, u32Error);
     return false;
 }
 

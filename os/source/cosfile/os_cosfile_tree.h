@@ -10,6 +10,8 @@
 
 #include <vector>
 
+struct PlatTreeEntry;   // plat_tree.h
+
 class OsFileTree
 {
 public:
@@ -21,6 +23,13 @@ public:
     // Begins the walk in a folder; once. EOSSTS_FAIL when there is none, when it is a link or cannot be listed.
     EOSSTS Open(const char* a_szFolder);
 
+    // Begins the walk at one entry, which is then the entry read last; once. What Enter goes into and DeleteEntry
+    // deletes is what this has found. EOSSTS_NOTFOUND when there is none, EOSSTS_FAIL for ".", ".." and the root.
+    EOSSTS OpenAt(const char* a_szPath);
+
+    // True when the folder that the walk is in is this one or holds it, and when that cannot be told.
+    bool Holds(const char* a_szFolder) const;
+
     bool Next();                                           // reads an entry of the folder that the walk is in
     bool Enter();                                          // goes into the folder that was read last
     void Leave();                                          // back; what was left is then the entry read last
@@ -29,6 +38,7 @@ public:
     // The entry read last. The name is empty for one that was left. Without a path, which is one that does not fit or
     // holds a name that is no text, Path tells the last folder on the way that has one.
     const char* Name() const { return m_szName; }
+    EOSFILETYPE Type() const { return m_eosfiletype; }
     bool IsFolder() const { return m_eosfiletype == OS_FILETYPE_FOLDER; }
     bool IsLink() const { return m_blLink; }
     bool HasPath() const { return m_blPath; }
@@ -43,6 +53,9 @@ public:
     bool DeleteAll(const char* a_szExcept = nullptr);
 
 private:
+    bool ConvertPath(const char* a_szPath, char16_t* a_wszPath);
+    void TakeEntry(const PlatTreeEntry& a_plattreeentry);
+
     struct Outside   // what was so before a folder was entered
     {
         size_t sizetFolder;
@@ -62,6 +75,5 @@ private:
     EOSFILETYPE m_eosfiletype = OS_FILETYPE_FOLDER;
 };
 
-// Log that a folder, or a file, could not be deleted.
+// Logs that a folder could not be deleted.
 void OsFileTellFolderStays(const char* a_szPath);
-void OsFileTellFileStays(const char* a_szPath, uint32_t a_u32Error);

@@ -13,7 +13,6 @@
 #include <atomic>
 #include <cstring>
 #include <iterator>
-#include <new>
 
 static constexpr char g_szSource[] = "os/source/os_cosmem";
 
@@ -322,14 +321,7 @@ void COsMemImpl::ReportFailure(const OsMemCaller& a_osmemcaller)
 {
     OSLOG_AT(a_osmemcaller.szFile, a_osmemcaller.u32Line, OS_LOG_CHECK, "mem>>> Error occurred here...");
     Dump(nullptr);
-    try
-    {
-        OsMemWriteCrashReport();
-    }
-    catch (const std::bad_alloc&)
-    {
-        OSLOG(OS_LOG_ERROR, "mem>>> GlobalAlloc failed...");
-    }
+    OsMemWriteCrashReport();
 }
 
 void* OsMemAlloc(size_t a_sizetBytes, const char* a_szFile, uint32_t a_u32Line, uint32_t a_u32Flags)

@@ -13,7 +13,6 @@
 
 #include <algorithm>
 #include <iterator>
-#include <new>
 
 static constexpr char g_szSource[] = "os/source/os_cosmem";
 
@@ -267,21 +266,6 @@ void* COsMemImpl::SharedRemap(void* a_pvView, uint64_t a_u64Offset, size_t a_siz
 
 // ---------------------------------------------------------------------------------------------------------- the calls
 
-// Without memory for the work on names, an operation fails like one that the system refuses.
-template <class Result, class Operation>
-static Result WithoutThrowing(Result a_resultFailed, Operation a_operation)
-{
-    try
-    {
-        return a_operation();
-    }
-    catch (const std::bad_alloc&)
-    {
-        OSLOG(OS_LOG_CHECK, "mem>>> memory manager failed to allocate...");
-        return a_resultFailed;
-    }
-}
-
 static COsMemImpl* UsableManager()
 {
     COsMemImpl* const posmemimpl = OsMemImplementation();
@@ -304,9 +288,7 @@ void* OsMemSharedAlloc(EOSSHAREDALLOC a_eossharedalloc, const char* a_szName, ui
     }
     const OsMemSharedRequest osmemsharedrequest = {a_eossharedalloc, a_szName ? a_szName : "", a_u64Bytes,
                                                    a_i64View,        a_eossharedlock,          a_u32Flags};
-    return WithoutThrowing(static_cast<void*>(nullptr), [&] {
-        return posmemimpl->SharedAlloc(osmemsharedrequest, {a_szFile, a_u32Line});
-    });
+    return posmemimpl->SharedAlloc(osmemsharedrequest, {a_szFile, a_u32Line});
 }
 
 EOSSTS OsMemSharedLock(void* a_pvView, const char* a_szFile, uint32_t a_u32Line)
