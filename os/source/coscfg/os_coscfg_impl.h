@@ -28,8 +28,8 @@
 #include <atomic>
 #include <initializer_list>
 #include <memory>
-#include <new>
 #include <mutex>
+#include <new>
 
 class COsThread;
 

@@ -4,8 +4,8 @@
 // A path is looked up once. What is judged and what is deleted is what that has found, whatever becomes of the path.
 #include "os_cosfile_system.h"
 
-#include "os_cospath.h"
 #include "os_cosfile_tree.h"
+#include "os_cospath.h"
 #include "os_cosstring.h"
 #include "os_log.h"
 
