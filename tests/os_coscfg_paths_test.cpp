@@ -1,6 +1,7 @@
 // os_coscfg_paths_test.cpp: where the identifiers lead to, as the environment and the common settings say.
 #include "coscfg_support.h"
 
+#include <pwd.h>
 #include <set>
 
 class Paths : public ConfigurationTest
@@ -192,4 +193,7 @@ TEST_F(Paths, EverySpecialFolderIsSomewhere)
     EXPECT_TRUE(m_logcapture.HasAt(OS_LOG_CHECK, "unrecognized eosspecialfolder...18"));
     OsCfgSpecialFolder(szPath, sizeof szPath, OS_SPECIALFOLDER_DEFAULTUSER_DESKTOP);
     EXPECT_EQ(szPath, Below("home\\Desktop"));
+    unsetenv("HOME");
+    OsCfgSpecialFolder(szPath, sizeof szPath, OS_SPECIALFOLDER_CURRENTUSER_PROFILE);
+    EXPECT_EQ(szPath, Backslashed(getpwuid(geteuid())->pw_dir)) << "the account's";
 }

@@ -1,6 +1,6 @@
 // os_cosservices_test.cpp: the library from its start to its stop, as a program has it: what the program says of
 // itself, what its parent says, what its children are told.
-#include "collector_support.h"
+#include "strangers_support.h"
 
 #include "os_cosarguments.h"
 #include "os_coscfg.h"
@@ -15,8 +15,6 @@
 
 #include <csignal>
 #include <set>
-
-namespace fs = std::filesystem;
 
 class Services : public FolderTest
 {
@@ -186,11 +184,79 @@ TEST_F(Services, AUtilityThatNobodyStartedFindsAFolderForItself)
 
 TEST_F(Services, AProgramThatForbidsItTellsItsChildrenNothing)
 {
+    Inherit("<rootpath>" + PathOf("root") + "</rootpath><overridefoldername>f</overridefoldername>");
     Start("<uniquename>prog</uniquename><entity>application</entity><inherit>false</inherit>");
     EXPECT_STREQ(OsArgumentsDocument(), "");
     OsArgumentsPublish(true);
     OsArgumentsPublish(false);
-    EXPECT_EQ(getenv("MVR_OSSERVICESARGUMENTS"), nullptr);
+    for (char** psz = environ; *psz; ++psz)
+        EXPECT_NE(std::string(*psz).find("MVR_OSSERVICESARGUMENTS"), 0u) << *psz;
+}
+
+TEST_F(Services, WhoWorksForAnApplicationKnowsIt)
+{
+    Inherit("<app>/apps/hostprogram01.exe</app>");
+    for (const auto& [szEntity, blApp] : {std::pair{"application", false}, {"driver", true}, {"apputility", true}})
+    {
+        Start("<uniquename>prog</uniquename><entity>" + std::string(szEntity) + "</entity>");
+        EXPECT_EQ(Element("app") == "\\apps\\hostprogram01.exe", blApp) << szEntity;
+        EXPECT_EQ(*OsCfgGetString(OS_CFGTAG_HOSTPROGRAM01) != 0, blApp) << szEntity;
+        OsServicesStop();
+    }
+}
+
+// Whatever the files and the document say beside them.
+TEST_F(Services, FlagsOfTheEnvironmentHoldForTheWholeRun)
+{
+    setenv("MVR_DEBUG", "0xc20", 1);   // print what differs as 0, allow level 32, milestones alone
+    const fs::path path = m_path / "system/LOCALAPPDATA/mvr_orvane/common/debug";
+    fs::create_directories(path);
+    WriteWhole(path / "prog_debug.ini", "[prog.dsIdentity]\r\nDebug=1\r\n");
+    Start("<uniquename>prog</uniquename><entity>application</entity>");
+    EXPECT_EQ(OsLogGet()->WorkingWord() & 0x821, 0x821u);
+    EXPECT_EQ(std::stoi(Element("loglevel")) & 0x821, 0x821);
+    OSLOG(OS_LOG_NOTE, "a note");
+    OSLOG(OS_LOG_MILESTONE, "a milestone");
+    const std::string strLog = ReadWhole(LogFile());
+    EXPECT_NE(strLog.find(" Debug=" + std::to_string(0xc21) + " "), std::string::npos);
+    EXPECT_NE(strLog.find("a milestone\r\n"), std::string::npos);
+    EXPECT_EQ(strLog.find("a note"), std::string::npos);
+}
+
+// Only root can be a user without an account.
+TEST_F(Services, WithoutAFolderTheStartSaysThatThereIsNoLog)
+{
+    if (geteuid() != 0)
+        GTEST_SKIP() << "only root can be somebody else";
+    fs::permissions(m_path, fs::perms(0755));
+    for (const char* szName : {"HOME", "LOCALAPPDATA", "APPDATA", "PROGRAMDATA", "XDG_DATA_HOME", "XDG_STATE_HOME"})
+        unsetenv(szName);
+    const auto start = [&](const std::string& a_strLogFolder) {
+        const std::string strErrors = PathOf("errors");
+        WriteWhole(strErrors, "");
+        fs::permissions(strErrors, fs::perms(0666));
+        EXPECT_TRUE(AsUser(g_userUnlisted, [&] {
+            setenv("MVR_LOGDIR", a_strLogFolder.c_str(), 1);
+            OsServicesSetDocument("<arguments><uniquename>prog</uniquename><entity>application</entity>"
+                                  "<loglevel>1</loglevel></arguments>");
+            if (!std::freopen(strErrors.c_str(), "w", stderr))
+                return false;
+            const EOSSTS eossts = OsServicesStart();
+            std::fprintf(stderr, "%d", static_cast<int>(eossts));
+            OSLOG(OS_LOG_ERROR, "logged");
+            return std::fflush(stderr) == 0;
+        }));
+        return ReadWhole(strErrors);
+    };
+    WriteWhole((Common() / "const.ini").string(), "LogCollector=disabled\r\n");
+    EXPECT_NE(start("").find("prog: no log file, this user has no home folder, and MVR_LOGDIR names none <>\n1"),
+              std::string::npos);
+    EXPECT_NE(start(PathOf("denied")).find("prog: no log file, its folder cannot be made <"), std::string::npos);
+    fs::create_directory(PathOf("open"));
+    fs::permissions(PathOf("open"), fs::perms(0777));
+    EXPECT_EQ(start(PathOf("open")), "0");
+    const fs::path pathLog = *fs::directory_iterator(PathOf("open"));
+    EXPECT_NE(ReadWhole(pathLog / "prog.log").find("logged\r\n"), std::string::npos);
 }
 
 TEST_F(Services, ADocumentWithoutAUsableNameIsRefused)

@@ -210,7 +210,6 @@ public:
         WaitFor([this] { return !m_blManagesOn; });
         ++m_uManaged;
     }
-    void ReleaseManagedDirectory() override { ++m_uReleased; }
 
     void Set(EOSCFGTAG a_eoscfgtag, const std::string& a_strValue)
     {
@@ -233,7 +232,6 @@ public:
         return m_vecstrManaged;
     }
 
-    std::atomic<unsigned> m_uReleased = 0;
     std::atomic<bool> m_blManagesOn = false;   // folders are looked after until it is false again
     std::atomic<unsigned> m_uManaged = 0;
 

@@ -58,12 +58,6 @@ void OsCfgManageLogDirectories(const char* a_szLogFolder, const COsThread* a_pos
         poscfgsource->ManageLogDirectories(a_szLogFolder, a_posthread);
 }
 
-void OsCfgReleaseManaged()
-{
-    if (COsCfgSource* const poscfgsource = Source())
-        poscfgsource->ReleaseManagedDirectory();
-}
-
 std::atomic<OsCfgCommonProc> g_poscfgcommonproc{nullptr};
 
 const char* OsCfgGetCommon(const char* a_szKey, const char* a_szDefault)

@@ -141,9 +141,6 @@ public:
     // Stores a value; the text must live as long as the configuration.
     virtual EOSSTS SetString(EOSCFGSECTION, EOSCFGTAG, const char*) { return EOSSTS_FAIL; }
 
-    // Lets go of a log folder of another process that it looked after: while it does, a lock file is in there.
-    virtual void ReleaseManagedDirectory() {}
-
 protected:
     ~COsCfgSource() = default;   // owned by whoever installed it
 };
@@ -178,7 +175,6 @@ EOSSTS OsCfgGetPath(EOSPATH a_eospath, char* a_szPath, size_t a_sizetPath);
 
 // Does nothing without a configuration.
 void OsCfgManageLogDirectories(const char* a_szLogFolder, const COsThread* a_posthread);
-void OsCfgReleaseManaged();
 
 // A global switch of the common settings file: its value, or a_szDefault (never null) when the key or the file is
 // absent. It is read before the configuration exists; the file's reader installs itself here.

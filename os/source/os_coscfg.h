@@ -72,6 +72,9 @@ public:
     // Writes the support report. EOSSTS_CANNOTCREATE when its folder cannot be made, else the status of its open.
     EOSSTS WriteReport();
 
+    // False when the log folder could not be made.
+    bool HasLogDirectory() const;
+
     bool IsUsable() const { return m_poscfgimpl != nullptr; }
 
 private:

@@ -102,6 +102,11 @@ void COsCfg::StartManagement()
         m_poscfgimpl->StartManagement();
 }
 
+bool COsCfg::HasLogDirectory() const
+{
+    return Usable(m_poscfgimpl) && m_poscfgimpl->m_blLogDirectory;
+}
+
 EOSSTS COsCfg::WriteReport()
 {
     return Usable(m_poscfgimpl) ? m_poscfgimpl->WriteReport() : EOSSTS_FAIL;

@@ -241,6 +241,12 @@ void ProgramPath(char* a_szPath)
     OsPathNormalize(a_szPath);
 }
 
+void ModulePath(char* a_szPath)
+{
+    OsArgumentsModulePath(a_szPath);
+    OsPathNormalize(a_szPath);
+}
+
 // A program of the family: the installed one, else the one beside the running program. Programs end in ".exe" where
 // the running one does.
 void FamilyProgram(char* a_szPath, const char* a_szName)
@@ -348,7 +354,7 @@ constexpr PathRow g_apathrow[] = {
     OS_PATHROW(READABLE_FILE_HVSCANNERSERVICEEXE, ScannerService, false),
     OS_PATHROW(READABLE_FILE_LOGCOLLECTOREXE, LogCollectorProgram, false),
     OS_PATHROW(READABLE_FILE_MAINPROGRAM, ProgramPath, true),
-    OS_PATHROW(READABLE_FILE_MODULEPATH, ProgramPath, true),
+    OS_PATHROW(READABLE_FILE_MODULEPATH, ModulePath, true),
     OS_PATHROW(READABLE_FOLDER_BRAND, ReadableBrand, true),
     OS_PATHROW(WRITEABLE_FOLDER_MODELDIR_PROFILES_LEGACY, ProfilesLegacy, true),
     OS_PATHROW(WRITEABLE_FILE_LOGCOLLECTORFLUSH, LogCollectorFlush, false),

@@ -19,8 +19,7 @@
 #include "plat_process.h"
 #include "plat_system.h"
 
-#include <cstdlib>
-#include <iterator>
+#include <cstdio>
 
 static constexpr char g_szSource[] = "os/source/os_cosservices";
 
@@ -116,7 +115,10 @@ static bool CreateConfiguration(const OsServicesIdentity& a_osservicesidentity, 
     for (size_t sizet = 0; sizet < OS_CFGVERSIONS; ++sizet)
         createargs.aszVersion[sizet] = a_osservicesidentity.aszVersion[sizet];
     createargs.blForceSetAccess = a_osservicesidentity.blForceSetAccess;
+    // An application is its own, whoever started it; the others work for the one that their document names.
     createargs.szProgram = OsArgumentsGet(OS_ARGUMENT_APPLICATION);
+    if (!*createargs.szProgram && a_osservicesidentity.eoscfgentity != OS_CFGENTITY_APPLICATION)
+        createargs.szProgram = OsArgumentsGet(OS_ARGUMENT_CALLERSAPPLICATION);
     createargs.blManageLater = a_blManageLater;
     g_poscoscfg = OSMEMNEW(COsCfg, createargs);
     return g_poscoscfg != nullptr;
@@ -135,6 +137,19 @@ static void TellConfiguration(const OsServicesIdentity& a_osservicesidentity)
     if (g_poscoslog->WorkingWord() != 0 && OsLogGetState() != OS_LOGSTATE_OFF)
         g_poscoscfg->WriteReport();
     TellDocument("%s before...<%s>");
+}
+
+// Without a folder there is no log that could say so. False when there is not even a path for one.
+static bool CheckLogDirectory()
+{
+    const char* const szFolder = OsCfgGetString(OS_CFGTAG_LOGDIRECTORY);
+    if (g_poscoscfg->HasLogDirectory() || OsLogGetState() == OS_LOGSTATE_OFF)
+        return true;
+    std::fprintf(stderr, "<%s> %s: no log file, %s <%s>\n", g_szSource, OsArgumentsGet(OS_ARGUMENT_UNIQUENAME),
+                 *szFolder ? "its folder cannot be made" : "this user has no home folder, and MVR_LOGDIR names none",
+                 szFolder);
+    std::fflush(stderr);
+    return *szFolder != 0;
 }
 
 // ------------------------------------------------------------------------------------------------- for our children
@@ -212,7 +227,8 @@ EOSSTS OsServicesStart(bool a_blManageLater)
         return EOSSTS_FAIL;
     LogCollectorStartCollector();
 
-    if (!CreateLogger(osservicesidentity) || !CreateConfiguration(osservicesidentity, a_blManageLater))
+    if (!CreateLogger(osservicesidentity) || !CreateConfiguration(osservicesidentity, a_blManageLater) ||
+        !CheckLogDirectory())
         return EOSSTS_FAIL;
     TellConfiguration(osservicesidentity);
     BuildDocument(osservicesidentity);

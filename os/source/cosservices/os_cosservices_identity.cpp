@@ -105,9 +105,8 @@ void TakeLog(const char* a_szDocument, OsServicesIdentity& a_osservicesidentity)
     char szLevel[16];
     Take(a_szDocument, "loglevel", szLevel);
     const char* const szInheritedLevel = OsArgumentsGet(OS_ARGUMENT_LOGLEVEL);
-    a_osservicesidentity.u32Level = static_cast<uint32_t>(StrToInt32(*szInheritedLevel ? szInheritedLevel : szLevel));
-    if (OsLogGetState() != OS_LOGSTATE_OFF)
-        a_osservicesidentity.u32Level |= static_cast<uint32_t>(OsEnvGetNumber("MVR_DEBUG", 0));
+    a_osservicesidentity.u32Level =
+        static_cast<uint32_t>(StrToInt32(*szInheritedLevel ? szInheritedLevel : szLevel)) | OsArgumentsDebugFlags();
     Take(a_szDocument, "logfilter", a_osservicesidentity.szFilter);
     Unwrap(a_osservicesidentity.szFilter);
 }
