@@ -208,17 +208,17 @@ TEST_F(Services, WhoWorksForAnApplicationKnowsIt)
 // Whatever the files and the document say beside them.
 TEST_F(Services, FlagsOfTheEnvironmentHoldForTheWholeRun)
 {
-    setenv("MVR_DEBUG", "0xc20", 1);   // print what differs as 0, allow level 32, milestones alone
+    setenv("MVR_DEBUG", "3104", 1);   // print what differs as 0, allow level 32, milestones alone
     const fs::path path = m_path / "system/LOCALAPPDATA/mvr_orvane/common/debug";
     fs::create_directories(path);
     WriteWhole(path / "prog_debug.ini", "[prog.dsIdentity]\r\nDebug=1\r\n");
     Start("<uniquename>prog</uniquename><entity>application</entity>");
-    EXPECT_EQ(OsLogGet()->WorkingWord() & 0x821, 0x821u);
-    EXPECT_EQ(std::stoi(Element("loglevel")) & 0x821, 0x821);
+    EXPECT_EQ(OsLogGet()->WorkingWord() & 2081, 2081u);
+    EXPECT_EQ(std::stoi(Element("loglevel")) & 2081, 2081);
     OSLOG(OS_LOG_NOTE, "a note");
     OSLOG(OS_LOG_MILESTONE, "a milestone");
     const std::string strLog = ReadWhole(LogFile());
-    EXPECT_NE(strLog.find(" Debug=" + std::to_string(0xc21) + " "), std::string::npos);
+    EXPECT_NE(strLog.find(" Debug=" + std::to_string(3105) + " "), std::string::npos);
     EXPECT_NE(strLog.find("a milestone\r\n"), std::string::npos);
     EXPECT_EQ(strLog.find("a note"), std::string::npos);
 }
