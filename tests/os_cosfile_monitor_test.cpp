@@ -356,6 +356,7 @@ TEST_F(FileMonitor, AStopIsQuickAndNoCallFollowsIt)
         m_posfile->MonitorStop();
         const size_t sizetCalls = Calls().size();
         EXPECT_LT(PlatTicks() - u64Start, 3000u);
+        EXPECT_FALSE(PlatThreadIsAlive(ThreadIdIn(m_log)));
         WriteWhole(m_strPath, "after");
         EXPECT_EQ(Calls().size(), sizetCalls);
     }

@@ -8,9 +8,11 @@
 #include "os_cosmem.h"
 #include "os_cosservices.h"
 #include "os_cosservices_identity.h"
+#include "os_costhread.h"
 #include "os_cosxml.h"
 
 #include "plat_process.h"
+#include "plat_thread.h"
 #include "plat_wait.h"
 
 #include <csignal>
@@ -203,6 +205,32 @@ TEST_F(Services, WhoWorksForAnApplicationKnowsIt)
         EXPECT_EQ(*OsCfgGetString(OS_CFGTAG_HOSTPROGRAM01) != 0, blApp) << szEntity;
         OsServicesStop();
     }
+}
+
+TEST_F(Services, ThreadAffinityHoldsForTheMainThreadAndForLaterOnes)
+{
+    static constexpr auto g_isOnSecond = [] {
+        cpu_set_t cpuset;
+        sched_getaffinity(0, sizeof cpuset, &cpuset);
+        return CPU_COUNT(&cpuset) == 1 && CPU_ISSET(1, &cpuset);
+    };
+    cpu_set_t cpusetBoth;
+    CPU_ZERO(&cpusetBoth);
+    CPU_SET(0, &cpusetBoth);
+    CPU_SET(1, &cpusetBoth);
+    if (sched_setaffinity(0, sizeof cpusetBoth, &cpusetBoth) != 0 || !(PlatProcessAffinity() & 2))
+        GTEST_SKIP() << "no second processor";
+    fs::create_directories(Common() / "const");
+    WriteWhole(Common() / "const/prog_const.ini", "[prog.dsIdentity]\r\nForceThreadAffinity=2\r\n");
+    Start("<uniquename>prog</uniquename><entity>application</entity>");
+    EXPECT_TRUE(g_isOnSecond());
+    sched_setaffinity(0, sizeof cpusetBoth, &cpusetBoth);
+    static std::atomic<bool> g_blThere{false};
+    const auto look = [](COsThread*) -> uint32_t { return (g_blThere = g_isOnSecond()) ? 0 : 1; };
+    COsThread osthread;
+    EXPECT_EQ(osthread.Start("later", look, nullptr), EOSSTS_SUCCESS);
+    EXPECT_TRUE(osthread.WaitForEnd(20000));
+    EXPECT_TRUE(g_blThere);
 }
 
 // Whatever the files and the document say beside them.
