@@ -277,9 +277,9 @@ TEST_F(Services, WithoutAFolderTheStartSaysThatThereIsNoLog)
         return ReadWhole(strErrors);
     };
     WriteWhole((Common() / "const.ini").string(), "LogCollector=disabled\r\n");
-    EXPECT_NE(start("").find("prog: no log file, this user has no home folder, and MVR_LOGDIR names none <>\n1"),
+    EXPECT_NE(start("").find("prog has no log: the user has no home, and MVR_LOGDIR names no folder...<>\n1"),
               std::string::npos);
-    EXPECT_NE(start(PathOf("denied")).find("prog: no log file, its folder cannot be made <"), std::string::npos);
+    EXPECT_NE(start(PathOf("denied")).find("prog has no log: its folder cannot be made...<"), std::string::npos);
     fs::create_directory(PathOf("open"));
     fs::permissions(PathOf("open"), fs::perms(0777));
     EXPECT_EQ(start(PathOf("open")), "0");
@@ -299,7 +299,9 @@ TEST_F(Services, ADocumentWithoutAUsableNameIsRefused)
         EXPECT_EQ(OsLogGet(), nullptr);
     }
     OsServicesSetDocument("garbage");
+    testing::internal::CaptureStderr();
     EXPECT_EQ(OsServicesStart(), EOSSTS_FAIL);
+    EXPECT_NE(testing::internal::GetCapturedStderr().find("that a file can have...<garbage>"), std::string::npos);
 }
 
 // The model is handed down by those who work for it; a library or an application does not.

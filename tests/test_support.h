@@ -178,11 +178,19 @@ private:
 };
 
 // A configuration that knows what a case tells it.
-class FakeConfiguration final : public COsCfgSource
+class FakeConfiguration final : public COsCfgSource, public COsCfgService
 {
 public:
-    FakeConfiguration() { g_poscfgsource.store(this); }
-    ~FakeConfiguration() { g_poscfgsource.store(nullptr); }
+    FakeConfiguration()
+    {
+        g_poscfgsource.store(this);
+        g_poscfgservice.store(this);
+    }
+    ~FakeConfiguration()
+    {
+        g_poscfgsource.store(nullptr);
+        g_poscfgservice.store(nullptr);
+    }
 
     const char* GetString(EOSCFGSECTION, EOSCFGTAG a_eoscfgtag) override
     {

@@ -28,7 +28,7 @@ struct OsCfgExtension
 
 inline constexpr size_t OS_CFGVERSIONS = 7;
 
-class COsCfg final : public COsCfgSource
+class COsCfg final : public COsCfgSource, public COsCfgService
 {
 public:
     struct CreateArgs

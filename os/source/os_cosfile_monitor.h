@@ -15,8 +15,8 @@ inline constexpr uint32_t OS_FILEMONITOR_MODIFIED = 8;
 inline constexpr uint32_t OS_FILEMONITOR_OLDNAME = 16;
 inline constexpr uint32_t OS_FILEMONITOR_NEWNAME = 32;
 
-// In a mask: the file may be missing at the start, with its folder, and is waited for. What it has held since before the
-// start is no change.
+// In a mask: the file may be missing at the start, with its folder, and is waited for. What it has held since before
+// the start is no change.
 inline constexpr uint32_t OS_FILEMONITOR_MAYBEMISSING = 0x80000000;
 
 // The callback's result when it could not do its work for want of something: the call is made again soon.

@@ -228,8 +228,8 @@ static std::string FileAt(uint64_t a_u64Address)
     return {};
 }
 
-// The loader tells of the program first, and leaves its name empty. A name that is not a full path is the one that the loader was given,
-// or the kernel's own module.
+// The loader tells of the program first, and leaves its name empty. A name that is not a full path is the one that the
+// loader was given, or the kernel's own module.
 static int TellModule(dl_phdr_info* a_pdlphdrinfo, size_t, void* a_pvWalk)
 {
     auto* pmodulewalk = static_cast<ModuleWalk*>(a_pvWalk);

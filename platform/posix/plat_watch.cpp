@@ -39,7 +39,8 @@ PlatHandle PlatWatchCreate(const char16_t* a_wszFolder)
         PosixFailErrno();
         return PLAT_INVALID;
     }
-    constexpr uint32_t u32Mask = IN_CREATE | IN_DELETE | IN_MOVED_FROM | IN_MOVED_TO | g_u32Modified | g_u32Gone | IN_EXCL_UNLINK;
+    constexpr uint32_t u32Mask =
+        IN_CREATE | IN_DELETE | IN_MOVED_FROM | IN_MOVED_TO | g_u32Modified | g_u32Gone | IN_EXCL_UNLINK;
     if (inotify_add_watch(posixdescriptor.Get(), strFolder.c_str(), u32Mask | IN_ONLYDIR) >= 0)
         return PosixMakeHandle(PosixKind::Watch, posixdescriptor.Release());
     FailWatch(strFolder);

@@ -2,10 +2,10 @@
 // look and what follows from it.
 //
 // The system notifies too much (several times for one write, and for other files) and too little (a time is as coarse
-// as the clock that it is taken from, and notifications have limits). So a notification only says when to look: at once,
-// or, while somebody writes the file, when he has closed it. What counts is which file the name leads to, its size and
-// its time together, once two looks agree that lie further apart than one step of that clock: nobody is in the middle
-// of writing then, and what comes later has another time. Without notifications the file is looked at by time.
+// as the clock that it is taken from, and notifications have limits). So a notification only says when to look: at
+// once, or, while somebody writes the file, when he has closed it. What counts is which file the name leads to, its
+// size and its time together, once two looks agree that lie further apart than one step of that clock: nobody is in the
+// middle of writing then, and what comes later has another time. Without notifications the file is looked at by time.
 #include "os_cosfile_monitor_impl.h"
 
 #include "os_cosfile_system.h"
@@ -283,7 +283,8 @@ void COsFileMonitor::Watch()
         const uint64_t u64Now = PlatTicks();
         const uint64_t u64Wait = u64Next > u64Now ? u64Next - u64Now : 0;
         const PlatHandle aplathandle[] = {m_plathandleStop, m_plathandleFolder};
-        PlatWaitAny(aplathandle, blFolder ? 2 : 1, u64Next == g_u64Never ? PLAT_INFINITE : static_cast<uint32_t>(u64Wait));
+        PlatWaitAny(aplathandle, blFolder ? 2 : 1,
+                    u64Next == g_u64Never ? PLAT_INFINITE : static_cast<uint32_t>(u64Wait));
         TakeChanges();
         if (IsRunning() && PlatTicks() >= m_u64LookAt)
             Look();

@@ -19,8 +19,6 @@
 #include "plat_process.h"
 #include "plat_system.h"
 
-#include <cstdio>
-
 static constexpr char g_szSource[] = "os/source/os_cosservices";
 
 static constexpr char g_szDefaultDocument[] = "<arguments>\n"
@@ -49,7 +47,7 @@ static bool DeriveLogFolder(OsServicesIdentity& a_osservicesidentity)
     OsCfgGetPath(OS_PATH_WRITEABLE_FOLDER_BRAND_LOCALORROAMING, szFolder, sizeof szFolder);
     if (!szFolder[0])
     {
-        OSLOG(OS_LOG_ERROR, "SetDirectories failed...");
+        OsServicesTell("SetDirectories failed...");
         return false;
     }
     for (const char* const szPart : {*szModel ? szModel : a_osservicesidentity.szUniqueName, "isis", "log"})
@@ -145,10 +143,9 @@ static bool CheckLogDirectory()
     const char* const szFolder = OsCfgGetString(OS_CFGTAG_LOGDIRECTORY);
     if (g_poscoscfg->HasLogDirectory() || OsLogGetState() == OS_LOGSTATE_OFF)
         return true;
-    std::fprintf(stderr, "<%s> %s: no log file, %s <%s>\n", g_szSource, OsArgumentsGet(OS_ARGUMENT_UNIQUENAME),
-                 *szFolder ? "its folder cannot be made" : "this user has no home folder, and MVR_LOGDIR names none",
-                 szFolder);
-    std::fflush(stderr);
+    OsServicesTell("%s has no log: %s...<%s>", OsArgumentsGet(OS_ARGUMENT_UNIQUENAME),
+                   *szFolder ? "its folder cannot be made" : "the user has no home, and MVR_LOGDIR names no folder",
+                   szFolder);
     return *szFolder != 0;
 }
 

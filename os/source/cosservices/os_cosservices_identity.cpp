@@ -11,6 +11,8 @@
 #include "os_cosxml.h"
 
 #include <algorithm>
+#include <cstdarg>
+#include <cstdio>
 #include <cstring>
 #include <iterator>
 
@@ -44,8 +46,8 @@ bool TakeName(const char* a_szDocument, OsServicesIdentity& a_osservicesidentity
         OsArgumentsModuleName(szName, sizeof szName);
     if (!IsName(szName))
     {
-        OSLOG(OS_LOG_CHECK, "the document has no uniquename of at most %d bytes that a file can have...<%s>",
-              static_cast<int>(sizeof szName) - 1, a_szDocument);
+        OsServicesTell("the document has no uniquename of at most %d bytes that a file can have...<%s>",
+                       static_cast<int>(sizeof szName) - 1, a_szDocument);
         return false;
     }
     OsArgumentsSet(OS_ARGUMENT_UNIQUENAME, szName);
@@ -176,6 +178,18 @@ const char* SetupOfModule(const char* a_szModule, const char* a_szName)
     return t_szValue;
 }
 }   // namespace
+
+void OsServicesTell(const char* a_szFormat, ...)
+{
+    char szText[2 * OS_ARGUMENTSSIZE];
+    va_list valist;
+    va_start(valist, a_szFormat);
+    OsFormat(szText, sizeof szText, a_szFormat, valist);
+    va_end(valist);
+    OSLOG(OS_LOG_ERROR, "%s", szText);
+    std::fprintf(stderr, "<%s> %s\n", g_szSource, szText);
+    std::fflush(stderr);
+}
 
 bool OsServicesIsUtility(const OsServicesIdentity& a_osservicesidentity)
 {
