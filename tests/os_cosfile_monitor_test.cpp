@@ -117,21 +117,6 @@ TEST_F(FileMonitor, AChangeRightBehindAnotherOrBehindTheStartIsSeen)
     }
 }
 
-TEST_F(FileMonitor, WhatIsWrittenSlowlyIsReportedWhenItIsWhole)
-{
-    ASSERT_EQ(Start(m_strPath), EOSSTS_SUCCESS);
-    std::string strWhole;
-    {
-        std::ofstream stream(m_strPath, std::ios::binary);
-        for (int i = 0; i < 30; ++i, strWhole += "part ")
-        {
-            stream << "part " << std::flush;
-            PlatSleep(3);
-        }
-    }
-    ASSERT_TRUE(WaitFor([&] { return Calls().back().strContent == strWhole; }));
-}
-
 TEST_F(FileMonitor, ANameThatIsGivenToAnotherFileIsAChange)
 {
     ASSERT_EQ(Start(m_strPath), EOSSTS_SUCCESS);
@@ -145,17 +130,6 @@ TEST_F(FileMonitor, ANameThatIsGivenToAnotherFileIsAChange)
     EXPECT_EQ(Calls()[1].strContent, "new");
     EXPECT_EQ(Calls()[2].strContent, "abc");
     EXPECT_EQ(Calls()[3].strContent, "def");
-}
-
-TEST_F(FileMonitor, TheMaskSaysWhatIsReported)
-{
-    ASSERT_EQ(Start(m_strPath, OS_FILEMONITOR_NEWNAME), EOSSTS_SUCCESS);
-    ASSERT_TRUE(WaitFor([&] { return m_log.Has("monitor>>> begin...<" + m_strPath + ">"); }));
-    WriteWhole(m_strPath, "written");
-    ExpectCalls(1);
-    ReplaceByRename("renamed");
-    ExpectCalls(2);
-    EXPECT_EQ(Calls()[1].osfilemonitorstate.osfilemonitorrecord.u32Event, OS_FILEMONITOR_NEWNAME);
 }
 
 TEST_F(FileMonitor, AFileThatCannotBeReadForAWhileIsWatchedOn)
