@@ -41,7 +41,9 @@ protected:
         EXPECT_TRUE(a_strText.ends_with("/d100.log|d100.so|" + PathOf("drivers") + "|04")) << a_strText;
         const std::string strLog = ReadWhole(a_strText.substr(0, a_strText.find('|')));
         EXPECT_NE(strLog.find("at work\r\n"), std::string::npos);
-        EXPECT_NE(strLog.find("### dllInfo <" + PathOf("drivers/d100.so") + ">"), std::string::npos);
+        EXPECT_NE(strLog.find("### dllInfo <" + PathOf("drivers/d100.so") + "> cd=(n/a) versioninfo=1.2.3.4 "),
+                  std::string::npos);
+        EXPECT_NE(strLog.find("/module_test> cd=(n/a) versioninfo=0.0 "), std::string::npos) << "the host has none";
     }
 };
 

@@ -52,6 +52,7 @@ COsFileMonitor::~COsFileMonitor()
 {
     OSMEMDELETE(m_posthreadMonitor);
     OSMEMDELETE(m_posthreadEvents);
+    CloseFolder();
     if (m_plathandleStop != PLAT_INVALID)
         PlatClose(m_plathandleStop);
     OSMEMDELETE(m_poslnkQueue);

@@ -15,6 +15,7 @@
 #include <cstdio>
 #include <cstring>
 #include <iterator>
+#include <string_view>
 
 static constexpr char g_szSource[] = "os/source/os_cosservices";
 
@@ -115,10 +116,27 @@ void TakeLog(const char* a_szDocument, OsServicesIdentity& a_osservicesidentity)
 
 // ------------------------------------------------------------------------------------------------------- the version
 
-// The version that the program file carries; false for none.
-bool VersionOfFile(const char*, uint16_t* a_au16Version)
+// The text that the file of a module carries, null for none: the program's own file, or our module's (null), which may
+// be one that the program has loaded. Valid until the thread asks again.
+const char* ResourceOfModule(const char* a_szModule, const char* a_szName)
 {
-    const char* szVersion = OsResourceText("VERSION");
+    char szOwn[OS_PATHSIZE];
+    OsArgumentsModulePath(szOwn);
+    if (!a_szModule || std::strcmp(a_szModule, szOwn) == 0)
+        return OsResourceText(a_szName);
+    static thread_local char t_szText[OS_PATHSIZE];
+    COsResource osresource;
+    if (osresource.Open(a_szModule, a_szName) != EOSSTS_SUCCESS)
+        return nullptr;
+    const std::string_view svText = osresource.Data();
+    t_szText[svText.copy(t_szText, sizeof t_szText - 1)] = 0;
+    return t_szText;
+}
+
+// The version that the file of a module carries; false for none.
+bool VersionOfFile(const char* a_szModule, uint16_t* a_au16Version)
+{
+    const char* szVersion = ResourceOfModule(a_szModule, "VERSION");
     if (!szVersion)
         return false;
     for (size_t sizet = 0; sizet < 4; ++sizet)
@@ -154,11 +172,6 @@ void TakeVersion(const char* a_szDocument, OsServicesIdentity& a_osservicesident
 }
 
 // ------------------------------------------------------------------------------------ what the program's files say
-
-const char* ResourceOfModule(const char*, const char* a_szName)
-{
-    return OsResourceText(a_szName);
-}
 
 // The file that the set-up leaves beside the program, or in the folder of the system.
 const char* SetupOfModule(const char* a_szModule, const char* a_szName)
