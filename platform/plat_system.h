@@ -46,14 +46,15 @@ enum PlatFolder : uint32_t
 };
 
 // The folder's path; it need not exist. Where the system has no folders of these kinds of its own, the variables that
-// name them on the product's system win: LOCALAPPDATA, APPDATA, PROGRAMDATA, SYSTEMROOT.
+// name them on the product's system win: LOCALAPPDATA, APPDATA, PROGRAMDATA, SYSTEMROOT. False for a folder of a user
+// who has none.
 bool PlatFolderPath(PlatFolder a_platfolder, char16_t* a_wszPath, size_t a_sizetPath);
 
 struct PlatModule
 {
     uint64_t u64Address;
     uint64_t u64Size;
-    const char* szPath;   // UTF-8, lives for the call
+    const char* szPath;   // full, UTF-8, lives for the call
 };
 
 // Calls the procedure for each module of this process, the program first. It returns false to end the walk.

@@ -15,6 +15,8 @@ enum PlatWatchAction : uint32_t
 struct PlatWatchChange
 {
     PlatWatchAction platwatchaction;
+    bool blWriting;                   // added or modified by a writer whose close, another modification, follows;
+                                      // false where the system does not tell
     char16_t wszName[PLAT_PATHMAX];   // relative to the folder
 };
 
@@ -23,6 +25,6 @@ struct PlatWatchChange
 PlatHandle PlatWatchCreate(const char16_t* a_wszFolder);
 
 // Takes the next change. PLAT_ERROR_WOULDBLOCK when there is none. When changes were lost because nobody took
-// them in time, one PLAT_WATCH_MODIFIED with an empty name stands for them. When the folder itself has gone:
-// PLAT_ERROR_PATHNOTFOUND, from then on, and the handle stays ready.
+// them in time, one PLAT_WATCH_MODIFIED with an empty name stands for them. When the folder itself has gone
+// or has another path: PLAT_ERROR_PATHNOTFOUND, from then on, and the handle stays ready.
 bool PlatWatchRead(PlatHandle a_plathandle, PlatWatchChange* a_pplatwatchchange);

@@ -208,6 +208,26 @@ TEST_F(CommandFile, WhatIsNoCommandIsIgnored)
     ExpectStop();
 }
 
+TEST_F(CommandFile, IsFoundWhenItsFolderComesLaterAndReadWhenThereAreDescriptors)
+{
+    WriteWhole(PathOf("common"), "in the way of the folder");
+    Start();
+    fs::remove(PathOf("common"));
+    fs::create_directories(fs::path(m_strFlush).parent_path());
+    Command("<cmd>exitall</cmd>");
+    ExpectStop();
+
+    WriteWhole(PathOf("new"), "<cmd>exitall</cmd>");
+    ASSERT_TRUE(WaitFor([&] { return m_log.HasPart("monitor>>> notifications again"); }));
+    {
+        const NoDescriptors nodescriptors;
+        fs::rename(PathOf("new"), m_strFlush);
+        PlatSleep(60);
+        EXPECT_EQ(g_bLogCollectorStop.load(), 0);
+    }
+    ExpectStop();
+}
+
 // Where our user's tools write, and whatever others make of the common file.
 TEST_F(CommandFile, OurOwnCountsAndNoneThatOthersMayWriteOrThatIsALink)
 {

@@ -178,7 +178,7 @@ TEST(Arguments, PublishingThatBreaksLeavesTheLockFree)
 
 TEST(Arguments, PublishedDocumentArrivesInAChild)
 {
-    EXPECT_EQ(WhatAChildTakesIn(), "|||||||||||||0,0,0|owner|||MVR_OSSERVICESARGUMENTSB64|");
+    EXPECT_EQ(WhatAChildTakesIn(), "||||||||||||||0,0,0|owner|||MVR_OSSERVICESARGUMENTSB64|");
     OsArgumentsSet(OS_ARGUMENT_MODELDIRECTORY, "d100");
     OsArgumentsSet(OS_ARGUMENT_CALLERSUNIQUENAME, "parent");
     EXPECT_EQ(OsArgumentsBuild({"/log\xC3\xA9 ]", "", nullptr, "/root", "/legacy"}), EOSSTS_SUCCESS);
@@ -193,7 +193,7 @@ TEST(Arguments, PublishedDocumentArrivesInAChild)
     EXPECT_EQ(Get("MVR_OSSERVICESARGUMENTS"), strDocument);
     EXPECT_EQ(Get(OfThread(g_szB64)), Get(g_szB64));
     EXPECT_EQ(WhatAChildTakesIn(),
-              "|||d100|/log\xC3\xA9 ]|0||d100|||/root|/legacy||65535,12,34|||" + strDocument + "|" + g_szB64 + "|");
+              "|||d100|/log\xC3\xA9 ]|0||d100|||/root|/legacy|||65535,12,34|||" + strDocument + "|" + g_szB64 + "|");
     // The lock keeps another thread from publishing until the child exists.
     std::atomic<bool> blPublished{false};
     std::thread thread([&] {
@@ -225,7 +225,7 @@ TEST(Arguments, OverrideAndDriverletGoBeforeWhatIsInherited)
                                   "<callersuniquename>parent</callersuniquename><logmodel>m3</logmodel>"
                                   "<drvletidentity/><drvletidentity>old</drvletidentity><loglevel>4</loglevel>")));
     EXPECT_EQ(WhatAChildTakesIn(),
-              "|other|lib/drvlet|m1||4||m1|id|/app||||0,0,0||override|" +
+              "|other|lib/drvlet|m1||4||m1|id|/app|||||0,0,0||override|" +
                   Document("<overridefoldername><![CDATA[lib/drvlet]]></overridefoldername>"
                            "<callersuniquename>other</callersuniquename><logmodel>m3</logmodel>"
                            "<drvletidentity/><drvletidentity>id</drvletidentity><loglevel>4</loglevel>") +
@@ -244,18 +244,18 @@ TEST(Arguments, DriverletsApplicationInheritsNothing)
     {
         Set(g_szOverride, Encoded("<callersuniquename>" + std::string(szCaller) + "</callersuniquename>"));
         EXPECT_EQ(WhatAChildTakesIn(),
-                  "|" + std::string(szCaller) + "||||||||||||0,0,0|owner|override||MVR_OSSERVICESARGUMENTSB64|");
+                  "|" + std::string(szCaller) + "|||||||||||||0,0,0|owner|override||MVR_OSSERVICESARGUMENTSB64|");
     }
 }
 
 // Nothing of it is believed, and the process starts all the same.
 TEST(Arguments, HostileTextsLeaveTheProcessAsIfThereWereNone)
 {
-    const std::string strNothing = "|||||||||||||0,0,0||";
+    const std::string strNothing = "||||||||||||||0,0,0||";
     const std::string strLong(100000, 'A');
     for (const char* szVariable : {g_szOverride, "MVR_DRVLETINFOB64", g_szB64})
         Set(szVariable, strLong);
-    EXPECT_EQ(WhatAChildTakesIn(), "|||||||||||||0,0,0|owner|||MVR_OSSERVICESARGUMENTSB64|");
+    EXPECT_EQ(WhatAChildTakesIn(), "||||||||||||||0,0,0|owner|||MVR_OSSERVICESARGUMENTSB64|");
     for (const char* szPort : {"0", "65536", "-1", "4294967297", "99999999999999999999", "x", ""})
     {
         Set(g_szB64, Encoded(Document("<callersuniquename>" + std::string(600, 'n') + "</callersuniquename><logpath>" +

@@ -44,17 +44,6 @@ TEST(Info, HostAndVolumeAreToldOnce)
     EXPECT_EQ(log.Lines().size(), 3u);
 }
 
-TEST(Info, ItemsOfTheOtherKindAreRefused)
-{
-    LogCapture log;
-    for (const int iItem : {0, 5, 10, 32, 44, 47, 48})
-        EXPECT_STREQ(OsCfgInfoString(static_cast<EOSCFGINFO>(iItem)), "(nodata)");
-    for (const int iItem : {0, 1, 9, 33, 46, 47, 48})
-        EXPECT_EQ(OsCfgInfoLong(static_cast<EOSCFGINFO>(iItem)), 0);
-    EXPECT_TRUE(log.HasAt(OS_LOG_ERROR, "COsCfg::InfoGetString: Unsupported...5"));
-    EXPECT_TRUE(log.HasAt(OS_LOG_ERROR, "COsCfg::InfoGetLong: Unsupported...9"));
-}
-
 // The logger's header asks while the first line is on its way, and may be the first to ask.
 TEST(Info, ALogLineOfTheGatheringMayAsk)
 {

@@ -1,6 +1,7 @@
 // os_coscfg_paths_test.cpp: where the identifiers lead to, as the environment and the common settings say.
 #include "coscfg_support.h"
 
+#include <pwd.h>
 #include <set>
 
 class Paths : public ConfigurationTest
@@ -33,12 +34,6 @@ TEST_F(Paths, WriteableFoldersLieBelowTheUsersAndTheMachinesData)
 
     setenv("LOCALAPPDATA", PathOf("elsewhere").c_str(), 1);
     EXPECT_EQ(Resolve(OS_PATH_WRITEABLE_FOLDER_ROOT), Local()) << "found out once";
-}
-
-TEST_F(Paths, MakersOwnWordInAnyCaseIsTheMakersFolder)
-{
-    setenv("MVR_COMPANYNAMESHORT", "ORVANE", 1);
-    EXPECT_EQ(Resolve(OS_PATH_WRITEABLE_FOLDER_BRAND_LOCAL), Local() + "\\mvr_orvane");
 }
 
 TEST_F(Paths, CollectorFolderFollowsTheUserAndTheFlushFileDoesNot)
@@ -78,17 +73,6 @@ TEST_F(Paths, IniFilesAreNamedByTheProgramUnlessThereIsAModel)
     OsArgumentsSet(OS_ARGUMENT_MODELDIRECTORY, "d100");
     EXPECT_EQ(Resolve(OS_PATH_WRITEABLE_FILE_UNPROTECTED_DEBUGINI),
               Local() + "\\mvr_orvane\\common\\debug\\d100_debug.ini");
-}
-
-TEST_F(Paths, TextFileStandsInForAMissingIniFile)
-{
-    OsArgumentsSet(OS_ARGUMENT_UNIQUENAME, "app");
-    Put(Readable() + "\\common\\const\\app_const.ini.txt", "");
-    Put(Local() + "\\mvr_orvane\\common\\debug\\app_debug.ini.txt", "");
-    Put(Local() + "\\mvr_orvane\\common\\debug\\app_debug.ini", "");
-    EXPECT_EQ(Resolve(OS_PATH_READABLE_FILE_PROTECTED_CONSTINI), Readable() + "\\common\\const\\app_const.ini.txt");
-    EXPECT_EQ(Resolve(OS_PATH_WRITEABLE_FILE_UNPROTECTED_DEBUGINI),
-              Local() + "\\mvr_orvane\\common\\debug\\app_debug.ini");
 }
 
 TEST_F(Paths, WithoutDebugIniTheProtectedFileServesBoth)
@@ -159,25 +143,6 @@ TEST_F(Paths, InstalledCollectorGoesBeforeTheOneBesideTheProgram)
     EXPECT_EQ(Resolve(OS_PATH_READABLE_FILE_LOGCOLLECTOREXE), Readable() + "\\common\\logcollector");
 }
 
-TEST_F(Paths, EveryNumberHasANameAndOnlyNamedOnesResolve)
-{
-    std::set<std::string> setstrName;
-    for (uint32_t u32Path = 1; u32Path < OS_PATH_LAST; ++u32Path)
-        setstrName.insert(OsCfgPathName(u32Path));
-    EXPECT_EQ(setstrName.size(), 133u);
-    EXPECT_STREQ(OsCfgPathName(63), "OS_PATH_WRITEABLE_FILE_LOGCOLLECTORFLUSH");
-    char szPath[OS_PATHSIZE];
-    for (const uint32_t u32Path : {0u, 10u, 116u, 134u, 5000u})
-    {
-        EXPECT_EQ(OsCfgResolvePath(static_cast<EOSPATH>(u32Path), szPath, sizeof szPath), EOSSTS_FAIL) << u32Path;
-        EXPECT_STREQ(szPath, "");
-    }
-    EXPECT_EQ(OsCfgResolvePath(OS_PATH_WRITEABLE_FOLDER_ROOT, nullptr, 1), EOSSTS_FAIL);
-    EXPECT_TRUE(m_logcapture.Has("bad argument..."));
-    EXPECT_EQ(OsCfgResolvePath(OS_PATH_WRITEABLE_FOLDER_ROOT, szPath, 5), EOSSTS_FAIL) << "never cut";
-    EXPECT_STREQ(szPath, "");
-}
-
 TEST_F(Paths, EverySpecialFolderIsSomewhere)
 {
     setenv("HOME", PathOf("home").c_str(), 1);
@@ -192,4 +157,7 @@ TEST_F(Paths, EverySpecialFolderIsSomewhere)
     EXPECT_TRUE(m_logcapture.HasAt(OS_LOG_CHECK, "unrecognized eosspecialfolder...18"));
     OsCfgSpecialFolder(szPath, sizeof szPath, OS_SPECIALFOLDER_DEFAULTUSER_DESKTOP);
     EXPECT_EQ(szPath, Below("home\\Desktop"));
+    unsetenv("HOME");
+    OsCfgSpecialFolder(szPath, sizeof szPath, OS_SPECIALFOLDER_CURRENTUSER_PROFILE);
+    EXPECT_EQ(szPath, Backslashed(getpwuid(geteuid())->pw_dir)) << "the account's";
 }

@@ -130,18 +130,6 @@ protected:
     static std::string Get(const std::string& a_strKey) { return OsCfgCommonGet(a_strKey.c_str(), "default"); }
 };
 
-TEST_F(CommonSettings, WithoutAFileEveryAnswerIsTheDefault)
-{
-    bool blFound = true;
-    EXPECT_STREQ(OsCfgCommonGet("UseDebugIni", "yes", &blFound), "yes");
-    EXPECT_FALSE(blFound);
-    EXPECT_STREQ(OsCfgCommonGet("UseDebugIni", nullptr), "");
-    EXPECT_STREQ(OsCfgCommonGet(nullptr, "d"), "d");
-
-    PutCommon("UseDebugIni=no\r\n");
-    EXPECT_STREQ(OsCfgCommonGet("UseDebugIni", "yes"), "yes") << "absent stays absent";
-}
-
 TEST_F(CommonSettings, The129thEntryIsIgnoredAlsoOfTheFileNamedTxt)
 {
     std::string strText;

@@ -1,6 +1,6 @@
 // os_cosservices_test.cpp: the library from its start to its stop, as a program has it: what the program says of
 // itself, what its parent says, what its children are told.
-#include "collector_support.h"
+#include "strangers_support.h"
 
 #include "os_cosarguments.h"
 #include "os_coscfg.h"
@@ -9,9 +9,11 @@
 #include "os_cosmem.h"
 #include "os_cosservices.h"
 #include "os_cosservices_identity.h"
+#include "os_costhread.h"
 #include "os_cosxml.h"
 
 #include "plat_process.h"
+#include "plat_thread.h"
 #include "plat_wait.h"
 
 #include <atomic>
@@ -20,8 +22,6 @@
 #include <sys/wait.h>
 #include <thread>
 #include <unistd.h>
-
-namespace fs = std::filesystem;
 
 class Services : public FolderTest
 {
@@ -241,11 +241,105 @@ TEST_F(Services, AUtilityThatNobodyStartedFindsAFolderForItself)
 
 TEST_F(Services, AProgramThatForbidsItTellsItsChildrenNothing)
 {
+    Inherit("<rootpath>" + PathOf("root") + "</rootpath><overridefoldername>f</overridefoldername>");
     Start("<uniquename>prog</uniquename><entity>application</entity><inherit>false</inherit>");
     EXPECT_STREQ(OsArgumentsDocument(), "");
     OsArgumentsPublish(true);
     OsArgumentsPublish(false);
-    EXPECT_EQ(getenv("MVR_OSSERVICESARGUMENTS"), nullptr);
+    for (char** psz = environ; *psz; ++psz)
+        EXPECT_NE(std::string(*psz).find("MVR_OSSERVICESARGUMENTS"), 0u) << *psz;
+}
+
+TEST_F(Services, WhoWorksForAnApplicationKnowsIt)
+{
+    Inherit("<app>/apps/hostprogram01.exe</app>");
+    for (const auto& [szEntity, blApp] : {std::pair{"application", false}, {"driver", true}, {"apputility", true}})
+    {
+        Start("<uniquename>prog</uniquename><entity>" + std::string(szEntity) + "</entity>");
+        EXPECT_EQ(Element("app") == "\\apps\\hostprogram01.exe", blApp) << szEntity;
+        EXPECT_EQ(*OsCfgGetString(OS_CFGTAG_HOSTPROGRAM01) != 0, blApp) << szEntity;
+        OsServicesStop();
+    }
+}
+
+TEST_F(Services, ThreadAffinityHoldsForTheMainThreadAndForLaterOnes)
+{
+    static constexpr auto g_isOnSecond = [] {
+        cpu_set_t cpuset;
+        sched_getaffinity(0, sizeof cpuset, &cpuset);
+        return CPU_COUNT(&cpuset) == 1 && CPU_ISSET(1, &cpuset);
+    };
+    cpu_set_t cpusetBoth;
+    CPU_ZERO(&cpusetBoth);
+    CPU_SET(0, &cpusetBoth);
+    CPU_SET(1, &cpusetBoth);
+    if (sched_setaffinity(0, sizeof cpusetBoth, &cpusetBoth) != 0 || !(PlatProcessAffinity() & 2))
+        GTEST_SKIP() << "no second processor";
+    fs::create_directories(Common() / "const");
+    WriteWhole(Common() / "const/prog_const.ini", "[prog.dsIdentity]\r\nForceThreadAffinity=2\r\n");
+    Start("<uniquename>prog</uniquename><entity>application</entity>");
+    EXPECT_TRUE(g_isOnSecond());
+    sched_setaffinity(0, sizeof cpusetBoth, &cpusetBoth);
+    static std::atomic<bool> g_blThere{false};
+    const auto look = [](COsThread*) -> uint32_t { return (g_blThere = g_isOnSecond()) ? 0 : 1; };
+    COsThread osthread;
+    EXPECT_EQ(osthread.Start("later", look, nullptr), EOSSTS_SUCCESS);
+    EXPECT_TRUE(osthread.WaitForEnd(20000));
+    EXPECT_TRUE(g_blThere);
+}
+
+// Whatever the files and the document say beside them.
+TEST_F(Services, FlagsOfTheEnvironmentHoldForTheWholeRun)
+{
+    setenv("MVR_DEBUG", "3104", 1);   // print what differs as 0, allow level 32, milestones alone
+    const fs::path path = m_path / "system/LOCALAPPDATA/mvr_orvane/common/debug";
+    fs::create_directories(path);
+    WriteWhole(path / "prog_debug.ini", "[prog.dsIdentity]\r\nDebug=1\r\n");
+    Start("<uniquename>prog</uniquename><entity>application</entity>");
+    EXPECT_EQ(OsLogGet()->WorkingWord() & 2081, 2081u);
+    EXPECT_EQ(std::stoi(Element("loglevel")) & 2081, 2081);
+    OSLOG(OS_LOG_NOTE, "a note");
+    OSLOG(OS_LOG_MILESTONE, "a milestone");
+    const std::string strLog = ReadWhole(LogFile());
+    EXPECT_NE(strLog.find(" Debug=" + std::to_string(3105) + " "), std::string::npos);
+    EXPECT_NE(strLog.find("a milestone\r\n"), std::string::npos);
+    EXPECT_EQ(strLog.find("a note"), std::string::npos);
+}
+
+// Only root can be a user without an account.
+TEST_F(Services, WithoutAFolderTheStartSaysThatThereIsNoLog)
+{
+    if (geteuid() != 0)
+        GTEST_SKIP() << "only root can be somebody else";
+    fs::permissions(m_path, fs::perms(0755));
+    for (const char* szName : {"HOME", "LOCALAPPDATA", "APPDATA", "PROGRAMDATA", "XDG_DATA_HOME", "XDG_STATE_HOME"})
+        unsetenv(szName);
+    const auto start = [&](const std::string& a_strLogFolder) {
+        const std::string strErrors = PathOf("errors");
+        WriteWhole(strErrors, "");
+        fs::permissions(strErrors, fs::perms(0666));
+        EXPECT_TRUE(AsUser(g_userUnlisted, [&] {
+            setenv("MVR_LOGDIR", a_strLogFolder.c_str(), 1);
+            OsServicesSetDocument("<arguments><uniquename>prog</uniquename><entity>application</entity>"
+                                  "<loglevel>1</loglevel></arguments>");
+            if (!std::freopen(strErrors.c_str(), "w", stderr))
+                return false;
+            const EOSSTS eossts = OsServicesStart();
+            std::fprintf(stderr, "%d", static_cast<int>(eossts));
+            OSLOG(OS_LOG_ERROR, "logged");
+            return std::fflush(stderr) == 0;
+        }));
+        return ReadWhole(strErrors);
+    };
+    WriteWhole((Common() / "const.ini").string(), "LogCollector=disabled\r\n");
+    EXPECT_NE(start("").find("prog has no log: the user has no home, and MVR_LOGDIR names no folder...<>\n1"),
+              std::string::npos);
+    EXPECT_NE(start(PathOf("denied")).find("prog has no log: its folder cannot be made...<"), std::string::npos);
+    fs::create_directory(PathOf("open"));
+    fs::permissions(PathOf("open"), fs::perms(0777));
+    EXPECT_EQ(start(PathOf("open")), "0");
+    const fs::path pathLog = *fs::directory_iterator(PathOf("open"));
+    EXPECT_NE(ReadWhole(pathLog / "prog.log").find("logged\r\n"), std::string::npos);
 }
 
 TEST_F(Services, ADocumentWithoutAUsableNameIsRefused)
@@ -260,7 +354,9 @@ TEST_F(Services, ADocumentWithoutAUsableNameIsRefused)
         EXPECT_EQ(OsLogGet(), nullptr);
     }
     OsServicesSetDocument("garbage");
+    testing::internal::CaptureStderr();
     EXPECT_EQ(OsServicesStart(), EOSSTS_FAIL);
+    EXPECT_NE(testing::internal::GetCapturedStderr().find("that a file can have...<garbage>"), std::string::npos);
 }
 
 // The model is handed down by those who work for it; a library or an application does not.

@@ -21,7 +21,8 @@ protected:
     bool IsReady() const { return PlatWaitAny(&m_plathandle, 1, 0) == 0; }
     std::string Entry(const std::string& a_strName) const { return PathOf("folder/" + a_strName); }
 
-    // Everything that is there to report, such as "1 name", the same change only once in a row.
+    // Everything that is there to report, such as "1 name", the same change only once in a row; "..." while a writer
+    // has the file open.
     std::vector<std::string> Changes()
     {
         std::vector<std::string> vecstr;
@@ -30,8 +31,9 @@ protected:
         while (PlatWatchRead(m_plathandle, &platwatchchange))
         {
             const std::u16string wstrName(platwatchchange.wszName);
-            const std::string str =
-                std::to_string(platwatchchange.platwatchaction) + " " + std::string(wstrName.begin(), wstrName.end());
+            const std::string str = std::to_string(platwatchchange.platwatchaction) + " " +
+                                    std::string(wstrName.begin(), wstrName.end()) +
+                                    (platwatchchange.blWriting ? "..." : "");
             if (vecstr.empty() || vecstr.back() != str)
                 vecstr.push_back(str);
         }
@@ -50,8 +52,12 @@ TEST_F(PlatWatch, EntriesAddedWrittenRenamedAndRemoved)
     EXPECT_FALSE(IsReady());
     const std::string strLong(255, 'n');
     WriteWhole(Entry("a"), "text");
-    EXPECT_EQ(Changes(), (Texts{"1 a", "3 a"}));
-    std::ofstream(Entry("a"), std::ios::app) << "more" << std::flush << "more";
+    EXPECT_EQ(Changes(), (Texts{"1 a...", "3 a...", "3 a"}));
+    {
+        std::ofstream stream(Entry("a"), std::ios::app);
+        stream << "more" << std::flush << "more" << std::flush;
+        EXPECT_EQ(Changes(), (Texts{"3 a..."}));
+    }
     EXPECT_EQ(Changes(), (Texts{"3 a"}));
     std::filesystem::permissions(Entry("a"), std::filesystem::perms{0400});
     EXPECT_EQ(Changes(), (Texts{"3 a"}));
@@ -61,6 +67,21 @@ TEST_F(PlatWatch, EntriesAddedWrittenRenamedAndRemoved)
     std::filesystem::create_directory(Entry("sub"));
     WriteWhole(Entry("sub/x"), "not an entry");
     EXPECT_EQ(Changes(), (Texts{"2 " + strLong, "1 sub"}));
+}
+
+TEST_F(PlatWatch, AFolderThatIsMovedOrDeletedIsGoneForGood)
+{
+    PlatWatchChange platwatchchange;
+    std::filesystem::rename(PathOf("folder"), PathOf("moved"));
+    for (int i = 0; i < 2; ++i)
+    {
+        EXPECT_TRUE(IsReady());
+        EXPECT_FALSE(PlatWatchRead(m_plathandle, &platwatchchange));
+        EXPECT_EQ(PlatGetLastError(), PLAT_ERROR_PATHNOTFOUND);
+        PlatClose(m_plathandle);
+        m_plathandle = PlatWatchCreate(Wide(PathOf("moved")).c_str());
+        std::filesystem::remove(PathOf("moved"));
+    }
 }
 
 TEST_F(PlatWatch, LostChangesAreOneChangeWithoutName)

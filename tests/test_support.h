@@ -83,11 +83,19 @@ private:
 };
 
 // A configuration that knows what a case tells it.
-class FakeConfiguration final : public COsCfgSource
+class FakeConfiguration final : public COsCfgSource, public COsCfgService
 {
 public:
-    FakeConfiguration() { g_poscfgsource.store(this); }
-    ~FakeConfiguration() { g_poscfgsource.store(nullptr); }
+    FakeConfiguration()
+    {
+        g_poscfgsource.store(this);
+        g_poscfgservice.store(this);
+    }
+    ~FakeConfiguration()
+    {
+        g_poscfgsource.store(nullptr);
+        g_poscfgservice.store(nullptr);
+    }
 
     const char* GetString(EOSCFGSECTION, EOSCFGTAG a_eoscfgtag) override
     {
@@ -115,7 +123,6 @@ public:
         WaitFor([this] { return !m_blManagesOn; });
         ++m_uManaged;
     }
-    void ReleaseManagedDirectory() override { ++m_uReleased; }
 
     void Set(EOSCFGTAG a_eoscfgtag, const std::string& a_strValue)
     {
@@ -138,7 +145,6 @@ public:
         return m_vecstrManaged;
     }
 
-    std::atomic<unsigned> m_uReleased = 0;
     std::atomic<bool> m_blManagesOn = false;   // folders are looked after until it is false again
     std::atomic<unsigned> m_uManaged = 0;
 

@@ -4,6 +4,7 @@
 #include <cstdlib>
 
 std::atomic<COsCfgSource*> g_poscfgsource{nullptr};
+std::atomic<COsCfgService*> g_poscfgservice{nullptr};
 
 static COsCfgSource* Source()
 {
@@ -23,8 +24,8 @@ long OsCfgGetLong(EOSCFGTAG a_eoscfgtag)
 
 void OsCfgSetString(EOSCFGTAG a_eoscfgtag, const char* a_szValue)
 {
-    if (COsCfgSource* const poscfgsource = Source())
-        poscfgsource->SetString(OS_CFGSECTION_DSIDENTITY, a_eoscfgtag, a_szValue);
+    if (COsCfgService* const poscfgservice = g_poscfgservice.load(std::memory_order_acquire))
+        poscfgservice->SetString(OS_CFGSECTION_DSIDENTITY, a_eoscfgtag, a_szValue);
 }
 
 const char* OsCfgInfoGetString(EOSCFGINFO a_eoscfginfo)
@@ -54,14 +55,8 @@ EOSSTS OsCfgGetPath(EOSPATH a_eospath, char* a_szPath, size_t a_sizetPath)
 
 void OsCfgManageLogDirectories(const char* a_szLogFolder, const COsThread* a_posthread)
 {
-    if (COsCfgSource* const poscfgsource = Source())
-        poscfgsource->ManageLogDirectories(a_szLogFolder, a_posthread);
-}
-
-void OsCfgReleaseManaged()
-{
-    if (COsCfgSource* const poscfgsource = Source())
-        poscfgsource->ReleaseManagedDirectory();
+    if (COsCfgService* const poscfgservice = g_poscfgservice.load(std::memory_order_acquire))
+        poscfgservice->ManageLogDirectories(a_szLogFolder, a_posthread);
 }
 
 std::atomic<OsCfgCommonProc> g_poscfgcommonproc{nullptr};

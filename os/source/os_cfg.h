@@ -134,22 +134,28 @@ public:
     // EOSSTS_FAIL, with an empty path, for an identifier that does not resolve.
     virtual EOSSTS GetPath(EOSPATH a_eospath, char* a_szPath, size_t a_sizetPath) = 0;
 
-    // Looks after the log folders around a_szLogFolder: what has expired goes. Runs on the calling thread, and returns
-    // soon when a_posthread (may be null) is asked to stop.
-    virtual void ManageLogDirectories(const char* a_szLogFolder, const COsThread* a_posthread) = 0;
-
-    // Stores a value; the text must live as long as the configuration.
-    virtual EOSSTS SetString(EOSCFGSECTION, EOSCFGTAG, const char*) { return EOSSTS_FAIL; }
-
-    // Lets go of a log folder of another process that it looked after: while it does, a lock file is in there.
-    virtual void ReleaseManagedDirectory() {}
-
 protected:
     ~COsCfgSource() = default;   // owned by whoever installed it
 };
 
+// What else low floors have a configuration do.
+class COsCfgService
+{
+public:
+    // Stores a value; the text must live as long as the configuration.
+    virtual EOSSTS SetString(EOSCFGSECTION, EOSCFGTAG, const char*) { return EOSSTS_FAIL; }
+
+    // Looks after the log folders around a_szLogFolder: what has expired goes. Runs on the calling thread, and returns
+    // soon when a_posthread (may be null) is asked to stop.
+    virtual void ManageLogDirectories(const char* a_szLogFolder, const COsThread* a_posthread) = 0;
+
+protected:
+    ~COsCfgService() = default;   // owned by whoever installed it
+};
+
 // The process-wide configuration, null before it is installed and after it has gone.
 extern std::atomic<COsCfgSource*> g_poscfgsource;
+extern std::atomic<COsCfgService*> g_poscfgservice;
 
 inline bool OsCfgExists()
 {
@@ -178,7 +184,6 @@ EOSSTS OsCfgGetPath(EOSPATH a_eospath, char* a_szPath, size_t a_sizetPath);
 
 // Does nothing without a configuration.
 void OsCfgManageLogDirectories(const char* a_szLogFolder, const COsThread* a_posthread);
-void OsCfgReleaseManaged();
 
 // A global switch of the common settings file: its value, or a_szDefault (never null) when the key or the file is
 // absent. It is read before the configuration exists; the file's reader installs itself here.

@@ -52,7 +52,8 @@ struct OsArgumentsBuildArgs
 };
 EOSSTS OsArgumentsBuild(const OsArgumentsBuildArgs& a_osargumentsbuildargs);
 
-// Forbids (a program whose own document says so) that OsArgumentsBuild writes a document and that one is published.
+// Forbids (a program whose own document says so) that OsArgumentsBuild writes a document and that one is published, and
+// takes what the parent has left for us out of the environment: children get nothing.
 void OsArgumentsSetInherit(bool a_blInherit);
 
 // With hold: takes the arguments lock, puts the document into the environment that children inherit, and returns with
@@ -91,14 +92,19 @@ enum EOSARGUMENT : uint32_t
     OS_ARGUMENT_LOGFILTER,
     OS_ARGUMENT_LOGMODEL,
     OS_ARGUMENT_DRVLETIDENTITY,
-    OS_ARGUMENT_APPLICATION,
+    OS_ARGUMENT_APPLICATION,   // of a driver-let
     OS_ARGUMENT_ROOTPATH,
     OS_ARGUMENT_LEGACYROOTPATH,
     OS_ARGUMENT_USERROOTPATH,
+    OS_ARGUMENT_CALLERSAPPLICATION,
     OS_ARGUMENT_LAST,
 };
 const char* OsArgumentsGet(EOSARGUMENT a_eosargument);
 void OsArgumentsSet(EOSARGUMENT a_eosargument, const char* a_szValue);   // at most 511 characters
+
+// The flags of MVR_DEBUG, which hold for the whole run beside whatever else sets the logger's flags; 0 while logging is
+// off for the process.
+uint32_t OsArgumentsDebugFlags();
 
 // The files of this process, as the system writes them: the program, and the module that holds this library. "" when
 // the path is unknown or does not fit. The buffer has OS_PATHSIZE bytes.

@@ -33,7 +33,7 @@ struct OsCfgExtension
 
 inline constexpr size_t OS_CFGVERSIONS = 7;
 
-class COsCfg final : public COsCfgSource
+class COsCfg final : public COsCfgSource, public COsCfgService
 {
 public:
     struct CreateArgs
@@ -76,6 +76,9 @@ public:
 
     // Writes the support report. EOSSTS_CANNOTCREATE when its folder cannot be made, else the status of its open.
     EOSSTS WriteReport();
+
+    // False when the log folder could not be made.
+    bool HasLogDirectory() const;
 
     bool IsUsable() const { return m_poscfgimpl != nullptr; }
 

@@ -137,7 +137,9 @@ public:
     // file at a time. Only the bits of a_u32Mask are reported. EOSSTS_SUCCESS, also when it watches the path already;
     // EOSSTS_NOTFOUND for what is no file; EOSSTS_EXITED when the callback stopped it in the initial call; EOSSTS_FAIL,
     // also when it watches another path. No change from the return on is missed; several that follow each other within
-    // some milliseconds may be one. A file that is missing for a while is watched on; a folder that has gone is not.
+    // some milliseconds may be one. What somebody is writing is reported when he has closed it, or after 3 s. File and
+    // folder may be missing for a while. Where the system has no notifications to give, which is logged, the file is
+    // looked at once a second.
     EOSSTS MonitorStart(const char* a_szPath, const char* a_szName, uint32_t a_u32Mask,
                         OsFileMonitorProc a_osfilemonitorproc, void* a_pvContext);
 

@@ -13,13 +13,20 @@ inline constexpr uint32_t OS_FILEMONITOR_MODIFIED = 8;
 inline constexpr uint32_t OS_FILEMONITOR_OLDNAME = 16;
 inline constexpr uint32_t OS_FILEMONITOR_NEWNAME = 32;
 
+// In a mask: the file may be missing at the start, with its folder, and is waited for. What it has held since before
+// the start is no change.
+inline constexpr uint32_t OS_FILEMONITOR_MAYBEMISSING = 0x80000000;
+
+// The callback's result when it could not do its work for want of something: the call is made again soon.
+inline constexpr uint32_t OS_FILEMONITOR_CALLAGAIN = 0x40000000;
+
 // An event.
 struct OsFileMonitorRecord
 {
     char szEntry[OS_PATHSIZE];          // the name within the folder
     char szPath[OS_PATHSIZE];           // the folder and the name
     uint32_t u32Event;                  // one OS_FILEMONITOR_ bit
-    OSHANDLE plathandle = OS_INVALID;   // the watched file, open for reading at its start; the monitor's own
+    OSHANDLE plathandle = OS_INVALID;   // the watched file, open for reading at its beginning, for the call alone
     bool blFirstChange;                 // the first since the start
 };
 static_assert(sizeof(OsFileMonitorRecord) == 1048);
@@ -39,5 +46,6 @@ inline constexpr OsFileMonitorState OS_FILEMONITORSTATE_NONE{};
 class COsFile;
 
 // Called with the watching object: once by the start, then once for each change, and once when the file cannot be
-// read any more. Calls never meet. It may stop the monitor, and free the object. The result does not matter.
+// read any more. Calls never meet. It may stop the monitor, and free the object. Results other than
+// OS_FILEMONITOR_CALLAGAIN do not matter.
 using OsFileMonitorProc = uint32_t (*)(COsFile* a_posfile);

@@ -20,8 +20,8 @@ void OsServicesSetDocument(const char* a_szDocument);
 // Starts the library: what the parent process says, memory manager, collector, logger, configuration, thread affinity.
 // While it is started nothing happens; after a stop it starts again, with a collector of its own and a new log.
 // Called by the program's main thread before any other thread uses the library. EOSSTS_SUCCESS; EOSSTS_FAIL, and
-// nothing is started, when there is no memory, for a document without a usable name (logged), or for a utility that
-// finds no folder for its log.
+// nothing is started, when there is no memory, for a document without a usable name, or when there is no path for its
+// log, because the user has no home. Standard error tells so, and also when a log folder cannot be made.
 // Old log folders are looked after by a thread of their own, now or when OsServicesManage is called: a program that
 // somebody waits for has time for that later.
 EOSSTS OsServicesStart(bool a_blManageLater = false);

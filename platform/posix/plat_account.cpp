@@ -66,6 +66,11 @@ static PosixUser FindAccountById(uint32_t a_u32Id)
     return FindAccount([&](const PosixUser& posixuser) { return posixuser.u32Id == a_u32Id; });
 }
 
+std::string PosixAccountHome()
+{
+    return FindAccountById(static_cast<uint32_t>(PlatUserId())).strHome;
+}
+
 // Whom the environment names. It is believed for an account that the machine has from elsewhere, not for a name that
 // belongs to somebody else here.
 static std::string EnvironmentUser()

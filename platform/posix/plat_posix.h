@@ -205,6 +205,9 @@ struct PosixUser
     std::vector<uint32_t> vecu32Groups;   // all that he is in
 };
 
+// The home folder of this process's account; empty for one that the machine does not have.
+std::string PosixAccountHome();
+
 // Makes an environment the user's: his name and folders, and none of what was said about ours.
 void PosixUserEnvironment(const PosixUser& a_posixuser, std::vector<std::string>& a_vecstrEnvironment);
 

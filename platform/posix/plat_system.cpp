@@ -3,7 +3,9 @@
 #include "plat_posix.h"
 #include "plat_user.h"
 
+#include <algorithm>
 #include <chrono>
+#include <cstdlib>
 #include <cstring>
 #include <limits.h>
 #include <link.h>
@@ -120,10 +122,14 @@ static bool FolderOf(const char* a_szVariable, std::string& a_strPath)
     return PosixEnvGet(a_szVariable, a_strPath) && a_strPath[0] == '/';
 }
 
+// Empty for a user without a home: a folder that everybody may write, as the temporary one, would be of whoever makes
+// it first.
 static std::string BelowHome(const char* a_szFolder)
 {
     std::string strHome;
-    return FolderOf("HOME", strHome) ? strHome + a_szFolder : "/tmp";
+    if (!FolderOf("HOME", strHome))
+        strHome = PosixAccountHome();
+    return strHome.starts_with('/') ? strHome + a_szFolder : std::string();
 }
 
 static std::string SystemRoot()
@@ -215,7 +221,22 @@ static PlatModule ModuleOf(const dl_phdr_info& a_dlphdrinfo, const char* a_szPat
     return {a_dlphdrinfo.dlpi_addr + u64Low, u64High - u64Low, a_szPath};
 }
 
-// The loader tells of the program first, and leaves its name empty; a name that is no path is the kernel's.
+// The file that is mapped at an address, as the kernel names it; empty for none.
+static std::string FileAt(uint64_t a_u64Address)
+{
+    const std::string strMaps = PosixReadText("/proc/self/maps");
+    std::string_view strviewMaps = strMaps;
+    while (!strviewMaps.empty())
+    {
+        const std::string_view strviewLine = PosixTake(strviewMaps, '\n');
+        if (strtoull(std::string(strviewLine).c_str(), nullptr, 16) == a_u64Address)
+            return std::string(strviewLine.substr(std::min(strviewLine.find('/'), strviewLine.size())));
+    }
+    return {};
+}
+
+// The loader tells of the program first, and leaves its name empty. A name that is not a full path is the one that the
+// loader was given, or the kernel's own module.
 static int TellModule(dl_phdr_info* a_pdlphdrinfo, size_t, void* a_pvWalk)
 {
     auto* pmodulewalk = static_cast<ModuleWalk*>(a_pvWalk);
@@ -230,9 +251,11 @@ static int TellModule(dl_phdr_info* a_pdlphdrinfo, size_t, void* a_pvWalk)
         pmodulewalk->szProgram[0] = 0;
         return blGoOn ? 0 : 1;
     }
-    if (*szPath != '/')
+    PlatModule platmodule = ModuleOf(*a_pdlphdrinfo, szPath);
+    const std::string strFile = *szPath == '/' ? szPath : FileAt(platmodule.u64Address);
+    if (strFile.empty())
         return 0;
-    const PlatModule platmodule = ModuleOf(*a_pdlphdrinfo, szPath);
+    platmodule.szPath = strFile.c_str();
     return pmodulewalk->platmoduleproc(pmodulewalk->pvContext, &platmodule) ? 0 : 1;
 }
 

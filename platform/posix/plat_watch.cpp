@@ -11,6 +11,7 @@
 #include <sys/inotify.h>
 
 static constexpr uint32_t g_u32Modified = IN_MODIFY | IN_ATTRIB | IN_CLOSE_WRITE;
+static constexpr uint32_t g_u32Gone = IN_DELETE_SELF | IN_MOVE_SELF;   // of the folder
 
 static void FailWatch(const std::string& a_strFolder)
 {
@@ -40,7 +41,8 @@ try
         PosixFailErrno();
         return PLAT_INVALID;
     }
-    constexpr uint32_t u32Mask = IN_CREATE | IN_DELETE | IN_MOVED_FROM | IN_MOVED_TO | g_u32Modified | IN_DELETE_SELF;
+    constexpr uint32_t u32Mask =
+        IN_CREATE | IN_DELETE | IN_MOVED_FROM | IN_MOVED_TO | g_u32Modified | g_u32Gone | IN_EXCL_UNLINK;
     if (inotify_add_watch(posixdescriptor.Get(), strFolder.c_str(), u32Mask | IN_ONLYDIR) >= 0)
         return PosixMakeHandle(PosixKind::Watch, posixdescriptor.Release());
     FailWatch(strFolder);
@@ -114,7 +116,7 @@ bool PlatWatchRead(PlatHandle a_plathandle, PlatWatchChange* a_pplatwatchchange)
         inotify_event inotifyevent;
         memcpy(&inotifyevent, achEvent, sizeof inotifyevent);
         const uint32_t u32Error = PlatGetLastError();
-        if (inotifyevent.mask & (IN_DELETE_SELF | IN_IGNORED | IN_UNMOUNT))
+        if (inotifyevent.mask & (g_u32Gone | IN_IGNORED | IN_UNMOUNT))
         {
             StayReady(iDescriptor);
             return PosixFail(PLAT_ERROR_PATHNOTFOUND);
@@ -125,6 +127,8 @@ bool PlatWatchRead(PlatHandle a_plathandle, PlatWatchChange* a_pplatwatchchange)
         if (!(inotifyevent.mask & IN_Q_OVERFLOW) && (!*szName || !blNamed))
             continue;
         a_pplatwatchchange->platwatchaction = ActionOf(inotifyevent.mask);
+        a_pplatwatchchange->blWriting =
+            (inotifyevent.mask & (IN_MODIFY | IN_CREATE)) != 0 && !(inotifyevent.mask & IN_ISDIR);
         return true;
     }
 }

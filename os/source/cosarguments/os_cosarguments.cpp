@@ -6,6 +6,7 @@
 #include "os_coslocale.h"
 #include "os_cosspinlock.h"
 #include "os_cosstring.h"
+#include "os_log.h"
 
 #include "plat_process.h"
 #include "plat_system.h"
@@ -120,6 +121,11 @@ void OsArgumentsClear(uint32_t a_u32Bits)
         OsArgumentsSetCollector({});
         OsArgumentsUpdateCollector();
     }
+}
+
+uint32_t OsArgumentsDebugFlags()
+{
+    return OsLogGetState() == OS_LOGSTATE_OFF ? 0 : static_cast<uint32_t>(OsEnvGetNumber("MVR_DEBUG", 0));
 }
 
 // ------------------------------------------------------------------------------------------ the files of the process

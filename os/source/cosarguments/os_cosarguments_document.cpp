@@ -46,6 +46,8 @@ static std::atomic<bool> g_blInherit{true};
 void OsArgumentsSetInherit(bool a_blInherit)
 {
     g_blInherit.store(a_blInherit, std::memory_order_relaxed);
+    if (!a_blInherit)
+        OsEnvDeletePrefix(OS_VARIABLE);
 }
 
 static const char* Configured(EOSCFGTAG a_eoscfgtag, const char* a_szElse)
@@ -112,7 +114,10 @@ EOSSTS OsArgumentsBuild(const OsArgumentsBuildArgs& a_osargumentsbuildargs)
     Store(OS_CFGTAG_LOGDIRECTORY, g_szLogDirectory, a_osargumentsbuildargs.szLogDirectory);
     Store(OS_CFGTAG_MODELDIRECTORY, g_szModelDirectory, a_osargumentsbuildargs.szModelDirectory);
     if (a_osargumentsbuildargs.szLogLevel)
-        OsLogSetWorkingWord(static_cast<uint32_t>(std::strtol(a_osargumentsbuildargs.szLogLevel, nullptr, 0)));
+    {
+        const long lLevel = std::strtol(a_osargumentsbuildargs.szLogLevel, nullptr, 0);
+        OsLogSetWorkingWord(static_cast<uint32_t>(lLevel) | OsArgumentsDebugFlags());
+    }
     return Write(a_osargumentsbuildargs) < 0 ? EOSSTS_NOMEMORY : EOSSTS_SUCCESS;
 }
 

@@ -128,6 +128,7 @@ constexpr OsArgumentsElement g_aosargumentselementInherited[] = {
     {"rootpath", OS_ARGUMENT_ROOTPATH},
     {"legacyrootpath", OS_ARGUMENT_LEGACYROOTPATH},
     {"userrootpath", OS_ARGUMENT_USERROOTPATH},
+    {"app", OS_ARGUMENT_CALLERSAPPLICATION},
 };
 
 // What is known already stays.

@@ -33,6 +33,7 @@ COsCfg::COsCfg(const CreateArgs& a_createargs) : m_poscfgimpl(nullptr)
 {
     g_poscfg.store(this, std::memory_order_release);
     g_poscfgsource.store(this, std::memory_order_release);
+    g_poscfgservice.store(this, std::memory_order_release);
 
     m_poscfgimpl = OSMEMNEW(COsCfgImpl, a_createargs);
     if (!m_poscfgimpl)
@@ -53,6 +54,8 @@ COsCfg::~COsCfg()
 
     COsCfgSource* poscfgsource = this;
     g_poscfgsource.compare_exchange_strong(poscfgsource, nullptr);
+    COsCfgService* poscfgservice = this;
+    g_poscfgservice.compare_exchange_strong(poscfgservice, nullptr);
     COsCfg* poscfg = this;
     g_poscfg.compare_exchange_strong(poscfg, nullptr);
 
@@ -100,6 +103,11 @@ void COsCfg::StartManagement()
 {
     if (Usable(m_poscfgimpl))
         m_poscfgimpl->StartManagement();
+}
+
+bool COsCfg::HasLogDirectory() const
+{
+    return Usable(m_poscfgimpl) && m_poscfgimpl->m_blLogDirectory;
 }
 
 EOSSTS COsCfg::WriteReport()

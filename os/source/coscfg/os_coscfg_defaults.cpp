@@ -132,7 +132,8 @@ void COsCfgImpl::RestartLogger()
     COsLog* const poslog = OsLogGet();
     if (!poslog)
         return;
-    const uint32_t u32Flags = static_cast<uint32_t>(Number(OS_CFGTAG_DEBUG)) | poslog->WorkingWord();
+    const uint32_t u32Flags =
+        static_cast<uint32_t>(Number(OS_CFGTAG_DEBUG)) | poslog->WorkingWord() | OsArgumentsDebugFlags();
     // Without one of the files' own, the filter of the program's document holds.
     const char* const szFilter = m_oscfgtable.Get(OS_CFGSECTION_DSIDENTITY, OS_CFGTAG_DEBUGFILTER);
     poslog->Start(m_szLogFilename, u32Flags, *szFilter ? szFilter : nullptr);

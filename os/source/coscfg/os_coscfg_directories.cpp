@@ -54,9 +54,9 @@ bool COsCfgImpl::SetDirectories()
     SetFolders();
     SetLogFolder();
     SetConstIniNames();
-    if (!*m_szLegacyRootWriteableDirectory || !*m_szUserDirectory || (!UsesOthersLog() && !*m_szLogFilename))
+    if (!*m_szLogFilename && !(UsesOthersLog() && *m_szUserDirectory))
         return false;
-    CreateFolders();
+    m_blLogDirectory = CreateFolders();
     if (OsCfgIsReportWanted())
         WriteReport();
     return true;
@@ -68,12 +68,12 @@ bool COsCfgImpl::UsesOthersLog() const
     return OsCfgIsUtility(m_eoscfgentity);
 }
 
-// The library is linked into the program, so it is the module as well.
+// The module is the file that this library is linked into: the program, or a driver that the program has loaded.
 void COsCfgImpl::SetProgram()
 {
     OsCfgSpecialFolder(m_szSystemDirectory, sizeof m_szSystemDirectory, OS_SPECIALFOLDER_SYSTEM);
     OsCfgResolvePath(OS_PATH_READABLE_FILE_MODULEPATH, m_szLibraryPath, sizeof m_szLibraryPath);
-    m_szLibraryName = StrFileName(m_szMainProgram);
+    SStrCpy(m_szLibraryName, sizeof m_szLibraryName, StrFileName(m_szLibraryPath));
     OsPathFolder(m_szLibraryPath);
     SStrCpy(m_szHomeDirectory, sizeof m_szHomeDirectory, m_szMainProgram);
     SStrCpy(m_szProgramFileName, sizeof m_szProgramFileName, StrFileName(m_szMainProgram));
@@ -195,8 +195,25 @@ void COsCfgImpl::SetFolders()
 
 // --------------------------------------------------------------------------------------------------- the log folder
 
-// The folder that MVR_LOGDIR names, with the brand's word in its place and in small letters; false for none. A relative
-// one begins in the folder where this process starts: the collector works in another one.
+// In small letters, but for what exists as it is written: where the system tells cases apart, that would be another
+// folder.
+static void LowerWhatIsNew(PathBuffer& a_szPath)
+{
+    for (char* szComponent = a_szPath; *szComponent;)
+    {
+        szComponent += std::strspn(szComponent, "\\");
+        char* const szEnd = szComponent + std::strcspn(szComponent, "\\");
+        const char chEnd = *szEnd;
+        *szEnd = 0;
+        if (!OsFileExists(a_szPath))
+            StrLower(szComponent);
+        *szEnd = chEnd;
+        szComponent = szEnd;
+    }
+}
+
+// The folder that MVR_LOGDIR names, with the brand's word in its place; false for none. A relative one begins in the
+// folder where this process starts: the collector works in another one.
 static bool FolderOfEnvironment(PathBuffer& a_szPath)
 {
     OsEnvGet("MVR_LOGDIR", "", sizeof a_szPath, a_szPath);
@@ -204,8 +221,10 @@ static bool FolderOfEnvironment(PathBuffer& a_szPath)
         return false;
     if (SStrReplace(a_szPath, sizeof a_szPath, "@@@BRAND@@@", OsCfgBrandWord(), true) == EOSSTS_FAIL)
         return false;
-    StrLower(a_szPath);
-    return OsPathAbsolute(a_szPath, sizeof a_szPath, a_szPath) == EOSSTS_SUCCESS;
+    if (OsPathAbsolute(a_szPath, sizeof a_szPath, a_szPath) != EOSSTS_SUCCESS)
+        return false;
+    LowerWhatIsNew(a_szPath);
+    return true;
 }
 
 static void StampNow(char (&a_szStamp)[OS_TIMESTAMPSIZE])
@@ -268,22 +287,24 @@ void COsCfgImpl::SetConstIniNames()
     }
 }
 
-static void CreateFolder(const char* a_szFolder)
+static bool CreateFolder(const char* a_szFolder)
 {
     if (!*a_szFolder)
-        return;
+        return true;
     const EOSSTS eossts = OsFileCreateDirectory(a_szFolder);
-    if (eossts != EOSSTS_SUCCESS && eossts != EOSSTS_EXISTS)
+    const bool blThere = eossts == EOSSTS_SUCCESS || eossts == EOSSTS_EXISTS;
+    if (!blThere)
         OSLOG(OS_LOG_ERROR, "OsFileCreateDirectory failed...%d <%s>", static_cast<int>(eossts), a_szFolder);
+    return blThere;
 }
 
 // Nothing is written where logging is off; 11 is another way to say that it is on.
-void COsCfgImpl::CreateFolders() const
+bool COsCfgImpl::CreateFolders() const
 {
     const int64_t i64NoLogging = OsEnvGetNumber("MVR_NOLOGGING", 0);
     if (i64NoLogging != 0 && i64NoLogging != 11)
-        return;
+        return true;
     CreateFolder(m_szLegacyRootWriteableDirectory);
     CreateFolder(m_szUserDirectory);
-    CreateFolder(m_szLogDirectory);
+    return CreateFolder(m_szLogDirectory);
 }

@@ -262,6 +262,7 @@ public:
     char m_aszVersion[OS_CFGVERSIONS][16] = {};
     bool m_blForceSetAccess;
     bool m_blUsersFolder = false;         // per-user folders are in use
+    bool m_blLogDirectory = false;        // the log folder is there, or logging is off
     bool m_blVersionOverridden = false;   // an INI file gives another major or minor version
 
     // The directory set.
@@ -305,7 +306,7 @@ public:
     char m_szMainProgram[OS_PATHSIZE] = {};   // the program file of this process
     char m_szApplication[OS_PATHSIZE] = {};
     char m_szProgramFileName[OS_PATHSIZE] = {};
-    const char* m_szLibraryName = "";
+    char m_szLibraryName[OS_PATHSIZE] = {};
     char m_szLogTimeStamp[OS_TIMESTAMPSIZE] = {};
     char m_szTmp[OS_PATHSIZE] = {};
 
@@ -340,7 +341,7 @@ private:
     void SetFolders();
     void SetLogFolder();
     void SetConstIniNames();
-    void CreateFolders() const;
+    bool CreateFolders() const;   // false without a log folder
     bool UsesOthersLog() const;
     void FindLogModel(char* a_szModel, size_t a_sizetModel) const;
 

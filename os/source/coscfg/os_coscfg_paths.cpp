@@ -245,6 +245,12 @@ void ProgramPath(char* a_szPath)
     OsPathNormalize(a_szPath);
 }
 
+void ModulePath(char* a_szPath)
+{
+    OsArgumentsModulePath(a_szPath);
+    OsPathNormalize(a_szPath);
+}
+
 // What lies at these components in the folder of a file.
 void PathBeside(char* a_szPath, const char* a_szFile, std::initializer_list<const char*> a_components)
 {
@@ -382,7 +388,7 @@ constexpr PathRow g_apathrow[] = {
     OS_PATHROW(READABLE_FILE_HVSCANNERSERVICEEXE, ScannerService, false),
     OS_PATHROW(READABLE_FILE_LOGCOLLECTOREXE, LogCollectorProgram, false),
     OS_PATHROW(READABLE_FILE_MAINPROGRAM, ProgramPath, true),
-    OS_PATHROW(READABLE_FILE_MODULEPATH, ProgramPath, true),
+    OS_PATHROW(READABLE_FILE_MODULEPATH, ModulePath, true),
     OS_PATHROW(READABLE_FOLDER_BRAND, ReadableBrand, true),
     OS_PATHROW(WRITEABLE_FOLDER_MODELDIR_PROFILES_LEGACY, ProfilesLegacy, true),
     OS_PATHROW(WRITEABLE_FILE_LOGCOLLECTORFLUSH, LogCollectorFlush, false),

@@ -1,10 +1,5 @@
-// os_cosfile_monitor.cpp: the directory monitor of a file object. From top to bottom: start, the verdict on a change,
-// the monitor thread, the events thread, stop.
-//
-// The system reports too much (several notes for one write, notes for other files) and too little (a time is as coarse
-// as the clock that it is taken from). So a note only says that it is time to look. What counts is what the name
-// stands for, by identity, size and time together, and it counts when it has not changed for longer than one step of
-// that clock: then nobody is in the middle of writing, and what comes later has another time.
+// os_cosfile_monitor.cpp: the directory monitor of a file object. From top to bottom: start, the record and its calls,
+// the monitor thread, the events thread, stop. How a change is found is in os_cosfile_monitor_watch.cpp.
 #include "os_cosfile_monitor_impl.h"
 
 #include "os_cfg.h"
@@ -26,12 +21,8 @@ static constexpr char g_szSource[] = "os/source/os_cosfile";
 
 namespace
 {
-constexpr uint32_t g_u32Settled = 20;   // ms, like the others: longer than a step of the clock that dates files
-constexpr uint32_t g_u32SettleLimit = 1000;
-constexpr uint64_t g_u64ClockPerMillisecond = 10000;
-constexpr int g_iChangesAtOnce = 256;
 constexpr uint32_t g_u32QueueEntries = 16;
-constexpr uint32_t g_u32EventsPause = 100;
+constexpr uint32_t g_u32EventsPause = 100;   // ms, like the others
 constexpr uint32_t g_u32EndTimeout = 5000;
 constexpr int32_t g_i32MonitorTimeout = 70000;
 constexpr int32_t g_i32EventsTimeout = 5000;
@@ -61,6 +52,7 @@ COsFileMonitor::~COsFileMonitor()
 {
     OSMEMDELETE(m_posthreadMonitor);
     OSMEMDELETE(m_posthreadEvents);
+    CloseFolder();
     if (m_plathandleStop != PLAT_INVALID)
         PlatClose(m_plathandleStop);
     OSMEMDELETE(m_poslnkQueue);
@@ -104,7 +96,8 @@ EOSSTS COsFileImpl::MonitorStart(COsFile* a_posfile, const char* a_szPath, const
     MonitorStop();   // one that its callback has stopped may still be on its way out
 
     OsFileInfo osfileinfo{};
-    if (OsFileGetInfo(a_szPath, &osfileinfo) != EOSSTS_SUCCESS || osfileinfo.eosfiletype == OS_FILETYPE_FOLDER)
+    const bool blThere = OsFileGetInfo(a_szPath, &osfileinfo) == EOSSTS_SUCCESS;
+    if (blThere ? osfileinfo.eosfiletype == OS_FILETYPE_FOLDER : !(a_u32Mask & OS_FILEMONITOR_MAYBEMISSING))
     {
         OSLOG(OS_LOG_ERROR, "File not found or not a file...<%s> <%d>", a_szPath,
               static_cast<int>(osfileinfo.eosfiletype));
@@ -141,7 +134,9 @@ bool COsFileMonitor::Prepare()
         OSLOG(OS_LOG_CHECK, "OsMemNew failed...<%s>", m_osfilemonitorstate.szPath);
         return false;
     }
+    OpenFolder();   // first, so that nothing is missed in between
     TakeBaseline();
+    Rest();
     return true;
 }
 
@@ -188,85 +183,10 @@ uint32_t COsFileMonitor::Call(Fill a_fill)
     return m_osfilemonitorproc(m_posfile);
 }
 
-// -------------------------------------------------------------------------------------------------- the verdict
-
-OsFileLook COsFileMonitor::Examine() const
+// False when the callback wants this call again.
+bool COsFileMonitor::Report(uint32_t a_u32Event)
 {
-    OsFileLook look;
-    look.blThere = OsFileReadIdentity(m_osfilemonitorstate.szPath, 0, &look.platfileidentity);
-    return look.blThere ? look : OsFileLook{};
-}
-
-// Looks until two looks agree. False when that did not come about, because somebody writes on and on or because the
-// monitor stops.
-bool COsFileMonitor::Settle(OsFileLook& a_look) const
-{
-    for (uint32_t u32Waited = 0; u32Waited < g_u32SettleLimit && !m_blStop; u32Waited += g_u32Settled)
-    {
-        PlatWaitAny(&m_plathandleStop, 1, g_u32Settled);
-        const OsFileLook look = Examine();
-        if (look == a_look)
-            return true;
-        a_look = look;
-    }
-    return false;
-}
-
-// A file that was written just now may be written again within the same step of the clock.
-void COsFileMonitor::TakeBaseline()
-{
-    m_look = Examine();
-    m_blVouched =
-        m_look.platfileidentity.u64WriteTime + g_u32Settled * g_u64ClockPerMillisecond < PlatClock() || Settle(m_look);
-}
-
-void COsFileMonitor::Judge(uint32_t a_u32Event)
-{
-    OsFileLook look = Examine();
-    if (m_blVouched && look == m_look)
-        return;
-    const bool blSettled = Settle(look);
-    if (!IsRunning() || (m_blVouched && look == m_look))
-        return;
-    m_look = look;
-    m_blVouched = blSettled;
-    if (look.blThere && OpenWatched())
-    {
-        m_osfilemonitorstate.eossts = EOSSTS_SUCCESS;
-        Report(a_u32Event);
-        return;
-    }
-    m_look = {};      // somebody may have it to himself: when he lets it go, it has changed
-    CloseWatched();   // a deleted file that is still open may keep its folder alive, and what tells its end
-    if (m_osfilemonitorstate.eossts == EOSSTS_SUCCESS)
-    {
-        OSLOG(OS_LOG_ERROR, "monitor>>> GetFileTime failed...<%s>", m_osfilemonitorstate.szPath);
-        ReportUnreadable();
-    }
-}
-
-bool COsFileMonitor::OpenWatched()
-{
-    CloseWatched();
-    char16_t wszPath[OS_WIDEPATHSIZE];
-    if (!OsPathToSystem(wszPath, OS_WIDEPATHSIZE, m_osfilemonitorstate.szPath))
-        return false;
-    m_plathandleWatched =
-        PlatFileOpen(wszPath, PLAT_ACCESS_READ, PLAT_SHARE_READ | PLAT_SHARE_WRITE | PLAT_SHARE_DELETE,
-                     PLAT_DISPOSITION_OPENEXISTING, 0);
-    return m_plathandleWatched != PLAT_INVALID;
-}
-
-void COsFileMonitor::CloseWatched()
-{
-    if (m_plathandleWatched != PLAT_INVALID)
-        PlatClose(m_plathandleWatched);
-    m_plathandleWatched = PLAT_INVALID;
-}
-
-void COsFileMonitor::Report(uint32_t a_u32Event)
-{
-    Call([&](OsFileMonitorRecord& a_osfilemonitorrecord) {
+    const uint32_t u32Result = Call([&](OsFileMonitorRecord& a_osfilemonitorrecord) {
         SStrCpy(a_osfilemonitorrecord.szEntry, sizeof a_osfilemonitorrecord.szEntry, m_szEntry);
         OsPathCopy(a_osfilemonitorrecord.szPath, sizeof a_osfilemonitorrecord.szPath, m_szFolder);
         OsPathAppend(a_osfilemonitorrecord.szPath, sizeof a_osfilemonitorrecord.szPath, m_szEntry);
@@ -274,12 +194,18 @@ void COsFileMonitor::Report(uint32_t a_u32Event)
         a_osfilemonitorrecord.plathandle = m_plathandleWatched;
         a_osfilemonitorrecord.blFirstChange = m_blFirstChange;
     });
-    m_blFirstChange = false;
     OsMemLogUsage(g_szSource, static_cast<uint32_t>(__LINE__));
+    if (u32Result == OS_FILEMONITOR_CALLAGAIN)
+        return false;
+    m_blFirstChange = false;
+    return true;
 }
 
-void COsFileMonitor::ReportUnreadable()
+void COsFileMonitor::ReportUnreadable(const char* a_szFailed)
 {
+    if (m_osfilemonitorstate.eossts != EOSSTS_SUCCESS)
+        return;
+    OSLOG(OS_LOG_ERROR, "monitor>>> %s failed...<%s>", a_szFailed, m_osfilemonitorstate.szPath);
     Call([this](OsFileMonitorRecord& a_osfilemonitorrecord) {
         m_osfilemonitorstate.eossts = EOSSTS_NOTFOUND;
         a_osfilemonitorrecord.plathandle = PLAT_INVALID;
@@ -303,21 +229,7 @@ void COsFileMonitor::Monitor()
           m_osfilemonitorstate.szPath);
     if (!StartEvents())
         return;
-    const ScopeGuard close([this] {
-        CloseFolder();
-        CloseWatched();
-    });
-    if (!OpenFolder())
-    {
-        OSMEMDELETE(m_posthreadEvents);
-        OSMEMDELETE(m_poslnkQueue);
-        return;
-    }
-    if (!TakeFirstLook())
-    {
-        m_posthreadEvents->Stop(true, g_i32EventsTimeout);
-        return;
-    }
+    const ScopeGuard close([this] { CloseFolder(); });
     OSLOG(OS_LOG_NOTE, "monitor>>> begin...<%s>", m_osfilemonitorstate.szPath);
     Watch();
     OSLOG(OS_LOG_NOTE, "monitor>>> end...<%s>", m_osfilemonitorstate.szPath);
@@ -334,90 +246,6 @@ bool COsFileMonitor::StartEvents()
     OSMEMDELETE(m_posthreadEvents);
     OSMEMDELETE(m_poslnkQueue);
     return false;
-}
-
-bool COsFileMonitor::OpenFolder()
-{
-    char16_t wszFolder[OS_WIDEPATHSIZE];
-    if (OsPathToSystem(wszFolder, OS_WIDEPATHSIZE, m_szFolder))
-        m_plathandleFolder = PlatWatchCreate(wszFolder);
-    if (m_plathandleFolder == PLAT_INVALID)
-        OSLOG(OS_LOG_ERROR, "OsFileWin32CreateFileW failed...<%s>", m_szFolder);
-    return m_plathandleFolder != PLAT_INVALID;
-}
-
-void COsFileMonitor::CloseFolder()
-{
-    if (m_plathandleFolder != PLAT_INVALID)
-        PlatClose(m_plathandleFolder);
-    m_plathandleFolder = PLAT_INVALID;
-}
-
-// A file that somebody replaces or has to himself just now has a moment to come back. False when the monitor has to
-// end.
-bool COsFileMonitor::TakeFirstLook()
-{
-    for (uint32_t u32Waited = 0; !OpenWatched() && u32Waited < g_u32SettleLimit && IsRunning();
-         u32Waited += g_u32Settled)
-        PlatWaitAny(&m_plathandleStop, 1, g_u32Settled);
-    if (!IsRunning())
-        return false;
-
-    PlatFileIdentity platfileidentity;
-    const bool blOpen = m_plathandleWatched != PLAT_INVALID;
-    if (blOpen && PlatFileGetIdentity(m_plathandleWatched, &platfileidentity))
-        return true;
-    OSLOG(OS_LOG_ERROR, "monitor>>> %s failed...<%s>", blOpen ? "GetFileTime" : "CreateFileW",
-          m_osfilemonitorstate.szPath);
-    ReportUnreadable();
-    return false;
-}
-
-void COsFileMonitor::Watch()
-{
-    // What happened between the start and the watch.
-    if (m_u32Mask & OS_FILEMONITOR_MODIFIED)
-        Judge(OS_FILEMONITOR_MODIFIED);
-
-    const PlatHandle aplathandle[] = {m_plathandleStop, m_plathandleFolder};
-    while (IsRunning() && PlatWaitAny(aplathandle, 2, PLAT_INFINITE) == 1)
-    {
-        uint32_t u32Event = 0;
-        const bool blWatching = TakeChanges(&u32Event);
-        if (u32Event)
-            Judge(u32Event);
-        if (blWatching)
-            continue;
-        OSLOG(OS_LOG_ERROR, "monitor>>> ReadDirectoryChangesW failed...<%s>", m_osfilemonitorstate.szPath);
-        return;
-    }
-}
-
-// The bit of a change when it is a reason to look at the file, else 0. Notes may name a file in another way than we do:
-// where modifications are wanted, any will do.
-uint32_t COsFileMonitor::EventOf(const PlatWatchChange& a_platwatchchange) const
-{
-    if (m_u32Mask & OS_FILEMONITOR_MODIFIED)
-        return OS_FILEMONITOR_MODIFIED;
-    char szEntry[OS_PATHSIZE];
-    CopyStringToUtf8(szEntry, sizeof szEntry, a_platwatchchange.wszName, SIZE_MAX);
-    const uint32_t u32Event = 1u << a_platwatchchange.platwatchaction;
-    return StrICmp(szEntry, m_szEntry) == 0 ? u32Event & m_u32Mask : 0;
-}
-
-// False when the folder cannot be watched any more. Of a folder where something happens all the time the rest is left
-// for the next turn.
-bool COsFileMonitor::TakeChanges(uint32_t* a_pu32Event)
-{
-    PlatWatchChange platwatchchange;
-    for (int i = 0; i < g_iChangesAtOnce; ++i)
-    {
-        if (!PlatWatchRead(m_plathandleFolder, &platwatchchange))
-            return PlatGetLastError() == PLAT_ERROR_WOULDBLOCK;
-        if (*a_pu32Event == 0)
-            *a_pu32Event = EventOf(platwatchchange);
-    }
-    return true;
 }
 
 // -------------------------------------------------------------------------------------------- the events thread

@@ -52,26 +52,32 @@ private:
     template <class Fill>
     uint32_t Call(Fill a_fill);
 
-    // The verdict.
-    OsFileLook Examine() const;
-    bool Settle(OsFileLook& a_look) const;
-    void TakeBaseline();
-    void Judge(uint32_t a_u32Event);
-    bool OpenWatched();
-    void CloseWatched();
-    void Report(uint32_t a_u32Event);
-    void ReportUnreadable();
+    bool Report(uint32_t a_u32Event);
+    void ReportUnreadable(const char* a_szFailed);
 
     // The monitor thread.
     static uint32_t MonitorEntry(COsThread* a_posthread);
     void Monitor();
     bool StartEvents();
-    bool OpenFolder();
+
+    // How it finds a change; os_cosfile_monitor_watch.cpp.
+    bool Examine(OsFileLook* a_plook) const;
+    void TakeBaseline();
+    bool IsOlder(const OsFileLook& a_look, uint64_t a_u64Than) const;
+    bool IsChanged(const OsFileLook& a_look);
+    void LookIn(uint32_t a_u32Milliseconds);
+    void Rest();
+    void LookedInVain(const char* a_szFailed);
+    void Look();
+    void TakeLook(const OsFileLook& a_look, bool a_blSettled);
+    bool OpenWatched();
+    void CloseWatched();
+    void OpenFolder();
     void CloseFolder();
-    bool TakeFirstLook();
+    void Note(uint32_t a_u32Event, bool a_blOurs, bool a_blWriting);
+    void TakeChange(const PlatWatchChange& a_platwatchchange);
+    void TakeChanges();
     void Watch();
-    uint32_t EventOf(const PlatWatchChange& a_platwatchchange) const;
-    bool TakeChanges(uint32_t* a_pu32Event);
 
     // The events thread.
     static uint32_t EventsEntry(COsThread* a_posthread);
@@ -89,8 +95,21 @@ private:
     char m_szSplit[OS_PATHSIZE]{};   // the watched path, normalised, with a terminator behind the folder
     const char* m_szFolder = "";
     const char* m_szEntry = "";
-    OsFileLook m_look;          // what was reported last
+    OsFileLook m_look;          // what was reported last, or what it was like at the start
+    bool m_blKnown = false;     // false as long as no look was taken that found the file
     bool m_blVouched = false;   // whether it had settled: one that had not tells nothing about the next
+    uint64_t m_u64Started = 0;
+    OsFileLook m_lookCandidate;   // the last look at a change that is not settled yet
+    bool m_blCandidate = false;
+    uint32_t m_u32Event = 0;   // what to report a change as; 0: there is no reason to look
+
+    // By PlatTicks.
+    uint64_t m_u64LookAt = UINT64_MAX;
+    uint64_t m_u64SettleLimit = 0;
+    uint64_t m_u64WriterLimit = 0;   // somebody is writing, and is waited for until then
+    uint64_t m_u64InVainSince = 0;
+    uint64_t m_u64FolderAt = 0;   // when notifications are tried again
+    bool m_blByTime = false;
     bool m_blFirstChange = true;
 
     std::atomic<bool> m_blStop{false};

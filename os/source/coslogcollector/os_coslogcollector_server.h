@@ -80,7 +80,7 @@ private:
     void StopMonitors();
     void StartMonitor(COsFile& a_osfile, const char* a_szPath);
     static uint32_t MonitorFlushEntry(COsFile* a_posfile);
-    void MonitorFlushCallback(const char* a_szPath);
+    void MonitorFlushCallback(const OsLcCommand& a_oslccommand);
     bool IsNamed(const OsLcCommand& a_oslccommand) const;
 
     // Stop.

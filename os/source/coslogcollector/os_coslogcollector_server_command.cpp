@@ -45,7 +45,8 @@ static void CreateCommandFile(const char* a_szPath)
 void COsLogCollectorServer::StartMonitor(COsFile& a_osfile, const char* a_szPath)
 {
     CreateCommandFile(a_szPath);
-    a_osfile.MonitorStart(a_szPath, "LogCollectorFlush", OS_FILEMONITOR_START | OS_FILEMONITOR_MODIFIED,
+    a_osfile.MonitorStart(a_szPath, "LogCollectorFlush",
+                          OS_FILEMONITOR_START | OS_FILEMONITOR_MODIFIED | OS_FILEMONITOR_MAYBEMISSING,
                           &MonitorFlushEntry, this);
 }
 
@@ -74,18 +75,8 @@ void COsLogCollectorServer::StopMonitors()
 
 // ------------------------------------------------------------------------------------------------------ commands
 
-// A command that was there before the collector is none for it.
-uint32_t COsLogCollectorServer::MonitorFlushEntry(COsFile* a_posfile)
-{
-    const OsFileMonitorState& osfilemonitorstate = a_posfile->MonitorState();
-    auto* const poslogcollectorserver = static_cast<COsLogCollectorServer*>(osfilemonitorstate.pvContext);
-    if (!osfilemonitorstate.blInitialCall && osfilemonitorstate.eossts == EOSSTS_SUCCESS && poslogcollectorserver)
-        poslogcollectorserver->MonitorFlushCallback(osfilemonitorstate.szPath);
-    return 0;
-}
-
-// A command counts from our user and from the system's.
-static OsLcCommand ReadCommandFile(const char* a_szPath)
+// A command counts from our user and from the system's. False when there was no descriptor or no memory to read it.
+static bool ReadCommandFile(const char* a_szPath, OsLcCommand* a_poslccommand)
 {
     char* szText = nullptr;
     OsFileReadArgs osfilereadargs;
@@ -93,21 +84,35 @@ static OsLcCommand ReadCommandFile(const char* a_szPath)
     osfilereadargs.pszAllocated = &szText;
     osfilereadargs.blQuiet = true;
     osfilereadargs.blTrusted = true;
-    OsLcCommand oslccommand{};
+    PlatSetLastError(PLAT_ERROR_NONE);
     if (OsFileReadFile(osfilereadargs) == EOSSTS_SUCCESS && szText)
-        oslccommand = OsLcReadCommand(szText);
+        *a_poslccommand = OsLcReadCommand(szText);
+    const uint32_t u32Error = PlatGetLastError();
     if (szText)
         OSMEMFREE(szText, OS_MEMFLAG_BLOCK);
-    return oslccommand;
+    return szText || (u32Error != PLAT_ERROR_TOOMANYOPEN && u32Error != PLAT_ERROR_NOMEMORY);
 }
 
-void COsLogCollectorServer::MonitorFlushCallback(const char* a_szPath)
+// A command that was there before the collector is none for it.
+uint32_t COsLogCollectorServer::MonitorFlushEntry(COsFile* a_posfile)
 {
-    const OsLcCommand oslccommand = ReadCommandFile(a_szPath);
-    if (oslccommand.eoslccommand == OS_LCCOMMAND_NONE)
+    const OsFileMonitorState& osfilemonitorstate = a_posfile->MonitorState();
+    auto* const poslogcollectorserver = static_cast<COsLogCollectorServer*>(osfilemonitorstate.pvContext);
+    if (osfilemonitorstate.blInitialCall || osfilemonitorstate.eossts != EOSSTS_SUCCESS || !poslogcollectorserver)
+        return 0;
+    OsLcCommand oslccommand{};
+    if (!ReadCommandFile(osfilemonitorstate.szPath, &oslccommand))
+        return OS_FILEMONITOR_CALLAGAIN;
+    poslogcollectorserver->MonitorFlushCallback(oslccommand);
+    return 0;
+}
+
+void COsLogCollectorServer::MonitorFlushCallback(const OsLcCommand& a_oslccommand)
+{
+    if (a_oslccommand.eoslccommand == OS_LCCOMMAND_NONE)
         return;
     m_oslogcollectorfiles.Flush();
-    if (oslccommand.eoslccommand == OS_LCCOMMAND_EXITALL || IsNamed(oslccommand))
+    if (a_oslccommand.eoslccommand == OS_LCCOMMAND_EXITALL || IsNamed(a_oslccommand))
         g_bLogCollectorStop.store(1);
 }
 

@@ -5,6 +5,7 @@
 // process.
 #include "os_cosresource.h"
 
+#include "os_cosarguments.h"
 #include "os_coslocale.h"
 #include "os_cosresource_footer.h"
 #include "os_cosspinlock.h"
@@ -142,13 +143,20 @@ EOSSTS COsResourceImpl::Open(const char* a_szFilename, const char* a_szResourceN
     return EOSSTS_SUCCESS;
 }
 
-// This library is part of its program, so the local module is the program itself.
+// The local module is the one that this library is linked into. One whose path is too long for us can only be the
+// program.
 bool COsResourceImpl::FindFile(const char* a_szFilename)
 {
     if (!a_szFilename)
         return false;
+    char szModule[OS_PATHSIZE];
     if (!std::strcmp(a_szFilename, OS_RESOURCELOCAL))
-        return PlatProgramPath(m_wszFileUsed, PLAT_PATHMAX);
+    {
+        OsArgumentsModulePath(szModule);
+        if (!*szModule)
+            return PlatProgramPath(m_wszFileUsed, PLAT_PATHMAX);
+        a_szFilename = szModule;
+    }
     return CopyStringFromUtf8(m_wszFileUsed, PLAT_PATHMAX, a_szFilename) != 0;
 }
 

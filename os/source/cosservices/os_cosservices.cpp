@@ -19,9 +19,6 @@
 #include "plat_process.h"
 #include "plat_system.h"
 
-#include <cstdlib>
-#include <iterator>
-
 static constexpr char g_szSource[] = "os/source/os_cosservices";
 
 static constexpr char g_szDefaultDocument[] = "<arguments>\n"
@@ -50,7 +47,7 @@ static bool DeriveLogFolder(OsServicesIdentity& a_osservicesidentity)
     OsCfgGetPath(OS_PATH_WRITEABLE_FOLDER_BRAND_LOCALORROAMING, szFolder, sizeof szFolder);
     if (!szFolder[0])
     {
-        OSLOG(OS_LOG_ERROR, "SetDirectories failed...");
+        OsServicesTell("SetDirectories failed...");
         return false;
     }
     for (const char* const szPart : {*szModel ? szModel : a_osservicesidentity.szUniqueName, "isis", "log"})
@@ -115,7 +112,10 @@ static bool CreateConfiguration(const OsServicesIdentity& a_osservicesidentity, 
     for (size_t sizet = 0; sizet < OS_CFGVERSIONS; ++sizet)
         createargs.aszVersion[sizet] = a_osservicesidentity.aszVersion[sizet];
     createargs.blForceSetAccess = a_osservicesidentity.blForceSetAccess;
+    // An application is its own, whoever started it; the others work for the one that their document names.
     createargs.szProgram = OsArgumentsGet(OS_ARGUMENT_APPLICATION);
+    if (!*createargs.szProgram && a_osservicesidentity.eoscfgentity != OS_CFGENTITY_APPLICATION)
+        createargs.szProgram = OsArgumentsGet(OS_ARGUMENT_CALLERSAPPLICATION);
     createargs.blManageLater = a_blManageLater;
     g_poscoscfg = OSMEMNEW(COsCfg, createargs);
     return g_poscoscfg != nullptr;
@@ -134,6 +134,18 @@ static void TellConfiguration(const OsServicesIdentity& a_osservicesidentity)
     if (g_poscoslog->WorkingWord() != 0 && OsLogGetState() != OS_LOGSTATE_OFF)
         g_poscoscfg->WriteReport();
     TellDocument("%s before...<%s>");
+}
+
+// Without a folder there is no log that could say so. False when there is not even a path for one.
+static bool CheckLogDirectory()
+{
+    const char* const szFolder = OsCfgGetString(OS_CFGTAG_LOGDIRECTORY);
+    if (g_poscoscfg->HasLogDirectory() || OsLogGetState() == OS_LOGSTATE_OFF)
+        return true;
+    OsServicesTell("%s has no log: %s...<%s>", OsArgumentsGet(OS_ARGUMENT_UNIQUENAME),
+                   *szFolder ? "its folder cannot be made" : "the user has no home, and MVR_LOGDIR names no folder",
+                   szFolder);
+    return *szFolder != 0;
 }
 
 // ------------------------------------------------------------------------------------------------- for our children
@@ -209,7 +221,8 @@ EOSSTS OsServicesStart(bool a_blManageLater)
         return EOSSTS_FAIL;
     LogCollectorStartCollector();
 
-    if (!CreateLogger(osservicesidentity) || !CreateConfiguration(osservicesidentity, a_blManageLater))
+    if (!CreateLogger(osservicesidentity) || !CreateConfiguration(osservicesidentity, a_blManageLater) ||
+        !CheckLogDirectory())
         return EOSSTS_FAIL;
     LogCollectorTellProblem();
     TellConfiguration(osservicesidentity);

@@ -11,8 +11,11 @@
 #include "os_cosxml.h"
 
 #include <algorithm>
+#include <cstdarg>
+#include <cstdio>
 #include <cstring>
 #include <iterator>
+#include <string_view>
 
 static constexpr char g_szSource[] = "os/source/os_cosservices";
 
@@ -44,8 +47,8 @@ bool TakeName(const char* a_szDocument, OsServicesIdentity& a_osservicesidentity
         OsArgumentsModuleName(szName, sizeof szName);
     if (!IsName(szName))
     {
-        OSLOG(OS_LOG_CHECK, "the document has no uniquename of at most %d bytes that a file can have...<%s>",
-              static_cast<int>(sizeof szName) - 1, a_szDocument);
+        OsServicesTell("the document has no uniquename of at most %d bytes that a file can have...<%s>",
+                       static_cast<int>(sizeof szName) - 1, a_szDocument);
         return false;
     }
     OsArgumentsSet(OS_ARGUMENT_UNIQUENAME, szName);
@@ -105,19 +108,35 @@ void TakeLog(const char* a_szDocument, OsServicesIdentity& a_osservicesidentity)
     char szLevel[16];
     Take(a_szDocument, "loglevel", szLevel);
     const char* const szInheritedLevel = OsArgumentsGet(OS_ARGUMENT_LOGLEVEL);
-    a_osservicesidentity.u32Level = static_cast<uint32_t>(StrToInt32(*szInheritedLevel ? szInheritedLevel : szLevel));
-    if (OsLogGetState() != OS_LOGSTATE_OFF)
-        a_osservicesidentity.u32Level |= static_cast<uint32_t>(OsEnvGetNumber("MVR_DEBUG", 0));
+    a_osservicesidentity.u32Level =
+        static_cast<uint32_t>(StrToInt32(*szInheritedLevel ? szInheritedLevel : szLevel)) | OsArgumentsDebugFlags();
     Take(a_szDocument, "logfilter", a_osservicesidentity.szFilter);
     Unwrap(a_osservicesidentity.szFilter);
 }
 
 // ------------------------------------------------------------------------------------------------------- the version
 
-// The version that the program file carries; false for none.
-bool VersionOfFile(const char*, uint16_t* a_au16Version)
+// The text that the file of a module carries, null for none: the program's own file, or our module's (null), which may
+// be one that the program has loaded. Valid until the thread asks again.
+const char* ResourceOfModule(const char* a_szModule, const char* a_szName)
 {
-    const char* szVersion = OsResourceText("VERSION");
+    char szOwn[OS_PATHSIZE];
+    OsArgumentsModulePath(szOwn);
+    if (!a_szModule || std::strcmp(a_szModule, szOwn) == 0)
+        return OsResourceText(a_szName);
+    static thread_local char t_szText[OS_PATHSIZE];
+    COsResource osresource;
+    if (osresource.Open(a_szModule, a_szName) != EOSSTS_SUCCESS)
+        return nullptr;
+    const std::string_view svText = osresource.Data();
+    t_szText[svText.copy(t_szText, sizeof t_szText - 1)] = 0;
+    return t_szText;
+}
+
+// The version that the file of a module carries; false for none.
+bool VersionOfFile(const char* a_szModule, uint16_t* a_au16Version)
+{
+    const char* szVersion = ResourceOfModule(a_szModule, "VERSION");
     if (!szVersion)
         return false;
     for (size_t sizet = 0; sizet < 4; ++sizet)
@@ -154,11 +173,6 @@ void TakeVersion(const char* a_szDocument, OsServicesIdentity& a_osservicesident
 
 // ------------------------------------------------------------------------------------ what the program's files say
 
-const char* ResourceOfModule(const char*, const char* a_szName)
-{
-    return OsResourceText(a_szName);
-}
-
 // The file that the set-up leaves beside the program, or in the folder of the system.
 const char* SetupOfModule(const char* a_szModule, const char* a_szName)
 {
@@ -175,6 +189,18 @@ const char* SetupOfModule(const char* a_szModule, const char* a_szName)
     return t_szValue;
 }
 }   // namespace
+
+void OsServicesTell(const char* a_szFormat, ...)
+{
+    char szText[2 * OS_ARGUMENTSSIZE];
+    va_list valist;
+    va_start(valist, a_szFormat);
+    OsFormat(szText, sizeof szText, a_szFormat, valist);
+    va_end(valist);
+    OSLOG(OS_LOG_ERROR, "%s", szText);
+    std::fprintf(stderr, "<%s> %s\n", g_szSource, szText);
+    std::fflush(stderr);
+}
 
 void OsServicesLogInto(const char* a_szFolder, OsServicesIdentity& a_osservicesidentity)
 {

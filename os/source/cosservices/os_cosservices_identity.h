@@ -24,5 +24,8 @@ bool OsServicesIdentify(const char* a_szDocument, OsServicesIdentity& a_osservic
 // A utility logs beside the program that it works for, into a file of its own name.
 void OsServicesLogInto(const char* a_szFolder, OsServicesIdentity& a_osservicesidentity);
 
+// Tells on standard error, and in a log that may be there, why there is no start or no log.
+void OsServicesTell(const char* a_szFormat, ...) OS_PRINTFLIKE(1, 2);
+
 // Has the logger's header find what the program's files say about it: resources, file version, set-up.
 void OsServicesAnswerHeader();
