@@ -19,10 +19,10 @@ struct PlatProcessStart
                                                 // null: this process's, as PlatEnv* shows it
     PlatHandle aplathandle[3];                  // PlatStandard order; PLAT_INVALID gives the child an empty stream
     bool blInheritStandard;                     // give it this process's own streams instead
-    bool blInheritInput;                        // likewise, its standard input alone
     bool blDetached;                            // a session of its own: signals to our terminal do not reach it
     PlatHandle plathandleUser = PLAT_INVALID;   // run as this user, with the rights, the folders and the name of his in
                                                 // the environment; PLAT_INVALID: as this process's
+    bool blInheritInput = false;                // give it this process's own standard input, whatever the others are
 };
 
 // Starts a program. The child gets the three streams and no other handle of ours. Returns once the program runs;

@@ -26,7 +26,6 @@ public:
                                                 nullptr,
                                                 {aplathandle[0], aplathandle[1], PLAT_INVALID},
                                                 false,
-                                                false,
                                                 false};
         m_plathandle = PlatProcessCreate(&platprocessstart, &m_u64ProcessId);
         EXPECT_NE(m_plathandle, PLAT_INVALID) << PlatGetLastError();
