@@ -117,6 +117,9 @@ TEST_F(Spawn, TheChildStartsAsFromAShell)
               EOSSTS_SUCCESS);
     const std::string strSession = std::to_string(m_osthread.ChildProcessId());
     EXPECT_EQ(Output(), strSession + "\n200\nSigBlk:\t0000000000000000\nSigIgn:\t0000000000000000\n");
+    // A shell unblocks them itself.
+    EXPECT_EQ(m_osthread.Spawn(g_u32Piped, "/bin/grep", "grep", {"SigBlk", "/proc/self/status"}), EOSSTS_SUCCESS);
+    EXPECT_EQ(Output(), "SigBlk:\t0000000000000000\n");
 }
 
 TEST_F(Spawn, AFormerChildMayStillBeAsked)
