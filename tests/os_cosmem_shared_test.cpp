@@ -123,6 +123,7 @@ TEST_F(Shared, AViewWithoutASlotInTheTableIsAView)
 TEST_F(Shared, WithoutMemoryThereIsNoView)
 {
     g_poslogsink.store(nullptr);
+    Release(Create(OS_SHAREDFLAG_FILE));   // the settings of the test need memory when they are first asked for
     size_t sizetDescriptors = 0;
     bool blCreated = false;
     for (int iFailing = 1; !blCreated && iFailing < 1000; ++iFailing)
