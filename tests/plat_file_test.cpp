@@ -225,8 +225,6 @@ TEST_F(PlatFile, DeletionNeverRefusesAnOpener)
     thread.join();
 }
 
-// --------------------------------------------------------------------------------------------------------- content
-
 // ------------------------------------------------------------------------------------------------- paths, searches
 
 TEST_F(PlatFile, MissingFileIsToldFromMissingFolder)
