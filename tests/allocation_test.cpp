@@ -18,6 +18,12 @@ namespace fs = std::filesystem;
 
 static constexpr char g_szSource[] = "tests/allocation_test";
 
+#if defined(__SANITIZE_ADDRESS__) || defined(__SANITIZE_THREAD__)
+static constexpr int g_iStep = 7;   // each start takes its time
+#else
+static constexpr int g_iStep = 1;
+#endif
+
 static int Descriptors()
 {
     return static_cast<int>(std::distance(fs::directory_iterator("/proc/self/fd"), {}));
@@ -34,7 +40,8 @@ protected:
             vecstrName.emplace_back(*ppch, strcspn(*ppch, "="));
         for (const std::string& strName : vecstrName)
         {
-            if (!std::string(getenv(strName.c_str())).starts_with(m_path.string()) && !strName.ends_with("_OPTIONS"))
+            const char* const szValue = getenv(strName.c_str());
+            if (szValue && !std::string(szValue).starts_with(m_path.string()) && !strName.ends_with("_OPTIONS"))
                 unsetenv(strName.c_str());
         }
     }
@@ -50,35 +57,40 @@ TEST_F(Allocation, EveryFileOperationFailsAsItSays)
     const std::string strTree = PathOf("tree");
     const std::string strPattern = PathOf("f*");
     COsMem osmem;
-    const std::function<EOSSTS()> afunction[] = {
-        [&] { return COsFile().Open(strFile.c_str(), OS_FILEOPEN_ALWAYS, OS_FILEACCESS_READ, OS_FILESHARE_READ); },
-        [&] { return OsFileExists(strFile.c_str()) ? EOSSTS_SUCCESS : EOSSTS_FAIL; },
-        [&] {
+    const std::string strEmpty = PathOf("empty");
+    struct Operation
+    {
+        std::function<EOSSTS()> function;
+        EOSSTS eosstsAlso = EOSSTS_FAIL;   // that it may fail with
+    };
+    const Operation aoperation[] = {
+        {[&] { return COsFile().Open(strFile.c_str(), OS_FILEOPEN_ALWAYS, OS_FILEACCESS_READ, OS_FILESHARE_READ); }},
+        {[&] { return OsFileExists(strFile.c_str()) ? EOSSTS_SUCCESS : EOSSTS_FAIL; }},
+        {[&] {
             OsFileInfo osfileinfo;
             return OsFileGetInfo("C:\\a\\..", &osfileinfo);
-        },
-        [&] {
+        }},
+        {[&] {
             OsFileInfo osfileinfo;
             const EOSSTS eossts = OsFileFindFirst(strPattern.c_str(), &osfileinfo);
             OsFileFindClose(&osfileinfo);
             return eossts;
-        },
-        [&] { return OsFileMove(strFile.c_str(), strMoved.c_str()); },
-        [&] { return OsFileDelete(strFile.c_str(), OS_FILETYPE_FILE, false, false); },
-        [&] { return OsFileCreateDirectory(strDeep.c_str()); },
-        [&] { return OsFileRemoveEmptyTree(strDeep.c_str()); },
-        [&] { return OsFileRemoveTree(strTree.c_str()); },
-        [&] {
+        }},
+        {[&] { return OsFileMove(strFile.c_str(), strMoved.c_str()); }},
+        {[&] { return OsFileDelete(strFile.c_str(), OS_FILETYPE_FILE, false, false); }},
+        {[&] { return OsFileCreateDirectory(strDeep.c_str()); }},
+        {[&] { return OsFileRemoveEmptyTree(strEmpty.c_str()); }, EOSSTS_SHARING},
+        {[&] { return OsFileRemoveTree(strTree.c_str()); }, EOSSTS_ACCESSDENIED},
+        {[&] {
             void* const pvView = OsMemSharedAlloc(OS_SHAREDALLOC_CREATE, strMoved.c_str(), 5000, 0, OS_SHAREDLOCK_LOCK,
                                                   OS_SHAREDFLAG_FILE, "", 0);
             if (pvView)
                 OsMemFree(pvView, "", 0, OS_MEMFLAG_BLOCK);
             return pvView ? EOSSTS_SUCCESS : EOSSTS_FAIL;
-        },
+        }},
     };
     ASSERT_EQ(OsFileCreateDirectory("C:\\a"), EOSSTS_SUCCESS);
-    int iOperation = 0;
-    for (const std::function<EOSSTS()>& function : afunction)
+    for (const Operation& operation : aoperation)
     {
         bool blEnough = false;
         for (int iFailing = 1; !blEnough; ++iFailing)
@@ -87,25 +99,22 @@ TEST_F(Allocation, EveryFileOperationFailsAsItSays)
             WriteWhole(PathOf("tree/a/b/file"), "x");
             WriteWhole(strFile, "x");
             fs::remove(strMoved);
-            if (iOperation != 7)
-                fs::remove_all(PathOf("C"));
-            else
-                fs::create_directories(strDeep + "/empty");
+            fs::remove_all(PathOf("C"));
+            fs::create_directories(strEmpty + "/a/b");
             const int iBlocks = g_iLiveBlocks;
             const int iDescriptors = Descriptors();
             g_iAllocationsLeft = iFailing;
-            const EOSSTS eossts = function();
+            const EOSSTS eossts = operation.function();
             blEnough = g_iAllocationsLeft > 0;
             g_iAllocationsLeft = 0;
             const int iBlocksAfter = g_iLiveBlocks;
-            const bool blStated = eossts == EOSSTS_FAIL || (iOperation == 7 && eossts == EOSSTS_SHARING) ||
-                                  (iOperation == 8 && eossts == EOSSTS_ACCESSDENIED);
+            const bool blStated = eossts == EOSSTS_FAIL || eossts == operation.eosstsAlso;
+            const auto iOperation = &operation - aoperation;
             EXPECT_TRUE(eossts == EOSSTS_SUCCESS || (blStated && !blEnough))
                 << iOperation << " " << iFailing << " " << eossts;
             EXPECT_EQ(iBlocksAfter, iBlocks) << iOperation << " " << iFailing;
             EXPECT_EQ(Descriptors(), iDescriptors) << iOperation << " " << iFailing;
         }
-        ++iOperation;
     }
 }
 
@@ -191,7 +200,7 @@ TEST_F(Allocation, AProcessSurvivesEachFailureFromStartToStop)
     ASSERT_TRUE(IsSuccess(childresultWhole.runresult) && IsSuccess(childresultWhole.runresultAfter));
 
     ChildResult childresult{};
-    for (int iFailing = 1; !childresult.runresult.blEnough; ++iFailing)
+    for (int iFailing = 1; !childresult.runresult.blEnough; iFailing += g_iStep)
     {
         fs::remove_all(m_path / "system/LOCALAPPDATA");   // each start looks after the logs of those before
         if (!RunChild(m_path, iFailing, &childresult))

@@ -2,7 +2,6 @@
 // should be. Cases named Peer are the second process of another case.
 #include "os_cosmem.h"
 
-#include "allocation_support.h"
 #include "test_support.h"
 
 #include "plat_file.h"
@@ -116,40 +115,6 @@ TEST_F(Shared, AViewWithoutASlotInTheTableIsAView)
     EXPECT_FALSE(std::filesystem::exists(m_strFile));
     for (void* pvBlock : vecpvBlock)
         Release(pvBlock);
-}
-
-// Whichever allocation fails: no view and nothing left behind, or a view. The log lines of the test need memory as
-// well.
-TEST_F(Shared, WithoutMemoryThereIsNoView)
-{
-    g_poslogsink.store(nullptr);
-    size_t sizetDescriptors = 0;
-    bool blCreated = false;
-    for (int iFailing = 1; !blCreated && iFailing < 1000; ++iFailing)
-    {
-        g_iAllocationsLeft = iFailing;
-        void* const pvView = Create(OS_SHAREDFLAG_FILE);
-        blCreated = g_iAllocationsLeft > 0;
-        if (pvView)
-            Release(pvView);
-        g_iAllocationsLeft = 0;
-        EXPECT_FALSE(blCreated && !pvView);
-        EXPECT_FALSE(std::filesystem::exists(m_strFile)) << iFailing;
-        const auto sizetNow =
-            static_cast<size_t>(std::distance(std::filesystem::directory_iterator("/proc/self/fd"), {}));
-        EXPECT_TRUE(iFailing == 1 || sizetNow == sizetDescriptors) << iFailing;
-        sizetDescriptors = sizetNow;
-    }
-    EXPECT_TRUE(blCreated);
-    for (int iFailing = 1; iFailing < 10; ++iFailing)
-    {
-        void* const pvView = Create(OS_SHAREDFLAG_FILE);
-        g_iAllocationsLeft = iFailing;
-        Release(pvView);
-        g_iAllocationsLeft = 0;
-        EXPECT_FALSE(std::filesystem::exists(m_strFile)) << iFailing;
-    }
-    EXPECT_EQ(m_osmem.GetCounts().u32Current, 0u);
 }
 
 TEST_F(Shared, APageFileMemoryIsFoundByTheLinkInTheFile)

@@ -226,8 +226,6 @@ TEST_F(PlatFile, DeletionNeverRefusesAnOpener)
     thread.join();
 }
 
-// --------------------------------------------------------------------------------------------------------- content
-
 // ------------------------------------------------------------------------------------------------- paths, searches
 
 TEST_F(PlatFile, MissingFileIsToldFromMissingFolder)
