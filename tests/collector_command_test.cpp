@@ -208,7 +208,7 @@ TEST_F(CommandFile, WhatIsNoCommandIsIgnored)
     ExpectStop();
 }
 
-TEST_F(CommandFile, IsFoundWhenItsFolderComesLaterAndReadWhenThereAreDescriptors)
+TEST_F(CommandFile, IsFoundWithALaterFolderAndReadWithLaterDescriptors)
 {
     WriteWhole(PathOf("common"), "in the way of the folder");
     Start();

@@ -7,7 +7,7 @@
 // the program is a private collector:
 //
 //   <arguments>
-//       <uniquename>logcollector</uniquename>   63 bytes; "*": the name of the program file
+//       <uniquename>logcollector</uniquename>   63 bytes; "*": the name of the program's or driver's file
 //       <entity>application</entity>            driver, utility, apputility, dll
 //       <loglevel>0</loglevel>                  flags of the logger (os_coslog.h)
 //   </arguments>

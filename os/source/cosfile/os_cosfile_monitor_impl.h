@@ -63,7 +63,6 @@ private:
     // How it finds a change; os_cosfile_monitor_watch.cpp.
     bool Examine(OsFileLook* a_plook) const;
     void TakeBaseline();
-    bool IsOlder(const OsFileLook& a_look, uint64_t a_u64Than) const;
     bool IsChanged(const OsFileLook& a_look);
     void LookIn(uint32_t a_u32Milliseconds);
     void Rest();

@@ -42,6 +42,12 @@ bool IsPassing(uint32_t a_u32Error)
 
 // ----------------------------------------------------------------------------------------------------- one look
 
+// Last written more than a step of the clock before that time.
+static bool IsOlder(const OsFileLook& a_look, uint64_t a_u64Clock)
+{
+    return a_look.platfileidentity.u64WriteTime + g_u32Settled * g_u64ClockPerMillisecond < a_u64Clock;
+}
+
 // False when it could not be taken.
 bool COsFileMonitor::Examine(OsFileLook* a_plook) const
 {
@@ -59,7 +65,7 @@ void COsFileMonitor::TakeBaseline()
     m_blKnown = Examine(&m_look) && m_look.blThere;
     if (!m_blKnown)
         m_osfilemonitorstate.eossts = EOSSTS_NOTFOUND;
-    m_blVouched = IsOlder(m_look, 0);
+    m_blVouched = IsOlder(m_look, m_u64Started);
     for (uint32_t u32Waited = 0; m_blKnown && !m_blVouched && u32Waited < g_u32InVainLimit; u32Waited += g_u32Settled)
     {
         PlatSleep(g_u32Settled);
@@ -68,13 +74,6 @@ void COsFileMonitor::TakeBaseline()
         m_blVouched = look == m_look;
         m_look = look;
     }
-}
-
-// Was last written before the start, or before now when the start does not matter.
-bool COsFileMonitor::IsOlder(const OsFileLook& a_look, uint64_t a_u64Than) const
-{
-    const uint64_t u64Than = a_u64Than ? a_u64Than : PlatClock();
-    return a_look.platfileidentity.u64WriteTime + g_u32Settled * g_u64ClockPerMillisecond < u64Than;
 }
 
 void COsFileMonitor::LookIn(uint32_t a_u32Milliseconds)
