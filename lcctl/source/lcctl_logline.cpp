@@ -64,7 +64,7 @@ static bool ReadTime(const char* a_pch, LcctlTime& a_lcctltimeOfDay)
 }
 
 // A number to the blank behind it, which is passed; empty for anything else.
-static std::string_view TakeNumber(const char*& a_pch, const char* a_pchEnd)
+static inline std::string_view TakeNumber(const char*& a_pch, const char* a_pchEnd)
 {
     const char* pch = a_pch;
     if (pch < a_pchEnd && *pch == '-')

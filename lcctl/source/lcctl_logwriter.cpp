@@ -11,7 +11,8 @@
 #include <utility>
 
 static constexpr size_t g_sizetBuffer = size_t{256} << 10;
-static constexpr size_t g_sizetPrefix = 256;   // more than all before the message takes
+static constexpr size_t g_sizetPrefix = 256;   // more than all before the message takes, and a line end
+static constexpr size_t g_sizetVisible = 4;    // of "\\x1B"
 
 CLcctlLogWriter::CLcctlLogWriter(bool a_blJson, bool a_blTerminal) : m_blJson(a_blJson), m_blTerminal(a_blTerminal)
 {
@@ -107,44 +108,81 @@ static char* PutTimeOfDay(char* a_pch, const char* a_pchTime)
     return a_pch + 15;
 }
 
-void CLcctlLogWriter::PutDate(const LcctlRecord& a_lcctlrecord)
+// A byte that is a control character or, with the one before it (0: none) or behind it, a part of one.
+static bool Controls(unsigned char a_u8Before, unsigned char a_u8, unsigned char a_u8Behind)
+{
+    const auto second = [](unsigned char a_u8Second) { return a_u8Second >= 0x80 && a_u8Second < 0xA0; };
+    return (a_u8 < 0x20 && a_u8 != '\t') || a_u8 == 0x7F || (a_u8 == 0xC2 && second(a_u8Behind)) ||
+           (second(a_u8) && (a_u8Before < 0x80 || a_u8Before == 0xC2));
+}
+
+// Control characters by their numbers; g_sizetVisible bytes each at most.
+static char* PutVisible(char* a_pch, std::string_view a_svText)
+{
+    static constexpr char g_szDigits[] = "0123456789ABCDEF";
+    const auto byte = [&](size_t a_sizet) {
+        return static_cast<unsigned char>(a_sizet < a_svText.size() ? a_svText[a_sizet] : '\0');
+    };
+    for (size_t sizet = 0; sizet < a_svText.size(); ++sizet)
+    {
+        if (!Controls(byte(sizet - 1), byte(sizet), byte(sizet + 1)))   // -1 is beyond the end as well
+        {
+            *a_pch++ = a_svText[sizet];
+            continue;
+        }
+        *a_pch++ = '\\';
+        *a_pch++ = 'x';
+        *a_pch++ = g_szDigits[byte(sizet) >> 4];
+        *a_pch++ = g_szDigits[byte(sizet) & 15];
+    }
+    return a_pch;
+}
+
+char* CLcctlLogWriter::PutTime(char* a_pch, const LcctlRecord& a_lcctlrecord)
 {
     if (const int64_t i64Day = a_lcctlrecord.lcctltime / LCCTL_DAY; i64Day != m_i64Day)
     {
         m_i64Day = i64Day;
         std::memcpy(m_achDate, LcctlTimeText(a_lcctlrecord.lcctltime).data(), sizeof m_achDate);
     }
-    char* pch = PutBytes(Room(g_sizetPrefix), {m_achDate, sizeof m_achDate});
-    *pch++ = ' ';
+    a_pch = PutBytes(a_pch, {m_achDate, sizeof m_achDate});
+    *a_pch++ = ' ';
     if (a_lcctlrecord.lcctlprefix.blTimeless)
-        pch = PutBytes(pch, LcctlTimeText(a_lcctlrecord.lcctltime).substr(sizeof m_achDate + 1));
-    else
-        pch = PutTimeOfDay(pch, a_lcctlrecord.lcctlprefix.pchTime);
-    *pch++ = ' ';
-    m_sizetUsed = static_cast<size_t>(pch - m_strBuffer.data());
+        return PutBytes(a_pch, LcctlTimeText(a_lcctlrecord.lcctltime).substr(sizeof m_achDate + 1));
+    return PutTimeOfDay(a_pch, a_lcctlrecord.lcctlprefix.pchTime);
 }
 
+// A record of one line, which most are, goes into the buffer at once.
 void CLcctlLogWriter::PutLine(const LcctlRecord& a_lcctlrecord)
 {
+    static constexpr size_t g_sizetLineNumber = 20;   // a longer one is not ours
     if (!a_lcctlrecord.blPrefix)
     {
         PutText(a_lcctlrecord);
         return;
     }
     const LcctlPrefix& lcctlprefix = a_lcctlrecord.lcctlprefix;
-    PutDate(a_lcctlrecord);
-    char* pch = PutBytes(m_strBuffer.data() + m_sizetUsed, *a_lcctlrecord.pstrProcessId);
+    const std::string_view svText = a_lcctlrecord.svText;
+    const bool blAtOnce =
+        !m_blTerminal && a_lcctlrecord.sizetLines == 1 && svText.size() < g_sizetBuffer - g_sizetPrefix;
+    char* pch = PutTime(Room(g_sizetPrefix + (blAtOnce ? svText.size() : 0)), a_lcctlrecord);
+    *pch++ = ' ';
+    pch = PutBytes(pch, *a_lcctlrecord.pstrProcessId);
     *pch++ = ' ';
     pch = PutBytes(pch, LcctlLevelName(lcctlprefix.lcctllevel));
     *pch++ = ' ';
-    m_sizetUsed = static_cast<size_t>(pch - m_strBuffer.data());
-    PutPiece(lcctlprefix.svSource);
-    pch = Room(g_sizetPrefix);
+    pch = m_blTerminal ? PutVisible(pch, lcctlprefix.svSource) : PutBytes(pch, lcctlprefix.svSource);
     *pch++ = ':';
-    pch = PutBytes(pch, lcctlprefix.svLine.substr(0, 20));   // longer ones are not ours
+    pch = PutBytes(pch, lcctlprefix.svLine.substr(0, g_sizetLineNumber));
     *pch++ = ' ';
+    if (blAtOnce)
+    {
+        pch = PutBytes(pch, svText);
+        *pch++ = '\n';
+    }
     m_sizetUsed = static_cast<size_t>(pch - m_strBuffer.data());
-    PutText(a_lcctlrecord);
+    if (!blAtOnce)
+        PutText(a_lcctlrecord);
 }
 
 void CLcctlLogWriter::PutText(const LcctlRecord& a_lcctlrecord)
@@ -162,34 +200,21 @@ void CLcctlLogWriter::PutText(const LcctlRecord& a_lcctlrecord)
     Put("\n");
 }
 
-// A byte that is a control character or, with the one before it (0: none) or behind it, a part of one.
-static bool Controls(unsigned char a_u8Before, unsigned char a_u8, unsigned char a_u8Behind)
-{
-    const auto second = [](unsigned char a_u8Second) { return a_u8Second >= 0x80 && a_u8Second < 0xA0; };
-    return (a_u8 < 0x20 && a_u8 != '\t') || a_u8 == 0x7F || (a_u8 == 0xC2 && second(a_u8Behind)) ||
-           (second(a_u8) && (a_u8Before < 0x80 || a_u8Before == 0xC2));
-}
-
+// A piece at a time, so that each fits the buffer.
 void CLcctlLogWriter::PutPiece(std::string_view a_svLine)
 {
+    static constexpr size_t g_sizetPiece = g_sizetBuffer / g_sizetVisible;
     if (!m_blTerminal)
     {
         Put(a_svLine);
         return;
     }
-    size_t sizetStart = 0;
-    const auto byte = [&](size_t a_sizet) {
-        return static_cast<unsigned char>(a_sizet < a_svLine.size() ? a_svLine[a_sizet] : '\0');
-    };
-    for (size_t sizet = 0; sizet < a_svLine.size(); ++sizet)
+    for (size_t sizet = 0; sizet < a_svLine.size(); sizet += g_sizetPiece)
     {
-        if (!Controls(byte(sizet - 1), byte(sizet), byte(sizet + 1)))   // -1 is beyond the end as well
-            continue;
-        Put(a_svLine.substr(sizetStart, sizet - sizetStart));
-        Put(fmt::format("\\x{:02X}", static_cast<unsigned char>(a_svLine[sizet])));
-        sizetStart = sizet + 1;
+        const std::string_view svPiece = a_svLine.substr(sizet, g_sizetPiece);
+        char* const pchEnd = PutVisible(Room(svPiece.size() * g_sizetVisible), svPiece);
+        m_sizetUsed = static_cast<size_t>(pchEnd - m_strBuffer.data());
     }
-    Put(a_svLine.substr(sizetStart));
 }
 
 // ------------------------------------------------------------------------------------------------------------ JSON

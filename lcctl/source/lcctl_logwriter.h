@@ -32,7 +32,7 @@ private:
     char* Room(size_t a_sizet);
     void Put(std::string_view a_svText);
     void PutLine(const LcctlRecord& a_lcctlrecord);
-    void PutDate(const LcctlRecord& a_lcctlrecord);
+    char* PutTime(char* a_pch, const LcctlRecord& a_lcctlrecord);
     void PutText(const LcctlRecord& a_lcctlrecord);
     void PutPiece(std::string_view a_svLine);
     void PutJson(const LcctlRecord& a_lcctlrecord, const std::filesystem::path& a_path);
