@@ -162,7 +162,6 @@ bool COsLogStatusOwn::ChangeTexts(Change a_change)
         return false;
     OsLogStatusRecord& oslogstatusrecord = Record();
     oslogstatusrecord.u32Turn.fetch_add(1);
-    std::atomic_thread_fence(std::memory_order_release);
     a_change(oslogstatusrecord);
     oslogstatusrecord.u32Turn.fetch_add(1, std::memory_order_release);
     m_atomicflagTexts.clear(std::memory_order_release);
