@@ -11,7 +11,9 @@
 #include "plat_process.h"
 #include "plat_system.h"
 
+#include <algorithm>
 #include <cstring>
+#include <string_view>
 #include <type_traits>
 
 namespace
@@ -50,15 +52,32 @@ void COsLogStatusOwn::Fill(OsLogStatusRecord& a_oslogstatusrecord, const char* a
     SStrCpy(a_oslogstatusrecord.szName, sizeof a_oslogstatusrecord.szName, a_szName ? a_szName : "");
 }
 
+// With what a process that had this id before has left.
+static PlatHandle OpenFile(const char16_t* a_wszPath)
+{
+    return PlatFileOpen(a_wszPath, PLAT_ACCESS_READ | PLAT_ACCESS_WRITE,
+                        PLAT_SHARE_READ | PLAT_SHARE_WRITE | PLAT_SHARE_DELETE, PLAT_DISPOSITION_CREATEALWAYS,
+                        PLAT_OPEN_OWNPLACE | PLAT_OPEN_PRIVATE);
+}
+
+// The folder is made when it is missed.
+static PlatHandle OpenFileAndFolder(const char16_t* a_wszPath)
+{
+    const PlatHandle plathandle = OpenFile(a_wszPath);
+    if (plathandle != PLAT_INVALID)
+        return plathandle;
+    const std::u16string_view strview(a_wszPath);
+    char16_t wszFolder[OS_WIDEPATHSIZE] = {};
+    strview.copy(wszFolder, std::min(strview.find_last_of(u'\\'), OS_WIDEPATHSIZE - 1));
+    return PlatFolderCreatePrivate(wszFolder) ? OpenFile(a_wszPath) : PLAT_INVALID;
+}
+
 // The file is written before it is mapped: a full disk refuses the write, and what is mapped then has room.
 static PlatHandle WriteFile(const char16_t* a_wszPath, const OsLogStatusRecord& a_oslogstatusrecord)
 {
     alignas(OsLogStatusRecord) char achFile[OS_LOGSTATUS_FILESIZE] = {};
     std::memcpy(achFile, static_cast<const void*>(&a_oslogstatusrecord), sizeof a_oslogstatusrecord);
-    PlatFileDelete(a_wszPath);   // of a process that had this id before
-    const PlatHandle plathandle = PlatFileOpen(a_wszPath, PLAT_ACCESS_READ | PLAT_ACCESS_WRITE,
-                                               PLAT_SHARE_READ | PLAT_SHARE_WRITE | PLAT_SHARE_DELETE,
-                                               PLAT_DISPOSITION_CREATEALWAYS, PLAT_OPEN_OWNPLACE | PLAT_OPEN_PRIVATE);
+    const PlatHandle plathandle = OpenFileAndFolder(a_wszPath);
     if (plathandle == PLAT_INVALID || PlatFileWrite(plathandle, achFile, sizeof achFile, nullptr))
         return plathandle;
     PlatClose(plathandle);
@@ -66,19 +85,10 @@ static PlatHandle WriteFile(const char16_t* a_wszPath, const OsLogStatusRecord& 
     return PLAT_INVALID;
 }
 
-static bool MakeFolder(char16_t (&a_wszFolder)[OS_WIDEPATHSIZE])
-{
-    char szFolder[OS_PATHSIZE];
-    OsLogStatusFolder(szFolder);
-    if (!*szFolder || !OsPathToSystem(a_wszFolder, OS_WIDEPATHSIZE, szFolder))
-        return false;
-    return PlatFolderCreatePrivate(a_wszFolder) || PlatGetLastError() == PLAT_ERROR_ALREADYEXISTS;
-}
-
 // The view of a file before is released only now: a thread may just have been at it when that went.
-bool COsLogStatusOwn::Map(const char16_t* a_wszPath, const OsLogStatusRecord& a_oslogstatusrecord)
+bool COsLogStatusOwn::Map(const OsLogStatusRecord& a_oslogstatusrecord)
 {
-    const PlatHandle plathandle = WriteFile(a_wszPath, a_oslogstatusrecord);
+    const PlatHandle plathandle = WriteFile(m_wszPath, a_oslogstatusrecord);
     if (plathandle == PLAT_INVALID)
         return false;
     const ScopeGuard close([plathandle] { PlatClose(plathandle); });
@@ -98,15 +108,12 @@ bool COsLogStatusOwn::Map(const char16_t* a_wszPath, const OsLogStatusRecord& a_
 bool COsLogStatusOwn::Make(const char* a_szName)
 {
     char szPath[OS_PATHSIZE];
-    char16_t wszPath[OS_WIDEPATHSIZE];
-    if (!MakeFolder(wszPath))
-        return false;
     OsLogStatusPath(szPath, PlatProcessId());
-    if (!*szPath || !OsPathToSystem(wszPath, OS_WIDEPATHSIZE, szPath))
+    if (!*szPath || !OsPathToSystem(m_wszPath, OS_WIDEPATHSIZE, szPath))
         return false;
     OsLogStatusRecord oslogstatusrecord = {};
     Fill(oslogstatusrecord, a_szName);
-    return Map(wszPath, oslogstatusrecord);
+    return Map(oslogstatusrecord);
 }
 
 // A process that was forked from another one has an empty record of its own, and no file, until it comes here.
@@ -134,11 +141,7 @@ void COsLogStatusOwn::Close(uint32_t a_u32Kind)
         return;
     if ((Record().u32Kind &= ~a_u32Kind) != 0)
         return;
-    char szPath[OS_PATHSIZE];
-    char16_t wszPath[OS_WIDEPATHSIZE];
-    OsLogStatusPath(szPath, m_u64ProcessId);
-    if (*szPath && OsPathToSystem(wszPath, OS_WIDEPATHSIZE, szPath))
-        PlatFileDelete(wszPath);
+    PlatFileDelete(m_wszPath);
     m_u64ProcessId = 0;
     m_poslogstatusrecord.store(&m_oslogstatusrecordNone, std::memory_order_release);
 }
@@ -160,7 +163,6 @@ bool COsLogStatusOwn::ChangeTexts(Change a_change)
         return false;
     OsLogStatusRecord& oslogstatusrecord = Record();
     oslogstatusrecord.u32Turn.fetch_add(1);
-    std::atomic_thread_fence(std::memory_order_release);
     a_change(oslogstatusrecord);
     oslogstatusrecord.u32Turn.fetch_add(1, std::memory_order_release);
     m_atomicflagTexts.clear(std::memory_order_release);

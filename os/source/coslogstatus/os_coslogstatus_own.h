@@ -2,6 +2,7 @@
 #pragma once
 
 #include "os_coslogstatus_record.h"
+#include "os_cospath.h"
 
 #include <atomic>
 #include <mutex>
@@ -31,7 +32,7 @@ public:
 private:
     bool Make(const char* a_szName);
     static void Fill(OsLogStatusRecord& a_oslogstatusrecord, const char* a_szName);
-    bool Map(const char16_t* a_wszPath, const OsLogStatusRecord& a_oslogstatusrecord);
+    bool Map(const OsLogStatusRecord& a_oslogstatusrecord);
     template <class Change>
     bool ChangeTexts(Change a_change);
 
@@ -41,6 +42,7 @@ private:
     std::atomic_flag m_atomicflagTexts;
     std::atomic<OsLogStatusRecord*> m_poslogstatusrecord{&m_oslogstatusrecordNone};
     uint64_t m_u64ProcessId = 0;   // whose the file is; that of a parent is not ours
-    void* m_pvView = nullptr;      // the last that was mapped
+    char16_t m_wszPath[OS_WIDEPATHSIZE] = {};
+    void* m_pvView = nullptr;   // the last that was mapped
     size_t m_sizetView = 0;
 };
