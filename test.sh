@@ -5,7 +5,8 @@
 set -euo pipefail
 cd "$(dirname "$0")"
 . tools/setup.sh
-setup_packages g++ cmake ninja-build libgtest-dev
+setup_packages g++ cmake ninja-build libgtest-dev openssl librelp0 libestr0 libfastjson4 libivykis0 libnet1 libwrap0
+setup_unpacked rsyslog rsyslog-relp syslog-ng-core
 
 run() {
   build "$1"
