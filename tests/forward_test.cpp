@@ -100,6 +100,35 @@ protected:
     }
 };
 
+// ------------------------------------------------------------------------------------------------- what a record is
+
+// The expressions of docs/log-format.md, as grep takes them, and the example there.
+TEST_F(Forward, TheDescribedFormatIsThatOfALog)
+{
+    const std::string strDocument = ReadWhole(TEST_SOURCEFOLDER "/docs/log-format.md");
+    const auto described = [&](const std::string& a_strLine) {
+        const size_t sizetStart = strDocument.find("    ^" + a_strLine) + 4;
+        return strDocument.substr(sizetStart, strDocument.find('\n', sizetStart) - sizetStart);
+    };
+    const std::string strPrefix = described("[0-9]{5,} [0-9]{12} .{32}");
+    const std::string strBegin = described("[0-9]{5,} [0-9]{12} \n");
+    for (const char* szFile : {"rsyslog-sender.conf", "syslog-ng-source.conf"})
+        EXPECT_NE(ReadWhole(std::string(g_szForward) + "/" + szFile).find('"' + strBegin + '"'), std::string::npos);
+
+    RunApplication("viewer");
+    Logs logs = ReadLogs();
+    logs["the example"] = std::regex_replace(strDocument.substr(strDocument.find("## An example")),
+                                             std::regex("^[^]*?\n    (?=[0-9]{5} )|\n    "), "\n");
+    const std::regex regexPrefix(strPrefix);
+    for (const auto& [strLog, strText] : logs)
+    {
+        const std::vector<std::string> vecstrRecord = RecordsOf(strText);
+        EXPECT_GT(vecstrRecord.size(), 10u) << strLog;
+        for (const std::string& strRecord : vecstrRecord)
+            ASSERT_TRUE(std::regex_search(strRecord.substr(0, 128), regexPrefix)) << strLog << ": " << strRecord;
+    }
+}
+
 // ------------------------------------------------------------------------------------------ a sender, a central host
 
 class ForwardRsyslog : public Forward
