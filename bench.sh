@@ -9,12 +9,7 @@ setup_packages g++ cmake ninja-build libbenchmark-dev
 if [ "${1:-}" = --peers ]; then
   shift
   setup_packages socat syslog-ng-core libestr0 libfastjson4 libspdlog-dev libgoogle-glog-dev
-  # The two daemons refuse to be installed beside each other: this one is only unpacked.
-  if [ ! -x /usr/sbin/rsyslogd ] && [ ! -x build/peers/usr/sbin/rsyslogd ]; then
-    echo "== Unpacking: rsyslog"
-    mkdir -p build/peers
-    (cd build/peers && apt-get download -qq rsyslog >/dev/null 2>&1 && dpkg -x rsyslog_*.deb . && rm -f rsyslog_*.deb)
-  fi
+  [ -x /usr/sbin/rsyslogd ] || setup_unpacked rsyslog
 fi
 build release logcollector floor_collector floor_port application_start collector_bench logger_bench clean_bench ring_bench peers
 ulimit -n "$(ulimit -Hn)"

@@ -7,7 +7,9 @@ cd "$(dirname "$0")"
 . tools/setup.sh
 setup_packages g++ cmake ninja-build libgtest-dev libcli11-dev nlohmann-json3-dev libfmt-dev libarchive-dev \
   libpcre2-dev lnav \
-  dpkg-dev lintian logrotate man-db pkg-config   # for the tests of the package and of embedding
+  dpkg-dev lintian logrotate man-db pkg-config `# for the tests of the package and of embedding` \
+  openssl librelp0 libestr0 libfastjson4 libivykis0 libnet1 libwrap0 `# for those of forwarding`
+setup_unpacked rsyslog rsyslog-relp syslog-ng-core
 
 run() {
   build "$1"

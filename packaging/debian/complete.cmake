@@ -4,15 +4,9 @@ get_filename_component(SOURCE ${CMAKE_CURRENT_LIST_DIR}/.. ABSOLUTE)
 set(ROOT ${CPACK_TEMPORARY_INSTALL_DIRECTORY})
 set(DOCUMENTS ${ROOT}/usr/share/doc/logcollector)
 
-# lnav reads the formats of all users there. Files below /etc are the administrator's once they are installed.
+# lnav reads the formats of all users there.
 file(GLOB FORMATS ${ROOT}/usr/share/logcollector/lnav/*.json)
-set(CONFFILES "")
-foreach(format ${FORMATS})
-  get_filename_component(name ${format} NAME)
-  file(COPY ${format} DESTINATION ${ROOT}/etc/lnav/formats/logcollector)
-  string(APPEND CONFFILES "/etc/lnav/formats/logcollector/${name}\n")
-endforeach()
-file(WRITE ${CPACK_PACKAGE_DIRECTORY}/conffiles "${CONFFILES}")
+file(COPY ${FORMATS} DESTINATION ${ROOT}/etc/lnav/formats/logcollector)
 
 file(COPY ${SOURCE}/debian/copyright DESTINATION ${DOCUMENTS})
 file(COPY_FILE ${SOURCE}/debian/changelog ${DOCUMENTS}/changelog.Debian)
