@@ -8,6 +8,7 @@
 #include "plat_fork.h"
 #include "plat_process.h"
 
+#include <csignal>
 #include <cstddef>
 #include <sys/stat.h>
 
@@ -166,13 +167,18 @@ TEST_F(LogHealth, AForkedProcessLeavesTheFileToItsParent)
 TEST_F(LogHealth, FilesOfProcessesThatHaveGoneAreRemoved)
 {
     Begin();
-    const pid_t pid = fork();
-    if (pid == 0)
-        _exit(0);
-    waitpid(pid, nullptr, 0);
-    const uint64_t u64Gone = static_cast<uint64_t>(pid);
-    const uint64_t u64Other = 1;
-    const uint64_t u64Writing = static_cast<uint64_t>(getppid());
+    const auto forked = [](void (*a_pfnDo)()) {
+        const pid_t pid = fork();
+        if (pid == 0)
+            a_pfnDo();
+        return pid;
+    };
+    const pid_t pidGone = forked([] { _exit(0); });
+    const pid_t pidWriting = forked([] { pause(); });
+    waitpid(pidGone, nullptr, 0);
+    const auto u64Gone = static_cast<uint64_t>(pidGone);
+    const auto u64Writing = static_cast<uint64_t>(pidWriting);
+    const auto u64Other = static_cast<uint64_t>(getppid());
     for (const uint64_t u64ProcessId : {u64Gone, u64Other})
     {
         fs::copy_file(StatusFile(), StatusFile(u64ProcessId));
@@ -186,6 +192,8 @@ TEST_F(LogHealth, FilesOfProcessesThatHaveGoneAreRemoved)
     EXPECT_EQ(sizetRuns, 1u);
     EXPECT_FALSE(fs::exists(StatusFile(u64Gone)) || fs::exists(StatusFile(u64Other)));
     EXPECT_TRUE(fs::exists(StatusFile(u64Writing)) && fs::exists(StatusFile()));
+    kill(pidWriting, SIGKILL);
+    waitpid(pidWriting, nullptr, 0);
 }
 
 TEST_F(LogHealth, NoStatusFileIsMadeWhereOthersMayWrite)
@@ -195,4 +203,16 @@ TEST_F(LogHealth, NoStatusFileIsMadeWhereOthersMayWrite)
     Begin();
     EXPECT_FALSE(fs::exists(StatusFile()));
     EXPECT_EQ(Messages(), (Texts{"first"}));
+}
+
+TEST_F(LogHealth, WithoutRoomForTheStatusFileLinesAreWrittenAllTheSame)
+{
+    rlimit limit;
+    getrlimit(RLIMIT_FSIZE, &limit);
+    const rlimit limitSmall{OS_LOGSTATUS_FILESIZE - 1, limit.rlim_max};
+    setrlimit(RLIMIT_FSIZE, &limitSmall);
+    Begin();
+    setrlimit(RLIMIT_FSIZE, &limit);
+    EXPECT_EQ(Messages(), (Texts{"first"}));
+    EXPECT_TRUE(fs::is_empty(StatusFile().parent_path()));
 }

@@ -280,7 +280,7 @@ public:
             ->check(CLI::PositiveNumber);
         a_cliapp
             .add_option("FLAGS", m_u32Flags,
-                        "decimal or 0x…: 0 errors and what is always logged, 1 diagnostics as well, 0x4 flush every "
+                        "decimal or 0x...: 0 errors and what is always logged, 1 diagnostics as well, 0x4 flush every "
                         "line, 0x10 only level 8, 0x40 only the memory tracker, 0x400 level 32 as well, 0x800 only "
                         "errors and milestones; added up. In force from the next log call until the next start")
             ->required();
