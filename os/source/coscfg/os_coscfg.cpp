@@ -41,9 +41,18 @@ COsCfg::COsCfg(const CreateArgs& a_createargs) : m_poscfgimpl(nullptr)
         OSLOG(OS_LOG_CHECK, "allocation failed...");
         return;
     }
-    m_poscfgimpl->Load();
-    if (!a_createargs.blManageLater)
-        m_poscfgimpl->StartManagement();
+    try
+    {
+        m_poscfgimpl->Load();
+        if (!a_createargs.blManageLater)
+            m_poscfgimpl->StartManagement();
+    }
+    catch (const std::bad_alloc&)
+    {
+        OSLOG(OS_LOG_CHECK, "allocation failed...");
+        m_poscfgimpl->StopManagement();
+        OSMEMDELETE(m_poscfgimpl);
+    }
 }
 
 // The management thread reads the configuration until it has ended; nobody finds the configuration once its texts go.

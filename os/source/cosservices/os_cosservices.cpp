@@ -101,7 +101,7 @@ static bool CreateLogger(const OsServicesIdentity& a_osservicesidentity)
     createargs.szFilter = a_osservicesidentity.szFilter;
     createargs.u32Flags = a_osservicesidentity.u32Level;
     g_poscoslog = OSMEMNEW(COsLog, createargs);
-    return g_poscoslog != nullptr;
+    return g_poscoslog && g_poscoslog->IsUsable();
 }
 
 static bool CreateConfiguration(const OsServicesIdentity& a_osservicesidentity, bool a_blManageLater)
@@ -118,7 +118,7 @@ static bool CreateConfiguration(const OsServicesIdentity& a_osservicesidentity, 
         createargs.szProgram = OsArgumentsGet(OS_ARGUMENT_CALLERSAPPLICATION);
     createargs.blManageLater = a_blManageLater;
     g_poscoscfg = OSMEMNEW(COsCfg, createargs);
-    return g_poscoscfg != nullptr;
+    return g_poscoscfg && g_poscoscfg->IsUsable();
 }
 
 static void TellDocument(const char* a_szFormat)
