@@ -6,7 +6,17 @@
 #include <cerrno>
 #include <cstdio>
 #include <cstring>
+#include <fcntl.h>
 #include <stdexcept>
+#include <unistd.h>
+
+// A pipe that holds more lets both ends work at the same time. What is no pipe stays as it is.
+static void WidenPipe()
+{
+#ifdef F_SETPIPE_SZ
+    fcntl(STDOUT_FILENO, F_SETPIPE_SZ, 1 << 20);
+#endif
+}
 
 void CLcctlLogOutput::HandOver(std::string& a_strBuffer, size_t a_sizetUsed)
 {
@@ -16,6 +26,8 @@ void CLcctlLogOutput::HandOver(std::string& a_strBuffer, size_t a_sizetUsed)
     if (!m_jthread.joinable())
     {
         m_strBuffer.resize(a_strBuffer.size());
+        if (a_sizetUsed > a_strBuffer.size() / 2)   // the first of many
+            WidenPipe();
         m_jthread = std::jthread([this](const std::stop_token& a_stoptoken) { WriteUntilStopped(a_stoptoken); });
     }
     m_strBuffer.swap(a_strBuffer);

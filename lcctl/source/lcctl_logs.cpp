@@ -61,6 +61,13 @@ void CLcctlLogs::Define(CLI::App& a_cliapp)
         ->allow_extra_args(false)
         ->type_name("NAME");
     a_cliapp.add_flag("--last-run", m_selectargs.blLastRun, "The newest run of each application alone");
+    DefineTimes(a_cliapp);
+    DefineFilters(a_cliapp, m_filterargs);
+    DefineOutput(a_cliapp);
+}
+
+void CLcctlLogs::DefineTimes(CLI::App& a_cliapp)
+{
     a_cliapp
         .add_option("-S,--since", m_strSince,
                     "From this time on: \"2026-11-23 12:00:00\", \"12:00\", today, yesterday, -1h, \"2 hours ago\"")
@@ -70,7 +77,10 @@ void CLcctlLogs::Define(CLI::App& a_cliapp)
         .add_option("-p,--level", m_strLevel,
                     "This level and worse ones: error, warning, milestone, note; FROM..TO for a range")
         ->type_name("LEVEL");
-    DefineFilters(a_cliapp, m_filterargs);
+}
+
+void CLcctlLogs::DefineOutput(CLI::App& a_cliapp)
+{
     a_cliapp.add_flag("-f,--follow", m_blFollow,
                       "Shows the last lines of the newest runs, then new lines, logs and runs");
     a_cliapp.add_option("-n,--lines", m_strLines, "The last so many records alone; with --follow 10")

@@ -24,6 +24,8 @@ public:
     LcctlResult Run() override;
 
 private:
+    void DefineTimes(CLI::App& a_cliapp);
+    void DefineOutput(CLI::App& a_cliapp);
     bool ReadTimes();
     bool ReadLevels();
     LcctlResult Nothing() const;
