@@ -16,6 +16,7 @@ protected:
         ASSERT_TRUE(collector.Start(ProgramPath("logcollector"), a_vecstrArgument));
         EXPECT_EQ(collector.WaitForExit(4000), 0u) << testing::PrintToString(a_vecstrArgument);
         EXPECT_EQ(collector.ReadOutput("</lc>"), "");
+        EXPECT_TRUE(std::filesystem::is_empty(m_path / "system/LOCALAPPDATA/mvr_orvane/logcollector/logcollector"));
     }
 
     // Runs it until it has a port.

@@ -6,6 +6,7 @@
 #include "logcollector_args.h"
 #include "logcollector_clean.h"
 
+#include "os_cfg.h"
 #include "os_cosarguments.h"
 #include "os_cosenv.h"
 #include "os_cosfile_system.h"
@@ -77,6 +78,16 @@ static void RunCollect(const LogCollectorArgs& a_logcollectorargs, char* a_szFol
     oslogcollector.Stop(a_szFolder, OS_PATHSIZE);
 }
 
+// A collector that logs nothing itself leaves no log folder behind.
+static void StopServices()
+{
+    char szOwnFolder[OS_PATHSIZE] = {};
+    SStrCpy(szOwnFolder, sizeof szOwnFolder, OsCfgGetString(OS_CFGTAG_LOGDIRECTORY));
+    OsServicesStop();
+    if (szOwnFolder[0] && OsFileExists(szOwnFolder))
+        OsFileRemoveEmptyTree(szOwnFolder);
+}
+
 // ------------------------------------------------------------------------------------------------------- entry
 
 int main(int a_iArguments, char** a_aszArgument)
@@ -94,6 +105,6 @@ int main(int a_iArguments, char** a_aszArgument)
         LogCollectorClean(logcollectorargs.i32HoursToKeep, logcollectorargs.szSubfolder);
     if (szLeftoverFolder[0] && OsFileExists(szLeftoverFolder))
         OsFileRemoveEmptyTree(szLeftoverFolder);
-    OsServicesStop();
+    StopServices();
     return 0;
 }
