@@ -66,7 +66,7 @@ EOSSTS OsFileRemoveTree(const char* a_szFolder);
 EOSSTS OsFileRemoveEmptyTree(const char* a_szFolder);
 
 // Makes a name for a kernel object from the file's current identity. Empty when the file cannot be opened. Returns 1,
-// with the name empty, when an event of that name exists already; else 0. a_wszName has 512 characters.
+// with the name empty, when an event of that name already exists; otherwise 0. a_wszName has 512 characters.
 uint32_t OsFileSafeName(const char* a_szFilename, const char* a_szSuffix, char16_t* a_wszName);
 
 // Switches the file-system redirection of 32-bit processes off or on, for the whole process. Only a 32-bit process on a

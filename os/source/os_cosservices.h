@@ -26,6 +26,6 @@ void OsServicesSetDocument(const char* a_szDocument);
 EOSSTS OsServicesStart(bool a_blManageLater = false);
 void OsServicesManage();
 
-// Frees what the start made, in reverse order, and removes the document from the environment, so that later children do
-// not inherit it. Does nothing without a start. Call it when no other thread uses the library any more.
+// Frees what the start made, in reverse order, and removes all variables of the family from the environment, so that
+// later children inherit none. Does nothing without a start. Call it when no other thread uses the library any more.
 void OsServicesStop();

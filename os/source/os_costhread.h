@@ -24,7 +24,7 @@ inline constexpr uint32_t OS_SPAWNFLAGS_DETACHED = 0x1000;
 inline constexpr uint32_t OS_SPAWNFLAGS_SHOWNORMAL = 0x2000;
 inline constexpr uint32_t OS_SPAWNFLAGS_NOREDIRECTION = 0x4000;   // of files, for a program of the other word size
 inline constexpr uint32_t OS_SPAWNFLAGS_CHECKFILE = 0x8000;       // the program file's footer, before the launch
-inline constexpr uint32_t OS_SPAWNFLAGS_NOFOLDER = 0x10000;       // the child starts in this working directory
+inline constexpr uint32_t OS_SPAWNFLAGS_NOFOLDER = 0x10000;       // the child inherits the working directory
 inline constexpr uint32_t OS_SPAWNFLAGS_OWNINPUT = 0x20000;       // with PIPES: this process's input, no pipe
 
 // The thread procedure. Reads its argument with Argument(), loops on WaitForStop() with its own time-out until that

@@ -1,4 +1,4 @@
-// os_cosarguments_impl.h: what the sources of the class share.
+// os_cosarguments_impl.h: shared by the sources of the class.
 #pragma once
 
 #include "os_cosarguments.h"

@@ -200,7 +200,7 @@ constexpr struct
     {"hostprogram19.exe", OS_CFGTAG_HOSTPROGRAM19}, {"hostprogram20.exe", OS_CFGTAG_HOSTPROGRAM20},
 };
 
-// A family of programs is recognised by a part of the file name.
+// A family of programs is recognised by a part of the file name; for one program the units behaviour is forced.
 constexpr char g_szFamily[] = "hostprogramfamily";
 constexpr EOSCFGTAG g_eoscfgtagFamily = OS_CFGTAG_HOSTPROGRAM20;
 constexpr EOSCFGTAG g_eoscfgtagUnits = OS_CFGTAG_HOSTPROGRAM01;

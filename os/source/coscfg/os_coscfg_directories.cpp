@@ -3,8 +3,8 @@
 //
 //   legacy root        program data \ brand
 //   per-user root      the user's application data \ brand
-// =//   shared root        whichever of the two this process uses
-// =//   chosen root        the shared root, or the root that the parent process gives
+//   shared root        whichever of the two this process uses
+//   chosen root        the shared root, or the root that the parent process gives
 //
 // Each has "common", "device", a model folder, and the user folder <model> \ <unique name>, in which the log folders
 // "log.<start time>" lie.

@@ -1,4 +1,4 @@
-// os_coscfg_impl.h: the implementation object and what the sources of the class share.
+// os_coscfg_impl.h: the implementation object and declarations shared by the sources of the class.
 //
 //   os_coscfg.cpp               the public object, construction
 //   os_coscfg_table.cpp         sections, tags, their cells
@@ -10,7 +10,7 @@
 //   os_coscfg_common.cpp        the common settings file
 //   os_coscfg_paths.cpp         path identifiers and special folders
 //   os_coscfg_directories.cpp   the directory set
-// =//   os_coscfg_manage.cpp        removal of old log folders
+//   os_coscfg_manage.cpp        removal of old log folders
 //   os_coscfg_roaming.cpp       log paths of models that roam
 //   os_coscfg_info.cpp          facts about the machine
 //   os_coscfg_user.cpp          the user's name

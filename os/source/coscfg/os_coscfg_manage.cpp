@@ -25,7 +25,7 @@ static constexpr uint32_t g_u32LockPause = 100;      // ms
 static constexpr int64_t g_i64GroupSeconds = 1800;   // folders that are no further apart belong to one run
 static constexpr int64_t g_i64YoungSeconds = 60;     // a process creates its folder before it locks it
 
-// ------------------------------------------------------------------------------------------------------ our folder
+// --------------------------------------------------------------------------------------- this process's log folder
 
 static bool IsSameFolder(const char* a_szLeft, const char* a_szRight)
 {

@@ -215,7 +215,7 @@ void LogDirectoryRoot(char* a_szPath)
         szComponent[1 + std::strcspn(szComponent + 1, "\\")] = 0;
 }
 
-// ------------------------------------------------------------------------------------------- what is only read
+// --------------------------------------------------------------------------------------------- read-only paths
 
 const char* ReadableFolderName()
 {

@@ -1,4 +1,4 @@
-// os_cosfile_impl.h: what the sources of the file class share: its implementation, and the identity of a file.
+// os_cosfile_impl.h: the implementation of the file class, shared by its sources, and the identity of a file.
 #pragma once
 
 #include "os_cosfile.h"

@@ -314,7 +314,7 @@ const OsFileMonitorState& COsFileImpl::MonitorState() const
     return posfilemonitorbase ? posfilemonitorbase->State() : OS_FILEMONITORSTATE_NONE;
 }
 
-// A monitor stopped in its callback stays referenced; the owner's next stop waits for its end.
+// If a monitor was stopped by its own callback, the object keeps it, and the owner's next stop waits for its end.
 void COsFileImpl::MonitorStop()
 {
     const MonitorReference posfilemonitorbase = Monitor();

@@ -40,7 +40,7 @@ bool IsPassing(uint32_t a_u32Error)
 }
 }   // namespace
 
-// ----------------------------------------------------------------------------------------------------- one look
+// ---------------------------------------------------------------------------------------------------- one check
 
 // True if last written more than a clock step before that time.
 static bool IsOlder(const OsFileLook& a_look, uint64_t a_u64Clock)

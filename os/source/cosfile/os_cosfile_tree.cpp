@@ -54,7 +54,7 @@ EOSSTS OsFileTree::OpenAt(const char* a_szPath)
     return EOSSTS_SUCCESS;
 }
 
-// =// ------------------------------------------------------------------------------------------------- the position
+// ------------------------------------------------------------------------------------------------ the position
 
 bool OsFileTree::Holds(const char* a_szFolder) const
 {

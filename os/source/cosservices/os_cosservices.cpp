@@ -36,8 +36,7 @@ void OsServicesSetDocument(const char* a_szDocument)
     g_szDocument = a_szDocument ? a_szDocument : g_szDefaultDocument;
 }
 
-// =// -------------------------------------------------------------------------------------------- identity and
-// document
+// ------------------------------------------------------------------------------------------- identity and document
 
 // Builds the document of a model's utility that no process of the family has started.
 static bool DeriveLogFolder(OsServicesIdentity& a_osservicesidentity)
@@ -148,8 +147,7 @@ static bool CheckLogDirectory()
     return *szFolder != 0;
 }
 
-// =// ------------------------------------------------------------------------------------------------- for child
-// processes
+// ---------------------------------------------------------------------------------------------- for child processes
 
 static void BuildDocument(const OsServicesIdentity& a_osservicesidentity)
 {

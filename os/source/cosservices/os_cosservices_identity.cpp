@@ -171,8 +171,7 @@ void TakeVersion(const char* a_szDocument, OsServicesIdentity& a_osservicesident
     }
 }
 
-// =// ------------------------------------------------------------------------------------------ queries of the log
-// header
+// --------------------------------------------------------------------------------------- queries of the log header
 
 // Reads setup.txt, which the installation puts beside the program or into the system's folder.
 const char* SetupOfModule(const char* a_szModule, const char* a_szName)

@@ -9,7 +9,7 @@
 
 static constexpr char g_szSource[] = "os/source/os_cosstring";
 
-// =// --------------------------------------------------------------------------------------------- failures
+// ---------------------------------------------------------------------------------------------------- failures
 
 static bool IsUsable(const char* a_szFunction, const void* a_pvDestination, size_t a_sizetDestination,
                      const void* a_pvSource)
