@@ -1,4 +1,4 @@
-// os_cfg.cpp: the reads hand over to whatever configuration is installed.
+// os_cfg.cpp: forwards reads to the installed configuration.
 #include "os_cfg.h"
 
 #include <cstdlib>

@@ -1,8 +1,8 @@
 // os_cfg.h: read one setting by section and tag.
 //
-// Low floors read settings, and the configuration is built on files. So the reading lives here at the bottom, and the
-// configuration installs itself from above. With no configuration every read has the empty answer that its comment
-// states.
+// Lower layers read settings, but the configuration is built on top of them. So the read functions are here, and the
+// configuration installs itself from above. Without a configuration every read returns the empty value given at its
+// declaration.
 #pragma once
 
 #include "os_cfg_tags.h"
@@ -29,7 +29,7 @@ enum EOSCFGTAG : uint32_t
 };
 static_assert(OS_CFGTAG_FORCENETKEEPALIVE == 168 && OS_CFGTAG_LAST == 345);
 
-// What the configuration tells about the machine. Items are a text, a number, or both.
+// Facts about the machine. An item is a text, a number, or both.
 enum EOSCFGINFO : uint32_t
 {
     OS_CFGINFO_UNDEFINED = 0,
@@ -82,7 +82,7 @@ enum EOSCFGINFO : uint32_t
     OS_CFGINFO_LAST = 47,
 };
 
-// Files and folders that the directory layout resolves. Only the numbers that have a name here resolve.
+// Files and folders of the directory layout. Only numbers with a name here resolve.
 enum EOSPATH : uint32_t
 {
     OS_PATH_UNDEFINED = 0,
@@ -118,42 +118,42 @@ enum EOSPATH : uint32_t
 
 class COsThread;
 
-// What stands behind the reads.
+// Interface of the configuration that serves the reads.
 class COsCfgSource
 {
 public:
     // Never null; lives as long as the configuration.
     virtual const char* GetString(EOSCFGSECTION a_eoscfgsection, EOSCFGTAG a_eoscfgtag) = 0;
 
-    // Never null; "(nodata)", and logged, for an item without a text.
+    // Never null; "(nodata)" (logged) for an item without a text.
     virtual const char* InfoGetString(EOSCFGINFO a_eoscfginfo) = 0;
 
-    // 0, and logged, for an item without a number.
+    // 0 (logged) for an item without a number.
     virtual int64_t InfoGetLong(EOSCFGINFO a_eoscfginfo) = 0;
 
     // EOSSTS_FAIL, with an empty path, for an identifier that does not resolve.
     virtual EOSSTS GetPath(EOSPATH a_eospath, char* a_szPath, size_t a_sizetPath) = 0;
 
 protected:
-    ~COsCfgSource() = default;   // owned by whoever installed it
+    ~COsCfgSource() = default;   // owned by the code that installed it
 };
 
-// What else low floors have a configuration do.
+// Further operations of the configuration for lower layers.
 class COsCfgService
 {
 public:
     // Stores a value; the text must live as long as the configuration.
     virtual EOSSTS SetString(EOSCFGSECTION, EOSCFGTAG, const char*) { return EOSSTS_FAIL; }
 
-    // Looks after the log folders around a_szLogFolder: what has expired goes. Runs on the calling thread, and returns
-    // soon when a_posthread (may be null) is asked to stop.
+    // Removes expired log folders around a_szLogFolder. Runs on the calling thread, and returns soon after a_posthread
+    // (may be null) is asked to stop.
     virtual void ManageLogDirectories(const char* a_szLogFolder, const COsThread* a_posthread) = 0;
 
 protected:
-    ~COsCfgService() = default;   // owned by whoever installed it
+    ~COsCfgService() = default;   // owned by the code that installed it
 };
 
-// The process-wide configuration, null before it is installed and after it has gone.
+// The process-wide configuration, null while none is installed.
 extern std::atomic<COsCfgSource*> g_poscfgsource;
 extern std::atomic<COsCfgService*> g_poscfgservice;
 
@@ -162,7 +162,7 @@ inline bool OsCfgExists()
     return g_poscfgsource.load(std::memory_order_acquire) != nullptr;
 }
 
-// A value of the identity section; the empty text without a configuration.
+// A value of the identity section; "" without a configuration.
 const char* OsCfgGetString(EOSCFGTAG a_eoscfgtag);
 
 // The same as a number: decimal, hexadecimal after "0x", octal after "0"; 0 for any other text.
@@ -175,18 +175,18 @@ void OsCfgSetString(EOSCFGTAG a_eoscfgtag, const char* a_szValue);
 const char* OsCfgInfoGetString(EOSCFGINFO a_eoscfginfo);
 int64_t OsCfgInfoGetLong(EOSCFGINFO a_eoscfginfo);
 
-// Paths are wanted before the configuration exists; what resolves them by itself installs itself here.
+// Paths are needed before the configuration exists: a resolver that does not need it is installed here.
 using OsCfgPathProc = EOSSTS (*)(EOSPATH a_eospath, char* a_szPath, size_t a_sizetPath);
 extern std::atomic<OsCfgPathProc> g_poscfgpathproc;
 
-// EOSSTS_FAIL, with an empty path, for an identifier that does not resolve, and for all with neither of the two.
+// EOSSTS_FAIL, with an empty path, for an identifier that does not resolve, or when neither is installed.
 EOSSTS OsCfgGetPath(EOSPATH a_eospath, char* a_szPath, size_t a_sizetPath);
 
 // Does nothing without a configuration.
 void OsCfgManageLogDirectories(const char* a_szLogFolder, const COsThread* a_posthread);
 
 // A global switch of the common settings file: its value, or a_szDefault (never null) when the key or the file is
-// absent. It is read before the configuration exists; the file's reader installs itself here.
+// absent. Needed before the configuration exists; the file's reader is installed here.
 using OsCfgCommonProc = const char* (*)(const char* a_szKey, const char* a_szDefault);
 extern std::atomic<OsCfgCommonProc> g_poscfgcommonproc;
 const char* OsCfgGetCommon(const char* a_szKey, const char* a_szDefault);

@@ -1,8 +1,8 @@
-// os_cfg_tags.h: every configuration tag, once. The row's place is its number, from 1; all else about tags is derived
-// from this list.
+// os_cfg_tags.h: the list of all configuration tags. A row's position is its number, from 1; everything else about tags
+// is derived from this list.
 //
-// X(enumerator behind OS_CFGTAG_, name in INI files, section behind OS_CFGSECTION_, built-in default). A null default:
-// the tag is empty, or the configuration computes its value.
+// X(enumerator behind OS_CFGTAG_, name in INI files, section behind OS_CFGSECTION_, built-in default). With a null
+// default the tag is empty, or the configuration computes its value.
 #pragma once
 
 // clang-format off

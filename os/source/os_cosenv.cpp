@@ -14,14 +14,14 @@
 
 static constexpr char g_szSource[] = "os/source/os_coscfg";
 
-// A terminated 16-bit text in room of its own: what is short needs no allocation.
+// A terminated 16-bit text with a built-in buffer, so that short texts need no allocation.
 class WideText
 {
 public:
     char16_t* Data() { return m_wszLong ? m_wszLong.get() : m_wszShort; }
     size_t Size() const { return m_sizetSize; }
 
-    // Makes room for at least so many characters, terminator included; what was there is gone.
+    // Provides a buffer for at least so many characters, including the terminator; the content is lost.
     bool Reserve(size_t a_sizetSize)
     {
         if (a_sizetSize <= m_sizetSize)
@@ -31,7 +31,7 @@ public:
         return m_wszLong != nullptr;
     }
 
-    // Takes a UTF-8 text, which never has fewer bytes than characters.
+    // Converts a UTF-8 text, which never has fewer bytes than 16-bit characters.
     bool Assign(const char* a_szText)
     {
         return Reserve(std::strlen(a_szText) + 1) && CopyStringFromUtf8(Data(), Size(), a_szText) != 0;
@@ -46,14 +46,14 @@ private:
 
 // ---------------------------------------------------------------------------------------------------------- read
 
-// The value; an empty one when the variable is unset. False (logged) when there is no memory for it.
+// Reads the value, "" if unset. False (logged) when there is no memory.
 static bool ReadValue(const char* a_szName, WideText& a_widetext)
 {
     WideText widetextName;
     bool blMemory = widetextName.Reserve(std::strlen(a_szName) + 1);
     const bool blName = blMemory && widetextName.Assign(a_szName);
 
-    // Another thread may make the value longer between the two calls.
+    // Retries: another thread may set a longer value between the two calls.
     size_t sizetLength = 0;
     while (blName && blMemory)
     {
@@ -196,7 +196,7 @@ struct Listing
     bool blMemory = true;
 };
 
-// Exceptions stay on this side of the platform layer: they end the listing.
+// Exceptions must not pass through the platform layer: they end the listing.
 static bool AppendVariable(void* a_pvListing, const char16_t* a_wszName, const char16_t* a_wszValue)
 {
     auto& listing = *static_cast<Listing*>(a_pvListing);

@@ -1,8 +1,8 @@
-// os_coslnk.cpp: the list. The implementation comes in the order: geometry, nodes, growing, adding, walking,
-// removing; then the public object.
+// os_coslnk.cpp: the list. Order of the implementation: geometry, nodes, growing, adding, walking, removing; then the
+// public object.
 //
-// Nodes lie back to back, so with an odd item size their two leading words are not aligned: they are read and written
-// byte-wise, which costs nothing where they are.
+// Nodes are packed, so with an odd item size their two header words are unaligned: they are accessed with memcpy, which
+// costs nothing when they are aligned.
 #include "os_coslnk.h"
 
 #include "os_cosmem.h"
@@ -19,8 +19,8 @@
 
 static constexpr char g_szSource[] = "os/source/os_coslnk";
 
-static constexpr uint32_t g_u32NodeHeader = 16;   // the next node, and whether this one holds an item
-static constexpr uint32_t g_u32NodeUsed = 8;      // where the second of the two is
+static constexpr uint32_t g_u32NodeHeader = 16;   // the next node, and whether this one is in use
+static constexpr uint32_t g_u32NodeUsed = 8;      // offset of the second of the two
 
 class COsLnkImpl
 {
@@ -39,7 +39,7 @@ public:
     int32_t Count() const { return m_i32Count.load(std::memory_order_relaxed); }
     uint32_t ChunkCount() const { return m_u32Chunks.load(std::memory_order_relaxed); }
 
-    // A node, seen from outside as its item.
+    // A node; callers see its item.
     using Node = char*;
     static Node NodeOf(const void* a_pvItem)
     {
@@ -80,7 +80,7 @@ private:
     bool IsChunkFree(uint32_t a_u32Chunk) const;
     void Shrink();
 
-    // The items' bytes, or -999 when either is missing.
+    // Compares the items' bytes; -999 when either is null.
     static int Compare(const void* a_pvLeft, const void* a_pvRight, uint32_t a_u32Size);
 
     uint32_t m_u32ItemSize = 0;
@@ -89,12 +89,12 @@ private:
     Node m_nodeHead = nullptr;
     std::atomic<uint32_t> m_u32Chunks = 0;
     std::atomic<int32_t> m_i32Count = 0;
-    char** m_apcChunk = nullptr;   // the chunks, and a null entry behind the last
+    char** m_apcChunk = nullptr;   // the chunks, terminated by a null entry
     uint64_t m_u64Lock = 0;
     OsLnkHolder m_oslnkholder = {};
 
     Node m_nodeTail = nullptr;
-    size_t m_sizetFirstFree = 0;   // no node below is free, counted through all chunks
+    size_t m_sizetFirstFree = 0;   // all nodes below are used, counted through all chunks
 };
 
 // ------------------------------------------------------------------------------------------------------- geometry
@@ -160,7 +160,7 @@ static char** AllocChunkTable(uint32_t a_u32Chunks)
     return static_cast<char**>(OSMEMALLOC((static_cast<size_t>(a_u32Chunks) + 1) * sizeof(char*), OS_MEMFLAG_BLOCK));
 }
 
-// One chunk more. Nothing has changed when there is no memory for it.
+// Adds one chunk. Without memory nothing changes.
 bool COsLnkImpl::Grow()
 {
     const uint32_t u32Chunks = m_u32Chunks;
@@ -318,7 +318,7 @@ bool COsLnkImpl::IsChunkFree(uint32_t a_u32Chunk) const
     return node == nodeEnd;
 }
 
-// Gives back the first chunk that is wholly free, while the others keep a few free nodes for what comes next.
+// Frees the first chunk without items, if the others still have a few free nodes.
 void COsLnkImpl::Shrink()
 {
     static constexpr size_t sizetReserve = 3;

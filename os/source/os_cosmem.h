@@ -1,7 +1,7 @@
 // os_cosmem.h: the tracked memory manager, shared memory, and the encodings.
 //
-// One process-wide manager counts and records every block. Without it (before the library starts, after it stops)
-// the tracked operations fail.
+// One process-wide manager counts and records every block. While there is none (before the library starts, after it
+// stops) the tracked operations fail.
 #pragma once
 
 #include "os_types.h"
@@ -50,14 +50,14 @@ enum EOSSHAREDLOCK : uint32_t
 // Flags of a shared allocation.
 inline constexpr uint32_t OS_SHAREDFLAG_FILE = 4;            // backed by the file, whatever the mode
 inline constexpr uint32_t OS_SHAREDFLAG_READONLY = 16;       // an open that only reads
-inline constexpr uint32_t OS_SHAREDFLAG_EXCLUSIVE = 0x800;   // the file is not shared with others
+inline constexpr uint32_t OS_SHAREDFLAG_EXCLUSIVE = 0x800;   // the file is opened without sharing
 
 using OsMemExternalAllocProc = void* (*)(size_t a_sizetBytes);
 using OsMemExternalFreeProc = void (*)(void* a_pvBlock);
 
 class COsMemImpl;
 
-// The manager. Made once per process by the start of the library; it installs itself as the process's manager.
+// The manager. Created once per process by the start of the library; installs itself as the process's manager.
 class COsMem
 {
 public:
@@ -72,11 +72,11 @@ public:
 
     struct Counts
     {
-        uint32_t u32Allocations;   // made so far
+        uint32_t u32Allocations;   // total so far
         uint32_t u32Current;       // live now
         uint64_t u64CurrentBytes;
         uint64_t u64PeakBytes;
-        uint32_t u32Frees;   // made so far
+        uint32_t u32Frees;   // total so far
     };
     Counts GetCounts() const;
 
@@ -86,37 +86,37 @@ private:
 
 bool OsMemExists();   // true while the process has a manager
 
-// A zero-filled block, 64 bytes longer than asked; null, logged and reported, when there is no memory.
+// Allocates a zero-filled block, 64 bytes longer than requested; null (logged and reported) when there is no memory.
 // a_szFile and a_u32Line are the caller's, for the trace.
 void* OsMemAlloc(size_t a_sizetBytes, const char* a_szFile, uint32_t a_u32Line, uint32_t a_u32Flags);
-// Of a block that came while the table of 2,048 was full, the free is logged ("Can't find managed item...") and done.
+// For a block allocated while the table of 2,048 was full, logs "Can't find managed item..." and frees it.
 void OsMemFree(void* a_pvBlock, const char* a_szFile, uint32_t a_u32Line, uint32_t a_u32Flags);
 
-// While off, the tracker logs no line for each block of the calling thread.
+// While off, no lines are logged for blocks of the calling thread.
 void OsMemSetTrace(bool a_blTrace);
 
 // Logs the record of a block, or of every block in use when a_pvBlock is null.
 void OsMemDump(const void* a_pvBlock);
 
-// Maps the shared memory that the file a_szName stands for. a_u64Bytes is its size in bytes and a_i64View how much of
-// it to map (0 and less: all); for open both may be 0: what is there. Opening a file that is shorter than a_u64Bytes
-// makes it longer. Returns the view, or null (logged), also when the lock that was asked for is held by another.
-// The view is released with OsMemFree; a created file goes with its last handle.
+// Maps the shared memory named by the file a_szName. a_u64Bytes is its size and a_i64View the part to map (0 or less:
+// all); for an open both may be 0: the existing size. Opening a file shorter than a_u64Bytes extends it. Returns the
+// view, or null (logged), also when the requested lock is held by another process. Release the view with OsMemFree; a
+// created file is deleted with its last handle.
 void* OsMemSharedAlloc(EOSSHAREDALLOC a_eossharedalloc, const char* a_szName, uint64_t a_u64Bytes, int64_t a_i64View,
                        EOSSHAREDLOCK a_eossharedlock, uint32_t a_u32Flags, const char* a_szFile, uint32_t a_u32Line);
 
-// Takes the mapping's lock between processes, without waiting: EOSSTS_LOCKED when this process holds it afterwards,
-// EOSSTS_NOTLOCKED when another does, EOSSTS_FAIL for what is no mapping.
+// Tries to take the mapping's inter-process lock: EOSSTS_LOCKED when this process holds it afterwards, EOSSTS_NOTLOCKED
+// when another process does, EOSSTS_FAIL when a_pvView is not a mapping.
 EOSSTS OsMemSharedLock(void* a_pvView, const char* a_szFile, uint32_t a_u32Line);
 EOSSTS OsMemSharedUnlock(void* a_pvView, const char* a_szFile, uint32_t a_u32Line);
 
-// How many bytes of a view can be touched: less than it has when somebody has cut its file since, 0 for what is no
-// view. To touch what has been cut off ends the process, outside of a PlatMappingGuard.
+// The number of accessible bytes of a view: less than its size if another process has truncated the file, 0 if it is
+// not a view. Accessing truncated bytes outside a PlatMappingGuard ends the process.
 uint64_t OsMemSharedSize(void* a_pvView, const char* a_szFile, uint32_t a_u32Line);
 EOSSTS OsMemSharedFlush(void* a_pvView, const char* a_szFile, uint32_t a_u32Line);
 
-// Moves a view to another offset, rounded down to the system's granularity, so that it holds the a_sizetSize bytes
-// (0: all to the end) from there. Returns the new view (the old one is gone), or null (the old one is still there).
+// Moves a view to another offset, rounded down to the system's granularity, so that it covers a_sizetSize bytes (0: to
+// the end) from there. Returns the new view (the old one is invalid), or null (the old one stays valid).
 void* OsMemSharedRemap(void* a_pvView, uint64_t a_u64Offset, size_t a_sizetSize, const char* a_szFile,
                        uint32_t a_u32Line);
 
@@ -125,18 +125,18 @@ void* OsMemSharedRemap(void* a_pvView, uint64_t a_u64Offset, size_t a_sizetSize,
 #define OSMEMFREE(a_pvBlock, a_u32Flags)                                                                               \
     OsMemFree((a_pvBlock), g_szSource, static_cast<uint32_t>(__LINE__), (a_u32Flags))
 
-// Encodes into text with terminator. EOSSTS_FAIL for a bad argument or when it does not fit.
+// Encodes to terminated text. EOSSTS_FAIL for a bad argument or when it does not fit.
 EOSSTS Base64Encode(char* a_szDestination, size_t a_sizetDestination, size_t* a_psizetLength, const void* a_pvSource,
                     size_t a_sizetSource, bool a_blUrlSafe);
 
-// Decodes either alphabet up to the first "=". Bytes, not a text: a result that fits exactly has no terminator.
+// Decodes either alphabet up to the first "=". The result is bytes: one that fits exactly is not terminated.
 EOSSTS Base64Decode(void* a_pvDestination, size_t a_sizetDestination, size_t* a_psizetLength, const char* a_szSource,
                     size_t a_sizetSource);
 
-// Escapes for a URL into 2048 bytes. EOSSTS_NOMEMORY when it might not fit.
+// Escapes for a URL, up to 2048 bytes. EOSSTS_NOMEMORY when the worst case would not fit.
 inline constexpr size_t OS_URLSIZE = 2048;
 EOSSTS UrlEncode(char* a_szDestination, size_t* a_psizetLength, const void* a_pvSource, size_t a_sizetSource);
 
-// Logs what the process has used so far, at level 4 under the caller's name, while diagnostics are wanted and the
-// system tells it.
+// Logs the process's resource usage at level 4, with the caller's source name, if diagnostics are enabled and the
+// system provides it.
 void OsMemLogUsage(const char* a_szFile, uint32_t a_u32Line);

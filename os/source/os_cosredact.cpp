@@ -1,4 +1,4 @@
-// os_cosredact.cpp: the decision whether host names are redacted, and the redaction.
+// os_cosredact.cpp: decides whether host names are redacted, and redacts them.
 #include "os_cosredact.h"
 
 #include "os_cosenv.h"
@@ -34,7 +34,7 @@ static Redaction DecideRedaction()
 
 static bool IsRedacting()
 {
-    // The in-house test asks the network, which logs host names through here: those are redacted.
+    // The in-house test uses the network, which logs host names through here: these are redacted.
     static thread_local bool t_blDeciding = false;
 
     Redaction redaction = g_redaction.load(std::memory_order_relaxed);

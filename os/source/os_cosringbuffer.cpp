@@ -1,10 +1,10 @@
-// os_cosringbuffer.cpp: the block, who is attached to it, and the records in it.
+// os_cosringbuffer.cpp: the block, attaching to it, and its records.
 //
-// The data area runs from the end of the header to the end of the block and is gone through in circles. A record is a
-// header and its payload, padded to 8 bytes. The header lies in one piece: a tail that is too short for it is skipped
-// and counts as used until the reader has skipped it as well. The payload may go on at the begin of the area.
+// The data area runs from the end of the header to the end of the block and wraps around. A record is a header and its
+// payload, padded to 8 bytes. A record header is never split: a tail too short for it is skipped, and counts as used
+// until the reader has skipped it too. The payload may wrap around.
 //
-// Divided into: the header, attaching, the lock, writing, reading, the user area.
+// In order: the header, attaching, the lock, writing, reading, the user area.
 #include "os_cosringbuffer.h"
 
 #include "os_cosmem.h"
@@ -18,18 +18,18 @@
 
 static constexpr char g_szSource[] = "os/source/os_cosringbuffer";
 
-// Where the header holds what. The four numbers are signed and 32 bits wide.
+// Offsets in the header. The four numbers are signed 32-bit.
 static constexpr size_t OS_RING_VERSION = 0;
 static constexpr size_t OS_RING_CREATED = 1;
 static constexpr size_t OS_RING_TOTAL = 2;          // size of the block
-static constexpr size_t OS_RING_FREE = 6;           // bytes of the data area
-static constexpr size_t OS_RING_WRITEOFFSET = 10;   // of the next record to write; 0: no writer is attached
-static constexpr size_t OS_RING_READOFFSET = 14;    // of the next record to read; 0: no reader is attached
-static constexpr size_t OS_RING_WRITTEN = 18;       // records, modulo 256
+static constexpr size_t OS_RING_FREE = 6;           // free bytes of the data area
+static constexpr size_t OS_RING_WRITEOFFSET = 10;   // of the next record to write; 0: no writer attached
+static constexpr size_t OS_RING_READOFFSET = 14;    // of the next record to read; 0: no reader attached
+static constexpr size_t OS_RING_WRITTEN = 18;       // number of records, modulo 256
 
 static constexpr uint8_t g_u8Version = 1;
 static constexpr int32_t g_i32Alignment = 8;
-static constexpr int32_t g_i32LeastPayload = 8;   // less room than for this is none
+static constexpr int32_t g_i32LeastPayload = 8;   // smallest payload; less room counts as full
 
 static constexpr int64_t RoundUp(int64_t a_i64Value)
 {
@@ -55,8 +55,7 @@ int32_t COsRingBuffer::Total() const
     return m_header.Get(OS_RING_TOTAL);
 }
 
-// The part of the header in front of the read offset's upper half, as two words: LookForRecord reads them without
-// the lock.
+// The first two words of the header, which LookForRecord reads without the lock.
 static std::atomic_ref<uint64_t> Word(uint8_t* a_pu8Block, size_t a_sizetWord)
 {
     return std::atomic_ref<uint64_t>(*reinterpret_cast<uint64_t*>(a_pu8Block + a_sizetWord * sizeof(uint64_t)));
@@ -67,8 +66,7 @@ void COsRingBuffer::LoadHeader(Header* a_pheader) const
     std::memcpy(a_pheader->au8, m_pvBlock, sizeof a_pheader->au8);
 }
 
-// The record counter comes last: it is what tells the reader of a record, and a writer that is killed before has told
-// nothing.
+// The record counter is stored last, since it publishes the record: a writer killed before that has published nothing.
 void COsRingBuffer::StoreHeader()
 {
     uint64_t au64Word[2];
@@ -79,13 +77,13 @@ void COsRingBuffer::StoreHeader()
     std::atomic_ref<uint8_t>(*At(OS_RING_WRITTEN)).store(m_header.au8[OS_RING_WRITTEN], std::memory_order_release);
 }
 
-// Somebody may have cut the file.
+// Another process may have truncated the file.
 bool COsRingBuffer::IsWhole(int32_t a_i32Total) const
 {
     return !m_blCut && OsMemSharedSize(m_pvBlock, g_szSource, __LINE__) >= static_cast<uint64_t>(a_i32Total);
 }
 
-// Nothing that the header says points outside a block of the size that it says.
+// True if all offsets in the header are inside a block of the size that it states.
 bool COsRingBuffer::IsSound(const Header& a_header) const
 {
     const int32_t i32Total = a_header.Get(OS_RING_TOTAL);
@@ -180,7 +178,7 @@ EOSSTS COsRingBuffer::Connect(const char* a_szName, bool a_blWriter)
     return EOSSTS_SUCCESS;
 }
 
-// Takes the side of the block that is asked for, unless somebody has it.
+// Attaches as writer or reader, unless the block already has one.
 EOSSTS COsRingBuffer::Attach(bool a_blWriter)
 {
     LoadHeader(&m_header);
@@ -217,8 +215,8 @@ void COsRingBuffer::Release()
 
 // --------------------------------------------------------------------------------------------------------- the lock
 
-// Takes the lock and a copy of the header that has been checked. The lock is held only after EOSSTS_SUCCESS. From
-// then on the block may be touched: a file that is cut after the check is found out by Leave.
+// Takes the lock and a checked copy of the header. The lock is held only after EOSSTS_SUCCESS. The block may be
+// accessed from then on: if the file is truncated after the check, Leave detects it.
 EOSSTS COsRingBuffer::Enter()
 {
     const EOSSTS eosstsLock = OsMemSharedLock(m_pvBlock, g_szSource, __LINE__);
@@ -246,7 +244,7 @@ EOSSTS COsRingBuffer::Enter()
     return EOSSTS_SUCCESS;
 }
 
-// False when some of the block had gone that was touched since the lock was taken.
+// Releases the lock. False if bytes accessed since Enter were no longer in the file.
 bool COsRingBuffer::Leave()
 {
     m_blCut |= !PlatMappingUnguard();
@@ -256,7 +254,7 @@ bool COsRingBuffer::Leave()
 
 // ------------------------------------------------------------------------------------------------------------ writing
 
-// The data area is a circle. Takes what is less than one round too far.
+// Wraps an offset that is less than one round too large.
 int32_t COsRingBuffer::Wrap(int64_t a_i64Offset) const
 {
     return static_cast<int32_t>(a_i64Offset < Total() ? a_i64Offset : a_i64Offset - DataSize());
@@ -288,8 +286,7 @@ EOSSTS COsRingBuffer::Write(const void* a_pvBuffer, size_t a_sizetOffset, int32_
     return EOSSTS_SUCCESS;
 }
 
-// Returns how many bytes of the payload the record has got; 0, with nothing changed in the block, when there is no
-// room.
+// Returns the number of payload bytes written; 0, with the block unchanged, when there is no room.
 int32_t COsRingBuffer::Append(const uint8_t* a_pu8Payload, int32_t a_i32Length, Place* a_pplace)
 {
     const int32_t i32Tail = Total() - a_pplace->i32Offset;
@@ -347,7 +344,7 @@ EOSSTS COsRingBuffer::Read(void* a_pvBuffer, int32_t a_i32Length, int32_t* a_pi3
     }
 }
 
-// Tells without the lock whether there may be a record.
+// Checks without the lock whether there may be a record.
 EOSSTS COsRingBuffer::LookForRecord()
 {
     if (!IsWhole(Total()))
@@ -360,8 +357,8 @@ EOSSTS COsRingBuffer::LookForRecord()
     return blEmpty ? EOSSTS_NOSPACE : EOSSTS_SUCCESS;
 }
 
-// The counter alone cannot tell: it does not see 256 records that nobody has read, and their writer may be waiting for
-// an answer to them.
+// The counter alone is not enough: after exactly 256 unread records it is the same as before, and the writer may be
+// waiting for their answer.
 bool COsRingBuffer::LooksEmpty() const
 {
     if (std::atomic_ref<uint8_t>(*At(OS_RING_WRITTEN)).load(std::memory_order_acquire) != m_u8RecordsRead)
@@ -373,14 +370,14 @@ bool COsRingBuffer::LooksEmpty() const
     return IsEmpty(header, {m_header.Get(OS_RING_READOFFSET), header.Get(OS_RING_FREE)});
 }
 
-// What lies where the next record would be may be payload of an old one.
+// Must be checked before reading a record header: the bytes there may be payload of an old record.
 bool COsRingBuffer::IsEmpty(const Header& a_header, const Place& a_place) const
 {
     const int32_t i32Write = a_header.Get(OS_RING_WRITEOFFSET);
     return i32Write == 0 || (i32Write == a_place.i32Offset && a_place.i32Free >= DataSize());
 }
 
-// The record takes no more than what is used.
+// The record must not be larger than the used part of the data area.
 bool COsRingBuffer::RecordFits(const Place& a_place) const
 {
     const int64_t i64Used = int64_t{DataSize()} - a_place.i32Free;
@@ -389,7 +386,7 @@ bool COsRingBuffer::RecordFits(const Place& a_place) const
            m_i32RecordHeaderSize + RoundUp(m_recordheader.i32Length) <= i64Used;
 }
 
-// EOSSTS_NOSPACE when there is no record, EOSSTS_FAIL when there cannot be one like that.
+// EOSSTS_NOSPACE when there is no record, EOSSTS_FAIL when the record is invalid.
 EOSSTS COsRingBuffer::Take(uint8_t* a_pu8Buffer, int32_t a_i32Length, int32_t* a_pi32Read, int32_t* a_pi32Remaining)
 {
     Place place = {m_header.Get(OS_RING_READOFFSET), m_header.Get(OS_RING_FREE)};
@@ -436,7 +433,7 @@ void COsRingBuffer::FinishRecord(const Place& a_place)
 
 // ------------------------------------------------------------------------------------------------------ the user area
 
-// The user area is the end of the header.
+// The user area is at the end of the header.
 uint8_t* COsRingBuffer::UserArea() const
 {
     return At(m_i32HeaderSize - m_i32UserAreaSize);

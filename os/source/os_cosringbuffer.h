@@ -1,23 +1,23 @@
 // os_cosringbuffer.h: a one-way channel between two processes through a block of shared memory.
 //
-// One process writes records, another reads them in order. The block lies in a file that both map; it carries its own
-// header and a user area in which the two sides tell each other who they are.
+// One process writes records, another reads them in order. The block is in a file that both map; it contains its own
+// header and a user area in which the two sides identify themselves.
 //
-// An operation holds the block's lock between processes and never waits for it: EOSSTS_BUSY says that the other side
-// has it, EOSSTS_NOSPACE that there is nothing to read or no room to write; try again later. The lock of a process
-// that was killed is free at once. EOSSTS_FAIL is everything else, logged.
+// Operations take the block's inter-process lock and never wait for it. EOSSTS_BUSY: the peer holds the lock.
+// EOSSTS_NOSPACE: nothing to read or no room to write. Retry later in both cases. The lock of a killed process is
+// released at once. EOSSTS_FAIL (logged) is any other failure.
 //
-// Whoever may open the file may write anything into it: what the block says of itself is checked before it is used, and
-// a block that contradicts itself is refused. Where somebody cuts the file in the middle of an operation, this fails
-// and so does every later one, also when the file has grown again: what was in it is lost, and what its view shows is
-// no longer what others see. Release and a new block are the way on.
+// Any process that may open the file may write anything into it: header values are checked before use, and an
+// inconsistent block is refused. If another process truncates the file during an operation, this operation and all
+// later ones fail, even when the file has grown again: its content is lost, and the view no longer shows what others
+// see. Release and make a new block.
 //
 // An object is used by one thread at a time. Sizes and counts are in bytes.
 #pragma once
 
 #include "os_types.h"
 
-// Made by its user with new. Its size is part of the log.
+// Created by the caller with new. Its size appears in the log.
 class COsRingBuffer
 {
 public:
@@ -26,22 +26,22 @@ public:
     COsRingBuffer(const COsRingBuffer&) = delete;
     COsRingBuffer& operator=(const COsRingBuffer&) = delete;
 
-    // Makes the block, with room for so many bytes of records and their headers, and attaches to it. Whoever made it
-    // takes the file along when it releases it.
+    // Creates a block with room for a_u32Size bytes of records and record headers, and attaches to it. Releasing it
+    // deletes the file.
     EOSSTS Create(const char* a_szName, bool a_blWriter, uint32_t a_u32Size);
 
-    // Attaches to a block that another has made. A block takes one writer and one reader in its life.
+    // Attaches to a block of another process. A block accepts one writer and one reader in its life.
     EOSSTS Connect(const char* a_szName, bool a_blWriter);
 
-    // Appends one record of a_i32Length bytes from a_pvBuffer + a_sizetOffset, or of as many as there is room for:
+    // Appends one record of up to a_i32Length bytes from a_pvBuffer + a_sizetOffset, as many as there is room for:
     // *a_pi32Written.
     EOSSTS Write(const void* a_pvBuffer, size_t a_sizetOffset, int32_t a_i32Length, int32_t* a_pi32Written);
 
-    // Takes up to a_i32Length bytes of the oldest record into a_pvBuffer: *a_pi32Read. *a_pi32Remaining bytes of the
-    // record are left for the next call; the record makes room once that is 0.
+    // Reads up to a_i32Length bytes of the oldest record into a_pvBuffer: *a_pi32Read. *a_pi32Remaining bytes of the
+    // record are left for the next call; at 0 its room is freed.
     EOSSTS Read(void* a_pvBuffer, int32_t a_i32Length, int32_t* a_pi32Read, int32_t* a_pi32Remaining);
 
-    // The first bytes of the user area.
+    // Size of the data at the beginning of the user area.
     static constexpr size_t OS_RINGUSERDATA = 16;
     EOSSTS UserAreaWrite(const void* a_pvData);
     EOSSTS UserAreaRead(void* a_pvData);
@@ -53,7 +53,7 @@ private:
     static constexpr int32_t OS_RINGRECORDHEADER = 16;
     static constexpr int32_t OS_RINGUSERAREA = 64;
 
-    // A copy of the block's header, byte by byte as it lies there: the numbers are not aligned.
+    // A copy of the block's header; the numbers are unaligned.
     struct Header
     {
         int32_t Get(size_t a_sizetField) const;
@@ -64,13 +64,13 @@ private:
 
     struct RecordHeader
     {
-        int32_t i32Length = 0;     // of the payload
-        int32_t i32Consumed = 0;   // payload that the reader has taken
+        int32_t i32Length = 0;     // of the payload, in bytes
+        int32_t i32Consumed = 0;   // payload bytes already read
         uint64_t u64Zero = 0;
     };
     static_assert(sizeof(RecordHeader) == OS_RINGRECORDHEADER);
 
-    // Where a side is in the data, and how much of the data is free.
+    // An offset in the data area, and the number of free bytes.
     struct Place
     {
         int32_t i32Offset;
@@ -106,9 +106,9 @@ private:
     int32_t m_i32UserAreaSize = OS_RINGUSERAREA;
     void* m_pvBlock = nullptr;   // null while not attached
     bool m_blWriter = false;
-    uint8_t m_u8RecordsRead = 0;   // modulo 256, as the block counts
-    Header m_header;               // the block's, checked; its total size is the one that was checked when attaching
-    bool m_blCut = false;          // a part of the view has gone
-    RecordHeader m_recordheader;   // of the record that is worked on
+    uint8_t m_u8RecordsRead = 0;   // modulo 256, like OS_RING_WRITTEN
+    Header m_header;               // checked copy; its total size was checked when attaching
+    bool m_blCut = false;          // a part of the view is no longer in the file
+    RecordHeader m_recordheader;   // of the current record
 };
 static_assert(sizeof(COsRingBuffer) == 136);

@@ -1,18 +1,17 @@
-// os_cossocket.h: one connection, over TCP or another transport that the host name chooses.
+// os_cossocket.h: one connection, over TCP or another transport that the host name selects.
 //
 // Server: construct, SocketCreate (no source), SocketListen, SocketGetInfo for the port; then for each client a second
 // object, SocketCreate (source = listener), SocketAccept. Client: construct, SocketConnect. Then SocketRead and
 // SocketWrite, SocketDisconnect, destroy.
 //
-// One thread reads and one thread writes an object at a time; another may call SocketCancel or SocketDisconnect to end
-// a blocked read.
+// One thread may read while another writes; a third may call SocketCancel or SocketDisconnect to end a blocked read.
 // Time-outs are in milliseconds, OS_INFINITE is no limit.
 //
-// The host "@SHAREDMEMORY" connects to channels in files that another process has made. The port is the path of one
-// channel, whose name begins with "w" (this side reads it) or "r" (this side writes it), or of two: the one that this
-// side writes, ";", the one that it reads. A read then gives at most one record, a write returns when everything is
-// stored, and both fail when the other process ends. Stop events, threads and the time-out of a write have no meaning
-// there, and SocketCancel reaches the waits of the other side.
+// The host "@SHAREDMEMORY" connects to channels in files that another process has created. The port is the path of one
+// channel, whose name begins with "w" (this side reads it) or "r" (this side writes it), or two paths: the channel that
+// this side writes, ";", the one that it reads. Then a read returns at most one record, a write returns when everything
+// is stored, and both fail when the other process ends. Stop events, threads and write time-outs are ignored there, and
+// SocketCancel ends the waits of the peer.
 #pragma once
 
 #include "os_types.h"
@@ -45,34 +44,34 @@ public:
     COsSocket(const COsSocket&) = delete;
     COsSocket& operator=(const COsSocket&) = delete;
 
-    // Without a source: a listening socket bound to host (null: 127.0.0.1; a dotted address) and port ("0": the
-    // system chooses). With one: an accept-side socket on the source's listener. EOSSTS_NOMEMORY for want of
-    // descriptors or memory, EOSSTS_FAIL on any other failure; the object then holds no handles.
+    // Without a source: binds a listening socket to host (null: 127.0.0.1; a dotted address) and port ("0": chosen by
+    // the system). With one: makes an accept-side socket for the source's listener. EOSSTS_NOMEMORY when there are no
+    // descriptors or no memory left, EOSSTS_FAIL on any other failure; the object then holds no handles.
     EOSSTS SocketCreate(const char* a_szHost, const char* a_szPort, const char* a_szName, COsSocket* a_possocketSource);
     EOSSTS SocketListen();
 
-    // A listener: how much the system keeps of each of its connections that was not read, in bytes and roughly. Before
-    // SocketListen. EOSSTS_NOTOPEN without a listener, EOSSTS_FAIL.
+    // Listener: sets the approximate receive buffer of its connections, in bytes. Call before SocketListen.
+    // EOSSTS_NOTOPEN without a listener, EOSSTS_FAIL.
     EOSSTS SocketSetReceiveBuffer(uint32_t a_u32Bytes);
 
-    // Waits for a connection without limit. EOSSTS_EXITED when a_possyncStop (may be null) is signalled,
-    // EOSSTS_NOTOPEN without a listener, EOSSTS_CANCELLED; EOSSTS_NOMEMORY when the connection cannot be taken now for
-    // want of descriptors or memory: it waits on, and may be tried again; EOSSTS_FAIL.
+    // Waits for a connection without limit. EOSSTS_EXITED when a_possyncStop (may be null) is signalled, EOSSTS_NOTOPEN
+    // without a listener, EOSSTS_CANCELLED; EOSSTS_NOMEMORY when there are no descriptors or no memory left: the
+    // connection stays pending, retry later; EOSSTS_FAIL.
     EOSSTS SocketAccept(COsSync* a_possyncStop);
 
     struct ConnectArgs
     {
         const char* szHost = nullptr;   // null: 127.0.0.1
         const char* szPort = nullptr;
-        const char* szName = "";       // a label for the log
-        uint64_t u64ProcessId = 0;     // its end aborts the attempt, and every later wait of the connection
-        bool blWatchAttempt = false;   // its end aborts the attempt alone
-        bool blSecure = false;         // told in the log only
+        const char* szName = "";       // for the log
+        uint64_t u64ProcessId = 0;     // its end aborts the attempt and all later waits
+        bool blWatchAttempt = false;   // its end aborts only the attempt
+        bool blSecure = false;         // for the log only
         int32_t i32Timeout = -1;       // -1: 20000
         bool blNoDelay = false;
-        uint32_t u32SendBuffer = 0;   // bytes that may be on their way, roughly; 0: as the system sees fit
+        uint32_t u32SendBuffer = 0;   // approximate send buffer in bytes; 0: the system's default
     };
-    // Success says that the attempt is over; a refused connection shows at the first read or write.
+    // Success means that the attempt is over; a refused connection is reported by the first read or write.
     // EOSSTS_TIMEOUT, EOSSTS_CANCELLED, EOSSTS_EXITED, EOSSTS_FAIL.
     EOSSTS SocketConnect(const ConnectArgs& a_connectargs);
 
@@ -81,52 +80,51 @@ public:
         void* pvBuffer = nullptr;
         size_t sizetBuffer = 0;
         uint32_t u32Timeout = OS_INFINITE;   // 0: does not wait
-        uint32_t u32Tag = 0;                 // a number for the log
+        uint32_t u32Tag = 0;                 // for the log
         COsThread* posthread = nullptr;      // the end of its child process ends the wait
-        COsSync* possyncStop = nullptr;      // signalled: ends the wait
-        bool blQuiet = false;                // a failed wait is a note, not an error
+        COsSync* possyncStop = nullptr;      // ends the wait when signalled
+        bool blQuiet = false;                // a failed wait is logged as a note, not an error
         bool blRaw = false;
-        // How many leading bytes of the buffer may be other than zero (null: all). Afterwards: how many are. A
-        // caller that reads into one buffer again and again need not have all of it cleared each time.
+        // On entry: how many leading bytes of the buffer may be non-zero (null: all). On return: how many are. Saves
+        // clearing the whole buffer when it is reused.
         size_t* psizetDirty = nullptr;
     };
-    // Takes what one receive gives; the rest of the buffer is zero afterwards. EOSSTS_DISCONNECTED when the peer
-    // has gone or the read was cancelled, EOSSTS_EXITED, EOSSTS_TIMEOUT, EOSSTS_NOTOPEN, EOSSTS_FAIL.
+    // Returns the bytes of one receive; the rest of the buffer is zeroed. EOSSTS_DISCONNECTED when the peer has closed
+    // or the read was cancelled, EOSSTS_EXITED, EOSSTS_TIMEOUT, EOSSTS_NOTOPEN, EOSSTS_FAIL.
     EOSSTS SocketRead(const ReadArgs& a_readargs, size_t* a_psizetRead);
 
     struct WriteArgs
     {
         const void* pvBuffer = nullptr;
         size_t sizetBuffer = 0;
-        uint32_t u32Timeout = OS_INFINITE;   // of the wait for room; its end is no error
+        uint32_t u32Timeout = OS_INFINITE;   // of the wait for room; a time-out is no error
         uint32_t u32Tag = 0;
         bool blLogging = true;
         bool blRaw = false;
     };
-    // Hands over what one send takes, possibly less than asked. EOSSTS_DISCONNECTED when the peer has gone.
+    // Sends what one system call accepts, possibly less than requested. EOSSTS_DISCONNECTED when the peer has closed.
     EOSSTS SocketWrite(const WriteArgs& a_writeargs, size_t* a_psizetWritten);
 
-    // Hands over what the system takes at once of a TCP connection, and logs nothing. Nothing is taken before the
-    // system says that there is room, which is then a good part of what it keeps: so a short text goes whole.
-    // EOSSTS_SUCCESS with the number of bytes; EOSSTS_DISCONNECTED when the peer has gone or closed: nothing is sent to
-    // it then; EOSSTS_NOTOPEN.
+    // Non-blocking send on a TCP connection; logs nothing. Sends nothing until the system reports the socket writeable,
+    // which means that a good part of its buffer is free: so a short text is sent whole. EOSSTS_SUCCESS with the number
+    // of bytes; EOSSTS_DISCONNECTED when the peer has closed: nothing is sent then; EOSSTS_NOTOPEN.
     EOSSTS SocketTrySend(const void* a_pvBuffer, size_t a_sizetBuffer, size_t* a_psizetSent);
 
-    // Closes the sending direction of a TCP connection: the peer reads what was sent, then the end. Reading goes on.
-    // EOSSTS_DISCONNECTED when the connection has gone, EOSSTS_NOTOPEN. Logs nothing, nor do the next two.
+    // Shuts down the sending direction of a TCP connection: the peer reads what was sent, then end of file. Reading
+    // still works. EOSSTS_DISCONNECTED when the connection is closed, EOSSTS_NOTOPEN. This and the next two log
+    // nothing.
     EOSSTS SocketEndSending();
 
-    // Who has the other end of a TCP connection of this machine, and how much of what arrived there was not read.
-    // EOSSTS_FAIL where the system cannot tell, EOSSTS_NOTOPEN.
+    // The process at the other end of a TCP connection on this machine, and how many received bytes it has not read.
+    // EOSSTS_FAIL when the system cannot tell, EOSSTS_NOTOPEN.
     EOSSTS SocketPeerOwner(PlatSocketOwner* a_pplatsocketowner);
 
-    // Bytes that were sent and have not arrived at the peer's system. EOSSTS_NOTOPEN, EOSSTS_FAIL.
+    // Bytes sent but not yet received by the peer's system. EOSSTS_NOTOPEN, EOSSTS_FAIL.
     EOSSTS SocketUnsent(size_t* a_psizetBytes);
 
-    // The one wait of the TCP transport. Each of the words may be null: what is not asked is not reported. *read: on
-    // entry 1 accept, 2 connect, else read; all: on return the events seen (PLAT_SOCKET_...). A wait for writing
-    // that times out is a success with 2 in *write. EOSSTS_NOMEMORY when the wait itself cannot begin for want of
-    // descriptors or memory.
+    // The wait of the TCP transport. Each pointer may be null: that event is not reported. *read: on entry 1 accept, 2
+    // connect, otherwise read; all: on return the events (PLAT_SOCKET_...). A wait for writing that times out is a
+    // success with 2 in *write. EOSSTS_NOMEMORY when there are no descriptors or no memory left for the wait.
     struct SelectArgs
     {
         uint32_t* pu32Read = nullptr;
@@ -139,19 +137,18 @@ public:
     };
     EOSSTS SocketSelect(const SelectArgs& a_selectargs);
 
-    // Ends the wait that is under way, or the next one. Any thread.
+    // Ends the current wait, or the next one. Thread-safe.
     void SocketCancel();
 
-    // Shuts the connection down and releases everything, as often as called. Any thread: what is under way ends, and
-    // has ended when the call returns. Graceful: what was written is sent off; when a read was ended by it, the peer is
-    // given time to close.
+    // Shuts the connection down and releases everything; may be called repeatedly. Thread-safe: calls in progress end
+    // before it returns. Graceful: written data is sent first; if a read was ended, the peer gets time to close.
     void SocketDisconnect(bool a_blGraceful);
 
-    // In a fork of the process that connected: closes this process's descriptors of a TCP connection, which stays the
-    // parent's as it is. Waits for nobody and logs nothing.
+    // In a fork of the process that connected: closes this process's descriptors of a TCP connection without affecting
+    // the parent's. Does not wait and does not log.
     void SocketLeaveToParent();
 
-    // The address and port in use. Buffers of OS_SOCKETHOSTSIZE and OS_SOCKETPORTSIZE bytes, each may be null.
+    // The local address and port. Buffers of OS_SOCKETHOSTSIZE and OS_SOCKETPORTSIZE bytes, each may be null.
     EOSSTS SocketGetInfo(char* a_szHost, char* a_szPort);
 
     // A host name's dotted address, into OS_SOCKETHOSTSIZE bytes.
@@ -163,9 +160,9 @@ private:
     COsSocketImpl* m_possocketimpl;   // null only when its allocation failed
 };
 
-// Starts the system's sockets once; the library's stop ends them.
+// Initialises the system's sockets once; the library's stop ends them.
 bool OsSocketInitializeStatic();
 void OsSocketCleanupStatic();
 
-// True on the maker's own machines, of which there are none.
+// True on the maker's own machines; no machine is one today.
 bool OsIsInHouseMachine();

@@ -5,7 +5,7 @@
 
 class COsSyncImpl;
 
-// Events are auto-reset and start not signalled. Create, open and close run in one thread; set and wait in any.
+// Events are auto-reset and start not signalled. Create, open and close in one thread; set and wait in any.
 class COsSync
 {
 public:
@@ -14,11 +14,11 @@ public:
     COsSync(const COsSync&) = delete;
     COsSync& operator=(const COsSync&) = delete;
 
-    // Creates an unnamed event (a_szName null or empty), a named one, or a named one that is registered in a group
-    // of up to eight. Returns EOSSTS_SUCCESS, or EOSSTS_FAIL with the object free again.
+    // Creates an unnamed event (a_szName null or empty), a named one, or a named one in a group of up to eight.
+    // EOSSTS_SUCCESS, or EOSSTS_FAIL, after which the object can be used again.
     EOSSTS EventCreate(const char* a_szName, const char* a_szGroup);
 
-    // Opens a named event of whichever process. EOSSTS_NOTFOUND when no event has the name, EOSSTS_FAIL else.
+    // Opens a named event of any process. EOSSTS_NOTFOUND when no such event exists, EOSSTS_FAIL otherwise.
     EOSSTS EventOpen(const char* a_szName);
 
     EOSSTS EventSet();
@@ -31,10 +31,10 @@ public:
     // Later waits end when that process ends; 0 removes the watch.
     EOSSTS EventIncludeProcessId(uint64_t a_u64ProcessId);
 
-    // Releases the event and its place in the group; the object can be created or opened again.
+    // Closes the event and leaves the group; the object can be created or opened again.
     void EventClose();
 
-    // The event's handle for a wait of another kind, OS_INVALID when there is none.
+    // The event's handle for other waits, OS_INVALID if there is none.
     OSHANDLE EventHandle() const;
 
 private:

@@ -14,7 +14,7 @@ static constexpr char g_szSource[] = "os/source/os_costime";
 static_assert(offsetof(OsTimeRecord, u16Day) == offsetof(PlatTime, u16Day) &&
               offsetof(OsTimeRecord, u16Milliseconds) == offsetof(PlatTime, u16Milliseconds));
 
-// One reading of the clock gives both, so that the microseconds belong to the record's millisecond.
+// One clock reading gives both, so that the microseconds belong to the record's millisecond.
 static EOSSTS ReadClock(bool (*a_pConvert)(uint64_t, PlatTime*), OsTimeRecord* a_postimerecord,
                         uint32_t* a_pu32Microseconds)
 {

@@ -22,8 +22,8 @@ inline constexpr size_t OS_TIMESTAMPSIZE = 512;
 EOSSTS OsTimeLocal(OsTimeRecord* a_postimerecord, uint32_t* a_pu32Microseconds);
 EOSSTS OsTimeUtc(OsTimeRecord* a_postimerecord, uint32_t* a_pu32Microseconds);
 
-// The local time of a clock that counts units of 100 ns since 1601-01-01 UTC. False, with the record left as it was,
-// for a time before 1601 or after 9999.
+// The local time of a clock in units of 100 ns since 1601-01-01 UTC. False, with the record unchanged, for a time
+// before 1601 or after 9999.
 bool OsTimeFromClock(uint64_t a_u64Clock, OsTimeRecord* a_postimerecord);
 
 // Writes the 20 digits of year, month, day, hour, minute, second, milliseconds and microseconds into a buffer of

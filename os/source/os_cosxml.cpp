@@ -1,4 +1,4 @@
-// os_cosxml.cpp: take a field out of an XML-like text, or change it there, by plain substring search.
+// os_cosxml.cpp: extracts or replaces a field of an XML-like text by plain substring search.
 #include "os_cosxml.h"
 
 #include "os_cosstring.h"
@@ -14,7 +14,7 @@ static constexpr char g_szSource[] = "os/source/os_cosxml";
 static constexpr std::string_view OS_CDATAOPEN = "<![CDATA[";
 static constexpr std::string_view OS_CDATACLOSE = "]]>";
 
-// Without both ends, one after the other, the value is no CDATA section and stays as it is.
+// A value without both CDATA markers is returned unchanged.
 static std::string_view UnwrapCdata(std::string_view a_strviewValue)
 {
     if (!a_strviewValue.starts_with(OS_CDATAOPEN))
@@ -25,7 +25,7 @@ static std::string_view UnwrapCdata(std::string_view a_strviewValue)
     return strviewRest.substr(0, strviewRest.size() - OS_CDATACLOSE.size());
 }
 
-// Where no logger exists, the failed-check hook is told.
+// Uses the failed-check hook when there is no logger.
 static void ReportOverflow(const char* a_szOpenTag, const char* a_szSource)
 {
     static constexpr char szText[] = "data overflow: %s %s";

@@ -1,4 +1,4 @@
-// os_log.cpp: the log call hands over to whatever logger is installed; the state word and its rule.
+// os_log.cpp: forwards log calls to the installed logger; the state word and its transitions.
 #include "os_log.h"
 
 std::atomic<COsLogSink*> g_poslogsink{nullptr};

@@ -1,9 +1,9 @@
 // os_log.h: the log call, the logging state word and nothing else.
 //
-// Everything logs, and the logger is built on nearly everything. So the call lives here at the bottom, and the
-// logger installs itself from above. With no logger the call does nothing.
+// Every layer logs, but the logger is built on top of nearly all of them. So the log call is here at the bottom, and
+// the logger installs itself from above. Without a logger the call does nothing.
 //
-// A source file states its own name once and logs with OSLOG:
+// A source file defines its name once and logs with OSLOG:
 //
 //     static constexpr char g_szSource[] = "os/source/os_cossync";
 //     OSLOG(OS_LOG_CHECK, "sync>>> must create/open first...");
@@ -15,39 +15,39 @@
 #include <cstdarg>
 #include <cstdint>
 
-// Levels. Every number is allowed; these have a meaning.
-inline constexpr uint32_t OS_LOG_ERROR = 1;         // the system failed us
+// Levels. Any number is allowed; these have a meaning.
+inline constexpr uint32_t OS_LOG_ERROR = 1;         // a system call failed
 inline constexpr uint32_t OS_LOG_SYNC = 2;          // a note on a synchronisation object
 inline constexpr uint32_t OS_LOG_NOTE = 4;          // a diagnostic note
 inline constexpr uint32_t OS_LOG_CHECK = 64;        // an argument or buffer failed its check
 inline constexpr uint32_t OS_LOG_MILESTONE = 128;   // a milestone of the run
 
-// What stands behind the call.
+// Interface of the logger behind the call.
 class COsLogSink
 {
 public:
-    // Logs one line. Must leave the calling thread's last error (plat_types.h) as it found it and must not rely
-    // on any lock that a caller may hold. a_szFile is the library path of the source, without extension.
+    // Logs one line. Must preserve the calling thread's last error (plat_types.h) and must not need any lock that a
+    // caller may hold. a_szFile is the library path of the source, without extension.
     virtual void VPrintf(const char* a_szFile, uint32_t a_u32Line, uint32_t a_u32Level, const char* a_szFormat,
                          va_list a_valist) = 0;
 
-    // The working flag word: not 0 means that diagnostics are wanted.
+    // The working flag word: diagnostics are enabled when it is not 0.
     virtual uint32_t WorkingWord() const = 0;
     virtual void SetWorkingWord(uint32_t) {}
 
 protected:
-    ~COsLogSink() = default;   // owned by whoever installed it
+    ~COsLogSink() = default;   // owned by the code that installed it
 };
 
-// The process-wide logger, null before it is installed and after it has gone.
+// The process-wide logger, null while none is installed.
 extern std::atomic<COsLogSink*> g_poslogsink;
 
-// Logs one line through a_poslogsink; null does nothing. The formats are those of SStrPrintf.
+// Logs one line through a_poslogsink; does nothing if it is null. Formats as SStrPrintf does.
 void OsLogPrintf(COsLogSink* a_poslogsink, const char* a_szFile, uint32_t a_u32Line, uint32_t a_u32Level,
                  const char* a_szFormat, ...) OS_PRINTFLIKE(5, 6);
 
-// The logger's working word, 0 without a logger. Code logs its diagnostics (levels 4 and 128) only where its
-// contract says so.
+// The logger's working word, 0 without a logger. Diagnostics (levels 4 and 128) are logged only where a contract says
+// so.
 inline uint32_t OsLogWorkingWord()
 {
     const COsLogSink* const poslogsink = g_poslogsink.load(std::memory_order_acquire);
@@ -70,20 +70,20 @@ inline void OsLogSetWorkingWord(uint32_t a_u32Flags)
 
 #define OSLOG(a_u32Level, ...) OSLOG_AT(g_szSource, static_cast<uint32_t>(__LINE__), (a_u32Level), __VA_ARGS__)
 
-// The logging state word: 0 logging allowed, 1 suppressed for a moment, 88 not started yet, 99 off for the process.
+// The logging state word: 0 logging allowed, 1 temporarily suppressed, 88 not started yet, 99 off for the process.
 inline constexpr int OS_LOGSTATE_ON = 0;
 inline constexpr int OS_LOGSTATE_SUPPRESSED = 1;
-inline constexpr int OS_LOGSTATE_ALLOW = 11;   // never stored: means 0, also where 88 is
+inline constexpr int OS_LOGSTATE_ALLOW = 11;   // never stored: sets 0, even from 88
 inline constexpr int OS_LOGSTATE_NOTSTARTED = 88;
 inline constexpr int OS_LOGSTATE_OFF = 99;
 
 int OsLogGetState();
 
-// Applies a new value and returns the previous one: 99 stays, 88 is left only for 11, 11 is stored as 0.
+// Sets the state and returns the previous one: 99 is final, 88 changes only with 11, and 11 is stored as 0.
 int OsLogSetState(int a_iState);
 
-// Suppresses this process's logging for the life of the object. Whoever finds it suppressed already leaves it to the
-// other to allow it again: who restored what he found could suppress it for good.
+// Suppresses this process's logging for the life of the object. If it was already suppressed, the other object ends the
+// suppression: restoring the suppressed state here could leave it on for good.
 class COsLogSuppress
 {
 public:
@@ -102,8 +102,8 @@ private:
     int m_iState;
 };
 
-// While it lives, the calling thread's lines do not wait for a collector that stands still: whoever is sending there
-// takes them along, or writes them to the file when it is given up. Of a process that is killed meanwhile they are
+// While it exists, the calling thread's lines do not wait for a stalled collector: another thread that is sending takes
+// them along, or writes them to the file when the connection is given up. If the process is killed meanwhile, they are
 // lost.
 class COsLogNoWait
 {
@@ -115,6 +115,6 @@ public:
 };
 bool OsLogMayWait();   // the calling thread
 
-// The failed-check hook: where a failed check is told when no logger exists. Null does nothing.
+// The failed-check hook: reports a failed check when there is no logger. Null does nothing.
 using OsLogCheckProc = void (*)(const char* a_szFile, uint32_t a_u32Line, const char* a_szText);
 extern std::atomic<OsLogCheckProc> g_poslogcheckproc;

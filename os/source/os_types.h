@@ -4,8 +4,8 @@
 #include <cstddef>
 #include <cstdint>
 
-// A function that formats as printf does: the arguments that hold the format and the first value, counted from 1.
-// The compiler then checks the values against the format.
+// For functions that format like printf: the positions of the format and of the first value, counted from 1, so that
+// the compiler checks the values against the format.
 #if defined(__GNUC__)
 #define OS_PRINTFLIKE(format_, first_) __attribute__((format(printf, format_, first_)))
 #else
@@ -18,13 +18,13 @@ enum EOSSTS : uint32_t
     EOSSTS_FAIL = 1,             // general failure
     EOSSTS_NOMEMORY = 2,         // a buffer is too small or an allocation failed
     EOSSTS_NOTOPEN = 3,          // bad argument, or the object is not created or opened
-    EOSSTS_BUSY = 4,             // a lock or shared object is held by another party; retry
+    EOSSTS_BUSY = 4,             // a lock or shared object is in use; retry
     EOSSTS_TIMEOUT = 5,          // a wait timed out
     EOSSTS_DISCONNECTED = 7,     // the connection is gone
     EOSSTS_CANCELLED = 8,        // a wait was ended by a cancel event
     EOSSTS_LOCKED = 9,           // this process holds the lock of a shared mapping
-    EOSSTS_NOTLOCKED = 10,       // it does not
-    EOSSTS_EXITED = 13,          // a watched process or thread has ended, or a required object is absent
+    EOSSTS_NOTLOCKED = 10,       // this process does not hold it
+    EOSSTS_EXITED = 13,          // a watched process or thread has ended, or a required object is missing
     EOSSTS_NOSPACE = 14,         // nothing to read, no room to write, nothing found to replace
     EOSSTS_NOTFOUND = 257,       // a named object or file does not exist
     EOSSTS_ACCESSDENIED = 258,   // access denied or refused
@@ -37,7 +37,7 @@ enum EOSSTS : uint32_t
 inline constexpr size_t OS_PATHSIZE = 512;
 inline constexpr uint32_t OS_INFINITE = 0xFFFFFFFFu;   // milliseconds without limit
 
-// A handle of the system that the library shows; it stays the library's. OS_INVALID is none.
+// A system handle exposed by the library, which keeps ownership. OS_INVALID is no handle.
 using OSHANDLE = uint64_t;
 inline constexpr OSHANDLE OS_INVALID = ~OSHANDLE{0};
 

@@ -1,6 +1,6 @@
-// os_cosspinlock.h: the lock for sections of a few instructions, in this process or in shared memory.
+// os_cosspinlock.h: a spin lock for sections of a few instructions, in this process or in shared memory.
 //
-// A 64-bit word, 0 free, 1 taken. Not re-entrant, without owner.
+// A 64-bit word: 0 free, 1 held. Not re-entrant, and it does not record its owner.
 #pragma once
 
 #include <atomic>

@@ -1,4 +1,4 @@
-// os_new.h: library objects come and go with a line in the log.
+// os_new.h: creates and frees library objects and logs both.
 #pragma once
 
 #include "os_log.h"
@@ -6,7 +6,7 @@
 #include <new>
 #include <utility>
 
-// Makes a library object and logs it under its class name; null, and logged, when there is no memory.
+// Makes a library object and logs it under its class name. Null (logged) when there is no memory.
 template <class Object, class... Arguments>
 Object* OsMemNew(const char* a_szFile, uint32_t a_u32Line, const char* a_szClass, Arguments&&... a_arguments)
 {
@@ -15,7 +15,7 @@ Object* OsMemNew(const char* a_szFile, uint32_t a_u32Line, const char* a_szClass
     {
         pobject = new (std::nothrow) Object(std::forward<Arguments>(a_arguments)...);
     }
-    catch (const std::bad_alloc&)   // thrown by what the object is made of
+    catch (const std::bad_alloc&)   // thrown by a constructor of a member
     {
     }
     if (!pobject)

@@ -1,4 +1,4 @@
-// os_scope.h: run something when a function is left, on whichever way.
+// os_scope.h: runs an action when a scope is left, by return or by exception.
 #pragma once
 
 #include <utility>

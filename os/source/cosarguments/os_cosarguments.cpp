@@ -1,5 +1,5 @@
-// os_cosarguments.cpp: the process-wide values beside the document, and the clearing of everything. What the
-// environment brings is in os_cosarguments_intake.cpp, what it is given in os_cosarguments_document.cpp.
+// os_cosarguments.cpp: the process-wide values beside the document, and clearing. os_cosarguments_intake.cpp reads the
+// inherited environment, os_cosarguments_document.cpp writes the environment of children.
 #include "os_cosarguments_impl.h"
 
 #include "os_cosenv.h"
@@ -19,7 +19,7 @@
 
 OsArgumentsTexts g_osargumentstexts;
 
-static uint64_t g_u64Lock;   // of the identity
+static uint64_t g_u64Lock;   // guards the collector's identity
 static OsCollectorIdentity g_oscollectoridentity;
 static std::atomic<bool> g_blServicesOwner{false};
 static char g_aszArgument[OS_ARGUMENT_LAST][OS_PATHSIZE];
@@ -95,7 +95,7 @@ static void ClearGeneral()
 
 static void ClearEnvironment()
 {
-    // Settings of other components that run inside the same applications.
+    // Settings of other components that run in the same applications.
     static constexpr const char* g_aszOther[] = {"OTTER_LOGDEBUG", "OTTER_LOGPATH",      "MVR_APPPROTOCOL",
                                                  "MVR_FIRMWARE",   "MVR_UIRESOURCEFILE", "MVR_UISOCKETUNICODE",
                                                  "UI_TIMEOUT"};

@@ -56,7 +56,7 @@ static const char* Configured(EOSCFGTAG a_eoscfgtag, const char* a_szElse)
     return *szValue ? szValue : a_szElse;
 }
 
-// The configuration keeps the pointer; a text that it has already may lie in the very buffer.
+// The configuration keeps the pointer. A value that it already has is skipped: it may lie in this very buffer.
 static void Store(EOSCFGTAG a_eoscfgtag, char (&a_szKept)[OS_PATHSIZE], const char* a_szValue)
 {
     if (!OsCfgExists() || !*a_szValue || !std::strcmp(a_szValue, OsCfgGetString(a_eoscfgtag)))
@@ -125,7 +125,7 @@ EOSSTS OsArgumentsBuild(const OsArgumentsBuildArgs& a_osargumentsbuildargs)
 
 static uint64_t g_u64ArgumentsLock;
 
-// A document that came from a process without a model gets ours.
+// A document inherited from a process without a model gets this process's model.
 static void InsertModel()
 {
     static constexpr char g_szClose[] = "</logpath>";
@@ -174,7 +174,7 @@ static void Release()
     PlatThreadDefer(false);
 }
 
-// A thread that holds the lock is not terminated: the others wait for it.
+// A thread that holds the lock must not be terminated: it would stay locked.
 void OsArgumentsPublish(bool a_blHold)
 {
     if (!a_blHold)

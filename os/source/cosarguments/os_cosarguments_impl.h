@@ -1,10 +1,10 @@
-// os_cosarguments_impl.h: what the sources of the class share.
+// os_cosarguments_impl.h: shared by the sources of the class.
 #pragma once
 
 #include "os_cosarguments.h"
 
-inline constexpr size_t OS_OVERRIDESIZE = 2048;   // of the override document
-inline constexpr size_t OS_VARIABLESIZE = 128;    // of the name of a variable
+inline constexpr size_t OS_OVERRIDESIZE = 2048;   // size of the override document
+inline constexpr size_t OS_VARIABLESIZE = 128;    // size of a variable's name
 
 // The families of variables that carry a document: plain, in base64, as 16-bit text.
 inline constexpr char OS_VARIABLE[] = "MVR_OSSERVICESARGUMENTS";
@@ -15,12 +15,12 @@ struct OsArgumentsTexts
 {
     char szDocument[OS_ARGUMENTSSIZE];
     char szOverride[OS_OVERRIDESIZE];
-    char szVariable[OS_VARIABLESIZE];   // that the document came from
+    char szVariable[OS_VARIABLESIZE];   // the variable that the document came from
 };
 extern OsArgumentsTexts g_osargumentstexts;
 
-// The variable of the family that is the calling thread's alone.
+// Builds the name of the family's variable for the calling thread.
 void OsArgumentsThreadVariable(const char* a_szFamily, char (&a_szName)[OS_VARIABLESIZE]);
 
-// Replaces an element of the document of this process, if it has one of that name.
+// Replaces the text of an element of this process's document, if the element exists.
 void OsArgumentsReplace(const char* a_szElement, const char* a_szValue);

@@ -1,8 +1,8 @@
-// os_cosarguments_intake.cpp: what the environment holds for this process: reading the inherited document, and the
-// intake of the library's start.
+// os_cosarguments_intake.cpp: reads the inherited document and the other variables for this process when the library
+// starts.
 //
-// A program that nobody of the family started finds nothing here, which must cost it next to nothing: a few reads of
-// variables, and buffers that nobody clears.
+// A program without a parent of the family finds nothing here, and that must be cheap: it reads a few variables and
+// clears no buffers.
 #include "os_cosarguments_impl.h"
 
 #include "os_cosenv.h"
@@ -16,13 +16,13 @@
 #include <cstring>
 #include <initializer_list>
 
-static constexpr size_t g_sizetWork = 8192;   // of what a variable carries
+static constexpr size_t g_sizetWork = 8192;   // of a variable's value
 static constexpr int64_t g_i64PortMost = 65535;
 
 // -------------------------------------------------------------------------------------------- one variable
 
-// The text that the variable holds, in base64 or as it is; "" when it is unset or damaged. EOSSTS_NOMEMORY when there
-// is more of it than any document has.
+// Reads the variable's text, decoding base64 if asked; "" when it is unset or damaged. EOSSTS_NOMEMORY when the text is
+// larger than any document.
 static EOSSTS ReadVariable(const char* a_szVariable, bool a_blEncoded, char* a_szText, size_t a_sizetText)
 {
     if (!a_blEncoded)
@@ -42,11 +42,11 @@ static EOSSTS ReadVariable(const char* a_szVariable, bool a_blEncoded, char* a_s
 struct OsArgumentsCarrier
 {
     const char* szFamily;
-    bool blThread;    // for the calling thread alone
+    bool blThread;    // only for the calling thread
     bool blEncoded;   // in base64
 };
 
-// In the order in which they are asked.
+// In the order in which they are tried.
 static constexpr OsArgumentsCarrier g_aosargumentscarrier[] = {
     {OS_VARIABLEB64, true, true},
     {OS_VARIABLEB64, false, true},
@@ -131,7 +131,7 @@ constexpr OsArgumentsElement g_aosargumentselementInherited[] = {
     {"app", OS_ARGUMENT_CALLERSAPPLICATION},
 };
 
-// What is known already stays.
+// Keeps a value that is already set.
 void TakeUnknown(const char* a_szDocument, const OsArgumentsElement& a_osargumentselement)
 {
     char szValue[OS_PATHSIZE];
@@ -217,7 +217,8 @@ bool OsArgumentsHasOverride()
     return g_blOverride.load(std::memory_order_relaxed);
 }
 
-// It is for this process alone: no child may find it. An override without a program name is ignored.
+// Applies to this process only: the variable is removed so that no child sees it. An override without a program name is
+// ignored.
 static void TakeOverride(const char* a_szProgram)
 {
     static constexpr char g_szVariable[] = "MVR_OSSERVICESOVERRIDEB64";
@@ -231,7 +232,7 @@ static void TakeOverride(const char* a_szProgram)
     TakeUnknown(szOverride, {"modeldir", OS_ARGUMENT_MODELDIRECTORY});
 }
 
-// A driver-let's application stands for itself, whoever started it.
+// The application of a driver-let ignores the inherited document.
 static void FindDocument()
 {
     const char* const szCaller = OsArgumentsGet(OS_ARGUMENT_CALLERSUNIQUENAME);
@@ -244,7 +245,7 @@ static void FindDocument()
     OsArgumentsRead(nullptr, 0);
 }
 
-// In a family of processes the first one owns the services; some modules are always, or never, it.
+// In a family of processes the first one owns the services. Some modules always own them, others never do.
 static bool OwnsServices(const OsArgumentsFiles& a_osargumentsfiles)
 {
     if (StrEndsWith(a_osargumentsfiles.szModule, "mvr.ds", true))
@@ -261,7 +262,7 @@ static void TakeInherited()
     TakeCollector(OsArgumentsDocument());
 }
 
-// A process that was moved to another folder hands that down, under the name that goes with it.
+// A process that was moved to another folder passes that folder on, under its matching name.
 static void HandDownOverride()
 {
     const char* const szFolder = OsArgumentsGet(OS_ARGUMENT_OVERRIDEFOLDER);
@@ -282,7 +283,7 @@ static void HandDownOverride()
         OsArgumentsReplace("drvletidentity", szIdentity);
 }
 
-// A program is no driver, wherever it is installed.
+// A program is never a driver, wherever it is installed.
 static bool IsDriver(const OsArgumentsFiles& a_osargumentsfiles)
 {
     const char* const szModule = a_osargumentsfiles.szModule;
@@ -292,7 +293,7 @@ static bool IsDriver(const OsArgumentsFiles& a_osargumentsfiles)
            (std::strstr(szModule, "/lib/") || std::strstr(szModule, "/usr/local/"));
 }
 
-// Of the model's name and its folder, the one that is known stands for the other.
+// If only one of the model's name and the model's folder is known, it is used for both.
 static void SettleModel(const OsArgumentsFiles& a_osargumentsfiles)
 {
     char szModel[32] = "";

@@ -55,7 +55,8 @@ COsCfg::COsCfg(const CreateArgs& a_createargs) : m_poscfgimpl(nullptr)
     }
 }
 
-// The management thread reads the configuration until it has ended; nobody finds the configuration once its texts go.
+// Stops the management thread first, because it reads the configuration; then unpublishes the configuration before its
+// texts are freed.
 COsCfg::~COsCfg()
 {
     if (m_poscfgimpl)
@@ -135,7 +136,7 @@ COsCfgImpl::COsCfgImpl(const COsCfg::CreateArgs& a_createargs)
     SStrCpy(m_szApplication, sizeof m_szApplication, a_createargs.szProgram);
     OsCfgResolvePath(OS_PATH_READABLE_FILE_MAINPROGRAM, m_szMainProgram, sizeof m_szMainProgram);
 
-    // Whoever steps through the program must not be overtaken by its time-outs.
+    // Time-outs must not expire while the program is stepped through in a debugger.
     const bool blDebugged = PlatProcessIsDebugged();
     SStrCpy(m_szLogDebug, sizeof m_szLogDebug, "0");
     SStrCpy(m_szDebugDisplayLength, sizeof m_szDebugDisplayLength, "512");

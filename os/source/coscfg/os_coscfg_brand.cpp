@@ -1,4 +1,4 @@
-// os_coscfg_brand.cpp: the brand record: the names and values of the document that the program carries.
+// os_coscfg_brand.cpp: the brand record: names and values from the document that the program carries.
 //
 // In order: the document, its changes, its elements, the record and its publication.
 #include "os_coscfg_impl.h"
@@ -22,7 +22,7 @@ static constexpr size_t g_sizetBrandValue = 512;
 static constexpr size_t g_sizetBrandEntries = 64;
 static constexpr size_t g_sizetShortName = 64;
 
-// Our own, for a program that carries none.
+// The default for a program without a document.
 static constexpr char g_szDefaultDocument[] = "<brand>\n"
                                               "\t<master>orvane</master>\n"
                                               "\t<companyname>Orvane Imaging</companyname>\n"
@@ -84,7 +84,7 @@ static void ReplaceElement(std::string& a_strDocument, const std::string& a_strN
     a_strDocument.replace(sizetOpen, sizetClose + strClose.size() - sizetOpen, strElement);
 }
 
-// One word from the environment makes the program another company's.
+// A variable of the environment can replace the brand's company.
 static void ApplyOverride(std::string& a_strDocument)
 {
     char szShortName[g_sizetShortName];
@@ -98,7 +98,7 @@ static void ApplyOverride(std::string& a_strDocument)
 
 // --------------------------------------------------------------------------------------------------- the elements
 
-// A copy that fits whole, or none.
+// Copies the text if it fits whole.
 static bool Fits(std::string_view a_strviewText, char* a_szDestination, size_t a_sizetDestination)
 {
     if (a_strviewText.size() >= a_sizetDestination)
@@ -124,8 +124,8 @@ static void AddEntry(BrandRecord& a_brandrecord, std::string_view a_strviewName,
           std::string(a_strviewValue).c_str());
 }
 
-// The element that begins at the "<" of a_szElement: its entry is added. Returns what follows it, null at the end of
-// the document. What has no end tag of its own (a comment, a declaration, an empty element) is passed over.
+// Adds the entry of the element that begins at a_szElement ("<"). Returns the position behind it, null at the end of
+// the document. Skips what has no end tag of its own (comment, declaration, empty element).
 static const char* WalkElement(const char* a_szElement, BrandRecord& a_brandrecord)
 {
     const char* const szName = a_szElement + 1;
@@ -167,7 +167,7 @@ static const char* FindValue(const BrandRecord& a_brandrecord, const char* a_szN
     return "";
 }
 
-// The name of the folder that goes with a company. It is never empty: that would be the folder above.
+// The name of the company's folder. Never empty: an empty name would mean the parent folder.
 static const char* FolderOf(const BrandRecord& a_brandrecord)
 {
     const char* const szWord = FindValue(a_brandrecord, "companynameshort");
@@ -175,7 +175,7 @@ static const char* FolderOf(const BrandRecord& a_brandrecord)
     return blMaker ? g_szMakerFolder : szWord;
 }
 
-// A document without a name for a folder, or with an empty one, means the folder that goes with its company.
+// If the document has no folder name, or an empty one, uses the company's folder name.
 static void FillFolderName(BrandRecord& a_brandrecord, const char* a_szName)
 {
     const char* const szFolder = FolderOf(a_brandrecord);
@@ -193,7 +193,7 @@ static void FillFolderName(BrandRecord& a_brandrecord, const char* a_szName)
 
 static std::unique_ptr<const BrandRecord> BuildRecord()
 {
-    auto brandrecord = std::make_unique_for_overwrite<BrandRecord>();   // the entries are filled one by one
+    auto brandrecord = std::make_unique_for_overwrite<BrandRecord>();   // entries stay uninitialised until used
     brandrecord->strDocument = ProgramDocument();
     ApplyOverride(brandrecord->strDocument);
     WalkDocument(*brandrecord);

@@ -1,4 +1,4 @@
-// os_coscfg_common.cpp: the common settings file, a flat list of global switches: its lines, its loading, the lookups.
+// os_coscfg_common.cpp: the common settings file, a flat list of global switches: parsing, loading, lookup.
 #include "os_coscfg_impl.h"
 
 #include "os_cosfile_system.h"
@@ -14,7 +14,7 @@ namespace
 class CommonSettings
 {
 public:
-    // Leaves the list empty when there is no file. False for a failure that may pass.
+    // Leaves the list empty when there is no file. False for a failure that may be temporary.
     bool Load();
     const char* Find(const char* a_szKey) const;   // null when it is absent
 
@@ -37,7 +37,7 @@ bool IsSpace(char a_ch)
     return a_ch == ' ' || (a_ch >= '\t' && a_ch <= '\r');
 }
 
-// In place.
+// Trims in place.
 char* Trimmed(char* a_szText)
 {
     while (IsSpace(*a_szText))
@@ -112,8 +112,8 @@ std::unique_ptr<const CommonSettings> LoadSettings()
     return blLoaded ? std::move(commonsettings) : nullptr;
 }
 
-// The settings of the process, null when they cannot be loaded now and while this thread loads them: a loader logs, and
-// the logger reads settings.
+// The settings of the process. Null when they cannot be loaded now, and for lookups made by the thread that is loading
+// them: the loader logs, and the logger reads settings.
 const CommonSettings* Settings()
 {
     return OsCfgPublished(g_pcommonsettings, LoadSettings);

@@ -1,4 +1,4 @@
-// os_coscfg_defaults.cpp: the defaults procedure, in its order: what is stored later wins.
+// os_coscfg_defaults.cpp: the defaults procedure, in its order; a later step overrides an earlier one.
 #include "os_coscfg_impl.h"
 
 #include "os_cosarguments.h"
@@ -134,12 +134,12 @@ void COsCfgImpl::RestartLogger()
         return;
     const uint32_t u32Flags =
         static_cast<uint32_t>(Number(OS_CFGTAG_DEBUG)) | poslog->WorkingWord() | OsArgumentsDebugFlags();
-    // Without one of the files' own, the filter of the program's document holds.
+    // If the INI files set no filter, the filter from the program's document is used.
     const char* const szFilter = m_oscfgtable.Get(OS_CFGSECTION_DSIDENTITY, OS_CFGTAG_DEBUGFILTER);
     poslog->Start(m_szLogFilename, u32Flags, *szFilter ? szFilter : nullptr);
 }
 
-// The brand record names its values as the tags are named; its texts live as long as the process.
+// Names in the brand record are tag names; its texts live as long as the process.
 void COsCfgImpl::StoreBrand()
 {
     for (uint32_t u32Tag = OS_CFGTAG_COMPANYNAME; u32Tag <= OS_CFGTAG_SVTTITLE; ++u32Tag)
@@ -182,7 +182,7 @@ void COsCfgImpl::StoreSaneTwainVersion()
 
 namespace
 {
-// Applications that are treated in a way of their own: the file name, and the tag that tells.
+// Host applications that need special treatment: the file name, and the tag to set.
 constexpr struct
 {
     const char* szProgram;
@@ -200,7 +200,7 @@ constexpr struct
     {"hostprogram19.exe", OS_CFGTAG_HOSTPROGRAM19}, {"hostprogram20.exe", OS_CFGTAG_HOSTPROGRAM20},
 };
 
-// A family of programs is known by a part of its name, and one program wants its units kept.
+// A family of programs is recognised by a part of the file name; for one program the units behaviour is forced.
 constexpr char g_szFamily[] = "hostprogramfamily";
 constexpr EOSCFGTAG g_eoscfgtagFamily = OS_CFGTAG_HOSTPROGRAM20;
 constexpr EOSCFGTAG g_eoscfgtagUnits = OS_CFGTAG_HOSTPROGRAM01;

@@ -1,10 +1,10 @@
-// os_coscfg_directories.cpp: the directory set: the program, the roots, what lies below them, the log folder, the
-// names of INI files, and the folders that are created.
+// os_coscfg_directories.cpp: the directory set: the program, the roots, the folders below them, the log folder, INI
+// file names, and creating the folders.
 //
 //   legacy root        program data \ brand
 //   per-user root      the user's application data \ brand
-//   shared root        the one of the two that this process uses
-//   chosen root        the same, or the root that the parent process gives
+//   shared root        whichever of the two this process uses
+//   chosen root        the shared root, or the root that the parent process gives
 //
 // Each has "common", "device", a model folder, and the user folder <model> \ <unique name>, in which the log folders
 // "log.<start time>" lie.
@@ -39,7 +39,7 @@ void SetArgumentOr(PathBuffer& a_szPath, EOSARGUMENT a_eosargument, const char* 
     OsPathCopy(a_szPath, sizeof a_szPath, *szGiven ? szGiven : a_szElse);
 }
 
-// The log file that the logger writes already; empty without one.
+// The logger's current log file; empty when it has none.
 void CurrentLogFile(PathBuffer& a_szPath)
 {
     const COsLog* const poslog = OsLogGet();
@@ -82,8 +82,8 @@ void COsCfgImpl::SetProgram()
 
 // ------------------------------------------------------------------------------------------------------- the roots
 
-// Replaces the name of the default user's folder, when the path lies in it. A profile right below the root of the file
-// system has no neighbours.
+// If the path lies in the default user's profile, replaces that user's name by a_szUser. A profile directly below the
+// root of the file system cannot be replaced.
 static void MoveToUser(PathBuffer& a_szPath, const char* a_szUser)
 {
     PathBuffer szProfile;
@@ -97,7 +97,7 @@ static void MoveToUser(PathBuffer& a_szPath, const char* a_szUser)
     OsCfgPathJoin(a_szPath, {a_szUser, szRest});
 }
 
-// A service works for whoever worked here last; a_szUser is empty when nobody did.
+// A service works for the last logged-on user; a_szUser is empty if there was none.
 static void UserRoot(PathBuffer& a_szPath, const char* a_szUser)
 {
     if (!OsCfgIsService())
@@ -125,7 +125,7 @@ void COsCfgImpl::SetRoots()
         SStrCpy(szFolder, sizeof szFolder, m_szLegacyRootWriteableDirectory);
     SetArgumentOr(m_szUserRootWriteableDirectory, OS_ARGUMENT_USERROOTPATH, szFolder);
 
-    // A service that knows no user would write into the default user's folder.
+    // A service that does not know its user would write into the default user's folder.
     m_blUsersFolder = OsCfgCommonIsYes("UseUsersFolder", "yes") && (!OsCfgIsService() || *szUser);
     SStrCpy(m_szSharedRootWriteableDirectory, sizeof m_szSharedRootWriteableDirectory,
             m_blUsersFolder ? m_szUserRootWriteableDirectory : m_szLegacyRootWriteableDirectory);
@@ -135,8 +135,8 @@ void COsCfgImpl::SetRoots()
 
 // ------------------------------------------------------------------------------------------------ below the roots
 
-// The name of the folder three levels above the log file, <model> \ <unique name> \ log.<time> \ <file>; empty when it
-// has fewer.
+// The name of the folder three levels above the log file, <model> \ <unique name> \ log.<time> \ <file>; empty if the
+// path has fewer levels.
 static void ModelOfLogFile(char* a_szModel, size_t a_sizetModel)
 {
     PathBuffer szPath;
@@ -189,14 +189,14 @@ void COsCfgImpl::SetFolders()
     SetJoined(m_szUserDirectory, m_szRootModelDirectory, {szProgram});
     SetJoined(m_szMultimediaDirectory, m_szRootWriteableDirectory, {"multimedia"});
 
-    // A name, as children of the family get it.
+    // A plain name, as child processes get it.
     SStrCpy(m_szModelDirectory, sizeof m_szModelDirectory, OsArgumentsGet(OS_ARGUMENT_MODELDIRECTORY));
 }
 
 // --------------------------------------------------------------------------------------------------- the log folder
 
-// In small letters, but for what exists as it is written: where the system tells cases apart, that would be another
-// folder.
+// Converts to lower case, except for components that exist: on a case-sensitive file system those would become other
+// folders.
 static void LowerWhatIsNew(PathBuffer& a_szPath)
 {
     for (char* szComponent = a_szPath; *szComponent;)
@@ -212,8 +212,8 @@ static void LowerWhatIsNew(PathBuffer& a_szPath)
     }
 }
 
-// The folder that MVR_LOGDIR names, with the brand's word in its place; false for none. A relative one begins in the
-// folder where this process starts: the collector works in another one.
+// Resolves the folder that MVR_LOGDIR names, with the brand's word inserted; false when it is unset. A relative path
+// starts in this process's working directory, because the collector's is a different one.
 static bool FolderOfEnvironment(PathBuffer& a_szPath)
 {
     OsEnvGet("MVR_LOGDIR", "", sizeof a_szPath, a_szPath);
@@ -298,7 +298,7 @@ static bool CreateFolder(const char* a_szFolder)
     return blThere;
 }
 
-// Nothing is written where logging is off; 11 is another way to say that it is on.
+// Creates nothing when MVR_NOLOGGING switches logging off; 0 and 11 leave it on.
 bool COsCfgImpl::CreateFolders() const
 {
     const int64_t i64NoLogging = OsEnvGetNumber("MVR_NOLOGGING", 0);

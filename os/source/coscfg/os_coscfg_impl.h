@@ -1,4 +1,4 @@
-// os_coscfg_impl.h: the implementation object and what the sources of the class share.
+// os_coscfg_impl.h: the implementation object and declarations shared by the sources of the class.
 //
 //   os_coscfg.cpp               the public object, construction
 //   os_coscfg_table.cpp         sections, tags, their cells
@@ -10,7 +10,7 @@
 //   os_coscfg_common.cpp        the common settings file
 //   os_coscfg_paths.cpp         path identifiers and special folders
 //   os_coscfg_directories.cpp   the directory set
-//   os_coscfg_manage.cpp        looking after the log folders
+//   os_coscfg_manage.cpp        removal of old log folders
 //   os_coscfg_roaming.cpp       log paths of models that roam
 //   os_coscfg_info.cpp          facts about the machine
 //   os_coscfg_user.cpp          the user's name
@@ -36,9 +36,9 @@ class COsThread;
 inline constexpr size_t OS_CFGFILESIZE = 65536;     // of an INI file, with its terminator
 inline constexpr uint32_t OS_CFGEXTENSION = 1000;   // the first number of extensions, and the end of their lists
 
-// The value table. It keeps pointers to texts of others; only a cell that was adopted owns its text, which is freed
-// (delete[]) when the cell is stored again and at the end. Any thread reads; one thread at a time stores, and never a
-// cell that owns its text while others read that.
+// The value table. It stores pointers to texts owned by others; only an adopted cell owns its text, which is freed
+// (delete[]) when the cell is stored again and at the end. Any thread may read. One thread at a time may store, and a
+// cell that owns its text must not be stored while other threads read it.
 class OsCfgTable
 {
 public:
@@ -47,19 +47,19 @@ public:
     OsCfgTable(const OsCfgTable&) = delete;
     OsCfgTable& operator=(const OsCfgTable&) = delete;
 
-    void Clear();                                                      // every cell; extensions stay registered
+    void Clear();                                                      // clears every cell; extensions stay registered
     const char* Get(uint32_t a_u32Section, uint32_t a_u32Tag) const;   // never null
 
     // EOSSTS_NOTOPEN for an address outside the table. A null value leaves the cell unset.
     EOSSTS Set(uint32_t a_u32Section, uint32_t a_u32Tag, const char* a_szValue);
     EOSSTS Adopt(uint32_t a_u32Section, uint32_t a_u32Tag, char* a_szValue);   // freed also when it is refused
 
-    // Adds the sections and tags of two lists, which live as long as the table; null lists take them away.
-    // EOSSTS_NOTOPEN for a number below 1000, EOSSTS_NOMEMORY for more cells than there is room for.
+    // Registers the sections and tags of two lists, which must live as long as the table; null removes them.
+    // EOSSTS_NOTOPEN for a number below 1000, EOSSTS_NOMEMORY when there are too many cells.
     EOSSTS Register(const OsCfgExtension* a_aoscfgextensionSection, const OsCfgExtension* a_aoscfgextensionTag);
 
-    // The number of a name, without regard to case; 0 when there is none. The sections of an extension have its tags,
-    // the others the built-in ones.
+    // The number of a name, compared without regard to case; 0 if unknown. Sections of an extension have the
+    // extension's tags, the others the built-in tags.
     uint32_t FindSection(const char* a_szName) const;
     uint32_t FindTag(uint32_t a_u32Section, const char* a_szName) const;
 
@@ -88,16 +88,17 @@ const char* OsCfgTagName(uint32_t a_u32Tag);   // "" for one without a name
 uint32_t OsCfgTagSection(uint32_t a_u32Tag);
 const char* OsCfgTagDefault(uint32_t a_u32Tag);   // null for none
 
-// Reads a text of at most a_sizetBuffer - 1 bytes, without its byte-order mark, and terminates it. EOSSTS_NOTFOUND when
-// there is no file or it may not be opened, EOSSTS_FAIL (logged) when it cannot be read now; the text is empty then.
+// Reads at most a_sizetBuffer - 1 bytes of a text file, drops the byte-order mark and terminates the text. Otherwise
+// the text is empty: EOSSTS_NOTFOUND when the file does not exist or may not be opened, EOSSTS_FAIL (logged) when it
+// cannot be read now.
 EOSSTS OsCfgReadText(const char* a_szPath, bool a_blRedirectionOff, char* a_szBuffer, size_t a_sizetBuffer);
 
-// Splits a text in place: ends its first line at the CR or LF and moves the text behind that. Null behind the last.
+// Splits a text in place: ends the first line at its CR or LF and moves *a_pszText behind it; null at the end.
 char* OsCfgNextLine(char** a_pszText);
 
-// The common settings file, loaded by the first lookup of the process. The answer to a key that is null or empty or
-// absent, and to every key without a file, is the default; null stands for the empty text. Any thread; a lookup made
-// by what the loading itself calls gets the default.
+// Looks up a key of the common settings file, which the first lookup of the process loads. Returns the default when the
+// key is null, empty or absent, or there is no file; a null default means "". Thread-safe. Lookups made by the loading
+// code itself get the default.
 const char* OsCfgCommonGet(const char* a_szKey, const char* a_szDefault, bool* a_pblFound = nullptr);
 bool OsCfgCommonIsYes(const char* a_szKey, const char* a_szDefault);
 
@@ -105,13 +106,13 @@ bool OsCfgCommonIsYes(const char* a_szKey, const char* a_szDefault);
 // is the whole document.
 const char* OsCfgBrand(const char* a_szName);
 inline constexpr size_t OS_BRANDNAMESIZE = 64;
-const char* OsCfgBrandEntry(size_t a_sizetIndex, const char** a_pszValue);   // null behind the last
-const char* OsCfgBrandWord();                                                // the short name, or the maker's own
+const char* OsCfgBrandEntry(size_t a_sizetIndex, const char** a_pszValue);   // null past the end
+const char* OsCfgBrandWord();                                                // the short name, or the maker's default
 const char* OsCfgBrandFolder();                                              // the name of the brand's folders
 
 enum EOSSPECIALFOLDER : uint32_t
 {
-    OS_SPECIALFOLDER_CURRENTUSER_APPDATA = 1,   // the local or the roaming one, as the common settings say
+    OS_SPECIALFOLDER_CURRENTUSER_APPDATA = 1,   // the local or the roaming one, depending on the common settings
     OS_SPECIALFOLDER_CURRENTUSER_LOCALAPPDATA = 2,
     OS_SPECIALFOLDER_CURRENTUSER_ROAMINGAPPDATA = 3,
     OS_SPECIALFOLDER_CURRENTUSER_DESKTOP = 4,
@@ -130,32 +131,34 @@ enum EOSSPECIALFOLDER : uint32_t
     OS_SPECIALFOLDER_MYDOCUMENTS = 17,
 };
 
-// Special folders by their number. EOSSTS_FAIL, with an empty path, for another, and where the system has none.
+// Resolves a special folder by number. EOSSTS_FAIL, with an empty path, for an unknown number or when the system has no
+// such folder.
 EOSSTS OsCfgSpecialFolder(char* a_szPath, size_t a_sizetPath, uint32_t a_u32SpecialFolder);
 
 // The identifier's name; "OS_PATH_010" for a number without one.
 const char* OsCfgPathName(uint32_t a_u32Path);
 
-// The path of an identifier. Most are found out once per process; those that depend on tags are empty without a
-// configuration. EOSSTS_FAIL, with an empty path, for one that does not resolve. Any thread.
+// The path of an identifier. Most are computed once per process; those that depend on tags are empty without a
+// configuration. EOSSTS_FAIL, with an empty path, if it does not resolve. Thread-safe.
 EOSSTS OsCfgResolvePath(EOSPATH a_eospath, char* a_szPath, size_t a_sizetPath);
 
-// Appends components to a path in a buffer of OS_PATHSIZE bytes. Empty components add nothing, and an empty path stays
-// empty: what did not fit, once, is no path.
+// Appends components to a path in a buffer of OS_PATHSIZE bytes. Empty components are skipped. A path that does not fit
+// becomes empty, and an empty path stays empty.
 void OsCfgPathJoin(char* a_szPath, std::initializer_list<const char*> a_components);
 
-// True for the folder itself, too. Both paths are normalised.
+// Also true for the folder itself. Both paths must be normalised.
 bool OsCfgPathLiesBelow(const char* a_szPath, const char* a_szFolder);
 
-// The const.ini of a folder, in a buffer of OS_PATHSIZE bytes. Where only "const.ini.txt" exists, that is given its
-// proper name first, or is used itself when it cannot be. Empty for an empty folder.
+// The path of const.ini in a folder, in a buffer of OS_PATHSIZE bytes. If only "const.ini.txt" exists, it is renamed;
+// if that fails, its own path is returned. Empty for an empty folder.
 void OsCfgConstIni(char* a_szPath, const char* a_szFolder);
 
-// The folder of the model's profiles, where MVR_PROFILESDIR moves it to. EOSSTS_FAIL, with an empty path, for none.
+// The folder of the model's profiles, or its replacement from MVR_PROFILESDIR. EOSSTS_FAIL, with an empty path, if
+// there is none.
 EOSSTS OsCfgProfilesFolder(char* a_szPath, size_t a_sizetPath);
 
-// Models by name, at most 64, and whether their logs roam with the user: set and found without regard to case. Setting
-// fails for a name of no or of 64 and more characters, and when there is no room.
+// Models by name (without regard to case), at most 64, and whether their logs roam with the user. Setting fails when
+// the table is full and for an empty name or one of 64 or more characters.
 inline constexpr size_t OS_MODELFLAGS = 64;
 struct OsCfgModelFlag
 {
@@ -163,25 +166,25 @@ struct OsCfgModelFlag
     bool blRoaming;
 };
 bool OsCfgSetModelFlag(const char* a_szModel, bool a_blRoaming);
-bool OsCfgModelFlagAt(size_t a_sizetIndex, OsCfgModelFlag* a_poscfgmodelflag);   // false behind the last
+bool OsCfgModelFlagAt(size_t a_sizetIndex, OsCfgModelFlag* a_poscfgmodelflag);   // false past the end
 
-// Moves a log path, in place, from the writeable root to the roaming folder when the model (null or empty: the one of
-// the arguments) is one that roams. For paths that go to another process.
+// Moves a log path, in place, from the writeable root to the roaming folder if the model (null or empty: the model of
+// the arguments) roams. For paths that are sent to another process.
 void OsCfgLocalLogPath(char* a_szPath, size_t a_sizetPath, const char* a_szModel);
 
-// The name that a profile has in the protected layout (a_blDebug: that of its diagnostic companion), or the name
-// itself. EOSSTS_FAIL, with an empty name, when it has none or does not fit.
+// The name of a profile in the protected layout (a_blDebug: the name of its diagnostic companion), or the name itself.
+// EOSSTS_FAIL, with an empty name, when there is none or it does not fit.
 EOSSTS OsCfgProfileMap(const char* a_szFile, bool a_blDebug, char* a_szMapped, size_t a_sizetMapped);
 
-// The file that serves a request. EOSSTS_FAIL, with an empty path, when there is none or it does not fit.
+// The file that serves a request. EOSSTS_FAIL, with an empty path, when there is none or the path does not fit.
 EOSSTS OsCfgProfileResolve(const char* a_szFile, const char* a_szSection, const char* a_szKey, char* a_szResolved,
                            size_t a_sizetResolved);
 
-// What the section headers of protected and unprotected INI files must begin with, "" for nothing. Computed once per
-// process, from the arguments.
+// The required prefix of section headers in protected and unprotected INI files, "" for none. Computed once per process
+// from the arguments.
 const char* OsCfgSectionPrefix();
 
-// Facts about the machine, gathered once per process, by the first question.
+// Facts about the machine, gathered by the first query of the process and cached.
 const char* OsCfgInfoString(EOSCFGINFO a_eoscfginfo);
 int64_t OsCfgInfoLong(EOSCFGINFO a_eoscfginfo);
 void OsCfgInfoTellNames();         // logs the host and the system volume, once per process
@@ -189,17 +192,18 @@ bool OsCfgIsService();             // the process is in the services session
 bool OsCfgIsCertificationHost();   // a test of the system's image-acquisition service hosts this process
 const char* OsCfgUserName();       // item OS_CFGINFO_OS_USERNAME
 
-// Who worked here last, as a process in a user's session left it. False, with an empty name, when nobody did.
+// The last logged-on user, as recorded by a process in the user's session. False, with an empty name, if none is
+// recorded.
 bool OsCfgLastUser(char* a_szName, size_t a_sizetName);
 
-// What the table of systems makes of a version record.
+// The name of a system, and its id, for a version record.
 inline constexpr size_t OS_SYSTEMNAMESIZE = 32;
 void OsCfgNameSystem(const PlatVersion& a_platversion, char* a_szName, size_t a_sizetName, uint32_t* a_pu32Id);
 
-// What is made by the first question of the process and never freed. No lock is held while it is made: a log line of
-// the making may lead back here, through the header that the logger writes. The first one that is finished stays, and
-// a_tell gets it once. Null when the making gave nothing, an empty record when it threw for want of memory: the next
-// question tries again.
+// A record that is created by the first query of the process and never freed. No lock is held while it is created,
+// because creating it may log, and the logger's header may query it again. If two threads create it, the first one to
+// finish wins, and a_tell is called once for its record. Returns null if a_make returned null, and an empty record if
+// it ran out of memory; the next query retries.
 template <class Record, class Make, class Tell = void (*)(const Record&)>
 const Record* OsCfgPublished(
     std::atomic<const Record*>& a_precord, Make a_make, Tell a_tell = [](const Record&) {})
@@ -223,12 +227,12 @@ const Record* OsCfgPublished(
     }
 }
 
-// Whether the environment asks for the support report, and logging is not off for the process.
+// True when the environment asks for the support report and logging is not off for the process.
 bool OsCfgIsReportWanted();
 
 enum class OsCfgLoadMode : uint32_t
 {
-    Path,          // the file that is given
+    Path,          // the given file
     Protected,     // the protected const.ini
     Unprotected,   // debug.ini
 };
@@ -241,10 +245,10 @@ public:
     COsCfgImpl(const COsCfgImpl&) = delete;
     COsCfgImpl& operator=(const COsCfgImpl&) = delete;
 
-    // Starts the management thread where that is wanted.
+    // Starts the management thread if it is enabled.
     void StartManagement();
 
-    // Ends the management thread. Reads of the configuration still work.
+    // Ends the management thread. The configuration can still be read.
     void StopManagement();
 
     // The defaults procedure. Logs "SetDirectories failed..." and leaves every tag empty when the directory set cannot
@@ -256,7 +260,7 @@ public:
 
     OsCfgTable m_oscfgtable;
 
-    // What the constructor was given.
+    // The constructor's arguments.
     EOSCFGENTITY m_eoscfgentity;
     char m_szFudge[128] = {};   // the unique name
     char m_aszVersion[OS_CFGVERSIONS][16] = {};
@@ -310,7 +314,7 @@ public:
     char m_szLogTimeStamp[OS_TIMESTAMPSIZE] = {};
     char m_szTmp[OS_PATHSIZE] = {};
 
-    // Start values of tags that a debugger or a program kind changes.
+    // Initial values of tags that depend on a debugger or on the kind of program.
     char m_szLogDebug[16] = {};
     char m_szLogFilter[128] = {};
     char m_szDebugDisplayLength[16] = {};
@@ -319,7 +323,7 @@ public:
     char m_szUnitsBehavior[16] = {};
     char m_szSaneTwainVersion[32] = {};
 
-    // The INI files, as the table's values point into them. Null for one that was not read.
+    // The text of the INI files; the table's values point into it. Null for a file that was not read.
     std::unique_ptr<char[]> m_szFileData;
     std::unique_ptr<char[]> m_szFileDataLegacy;
     std::unique_ptr<char[]> m_szFileDataUnprotected;
@@ -334,14 +338,15 @@ private:
     void StoreNames();
     void StoreProgram();
 
-    // The directory set, in this order; false when there is no folder to write to. os_coscfg_directories.cpp.
+    // The directory set, in this order; SetDirectories is false when there is no folder to write to.
+    // os_coscfg_directories.cpp.
     bool SetDirectories();
     void SetProgram();
     void SetRoots();
     void SetFolders();
     void SetLogFolder();
     void SetConstIniNames();
-    bool CreateFolders() const;   // false without a log folder
+    bool CreateFolders() const;   // false if the log folder cannot be created
     bool UsesOthersLog() const;
     void FindLogModel(char* a_szModel, size_t a_sizetModel) const;
 
@@ -353,11 +358,11 @@ private:
     void Store(EOSCFGTAG a_eoscfgtag, const char* a_szValue);   // in the identity section
     long Number(EOSCFGTAG a_eoscfgtag) const;
 
-    // Loads one INI file into the table; the path is for OsCfgLoadMode::Path alone. EOSSTS_NOTFOUND when it cannot be
-    // opened, EOSSTS_FAIL when it cannot be read.
+    // Loads one INI file into the table; a_szPath is used only with OsCfgLoadMode::Path. EOSSTS_NOTFOUND when it cannot
+    // be opened, EOSSTS_FAIL when it cannot be read.
     EOSSTS LoadIni(const char* a_szPath, std::unique_ptr<char[]>& a_szBuffer, OsCfgLoadMode a_oscfgloadmode);
 
     COsThread* m_posthreadManage = nullptr;
     std::mutex m_mutexLogFolder;
-    COsLogFolderLock m_oslogfolderlock;   // our own log folder's
+    COsLogFolderLock m_oslogfolderlock;   // lock of this process's own log folder
 };

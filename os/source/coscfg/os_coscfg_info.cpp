@@ -1,7 +1,6 @@
-// os_coscfg_info.cpp: facts about the machine, gathered by the first question of the process and the same for the rest
-// of it.
+// os_coscfg_info.cpp: facts about the machine, gathered by the first query of the process and cached.
 //
-// In order: naming the system, gathering, the tables of answers, the questions.
+// In order: naming the system, gathering, the tables of answers, the queries.
 #include "os_coscfg_impl.h"
 
 #include "os_cosenv.h"
@@ -24,7 +23,7 @@ static constexpr char g_szNone[] = "***none***";
 
 namespace
 {
-// Versions from minor to minor; the first row that holds the version names it.
+// Versions by range of minor numbers; the first matching row gives the name.
 struct SystemRow
 {
     uint32_t u32Major;
@@ -75,7 +74,7 @@ void OsCfgNameSystem(const PlatVersion& a_platversion, char* a_szName, size_t a_
     *a_pu32Id = blWorkstation ? systemrow.u32Workstation : systemrow.u32Server;
 }
 
-// A program that the system does not know is told 6.2 by every later one, whatever its kind.
+// To a program that it does not know, every later system reports version 6.2, for workstations and servers alike.
 static void NameRawSystem(const PlatVersion& a_platversion, char* a_szName, size_t a_sizetName)
 {
     PlatVersion platversion = a_platversion;
@@ -87,7 +86,7 @@ static void NameRawSystem(const PlatVersion& a_platversion, char* a_szName, size
 
 // ------------------------------------------------------------------------------------------------------ gathering
 
-// Each group is gathered by the first question for one of its facts: most processes ask for few.
+// Each group of facts is gathered by the first query for one of them: most processes query few.
 namespace
 {
 struct SystemFacts
@@ -142,8 +141,8 @@ static void Gather(SystemFacts& a_facts)
                static_cast<int>(a_facts.platversion.u32Minor));
 }
 
-// The processor of the calling thread speaks for all: what is asked of it is the same on every processor of a machine,
-// because a thread may be moved between any two of its instructions.
+// Reads the facts from the processor that runs the calling thread. They are the same on every processor of the machine,
+// because a thread can be moved between any two instructions.
 static void Gather(ProcessorFacts& a_facts)
 {
     a_facts.blKnown = PlatProcessorGet(&a_facts.platprocessor);
@@ -201,7 +200,7 @@ static const Facts& Known()
     });
 }
 
-// Once, and not while gathering: the logger asks for numbers while it writes the header before its first line.
+// Called once, and not while gathering: the logger queries numbers for the header that it writes before its first line.
 void OsCfgInfoTellNames()
 {
     static std::atomic<bool> g_blTold;
@@ -327,7 +326,7 @@ static const Row* FindRow(const Row (&a_arow)[a_sizetRows], EOSCFGINFO a_eoscfgi
 
 // ---------------------------------------------------------------------------------------------------- the questions
 
-// What only a processor that tells of itself can answer.
+// True for facts that come from the processor's own identification instruction.
 static bool IsOfProcessor(EOSCFGINFO a_eoscfginfo)
 {
     switch (a_eoscfginfo)

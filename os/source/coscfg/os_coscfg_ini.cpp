@@ -1,5 +1,5 @@
-// os_coscfg_ini.cpp: an INI file into the table: the section prefix, texts and their lines, what a file may
-// set, loading.
+// os_coscfg_ini.cpp: loads an INI file into the table: the section prefix, splitting text into lines, which settings a
+// file may make, loading.
 #include "os_coscfg_impl.h"
 
 #include "os_cosarguments.h"
@@ -104,7 +104,7 @@ char* OsCfgNextLine(char** a_pszText)
     return szLine;
 }
 
-// ------------------------------------------------------------------------------------------------ what a file may set
+// ------------------------------------------------------------------------------------------------- permitted settings
 
 namespace
 {
@@ -113,7 +113,7 @@ bool EndsWith(const char* a_szText, const char* a_szSuffix)
     return StrEndsWith(a_szText, a_szSuffix, true);
 }
 
-// Takes the lines of one file, in place: the values that it stores point into them.
+// Parses the lines of one file in place: the stored values point into the text.
 class IniLines
 {
 public:
@@ -138,7 +138,7 @@ private:
     OsCfgLoadMode m_oscfgloadmode;
     const char* m_szPrefix;
     bool m_blDebugIni;
-    uint32_t m_u32Section = 0;   // 0: the key lines are not for us
+    uint32_t m_u32Section = 0;   // 0: ignore the key lines
     bool m_blIdentity = false;
 };
 
@@ -177,7 +177,8 @@ void IniLines::TakeHeader(char* a_szHeader)
         m_u32Section = m_poscfgtable->FindSection(szName);
 }
 
-// What follows the last "." names the section, unless more of it does: one of the names has a "." in it.
+// The section's name is the part behind the last ".", or a longer part if that is a known name: one of the names
+// contains a ".".
 const char* IniLines::NameBehindPrefix(const char* a_szHeader) const
 {
     const char* const szLast = std::strrchr(a_szHeader, '.') + 1;   // the prefix ends with one
@@ -190,7 +191,7 @@ const char* IniLines::NameBehindPrefix(const char* a_szHeader) const
     return szLast;
 }
 
-// Each file contributes what it is meant to: the sections of diagnostics come from debug.ini while that is in use.
+// Which sections a file may set: diagnostic sections are taken from debug.ini while that is in use.
 bool IniLines::IsSectionOurs(const char* a_szName) const
 {
     const bool blDiagnostic = EndsWith(a_szName, "simulation") || EndsWith(a_szName, "images");
@@ -230,7 +231,7 @@ void IniLines::TakeKey(char* a_szLine)
 
 // ------------------------------------------------------------------------------------------------------------- loading
 
-// A variable takes the place of a file, on the maker's own machines.
+// On the maker's own machines an environment variable can replace the path of a file.
 void Redirect(char (&a_szPath)[OS_PATHSIZE])
 {
     static constexpr struct

@@ -1,8 +1,8 @@
-// os_coscfg_manage.cpp: looking after the log folders: the lock of our own, the log folders beside it or beside another
-// process's, and which of them go.
+// os_coscfg_manage.cpp: holds the lock of this process's log folder, and removes old log folders beside it or beside
+// another process's log folder.
 //
-// Runs on a thread of its own, beside whatever other processes do in the same tree. A folder whose "log.lock" somebody
-// holds is never touched; a link is never followed.
+// Runs on its own thread, concurrently with other processes in the same tree. A folder whose "log.lock" is locked is
+// never touched; links are not followed.
 #include "os_coscfg_impl.h"
 
 #include "os_cosfile_system.h"
@@ -23,9 +23,9 @@
 static constexpr int g_iLockTries = 20;
 static constexpr uint32_t g_u32LockPause = 100;      // ms
 static constexpr int64_t g_i64GroupSeconds = 1800;   // folders that are no further apart belong to one run
-static constexpr int64_t g_i64YoungSeconds = 60;     // a process that starts makes its folder before it locks it
+static constexpr int64_t g_i64YoungSeconds = 60;     // a process creates its folder before it locks it
 
-// ------------------------------------------------------------------------------------------------------ our folder
+// --------------------------------------------------------------------------------------- this process's log folder
 
 static bool IsSameFolder(const char* a_szLeft, const char* a_szRight)
 {
@@ -43,7 +43,8 @@ static bool IsAskedToStop(const COsThread* a_posthread)
     return a_posthread && a_posthread->StopState() != 1;
 }
 
-// Held until the configuration goes. Somebody who deletes the folder is waited for, to see what is left of it.
+// The lock is held until the configuration is destroyed. Retries while another process holds the lock to delete the
+// folder.
 void COsCfgImpl::LockOwnFolder(const COsThread* a_posthread)
 {
     char szFolder[OS_PATHSIZE];
@@ -67,7 +68,7 @@ constexpr int64_t OS_NOTIME = -1;
 struct LogFolder
 {
     std::string strPath;
-    int64_t i64Seconds;   // when its process started, since 1970; OS_NOTIME when the name does not tell
+    int64_t i64Seconds;   // when its process started, since 1970; OS_NOTIME when the name has no time
 };
 }   // namespace
 
@@ -79,7 +80,7 @@ static int Field(const char* a_szDigits, size_t a_sizetOffset, size_t a_sizetDig
     return iValue;
 }
 
-// The time that the digits behind the last dot stand for: 20 of them, year to microseconds.
+// Parses the time in the digits behind the last dot: 20 digits, year to microseconds.
 static int64_t TimeOfName(const char* a_szName)
 {
     using namespace std::chrono;
@@ -104,13 +105,13 @@ static int64_t Now()
     return duration_cast<seconds>(system_clock::now().time_since_epoch()).count();
 }
 
-// The walk has read a log folder. What is no plain folder is left out.
+// True if the entry read last is a log folder; false for links and files.
 static bool IsAtLogFolder(const OsFileTree& a_osfiletree)
 {
     return a_osfiletree.IsFolder() && a_osfiletree.HasPath() && StrStartsWith(a_osfiletree.Name(), OS_LOGFOLDERPREFIX);
 }
 
-// The log folders of a folder, as they are now.
+// Lists the log folders in a folder.
 static std::vector<LogFolder> ListLogFolders(const char* a_szParent)
 {
     std::vector<LogFolder> veclogfolder;
@@ -125,7 +126,7 @@ static std::vector<LogFolder> ListLogFolders(const char* a_szParent)
     return veclogfolder;
 }
 
-// A folder whose name tells no time is as old as its last change.
+// If the name has no time, the time of the last change counts.
 static bool IsYoung(const LogFolder& a_logfolder)
 {
     int64_t i64Seconds = a_logfolder.i64Seconds;
@@ -143,9 +144,8 @@ static void RemoveIfEmpty(const LogFolder& a_logfolder)
         OsFileRemoveEmptyTree(a_logfolder.strPath.c_str());
 }
 
-// The folders that are older than the newest a_lRuns runs. The newest folder of a run starts it, and what started
-// within half an hour before belongs to it. Folders without a time, or with one that has yet to come, are no run and
-// never expire.
+// The folders older than the newest a_lRuns runs. A run is its newest folder and all folders that started within half
+// an hour before it. Folders without a time or with a future time are ignored and never expire.
 static std::vector<LogFolder> Expired(std::vector<LogFolder> a_veclogfolder, long a_lRuns)
 {
     std::erase_if(a_veclogfolder, [i64Now = Now()](const LogFolder& a_logfolder) {
@@ -183,7 +183,7 @@ void COsCfgImpl::ManageLogDirectories(const char* a_szLogFolder, const COsThread
         return;
     LockOwnFolder(a_posthread);
 
-    // Without a value nothing says what may go.
+    // Without a value there is no limit, so nothing is removed.
     const char* const szBackup = m_oscfgtable.Get(OS_CFGSECTION_DSIDENTITY, OS_CFGTAG_LOGBACKUP);
     const long lBackup = std::strtol(szBackup, nullptr, 0);
     if (!*szBackup || lBackup < 0)

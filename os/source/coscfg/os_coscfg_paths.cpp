@@ -1,8 +1,8 @@
 // os_coscfg_paths.cpp: path identifiers and special folders.
 //
-// In order: the special folders, components of paths, the writeable and readable ones that build on them, the INI
-// files, the table of all identifiers, the resolver with its cache. Inside, a path is a buffer of OS_PATHSIZE bytes,
-// and an empty one is none.
+// In order: the special folders, components of paths, the writeable and readable paths that build on them, the INI
+// files, the table of all identifiers, the resolver with its cache. Internally a path is a buffer of OS_PATHSIZE bytes,
+// and an empty path means failure.
 #include "os_coscfg_impl.h"
 
 #include "os_cosarguments.h"
@@ -32,10 +32,10 @@ struct SpecialFolderRow
 {
     const char* szPathName;
     PlatFolder platfolder;
-    PlatFolder platfolderRoaming;   // where roaming folders are used
+    PlatFolder platfolderRoaming;   // used instead when roaming folders are enabled
 };
 
-// By number, from 1. The default user's are the current user's, there is no other here.
+// By number, from 1. The default user's folders are the current user's: this system has no other.
 constexpr SpecialFolderRow g_aspecialfolderrow[] = {
     {"OS_PATH_SPECIALFOLDER_CURRENTUSER_APPDATA", PLAT_FOLDER_LOCAL, PLAT_FOLDER_ROAMING},
     {"OS_PATH_SPECIALFOLDER_CURRENTUSER_LOCALAPPDATA", PLAT_FOLDER_LOCAL, PLAT_FOLDER_LOCAL},
@@ -124,7 +124,7 @@ void ResolveBelow(EOSPATH a_eospath, char* a_szPath, std::initializer_list<const
     OsCfgPathJoin(a_szPath, a_components);
 }
 
-// A special folder, moved below the prefix that the common settings may name.
+// A special folder, moved below the prefix if the common settings set one.
 void WriteableFolder(char* a_szPath, EOSSPECIALFOLDER a_eosspecialfolder)
 {
     char szFolder[OS_PATHSIZE];
@@ -192,7 +192,7 @@ void ProfilesLegacy(char* a_szPath)
         *a_szPath = 0;
 }
 
-// Both are created at each question, since they may have been removed meanwhile.
+// Both functions create the folder on each call, since it may have been removed meanwhile.
 void LogCollectorFolder(char* a_szPath)
 {
     ResolveBelow(OS_PATH_WRITEABLE_FOLDER_BRAND_LOCALORROAMING, a_szPath, {"common", "logcollector"});
@@ -215,7 +215,7 @@ void LogDirectoryRoot(char* a_szPath)
         szComponent[1 + std::strcspn(szComponent + 1, "\\")] = 0;
 }
 
-// ------------------------------------------------------------------------------------------- what is only read
+// --------------------------------------------------------------------------------------------- read-only paths
 
 const char* ReadableFolderName()
 {
@@ -251,7 +251,7 @@ void ModulePath(char* a_szPath)
     OsPathNormalize(a_szPath);
 }
 
-// What lies at these components in the folder of a file.
+// The path made of these components in the folder of a file.
 void PathBeside(char* a_szPath, const char* a_szFile, std::initializer_list<const char*> a_components)
 {
     char szProgram[OS_PATHSIZE];
@@ -263,16 +263,16 @@ void PathBeside(char* a_szPath, const char* a_szFile, std::initializer_list<cons
     OsCfgPathJoin(a_szPath, a_components);
 }
 
-// A folder may have the name of a program.
+// A folder can have the name of a program.
 bool IsProgram(const char* a_szPath)
 {
     OsFileInfo osfileinfo;
     return OsFileGetInfo(a_szPath, &osfileinfo) == EOSSTS_SUCCESS && osfileinfo.eosfiletype != OS_FILETYPE_FOLDER;
 }
 
-// A program of the family: the installed one, else the one beside the running program, beside the plug-in that the
-// library is in, or installed below the same prefix as the running program (PREFIX/bin, PREFIX/lib). Where there is
-// none, the place beside the running program. Programs end in ".exe" where the running one does.
+// The path of a program of the family: the installed one, else the one beside the running program, beside the plug-in
+// that contains the library, or installed below the same prefix as the running program (PREFIX/bin, PREFIX/lib). If
+// none exists, the path beside the running program. Names end in ".exe" if the running program's does.
 void FamilyProgram(char* a_szPath, const char* a_szName)
 {
     char szProgram[OS_PATHSIZE];
@@ -317,7 +317,7 @@ void LogCollectorProgram(char* a_szPath)
 
 // ---------------------------------------------------------------------------------------------------- INI files
 
-// The ".txt" name beside a file that is missing; empty when that is missing, too.
+// If a file is missing, the path of its ".txt" variant; empty when that is missing too.
 void TextCompanion(const char* a_szPath, char* a_szCompanion)
 {
     *a_szCompanion = 0;
@@ -328,7 +328,7 @@ void TextCompanion(const char* a_szPath, char* a_szCompanion)
         *a_szCompanion = 0;
 }
 
-// The file of this model, or else of this program, in a folder. Driver-lets of one kind share a file.
+// The model's INI file in a folder, else the program's. Driver-lets of one kind share a file.
 void OwnIniFile(char* a_szPath, const char* a_szSuffix)
 {
     const char* const szModel = OsArgumentsGet(OS_ARGUMENT_MODELDIRECTORY);
@@ -373,7 +373,7 @@ struct PathRow
     const char* szName;
     void (*resolve)(char* a_szPath);
     EOSPATH eospath;
-    bool blCached;   // false: it depends on tags, or is looked for or created each time
+    bool blCached;   // false: it depends on tags, or is searched for or created on each call
 };
 
 #define OS_PATHROW(name_, resolve_, cached_)                                                                           \
@@ -421,7 +421,7 @@ bool IsSpecialFolder(uint32_t a_u32Path)
     return a_u32Path >= OS_PATH_SPECIALFOLDER_CURRENTUSER_APPDATA && a_u32Path < OS_PATH_LAST;
 }
 
-// "OS_PATH_010" for the numbers that have no other name.
+// Numbers without a symbolic name are shown as "OS_PATH_010".
 struct NumberedName
 {
     char szName[sizeof "OS_PATH_000"] = "OS_PATH_000";
@@ -440,8 +440,8 @@ constexpr std::array<NumberedName, OS_PATH_LAST> g_anumberedname = [] {
 
 // -------------------------------------------------------------------------------------------------- the resolver
 
-// One cell for each row. The lock is not held while a path is computed: that logs, creates and reads settings. Whoever
-// comes first stays.
+// One cell per row. The lock is not held while a path is computed, because that logs, creates folders and reads
+// settings. The first result is kept.
 char g_aszCache[std::size(g_apathrow)][OS_PATHSIZE];
 uint64_t g_u64CacheLock = 0;
 

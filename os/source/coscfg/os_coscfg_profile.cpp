@@ -1,8 +1,8 @@
-// os_coscfg_profile.cpp: the profile cache: any INI file by section and key. From top to bottom: what is told when the
-// lock is free again, one file of the cache, the cache, the operations.
+// os_coscfg_profile.cpp: the profile cache: any INI file by section and key. From top to bottom: log lines deferred
+// until the lock is released, one cached file, the cache, the operations.
 //
-// os_coscfg_profiletext.cpp knows the text of a file, os_coscfg_profilefile.cpp reads and writes it,
-// os_coscfg_profilepath.cpp knows which file serves a request.
+// os_coscfg_profiletext.cpp parses the text of a file, os_coscfg_profilefile.cpp reads and writes the file,
+// os_coscfg_profilepath.cpp maps a request to a file.
 #include "os_coscfg_impl.h"
 
 #include "os_coscfg_profilefile.h"
@@ -23,8 +23,8 @@ namespace
 {
 // ------------------------------------------------------------------------------------------------------------- notes
 
-// Nothing logs while the cache is locked: a log line may lead back to the cache, through the header that the logger
-// writes into its file. What there is to tell waits here.
+// Nothing may log while the cache is locked, because the logger's header may read a profile. Log lines are collected
+// here and written after the unlock.
 class Notes
 {
 public:
@@ -37,7 +37,7 @@ public:
     Notes(const Notes&) = delete;
     Notes& operator=(const Notes&) = delete;
 
-    // A format with one "%s".
+    // The format has one "%s".
     void Add(uint32_t a_u32Level, const char* a_szFormat, const char* a_szPath)
     {
         if (m_sizetNotes == m_anote.size())
@@ -53,7 +53,7 @@ private:
         const char* szFormat;
         char szPath[OS_PATHSIZE];
     };
-    std::array<Note, 32> m_anote;   // some for each file, and what the operation itself tells
+    std::array<Note, 32> m_anote;   // some for each file, and those of the operation itself
     size_t m_sizetNotes = 0;
 };
 
@@ -68,17 +68,17 @@ public:
     bool IsDirty() const { return m_blDirty; }
     const OsCfgProfileText& Text() const { return m_oscfgprofiletext; }
 
-    void Begin(const char* a_szPath);   // an empty text, of a file that need not exist
+    void Begin(const char* a_szPath);   // starts with an empty text; the file need not exist
     OsCfgProfileState Load(Notes* a_pnotes);
-    OsCfgProfileState Look() const;   // at the file, without loading it
+    OsCfgProfileState Look() const;   // stats the file without loading it
 
     EOSSTS Store(const char* a_szSection, const char* a_szKey, const char* a_szValue);
 
-    // Brings the file up to date; *a_pblWritten tells whether that took a write. EOSSTS_FAIL also when the file has
-    // changed since it was loaded: what was stored is dropped then.
+    // Writes the text to the file if it differs; *a_pblWritten tells whether a write was needed. EOSSTS_FAIL also when
+    // the file has changed since it was loaded; the stored values are then dropped.
     EOSSTS WriteBack(Notes* a_pnotes, bool* a_pblWritten);
 
-    // Told when what was stored is dropped, since another party has changed the file.
+    // Logs that stored values were dropped because another process has changed the file.
     static void TellDropped(Notes* a_pnotes)
     {
         a_pnotes->Add(OS_LOG_CHECK, "we're reloading over a dirty profile...", "");
@@ -95,7 +95,7 @@ private:
     OsCfgProfileText m_oscfgprofiletext;
 };
 
-// What the next look finds differs from this.
+// Makes the next Look report a change.
 void ProfileFile::Forget()
 {
     m_blDirty = false;
@@ -124,7 +124,7 @@ OsCfgProfileState ProfileFile::Load(Notes* a_pnotes)
     }
     if (oscfgprofileimage.blReadOnly)
         a_pnotes->Add(OS_LOG_NOTE, "profile opened readonly...<%s>", m_szPath);
-    // A file that was written just now can be written again within one tick of its time stamp: that would not show.
+    // A recently written file can be written again within one tick of its time stamp, which would go unnoticed.
     m_platfileidentity = oscfgprofileimage.platfileidentity;
     m_blSettled = PlatClock() > m_platfileidentity.u64WriteTime + g_u64Settled;
     m_u64Digest = OsCfgProfileDigest(oscfgprofileimage.achFile, oscfgprofileimage.sizetFile);
@@ -191,17 +191,17 @@ EOSSTS ProfileFile::WriteBack(Notes* a_pnotes, bool* a_pblWritten)
 
 // --------------------------------------------------------------------------------------------------------- the cache
 
-std::mutex g_mutexProfiles;   // guards the two below, also while files are read and written
+std::mutex g_mutexProfiles;   // guards the cached files and their count, also during file input and output
 std::array<ProfileFile, 16> g_aprofilefile;
-size_t g_sizetProfileFiles;   // in use, from the first on
+size_t g_sizetProfileFiles;   // in use, at the beginning of the array
 
-// The cache, held for the life of the object.
+// The locked cache; unlocks when destroyed.
 class ProfileCache
 {
 public:
     ProfileCache() : m_guard(g_mutexProfiles) {}
 
-    // The file as it is now, null when it cannot be read. A file that is to be written need not exist.
+    // The up-to-date file, null when it cannot be read. With a_blWrite the file need not exist.
     ProfileFile* Obtain(const char* a_szPath, bool a_blWrite);
 
     ProfileFile* Find(const char* a_szPath) const;
@@ -218,11 +218,11 @@ private:
     ProfileFile* LoadOrRemove(ProfileFile* a_pprofilefile, bool a_blWrite);
     void WriteBackCompanion(const char* a_szPath);
 
-    Notes m_notes;   // before the guard: told when the lock is free
+    Notes m_notes;   // declared before the guard, so that they are logged after the unlock
     std::lock_guard<std::mutex> m_guard;
 };
 
-// Spellings that differ in case are of one file where the file system says so.
+// Paths that differ only in case name the same file if the file system says so.
 bool IsSameFile(const char* a_szLeft, const char* a_szRight)
 {
     if (std::strcmp(a_szLeft, a_szRight) == 0)
@@ -309,7 +309,7 @@ EOSSTS ProfileCache::WriteBack(ProfileFile* a_pprofilefile)
     return eossts;
 }
 
-// The other half of a protected profile goes with it, wherever it lies.
+// Also writes the "_debug.ini" companion of a protected "_const.ini", in whichever folder it is.
 void ProfileCache::WriteBackCompanion(const char* a_szPath)
 {
     static constexpr char g_szConst[] = "_const.ini";
@@ -361,7 +361,7 @@ bool IsOneLine(const char* a_szText)
     return a_szText && a_szText[std::strcspn(a_szText, "\r\n")] == 0;
 }
 
-// What could not be found again is not written.
+// Refuses what could not be found again.
 bool IsStorable(const char* a_szSection, const char* a_szKey, const char* a_szValue)
 {
     const bool blKey = IsOneLine(a_szKey) && std::strlen(a_szKey) >= 2 && !std::strchr("[;@", *a_szKey);
@@ -428,7 +428,7 @@ EOSSTS OsCfgProfileWriteBack(const char* a_szFile)
     OsPathNormalize(szMapped);
     OsPathCopy(szPath, sizeof szPath, a_szFile);
 
-    // Requests are cached by the path that serves them, which the mapping need not change.
+    // A file is cached under the path that served its request: the mapped path, or the given one.
     ProfileCache profilecache;
     ProfileFile* const pprofilefileMapped = profilecache.Find(szMapped);
     ProfileFile* const pprofilefile = pprofilefileMapped ? pprofilefileMapped : profilecache.Find(szPath);

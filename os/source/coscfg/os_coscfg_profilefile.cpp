@@ -1,6 +1,6 @@
 // os_coscfg_profilefile.cpp: the file of a profile: opening and locking, reading, writing.
 //
-// The platform layer is called directly, since it does not log. A path was converted once before it comes here.
+// Calls the platform layer directly, because that does not log. Callers have checked that the path converts.
 #include "os_coscfg_profilefile.h"
 
 #include "os_cosfile_system.h"
@@ -20,7 +20,7 @@ namespace
 constexpr uint32_t g_u32LockPatience = 2000;   // milliseconds
 constexpr uint32_t g_u32ReadWrite = PLAT_ACCESS_READ | PLAT_ACCESS_WRITE;
 
-// A path as the system takes it, for calls that are not to be redirected.
+// A path in the system's form, used with the redirection off.
 class SystemPath
 {
 public:
@@ -48,7 +48,7 @@ public:
     // False with the last error.
     bool Open(const char* a_szPath, uint32_t a_u32Access, PlatDisposition a_platdisposition);
 
-    // Waits for whoever holds the lock, a while. Where there are no locks, it is ours.
+    // Waits up to 2 s for the lock. True also on a file system without locks.
     bool Lock();
 
     PlatHandle Get() const { return m_plathandle; }
@@ -82,7 +82,7 @@ bool ProfileHandle::Lock()
     return true;
 }
 
-// The lock goes first: a process that is being started holds a copy of every handle until its program runs.
+// Unlocks before closing: a child process that is just being started still has copies of all handles.
 void ProfileHandle::Close()
 {
     if (m_plathandle == PLAT_INVALID)
@@ -100,7 +100,7 @@ OsCfgProfileState StateOfFailedOpen()
     return blMissing ? OsCfgProfileState::Missing : OsCfgProfileState::Unreadable;
 }
 
-// The platform layer takes memory for paths.
+// Catches std::bad_alloc: the platform layer allocates for paths.
 template <class Result, class Operation>
 Result WithoutThrowing(Result a_resultFailed, Operation a_operation)
 {
@@ -181,7 +181,7 @@ struct ProfileText
     size_t sizetText;
 };
 
-// The new text is written before the old one is cut, so that a full disk does not leave an empty file.
+// Writes the new text before truncating, so that a full disk does not leave an empty file.
 bool WriteInPlace(PlatHandle a_plathandle, const ProfileText& a_profiletext)
 {
     return PlatFileSeek(a_plathandle, PLAT_SEEK_START, 0, nullptr) &&
@@ -189,7 +189,7 @@ bool WriteInPlace(PlatHandle a_plathandle, const ProfileText& a_profiletext)
            PlatFileSetEnd(a_plathandle);
 }
 
-// Nothing when the path names another file than the open one.
+// Empty result when the path no longer names the open file; the caller retries.
 std::optional<OsCfgProfileWritten> Write(PlatHandle a_plathandle, const ProfileText& a_profiletext)
 {
     const SystemPath systempath(a_profiletext.szPath);
@@ -204,7 +204,8 @@ std::optional<OsCfgProfileWritten> Write(PlatHandle a_plathandle, const ProfileT
                                                                   : OsCfgProfileWritten::CannotWrite;
 }
 
-// Looks at the file again, and writes if it is as it was. Nothing when it is no longer the one that the path names.
+// Reads the file again and writes only if its content is unchanged. Empty result when the path no longer names the open
+// file.
 std::optional<OsCfgProfileWritten> WriteIfUnchanged(ProfileHandle& a_profilehandle, const ProfileText& a_profiletext,
                                                     uint64_t a_u64Digest)
 {
@@ -224,7 +225,7 @@ std::optional<OsCfgProfileWritten> WriteIfUnchanged(ProfileHandle& a_profilehand
     return Write(a_profilehandle.Get(), a_profiletext);
 }
 
-// Makes a missing file as a whole, where the system can do that.
+// Creates a missing file with its content in one step, where the system supports that.
 bool CreateWhole(const ProfileText& a_profiletext)
 {
     const SystemPath systempath(a_profiletext.szPath);
@@ -247,7 +248,7 @@ std::optional<OsCfgProfileWritten> StoreOnce(const ProfileText& a_profiletext, u
 
 OsCfgProfileWritten Store(const ProfileText& a_profiletext, uint64_t a_u64Digest)
 {
-    static constexpr int g_iTries = 100;   // another writer came first each time
+    static constexpr int g_iTries = 100;   // each retry means that another writer came first
     for (int iTry = 0; iTry < g_iTries; ++iTry)
     {
         if (const auto oscfgprofilewritten = StoreOnce(a_profiletext, a_u64Digest))

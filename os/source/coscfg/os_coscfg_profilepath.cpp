@@ -1,8 +1,8 @@
-// os_coscfg_profilepath.cpp: which file serves a profile request. From top to bottom: the layout and the redirects, the
+// os_coscfg_profilepath.cpp: maps a profile request to a file. From top to bottom: the layout and the redirects, the
 // protected name of a profile, the resolution of a request.
 //
-// In the protected layout what is installed is read-only, and diagnostics have files of their own in a folder that can
-// be written.
+// In the protected layout the installed files are read-only, and diagnostics have their own files in a writeable
+// folder.
 #include "os_coscfg_impl.h"
 
 #include "os_cosarguments.h"
@@ -35,7 +35,7 @@ bool UsesDebugIni()
     return OsCfgCommonIsYes("UseDebugIni", "yes");
 }
 
-// Files that take the place of all protected profiles, and of all their companions.
+// Files that replace all protected profiles, and all their companions.
 struct Redirects
 {
     char szConst[OS_PATHSIZE] = {};
@@ -66,14 +66,14 @@ void TellRedirects(const Redirects& a_redirects)
         OSLOG(OS_LOG_NOTE, "debug redirect=<%s>", a_redirects.szDebug);
 }
 
-// Null without memory.
+// Null when there is no memory.
 const Redirects* RedirectsOfProcess()
 {
     static std::atomic<const Redirects*> g_predirects{nullptr};
     return OsCfgPublished(g_predirects, ReadRedirects, TellRedirects);
 }
 
-// The redirect that serves a name, null for none.
+// The redirect for a file name, null if there is none.
 const char* RedirectOf(const char* a_szFile)
 {
     const Redirects* const predirects = RedirectsOfProcess();
@@ -91,7 +91,7 @@ const char* RedirectOf(const char* a_szFile)
 
 // ------------------------------------------------------------------------------------------------ the protected name
 
-// A profile below a folder of the brand belongs to a module; logs and protected profiles are no such profiles.
+// A profile below a folder of the brand belongs to a module, except for logs and protected profiles.
 bool IsMapped(const char* a_szFile)
 {
     return IsProtected() && !StrEndsWith(a_szFile, g_szConstEnd, true) && !StrEndsWith(a_szFile, g_szDebugEnd, true) &&
@@ -109,7 +109,7 @@ void RemoveBrandFolders(char (&a_szPath)[OS_PATHSIZE])
     }
 }
 
-// Copies the first component; false when there is none.
+// Copies the first component; false if there is none.
 bool FirstComponent(const char* a_szPath, char (&a_szComponent)[OS_PATHSIZE])
 {
     const char* const szFirst = a_szPath + std::strspn(a_szPath, "\\");
@@ -127,8 +127,7 @@ bool IsDiagnostic(const char* a_szSection, const char* a_szKey)
            (StrIstr(a_szSection, "dsidentity") && StrIStartsWith(a_szKey, "debug"));
 }
 
-// The folder of the diagnostic files, made when it is missing; of the protected files otherwise. Empty when there is
-// none.
+// The folder of the diagnostic files (created if missing) or of the protected files. Empty if there is none.
 void FindFolder(bool a_blDiagnostic, const char* a_szSection, char (&a_szFolder)[OS_PATHSIZE])
 {
     EOSPATH eospath = OS_PATH_READABLE_FOLDER_BRAND;
@@ -148,7 +147,7 @@ void FindFolder(bool a_blDiagnostic, const char* a_szSection, char (&a_szFolder)
         OsFileCreateDirectory(a_szFolder);
 }
 
-// The profiles of a module are named after it; the module is this program unless the section says another.
+// Profiles of a module are named after it; the module is this program unless the section names another.
 void NameOfModule(bool a_blDiagnostic, const char* a_szSection, char (&a_szName)[OS_PATHSIZE])
 {
     const char* szModule = OsArgumentsGet(OS_ARGUMENT_UNIQUENAME);
@@ -163,7 +162,7 @@ void NameOfModule(bool a_blDiagnostic, const char* a_szSection, char (&a_szName)
     SStrPrintf(a_szName, sizeof a_szName, "%s%s", szModule, a_blDiagnostic ? g_szDebugEnd : g_szConstEnd);
 }
 
-// Writes the path that serves a request in the protected layout in the place of the file's own.
+// Replaces a_szPath by the path that serves the request in the protected layout.
 void ServeProtected(const char* a_szSection, const char* a_szKey, char (&a_szPath)[OS_PATHSIZE])
 {
     const bool blConstIni = StrICmp(StrFileName(a_szPath), "const.ini") == 0;

@@ -1,4 +1,4 @@
-// os_coscfg_profiletext.cpp: the text of one INI file: taking it, finding in it, changing it, giving it back.
+// os_coscfg_profiletext.cpp: the text of one INI file: parsing, searching, changing, serialising.
 #include "os_coscfg_profiletext.h"
 
 #include "os_cosstring.h"
@@ -63,7 +63,7 @@ void OsCfgProfileText::Take(const char* a_achFile, size_t a_sizetFile)
 
 // ------------------------------------------------------------------------------------------------------------ finding
 
-// The first line behind the header, SIZE_MAX for a section that is not there.
+// Offset of the first line behind the header, SIZE_MAX if the section is missing.
 size_t OsCfgProfileText::FindSection(const char* a_szSection) const
 {
     for (size_t sizetLine = 0; sizetLine < m_sizetUsed; sizetLine = Next(sizetLine))
@@ -121,7 +121,7 @@ const char* OsCfgProfileText::Find(const char* a_szSection, const char* a_szKey)
 
 // ----------------------------------------------------------------------------------------------------------- changing
 
-// Behind the last key line of the section that begins here.
+// Offset behind the last key line of the section that begins at a_sizetLine.
 size_t OsCfgProfileText::EndOfKeys(size_t a_sizetLine) const
 {
     size_t sizetEnd = a_sizetLine;
@@ -133,7 +133,7 @@ size_t OsCfgProfileText::EndOfKeys(size_t a_sizetLine) const
     return sizetEnd;
 }
 
-// Puts one line of three parts in the place of a_sizetOld bytes. False when there is no room for it.
+// Replaces a_sizetOld bytes by one line of three parts. False when the text would get too long.
 bool OsCfgProfileText::Replace(size_t a_sizetAt, size_t a_sizetOld, const char* a_szFirst, const char* a_szMiddle,
                                const char* a_szLast)
 {

@@ -3,29 +3,29 @@
 
 #include "os_types.h"
 
-inline constexpr size_t OS_PROFILESIZE = 8192;   // of a file, in bytes
+inline constexpr size_t OS_PROFILESIZE = 8192;   // largest file, in bytes
 
-// Lines, each with its terminator, one behind the other. There are no empty ones. Names of sections and keys are
-// compared without regard to case, and nothing is trimmed.
+// Stored as consecutive lines with terminators, without empty lines. Section and key names are compared without regard
+// to case; nothing is trimmed.
 class OsCfgProfileText
 {
 public:
     void Clear();
 
-    // Takes the first OS_PROFILESIZE bytes of a file, whatever they are. A byte-order mark and every CR are dropped.
+    // Parses the first OS_PROFILESIZE bytes of a file. Drops a byte-order mark and every CR.
     void Take(const char* a_achFile, size_t a_sizetFile);
 
-    // The value of a key, null for none. "@0", "@1" ... is the line of that number behind the header. A key of less
-    // than two characters is never found.
+    // The value of a key, null if absent. "@0", "@1" ... is the line with that number behind the header. Keys of fewer
+    // than two characters are never found.
     const char* Find(const char* a_szSection, const char* a_szKey) const;
 
-    // Replaces the value, or adds the key at the end of the section's key lines; a section that is missing is added at
-    // the end. EOSSTS_NOMEMORY, with nothing changed, when the file would be larger than OS_PROFILESIZE, and when it
-    // was so when it was taken. *a_pblChanged tells whether the text is another one now.
+    // Replaces the value, or appends the key to the section's key lines; a missing section is appended at the end.
+    // EOSSTS_NOMEMORY, with nothing changed, when the file would exceed OS_PROFILESIZE or did so when it was parsed.
+    // *a_pblChanged tells whether the text has changed.
     EOSSTS Store(const char* a_szSection, const char* a_szKey, const char* a_szValue, bool* a_pblChanged);
 
-    // The bytes of the file: a blank line follows each block of key lines. Returns their number, SIZE_MAX when they do
-    // not fit.
+    // Serialises the text; a blank line follows each block of key lines. Returns the number of bytes, SIZE_MAX when
+    // they do not fit.
     size_t ToFile(char (&a_achFile)[OS_PROFILESIZE]) const;
 
 private:
@@ -38,6 +38,6 @@ private:
                  const char* a_szLast);
 
     char m_szText[OS_PROFILESIZE + 1] = {};
-    size_t m_sizetUsed = 0;   // where the next line would begin; the end is "no line"
+    size_t m_sizetUsed = 0;   // end of the last line
     bool m_blCut = false;
 };

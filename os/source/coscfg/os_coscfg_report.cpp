@@ -1,7 +1,7 @@
-// os_coscfg_report.cpp: the support report: one text file that shows everything that the configuration decided. From
-// top to bottom: its name, its sections in their order, the whole.
+// os_coscfg_report.cpp: the support report: one text file with everything that the configuration has decided. From top
+// to bottom: its file name, its sections in their order, writing it.
 //
-// os_coscfg_report_items.cpp knows what is listed of the object and of the machine.
+// os_coscfg_report_items.cpp has the lists of members and of facts about the machine.
 #include "os_coscfg_impl.h"
 
 #include "os_coscfg_report_items.h"
@@ -31,7 +31,7 @@ namespace
 {
 // -------------------------------------------------------------------------------------------------------------- name
 
-// In a folder of its own, where each report has another name.
+// A file name with a time stamp, for a folder that collects reports.
 void NameInFolder(const char* a_szFolder, char (&a_szPath)[OS_PATHSIZE])
 {
     OsTimeRecord ostimerecord = {};
@@ -44,7 +44,7 @@ void NameInFolder(const char* a_szFolder, char (&a_szPath)[OS_PATHSIZE])
     OsPathNormalize(a_szPath);
 }
 
-// Beside the log. The tag has its value only once the directory set is complete.
+// In the log folder. The tag is set only once the directory set is complete.
 void NameInLogFolder(const COsCfgImpl& a_oscfgimpl, char (&a_szPath)[OS_PATHSIZE])
 {
     const char* const szTag = a_oscfgimpl.m_oscfgtable.Get(OS_CFGSECTION_DSIDENTITY, OS_CFGTAG_LOGDIRECTORY);
@@ -132,7 +132,7 @@ try
         strEntry.append("=").append(strValue);
         size_t sizetEnd = std::min(strEntry.size(), g_sizetLongest);
         while (sizetEnd < strEntry.size() && (static_cast<unsigned char>(strEntry[sizetEnd]) & 0xC0) == 0x80)
-            --sizetEnd;   // not within a character
+            --sizetEnd;   // do not cut within a character
         strEntry.resize(sizetEnd);
         m_osfile.Printf("%s\r\n", strEntry.c_str());
     }
@@ -198,7 +198,7 @@ void Report::WritePaths()
     }
 }
 
-// The tags are written as an INI file has them, so that lines can be taken over into a const.ini.
+// Tags are written in INI format, so that lines can be copied into a const.ini.
 void Report::WriteHeader(const char* a_szSection)
 {
     m_osfile.Printf("\r\n[%s%s]\r\n", OsCfgSectionPrefix(), a_szSection);
@@ -213,7 +213,7 @@ void Report::WriteValue(const char* a_szName, uint32_t a_u32Number, const char* 
 
 void Report::WriteTags()
 {
-    // What follows are the passwords of certificates, which a report must not tell.
+    // The tags behind it are certificate passwords, which must not be in a report.
     static constexpr uint32_t g_u32LastIdentity = OS_CFGTAG_PDFRASTERPFXFILE03;
     static_assert(g_u32LastIdentity == 246);
     const OsCfgTable& oscfgtable = m_oscfgimpl.m_oscfgtable;
@@ -276,7 +276,7 @@ void Report::WriteMember(const char* a_szName, const char* a_szValue)
     m_osfile.Printf("%-36s= <%s>\r\n", a_szName, a_szValue);
 }
 
-// The file that says what is logged, as a request for it finds it.
+// The path of the file with the log settings, as a profile request resolves it.
 void Report::WriteProfilePath(const char* a_szName, EOSPATH a_eospath)
 {
     char szProfile[OS_PATHSIZE] = "";
@@ -316,7 +316,7 @@ EOSSTS COsCfgImpl::WriteReport()
     if (!CreateFolderOf(szPath))
         return EOSSTS_CANNOTCREATE;
     OsFileSetNoCreate(true);
-    OsMemSetTrace(false);   // some thousand lines, before the first of the application
+    OsMemSetTrace(false);   // avoids some thousand trace lines
     const ScopeGuard create([] {
         OsFileSetNoCreate(false);
         OsMemSetTrace(true);
@@ -336,6 +336,6 @@ EOSSTS COsCfgImpl::WriteReport()
     report.WriteTags();
     report.WriteExtension();
     report.WriteDirectories();
-    osfile.SetEndOfFile();   // nothing of a longer report that was there stays behind this one
+    osfile.SetEndOfFile();   // truncates an older, longer report
     return EOSSTS_SUCCESS;
 }

@@ -1,4 +1,5 @@
-// os_coscfg_report_items.cpp: the tables of the support report: facts about the machine, members of the object.
+// os_coscfg_report_items.cpp: the tables of the support report: facts about the machine, members of the configuration
+// object.
 #include "os_coscfg_report_items.h"
 
 #include <iterator>
@@ -58,7 +59,7 @@ const char* TextOf(const COsCfgImpl& a_oscfgimpl)
     return a_oscfgimpl.*Member;
 }
 
-// One that was not read is empty.
+// Empty for an INI file that was not read.
 template <std::unique_ptr<char[]> COsCfgImpl::*Member>
 const char* TextOfFile(const COsCfgImpl& a_oscfgimpl)
 {

@@ -26,7 +26,7 @@ struct OsReportMember
     const char* (*pfnText)(const COsCfgImpl& a_oscfgimpl);
 };
 
-// In the order of the report; null behind the last.
+// In the order of the report; null past the end.
 const OsReportInfo* OsReportInfoAt(size_t a_sizetIndex);
 const OsReportMember* OsReportDirectoryAt(size_t a_sizetIndex);   // up to the temporary folder
-const OsReportMember* OsReportMemberAt(size_t a_sizetIndex);      // what follows the profile paths
+const OsReportMember* OsReportMemberAt(size_t a_sizetIndex);      // the members behind the profile paths

@@ -1,4 +1,4 @@
-// os_coscfg_roaming.cpp: which models' logs roam with their user, and where a log path leads for those.
+// os_coscfg_roaming.cpp: which models' logs roam with the user, and the log paths of those models.
 #include "os_coscfg_impl.h"
 
 #include "os_cosarguments.h"
@@ -13,7 +13,7 @@ static constexpr char g_szSource[] = "os/source/os_coscfg";
 
 // ------------------------------------------------------------------------------------------------- the models' flags
 
-// Under the lock.
+// Guarded by the lock.
 static uint64_t g_u64ModelLock = 0;
 static OsCfgModelFlag g_aoscfgmodelflag[OS_MODELFLAGS];
 static size_t g_sizetModels = 0;

@@ -1,4 +1,4 @@
-// os_coscfg_table.cpp: sections, tags and their cells: what is known of a tag, then the table.
+// os_coscfg_table.cpp: sections, tags and their cells: the built-in tags, then the table.
 #include "os_coscfg_impl.h"
 
 #include "os_cosstring.h"
@@ -7,7 +7,7 @@
 #include <iterator>
 #include <new>
 
-// ------------------------------------------------------------------------------------------------- what is known
+// --------------------------------------------------------------------------------------------- the built-in tags
 
 namespace
 {
@@ -18,7 +18,7 @@ struct OsCfgTagRow
     const char* szDefault;
 };
 
-// The row's place is the number of the tag.
+// The index of a row is the number of its tag.
 constexpr OsCfgTagRow g_aoscfgtagrow[] = {{"", OS_CFGSECTION_DSIDENTITY, nullptr},
 #define OS_CFGTAG_ROW(tag_, name_, section_, default_) {name_, OS_CFGSECTION_##section_, default_},
                                           OS_CFGTAG_LIST(OS_CFGTAG_ROW)
@@ -29,7 +29,7 @@ static_assert(std::size(g_aoscfgtagrow) == OS_CFGTAG_LAST);
 constexpr const char* g_aszSection[] = {"", "dsIdentity", "Brand", "SupportedSizes", "MVR_ALL.DS"};
 static_assert(std::size(g_aszSection) == OS_CFGSECTION_MVRALLDS + 1);
 
-// Rows and columns of an extension beyond this are a mistake.
+// An extension with more sections or tags than this is taken for a mistake.
 constexpr uint32_t g_u32ExtensionMost = 4096;
 
 const OsCfgTagRow& RowOf(uint32_t a_u32Tag)
@@ -37,7 +37,7 @@ const OsCfgTagRow& RowOf(uint32_t a_u32Tag)
     return g_aoscfgtagrow[a_u32Tag < OS_CFGTAG_LAST ? a_u32Tag : 0];
 }
 
-// How many numbers a list reaches over, from 1000; 0 for one that holds a number below.
+// The range of numbers of a list, from 1000; 0 if a number is below 1000.
 uint32_t SpanOf(const OsCfgExtension* a_poscfgextension)
 {
     uint32_t u32Highest = OS_CFGEXTENSION;

@@ -1,4 +1,4 @@
-// os_coscfg_user.cpp: whom this process works for, found out once.
+// os_coscfg_user.cpp: the user that this process works for, determined once.
 //
 // In order: the kinds of process, the sources of a name, the choice among them.
 #include "os_coscfg_impl.h"
@@ -48,13 +48,13 @@ static bool HasModule(const char* a_szName)
     return search.blFound;
 }
 
-// The host that the system starts for image acquisition has this module.
+// True in the host process that the system starts for image acquisition, which loads this module.
 static bool IsImageAcquisitionHost()
 {
     return HasModule("wiaentry.dll");
 }
 
-// The service itself has our module as well, its certification test has not.
+// The service itself also has our module loaded, its certification test does not.
 bool OsCfgIsCertificationHost()
 {
     static const bool g_blCertificationHost = [] {
@@ -63,7 +63,7 @@ bool OsCfgIsCertificationHost()
     return g_blCertificationHost;
 }
 
-// The service's name, when this process is the one that runs it.
+// The service's name, if this process is the service.
 static bool ServiceUser(char* a_szName, size_t a_sizetName)
 {
     char16_t wszProgram[PLAT_PATHMAX];
@@ -82,7 +82,7 @@ static bool ServiceUser(char* a_szName, size_t a_sizetName)
     return *a_szName != 0;
 }
 
-// The text becomes part of paths, so it may not be one.
+// The name becomes a component of paths, so it must not contain separators.
 bool OsCfgLastUser(char* a_szName, size_t a_sizetName)
 {
     *a_szName = 0;

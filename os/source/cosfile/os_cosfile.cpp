@@ -1,8 +1,8 @@
-// os_cosfile.cpp: the public file object, which checks and forwards, and the statuses of system errors.
+// os_cosfile.cpp: the public file object, which checks and forwards, and the mapping of system errors to statuses.
 //
-// os_cosfile_impl.cpp does the object's work; os_cosfile_monitor.cpp watches; os_cosfile_whole.cpp reads and writes
-// whole files; os_cospath.cpp knows the text of paths; what is done to files and folders by their paths is in
-// os_cosfile_system.cpp, _create, _delete and _name.
+// os_cosfile_impl.cpp implements the object; os_cosfile_monitor.cpp watches files; os_cosfile_whole.cpp reads and
+// writes whole files; os_cospath.cpp handles the text of paths; os_cosfile_system.cpp, _create, _delete and _name
+// operate on files and folders by path.
 #include "os_cosfile.h"
 
 #include "os_cosfile_impl.h"

@@ -1,4 +1,4 @@
-// os_cosfile_create.cpp: creating a folder with its parents, and the trace of who creates folders.
+// os_cosfile_create.cpp: creates a folder with its parents, and traces folder creation.
 #include "os_cosfile_system.h"
 
 #include "os_cosenv.h"
@@ -19,7 +19,7 @@ namespace
 {
 thread_local bool t_blNoCreate = false;
 
-// Where folder creation is traced to, from MVR_TRACE_COSFILE_CREATE: read once per process, empty for nowhere.
+// The trace file, from MVR_TRACE_COSFILE_CREATE: read once per process, empty for no trace.
 uint64_t g_u64TraceLock = 0;
 bool g_blTraceRead = false;
 char g_szTraceFile[OS_PATHSIZE];
@@ -33,7 +33,8 @@ const char* TraceFile()
     return g_szTraceFile;
 }
 
-// The program's file name without extension. The library is linked into the program, so it is the module's as well.
+// The program's file name without extension. It also serves as the module's name: the library is linked into the
+// program.
 void ProgramName(char* a_szName, size_t a_sizetName)
 {
     char16_t wszPath[PLAT_PATHMAX];
@@ -48,7 +49,7 @@ void ProgramName(char* a_szName, size_t a_sizetName)
     SStrCpy(a_szName, a_sizetName, szName);
 }
 
-// One line for each call, when it is wanted. a_u32Error is the system's, for a failure.
+// Writes one trace line if tracing is on. a_u32Error is the system's error of a failed call.
 void Trace(const char* a_szDirectory, EOSSTS a_eossts, uint32_t a_u32Error)
 {
     const char* const szTraceFile = TraceFile();
@@ -68,7 +69,7 @@ void Trace(const char* a_szDirectory, EOSSTS a_eossts, uint32_t a_u32Error)
     OsLogWriteFile(szTraceFile, szLine, true, false, true);
 }
 
-// Skips a_iComponents components; at the end of the text it stays there.
+// Skips a_iComponents components, or less at the end of the text.
 char* SkipComponents(char* a_szPath, int a_iComponents)
 {
     for (int i = 0; i < a_iComponents && *a_szPath; ++i)
@@ -79,7 +80,7 @@ char* SkipComponents(char* a_szPath, int a_iComponents)
     return a_szPath;
 }
 
-// Where the components of a path begin that can be created: behind "\", "X:", "X:\" or "\\server\share\".
+// Start of the components that can be created: behind "\", "X:", "X:\" or "\\server\share\".
 char* BehindRoot(char* a_szPath)
 {
     if (StrStartsWith(a_szPath, "\\\\"))
@@ -88,7 +89,7 @@ char* BehindRoot(char* a_szPath)
     return *szBehind == '\\' ? szBehind + 1 : szBehind;
 }
 
-// A folder that another thread or process creates meanwhile is as good.
+// Also true if another thread or process creates the folder at the same time.
 bool CreateOne(const char* a_szFolder)
 {
     char16_t wszFolder[OS_WIDEPATHSIZE];
@@ -106,8 +107,8 @@ bool CreateOne(const char* a_szFolder)
     return false;
 }
 
-// Creates every missing component of a normalised path, from the root on. Mostly the last alone is missing. False with
-// the system's last error.
+// Creates every missing component of a normalised path, from the root down. Usually only the last is missing. False
+// with the system's last error.
 bool CreateComponents(char* a_szPath)
 {
     OsPathRemoveTrailing(a_szPath);

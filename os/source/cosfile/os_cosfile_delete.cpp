@@ -1,7 +1,8 @@
-// os_cosfile_delete.cpp: deleting files and folder trees. From top to bottom: what is deleted at the entry that a walk
-// (os_cosfile_tree.h) has found, which folders must never go, and the operations.
+// os_cosfile_delete.cpp: deletes files and folder trees. From top to bottom: deleting at the current entry of a walk
+// (os_cosfile_tree.h), the protected folders, the operations.
 //
-// A path is looked up once. What is judged and what is deleted is what that has found, whatever becomes of the path.
+// A path is resolved once; the checks and the deletion use that result, so a change of the path in between has no
+// effect.
 #include "os_cosfile_system.h"
 
 #include "os_cosfile_tree.h"
@@ -25,7 +26,7 @@ void TellDelete(const char* a_szPath, EOSFILETYPE a_eosfiletype, bool a_blRecurs
           static_cast<int>(a_blRecursive));
 }
 
-// Deletes the entry that the walk is at. A folder that cannot be listed is deleted if it is empty.
+// Deletes the walk's current entry. A folder that cannot be listed is deleted if it is empty.
 bool DeleteEntry(OsFileTree& a_osfiletree, bool a_blRecursive)
 {
     if (a_blRecursive && a_osfiletree.Enter())
@@ -38,12 +39,12 @@ bool DeleteEntry(OsFileTree& a_osfiletree, bool a_blRecursive)
     return a_osfiletree.DeleteEntry();
 }
 
-// Removes the folders below the one that the walk is in that hold no file. True when nothing is left. A folder is
-// deleted without what is in it: a file that somebody creates there at this moment stays.
+// Removes the folders without files below the walk's folder. True when nothing is left. Only empty folders are deleted:
+// a file that another process creates meanwhile stays.
 bool RemoveEmptyBelow(OsFileTree& a_osfiletree)
 try
 {
-    std::vector<bool> vecblEmpty(1, true);   // of the folder where the walk began, and of those entered since
+    std::vector<bool> vecblEmpty(1, true);   // one entry per level, from the walk's first folder
     for (;;)
     {
         if (a_osfiletree.Next())
@@ -70,7 +71,7 @@ catch (const std::bad_alloc&)
     return false;
 }
 
-// Folders that must never go: a drive, the system's and the users' folders on it, and these.
+// Folders that must never be deleted: a drive, the system's and the users' folders on it, and these.
 constexpr const char* g_aszProtected[] = {"\\", "\\opt", "\\usr", "\\var"};
 
 bool IsProtectedPath(const char* a_szPath)
@@ -82,7 +83,7 @@ bool IsProtectedPath(const char* a_szPath)
                        [&](const char* a_szProtected) { return strcmp(a_szPath, a_szProtected) == 0; });
 }
 
-// The same folders, and those that hold one, by whatever path the walk has come to them.
+// True if the walk is in a protected folder or in one that contains a protected folder, by whatever path.
 bool HoldsProtected(const OsFileTree& a_osfiletree)
 {
     char aszOnDrive[][12] = {"?:\\", "?:\\Windows", "?:\\Users"};
@@ -99,7 +100,7 @@ bool HoldsProtected(const OsFileTree& a_osfiletree)
                        [&](const char* a_szProtected) { return a_osfiletree.Holds(a_szProtected); });
 }
 
-// Puts the path into normal form without trailing separators. False when it must not be removed.
+// Normalises the path and strips trailing separators. False when the folder must not be removed.
 bool MayRemove(const char* a_szFolder, char* a_szPath)
 {
     if (!a_szFolder || strpbrk(a_szFolder, "*?"))
@@ -112,8 +113,8 @@ bool MayRemove(const char* a_szFolder, char* a_szPath)
     return a_szPath[0] && strcmp(szLast, ".") != 0 && strcmp(szLast, "..") != 0 && !IsProtectedPath(a_szPath);
 }
 
-// Goes into the folder of a path that may be removed, and judges what it has come to. EOSSTS_NOTFOUND when there is
-// none, EOSSTS_ACCESSDENIED when it must stay.
+// Enters the folder of a path and checks that it may be removed. EOSSTS_NOTFOUND when it does not exist,
+// EOSSTS_ACCESSDENIED when it must not be removed.
 EOSSTS EnterToRemove(OsFileTree& a_osfiletree, const char* a_szFolder)
 {
     char szPath[OS_PATHSIZE];

@@ -1,5 +1,5 @@
-// os_cosfile_impl.cpp: the work of the file object. From top to bottom: opening, reading and writing, position and
-// size, byte locks, what the object carries and releases.
+// os_cosfile_impl.cpp: implements the file object. From top to bottom: opening, reading and writing, position and size,
+// byte locks, library and buffer owned by the object.
 #include "os_cosfile_impl.h"
 
 #include "os_cosfile_system.h"
@@ -17,10 +17,10 @@ static constexpr char g_szSource[] = "os/source/os_cosfile";
 namespace
 {
 constexpr int32_t g_i32LockStep = 100;       // ms between two tries
-constexpr size_t g_sizetFormatRoom = 1024;   // beyond the formatted length
+constexpr size_t g_sizetFormatRoom = 1024;   // extra bytes beyond the formatted length
 constexpr int g_iDrainAttempts = 10;
 
-// What an open mode or an access is for the platform layer, and in the numbers that the failure message prints.
+// The platform layer's value for an open mode or an access, and the number that the failure message prints.
 struct OpenRow
 {
     PlatDisposition platdisposition;
@@ -71,7 +71,7 @@ COsFileImpl::~COsFileImpl()
     ReleaseBuffer();
 }
 
-// What is wrong with the arguments of an open, or null.
+// The fault in the arguments of an open, or null.
 static const char* OpenFault(const char* a_szFilename, EOSFILEOPEN a_eosfileopen, EOSFILEACCESS a_eosfileaccess,
                              EOSFILESHARE a_eosfileshare, EOSFILEGUARD a_eosfileguard)
 {
@@ -226,7 +226,7 @@ int COsFileImpl::WriteFormatted(char* a_szText, size_t a_sizetText, const char* 
 {
     if (SStrVprintf(a_szText, a_sizetText, a_szFormat, a_valist) < 0)
         return -1;
-    // A "%c" of 0 ends the text before its formatted length.
+    // A "%c" of 0 can end the text before its formatted length.
     const size_t sizetLength = strlen(a_szText);
     if (sizetLength == 0 || Write(a_szText, sizetLength, false) != EOSSTS_SUCCESS)
         return -1;
@@ -268,7 +268,7 @@ EOSSTS COsFileImpl::SetEndOfFile()
     return PlatFileSetEnd(m_plathandleFile) ? EOSSTS_SUCCESS : EOSSTS_FAIL;
 }
 
-// The slot that holds the range; for the range of length 0 a free one. Null when there is none.
+// The slot of the range; with length 0, a free slot. Null when there is none.
 COsFileImpl::LockSlot* COsFileImpl::FindSlot(uint64_t a_u64Offset, uint64_t a_u64Length)
 {
     LockSlot* const plockslot =
@@ -278,7 +278,7 @@ COsFileImpl::LockSlot* COsFileImpl::FindSlot(uint64_t a_u64Offset, uint64_t a_u6
     return plockslot == std::end(m_alockslot) ? nullptr : plockslot;
 }
 
-// True when the object holds a part of the range, which the system would not tell.
+// True when this object already holds a part of the range: the system would not report that.
 bool COsFileImpl::Overlaps(uint64_t a_u64Offset, uint64_t a_u64Length) const
 {
     return std::any_of(std::begin(m_alockslot), std::end(m_alockslot), [&](const LockSlot& lockslot) {
@@ -287,8 +287,8 @@ bool COsFileImpl::Overlaps(uint64_t a_u64Offset, uint64_t a_u64Length) const
     });
 }
 
-// Tries at once, and again every step as long as more than a step remains. What this object holds nobody else can let
-// go of meanwhile.
+// Tries at once, and again every 100 ms while more than 100 ms remain. Fails at once if this object holds a part of the
+// range: only the caller could release it.
 bool COsFileImpl::LockWithin(uint32_t a_u32Offset, uint32_t a_u32Length, int32_t a_i32Timeout) const
 {
     if (Overlaps(a_u32Offset, a_u32Length))
@@ -423,7 +423,7 @@ void COsFileImpl::TakeBuffer(void* a_pvBuffer)
     m_pvBuffer = a_pvBuffer;
 }
 
-// A block that outlives the memory manager has nobody to take it back.
+// Without the memory manager the block cannot be freed any more.
 void COsFileImpl::ReleaseBuffer()
 {
     if (m_pvBuffer && OsMemExists())

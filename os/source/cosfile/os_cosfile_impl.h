@@ -1,4 +1,4 @@
-// os_cosfile_impl.h: what the sources of the file class share: its implementation, and the identity of a file.
+// os_cosfile_impl.h: the implementation of the file class, shared by its sources, and the identity of a file.
 #pragma once
 
 #include "os_cosfile.h"
@@ -11,7 +11,7 @@
 #include <cstdarg>
 #include <memory>
 
-// The monitor of a file object, as the sources see it that know nothing of watching.
+// Interface to the monitor of a file object, for sources that do not watch.
 class COsFileMonitorBase
 {
 public:
@@ -20,14 +20,14 @@ public:
     COsFileMonitorBase(const COsFileMonitorBase&) = delete;
     COsFileMonitorBase& operator=(const COsFileMonitorBase&) = delete;
 
-    // For good. False when it is called on one of the monitor's own threads, which then ends by itself; else the
-    // threads have gone.
+    // Stops permanently. False when called on one of the monitor's own threads, which then ends by itself; else the
+    // threads have ended on return.
     virtual bool Stop() = 0;
     virtual bool IsStopped() const = 0;
     virtual const OsFileMonitorState& State() const = 0;
 };
 
-// The operations are those of COsFile, which forwards to them.
+// Same operations as COsFile, which forwards to them.
 class COsFileImpl
 {
 public:
@@ -76,7 +76,7 @@ private:
     {
         uint64_t u64Offset;
         uint64_t u64Length;   // 0: the slot is free
-        bool blHeld;          // by the file that is open now; else remembered only
+        bool blHeld;          // lock of the currently open file; false: only remembered
     };
 
     LockSlot* FindSlot(uint64_t a_u64Offset, uint64_t a_u64Length);
@@ -85,7 +85,7 @@ private:
     void ReleaseLibrary();
     void ReleaseBuffer();
 
-    // The monitor's threads hold it as well: it outlives a stop on one of them.
+    // Shared with the monitor's threads, so that it survives a stop called on one of them.
     using MonitorReference = std::shared_ptr<COsFileMonitorBase>;
     MonitorReference Monitor() const;
     void SetMonitor(MonitorReference a_posfilemonitorbase);
@@ -97,11 +97,11 @@ private:
     bool m_blLibraryLoaded = false;
     bool m_blLibraryDrain = false;
     void* m_pvBuffer = nullptr;
-    MonitorReference m_posfilemonitorbase;   // under the lock: the callback may stop it while the owner does
+    MonitorReference m_posfilemonitorbase;   // guarded by the lock: the callback may stop it while the owner does
     mutable uint64_t m_u64MonitorLock = 0;
-    char16_t m_wszFilename[OS_WIDEPATHSIZE] = {};   // m_szFilename for the system; empty when it does not convert
+    char16_t m_wszFilename[OS_WIDEPATHSIZE] = {};   // m_szFilename in UTF-16; empty when it does not convert
 };
 
-// The identity of the file that a path names, or of the folder when a_u32Flags (PLAT_OPEN_) allow one. False when it
-// cannot be opened. Disturbs nobody who has the file open or opens it at the same moment.
+// The identity of the file at a path, or of the folder if a_u32Flags (PLAT_OPEN_) allow one. False when it cannot be
+// opened. Does not conflict with other opens of the file.
 bool OsFileReadIdentity(const char* a_szPath, uint32_t a_u32Flags, PlatFileIdentity* a_pplatfileidentity);

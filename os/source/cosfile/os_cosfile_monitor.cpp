@@ -1,5 +1,5 @@
-// os_cosfile_monitor.cpp: the directory monitor of a file object. From top to bottom: start, the record and its calls,
-// the monitor thread, the events thread, stop. How a change is found is in os_cosfile_monitor_watch.cpp.
+// os_cosfile_monitor.cpp: the directory monitor of a file object. From top to bottom: start, the record and its
+// callbacks, the monitor thread, the events thread, stop. os_cosfile_monitor_watch.cpp detects changes.
 #include "os_cosfile_monitor_impl.h"
 
 #include "os_cfg.h"
@@ -22,11 +22,11 @@ static constexpr char g_szSource[] = "os/source/os_cosfile";
 namespace
 {
 constexpr uint32_t g_u32QueueEntries = 16;
-constexpr uint32_t g_u32EventsPause = 100;   // ms, like the others
+constexpr uint32_t g_u32EventsPause = 100;   // ms, as below
 constexpr uint32_t g_u32EndTimeout = 5000;
 constexpr int32_t g_i32MonitorTimeout = 70000;
 constexpr int32_t g_i32EventsTimeout = 5000;
-constexpr uint32_t g_u32ResultStop = 8;   // of the callback, to the events thread
+constexpr uint32_t g_u32ResultStop = 8;   // result of the callback that ends the events thread
 }   // namespace
 
 // -------------------------------------------------------------------------------------------------------- start
@@ -47,7 +47,7 @@ COsFileMonitor::COsFileMonitor(COsFile* a_posfile, const char* a_szPath, const c
         m_szSplit[sizetFolder] = 0;
 }
 
-// The last that holds the monitor may be one of its threads, which frees its own thread object then.
+// The last reference may be released on one of the monitor's own threads, which then deletes its own thread object.
 COsFileMonitor::~COsFileMonitor()
 {
     OSMEMDELETE(m_posthreadMonitor);
@@ -93,7 +93,7 @@ EOSSTS COsFileImpl::MonitorStart(COsFile* a_posfile, const char* a_szPath, const
     const MonitorReference posfilemonitorbase = Monitor();
     if (posfilemonitorbase && !posfilemonitorbase->IsStopped())
         return InUse(posfilemonitorbase->State().szPath, a_szPath);
-    MonitorStop();   // one that its callback has stopped may still be on its way out
+    MonitorStop();   // a monitor stopped by its callback may still be ending
 
     OsFileInfo osfileinfo{};
     const bool blThere = OsFileGetInfo(a_szPath, &osfileinfo) == EOSSTS_SUCCESS;
@@ -109,7 +109,7 @@ EOSSTS COsFileImpl::MonitorStart(COsFile* a_posfile, const char* a_szPath, const
         return EOSSTS_FAIL;
     SetMonitor(posfilemonitor);
 
-    // The callback may free this object in the initial call: nothing of it is touched any more when it was stopped.
+    // The callback may free this object in the initial call; when it has stopped the monitor, members must not be used.
     posfilemonitor->CallInitially();
     if (posfilemonitor->IsStopped())
         return EOSSTS_EXITED;
@@ -119,7 +119,7 @@ EOSSTS COsFileImpl::MonitorStart(COsFile* a_posfile, const char* a_szPath, const
     return eossts;
 }
 
-// All that the threads find there, and what the file is like when the start is asked for.
+// Creates what the threads need and records the file's state at the start.
 bool COsFileMonitor::Prepare()
 {
     m_plathandleStop = PlatEventCreate(PLAT_RESET_AUTO, nullptr);
@@ -134,7 +134,7 @@ bool COsFileMonitor::Prepare()
         OSLOG(OS_LOG_CHECK, "OsMemNew failed...<%s>", m_osfilemonitorstate.szPath);
         return false;
     }
-    OpenFolder();   // first, so that nothing is missed in between
+    OpenFolder();   // first, so that no change is missed in between
     TakeBaseline();
     Rest();
     return true;
@@ -160,8 +160,8 @@ EOSSTS COsFileMonitor::Launch()
 
 // --------------------------------------------------------------------------------------------------- the record
 
-// False when the monitor is stopping. Who stops it may do so in the callback, holding the lock, and then waits for the
-// other thread.
+// False when the monitor is stopping: the callback may stop it while holding the lock, and then waits for the thread
+// that is waiting here.
 bool COsFileMonitor::LockRecord()
 {
     while (!m_blStop)
@@ -183,7 +183,7 @@ uint32_t COsFileMonitor::Call(Fill a_fill)
     return m_osfilemonitorproc(m_posfile);
 }
 
-// False when the callback wants this call again.
+// False when the callback asks for this call to be repeated.
 bool COsFileMonitor::Report(uint32_t a_u32Event)
 {
     const uint32_t u32Result = Call([&](OsFileMonitorRecord& a_osfilemonitorrecord) {
@@ -214,7 +214,8 @@ void COsFileMonitor::ReportUnreadable(const char* a_szFailed)
 
 // ------------------------------------------------------------------------------------------- the monitor thread
 
-// Who stops the monitor keeps it until this thread has gone, unless he is this thread.
+// The argument is valid here, because a stop by another thread waits for this one. The reference keeps the monitor
+// alive when the callback stops it.
 uint32_t COsFileMonitor::MonitorEntry(COsThread* a_posthread)
 {
     t_posthread = a_posthread;
@@ -250,7 +251,7 @@ bool COsFileMonitor::StartEvents()
 
 // -------------------------------------------------------------------------------------------- the events thread
 
-// It delivers what is in the queue. Nothing puts anything there today: changes are delivered by the monitor thread.
+// Delivers queued events. The queue is unused today: the monitor thread delivers changes itself.
 uint32_t COsFileMonitor::EventsEntry(COsThread* a_posthread)
 {
     t_posthread = a_posthread;
@@ -313,7 +314,7 @@ const OsFileMonitorState& COsFileImpl::MonitorState() const
     return posfilemonitorbase ? posfilemonitorbase->State() : OS_FILEMONITORSTATE_NONE;
 }
 
-// A monitor that was stopped in its callback stays the object's until the owner is here again: he waits for its end.
+// If a monitor was stopped by its own callback, the object keeps it, and the owner's next stop waits for its end.
 void COsFileImpl::MonitorStop()
 {
     const MonitorReference posfilemonitorbase = Monitor();
@@ -321,7 +322,7 @@ void COsFileImpl::MonitorStop()
         SetMonitor(nullptr);
 }
 
-// False on the very thread, which then ends by itself.
+// False when called on that thread itself, which then ends by itself.
 bool COsFileMonitor::StopThread(COsThread* a_posthread, const char* a_szWhich, int32_t a_i32Timeout)
 {
     if (t_posthread == a_posthread)

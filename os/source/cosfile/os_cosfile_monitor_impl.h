@@ -1,7 +1,7 @@
 // os_cosfile_monitor_impl.h: the directory monitor of a file object.
 //
-// A monitor is an object of its own from one start to its stop. The file object and the monitor's threads share it: a
-// callback may stop the monitor or free the file object, and its thread still ends on sound ground.
+// A monitor is an object of its own from one start to its stop. It is reference-counted by the file object and the
+// monitor's threads: a callback may stop the monitor or free the file object, and the thread still ends safely.
 #pragma once
 
 #include "os_cosfile_impl.h"
@@ -13,7 +13,7 @@
 #include <atomic>
 #include <memory>
 
-// What a name stands for at a moment.
+// The state of a watched name at one moment.
 struct OsFileLook
 {
     bool blThere = false;
@@ -60,7 +60,7 @@ private:
     void Monitor();
     bool StartEvents();
 
-    // How it finds a change; os_cosfile_monitor_watch.cpp.
+    // Change detection; os_cosfile_monitor_watch.cpp.
     bool Examine(OsFileLook* a_plook) const;
     void TakeBaseline();
     bool IsChanged(const OsFileLook& a_look);
@@ -83,31 +83,31 @@ private:
     uint32_t Events(COsThread* a_posthread);
     bool TakeQueued(OsFileMonitorRecord* a_posfilemonitorrecord);
 
-    // The thread of a monitor that runs this code; null on any other.
+    // The monitor thread that is running this code; null on other threads.
     inline static thread_local const COsThread* t_posthread = nullptr;
 
     COsFile* m_posfile;   // only for the callback
     OsFileMonitorProc m_osfilemonitorproc;
     uint32_t m_u32Mask;
     OsFileMonitorState m_osfilemonitorstate{};
-    uint64_t m_u64RecordLock = 0;    // of the record, and so around each call
-    char m_szSplit[OS_PATHSIZE]{};   // the watched path, normalised, with a terminator behind the folder
+    uint64_t m_u64RecordLock = 0;    // guards the record, and so is held during each callback
+    char m_szSplit[OS_PATHSIZE]{};   // the watched path, normalised, with a zero between folder and name
     const char* m_szFolder = "";
     const char* m_szEntry = "";
-    OsFileLook m_look;          // what was reported last, or what it was like at the start
-    bool m_blKnown = false;     // false as long as no look was taken that found the file
-    bool m_blVouched = false;   // whether it had settled: one that had not tells nothing about the next
+    OsFileLook m_look;          // state at the last report, or at the start
+    bool m_blKnown = false;     // false until a check has found the file
+    bool m_blVouched = false;   // m_look had settled; if not, the next check must not be compared with it
     uint64_t m_u64Started = 0;
-    OsFileLook m_lookCandidate;   // the last look at a change that is not settled yet
+    OsFileLook m_lookCandidate;   // the last state, of a change that has not settled yet
     bool m_blCandidate = false;
-    uint32_t m_u32Event = 0;   // what to report a change as; 0: there is no reason to look
+    uint32_t m_u32Event = 0;   // the event to report for a change; 0: no check is due
 
-    // By PlatTicks.
+    // Times from PlatTicks.
     uint64_t m_u64LookAt = UINT64_MAX;
     uint64_t m_u64SettleLimit = 0;
-    uint64_t m_u64WriterLimit = 0;   // somebody is writing, and is waited for until then
+    uint64_t m_u64WriterLimit = 0;   // the file is being written; checked at this time at the latest
     uint64_t m_u64InVainSince = 0;
-    uint64_t m_u64FolderAt = 0;   // when notifications are tried again
+    uint64_t m_u64FolderAt = 0;   // when to retry notifications
     bool m_blByTime = false;
     bool m_blFirstChange = true;
 
@@ -117,5 +117,5 @@ private:
     PlatHandle m_plathandleWatched = PLAT_INVALID;
     COsThread* m_posthreadMonitor = nullptr;
     COsThread* m_posthreadEvents = nullptr;
-    COsLnk* m_poslnkQueue = nullptr;   // of OsFileMonitorRecord
+    COsLnk* m_poslnkQueue = nullptr;   // items: OsFileMonitorRecord
 };

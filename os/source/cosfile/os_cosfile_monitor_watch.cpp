@@ -1,11 +1,11 @@
-// os_cosfile_monitor_watch.cpp: how the monitor thread finds a change: the folder's notifications, when to look, the
-// look and what follows from it.
+// os_cosfile_monitor_watch.cpp: how the monitor thread detects a change: the folder's notifications, when to check the
+// file, the check and its result.
 //
-// The system notifies too much (several times for one write, and for other files) and too little (a time is as coarse
-// as the clock that it is taken from, and notifications have limits). So a notification only says when to look: at
-// once, or, while somebody writes the file, when he has closed it. What counts is which file the name leads to, its
-// size and its time together, once two looks agree that lie further apart than one step of that clock: nobody is in the
-// middle of writing then, and what comes later has another time. Without notifications the file is looked at by time.
+// The system notifies too much (several times for one write, and for other files) and too little (file times are only
+// as fine as the clock behind them, and notifications have limits). So a notification only triggers a check: at once,
+// or, while the file is being written, when the writer has closed it. A change is a different file, size or time under
+// the name, once two checks further apart than one clock step agree: then no write is in progress, and later writes get
+// another time. Without notifications the file is polled.
 #include "os_cosfile_monitor_impl.h"
 
 #include "os_cosfile_system.h"
@@ -23,16 +23,16 @@ static constexpr char g_szSource[] = "os/source/os_cosfile";
 
 namespace
 {
-constexpr uint32_t g_u32Settled = 20;    // ms, like the others: longer than a step of the clock that dates files
-constexpr uint32_t g_u32Retry = 100;     // after a look that could not be taken
-constexpr uint32_t g_u32ByTime = 1000;   // between two looks without notifications
+constexpr uint32_t g_u32Settled = 20;    // ms, as below: longer than a step of the clock that dates files
+constexpr uint32_t g_u32Retry = 100;     // after a check that failed
+constexpr uint32_t g_u32ByTime = 1000;   // polling interval without notifications
 constexpr uint32_t g_u32InVainLimit = 1000;
-constexpr uint32_t g_u32WriterLimit = 3000;   // a writer that has not closed by then is not waited for
+constexpr uint32_t g_u32WriterLimit = 3000;   // then the file is checked although it is still open for writing
 constexpr uint64_t g_u64ClockPerMillisecond = 10000;
 constexpr uint64_t g_u64Never = UINT64_MAX;
 constexpr int g_iChangesAtOnce = 256;
 
-// A look that fails like this tells nothing about the file: it is taken again.
+// A temporary failure says nothing about the file: the check is repeated.
 bool IsPassing(uint32_t a_u32Error)
 {
     return a_u32Error == PLAT_ERROR_TOOMANYOPEN || a_u32Error == PLAT_ERROR_NOMEMORY ||
@@ -40,15 +40,15 @@ bool IsPassing(uint32_t a_u32Error)
 }
 }   // namespace
 
-// ----------------------------------------------------------------------------------------------------- one look
+// ---------------------------------------------------------------------------------------------------- one check
 
-// Last written more than a step of the clock before that time.
+// True if last written more than a clock step before that time.
 static bool IsOlder(const OsFileLook& a_look, uint64_t a_u64Clock)
 {
     return a_look.platfileidentity.u64WriteTime + g_u32Settled * g_u64ClockPerMillisecond < a_u64Clock;
 }
 
-// False when it could not be taken.
+// False when the check failed temporarily.
 bool COsFileMonitor::Examine(OsFileLook* a_plook) const
 {
     *a_plook = {};
@@ -57,8 +57,8 @@ bool COsFileMonitor::Examine(OsFileLook* a_plook) const
     return a_plook->blThere || !IsPassing(PlatGetLastError());
 }
 
-// What the file is like when the start is asked for. One that was written just now may be written again within the same
-// step of the clock.
+// Records the file's state at the start. A recently written file may be written again within the same clock step, so it
+// is checked again until it has settled.
 void COsFileMonitor::TakeBaseline()
 {
     m_u64Started = PlatClock();
@@ -81,7 +81,7 @@ void COsFileMonitor::LookIn(uint32_t a_u32Milliseconds)
     m_u64LookAt = PlatTicks() + a_u32Milliseconds;
 }
 
-// Until something is notified.
+// Waits for the next notification.
 void COsFileMonitor::Rest()
 {
     m_u32Event = 0;
@@ -103,7 +103,7 @@ void COsFileMonitor::LookedInVain(const char* a_szFailed)
     LookIn(blLong ? g_u32ByTime : g_u32Retry);
 }
 
-// A file that was missing at the start, or could not be looked at, tells by its time whether it has changed since.
+// If the file was missing at the start, or the check failed, its write time tells whether it has changed since.
 bool COsFileMonitor::IsChanged(const OsFileLook& a_look)
 {
     if (!m_blKnown && a_look.blThere)
@@ -144,7 +144,7 @@ void COsFileMonitor::Look()
     TakeLook(look, blSettled);
 }
 
-// The file is open for the call alone: one that is held open could not be replaced everywhere.
+// The file is open during the callback only: on some systems an open file cannot be replaced.
 void COsFileMonitor::TakeLook(const OsFileLook& a_look, bool a_blSettled)
 {
     if (!a_look.blThere)
@@ -190,8 +190,7 @@ void COsFileMonitor::CloseWatched()
 
 // ------------------------------------------------------------------------------------------------ notifications
 
-// Without them, which may be for want of something or because the folder is missing, the file is looked at by time, and
-// each time they are tried again.
+// Opens the notifications. While that fails (missing folder, no resources) the file is polled, and each poll retries.
 void COsFileMonitor::OpenFolder()
 {
     if (m_plathandleFolder != PLAT_INVALID || PlatTicks() < m_u64FolderAt)
@@ -210,7 +209,7 @@ void COsFileMonitor::OpenFolder()
         OSLOG(OS_LOG_NOTE, "monitor>>> notifications again...<%s>", m_osfilemonitorstate.szPath);
     m_blByTime = !blOpen;
     m_u64FolderAt = PlatTicks() + g_u32ByTime;
-    if (m_u32Event == 0)   // what happened before it was open
+    if (m_u32Event == 0)   // to catch changes made before it was open
         Note(m_u32Mask & OS_FILEMONITOR_MODIFIED, false, false);
 }
 
@@ -222,7 +221,7 @@ void COsFileMonitor::CloseFolder()
     m_u64FolderAt = 0;
 }
 
-// A reason to look. Of our own name it tells as well whether somebody is writing.
+// Schedules a check. For the watched name, a_blWriting tells whether the file is being written.
 void COsFileMonitor::Note(uint32_t a_u32Event, bool a_blOurs, bool a_blWriting)
 {
     if (a_u32Event == 0)
@@ -243,7 +242,7 @@ void COsFileMonitor::Note(uint32_t a_u32Event, bool a_blOurs, bool a_blWriting)
     }
 }
 
-// Names may be written in another way than ours: where modifications are wanted, any is a reason.
+// The notified name may be spelled differently: if modifications are wanted, any name triggers a check.
 void COsFileMonitor::TakeChange(const PlatWatchChange& a_platwatchchange)
 {
     char szEntry[OS_PATHSIZE];
@@ -254,7 +253,7 @@ void COsFileMonitor::TakeChange(const PlatWatchChange& a_platwatchchange)
     Note(u32Modified || !blOurs ? u32Modified : u32Event, blOurs, a_platwatchchange.blWriting);
 }
 
-// Of a folder where something happens all the time the rest is left for the next turn.
+// In a busy folder the remaining notifications are left for the next turn.
 void COsFileMonitor::TakeChanges()
 {
     PlatWatchChange platwatchchange;

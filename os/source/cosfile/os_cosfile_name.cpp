@@ -1,4 +1,4 @@
-// os_cosfile_name.cpp: the identity of a file, and names for kernel objects out of it.
+// os_cosfile_name.cpp: the identity of a file, and names for kernel objects made from it.
 #include "os_cosfile_system.h"
 
 #include "os_cosfile_impl.h"
@@ -21,7 +21,7 @@ bool IsNameChar(char a_ch)
            a_ch == '-' || a_ch == '_';
 }
 
-// Every character that a name should not hold becomes one "_", however many bytes it has. False when it is too long.
+// Replaces every character not allowed in a name by one "_", however many bytes it has. False when it is too long.
 bool SafeSuffix(const char* a_szSuffix, char16_t* a_wszSuffix)
 {
     size_t sizetLength = 0;

@@ -1,7 +1,7 @@
-// os_cosfile_system.cpp: whether a path exists, listing what a pattern names, and the redirection switch.
+// os_cosfile_system.cpp: whether a path exists, listing the matches of a pattern, and the redirection switch.
 //
-// os_cosfile_create.cpp makes folders, os_cosfile_delete.cpp removes files and folders, os_cosfile_name.cpp makes
-// names out of a file's identity.
+// os_cosfile_create.cpp creates folders, os_cosfile_delete.cpp removes files and folders, os_cosfile_name.cpp makes
+// names from a file's identity.
 #include "os_cosfile_system.h"
 
 #include "os_coslocale.h"
@@ -16,7 +16,7 @@ static constexpr char g_szSource[] = "os/source/os_cosfile";
 
 namespace
 {
-// Capitals with a simple small letter, which take as many bytes.
+// Upper-case ranges with simple lower-case letters of the same UTF-8 length.
 struct LowerRow
 {
     char16_t wchFirst;
@@ -40,7 +40,7 @@ char16_t Lower(char16_t a_wch)
     return a_wch;
 }
 
-// Consumes the system's record, whose name becomes lower case. A name that does not convert is left empty.
+// Changes a_platfileinfo: its name becomes lower case. A name that does not convert is left empty.
 void FillInfo(PlatFileInfo& a_platfileinfo, OsFileInfo* a_posfileinfo)
 {
     CopyStringToUtf8(a_posfileinfo->szName, sizeof a_posfileinfo->szName, a_platfileinfo.wszName, SIZE_MAX);
@@ -68,7 +68,7 @@ bool CheckFindArguments(const char* a_szFilename, const OsFileInfo* a_posfileinf
     return a_szFilename && a_posfileinfo;
 }
 
-// A path that does not end in a separator: behind one, a link would be what it points to.
+// Converts a path without its trailing separators: with one, the path of a link would mean its target.
 bool EntryPath(const char* a_szPath, char16_t* a_wszPath)
 {
     char szPath[OS_PATHSIZE];

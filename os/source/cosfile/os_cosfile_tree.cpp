@@ -1,4 +1,4 @@
-// os_cosfile_tree.cpp: the walk through a tree: where it is, what it tells of an entry, what it deletes.
+// os_cosfile_tree.cpp: the walk through a tree: position, attributes of an entry, deleting.
 #include "os_cosfile_tree.h"
 
 #include "os_coslocale.h"
@@ -54,7 +54,7 @@ EOSSTS OsFileTree::OpenAt(const char* a_szPath)
     return EOSSTS_SUCCESS;
 }
 
-// ------------------------------------------------------------------------------------------------- where it is
+// ------------------------------------------------------------------------------------------------ the position
 
 bool OsFileTree::Holds(const char* a_szFolder) const
 {
@@ -111,7 +111,7 @@ bool OsFileTree::Enter()
 
 void OsFileTree::Leave()
 {
-    // A walk that has lost its way finds nothing more: its end is near.
+    // If this fails, the walk reads no more entries and ends soon.
     PlatTreeLeave(m_plathandle);
     m_szPath[m_sizetFolder] = '\0';
     m_szName[0] = '\0';

@@ -1,7 +1,7 @@
-// os_cosfile_tree.h: a walk through the tree below a folder, for whoever deletes in it.
+// os_cosfile_tree.h: a walk through the tree below a folder, for deleting in it.
 //
-// It reaches what is there at any depth and under any name, costs no stack, follows no link, and is led nowhere else
-// by what changes meanwhile. Used by one thread.
+// Handles any depth and any name, does not recurse, follows no link, and is not misled by concurrent changes. Used by
+// one thread.
 #pragma once
 
 #include "os_cosfile_system.h"
@@ -20,43 +20,44 @@ public:
     OsFileTree(const OsFileTree&) = delete;
     OsFileTree& operator=(const OsFileTree&) = delete;
 
-    // Begins the walk in a folder; once. EOSSTS_FAIL when there is none, when it is a link or cannot be listed.
+    // Begins the walk in a folder; call once. EOSSTS_FAIL when the folder does not exist, is a link or cannot be
+    // listed.
     EOSSTS Open(const char* a_szFolder);
 
-    // Begins the walk at one entry, which is then the entry read last; once. What Enter goes into and DeleteEntry
-    // deletes is what this has found. EOSSTS_NOTFOUND when there is none, EOSSTS_FAIL for ".", ".." and the root.
+    // Begins the walk at one entry, which becomes the current entry; call once. Enter and DeleteEntry act on the entry
+    // found here. EOSSTS_NOTFOUND when it does not exist, EOSSTS_FAIL for ".", ".." and the root.
     EOSSTS OpenAt(const char* a_szPath);
 
-    // True when the folder that the walk is in is this one or holds it, and when that cannot be told.
+    // True when the walk's folder is a_szFolder or contains it, and when that cannot be determined.
     bool Holds(const char* a_szFolder) const;
 
-    bool Next();                                           // reads an entry of the folder that the walk is in
-    bool Enter();                                          // goes into the folder that was read last
-    void Leave();                                          // back; what was left is then the entry read last
-    size_t Depth() const { return m_vecoutside.size(); }   // folders that were entered and not left
+    bool Next();    // reads the next entry of the walk's folder
+    bool Enter();   // enters the current entry, a folder
+    void Leave();   // back to the parent; the folder just left becomes the current entry
+    size_t Depth() const { return m_vecoutside.size(); }   // levels entered
 
-    // The entry read last. The name is empty for one that was left. Without a path, which is one that does not fit or
-    // holds a name that is no text, Path tells the last folder on the way that has one.
+    // The current entry. Name is empty after Leave. HasPath is false if the path does not fit or contains a name that
+    // is not valid text; Path is then that of the nearest parent that has one.
     const char* Name() const { return m_szName; }
     EOSFILETYPE Type() const { return m_eosfiletype; }
     bool IsFolder() const { return m_eosfiletype == OS_FILETYPE_FOLDER; }
     bool IsLink() const { return m_blLink; }
     bool HasPath() const { return m_blPath; }
     const char* Path() const { return m_szPath; }
-    bool WriteTime(uint64_t* a_pu64WriteTime) const;   // as PlatClock tells the time
+    bool WriteTime(uint64_t* a_pu64WriteTime) const;   // in the unit of PlatClock
 
-    // Deletes the entry read last; false, and logged, when it is still there. A folder must be empty.
+    // Deletes the current entry; false (logged) when it still exists. A folder must be empty.
     bool DeleteEntry();
 
-    // Deletes all that is in the folder that the walk is in, but for an entry with the name a_szExcept (may be null)
-    // right in it; stops at the first failure. The walk is then in it again.
+    // Deletes everything in the walk's folder except the entry a_szExcept (may be null) directly in it; stops at the
+    // first failure. The walk is back in that folder afterwards.
     bool DeleteAll(const char* a_szExcept = nullptr);
 
 private:
     bool ConvertPath(const char* a_szPath, char16_t* a_wszPath);
     void TakeEntry(const PlatTreeEntry& a_plattreeentry);
 
-    struct Outside   // what was so before a folder was entered
+    struct Outside   // state to restore on Leave
     {
         size_t sizetFolder;
         bool blFolderPath;
@@ -65,7 +66,7 @@ private:
     PlatHandle m_plathandle = PLAT_INVALID;
     bool m_blSystemFiles;
     std::vector<Outside> m_vecoutside;
-    size_t m_sizetFolder = 0;   // the length of the path of the folder that the walk is in
+    size_t m_sizetFolder = 0;   // length of the path of the walk's folder
     bool m_blFolderPath = true;
 
     char m_szName[OS_PATHSIZE] = {};

@@ -1,4 +1,4 @@
-// os_cosfile_whole.cpp: reading, writing and moving a whole file in one call.
+// os_cosfile_whole.cpp: reads, writes or moves a whole file in one call.
 #include "os_cosfile.h"
 
 #include "os_cosfile_system.h"
@@ -16,7 +16,7 @@ static constexpr char g_szSource[] = "os/source/os_cosfile";
 
 namespace
 {
-// Failures are notes for a caller who expects them.
+// a_blQuiet logs failures as notes: the caller expects them.
 constexpr uint32_t LevelOf(bool a_blQuiet)
 {
     return a_blQuiet ? OS_LOG_NOTE : OS_LOG_ERROR;
@@ -36,8 +36,8 @@ void ClearOutput(const OsFileReadArgs& a_osfilereadargs)
         *a_osfilereadargs.psizetRead = 0;
 }
 
-// The buffer to read into, or null. A block of ours is one byte longer than the file and zero-filled, so that it
-// is a text whatever the file does meanwhile.
+// The buffer to read into, or null. An allocated block is one byte longer than the file and zero-filled, so that it is
+// terminated even if the file changes meanwhile.
 char* BufferFor(const OsFileReadArgs& a_osfilereadargs, uint64_t a_u64Size, size_t* a_psizetRoom)
 {
     if (a_osfilereadargs.sizetBuffer > 0)
@@ -52,7 +52,7 @@ char* BufferFor(const OsFileReadArgs& a_osfilereadargs, uint64_t a_u64Size, size
     return szAllocated;
 }
 
-// Reads until the room is full or the file ends.
+// Reads until the buffer is full or the file ends.
 bool ReadAll(COsFile& a_osfile, char* a_szBuffer, size_t a_sizetRoom, size_t* a_psizetRead)
 {
     size_t sizetTotal = 0;
@@ -98,7 +98,7 @@ EOSSTS ReadOpenFile(COsFile& a_osfile, const OsFileReadArgs& a_osfilereadargs)
     return EOSSTS_SUCCESS;
 }
 
-// What may be written by others says nothing that we may believe.
+// True if only this process's user or the system may write the file.
 bool IsTrusted(const COsFile& a_osfile)
 {
     PlatFileOwned platfileowned{};
@@ -138,7 +138,7 @@ EOSSTS OpenAndRead(const OsFileReadArgs& a_osfilereadargs)
     return eossts;
 }
 
-// At the end, or in place of what is there.
+// Appends, or replaces the content.
 bool WriteText(COsFile& a_osfile, const char* a_szText, bool a_blAppend)
 {
     const size_t sizetText = strlen(a_szText);

@@ -1,4 +1,5 @@
-// os_coslocale.cpp: UTF-8 to UTF-16 and back, and the search in the table of languages (os_coslocale_table.cpp).
+// os_coslocale.cpp: conversion between UTF-8 and UTF-16, and the search in the table of languages
+// (os_coslocale_table.cpp).
 #include "os_coslocale.h"
 
 #include "os_cfg.h"
@@ -14,7 +15,7 @@ static constexpr char g_szSource[] = "os/source/os_coslocale";
 
 // -------------------------------------------------------------------------------------------------- UTF-8 and 16
 
-// The characters written without the terminator, SIZE_MAX when the text does not fit or is no UTF-8.
+// Returns the number of characters without the terminator, SIZE_MAX when the text does not fit or is invalid UTF-8.
 static size_t ToWide(char16_t* a_wszDestination, size_t a_sizetDestination, const char* a_szText)
 {
     size_t sizetLength = 0;
@@ -48,7 +49,7 @@ size_t CopyStringFromUtf8(char16_t* a_wszDestination, size_t a_sizetDestination,
     return sizetLength + 1;
 }
 
-// Calls a_take(bytes, count) for each character; false for what is no UTF-16.
+// Calls a_take(bytes, count) for each character; false for invalid UTF-16.
 template <class Take>
 static bool ForEachUtf8(const char16_t* a_wszText, size_t a_sizetLength, Take a_take)
 {
@@ -103,7 +104,7 @@ size_t CopyStringToUtf8(char* a_szDestination, size_t a_sizetDestination, const 
 
 // ----------------------------------------------------------------------------------------------------- languages
 
-// Computed once, as soon as there is a configuration that holds a language.
+// Computed once, as soon as the configuration has a language.
 static uint32_t CurrentLanguage()
 {
     static std::atomic<uint32_t> g_u32Current{0};

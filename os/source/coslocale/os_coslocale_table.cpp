@@ -1,8 +1,8 @@
-// os_coslocale_table.cpp: the languages, one row each; a row's place is its number.
+// os_coslocale_table.cpp: the languages, one row each; a row's index is its number.
 //
-// The group is the first row of the same language. The locale holds the id that the product's system gives the language
-// and its ANSI code page (UTF-8 where it has none). The code is the TWAIN language code; rows whose key begins with
-// "twain_" exist for a code of their own and have no names.
+// The group is the first row of the same language. The locale holds the product system's language id and ANSI code page
+// (UTF-8 where there is none). The code is the TWAIN language code; rows whose key begins with "twain_" exist only for
+// their code and have no names.
 #include "os_coslocale.h"
 
 #include <iterator>

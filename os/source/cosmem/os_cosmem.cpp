@@ -1,7 +1,7 @@
 // os_cosmem.cpp: the process's manager, its table of live blocks, and the two operations on ordinary blocks.
 //
-// Divided into: the manager of the process, the table (with the lock held), the bookkeeping (takes the lock),
-// allocation, release, the public object.
+// In order: the manager of the process, the table (lock held), the bookkeeping (takes the lock), allocation, release,
+// the public object.
 #include "os_cosmem_impl.h"
 
 #include "os_cosspinlock.h"
@@ -30,7 +30,7 @@ bool OsMemExists()
     return OsMemImplementation() != nullptr;
 }
 
-// The records are pages that the system hands out when they are first touched, so a start costs none of them.
+// The system commits the pages of the records when they are first touched, so a start costs no memory for them.
 COsMemImpl::COsMemImpl()
 {
     m_aosmemrecord = static_cast<OsMemRecord*>(PlatMemoryPageAlloc(OS_MEMSLOTS * sizeof(OsMemRecord), &m_sizetRecords));
@@ -103,8 +103,8 @@ void COsMemImpl::CountOut(uint64_t a_u64Size)
 
 // ------------------------------------------------------------------------------------------------ the bookkeeping
 
-// Records a block, or counts the try when there is none. Returns the counters as this allocation left them; what is
-// not on record counts as live in them and no longer afterwards.
+// Records a block, or counts a failed allocation. Returns the counters right after this allocation; a block that cannot
+// be recorded is included there and removed afterwards.
 COsMem::Counts COsMemImpl::Track(const Block& a_block)
 {
     const bool blRecord = a_block.pvAddress && m_aosmemrecord;
@@ -142,7 +142,7 @@ COsMem::Counts COsMemImpl::Track(const Block& a_block)
     return counts;
 }
 
-// A block of the external allocator is counted in and, as it is not tracked, at once out again.
+// Blocks of the external allocator are not tracked: they are counted in and at once out again.
 COsMem::Counts COsMemImpl::CountPassing(const Block& a_block)
 {
     const COsSpinGuard guard(&m_u64Lock);
@@ -167,7 +167,7 @@ bool COsMemImpl::TrackMapping(const OsMemRecord& a_osmemrecord, COsMem::Counts* 
     return true;
 }
 
-// Only a mapping has a name and what follows it; of any other block the words in front, up to an empty name, are all.
+// Only a mapping uses the name and the members behind it; for other blocks copying up to the empty name is enough.
 static void MoveRecord(OsMemRecord* a_posmemrecordFrom, OsMemRecord* a_posmemrecordTo)
 {
     const bool blWhole = a_posmemrecordFrom->u32Method == OS_MEMTYPE_MEMORYMAP;
@@ -176,7 +176,7 @@ static void MoveRecord(OsMemRecord* a_posmemrecordFrom, OsMemRecord* a_posmemrec
     std::memset(a_posmemrecordFrom, 0, sizetBytes);
 }
 
-// Takes a block off the record, so that nobody else finds it, before it is given back.
+// Removes the record before the block is freed, so that no other thread can find it.
 bool COsMemImpl::Untrack(const void* a_pvBlock, OsMemRecord* a_posmemrecord, COsMem::Counts* a_pcounts)
 {
     const COsSpinGuard guard(&m_u64Lock);
@@ -201,7 +201,7 @@ bool COsMemImpl::Keep(const OsMemRecord& a_osmemrecord)
     return true;
 }
 
-// Takes a block out of those that are kept beyond the table.
+// Removes a block from those kept beyond the table.
 bool COsMemImpl::GiveUp(const void* a_pvBlock, OsMemRecord* a_posmemrecord)
 {
     OsMemUntracked::Node* pnode;
@@ -218,7 +218,7 @@ bool COsMemImpl::GiveUp(const void* a_pvBlock, OsMemRecord* a_posmemrecord)
 
 // ------------------------------------------------------------------------------------------------------ allocation
 
-// The letter of a method in the lines of allocations and of frees.
+// The letter of each method in the lines of allocations and of frees.
 static constexpr char g_szLettersAlloc[] = ".mgvfe..";
 static constexpr char g_szLettersFree[] = ".mgvfed.";
 
@@ -257,7 +257,7 @@ static void* OrdinaryAlloc(EOSMEMTYPE a_eosmemtype, size_t a_sizetBytes, uint32_
     return nullptr;
 }
 
-// Every block comes zeroed and longer than asked, whatever its method.
+// Every block is zeroed and longer than requested, whatever its method.
 COsMemImpl::Block COsMemImpl::Obtain(size_t a_sizetBytes, uint32_t a_u32Flags)
 {
     const OsMemExternalAllocProc osmemexternalallocproc =
@@ -403,7 +403,7 @@ void COsMemImpl::Release(const OsMemRecord& a_osmemrecord, const OsMemCaller& a_
     }
 }
 
-// The table does not know it: it came when the table was full, or it is no block of ours.
+// The block is not in the table: either the table was full when it was allocated, or it is not a tracked block.
 void COsMemImpl::FreeUntracked(void* a_pvBlock, const OsMemCaller& a_osmemcaller, uint32_t a_u32Flags)
 {
     OsMemRecord osmemrecord;
@@ -419,7 +419,7 @@ void COsMemImpl::FreeUntracked(void* a_pvBlock, const OsMemCaller& a_osmemcaller
         Release(osmemrecord, a_osmemcaller);
 }
 
-// Blocks of the external allocator are not on record; they come back by their flag, and were counted out before.
+// Blocks of the external allocator have no record; the caller's flag identifies them, and they were counted out before.
 void COsMemImpl::FreeUnrecorded(void* a_pvBlock, const OsMemCaller& a_osmemcaller, uint32_t a_u32Flags)
 {
     if (!Externals().osmemexternalfreeproc)
@@ -483,7 +483,7 @@ COsMem::COsMem() : m_posmemimpl(OSMEMNEW(COsMemImpl))
     g_posmemimpl.store(m_posmemimpl, std::memory_order_release);
 }
 
-// Takes back the process's pointer only while it is this object's.
+// Clears the process's pointer only if it points to this object.
 COsMem::~COsMem()
 {
     COsMemImpl* posmemimpl = m_posmemimpl;

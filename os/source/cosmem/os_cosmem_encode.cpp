@@ -15,7 +15,7 @@ static constexpr char g_szUrlSafe[] = "ABCDEFGHIJKLMNOPQRSTUVWXYZabcdefghijklmno
 
 static constexpr uint8_t OS_BASE64_ILLEGAL = 0xFF;
 
-// What each character of either alphabet stands for.
+// The value of each character, for either alphabet.
 static constexpr std::array<uint8_t, 256> g_au8Value = [] {
     std::array<uint8_t, 256> au8Value{};
     au8Value.fill(OS_BASE64_ILLEGAL);
@@ -64,7 +64,7 @@ EOSSTS Base64Encode(char* a_szDestination, size_t a_sizetDestination, size_t* a_
     return EOSSTS_SUCCESS;
 }
 
-// The bytes written, SIZE_MAX (logged) for an illegal character or when they do not fit.
+// Returns the number of bytes, SIZE_MAX (logged) for an illegal character or when they do not fit.
 static size_t DecodeAll(uint8_t* a_pu8, size_t a_sizetDestination, const char* a_pch, size_t a_sizetSource)
 {
     size_t sizetLength = 0;

@@ -1,6 +1,6 @@
-// os_cosmem_impl.h: what the sources of the memory manager share.
+// os_cosmem_impl.h: shared by the sources of the memory manager.
 //
-// os_cosmem.cpp tracks blocks, os_cosmem_untracked.cpp keeps those that the full table has no slot for;
+// os_cosmem.cpp tracks blocks, os_cosmem_untracked.cpp keeps those without a slot in the full table;
 // os_cosmem_shared.cpp has the operations on shared memory and os_cosmem_map.cpp maps it; os_cosmem_report.cpp logs the
 // table and writes the crash report.
 #pragma once
@@ -12,7 +12,7 @@
 #include <atomic>
 #include <bit>
 
-// The caller of an operation, for the lines that are logged at its place.
+// The caller of an operation, for log lines in its name.
 struct OsMemCaller
 {
     const char* szFile;
@@ -20,16 +20,16 @@ struct OsMemCaller
 };
 
 inline constexpr uint32_t OS_MEMSLOTS = 2048;
-inline constexpr size_t OS_MEMHEADROOM = 64;              // bytes that every block is longer than asked
-inline constexpr uint32_t OS_MEMLEVEL = 0x1100;           // of the memory tracker's own lines
-inline constexpr uint32_t OS_MEMDEBUG_VALIDATE = 0x200;   // bit of the logger's working word: look after the heaps
+inline constexpr size_t OS_MEMHEADROOM = 64;              // extra bytes of every block
+inline constexpr uint32_t OS_MEMLEVEL = 0x1100;           // level of the memory tracker's own lines
+inline constexpr uint32_t OS_MEMDEBUG_VALIDATE = 0x200;   // bit of the logger's working word: validate the heaps
 
-inline constexpr uint32_t OS_MEMTRAIT_READONLY = 1;    // the view cannot be written
-inline constexpr uint32_t OS_MEMTRAIT_GROWN = 2;       // the file was made longer for the view
-inline constexpr uint32_t OS_MEMTRAIT_TEMPORARY = 4;   // the file goes with its handle
+inline constexpr uint32_t OS_MEMTRAIT_READONLY = 1;    // the view is read-only
+inline constexpr uint32_t OS_MEMTRAIT_GROWN = 2;       // the file was extended for the view
+inline constexpr uint32_t OS_MEMTRAIT_TEMPORARY = 4;   // the file is deleted with its last handle
 inline constexpr uint32_t OS_MEMLOCK_HELD = 1;         // this process holds the file lock
 
-// What is known of one live block. Handles are 0 where there is none, sizes are in bytes.
+// The record of one live block. Handles are 0 if unused, sizes are in bytes.
 struct OsMemRecord
 {
     uint32_t u32Method;   // EOSMEMTYPE
@@ -37,7 +37,7 @@ struct OsMemRecord
     void* pvAddress;
     uint64_t u64Size;     // of the block, or of the memory behind the view
     uint64_t u64Offset;   // of the view in its file
-    uint32_t u32View;     // size of the view as it is shown
+    uint32_t u32View;     // size of the view as it is logged
     char szName[OS_PATHSIZE];
     uint32_t u32Lock;
     PlatHandle plathandleFile;
@@ -52,7 +52,7 @@ inline void* OsMemPointer(uint64_t a_u64Value)
     return std::bit_cast<void*>(a_u64Value);
 }
 
-// What OsMemSharedAlloc was asked for.
+// The arguments of OsMemSharedAlloc.
 struct OsMemSharedRequest
 {
     EOSSHAREDALLOC eossharedalloc;
@@ -63,8 +63,8 @@ struct OsMemSharedRequest
     uint32_t u32Flags;
 };
 
-// What a full table has no slot for: not counted and not dumped, but found when it is freed. Except for Make and Free
-// with the manager's lock held.
+// Blocks for which the full table has no slot: not counted and not dumped, but found when they are freed. Call with the
+// manager's lock held, except for Make and Free.
 class OsMemUntracked
 {
 public:
@@ -79,12 +79,12 @@ public:
     OsMemUntracked(const OsMemUntracked&) = delete;
     OsMemUntracked& operator=(const OsMemUntracked&) = delete;
 
-    static Node* Make(const OsMemRecord& a_osmemrecord);   // null without memory
+    static Node* Make(const OsMemRecord& a_osmemrecord);   // null when there is no memory
     static void Free(Node* a_pnode);
 
     void Add(Node* a_pnode);
-    Node* Find(const void* a_pvBlock) const;   // null for none
-    Node* Remove(const void* a_pvBlock);       // null for none
+    Node* Find(const void* a_pvBlock) const;   // null if not found
+    Node* Remove(const void* a_pvBlock);       // null if not found
 
 private:
     static constexpr size_t m_sizetBuckets = 256;
@@ -93,8 +93,8 @@ private:
     Node* m_apnodeBucket[m_sizetBuckets] = {};
 };
 
-// The one lock guards the table, the counters and the settings. It is held for the bookkeeping only: never while
-// memory is taken or given back, and never while a line is logged.
+// One lock guards the table, the counters and the settings. It is held for the bookkeeping only: never while memory is
+// allocated or freed, and never while a line is logged.
 class COsMemImpl
 {
 public:
@@ -133,8 +133,8 @@ private:
     };
 
     // With the lock held.
-    uint32_t FindSlot(const void* a_pvBlock) const;   // OS_MEMSLOTS when it is not on record
-    uint32_t TakeSlot(void* a_pvBlock);               // OS_MEMSLOTS when none is free
+    uint32_t FindSlot(const void* a_pvBlock) const;   // OS_MEMSLOTS when it is not recorded
+    uint32_t TakeSlot(void* a_pvBlock);               // OS_MEMSLOTS when all are used
     void CountIn(uint64_t a_u64Size);
     void CountOut(uint64_t a_u64Size);
 
@@ -144,7 +144,7 @@ private:
     COsMem::Counts CountPassing(const Block& a_block);
     bool TrackMapping(const OsMemRecord& a_osmemrecord, COsMem::Counts* a_pcounts);
     bool Untrack(const void* a_pvBlock, OsMemRecord* a_posmemrecord, COsMem::Counts* a_pcounts);
-    bool Keep(const OsMemRecord& a_osmemrecord);   // beyond the table; false without memory
+    bool Keep(const OsMemRecord& a_osmemrecord);   // beyond the table; false when there is no memory
     bool GiveUp(const void* a_pvBlock, OsMemRecord* a_posmemrecord);
 
     void FreeUntracked(void* a_pvBlock, const OsMemCaller& a_osmemcaller, uint32_t a_u32Flags);
@@ -153,10 +153,10 @@ private:
     void ReleaseExternal(void* a_pvBlock, const OsMemCaller& a_osmemcaller);
     void ReportFailure(const OsMemCaller& a_osmemcaller);
 
-    OsMemRecord* FindRecord(const void* a_pvBlock) const;   // with the lock held; null for none
+    OsMemRecord* FindRecord(const void* a_pvBlock) const;   // call with the lock held; null if not found
     void Move(const void* a_pvView, const OsMemRecord& a_osmemrecordNew);
 
-    // Runs the action with the record of a view, with the lock held. False, and logged, for what is no view.
+    // Runs the action on the record of a view, with the lock held. False (logged) when it is not a view.
     template <class Action>
     bool WithMapping(const void* a_pvView, const OsMemCaller& a_osmemcaller, Action a_action);
 
@@ -166,25 +166,25 @@ private:
     std::atomic<EOSMEMTYPE> m_eosmemtype = OS_MEMTYPE_GLOBALALLOC;   // of ordinary blocks
     COsMem::Counts m_counts = {};
     void* m_apvSlot[OS_MEMSLOTS] = {};       // addresses, null is free
-    OsMemRecord* m_aosmemrecord = nullptr;   // one for each slot; null only when its allocation failed
+    OsMemRecord* m_aosmemrecord = nullptr;   // one per slot; null only when its allocation failed
     uint64_t m_u64Lock = 0;
-    EOSSHAREDMODE m_eossharedmode = OS_SHAREDMODE_UNDEFINED;   // until first needed
+    EOSSHAREDMODE m_eossharedmode = OS_SHAREDMODE_UNDEFINED;   // undefined until first used
     External m_external = {};
 
     OsMemUntracked m_osmemuntracked;
     size_t m_sizetRecords = 0;        // bytes committed for the records
-    uint32_t m_u32FirstFree = 0;      // no slot below is free
-    uint32_t m_u32SlotsTouched = 0;   // no slot from here on was ever used
+    uint32_t m_u32FirstFree = 0;      // all slots below are used
+    uint32_t m_u32SlotsTouched = 0;   // slots from here on were never used
 };
 
-// The process's manager, null without one.
+// The process's manager, null if there is none.
 COsMemImpl* OsMemImplementation();
 
 // Writes the crash report file: the machine's memory, this process's address space and its modules. Allocates nothing
 // and takes no lock.
 void OsMemWriteCrashReport();
 
-// Maps what a request asks for and fills the record with it; false, logged and with nothing left behind, when that
-// cannot be. OsMemReleaseMapping gives back the view and the handles of a record.
+// Maps what a request asks for and fills the record; on failure returns false (logged) and leaves nothing behind.
+// OsMemReleaseMapping releases the view and the handles of a record.
 bool OsMemMap(const OsMemSharedRequest& a_osmemsharedrequest, bool a_blFileBacked, OsMemRecord* a_posmemrecord);
 void OsMemReleaseMapping(const OsMemRecord& a_osmemrecord);

@@ -1,10 +1,10 @@
-// os_cosmem_map.cpp: how a view of shared memory comes about and goes.
+// os_cosmem_map.cpp: maps and releases views of shared memory.
 //
-// A shared memory is named by a file. The file is the memory itself, or, in the page-file modes, holds a link text
-// that tells where to find it: the creator's process and the handle of its memory there. An opener goes by what it
-// finds in the file, whatever its own mode is.
+// Shared memory is named by a file. The file is the memory itself, or, in the page-file modes, contains a link text
+// with the creator's process id and its handle of the memory. An opener follows what it finds in the file, whatever its
+// own mode is.
 //
-// Divided into: lengths of files, the link text, releasing, the mapper that builds up a view step by step.
+// In order: file lengths, the link text, releasing, the mapper that builds a view step by step.
 #include "os_cosmem_impl.h"
 
 #include "os_coslocale.h"
@@ -24,7 +24,7 @@ static constexpr char g_szSource[] = "os/source/os_cosmem";
 
 // ------------------------------------------------------------------------------------------------- lengths of files
 
-// The length that a file gets for so many bytes: a whole number of the system's steps; 0 when there is no such length.
+// The file length for so many bytes: rounded up to the system's granularity; 0 when there is no such length.
 static uint64_t FileLengthFor(uint64_t a_u64Bytes)
 {
     const uint64_t u64Step = PlatMemoryGranularity();
@@ -57,7 +57,7 @@ static constexpr char g_szLinkFormat[] =
 static constexpr size_t g_sizetLink = 512;
 static constexpr size_t g_sizetLinkValue = 64;
 
-// One value of the link, as text and as number.
+// One value of the link, as text and as a number.
 struct OsMemLinkValue
 {
     const char* szName;
@@ -75,7 +75,7 @@ struct OsMemLink
     OsMemLinkValue maxsize = {"maxsize", "<maxsize>", "</maxsize>", 10, "", 0};
 };
 
-// The whole text must be a number: this comes from a file that anybody may have written.
+// The whole text must be a number: any process may have written the file.
 static bool ParseLinkValue(OsMemLinkValue* a_posmemlinkvalue, const char* a_szName, const char* a_szLink)
 {
     if (!OsXmlExtract(a_szLink, a_posmemlinkvalue->szOpenTag, a_posmemlinkvalue->szCloseTag, a_posmemlinkvalue->szText,
@@ -100,7 +100,7 @@ static bool ParseLinkValue(OsMemLinkValue* a_posmemlinkvalue, const char* a_szNa
 
 static void ReleaseFile(const OsMemRecord& a_osmemrecord)
 {
-    // Another process may have made the file longer meanwhile; then its end is no longer ours to set.
+    // If another process has extended the file meanwhile, its length must not be changed.
     uint64_t u64Length = 0;
     const PlatHandle plathandle = a_osmemrecord.plathandleFile;
     const bool blCut = (a_osmemrecord.u32Traits & OS_MEMTRAIT_GROWN) && PlatFileSize(plathandle, &u64Length) &&
@@ -131,7 +131,7 @@ void OsMemReleaseMapping(const OsMemRecord& a_osmemrecord)
 
 static constexpr uint32_t g_u32ReadWrite = PLAT_ACCESS_READ | PLAT_ACCESS_WRITE;
 
-// Builds up the record of a view; what it has taken goes back with it, until the record is handed over.
+// Builds the record of a view. Its destructor releases what it has acquired, unless the record was handed over.
 class OsMemMapper
 {
 public:
@@ -159,7 +159,7 @@ private:
     const bool m_blCreate;
     const bool m_blReadOnly;
     bool m_blExisted = true;
-    uint64_t m_u64FileLength = 0;   // as it was found
+    uint64_t m_u64FileLength = 0;   // as found
     uint64_t m_u64Available = 0;    // bytes that can be mapped
     char16_t m_wszName[OS_PATHSIZE] = {};
     OsMemRecord m_osmemrecord = {};
@@ -174,7 +174,7 @@ OsMemMapper::OsMemMapper(const OsMemSharedRequest& a_osmemsharedrequest)
     m_osmemrecord.u32Traits = (m_blReadOnly ? OS_MEMTRAIT_READONLY : 0) | (m_blCreate ? OS_MEMTRAIT_TEMPORARY : 0);
 }
 
-// A file that was made longer for a view that did not come about gets its old length.
+// A file that was extended for a view that failed gets its old length back.
 OsMemMapper::~OsMemMapper()
 {
     if (m_osmemrecord.u32Traits & OS_MEMTRAIT_GROWN)
@@ -221,8 +221,8 @@ bool OsMemMapper::TakeName()
     return blWhole && CopyStringFromUtf8(m_wszName, std::size(m_wszName), m_osmemrecord.szName) != 0;
 }
 
-// What is there goes, but never from under somebody: to cut a file that another has mapped would end the other's
-// process. Only an opener who shares nothing gets it, and no link is followed to another file.
+// Truncates the file, but not while it is in use: truncating a file that another process has mapped would crash that
+// process. Only an exclusive open may truncate, and links are not followed.
 bool OsMemMapper::ClearFile()
 {
     PlatFileInfo platfileinfo;
@@ -278,7 +278,7 @@ bool OsMemMapper::SizeFile()
     return SetFileLength(m_osmemrecord.plathandleFile, u64Length ? u64Length : UINT64_MAX);
 }
 
-// The text is written in one piece, so that an opener finds all of it or an empty file.
+// The text is written in one call, so that an opener finds all of it or an empty file.
 bool OsMemMapper::MakeLink()
 {
     const unsigned long long ullSize = m_osmemrecord.u64Size;
@@ -309,7 +309,7 @@ bool OsMemMapper::MakeLink()
     return true;
 }
 
-// Finds out what an existing file is: a link to follow, or the memory itself.
+// Determines whether an existing file is a link or the memory itself.
 bool OsMemMapper::LookIntoFile()
 {
     const PlatHandle plathandle = m_osmemrecord.plathandleFile;
@@ -354,11 +354,11 @@ bool OsMemMapper::FollowLink(const char* a_szLink)
     }
     m_osmemrecord.plathandleMapping = plathandle;
     m_osmemrecord.u64Size = m_osmemsharedrequest.u64Bytes ? m_osmemsharedrequest.u64Bytes : osmemlink.maxsize.u64Value;
-    PlatFileSize(plathandle, &m_u64Available);   // the link may promise more than there is
+    PlatFileSize(plathandle, &m_u64Available);   // the link may claim more than there is
     return true;
 }
 
-// The file is the memory. One that is too short for what is asked is made longer, if it may be written.
+// The file is the memory. If it is shorter than requested it is extended, if it is writeable.
 bool OsMemMapper::MeasureFile()
 {
     const uint64_t u64Bytes = m_osmemsharedrequest.u64Bytes;
@@ -377,7 +377,7 @@ bool OsMemMapper::MeasureFile()
     return true;
 }
 
-// Never maps beyond the end of what is there: touching that would end the process.
+// Never maps beyond the end of the file: touching such a page would end the process.
 bool OsMemMapper::MapView()
 {
     const int64_t i64View = m_osmemsharedrequest.i64View;

@@ -1,7 +1,7 @@
-// os_cosmem_report.cpp: the table of live blocks as log lines, and the crash report after a failed allocation.
+// os_cosmem_report.cpp: logs the table of live blocks, and writes the crash report after a failed allocation.
 //
-// Both run when there is no memory: they work on the stack, take the manager's lock for one record at a time and hold
-// it over no call. Divided into: the dump, the facts of the report, its text, its file.
+// Both run when there is no memory: they work on the stack, and hold the manager's lock for one record at a time, never
+// during a call. In order: the dump, gathering the report's facts, its text, its file.
 #include "os_cosmem_impl.h"
 
 #include "os_cfg.h"
@@ -83,7 +83,7 @@ void OsMemDump(const void* a_pvBlock)
 
 static constexpr size_t g_sizetTop = 16;
 
-// The regions of one kind: how many, and the largest of them, largest first.
+// The regions of one kind: their number, and the largest ones in descending order.
 struct OsMemRegions
 {
     int iCount;
@@ -119,7 +119,7 @@ static bool CollectRegion(void* a_pvContext, const PlatMemoryRegion* a_pplatmemo
     return true;
 }
 
-// The program is the first module; ours is the one that this code is in.
+// The program is the first module; the library's module is the one that contains this code.
 struct OsMemModules
 {
     char szProgram[OS_PATHSIZE];

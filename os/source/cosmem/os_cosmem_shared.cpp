@@ -1,7 +1,7 @@
-// os_cosmem_shared.cpp: memory that processes share: which mode it is in, and the operations on its views.
+// os_cosmem_shared.cpp: shared memory: its mode, and the operations on views.
 //
-// The view's lock between processes is a lock of the first byte of the file that names the memory. How a view comes
-// about is in os_cosmem_map.cpp.
+// A view's inter-process lock is a lock of the first byte of the file that names the memory. os_cosmem_map.cpp maps
+// views.
 #include "os_cosmem_impl.h"
 
 #include "os_cfg.h"
@@ -24,7 +24,7 @@ static constexpr const char* g_aszSharedMode[] = {
     "mem>>> shared mode is OS_SHAREDMODE_MAPPAGEFILEALL", "mem>>> shared mode is OS_SHAREDMODE_LAST"};
 static_assert(std::size(g_aszSharedMode) == OS_SHAREDMODE_LAST + 1);
 
-static constexpr int64_t g_i64Win7 = 12;   // the id of the system whose page-file mappings are not relied on
+static constexpr int64_t g_i64Win7 = 12;   // the id of the system whose page-file mappings are not used
 
 static void TraceSharedMode(EOSSHAREDMODE a_eossharedmode, long a_lForce, int64_t a_i64Platform, int64_t a_i64Version)
 {
@@ -40,7 +40,7 @@ static void TraceSharedMode(EOSSHAREDMODE a_eossharedmode, long a_lForce, int64_
     OSLOG(OS_LOG_NOTE, "%s", g_aszSharedMode[a_eossharedmode]);
 }
 
-// Decided once, when it is first needed.
+// Decided at the first use.
 EOSSHAREDMODE COsMemImpl::SharedMode()
 {
     {
@@ -137,7 +137,7 @@ bool COsMemImpl::WithMapping(const void* a_pvView, const OsMemCaller& a_osmemcal
     return false;
 }
 
-// What the views of a record are views of.
+// The handle that a record's views map.
 static PlatHandle MemoryOf(const OsMemRecord& a_osmemrecord)
 {
     return a_osmemrecord.plathandleMapping ? a_osmemrecord.plathandleMapping : a_osmemrecord.plathandleFile;
@@ -189,7 +189,7 @@ EOSSTS COsMemImpl::SharedFlush(void* a_pvView, const OsMemCaller& a_osmemcaller)
     return EOSSTS_FAIL;
 }
 
-// Maps the part of a record's memory that holds the bytes asked for; null, and logged, when that cannot be.
+// Maps the part of a record's memory that contains the requested bytes; null (logged) on failure.
 static void* MapPart(const OsMemRecord& a_osmemrecord, uint64_t a_u64Offset, size_t a_sizetSize,
                      OsMemRecord* a_posmemrecordNew)
 {
@@ -221,7 +221,7 @@ static void* MapPart(const OsMemRecord& a_osmemrecord, uint64_t a_u64Offset, siz
     return pvView;
 }
 
-// The record of a view that has another address now. With the lock held.
+// Updates the record of a view whose address has changed. Call with the lock held.
 void COsMemImpl::Move(const void* a_pvView, const OsMemRecord& a_osmemrecordNew)
 {
     if (const uint32_t u32Slot = FindSlot(a_pvView); u32Slot != OS_MEMSLOTS)
@@ -235,7 +235,7 @@ void COsMemImpl::Move(const void* a_pvView, const OsMemRecord& a_osmemrecordNew)
     m_osmemuntracked.Add(pnode);
 }
 
-// The new part is mapped before the old one goes, so a failure leaves the view as it was.
+// Maps the new part before releasing the old one, so that a failure leaves the view unchanged.
 void* COsMemImpl::SharedRemap(void* a_pvView, uint64_t a_u64Offset, size_t a_sizetSize,
                               const OsMemCaller& a_osmemcaller)
 {

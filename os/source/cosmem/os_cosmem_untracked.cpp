@@ -1,4 +1,4 @@
-// os_cosmem_untracked.cpp: blocks that the full table has no slot for.
+// os_cosmem_untracked.cpp: blocks for which the full table has no slot.
 #include "os_cosmem_impl.h"
 
 #include "plat_memory.h"

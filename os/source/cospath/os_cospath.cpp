@@ -1,4 +1,4 @@
-// os_cospath.cpp: normalising, joining and splitting the text of paths; their form for the system.
+// os_cospath.cpp: normalises, joins and splits the text of paths, and converts them for the system.
 #include "os_cospath.h"
 
 #include "os_coslocale.h"
@@ -15,7 +15,7 @@ static constexpr char g_szSource[] = "os/source/os_cosfile";
 
 namespace
 {
-constexpr size_t g_sizetLongPath = 240;   // from here on a path with a drive letter needs the prefix
+constexpr size_t g_sizetLongPath = 240;   // a drive path of at least this many characters needs the prefix
 constexpr std::u16string_view g_wszLongPrefix = u"\\\\?\\";
 
 template <class Char>
@@ -116,7 +116,7 @@ void OsPathAppend(char* a_szPath, size_t a_sizetPath, const char* a_szComponent)
         szComponent += 2;
     }
 
-    // One separator joins the two, whoever brings it: below the root "\" a second one would make a network path.
+    // Strips leading separators of the component: below the root "\" a second one would make a network path.
     while (IsSeparator(*szComponent))
         ++szComponent;
     const size_t sizetPath = strlen(a_szPath);

@@ -1,8 +1,6 @@
-// os_cosresource.cpp: resources of program files. In order: the public object, the steps of the open, the footer, the
-// local module.
+// os_cosresource.cpp: resources of program files. In order: the public object, opening, the footer, the local module.
 //
-// Data is read, not mapped: it is small, and a file that somebody shortens then costs a failed read instead of the
-// process.
+// Data is read, not mapped: it is small, and if another process truncates the file, a read fails instead of crashing.
 #include "os_cosresource.h"
 
 #include "os_cosarguments.h"
@@ -51,7 +49,7 @@ private:
 
     bool m_blInUse = false;
     bool m_blAbsent = false;
-    PlatHandle m_plathandle = PLAT_INVALID;   // of the file, while it is being opened
+    PlatHandle m_plathandle = PLAT_INVALID;   // the file, while it is being opened
     uint64_t m_u64FileSize = 0;
     char16_t m_wszFileUsed[PLAT_PATHMAX] = {};
     std::unique_ptr<char[]> m_szData;
@@ -143,8 +141,7 @@ EOSSTS COsResourceImpl::Open(const char* a_szFilename, const char* a_szResourceN
     return EOSSTS_SUCCESS;
 }
 
-// The local module is the one that this library is linked into. One whose path is too long for us can only be the
-// program.
+// The local module is the one that contains this library. Only the program's own path can be too long for OS_PATHSIZE.
 bool COsResourceImpl::FindFile(const char* a_szFilename)
 {
     if (!a_szFilename)
@@ -167,7 +164,7 @@ bool COsResourceImpl::OpenFile()
     return m_plathandle != PLAT_INVALID && PlatFileSize(m_plathandle, &m_u64FileSize);
 }
 
-// A module is known by its first bytes.
+// Checks the signature at the start of the file.
 bool COsResourceImpl::LoadModule()
 {
     static constexpr char g_szModule[] = {0x7F, 'E', 'L', 'F'};
@@ -198,7 +195,7 @@ void COsResourceImpl::Release()
 
 // ----------------------------------------------------------------------------------------------------- the footer
 
-// All of the bytes, or false.
+// Reads all bytes; false if fewer are available.
 bool COsResourceImpl::ReadAt(uint64_t a_u64Offset, void* a_pvBuffer, size_t a_sizetBytes) const
 {
     size_t sizetTotal = 0;
@@ -222,7 +219,7 @@ bool COsResourceImpl::ReadTrailer(OsResourceTrailer* a_posresourcetrailer) const
            ReadAt(m_u64FileSize - sizeof *a_posresourcetrailer, a_posresourcetrailer, sizeof *a_posresourcetrailer);
 }
 
-// False also for an entry that is not sound.
+// False also for an invalid entry.
 bool COsResourceImpl::ReadEntry(const OsResourceTrailer& a_osresourcetrailer, uint32_t a_u32Entry,
                                 OsResourceEntry* a_posresourceentry) const
 {
@@ -283,7 +280,7 @@ bool OsResourceIsIntact(const char* a_szFilename)
 
 // ----------------------------------------------------------------------------------------------- the local module
 
-// Null when the object cannot be made. The resource may not be there.
+// Null when the object cannot be made. A missing resource is no failure here.
 static COsResource* OpenLocal(const char* a_szResourceName)
 {
     COsResource* posresource = OSMEMNEW(COsResource);
@@ -311,12 +308,12 @@ namespace
 struct Text
 {
     char szName[OS_RESOURCENAMESIZE];
-    const char* szText;   // null when the module has none
+    const char* szText;   // null if the module has no such text
 };
 }   // namespace
 
 static uint64_t g_u64TextLock;
-static Text g_atext[OS_RESOURCECOUNT];   // the texts are never freed: whoever got one may keep it
+static Text g_atext[OS_RESOURCECOUNT];   // the texts are never freed: callers keep the pointers
 static size_t g_sizetTexts;
 
 static const Text* FindText(const char* a_szName)
@@ -329,7 +326,7 @@ static const Text* FindText(const char* a_szName)
     return nullptr;
 }
 
-// Null when the module has none (*a_pblAbsent), and when it cannot be read now.
+// Null when the module has no such text (*a_pblAbsent is true) or it cannot be read now.
 static std::unique_ptr<char[]> LoadText(const char* a_szName, bool* a_pblAbsent)
 {
     std::unique_ptr<char[]> szText;
@@ -343,8 +340,8 @@ static std::unique_ptr<char[]> LoadText(const char* a_szName, bool* a_pblAbsent)
     return szText;
 }
 
-// The logger asks for texts while it logs, and opening a resource logs: no lock is held over that. Of two threads that
-// load the same text, the slower one takes what the faster one kept.
+// No lock is held during loading, because it logs, and the logger calls this function. If two threads load the same
+// text, the first one stored is kept.
 const char* OsResourceText(const char* a_szName)
 {
     if (!a_szName || std::strlen(a_szName) >= OS_RESOURCENAMESIZE)
@@ -357,7 +354,7 @@ const char* OsResourceText(const char* a_szName)
     bool blAbsent = false;
     std::unique_ptr<char[]> szText = LoadText(a_szName, &blAbsent);
     if (!szText && !blAbsent)
-        return nullptr;   // the next call tries again
+        return nullptr;   // the next call retries
 
     const COsSpinGuard guard(&g_u64TextLock);
     if (const Text* const ptext = FindText(a_szName))

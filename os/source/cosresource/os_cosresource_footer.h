@@ -1,14 +1,14 @@
-// os_cosresource_footer.h: how a program file carries its resources.
+// os_cosresource_footer.h: how resources are stored in a program file.
 //
-// They follow whatever the file was before, so that it runs as it did:
+// They are appended to the program file, so that it still runs:
 //
 //     the program          to u64Begin
 //     the resources        their bytes, one after the other
 //     the table            u32Count entries, at u64Table
 //     the trailer          the last bytes of the file
 //
-// Numbers are little-endian, positions count from the start of the file. Whoever reads this checks every number: the
-// file may be cut, or somebody else's.
+// Numbers are little-endian, positions count from the start of the file. A reader must check every number: the file may
+// be truncated or not contain resources.
 #pragma once
 
 #include <cstddef>
@@ -37,7 +37,7 @@ struct OsResourceTrailer
 
 static_assert(sizeof(OsResourceEntry) == 48 && sizeof(OsResourceTrailer) == 32);
 
-// The trailer is one, and the table that it tells of fills the file up to it.
+// Checks the magic, and that the table reaches exactly to the trailer.
 constexpr bool OsResourceIsSound(const OsResourceTrailer& a_osresourcetrailer, uint64_t a_u64FileSize)
 {
     for (size_t sizet = 0; sizet < sizeof OS_RESOURCEMAGIC; ++sizet)
@@ -53,7 +53,7 @@ constexpr bool OsResourceIsSound(const OsResourceTrailer& a_osresourcetrailer, u
            u64End - a_osresourcetrailer.u64Table == a_osresourcetrailer.u32Count * sizeof(OsResourceEntry);
 }
 
-// The name is terminated and the bytes lie between the program and the table.
+// Checks that the name is terminated and that the bytes lie between the program and the table.
 constexpr bool OsResourceIsSound(const OsResourceEntry& a_osresourceentry, const OsResourceTrailer& a_osresourcetrailer)
 {
     return a_osresourceentry.szName[OS_RESOURCENAMESIZE - 1] == 0 &&

@@ -1,5 +1,4 @@
-// os_cosservices.cpp: start and stop of the library. The order is fixed: what is started later relies on what was
-// started before.
+// os_cosservices.cpp: start and stop of the library. The order is fixed, because later parts rely on earlier ones.
 #include "os_cosservices.h"
 
 #include "os_cfg.h"
@@ -37,9 +36,9 @@ void OsServicesSetDocument(const char* a_szDocument)
     g_szDocument = a_szDocument ? a_szDocument : g_szDefaultDocument;
 }
 
-// -------------------------------------------------------------------------------------------- what this process is
+// ------------------------------------------------------------------------------------------- identity and document
 
-// The document that a model's utility makes for itself when it was started by nobody of the family.
+// Builds the document of a model's utility that no process of the family has started.
 static bool DeriveLogFolder(OsServicesIdentity& a_osservicesidentity)
 {
     const char* const szModel = OsArgumentsGet(OS_ARGUMENT_LOGMODEL);
@@ -64,13 +63,13 @@ static bool DeriveLogFolder(OsServicesIdentity& a_osservicesidentity)
     return true;
 }
 
-// Of its own or from its parent. After a stop the document has gone, but not what it said.
+// True if there is an own or inherited document. After a stop its text is gone, but its values remain.
 static bool HasDocument()
 {
     return *OsArgumentsDocument() || *OsArgumentsGet(OS_ARGUMENT_LOGPATH);
 }
 
-// What was inherited is kept by those who work for others; everybody else begins anew.
+// Utilities keep the inherited document; other kinds of process start without one.
 static bool SettleDocument(OsServicesIdentity& a_osservicesidentity)
 {
     switch (a_osservicesidentity.eoscfgentity)
@@ -112,7 +111,7 @@ static bool CreateConfiguration(const OsServicesIdentity& a_osservicesidentity, 
     for (size_t sizet = 0; sizet < OS_CFGVERSIONS; ++sizet)
         createargs.aszVersion[sizet] = a_osservicesidentity.aszVersion[sizet];
     createargs.blForceSetAccess = a_osservicesidentity.blForceSetAccess;
-    // An application is its own, whoever started it; the others work for the one that their document names.
+    // An application is its own; other kinds of process work for the application that their document names.
     createargs.szProgram = OsArgumentsGet(OS_ARGUMENT_APPLICATION);
     if (!*createargs.szProgram && a_osservicesidentity.eoscfgentity != OS_CFGENTITY_APPLICATION)
         createargs.szProgram = OsArgumentsGet(OS_ARGUMENT_CALLERSAPPLICATION);
@@ -136,7 +135,7 @@ static void TellConfiguration(const OsServicesIdentity& a_osservicesidentity)
     TellDocument("%s before...<%s>");
 }
 
-// Without a folder there is no log that could say so. False when there is not even a path for one.
+// Reports a missing log folder on standard error, as no log can. False when there is not even a path.
 static bool CheckLogDirectory()
 {
     const char* const szFolder = OsCfgGetString(OS_CFGTAG_LOGDIRECTORY);
@@ -148,7 +147,7 @@ static bool CheckLogDirectory()
     return *szFolder != 0;
 }
 
-// ------------------------------------------------------------------------------------------------- for our children
+// ---------------------------------------------------------------------------------------------- for child processes
 
 static void BuildDocument(const OsServicesIdentity& a_osservicesidentity)
 {
@@ -186,14 +185,14 @@ static void ForceThreadAffinity()
 
 // ---------------------------------------------------------------------------------------------------- start and stop
 
-// A collector of our own ends with our stream: a later start makes another one.
+// The private collector ends with this process's stream: a later start launches a new one.
 static void ForgetCollector()
 {
     if (OsArgumentsCollector().u64ProcessIdApplication == PlatProcessId())
         OsArgumentsClear(OS_CLEARARGUMENTS_COLLECTOR);
 }
 
-// Whatever of it was started.
+// Stops whatever was started.
 static void Stop()
 {
     OSMEMDELETE(g_poscoscfg);

@@ -1,5 +1,5 @@
-// os_cosservices_identity.cpp: the elements of the program's own document: its name, its kind, its log, its version;
-// then what its files say.
+// os_cosservices_identity.cpp: parses the program's own document (name, kind, log, version), and answers the logger's
+// queries for the header from the program's files.
 #include "os_cosservices_identity.h"
 
 #include "os_cosarguments.h"
@@ -21,7 +21,7 @@ static constexpr char g_szSource[] = "os/source/os_cosservices";
 
 namespace
 {
-// "" for an element that is absent or does not fit.
+// Empty when the element is missing or does not fit.
 template <size_t a_sizetText>
 void Take(const char* a_szDocument, const char* a_szName, char (&a_szText)[a_sizetText])
 {
@@ -30,13 +30,13 @@ void Take(const char* a_szDocument, const char* a_szName, char (&a_szText)[a_siz
 
 // ---------------------------------------------------------------------------------------------------------- the name
 
-// The log and the INI files are named after it.
+// Checks that the name can be a file name: the log and the INI files are named after it.
 bool IsName(const char* a_szName)
 {
     return *a_szName && a_szName[std::strcspn(a_szName, "/\\:*?\"<>|\r\n\t")] == 0;
 }
 
-// The name that an override gives goes before the program's own; either is what children are told.
+// An override's name has priority over the program's own. Children are told the result.
 bool TakeName(const char* a_szDocument, OsServicesIdentity& a_osservicesidentity)
 {
     char(&szName)[sizeof a_osservicesidentity.szUniqueName] = a_osservicesidentity.szUniqueName;
@@ -116,8 +116,8 @@ void TakeLog(const char* a_szDocument, OsServicesIdentity& a_osservicesidentity)
 
 // ------------------------------------------------------------------------------------------------------- the version
 
-// The text that the file of a module carries, null for none: the program's own file, or our module's (null), which may
-// be one that the program has loaded. Valid until the thread asks again.
+// The text resource of a module, null if it has none. a_szModule is the program, or null for the module that contains
+// this library, which the program may have loaded. Valid until the thread's next call.
 const char* ResourceOfModule(const char* a_szModule, const char* a_szName)
 {
     char szOwn[OS_PATHSIZE];
@@ -133,7 +133,7 @@ const char* ResourceOfModule(const char* a_szModule, const char* a_szName)
     return t_szText;
 }
 
-// The version that the file of a module carries; false for none.
+// The version resource of a module; false if it has none.
 bool VersionOfFile(const char* a_szModule, uint16_t* a_au16Version)
 {
     const char* szVersion = ResourceOfModule(a_szModule, "VERSION");
@@ -155,7 +155,7 @@ void TakeVersion(const char* a_szDocument, OsServicesIdentity& a_osservicesident
     static constexpr size_t g_sizetYear = OS_CFGVERSIONS - 1;
     char szVersion[OS_PATHSIZE];
     Take(a_szDocument, "version", szVersion);
-    // The parts of a program that states none are those of its file; it has no date then.
+    // Without a version element the file's version is used; there is no date then.
     int32_t ai32Part[OS_CFGVERSIONS] = {};
     uint16_t au16File[4] = {};
     if (!szVersion[0] && VersionOfFile(nullptr, au16File))
@@ -171,9 +171,9 @@ void TakeVersion(const char* a_szDocument, OsServicesIdentity& a_osservicesident
     }
 }
 
-// ------------------------------------------------------------------------------------ what the program's files say
+// --------------------------------------------------------------------------------------- queries of the log header
 
-// The file that the set-up leaves beside the program, or in the folder of the system.
+// Reads setup.txt, which the installation puts beside the program or into the system's folder.
 const char* SetupOfModule(const char* a_szModule, const char* a_szName)
 {
     static thread_local char t_szValue[OS_PATHSIZE];

@@ -1,5 +1,5 @@
-// os_cosservices_identity.h: who this program is, as its own document, its parent and its files say. For the start of
-// the library.
+// os_cosservices_identity.h: the identity of this program from its own document, its parent and its files. For the
+// start of the library.
 #pragma once
 
 #include "os_coscfg.h"
@@ -10,22 +10,22 @@ struct OsServicesIdentity
     char szUniqueName[64];
     EOSCFGENTITY eoscfgentity;
     char szLogFile[OS_PATHSIZE];
-    uint32_t u32Level;   // flags of the logger
+    uint32_t u32Level;   // the logger's flags
     char szFilter[OS_PATHSIZE];
     bool blForceSetAccess;
     bool blInherit;   // its children get a document
     char aszVersion[OS_CFGVERSIONS][16];
 };
 
-// Reads the program's own document; what the parent gave (the values of os_cosarguments.h) goes before it. False, and
-// logged, for a document without a name that a file can have.
+// Parses the program's own document; values from the parent (os_cosarguments.h) have priority. False (logged) when the
+// document has no name that is a valid file name.
 bool OsServicesIdentify(const char* a_szDocument, OsServicesIdentity& a_osservicesidentity);
 
-// A utility logs beside the program that it works for, into a file of its own name.
+// A utility logs into the folder of the program that it works for, into a file with its own name.
 void OsServicesLogInto(const char* a_szFolder, OsServicesIdentity& a_osservicesidentity);
 
-// Tells on standard error, and in a log that may be there, why there is no start or no log.
+// Reports on standard error, and in the log if there is one, why the start failed or there is no log.
 void OsServicesTell(const char* a_szFormat, ...) OS_PRINTFLIKE(1, 2);
 
-// Has the logger's header find what the program's files say about it: resources, file version, set-up.
+// Installs the procedures that supply resources, file version and set-up to the logger's header.
 void OsServicesAnswerHeader();

@@ -9,7 +9,7 @@
 
 static constexpr char g_szSource[] = "os/source/os_cosstring";
 
-// --------------------------------------------------------------------------------------------- what goes wrong
+// ---------------------------------------------------------------------------------------------------- failures
 
 static bool IsUsable(const char* a_szFunction, const void* a_pvDestination, size_t a_sizetDestination,
                      const void* a_pvSource)
@@ -33,7 +33,7 @@ static void LogFailed(const char* a_szFunction, const char16_t* a_wszText)
 
 // ----------------------------------------------------------------------------------------------- copy and append
 
-// The length of a text, a_sizetRoom when there is no terminator in that many characters. Reads nothing behind it.
+// The length of a text, or a_sizetRoom if no terminator is found within that many characters.
 template <class Char>
 static size_t LengthWithin(const Char* a_tsz, size_t a_sizetRoom)
 {
@@ -95,7 +95,7 @@ void SWcsCat(char16_t* a_wszDestination, size_t a_sizetDestination, const char16
 
 // -------------------------------------------------------------------------------------------------------- format
 
-// The length of the text, or -1 with the destination empty when it does not fit or the format is not known.
+// The length of the text, or -1 with the destination empty when it does not fit or the format is unknown.
 static int FormatWhole(char* a_szDestination, size_t a_sizetDestination, const char* a_szFormat, va_list a_valist)
 {
     const int iLength = OsFormat(a_szDestination, a_sizetDestination, a_szFormat, a_valist);
@@ -128,7 +128,7 @@ int SStrVprintf(char* a_szDestination, size_t a_sizetDestination, const char* a_
     return iLength;
 }
 
-// A destination without terminator has no end to append at: it is emptied like one that overflows.
+// A destination without terminator is emptied, as on overflow.
 int SStrCatf(char* a_szDestination, size_t a_sizetDestination, const char* a_szFormat, ...)
 {
     if (!IsUsable("SStrCatf", a_szDestination, a_sizetDestination, a_szFormat))

@@ -1,4 +1,4 @@
-// os_cosstring_float.cpp: floating point for the formatter, without the locale and without allocation.
+// os_cosstring_float.cpp: floating-point conversion for the formatter, without locale and allocation.
 #include "os_cosstring_impl.h"
 
 #include <charconv>
@@ -9,7 +9,7 @@ using namespace osformat;
 namespace
 {
 
-// No double has more decimals: what a precision asks for beyond them is zeros.
+// No double has more decimals: beyond them a precision only adds zeros.
 constexpr size_t OS_FLOATDECIMALS = 1080;
 constexpr size_t OS_FLOATSIZE = 320 + OS_FLOATDECIMALS;
 
@@ -18,7 +18,7 @@ char Upper(char a_ch)
     return a_ch >= 'a' && a_ch <= 'z' ? static_cast<char>(a_ch - ('a' - 'A')) : a_ch;
 }
 
-// The text of a number that is finite and not negative.
+// The text of a finite, non-negative number.
 class FloatText
 {
 public:
@@ -41,7 +41,7 @@ public:
         }
     }
 
-    // The pieces, which live as long as this object.
+    // The pieces are valid as long as this object.
     NumberText Pieces()
     {
         const bool blHex = (m_conversion.chKind | 0x20) == 'a';
@@ -82,7 +82,7 @@ private:
         m_sizetText = static_cast<size_t>(result.ptr - m_ach);
     }
 
-    // The standard conversion drops trailing zeros; the alternate form keeps them, so it chooses for itself.
+    // to_chars drops trailing zeros, but the alternate form keeps them and must choose the notation itself.
     void ConvertGeneral(size_t a_sizetPrecision)
     {
         if (!m_conversion.blAlternate)

@@ -1,7 +1,7 @@
 // os_cosstring_format.cpp: the formatter of the product's printf dialect.
 //
-// From top to bottom: reading one conversion, numbers, text, the whole. Floating point has a source of its own.
-// Nothing here allocates, locks, logs or asks the locale, so that the logger can use it wherever it is called from.
+// From top to bottom: parsing a conversion, numbers, text, the formatter. Floating point is in a source of its own.
+// Nothing here allocates, locks, logs or uses the locale, so that the logger can call it anywhere.
 #include "os_cosstring.h"
 #include "os_cosstring_impl.h"
 
@@ -19,7 +19,7 @@ using namespace osformat;
 namespace
 {
 
-// The values: a va_list inside a structure is handed on alike on every machine.
+// Wraps the va_list: as a structure member it can be passed by reference on every platform.
 struct Values
 {
     va_list valist;
@@ -46,7 +46,8 @@ bool TakeFlag(char a_ch, Conversion& a_conversion)
     }
 }
 
-// A number, or "*" for the next value. What is beyond an int becomes INT_MAX, which makes the whole text too long.
+// Parses a number, or takes the next value for "*". A number beyond an int becomes INT_MAX, so that formatting fails as
+// too long.
 int TakeNumber(const char*& a_szFormat, Values& a_values)
 {
     if (*a_szFormat == '*')
@@ -95,7 +96,7 @@ Length TakeLength(const char*& a_szFormat)
     }
 }
 
-// Reads what follows the "%".
+// Parses what follows the "%".
 Conversion TakeConversion(const char*& a_szFormat, Values& a_values)
 {
     Conversion conversion;
@@ -147,7 +148,7 @@ void osformat::PutNumber(Output& a_output, const Conversion& a_conversion, const
 namespace
 {
 
-constexpr size_t OS_DIGITSIZE = 24;   // the digits of 64 bits in octal, and some
+constexpr size_t OS_DIGITSIZE = 24;   // enough for 64 bits in octal
 
 // Writes the digits so that they end at a_pchEnd; none for 0.
 template <unsigned Base>
@@ -244,7 +245,7 @@ void PutSigned(Output& a_output, const Conversion& a_conversion, Values& a_value
     PutInteger(a_output, a_conversion, i64Number < 0 ? 0 - u64Number : u64Number, SignOf(a_conversion, i64Number < 0));
 }
 
-// A long double is a double on the product's system, and is shown as one everywhere.
+// On the product's system a long double is a double; it is printed as one on all systems.
 double TakeDouble(const Conversion& a_conversion, Values& a_values)
 {
     if (a_conversion.length == Length::LongDouble)
@@ -252,7 +253,7 @@ double TakeDouble(const Conversion& a_conversion, Values& a_values)
     return va_arg(a_values.valist, double);
 }
 
-// 16 upper-case digits, whatever the flags say.
+// Always 16 upper-case digits; flags are ignored.
 void PutPointer(Output& a_output, const Conversion& a_conversion, Values& a_values)
 {
     Conversion conversion = a_conversion;
@@ -290,8 +291,8 @@ void PutText(Output& a_output, const Conversion& a_conversion, const char* a_szT
     PutPadded(a_output, a_conversion, a_szText, sizetLength);
 }
 
-// Width and precision count 16-bit characters, but a pair is never cut. Half a pair becomes the replacement
-// character: a line with a damaged name is better than no line.
+// Width and precision count 16-bit characters, but a surrogate pair is never split. An unpaired surrogate is printed as
+// the replacement character, so that the line is not lost.
 void PutWide(Output& a_output, const Conversion& a_conversion, const char16_t* a_wszText)
 {
     const char16_t* pwchEnd = a_wszText;
@@ -360,7 +361,7 @@ void PutCharacter(Output& a_output, const Conversion& a_conversion, Values& a_va
 
 // ------------------------------------------------------------------------------------------------------ together
 
-// False for a conversion that is not known. "%n", which writes, is one of those.
+// False for an unknown conversion, including "%n", which would write to memory.
 bool PutConversion(Output& a_output, const Conversion& a_conversion, Values& a_values)
 {
     switch (a_conversion.chKind)

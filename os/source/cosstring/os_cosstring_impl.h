@@ -1,5 +1,5 @@
-// os_cosstring_impl.h: what the sources of the formatter share: the output, one conversion of a format, and a number
-// in its pieces.
+// os_cosstring_impl.h: shared by the sources of the formatter: the output, one conversion of a format, and a number in
+// its pieces.
 #pragma once
 
 #include "os_types.h"
@@ -11,7 +11,7 @@
 namespace osformat
 {
 
-// Takes what fits and counts everything.
+// Stores what fits and counts everything.
 class Output
 {
 public:
@@ -44,11 +44,11 @@ private:
     }
 
     char* m_pch;
-    size_t m_sizetRoom;   // without the terminator
+    size_t m_sizetRoom;   // capacity without the terminator
     uint64_t m_u64Length = 0;
 };
 
-// The modifier of a conversion. None stands for an int, and for the width that the letter of a text stands for.
+// The length modifier of a conversion. None means an int, or the default width of a text conversion.
 enum class Length
 {
     None,
@@ -77,7 +77,7 @@ struct Conversion
     char chKind = 0;
 };
 
-// A number in its pieces: sign or radix prefix, digits, zeros that the digits go on with, and the exponent.
+// A number in its pieces: sign or radix prefix, digits, trailing zeros, and the exponent.
 struct NumberText
 {
     std::string_view strviewPrefix;
@@ -86,11 +86,11 @@ struct NumberText
     std::string_view strviewExponent;
 };
 
-// a_sizetLeading zeros stand before the digits; with a_blZeroPad they fill the width.
+// Writes a_sizetLeading zeros before the digits; with a_blZeroPad zeros also fill the width.
 void PutNumber(Output& a_output, const Conversion& a_conversion, const NumberText& a_numbertext, size_t a_sizetLeading,
                bool a_blZeroPad);
 
-// What stands before a number: "-", or what the flags want.
+// The sign: "-", or what the flags ask for.
 inline std::string_view SignOf(const Conversion& a_conversion, bool a_blNegative)
 {
     if (a_blNegative)

@@ -1,4 +1,4 @@
-// os_cosstring_search.cpp: search, compare, trim and replace, and numbers out of text.
+// os_cosstring_search.cpp: search, compare, trim and replace, and parsing numbers.
 #include "os_cosstring.h"
 #include "os_log.h"
 
@@ -61,7 +61,7 @@ bool StrIStartsWith(const char* a_szText, const char* a_szPrefix)
     return AreThere("StrIStartsWith", a_szText, a_szPrefix) && StartsWithFolded(a_szText, a_szPrefix);
 }
 
-// Whether the tail may be compared at all. An empty suffix is the tail of a text of one character at most.
+// False if the suffix cannot match by length. An empty suffix matches only texts of at most one character.
 static bool HasTail(size_t a_sizetText, size_t a_sizetSuffix)
 {
     return a_sizetText >= a_sizetSuffix && (a_sizetSuffix > 0 || a_sizetText < 2);
@@ -115,7 +115,7 @@ int StrWildcard(const char* a_szText, const char* a_szPattern, bool a_blIgnoreCa
 {
     if (!AreThere("StrWildcard", a_szText, a_szPattern))
         return 1;
-    // Only the last run has to be tried again with one character more: what an earlier one leaves, it can take.
+    // Backtracks to the last "*" only: earlier ones need no retry.
     const char* szRunPattern = nullptr;
     const char* szRunText = nullptr;
     while (*a_szText)
@@ -166,7 +166,7 @@ void SStrTrim(char* a_szDestination, size_t a_sizetDestination, const char* a_sz
     a_szDestination[strview.size()] = 0;
 }
 
-// Occurrences of a_szFind that do not overlap, at most a_sizetMost of them.
+// Counts non-overlapping occurrences of a_szFind, at most a_sizetMost.
 static size_t CountOccurrences(const char* a_szText, const char* a_szFind, size_t a_sizetMost)
 {
     size_t sizetCount = 0;
