@@ -76,6 +76,6 @@ private:
     std::unique_ptr<OsLogFilter> m_uniqueFilters;   // every filter used so far
 };
 
-// The base name of a call's file argument, which may be null: what is behind the last backslash, without extension, in
-// lower case. The name has OS_PATHSIZE bytes and no end; returns its length.
+// The base name of a call's file argument, which may be null: the text after the last backslash, without extension, in
+// lower case. OS_PATHSIZE bytes, not terminated; returns its length.
 size_t OsLogSourceName(char* a_achSource, const char* a_szFile);
