@@ -2,9 +2,11 @@
 //
 // This process's own registrations are in a list in memory, and waits use only that list: the content of the file
 // belongs to other processes or may be forged.
+//
 // The file is read and written under a byte lock behind its end, for one operation, and never mapped. Each slot has a
 // byte that is locked while its event is registered; a slot whose byte is unlocked is free, whatever its content. Both
 // locks end with their process.
+//
 // The last event to leave removes the file.
 #include "os_cossync_impl.h"
 
