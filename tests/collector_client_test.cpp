@@ -59,7 +59,7 @@ TEST_F(CollectorClient, ACollectorThatIsNotWantedIsNotStarted)
 
 // ------------------------------------------------------------------------------------------------ the stream
 
-TEST_F(CollectorClient, ApplicationEndsItsCollectorWithoutATraceInTheLog)
+TEST_F(CollectorClient, ApplicationEndsItsCollectorWithoutALogTrace)
 {
     BeginCollected();
     Log(OS_LOG_NOTE, "collected");
@@ -127,7 +127,7 @@ TEST_F(CollectorClient, KilledCollectorLosesNoLineFromTheFailedOneOn)
 
 // ------------------------------------------------------------------------------------------- a shared collector
 
-TEST_F(CollectorClient, SharedCollectorIsFoundStaleAnnouncementDeleted)
+TEST_F(CollectorClient, SharedOneIsFoundAndAStaleAnnouncementDeleted)
 {
     const ReservedPort reservedport;
     setenv("MVR_LOGCOLLECTOR", std::to_string(reservedport.Number()).c_str(), 1);

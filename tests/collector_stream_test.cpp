@@ -59,7 +59,7 @@ TEST_F(CollectorBesideAStream, MarkerInsideOtherTextIsText)
     EXPECT_TRUE(FileBecomes("a.log", "|||EEXXIITT|||" + strText + std::string("|||EEXXIITT|||\0", 15)));
 }
 
-TEST_F(CollectorBesideAStream, StreamWithoutTextLeavesAFolderButNoFile)
+TEST_F(CollectorBesideAStream, StreamWithoutTextLeavesOnlyAFolder)
 {
     const auto stream = StreamTo("sub/deep/a.log");
     ASSERT_TRUE(stream->EndSending() && stream->IsEnded());
