@@ -56,8 +56,8 @@ struct OsLogPath
     std::atomic<uint32_t> u32Owed;
     std::string strUnsent;                // after space for a line end
     std::atomic<uint64_t> u64OpenAgain;   // ticks; an open failed, the next attempt is not before this time
-    std::atomic<uint32_t> u32OpenError;   // its error
-    OsLogFile* poslogfile;                // guarded by the mutex; null when it is not open
+    std::atomic<uint32_t> u32OpenError;   // the error of that open
+    OsLogFile* poslogfile;                // guarded by m_osloglock; null when it is not open
 };
 
 // A collector's client: in use, given up, or replaced and ended. The record is kept until the logger ends, because

@@ -43,7 +43,7 @@ private:
 struct LogCollectorWriter
 {
     COsLogCollectorRest oslogcollectorrest;
-    uint64_t u64RestDue = 0;   // when the rest must be written if the stream is alone, 0: never
+    uint64_t u64RestDue = 0;   // when the rest must be written, for the stream's own use; 0: none
     uint64_t u64Missing = 0;   // lost bytes not yet reported in the file
     uint64_t u64Told = 0;      // reported in the file, not yet in the collector's own log
     uint32_t u32Error = 0;     // the system error of the last loss

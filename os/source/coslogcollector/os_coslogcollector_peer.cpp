@@ -96,7 +96,7 @@ static bool IsProperLog(const char* a_szLogFile)
            (PlatUserId() != g_u64SystemUser || OsLogFolderOf(a_szLogFile, szFolder));
 }
 
-// A refused name may be an attempt to forge log lines: one with control characters is not logged.
+// A refused name may be an attempt to forge log lines: control characters are never logged.
 bool COsLogCollectorPeer::MayName(const char* a_szLogFile) const
 {
     if (m_kind == Kind::Ours)

@@ -25,7 +25,8 @@ static constexpr uint32_t g_u32Yields = 1000;
 // After a send for several threads, this many sends yield first, so that they become batches too.
 static constexpr uint32_t g_u32Company = 8;
 
-// A collector that has read nothing for the first time is asked to release the file, and must do so within the second.
+// ms. A collector that has read nothing for g_u64RoomTimeout is asked to release the file, and has until
+// g_u64StillTimeout.
 static constexpr uint64_t g_u64RoomTimeout = 4000;
 static constexpr uint64_t g_u64StillTimeout = 5000;
 static constexpr uint64_t g_u64LookPeriod = 50;
