@@ -249,7 +249,7 @@ void COsLogImpl::StartPath(const char* a_szLogFile)
         m_oslogdestination.SetPath(blExpanded ? szExpanded : a_szLogFile, true, 0);
 }
 
-// OS_LOGFLAG_LEVEL32, once set, stays in force until the logger ends.
+// OS_LOGFLAG_LEVEL32, once set, stays in force for later starts; a request in the status file resets it.
 void COsLogImpl::SetFlags(uint32_t a_u32Flags, uint32_t a_u32TakenOut)
 {
     m_u32StartWord = a_u32Flags;

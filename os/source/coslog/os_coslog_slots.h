@@ -64,13 +64,11 @@ public:
     COsLogSlots(const COsLogSlots&) = delete;
     COsLogSlots& operator=(const COsLogSlots&) = delete;
 
-    // The calling thread's slot, taken and with a buffer of at least a_sizetBuffer. Null when the thread is inside
     // Enters the calling thread's slot, claiming one if needed, with a buffer of at least a_sizetBuffer. Null when the
     // thread is already inside, without a free slot or without memory; a_eosloglost gets the reason.
     OsLogSlot* Enter(size_t a_sizetBuffer, EOSLOGLOST& a_eosloglost);
     void Leave(OsLogSlot& a_oslogslot) { a_oslogslot.u32Busy.store(OsLogSlot::OS_IDLE, std::memory_order_release); }
 
-    // The slot of a thread that has logged and is not inside, taken as by Enter; otherwise null. A thread that is
     // Enters the slot of a thread that has logged before and is not inside; otherwise null. If the thread is inside,
     // *a_pposlogslotInside gets its slot.
     OsLogSlot* EnterAgain(OsLogSlot** a_pposlogslotInside);

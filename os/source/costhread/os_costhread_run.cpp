@@ -1,8 +1,8 @@
 // os_costhread_run.cpp: one start of a thread: the code on the new thread, confirming the start, stopping, waiting and
 // terminating.
+//
 // The thread only advances its state and signals two events, "started" and "ended". Only the system can tell that it
 // has completely ended. Each wait has one deadline, on the monotonic clock.
-// last step, is for the system to say. A wait has one end on the clock that is never set.
 #include "os_costhread_impl.h"
 
 #include "os_cosarguments.h"
