@@ -1,4 +1,4 @@
-// collector_process.h: start the collector program for a living process, as an application does.
+// collector_process.h: starts the collector program for a living process, as an application does.
 #pragma once
 
 #include "plat_types.h"
@@ -15,16 +15,16 @@ public:
     CollectorProcess(const CollectorProcess&) = delete;
     CollectorProcess& operator=(const CollectorProcess&) = delete;
 
-    // Starts the program with these arguments. False when it cannot be run.
+    // Starts the program with these arguments. False on failure.
     bool Start(const std::string& a_strProgram, const std::vector<std::string>& a_vecstrArgument);
 
     // Starts it as the collector of that process and waits for its reply. False without a port within 10 s.
     bool StartFor(const std::string& a_strProgram, uint64_t a_u64ProcessIdApplication);
 
-    // What it has written to standard output, until that holds a_strEnd or the program closes it; "" after 10 s.
+    // Reads standard output until it contains a_strEnd or the program closes it; "" after 10 s.
     std::string ReadOutput(const std::string& a_strEnd);
 
-    // Waits for its end. Its exit code, or PLAT_STILLACTIVE when it has not ended in time.
+    // Waits for the end and returns the exit code; PLAT_STILLACTIVE on a timeout.
     uint32_t WaitForExit(uint32_t a_u32Milliseconds);
     void Kill();
 

@@ -1,13 +1,13 @@
-// demo_application.cpp: an application of the family in small: it starts the library, logs from several threads, and
-// starts child processes that do the same.
+// demo_application.cpp: a small application of the family: it starts the library, logs from several threads, and starts
+// child processes that do the same.
 //
 //     demo_application [--name=NAME] [--threads=N] [--lines=N] [--children=N] [--victims=N] [--tell-collector]
 //
-// Everything that it logs goes to the collector that the start of the library spawned, each process into a log file of
-// its own. A victim is a child that logs without end, tells after every line how many it has logged, and dies at once,
-// in the middle of whatever it does, when it is told to.
-// Prints one line for each process: its name, its log file and the lines that it has logged, or at least has logged;
-// when asked to, the process id of the collector first.
+// Its log goes to the collector that the library's start spawned, each process into a log file of its own. A victim is
+// a child that logs without end, prints its line count after every line, and dies at once, wherever it is, when told
+// to.
+// Prints one line per process: its name, its log file and the number of lines that it has logged (for a victim: at
+// least); on request first the collector's process id.
 #include "os_cfg.h"
 #include "os_cosarguments.h"
 #include "os_coslog.h"
@@ -27,13 +27,13 @@
 
 static constexpr char g_szSource[] = "demo/demo_application";
 
-static constexpr unsigned long g_ulVictimLines = 2000;   // that a victim has logged, at least, when it is killed
+static constexpr unsigned long g_ulVictimLines = 2000;   // minimum logged by a victim before it is killed
 
 struct Options
 {
     std::string strName = "demo";
     unsigned long ulThreads = 4;
-    unsigned long ulLines = 2500;   // of each thread
+    unsigned long ulLines = 2500;   // per thread
     unsigned long ulChildren = 0;
     unsigned long ulVictims = 0;
     bool blVictim = false;
@@ -104,8 +104,7 @@ static void Tell(const std::string& a_strName, const char* a_szLog, unsigned lon
     std::fflush(stdout);
 }
 
-// ---------------------------------------------------------------------------------------------------------- its
-// children
+// ------------------------------------------------------------------------------------------------- its children
 
 struct Child
 {
@@ -130,7 +129,7 @@ static std::unique_ptr<Child> StartChild(const char* a_szProgram, const Options&
     return child;
 }
 
-// What the child writes, until it ends, or until a victim has logged enough and is killed.
+// Collects the child's output until it ends, or until a victim has logged enough and is killed.
 static std::string Attend(Child& a_child)
 {
     std::string strOutput;
@@ -150,7 +149,7 @@ static std::string Attend(Child& a_child)
     }
 }
 
-// A victim's first line names its log, the last whole one says how many lines it has logged.
+// A victim's first line names its log, the last complete one holds its line count.
 static void TellVictim(const Child& a_child, const std::string& a_strOutput)
 {
     const size_t sizetLog = a_strOutput.find('\n');

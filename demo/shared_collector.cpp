@@ -1,10 +1,10 @@
-// shared_collector.cpp: a collector for all applications that have none of their own. It serves until its standard
-// input ends.
+// shared_collector.cpp: a collector for all applications without one of their own. It serves until its standard input
+// ends.
 //
 //     shared_collector
 //
-// MVR_LOGCOLLECTOR names another port than 41114. Prints the announcement by which applications find it. Exit code 1
-// when it cannot serve, 2 when another shared collector does already.
+// MVR_LOGCOLLECTOR names another port than 41114. Prints the announcement that applications use to find it. Exit code 1
+// when it cannot serve, 2 when another shared collector is running.
 #include "os_cfg.h"
 #include "os_coslogcollector.h"
 #include "os_coslogcollector_protocol.h"
@@ -35,7 +35,7 @@ static int Serve()
 
 int main()
 {
-    OsLogSetState(OS_LOGSTATE_OFF);   // it keeps no log of its own and needs no collector
+    OsLogSetState(OS_LOGSTATE_OFF);   // it has no log of its own and needs no collector
     OsServicesSetDocument(g_szDocument);
     if (OsServicesStart() != EOSSTS_SUCCESS)
         return 1;

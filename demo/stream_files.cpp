@@ -1,5 +1,5 @@
-// stream_files.cpp: an application in small. It starts its collector and streams files into it, all at once, each as
-// a log of its own; then it compares what was collected byte by byte.
+// stream_files.cpp: a small application. It starts its collector, streams files into it concurrently, each as a log of
+// its own, and compares the result byte by byte.
 //
 //     stream_files COLLECTOR FOLDER FILE...
 //
@@ -73,7 +73,7 @@ static void SendStream(uint16_t a_u16Port, Stream& a_stream)
     ossocket.SocketDisconnect(true);
 }
 
-// The collector writes what is on its way after the last byte was sent: wait for the size, then compare.
+// The collector may still be writing after the last byte was sent: wait for the size, then compare.
 static bool HasArrived(const Stream& a_stream)
 {
     const uint64_t u64End = PlatTicks() + g_u32ArriveTimeout;
@@ -99,7 +99,7 @@ static std::vector<Stream> LoadStreams(const std::string& a_strFolder, int a_iFi
     return vecstream;
 }
 
-// One more stream stays open until everything was compared, so that the collector does not end with the last file.
+// An extra stream stays open until everything is compared, so that the collector does not end with the last file.
 static uint64_t StreamAll(uint16_t a_u16Port, std::vector<Stream>& a_vecstream)
 {
     const uint64_t u64Start = PlatTicks();

@@ -227,7 +227,7 @@ TEST_F(Chaos, CollectorThatIsToldToEndLeavesTheFileToTheProcess)
     ExpectEveryLine({1, 400});
 }
 
-TEST_F(Chaos, FolderThatIsRemovedIsMadeAgainAndCleaningTakesNoneInUse)
+TEST_F(Chaos, RemovedFolderIsMadeAgainAndCleaningSparesThoseInUse)
 {
     ASSERT_NO_FATAL_FAILURE(Begin());
     for (int i = 0; i < 5; ++i)

@@ -8,7 +8,7 @@
 
 // ------------------------------------------------------------------------------------------------- the start
 
-TEST_F(CollectorClient, OnlyAWholeReplyMakesACollectorAndNoneTakesLong)
+TEST_F(CollectorClient, OnlyACompleteReplyCountsAndNoneTakesLong)
 {
     const struct
     {
@@ -59,7 +59,7 @@ TEST_F(CollectorClient, ACollectorThatIsNotWantedIsNotStarted)
 
 // ------------------------------------------------------------------------------------------------ the stream
 
-TEST_F(CollectorClient, TheApplicationEndsItsCollectorAndLeavesNoTraceOfThatInItsLog)
+TEST_F(CollectorClient, ApplicationEndsItsCollectorWithoutALogTrace)
 {
     BeginCollected();
     Log(OS_LOG_NOTE, "collected");
@@ -71,7 +71,7 @@ TEST_F(CollectorClient, TheApplicationEndsItsCollectorAndLeavesNoTraceOfThatInIt
 
 // What the threads logged, as it stands in the file. A thread's numbers go up by one, but for the lines that the dead
 // collector had not written yet; those are one gap at most, and only one line can have been cut.
-TEST_F(CollectorClient, KilledCollectorLeavesEveryLineFromTheFailingOneOn)
+TEST_F(CollectorClient, KilledCollectorLosesNoLineFromTheFailedOneOn)
 {
     static constexpr size_t sizetThreads = 4, sizetHeaderLines = 7;
     BeginCollected();
@@ -127,7 +127,7 @@ TEST_F(CollectorClient, KilledCollectorLeavesEveryLineFromTheFailingOneOn)
 
 // ------------------------------------------------------------------------------------------- a shared collector
 
-TEST_F(CollectorClient, SharedCollectorIsFoundAndAStaleAnnouncementIsDeleted)
+TEST_F(CollectorClient, SharedOneIsFoundAndAStaleAnnouncementDeleted)
 {
     const ReservedPort reservedport;
     setenv("MVR_LOGCOLLECTOR", std::to_string(reservedport.Number()).c_str(), 1);

@@ -53,7 +53,7 @@ protected:
     const std::string m_strFlush = PathOf("system/PROGRAMDATA/mvr_orvane/common/logcollector/flush");
 };
 
-TEST_F(RunningCollectors, AreEndedByNameOrAllTogetherWithWhatTheyHaveReceived)
+TEST_F(RunningCollectors, EndByNameOrAllAtOnceWithAllTextWritten)
 {
     const auto stream = StreamTo("log.20240101/a.log", "first");
     ASSERT_TRUE(FileBecomes("log.20240101/a.log", "first"));
@@ -149,7 +149,7 @@ protected:
     std::unique_ptr<COsLogCollector> m_collector;
 };
 
-TEST_F(CommandFile, IsMadeWhenItIsMissingAndWhatItHoldsAtTheStartIsNoCommand)
+TEST_F(CommandFile, IsMadeWhenMissingAndItsOldContentIsIgnored)
 {
     Start();
     EXPECT_TRUE(fs::is_regular_file(m_strFlush));
@@ -165,7 +165,7 @@ TEST_F(CommandFile, IsMadeWhenItIsMissingAndWhatItHoldsAtTheStartIsNoCommand)
     EXPECT_TRUE(m_log.HasPart("monitor>>> end"));
 }
 
-TEST_F(CommandFile, ExitEndsTheCollectorThatItNamesAndAllWhenItNamesNone)
+TEST_F(CommandFile, ExitEndsTheNamedCollectorAndWithoutANameAll)
 {
     Start();
     for (const std::string& strText :
@@ -208,7 +208,7 @@ TEST_F(CommandFile, WhatIsNoCommandIsIgnored)
     ExpectStop();
 }
 
-TEST_F(CommandFile, IsFoundWithALaterFolderAndReadWithLaterDescriptors)
+TEST_F(CommandFile, IsReadOnceFolderAndDescriptorsAreThere)
 {
     WriteWhole(PathOf("common"), "in the way of the folder");
     Start();
@@ -229,7 +229,7 @@ TEST_F(CommandFile, IsFoundWithALaterFolderAndReadWithLaterDescriptors)
 }
 
 // Where our user's tools write, and whatever others make of the common file.
-TEST_F(CommandFile, OurOwnCountsAndNoneThatOthersMayWriteOrThatIsALink)
+TEST_F(CommandFile, OwnFileCountsButNotALinkOrOneOthersMayWrite)
 {
     umask(0);
     fs::create_directory(PathOf("own"));
@@ -259,7 +259,7 @@ TEST_F(CommandFile, OurOwnCountsAndNoneThatOthersMayWriteOrThatIsALink)
     ExpectStop();
 }
 
-TEST_F(CommandFile, AFlushBringsEachFileToTheDiskOnceWithWhatIsHeldBack)
+TEST_F(CommandFile, FlushWritesHeldBackTextAndSyncsEachFileOnce)
 {
     Start();
     StreamClient first(m_u16Port);

@@ -26,7 +26,7 @@ protected:
     std::unique_ptr<StreamClient> m_beside;
 };
 
-TEST_F(CollectorBesideAStream, NothingOfAPieceIsWrittenWhenItsHeaderIsNotClosed)
+TEST_F(CollectorBesideAStream, PieceWithAnUnclosedHeaderIsNotWritten)
 {
     const auto stream = Connect();
     ASSERT_TRUE(stream->Send("<log><logfile>" + PathOf("a.log") + "</logfile>lost"));
@@ -59,7 +59,7 @@ TEST_F(CollectorBesideAStream, MarkerInsideOtherTextIsText)
     EXPECT_TRUE(FileBecomes("a.log", "|||EEXXIITT|||" + strText + std::string("|||EEXXIITT|||\0", 15)));
 }
 
-TEST_F(CollectorBesideAStream, AStreamWithoutTextLeavesItsFolderButNoFile)
+TEST_F(CollectorBesideAStream, StreamWithoutTextLeavesOnlyAFolder)
 {
     const auto stream = StreamTo("sub/deep/a.log");
     ASSERT_TRUE(stream->EndSending() && stream->IsEnded());
@@ -74,7 +74,7 @@ TEST_F(CollectorBesideAStream, AFileThatIsThereIsContinued)
     EXPECT_TRUE(FileBecomes("a.log", "old\r\nnew\r\n"));
 }
 
-TEST_F(CollectorBesideAStream, PathsWithEitherSeparatorAndADriveAreUnderstood)
+TEST_F(CollectorBesideAStream, PathsMayHaveEitherSeparatorAndADrive)
 {
     const auto stream = Connect();
     ASSERT_TRUE(stream->Send(Header("C:/logs//x\\\\y.log") + "text"));
@@ -136,7 +136,7 @@ TEST_F(CollectorBesideAStream, AFullDiskCostsOnlyItsOwnStream)
 }
 
 // What can be opened again and again and never has a name is no file of another stream that has just removed it.
-TEST_F(CollectorBesideAStream, AFileWithoutANameIsWrittenToAllTheSame)
+TEST_F(CollectorBesideAStream, UnnamedFileIsStillWritten)
 {
     std::fstream file(PathOf("a.log"), std::ios::in | std::ios::out | std::ios::trunc);
     std::filesystem::path pathOpen;
@@ -253,7 +253,7 @@ TEST_F(CollectorStream, TwoHundredThousandShortLinesArriveInOrder)
         EXPECT_TRUE(ReadWhole(PathOf("log.1/" + std::to_string(iStream) + ".log")) == strExpected) << iStream;
 }
 
-TEST_F(CollectorBesideAStream, FortyConnectionsOneAfterTheOtherKeepEveryByte)
+TEST_F(CollectorBesideAStream, FortySuccessiveStreamsKeepEveryByte)
 {
     for (int i = 0; i < 40; ++i)
         StreamTo("log.1/" + std::to_string(i) + ".log", "text " + std::to_string(i))->Close();
@@ -262,7 +262,7 @@ TEST_F(CollectorBesideAStream, FortyConnectionsOneAfterTheOtherKeepEveryByte)
 }
 
 // A reader may be through before the accept thread is through with starting it, and others sweep meanwhile.
-TEST_F(CollectorBesideAStream, ConnectionsThatComeAndGoAtOnceDisturbNobody)
+TEST_F(CollectorBesideAStream, ShortConnectionsDisturbNoStream)
 {
     std::vector<std::thread> vecthread;
     for (int i = 0; i < 8; ++i)

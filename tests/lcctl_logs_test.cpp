@@ -387,7 +387,7 @@ TEST_F(LcctlLogs, FollowedLogShowsWhatIsAddedCutAndReplaced)
     ASSERT_TRUE(followed.Shows("2026-05-06 11:00:00.000000 43 note os_test:12 in a new file\n"));
 }
 
-TEST_F(LcctlLogs, FollowedApplicationShowsNewRunsAndTheirChildrenAlone)
+TEST_F(LcctlLogs, FollowShowsOnlyNewRunsAndTheirChildren)
 {
     RunDemo("--name=viewer --lines=1");
     const Followed followed("--app=viewer", PathOf("output"));

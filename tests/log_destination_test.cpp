@@ -114,7 +114,7 @@ static void WithRoom(size_t a_sizetFile, size_t a_sizetRoom, Action a_action)
 }
 
 // What follows the line that was cut begins a line, and the numbers tell how many are missing.
-TEST_F(LogDestination, ADiskWithoutRoomLeavesAGapOfNumbersAndOneTornLine)
+TEST_F(LogDestination, FullDiskLeavesAGapInNumbersAndOneTornLine)
 {
     const auto logLines = [] {
         InThreads(2, [](int) {
@@ -296,7 +296,7 @@ TEST_F(CollectorOfOurs, ARunWithDiagnosticsTellsThatItIsCollected)
         << strText;
 }
 
-TEST_F(CollectorOfOurs, ClientOfAnApplicationThatHasEndedDoesNotConnect)
+TEST_F(CollectorOfOurs, ClientOfAnEndedApplicationDoesNotConnect)
 {
     const pid_t pid = fork();
     if (pid == 0)
@@ -325,7 +325,7 @@ TEST_F(CollectorOfOurs, EndMarkerIsNotSentBehindTextThatIsNotRead)
     EXPECT_EQ(strStream.find("EEXXIITT"), std::string::npos);
 }
 
-TEST_F(CollectorOfOurs, WhatAKilledCollectorWroteInPartIsEndedBeforeTheNextLine)
+TEST_F(CollectorOfOurs, LineTornByAKilledCollectorIsEnded)
 {
     BeginAccepted();
     WriteWhole(m_strLog, "part of a li");
@@ -335,7 +335,7 @@ TEST_F(CollectorOfOurs, WhatAKilledCollectorWroteInPartIsEndedBeforeTheNextLine)
     EXPECT_TRUE(Lines()[1].ends_with(" V. next"));
 }
 
-TEST_F(CollectorOfOurs, AKilledCollectorsFolderIsMadeAgainWithItsParents)
+TEST_F(CollectorOfOurs, FolderIsMadeAgainAfterAKilledCollector)
 {
     m_strLog = PathOf("deep/down/a.log");
     fs::create_directories(PathOf("deep/down"));
@@ -348,7 +348,7 @@ TEST_F(CollectorOfOurs, AKilledCollectorsFolderIsMadeAgainWithItsParents)
 
 // It keeps its file: nobody knows when it goes on. Each thread's lines are whole and in order, first in the stream,
 // then beside the file.
-TEST_F(CollectorOfOurs, OneThatStandsStillIsWaitedForOnceAndNoLineIsLost)
+TEST_F(CollectorOfOurs, StalledOneIsAwaitedOnceAndLosesNoLine)
 {
     static constexpr int iThreads = 4;
     const std::string strOwn = PathOf("a-own.log");

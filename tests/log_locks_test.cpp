@@ -62,7 +62,7 @@ void LogNumbered(size_t a_sizetThread, size_t a_sizetLine, size_t a_sizetPadding
 // ----------------------------------------------------------------------------------------------- ended by force
 
 // The collector stands still: one thread is sending, the others wait for it. Whoever stops them does not.
-TEST_F(CollectorOfOurs, AThreadEndedInsideASendLeavesTheConnectionToTheOthers)
+TEST_F(CollectorOfOurs, TerminatedSenderLeavesTheConnectionUsable)
 {
 #if defined(__SANITIZE_THREAD__)
     GTEST_SKIP() << "that sanitizer waits for the end of every thread itself";

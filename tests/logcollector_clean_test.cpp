@@ -43,7 +43,7 @@ protected:
     static constexpr const char* m_aszVariable[] = {"PROGRAMDATA", "LOCALAPPDATA", "APPDATA"};
 };
 
-TEST_F(CleanMode, WhatIsOlderThanTheHoursGoesFromAllThreeBrandFolders)
+TEST_F(CleanMode, RemovesExpiredFoldersFromAllThreeBrandFolders)
 {
     Make("app", 2);
     Make("app/old", 5);

@@ -28,7 +28,7 @@ protected:
     }
 };
 
-TEST_F(CollectorProgram, ArgumentsThatNameNoLivingApplicationDoNothing)
+TEST_F(CollectorProgram, WithoutALivingApplicationDoesNothing)
 {
     const std::string strId = std::to_string(PlatProcessId());
     ExpectCollecting({"--xml=<x/><lcpidapp><![CDATA[" + strId + "]]></lcpidapp>"});
@@ -136,7 +136,7 @@ protected:
     CollectorProcess m_collector;
 };
 
-TEST_F(CollectorOfApplication, EndsSoonAfterItsApplicationAndTheLastStream)
+TEST_F(CollectorOfApplication, EndsAfterItsApplicationAndLastStream)
 {
     const std::string strFolder = PathOf("log.20240101");
     StreamClient stream(m_collector.Port());
@@ -150,7 +150,7 @@ TEST_F(CollectorOfApplication, EndsSoonAfterItsApplicationAndTheLastStream)
     EXPECT_EQ(ReadWhole(strFolder + "/sub/a.log"), "before\r\nafter\r\n");
 }
 
-TEST_F(CollectorOfApplication, CutsOffAStreamThatNeverEndsAndKeepsItsText)
+TEST_F(CollectorOfApplication, CutsOffAnEndlessStreamKeepingItsText)
 {
     StreamClient stream(m_collector.Port());
     ASSERT_TRUE(stream.Send(Header(PathOf("a.log")) + "kept\r\n"));
@@ -161,7 +161,7 @@ TEST_F(CollectorOfApplication, CutsOffAStreamThatNeverEndsAndKeepsItsText)
     EXPECT_EQ(ReadWhole(PathOf("a.log")), "kept\r\n");
 }
 
-TEST_F(CollectorOfApplication, RemovesTheLogFolderWhenNothingWasWritten)
+TEST_F(CollectorOfApplication, RemovesALogFolderWithoutText)
 {
     const std::string strFolder = PathOf("log.20240101");
     StreamClient stream(m_collector.Port());

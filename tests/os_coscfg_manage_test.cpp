@@ -48,7 +48,7 @@ TEST_F(Directories, TagsNameTheFoldersOfTheRunAndItsRoots)
     EXPECT_EQ(tag(OS_CFGTAG_CONSTINI), LocalBrand() + "/mvr/twain/const.ini");
 }
 
-TEST_F(Directories, EnvironmentMovesTheLogAndWhatIsNewThereIsLowerCase)
+TEST_F(Directories, VariableMovesTheLogAndNewFoldersAreLowerCase)
 {
     fs::create_directories(PathOf("Kept"));
     fs::create_directories(PathOf("kept/other"));
@@ -232,7 +232,7 @@ TEST_F(LogFolders, FoldersDatedInTheFuturePushOutNoRealOnes)
 }
 
 // A deleter has the folder when it is to be held; it lets go without deleting it.
-TEST_F(LogFolders, OwnFolderIsHeldToTheEndAndThatOfAnotherProcessIsNot)
+TEST_F(LogFolders, OnlyTheOwnFolderIsHeldToTheEnd)
 {
     const std::string strOurs = Slashed(Tag(m_oscfg, OS_CFGTAG_LOGDIRECTORY));
     COsFile osfile;
@@ -251,7 +251,7 @@ TEST_F(LogFolders, OwnFolderIsHeldToTheEndAndThatOfAnotherProcessIsNot)
     EXPECT_TRUE(COsLogFolderLock::IsHeldByOthers(strOurs.c_str()));
 }
 
-TEST_F(Directories, OwnerOfTheServicesLooksAfterTheLogFoldersByItself)
+TEST_F(Directories, OwnerOfTheServicesPrunesLogFolders)
 {
     setenv("MVR_CLEANLOGFOLDERS", "1", 1);
     LogDirectory("app");

@@ -11,7 +11,7 @@
 // ------------------------------------------------------------------------------------------------------ the tags
 
 // Lines of "number|section|name|value", written by hand; "*" is computed.
-TEST_F(ConfigurationTest, WithoutAnyFileTheTableOfTagsIsTheWrittenOne)
+TEST_F(ConfigurationTest, WithoutFilesAllTagsHaveTheirDefaults)
 {
     COsCfg oscfg({});
     std::ifstream stream(TEST_SOURCEFOLDER "/tests/data/configuration_defaults.txt");
@@ -71,7 +71,7 @@ TEST(ConfigurationTable, AnExtensionIsAsLargeAsItsLists)
 
 using Configuration = ConfigurationTest;
 
-TEST_F(Configuration, StoringGoesToTheIdentitySectionWhateverSectionIsNamed)
+TEST_F(Configuration, StoringAlwaysUsesTheIdentitySection)
 {
     COsCfg oscfg({});
     const std::string strBefore = oscfg.GetString(OS_CFGSECTION_BRAND, OS_CFGTAG_COMPANYNAMESHORT);

@@ -70,7 +70,7 @@ TEST_F(LogHealth, AFolderThatRefusesIsToldWhenItTakesLinesAgain)
     }
 }
 
-TEST_F(LogHealth, WithoutAFirstFileEachLineCountsAndNothingIsTriedAgain)
+TEST_F(LogHealth, WithoutAFirstFileLinesCountWithoutRetry)
 {
     WriteWhole(PathOf("file"), "");
     m_strLog = PathOf("file/a.log");
@@ -205,7 +205,7 @@ TEST_F(LogHealth, NoStatusFileIsMadeWhereOthersMayWrite)
     EXPECT_EQ(Messages(), (Texts{"first"}));
 }
 
-TEST_F(LogHealth, WithoutRoomForTheStatusFileLinesAreWrittenAllTheSame)
+TEST_F(LogHealth, LinesAreWrittenWithoutSpaceForAStatusFile)
 {
     rlimit limit;
     getrlimit(RLIMIT_FSIZE, &limit);

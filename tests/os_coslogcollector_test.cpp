@@ -100,7 +100,7 @@ TEST_F(SharedCollector, AStaleAnnouncementIsReplaced)
     StartAndAnnounce();
 }
 
-TEST_F(SharedCollector, AStrangersAnnouncementIsNeitherBelievedNorTakenOver)
+TEST_F(SharedCollector, AnotherUsersAnnouncementIsNotUsed)
 {
     const std::string strPath = PathOf("logcollector.txt");
     WriteWhole(strPath, "another's");
@@ -194,7 +194,7 @@ TEST_F(SharedCollector, TheFirstLogFolderIsManagedOnce)
     EXPECT_EQ(g_bLogCollectorStopping.load(), 0) << "a client that ends stops no collector";
 }
 
-TEST_F(SharedCollector, AFolderThatAProcessHoldsIsManagedByThatProcess)
+TEST_F(SharedCollector, FolderHeldByAProcessIsPrunedByThatProcess)
 {
     StartAndAnnounce();
     const std::string strFolder = PathOf("log.20240101");
@@ -229,7 +229,7 @@ TEST_F(SharedCollector, HoldsAFolderAsLongAsAStreamGoesThere)
     EXPECT_FALSE(isHeld());
 }
 
-TEST_F(SharedCollector, AFolderThatIsLookedAfterForLongHoldsUpNoStream)
+TEST_F(SharedCollector, SlowPruningDelaysNoStream)
 {
     StartAndAnnounce();
     m_configuration.m_blManagesOn = true;

@@ -179,7 +179,7 @@ TEST_F(SharedSocket, OneChannelGoesOneWay)
     EXPECT_EQ(Write("x"), EOSSTS_NOTOPEN);
 }
 
-TEST_F(SharedSocket, CancelReachesTheCreatingSideAndDisconnectThisOne)
+TEST_F(SharedSocket, CancelWakesTheCreatorAndDisconnectThisSide)
 {
     Start();
     ASSERT_EQ(Connect(), EOSSTS_SUCCESS);

@@ -242,7 +242,7 @@ TEST_F(SocketTest, SendThatFindsNoRoomIsRetriedAndGivenUp)
     EXPECT_TRUE(m_logcapture.HasAt(1, "sock>>> write: send failed..."));
 }
 
-TEST_F(SocketTest, TrySendTakesWhatThereIsRoomForAndNothingAfterTheEnd)
+TEST_F(SocketTest, TrySendTakesWhatFitsAndNothingAfterTheEnd)
 {
     SocketPair socketpair;
     const std::string strMuch(64 << 20, 'x');
@@ -267,7 +267,7 @@ TEST_F(SocketTest, TrySendTakesWhatThereIsRoomForAndNothingAfterTheEnd)
 }
 
 // The connection that could not be taken waits, and so does an accept for which there is none.
-TEST_F(SocketTest, AcceptWithoutDescriptorsTakesTheSameConnectionLater)
+TEST_F(SocketTest, AcceptWithoutDescriptorsSucceedsLater)
 {
     Listener listener;
     COsSocket client, server, other;

@@ -82,7 +82,7 @@ TEST_F(SocketWaitTest, StopEventOrCancelEndsABlockedAccept)
     EXPECT_TRUE(m_logcapture.HasAt(1, "Select failed on " + std::string(listener.szPort) + "...8"));
 }
 
-TEST_F(SocketWaitTest, WatchedProcessAndStopEventAreToldApartByTheirPlace)
+TEST_F(SocketWaitTest, WaitTellsWatchedProcessFromStopEvent)
 {
     OtherProcess otherprocess;
     SocketPair socketpair(otherprocess.Id());
@@ -193,7 +193,7 @@ TEST_F(SocketWaitTest, ConnectWithoutAnswerTimesOutOrIsCancelled)
     EXPECT_TRUE(m_logcapture.HasAt(1, "sock>>> WSAConnect process exited..."));
 }
 
-TEST_F(SocketWaitTest, DisconnectFromAnotherThreadEndsReadsAndAccepts)
+TEST_F(SocketWaitTest, OtherThreadsDisconnectEndsReadAndAccept)
 {
     FakeConfiguration cfgfake;
     cfgfake.Set(OS_CFGTAG_FORCENETCLOSEDELAY, "20");   // ms that a graceful end waits for the peer

@@ -17,7 +17,7 @@ void LcctlPrintJson(const nlohmann::json& a_json)
     fmt::print("{}\n", a_json.dump(-1, ' ', false, nlohmann::json::error_handler_t::replace));
 }
 
-// What CLI11 says of a bad command line, in one line.
+// Reduces CLI11's message for an invalid command line to one line.
 static std::string FirstLine(const std::string& a_strText)
 {
     return a_strText.substr(0, a_strText.find('\n'));
@@ -55,7 +55,7 @@ int main(int a_iArguments, char** a_ppszArguments)
     }
     catch (const CLI::ParseError& parseerror)
     {
-        if (parseerror.get_exit_code() == 0)   // help or version was asked for
+        if (parseerror.get_exit_code() == 0)   // help or version requested
             return cliapp.exit(parseerror);
         LcctlError(FirstLine(parseerror.what()));
         return LCCTL_USAGE;

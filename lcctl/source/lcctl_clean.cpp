@@ -1,9 +1,9 @@
-// lcctl_clean.cpp: which log folders go, and why the others stay.
+// lcctl_clean.cpp: which log folders are removed, and why the others are kept.
 //
 //   amounts       "14d", "5G"
-//   in use        by which processes
-//   the verdicts  one for each folder, the oldest first
-//   the command   showing them, and doing it
+//   in use        the processes that use a folder
+//   the verdicts  one for each folder, oldest first
+//   the command   listing and removing
 #include "lcctl_command.h"
 #include "lcctl_find.h"
 #include "lcctl_process.h"
@@ -30,7 +30,7 @@ static std::string ProcessText(const std::string& a_strName, uint64_t a_u64Proce
     return fmt::format("{} ({})", a_strName.empty() ? "process" : a_strName, a_u64ProcessId);
 }
 
-// Where the system shows what its processes have open, those of other users are seen as far as we may look.
+// Reads the open files of all processes where the system shows them; those of other users as far as permitted.
 static void AddOpenLocks(Holders& a_holders)
 {
     std::error_code errorcode;
@@ -69,7 +69,7 @@ static Holders FindHolders()
     return holders;
 }
 
-// "" for a folder that nobody uses.
+// "" for a folder that is not in use.
 static std::string UsedBy(const Holders& a_holders, const fs::path& a_pathFolder)
 {
     if (!OsLogIsFolderInUse(a_pathFolder.string().c_str()))
@@ -88,7 +88,7 @@ struct Limits
     std::string strApplication;
     std::optional<int64_t> i64Older;   // seconds
     std::optional<uint64_t> u64MaxSize;
-    std::optional<uint64_t> u64MaxRuns;   // of each application
+    std::optional<uint64_t> u64MaxRuns;   // per application
 };
 
 struct Verdict
@@ -99,7 +99,7 @@ struct Verdict
     std::string strReason;
 };
 
-// Decides in the order of the folders, the oldest first.
+// Decides the folders in order, oldest first.
 class Judge
 {
 public:
@@ -159,8 +159,8 @@ private:
 
     const Limits& m_limits;
     const Holders& m_holders;
-    uint64_t m_u64Size = 0;                                          // of what stays
-    std::map<fs::path, std::map<std::string, uint64_t>> m_mapRuns;   // likewise, by place and application
+    uint64_t m_u64Size = 0;                                          // of the folders kept
+    std::map<fs::path, std::map<std::string, uint64_t>> m_mapRuns;   // kept runs by folder and application
 };
 }   // namespace
 
@@ -220,7 +220,7 @@ public:
     }
 
 private:
-    // False, and told, when the folder could not be removed. Somebody may have begun to log there meanwhile.
+    // False, and reported, when the folder could not be removed, for example because a process has begun to log there.
     bool Carry(Verdict& a_verdict) const
     {
         if (!a_verdict.blGoes || m_blDryRun)

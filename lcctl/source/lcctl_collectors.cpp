@@ -1,6 +1,6 @@
-// lcctl_collectors.cpp: ps, flush, stop and level: which collectors and loggers run, and telling them what to do.
+// lcctl_collectors.cpp: ps, flush, stop and level: listing running collectors and loggers, and controlling them.
 //
-// A logger is told through its status file, a collector through the command file of its user, which all of them watch.
+// A logger is controlled through its status file, a collector through its user's command file, which all of them watch.
 #include "lcctl_command.h"
 #include "lcctl_process.h"
 
@@ -31,7 +31,7 @@ static LcctlResult NoCollector()
 
 // ------------------------------------------------------------------------------------------------------- the command
 
-// The command file of this user; "" without one. Collectors make it when they start.
+// This user's command file; "" without one. Collectors create it when they start.
 static std::string CommandFile()
 {
     char szFolder[OS_PATHSIZE];
@@ -41,7 +41,7 @@ static std::string CommandFile()
     return blFound ? LcctlNativePath(szFolder) + "/flush" : "";
 }
 
-// A link is not followed, and what others may write would not be believed.
+// Does not follow a link; collectors ignore a file that other users can write.
 static bool Command(const std::string& a_strCommand)
 {
     const std::string strFile = CommandFile();
@@ -187,7 +187,7 @@ public:
 
 // --------------------------------------------------------------------------------------------------------------- stop
 
-// Waits for the ends of all, and tells of each what became of it. True when all have ended.
+// Waits for all to end and reports each result. True when all have ended.
 static bool WaitForEnds(const std::vector<LcctlProcess>& a_veclcctlprocess, unsigned a_uSeconds)
 {
     using Clock = std::chrono::steady_clock;

@@ -1,4 +1,4 @@
-// lcctl_command.h: what every command of lcctl is, and what they share: results, output, errors.
+// lcctl_command.h: the interface of lcctl's commands, and what they share: results, output, errors.
 #pragma once
 
 #include <CLI/CLI.hpp>
@@ -8,21 +8,21 @@
 #include <string>
 #include <vector>
 
-// Exit codes. `run` has those of its program.
+// Exit codes. `run` returns the exit code of its program.
 enum LcctlResult : int
 {
     LCCTL_OK = 0,
-    LCCTL_NOTHING = 1,   // nothing found, or what was found could not be done
+    LCCTL_NOTHING = 1,   // nothing found, or the action failed
     LCCTL_USAGE = 2,     // unknown option or bad value
 };
 
-// One word of the command line: defines its options on its own CLI11 application, then runs.
+// One subcommand: defines its options on its own CLI11 application, then runs.
 class CLcctlCommand
 {
 public:
     virtual ~CLcctlCommand() = default;
 
-    // Name, description and options. a_cliapp lives as long as the command.
+    // Sets name, description and options. a_cliapp lives as long as the command.
     virtual void Define(CLI::App& a_cliapp) = 0;
     virtual const char* Name() const = 0;
     virtual const char* Description() const = 0;
@@ -42,5 +42,5 @@ void LcctlAddRun(LcctlCommands& a_lcctlcommands);   // run
 // One line on standard error: "lcctl: TEXT".
 void LcctlError(const std::string& a_strText);
 
-// One JSON object on a line of standard output. Bytes that are no UTF-8 are replaced.
+// Prints one JSON object as a line of standard output. Invalid UTF-8 is replaced.
 void LcctlPrintJson(const nlohmann::json& a_json);

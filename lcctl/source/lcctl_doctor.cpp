@@ -1,10 +1,10 @@
-// lcctl_doctor.cpp: what can be wrong with logging on this machine.
+// lcctl_doctor.cpp: checks for problems with logging on this machine.
 //
-//   settings    variables that stop or move the log, the application's name
-//   collector   where it is found, how soon it answers, whether a line goes through it
-//   folder      whether it can be written, how much room there is
-//   system      what is left of the watches that the command file needs
-//   processes   those that log, and how they fare
+//   settings    variables that disable or move the log, the application's name
+//   collector   where it is found, how fast it responds, whether it writes a line
+//   folder      whether it is writable, free disk space
+//   system      free file watches, which the command file needs
+//   processes   those that log, and their state
 //   the command
 #include "lcctl_doctor.h"
 
@@ -35,7 +35,7 @@ static constexpr char g_szSource[] = "lcctl/source/lcctl_doctor";
 
 static constexpr uintmax_t g_uLittleRoom = uintmax_t{256} << 20;   // bytes
 static constexpr int g_iFewWatches = 8;
-static constexpr uint32_t g_u32ReplyTimeout = 10000;   // milliseconds, as an application waits
+static constexpr uint32_t g_u32ReplyTimeout = 10000;   // milliseconds, the same as an application's
 static constexpr size_t g_sizetLongestName = 63;
 
 using Findings = std::vector<LcctlFinding>;
@@ -97,7 +97,7 @@ static void ExamineEntity(Findings& a_findings, const std::string& a_strEntity)
 
 // --------------------------------------------------------------------------------------------------------- collector
 
-// As a program at that path would find it: the installed one, else the one beside the program.
+// The collector that a program at that path would find: the installed one, else the one beside the program.
 static fs::path CollectorOf(const fs::path& a_pathProgram)
 {
     const fs::path pathInstalled = fs::path(PathOf(OS_PATH_READABLE_FOLDER_BRAND)) / "common" / "logcollector";
@@ -105,7 +105,7 @@ static fs::path CollectorOf(const fs::path& a_pathProgram)
     return fs::exists(pathInstalled, errorcode) ? pathInstalled : a_pathProgram.parent_path() / "logcollector";
 }
 
-// Milliseconds until it has told its port; below 0 when it does not. It ends with this process.
+// Milliseconds until the collector reports its port; negative on failure. It ends with this process.
 static double AnswerTime(const fs::path& a_pathCollector)
 {
     const auto start = std::chrono::steady_clock::now();
@@ -171,7 +171,7 @@ static std::string FileText(const fs::path& a_path)
     return {std::istreambuf_iterator<char>(stream), {}};
 }
 
-// Logs as an application does, and looks whether the line is where it belongs.
+// Logs as an application does and checks that the line is in the log.
 static void ExamineLog(Findings& a_findings, const std::string& a_strName)
 {
     const std::string strDocument = "<arguments><uniquename>" + a_strName +
@@ -207,7 +207,7 @@ static void ExamineLog(Findings& a_findings, const std::string& a_strName)
 
 // ------------------------------------------------------------------------------------------------------------ system
 
-// How many our user has, as far as the system shows it; one more for each process that has one.
+// The number in use by our user, as far as visible; a shared one counts once per process.
 static int UsedWatchInstances()
 {
     int iUsed = 0;

@@ -1,4 +1,4 @@
-// lcctl_doctor.h: what can be wrong with logging on this machine, each with its cure.
+// lcctl_doctor.h: checks for problems with logging on this machine, with a remedy for each.
 #pragma once
 
 #include <string>
@@ -7,14 +7,13 @@
 struct LcctlFinding
 {
     bool blGood = true;
-    std::string strWhat;   // the thing that was looked at
-    std::string strText;   // how it is
-    std::string strCure;   // what to do; "" where all is well
+    std::string strWhat;   // the thing checked
+    std::string strText;   // its state
+    std::string strCure;   // the remedy; "" if there is no problem
 };
 
-// Looks at everything, as the application of that name, or with that program file, and of that kind. Starts the library
-// and stops it.
+// Runs all checks as an application of that name (or program file) and kind. Starts and stops the library.
 std::vector<LcctlFinding> LcctlExamine(const std::string& a_strAs, const std::string& a_strEntity);
 
-// The findings as `lcctl doctor` prints them, a line each, and one more for each cure.
+// The findings as printed by `lcctl doctor`, one line each, and one more for each remedy.
 std::string LcctlFindingsText(const std::vector<LcctlFinding>& a_vecfinding);

@@ -1,4 +1,4 @@
-// lcctl_find.cpp: the roots, the walk below them, what is read of each log.
+// lcctl_find.cpp: the root folders, the walk below them, reading headers.
 #include "lcctl_find.h"
 
 #include "lcctl_logline.h"
@@ -22,8 +22,8 @@ namespace fs = std::filesystem;
 static constexpr std::string_view g_svPrefix = "log.";
 static constexpr std::string_view g_svSuffix = ".log";
 static constexpr std::string_view g_svOwn = "-own";
-static constexpr int g_iDepth = 16;              // of folders below a root
-static constexpr size_t g_sizetHeader = 32768;   // that a header is looked for in
+static constexpr int g_iDepth = 16;              // levels of folders below a root
+static constexpr size_t g_sizetHeader = 32768;   // bytes searched for a header
 static constexpr char g_szMakerFolder[] = "mvr_orvane";
 static constexpr char g_szMakerWord[] = "orvane";
 
@@ -42,7 +42,7 @@ static fs::path ConfiguredFolder(EOSPATH a_eospath)
     return OsCfgGetPath(a_eospath, szPath, sizeof szPath) == EOSSTS_SUCCESS ? LcctlHostPath(szPath) : fs::path();
 }
 
-// "X:" is the folder "x" below the one for drives.
+// "X:" maps to the folder "x" below the folder for drives.
 fs::path LcctlHostPath(const std::string& a_strPath)
 {
     std::string strPath = a_strPath;
@@ -59,7 +59,7 @@ fs::path LcctlHostPath(const std::string& a_strPath)
     return pathDrives / std::string(1, chDrive) / fs::path(strPath.substr(2)).relative_path();
 }
 
-// As the library makes a folder of it.
+// The folder as the library derives it.
 static fs::path FolderOfEnvironment()
 {
     static constexpr std::string_view g_svBrand = "@@@BRAND@@@";
@@ -74,7 +74,7 @@ static fs::path FolderOfEnvironment()
     return strFolder.empty() ? fs::path() : fs::absolute(LcctlHostPath(strFolder));
 }
 
-// The folders that a home has when no variable says otherwise.
+// The default folders of each home.
 static void AddHomes(std::vector<fs::path>& a_vecpath, const fs::path& a_pathBrand)
 {
     setpwent();
@@ -92,7 +92,7 @@ static bool LiesIn(const fs::path& a_path, const fs::path& a_pathFolder)
            a_pathFolder.end();
 }
 
-// Those that exist, without those that lie in another one that is walked as deep.
+// Keeps existing folders, without those inside another one that is searched deep enough.
 static std::vector<LcctlLogRoot> Distinct(std::vector<LcctlLogRoot> a_veclogroot)
 {
     for (LcctlLogRoot& logroot : a_veclogroot)
@@ -133,7 +133,7 @@ std::vector<LcctlLogRoot> LcctlLogRoots(const LcctlFindArgs& a_findargs)
         AddHomes(vecpath, pathLocal.empty() ? fs::path(g_szMakerFolder) : pathLocal.filename());
         std::for_each(vecpath.begin(), vecpath.end(), add);
     }
-    veclogroot.push_back({FolderOfEnvironment(), 1});   // whatever else lies there is not ours
+    veclogroot.push_back({FolderOfEnvironment(), 1});   // anything deeper is not ours
     return Distinct(veclogroot);
 }
 
@@ -192,7 +192,7 @@ LcctlLogFile LcctlLookAtLog(const fs::path& a_path, bool a_blHeader)
 
 // ------------------------------------------------------------------------------------------------------ one folder
 
-// "demo" of "demo-own", and "demo" with 4242 of "demo-4242"; the name itself for others.
+// Splits "demo-4242" into "demo" and 4242, and "demo-own" into "demo"; other names are returned unchanged.
 static std::string BaseOf(const std::string& a_strName, uint64_t& a_u64ProcessId)
 {
     if (a_strName.ends_with(g_svOwn))
@@ -205,7 +205,7 @@ static std::string BaseOf(const std::string& a_strName, uint64_t& a_u64ProcessId
     return a_strName.substr(0, sizetDash);
 }
 
-// A log without a header belongs to the one beside it, and so to that one's process.
+// A log without a header has the process id of the log beside it.
 static uint64_t ProcessOf(const fs::path& a_path)
 {
     uint64_t u64ProcessId = 0;
@@ -217,7 +217,7 @@ static uint64_t ProcessOf(const fs::path& a_path)
     return logfile.u64ProcessId ? logfile.u64ProcessId : ProcessOf(pathBase);
 }
 
-// The log of a process comes before those that lie beside it.
+// The log of a process sorts before the related logs.
 static void Sort(std::vector<LcctlLogFile>& a_vecfile)
 {
     std::sort(a_vecfile.begin(), a_vecfile.end(), [](const LcctlLogFile& a_logfile, const LcctlLogFile& a_other) {
@@ -262,7 +262,7 @@ private:
     std::vector<LcctlLogFolder>& m_veclogfolder;
 };
 
-// Entries of a folder; none for one that cannot be read.
+// The entries of a folder; none if it cannot be read.
 std::vector<fs::directory_entry> Entries(const fs::path& a_path)
 {
     std::error_code error;
@@ -350,7 +350,7 @@ void FolderWalk::Complete(LcctlLogFolder& a_logfolder) const
     if (vecfile.empty())
         return;
 
-    // Below MVR_LOGDIR the folder above is nobody's name.
+    // Below MVR_LOGDIR the parent folder's name has no meaning.
     if (vecfile.front().path == pathMain)
         a_logfolder.strModel = pathApplication.parent_path().filename().string();
     else
@@ -376,7 +376,7 @@ std::vector<LcctlLogFolder> LcctlFindFolders(const LcctlFindArgs& a_findargs)
     return veclogfolder;
 }
 
-// "demo-4242-own" belongs to "demo-4242", and with that to "demo".
+// "demo-4242-own" belongs to "demo-4242", and therefore to "demo".
 static bool BelongsTo(const std::string& a_strName, const std::string& a_strOther)
 {
     uint64_t u64ProcessId = 0;
@@ -440,7 +440,7 @@ static bool IsLikelyChild(const LcctlLogFolder& a_logfolder, const LcctlLogFolde
            a_logfolder.lcctltimeStart <= LcctlWallTime(a_logfolderParent.filetimeWritten) + LCCTL_SECOND;
 }
 
-// The processes that a log says to have started.
+// The processes that a log reports as started.
 static void ReadSpawned(const fs::path& a_path, std::set<uint64_t>& a_setProcess)
 {
     static constexpr std::string_view g_svSpawned = "Spawn: dwProcessId.....";

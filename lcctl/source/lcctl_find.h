@@ -1,10 +1,10 @@
-// lcctl_find.h: which log folders and log files of which applications exist on this machine. All paths are in this
-// system's form.
+// lcctl_find.h: finds the log folders and log files of all applications on this machine. All paths are in this system's
+// form.
 //
 //   <brand folder>/<model>/<application>/log.<start, UTC>/<application>.log     of each brand folder
 //   $MVR_LOGDIR/log.<start, UTC>/<application>.log                              where that is set
 //
-// Beside "<name>.log" lie "<name>-own.log", in which a process went on whose collector did not answer, and
+// Beside "<name>.log" there may be "<name>-own.log" of a process whose collector did not respond, and
 // "<name>-<pid>.log" of a forked child.
 #pragma once
 
@@ -21,35 +21,35 @@ struct LcctlLogFile
     std::filesystem::path path;
     uint64_t u64Bytes = 0;
     std::filesystem::file_time_type filetimeWritten{};
-    std::optional<LcctlTime> runstart;   // as its header tells; none without a header at its beginning
-    uint64_t u64ProcessId = 0;           // as the header tells, else the name or the log beside it; 0: unknown
+    std::optional<LcctlTime> runstart;   // from its header; none if it does not begin with one
+    uint64_t u64ProcessId = 0;           // from the header, else the name or the log beside it; 0: unknown
 };
 
 struct LcctlLogFolder
 {
     std::filesystem::path path;
     std::string strApplication;
-    std::string strModel;           // "" where the path has none
-    LcctlTime lcctltimeStart = 0;   // of its name, else of its oldest log; on this machine's wall clock
-    std::filesystem::file_time_type filetimeWritten{};   // of the log that was written last, else of the folder
-    uint64_t u64Files = 0;   // all files in and below it, those of log folders below it left out
+    std::string strModel;           // "" if the path has none
+    LcctlTime lcctltimeStart = 0;   // from its name, else from its oldest log; this machine's local time
+    std::filesystem::file_time_type filetimeWritten{};   // of the log written last, else of the folder
+    uint64_t u64Files = 0;                               // all files in and below it, without nested log folders
     uint64_t u64Bytes = 0;
-    std::vector<LcctlLogFile> vecfile;   // its "*.log", by name, those with text alone
+    std::vector<LcctlLogFile> vecfile;   // its "*.log" that are not empty, by name
 
     uint64_t ProcessId() const { return vecfile.empty() ? 0 : vecfile.front().u64ProcessId; }
 };
 
 struct LcctlFindArgs
 {
-    std::vector<std::string> vecstrFolder;   // look below these instead
-    bool blAllUsers = false;                 // below the homes of all users as well, as far as they may be read
-    bool blHeaders = true;                   // read the beginnings of the logs
+    std::vector<std::string> vecstrFolder;   // search below these instead
+    bool blAllUsers = false;                 // also below the homes of all users, as far as readable
+    bool blHeaders = true;                   // parse the headers of the logs
 };
 
-// A path of the library in this system's form.
+// Converts a path of the library to this system's form.
 std::filesystem::path LcctlHostPath(const std::string& a_strPath);
 
-// Where log folders are looked for, and how many folders deep; folders that exist, each once.
+// A folder below which log folders are searched, and how deep. Only existing folders, without duplicates.
 struct LcctlLogRoot
 {
     std::filesystem::path path;
@@ -57,23 +57,23 @@ struct LcctlLogRoot
 };
 std::vector<LcctlLogRoot> LcctlLogRoots(const LcctlFindArgs& a_findargs);
 
-// All log folders, the oldest first. Links are not followed; what cannot be read is left out.
+// All log folders, oldest first. Links are not followed; unreadable ones are skipped.
 std::vector<LcctlLogFolder> LcctlFindFolders(const LcctlFindArgs& a_findargs);
 
-// One log file as it is now, with its header; its size is 0 when it cannot be read.
+// The current state of one log file, with its header; size 0 when it cannot be read.
 LcctlLogFile LcctlLookAtLog(const std::filesystem::path& a_path, bool a_blHeader = true);
 
-// Reads the beginnings of a folder's logs, where LcctlFindFolders was told not to.
+// Parses the headers of a folder's logs, for LcctlFindFolders without blHeaders.
 void LcctlReadHeaders(LcctlLogFolder& a_logfolder);
 
-// The logs that somebody names: a file, with those that lie beside it and belong to it; of a folder all "*.log" in and
-// below it. Empty for a path that is not there or has none.
+// The logs named by a path: a file with the related logs beside it, or all "*.log" in and below a folder. Empty if
+// there are none.
 std::vector<LcctlLogFile> LcctlNamedLogs(const std::filesystem::path& a_path, bool a_blHeaders = true);
 
-// The folder is one of the application's: it has its name, its model's, or a log of that name. Case counts.
+// Whether the folder belongs to the application: by its name, its model's, or a log of that name. Case-sensitive.
 bool LcctlIsOf(const LcctlLogFolder& a_logfolder, const std::string& a_strApplication);
 
-// The places of those folders that are the application's, and of those that its processes' children wrote, and
-// theirs: a log says which processes it started. Ascending.
+// The indexes of the application's folders and of those that its child processes, direct and indirect, wrote (a log
+// names the processes that it started). Ascending.
 std::vector<size_t> LcctlWithChildren(const std::vector<LcctlLogFolder>& a_veclogfolder,
                                       std::vector<size_t> a_vecsizet);

@@ -1,27 +1,26 @@
-// lcctl_logdate.h: which day a line was written on. A run's first line has a date, all others the time of day alone.
+// lcctl_logdate.h: the date of a line. Only a run's first line has a date, all others only the time of day.
 #pragma once
 
 #include "lcctl_logtime.h"
 
-// Follows the lines of one log in their order.
+// Follows the lines of one log in order.
 //
-// A time that is earlier than the line before means the next day: midnight has passed. Not where it is earlier by
-// LCCTL_JITTER at most (threads write in another order than they took their times, clocks are set), or by as much as
-// the clocks are put back on that day. A log that says nothing for a day or longer loses a day; its next run line sets
-// it right.
+// A time earlier than that of the line before means that midnight has passed, except if it is earlier by at most
+// LCCTL_JITTER (threads may write out of order, clocks are set) or by the amount that the clocks are put back on that
+// day. A log without lines for a day or longer loses a day; its next run line corrects that.
 inline constexpr LcctlTime LCCTL_JITTER = 5 * LCCTL_SECOND;
 
 class CLcctlLogDate
 {
 public:
-    // A run line says so.
+    // Sets the time from a run line.
     void Set(LcctlTime a_lcctltime)
     {
         m_i64Day = a_lcctltime / LCCTL_DAY;
         m_lcctltimeOfDay = a_lcctltime % LCCTL_DAY;
     }
 
-    // The time of the next line.
+    // Returns the full time of the next line.
     LcctlTime Take(LcctlTime a_lcctltimeOfDay)
     {
         const LcctlTime lcctltimeStep = a_lcctltimeOfDay - m_lcctltimeOfDay;
@@ -31,7 +30,7 @@ public:
         return Last();
     }
 
-    // Of the line before.
+    // The full time of the previous line.
     LcctlTime Last() const { return m_i64Day * LCCTL_DAY + m_lcctltimeOfDay; }
 
 private:

@@ -1,4 +1,4 @@
-// lcctl_logfilter.cpp: time, level, source, thread; last of all the expression, which costs most.
+// lcctl_logfilter.cpp: time, level, source, thread; the expression last, because it costs most.
 #include "lcctl_logfilter.h"
 
 #define PCRE2_CODE_UNIT_WIDTH 8
@@ -21,7 +21,7 @@ struct CLcctlLogFilter::Expression
     Expression(const Expression&) = delete;
     Expression& operator=(const Expression&) = delete;
 
-    // What takes too long to decide does not match.
+    // A match that exceeds the library's effort limit counts as none.
     bool Matches(std::string_view a_svText) const
     {
         const auto* const pchText = reinterpret_cast<PCRE2_SPTR>(a_svText.data());
@@ -32,7 +32,7 @@ struct CLcctlLogFilter::Expression
     pcre2_match_data* pmatchdata = nullptr;
 };
 
-// A pattern of small letters matches both cases.
+// A pattern without capital letters ignores case.
 CLcctlLogFilter::Expression::Expression(const std::string& a_strPattern)
 {
     const bool blSmall =
@@ -50,7 +50,7 @@ CLcctlLogFilter::Expression::Expression(const std::string& a_strPattern)
                                                 "are meant as they stand",
                                                 a_strPattern, szError, sizetOffset));
     }
-    pcre2_jit_compile(pcode, PCRE2_JIT_COMPLETE);   // without it it is slower
+    pcre2_jit_compile(pcode, PCRE2_JIT_COMPLETE);   // optional: only faster
     pmatchdata = pcre2_match_data_create_from_pattern(pcode, nullptr);
 }
 
@@ -61,7 +61,7 @@ bool LcctlMatches(std::string_view a_svName, std::string_view a_svPattern)
     };
     size_t sizetName = 0;
     size_t sizetPattern = 0;
-    size_t sizetStar = std::string_view::npos;   // the last "*", and how much of the name it does not cover yet
+    size_t sizetStar = std::string_view::npos;   // the last "*", and how much of the name it has matched
     size_t sizetBehind = 0;
     while (sizetName < a_svName.size())
     {
@@ -88,7 +88,7 @@ bool LcctlMatches(std::string_view a_svName, std::string_view a_svPattern)
     return a_svPattern.find_first_not_of('*', sizetPattern) == std::string_view::npos;
 }
 
-// By the whole source, or by its name behind the folders.
+// Matches the whole source, or its name after the folders.
 static bool IsAmong(std::string_view a_svSource, const std::vector<std::string>& a_vecstrPattern)
 {
     const std::string_view svName = a_svSource.substr(a_svSource.rfind('/') + 1);

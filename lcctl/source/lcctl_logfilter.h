@@ -1,4 +1,4 @@
-// lcctl_logfilter.h: which records are wanted.
+// lcctl_logfilter.h: selects records.
 #pragma once
 
 #include "lcctl_logreader.h"
@@ -23,13 +23,13 @@ struct LcctlFilterArgs
 class CLcctlLogFilter
 {
 public:
-    // Throws std::invalid_argument for an expression that does not compile, saying where.
+    // Throws std::invalid_argument, with the position, for an invalid expression.
     explicit CLcctlLogFilter(const LcctlFilterArgs& a_filterargs);
     ~CLcctlLogFilter();
     CLcctlLogFilter(const CLcctlLogFilter&) = delete;
     CLcctlLogFilter& operator=(const CLcctlLogFilter&) = delete;
 
-    // A record without a prefix is the rest of something else: ask about that.
+    // A record without a prefix continues another one: ask about that one.
     bool Passes(const LcctlRecord& a_lcctlrecord) const { return m_blPassesAll || Check(a_lcctlrecord); }
 
 private:
@@ -42,5 +42,5 @@ private:
     std::unique_ptr<Expression> m_uniqueExpression;
 };
 
-// A name matches a pattern in which "*" is any text and "?" any character. Cases are the same: logs have small letters.
+// Matches a name with a pattern in which "*" is any text and "?" any character. Ignores case.
 bool LcctlMatches(std::string_view a_svName, std::string_view a_svPattern);

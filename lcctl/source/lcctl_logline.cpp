@@ -1,4 +1,4 @@
-// lcctl_logline.cpp: reads a prefix column by column, without a copy.
+// lcctl_logline.cpp: parses a prefix column by column, without a copy.
 #include "lcctl_logline.h"
 
 #include <algorithm>
@@ -9,7 +9,7 @@
 
 static constexpr size_t g_sizetTime = 12;
 static constexpr size_t g_sizetSource = 32;
-static constexpr ptrdiff_t g_ptrdiffShortest = 76;   // of a prefix
+static constexpr ptrdiff_t g_ptrdiffShortest = 76;   // prefix
 
 static constexpr std::array<std::string_view, LCCTL_LEVELS> g_asvLevel{"error", "warning", "milestone", "note"};
 
@@ -41,7 +41,7 @@ static bool IsDigit(char a_ch)
     return static_cast<unsigned char>(a_ch - '0') < 10;
 }
 
-// Two digits at an even place; beyond 99 for what are none.
+// Two digits as a number; more than 99 when they are not digits.
 static unsigned Pair(const char* a_pch)
 {
     const auto uTens = static_cast<unsigned char>(a_pch[0] - '0');
@@ -49,7 +49,7 @@ static unsigned Pair(const char* a_pch)
     return uTens < 10 && uOnes < 10 ? uTens * 10u + uOnes : 1000;
 }
 
-// False for what is no time of day.
+// False for an invalid time of day.
 static bool ReadTime(const char* a_pch, LcctlTime& a_lcctltimeOfDay)
 {
     const unsigned uHour = Pair(a_pch);
@@ -63,7 +63,7 @@ static bool ReadTime(const char* a_pch, LcctlTime& a_lcctltimeOfDay)
            uMiddle < 100 && uLow < 100;
 }
 
-// A number to the blank behind it, which is passed; empty for anything else.
+// Parses a number up to the next blank and skips both; empty for anything else.
 static inline std::string_view TakeNumber(const char*& a_pch, const char* a_pchEnd)
 {
     const char* pch = a_pch;
@@ -114,7 +114,7 @@ static std::string_view WithoutFilling(const char* a_pch, size_t a_sizet)
     return {a_pch, a_sizet};
 }
 
-// From the thread's "T" on.
+// Parses from the thread's "T" on.
 static bool ReadTail(const char* a_pch, const char* a_pchEnd, LcctlPrefix& a_lcctlprefix)
 {
     if (a_pch == a_pchEnd || *a_pch++ != 'T')

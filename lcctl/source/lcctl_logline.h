@@ -1,4 +1,4 @@
-// lcctl_logline.h: one line of a log: its prefix, and what the lines of a header tell.
+// lcctl_logline.h: parses one line of a log: its prefix, and the contents of header lines.
 #pragma once
 
 #include "lcctl_logtime.h"
@@ -8,7 +8,7 @@
 #include <optional>
 #include <string_view>
 
-// How bad a line is, the worst first. A log has letters for them.
+// The severity of a line, the worst first, with its letter in the log.
 enum LcctlLevel : uint8_t
 {
     LCCTL_LEVEL_ERROR,       // E
@@ -19,27 +19,27 @@ enum LcctlLevel : uint8_t
 };
 std::string_view LcctlLevelName(LcctlLevel a_lcctllevel);
 
-// By the names above, the letters of the log, and "check", which the library calls warnings; in any case.
+// Parses the names above, the log's letters, and "check" (the library's name for a warning); ignores case.
 std::optional<LcctlLevel> LcctlLevelOf(std::string_view a_svName);
 
-// The prefix of a line, in the bytes of the line itself.
+// The prefix of a line; refers to the bytes of the line.
 struct LcctlPrefix
 {
     const char* pchTime;   // HHMMSSmmmuuu
     LcctlTime lcctltimeOfDay;
     std::string_view svNumber;
-    std::string_view svSource;   // without the blanks that fill it
-    std::string_view svLine;     // the source's line; this and what follows without filling
+    std::string_view svSource;   // without padding
+    std::string_view svLine;     // the source line number; this and the following without padding
     std::string_view svError;
     std::string_view svThread;
     LcctlLevel lcctllevel;
-    bool blTimeless;   // written in deterministic mode: its time tells nothing
+    bool blTimeless;   // written in deterministic mode: its time is meaningless
     const char* pchMessage;
 };
 
-// The prefix of the line from a_pch to a_pchEnd. False, and a_lcctlprefix is worth nothing, for a line without one.
+// Parses the prefix of the line from a_pch to a_pchEnd. False for a line without one; a_lcctlprefix is then undefined.
 bool LcctlParsePrefix(const char* a_pch, const char* a_pchEnd, LcctlPrefix& a_lcctlprefix);
 
-// What a message of a header tells: when the run began, and the process that writes.
+// Parse a header's message: the start of the run, and the id of the writing process.
 std::optional<LcctlTime> LcctlRunStart(std::string_view a_svMessage);
 std::optional<uint64_t> LcctlRunProcess(std::string_view a_svMessage);

@@ -1,4 +1,4 @@
-// lcctl_logmerge.h: the records of many logs, in the order of their times; those of one log stay in theirs.
+// lcctl_logmerge.h: merges the records of many logs by time; the order within a log is kept.
 #pragma once
 
 #include "lcctl_logreader.h"
@@ -10,7 +10,7 @@
 class CLcctlLogMerge
 {
 public:
-    // Logs are opened when their time has come: as many are open as were written at the same time.
+    // A log is opened when its first time is reached: only logs written at the same time are open together.
     void Add(const LcctlLogFile& a_logfile, bool a_blFollow)
     {
         m_vecreader.push_back(std::make_unique<CLcctlLogReader>(a_logfile, a_blFollow));
@@ -18,7 +18,7 @@ public:
             Push(*m_vecreader.back());
     }
 
-    // For logs that are followed, before each Run: takes what has been written since.
+    // When following logs, before each Run: reads what was written since.
     void LookForMore()
     {
         for (const auto& reader : m_vecreader)
@@ -28,8 +28,8 @@ public:
         }
     }
 
-    // Calls a_procedure(reader) for each record, to the end of all logs. a_failed(reader) is called for a log that
-    // cannot be read.
+    // Calls a_procedure(reader) for each record to the end of all logs, and a_failed(reader) for a log that cannot be
+    // read.
     template <class Procedure, class Failed>
     void Run(Procedure a_procedure, Failed a_failed);
 
@@ -53,7 +53,7 @@ private:
     }
 
     std::vector<std::unique_ptr<CLcctlLogReader>> m_vecreader;
-    std::vector<CLcctlLogReader*> m_vecpreader;   // by time: those that have a record, or are not opened yet
+    std::vector<CLcctlLogReader*> m_vecpreader;   // by time: those with a record, or not opened yet
 };
 
 template <class Procedure, class Failed>

@@ -44,7 +44,7 @@ void CLcctlLogOutput::Finish()
     ThrowIfFailed();
 }
 
-// The lock is not held while it writes: the buffer is the thread's as long as there is something to write.
+// The lock is not held during a write: the buffer belongs to the thread while there is data to write.
 void CLcctlLogOutput::WriteUntilStopped(const std::stop_token& a_stoptoken)
 {
     std::unique_lock lock(m_mutex);

@@ -1,4 +1,4 @@
-// lcctl_logoutput.h: the standard output, written by a thread of its own, so that the next buffer is filled meanwhile.
+// lcctl_logoutput.h: writes the standard output on a thread of its own while the next buffer is filled.
 #pragma once
 
 #include <condition_variable>
@@ -10,15 +10,15 @@ class CLcctlLogOutput
 {
 public:
     CLcctlLogOutput() = default;
-    ~CLcctlLogOutput() = default;   // what was handed over is written
+    ~CLcctlLogOutput() = default;   // waits until the pending data is written
     CLcctlLogOutput(const CLcctlLogOutput&) = delete;
     CLcctlLogOutput& operator=(const CLcctlLogOutput&) = delete;
 
-    // Takes the first a_sizetUsed bytes, and gives another buffer of that size back. Throws std::runtime_error when the
-    // output did not take what was handed over before.
+    // Queues the first a_sizetUsed bytes for writing and swaps in another buffer of the same size. Throws
+    // std::runtime_error when the previous write failed.
     void HandOver(std::string& a_strBuffer, size_t a_sizetUsed);
 
-    // Returns when all has been written; throws as HandOver does.
+    // Waits until everything is written; throws as HandOver does.
     void Finish();
 
 private:
@@ -28,7 +28,7 @@ private:
     std::mutex m_mutex;
     std::condition_variable_any m_condition;
     std::string m_strBuffer;
-    size_t m_sizetUsed = 0;   // that is to be written
+    size_t m_sizetUsed = 0;   // to be written
     int m_iErrno = 0;
-    std::jthread m_jthread;   // ends first
+    std::jthread m_jthread;   // joined first
 };

@@ -1,4 +1,4 @@
-// lcctl_logprogress.cpp: shown after a second, five times a second from then on.
+// lcctl_logprogress.cpp: shown after one second, then updated five times a second.
 #include "lcctl_logprogress.h"
 
 #include <fmt/format.h>

@@ -1,5 +1,4 @@
-// lcctl_logprogress.h: a bar on the standard error stream, where reading takes long and somebody waits before a
-// terminal.
+// lcctl_logprogress.h: a progress bar on standard error, shown on a terminal when reading takes long.
 #pragma once
 
 #include <chrono>
@@ -8,13 +7,13 @@
 class CLcctlLogProgress
 {
 public:
-    // a_u64Bytes: all that will be read. Without a_blWanted nothing is shown.
+    // a_u64Bytes: the total to be read. Without a_blWanted nothing is shown.
     CLcctlLogProgress(uint64_t a_u64Bytes, bool a_blWanted);
-    ~CLcctlLogProgress();   // takes the bar away
+    ~CLcctlLogProgress();   // removes the bar
     CLcctlLogProgress(const CLcctlLogProgress&) = delete;
     CLcctlLogProgress& operator=(const CLcctlLogProgress&) = delete;
 
-    // Cheap enough to be called for every record; a_bytes() tells how much has been read.
+    // Cheap enough to call for every record; a_bytes() returns how much has been read.
     template <class Bytes>
     void Step(Bytes a_bytes)
     {
@@ -23,7 +22,7 @@ public:
     }
 
 private:
-    static constexpr uint32_t LCCTL_STEPS = 4096;   // between two looks at the clock
+    static constexpr uint32_t LCCTL_STEPS = 4096;   // between two reads of the clock
     bool IsTime();
     void Show(uint64_t a_u64Bytes);
 

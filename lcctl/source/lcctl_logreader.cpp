@@ -11,10 +11,10 @@
 namespace fs = std::filesystem;
 
 static constexpr size_t g_sizetBuffer = size_t{256} << 10;
-static constexpr size_t g_sizetBufferMost = size_t{4} << 20;   // a longer record comes in pieces
-static constexpr size_t g_sizetAhead = 8192;                   // within which a header names its process
+static constexpr size_t g_sizetBufferMost = size_t{4} << 20;   // a longer record is split
+static constexpr size_t g_sizetAhead = 8192;   // bytes after a run line that are searched for its process
 static constexpr int g_iLinesAhead = 4;
-static constexpr size_t g_sizetProcesses = 16;   // of one log, that are told apart
+static constexpr size_t g_sizetProcesses = 16;   // distinguished per log
 
 CLcctlLogReader::CLcctlLogReader(const LcctlLogFile& a_logfile, bool a_blFollow)
     : m_logfile(a_logfile), m_blFollow(a_blFollow), m_lcctltimeKey(a_logfile.runstart.value_or(0))
@@ -35,7 +35,7 @@ bool CLcctlLogReader::Open()
     return true;
 }
 
-// The log has been cut or replaced: it is read from its beginning.
+// The log was truncated or replaced: reads it from its beginning.
 void CLcctlLogReader::Restart()
 {
     m_uniqueFile.reset();
@@ -53,7 +53,7 @@ size_t CLcctlLogReader::ReadFile(char* a_pch, size_t a_sizet)
     return sizetRead;
 }
 
-// At the end of what is open: the file of that name has another size.
+// At the end of the open file: whether the path now names a file of another size.
 bool CLcctlLogReader::HasBeenReplaced()
 {
     std::error_code error;
@@ -61,7 +61,7 @@ bool CLcctlLogReader::HasBeenReplaced()
     return !error && bytes != m_u64Offset;
 }
 
-// Reads more behind what there is; the record that has begun moves to the front.
+// Reads more data after the existing; moves the current record to the front of the buffer.
 CLcctlLogReader::Filled CLcctlLogReader::Fill()
 {
     if (m_sizetRecord)
@@ -104,11 +104,11 @@ void CLcctlLogReader::TakeLineTo(size_t a_sizetEnd, size_t a_sizetNext)
     m_sizetLineEnd = a_sizetNext;
 }
 
-// Looks at the line behind the one before. False when there is none, or none that is complete.
+// Parses the next line. False when there is none, or it is incomplete.
 bool CLcctlLogReader::TakeLine()
 {
     m_sizetLine = m_sizetLineEnd;
-    size_t sizetSearched = 0;   // of the line, without finding its end
+    size_t sizetSearched = 0;   // bytes of the line already searched for its end
     for (;;)
     {
         const char* const pch = m_vecch.data() + m_sizetLine + sizetSearched;
@@ -132,7 +132,7 @@ bool CLcctlLogReader::TakeLine()
 
 // ----------------------------------------------------------------------------------------------------- its records
 
-// At the end of a log that is not followed it is closed.
+// A log that is not followed is closed at its end.
 bool CLcctlLogReader::Next()
 {
     m_blRecord = (m_uniqueFile || Open()) && ReadRecord();
@@ -206,7 +206,7 @@ void CLcctlLogReader::EndRecord()
 
 // -------------------------------------------------------------------------------------------------- a run's header
 
-// A run begins: its date counts from here on. Its process is named by one of the next lines.
+// A new run: its date applies from here on. One of the next lines names its process.
 void CLcctlLogReader::TakeRunLine(LcctlTime a_lcctltimeRun)
 {
     m_lcctllogdate.Set(a_lcctltimeRun);
@@ -233,7 +233,7 @@ void CLcctlLogReader::TakeRunLine(LcctlTime a_lcctltimeRun)
     }
 }
 
-// What was known before of the first one has come from its header, or from the log's name.
+// For the first process the header, or the log's name, has been read already.
 void CLcctlLogReader::AddProcess(const Process& a_process)
 {
     std::erase_if(m_vecprocess, [&](const Process& a_other) {
@@ -255,8 +255,8 @@ const std::string* CLcctlLogReader::ProcessOf(std::string_view a_svThread) const
     return &m_vecprocess.back().strProcessId;
 }
 
-// A log that does not begin with a run line: an "-own.log", or one whose beginning was cut. Counts its days to the next
-// run line, or else to its end, which was written when the file was.
+// For a log that does not begin with a run line ("-own.log", or truncated): counts its days to the next run line, or
+// else to its end, whose day is that of the file's last write.
 void CLcctlLogReader::FindFirstDay()
 {
     m_blDated = true;

@@ -1,7 +1,7 @@
-// lcctl_logreader.h: reads one log, record by record: a line with its prefix, and the lines without one that follow.
+// lcctl_logreader.h: reads one log by records: a line with its prefix, and the following lines without one.
 //
-// A log may be written while it is read, end in a torn line, be cut, or be replaced by another one under its name.
-// What precedes the first prefix is a record without one.
+// A log may be written while it is read, end in a torn line, be truncated or replaced. Text before the first prefix is
+// a record without one.
 #pragma once
 
 #include "lcctl_find.h"
@@ -15,32 +15,32 @@
 
 struct LcctlRecord
 {
-    bool blPrefix = false;   // without: the rest of the record before, or a log that begins in the middle of one
+    bool blPrefix = false;   // false: continues the record before, or the log begins inside a record
     LcctlPrefix lcctlprefix{};
     LcctlTime lcctltime = 0;
     size_t sizetLines = 0;
-    std::string_view svText;   // the message, with the further lines as they stand; its last line end left out
+    std::string_view svText;                      // the message with its continuation lines, without the last line end
     const std::string* pstrProcessId = nullptr;   // "-": unknown
 };
 
 class CLcctlLogReader
 {
 public:
-    // With a_blFollow the last line counts only once it has its end, and a log is read on where it grows.
+    // With a_blFollow a last line counts only once it is complete, and reading continues when the log grows.
     CLcctlLogReader(const LcctlLogFile& a_logfile, bool a_blFollow);
 
-    // Reads the next record. False at the end; when it follows, another call may find more.
+    // Reads the next record. False at the end; with a_blFollow a later call may find more.
     bool Next();
 
     // Valid until the next call of Next.
     const LcctlRecord& Record() const { return m_lcctlrecord; }
 
-    // By which records of several logs are merged: the record's time, but never less than that of one before. Before
-    // the first record: the earliest time that it may have.
+    // The merge key: the record's time, but never less than that of an earlier record. Before the first record: the
+    // earliest possible time.
     LcctlTime Key() const { return m_lcctltimeKey; }
 
     bool HasRecord() const { return m_blRecord; }   // the last call of Next has read one
-    bool Failed() const { return m_blFailed; }      // it cannot be opened or read: errno says why
+    bool Failed() const { return m_blFailed; }      // it cannot be opened or read: errno has the reason
     uint64_t BytesRead() const { return m_u64Offset; }
     const std::filesystem::path& Path() const { return m_logfile.path; }
 
@@ -49,7 +49,7 @@ private:
     {
         void operator()(std::FILE* a_pfile) const { std::fclose(a_pfile); }
     };
-    // A process whose header is in this log. Others than its first thread count as those of the latest one.
+    // A process whose header is in this log. Threads other than its first one are attributed to the latest process.
     struct Process
     {
         std::string strThread;
@@ -84,11 +84,11 @@ private:
     std::unique_ptr<std::FILE, Close> m_uniqueFile;
     uint64_t m_u64Offset = 0;
 
-    // In the buffer: the record, the line behind it that has been looked at already, what has been read.
+    // Offsets in the buffer: the record, the next line if already parsed, the end of the data.
     std::vector<char> m_vecch;
     size_t m_sizetRecord = 0;
     size_t m_sizetLine = 0;
-    size_t m_sizetLineEnd = 0;   // behind its line end; m_sizetLine while there is no such line
+    size_t m_sizetLineEnd = 0;   // after its line end; equals m_sizetLine if there is no such line
     size_t m_sizetEnd = 0;
     LcctlPrefix m_lcctlprefixLine{};
     bool m_blLinePrefix = false;

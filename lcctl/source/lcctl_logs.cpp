@@ -1,4 +1,4 @@
-// lcctl_logs.cpp: the options of "lcctl logs", then what it does with them.
+// lcctl_logs.cpp: the options of "lcctl logs", and their execution.
 #include "lcctl_logs.h"
 
 #include "lcctl_logprogress.h"
@@ -205,7 +205,7 @@ static std::string SizeText(uint64_t a_u64Bytes)
     return fmt::format("{:.{}f}{}", dSize, sizetUnit ? 1 : 0, g_aszUnit[sizetUnit]);
 }
 
-// Runs, the oldest first; of named logs the logs.
+// Lists runs, oldest first; for named logs the logs.
 LcctlResult CLcctlLogs::List()
 {
     const auto seconds = [](LcctlTime a_lcctltime) { return LcctlTimeText(a_lcctltime).substr(0, 19); };
@@ -243,7 +243,7 @@ LcctlResult CLcctlLogs::List()
 
 // ------------------------------------------------------------------------------------------------------- the merge
 
-// A log that was written last before all that is wanted, whatever zone it comes from, is left out.
+// Skips a log whose last write precedes the wanted time, whatever its time zone.
 void CLcctlLogs::AddLogs(const std::vector<LcctlLogFile>& a_vecfile)
 {
     static constexpr LcctlTime g_lcctltimeZones = 27 * LCCTL_HOUR;
@@ -258,7 +258,7 @@ void CLcctlLogs::AddLogs(const std::vector<LcctlLogFile>& a_vecfile)
     }
 }
 
-// A record without a prefix goes with the one before it in its log.
+// A record without a prefix is treated like the one before it in its log.
 void CLcctlLogs::WriteOne(const CLcctlLogReader& a_lcctllogreader)
 {
     const LcctlRecord& lcctlrecord = a_lcctllogreader.Record();
@@ -279,7 +279,7 @@ void CLcctlLogs::WriteAll()
         lcctllogprogress.Step([this] { return m_lcctllogmerge.BytesRead(); });
     };
     const auto failed = [this](const CLcctlLogReader& a_lcctllogreader) {
-        const bool blGone = errno == ENOENT;   // it was cleaned meanwhile
+        const bool blGone = errno == ENOENT;   // it was removed by cleaning
         m_blFailed = m_blFailed || !blGone;
         if (!blGone)
             LcctlError(fmt::format("cannot read {}: {}", a_lcctllogreader.Path().string(), std::strerror(errno)));
@@ -311,7 +311,7 @@ LcctlResult CLcctlLogs::Merge(const std::vector<LcctlLogFile>& a_vecfile)
     return LCCTL_OK;
 }
 
-// Until somebody ends it.
+// Runs until a signal asks it to end.
 void CLcctlLogs::Follow()
 {
     for (;;)

@@ -1,9 +1,9 @@
-// lcctl_logs.h: the command that reads logs: what it was told, and its work.
+// lcctl_logs.h: the command that reads logs: its options and its work.
 //
-//   lcctl_find         which logs there are            lcctl_logselect   which of them are read
-//   lcctl_logreader    one log, record by record       lcctl_logmerge    all of them, by time
-//   lcctl_logfilter    which records are wanted        lcctl_logwriter   how they are written
-//   lcctl_logline, lcctl_logdate, lcctl_logtime        prefixes, days, times
+//   lcctl_find         finds logs                   lcctl_logselect   selects those that are read
+//   lcctl_logreader    one log, record by record    lcctl_logmerge    all of them, by time
+//   lcctl_logfilter    selects records              lcctl_logwriter   writes them
+//   lcctl_logline, lcctl_logdate, lcctl_logtime     prefixes, days, times
 #pragma once
 
 #include "lcctl_command.h"
@@ -54,6 +54,6 @@ private:
     CLcctlLogMerge m_lcctllogmerge;
     uint64_t m_u64Bytes = 0;   // of all logs
     bool m_blFailed = false;
-    bool m_blRestWanted = false;                  // of the record before
-    const CLcctlLogReader* m_preader = nullptr;   // that it came from
+    bool m_blRestWanted = false;                  // whether the record before was selected
+    const CLcctlLogReader* m_preader = nullptr;   // its reader
 };

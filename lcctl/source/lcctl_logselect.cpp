@@ -1,4 +1,4 @@
-// lcctl_logselect.cpp: the choice, at first and later.
+// lcctl_logselect.cpp: the initial selection, and new logs.
 #include "lcctl_logselect.h"
 
 #include <algorithm>
@@ -59,7 +59,7 @@ bool CLcctlLogSelect::HasUnseen(const std::vector<LcctlLogFile>& a_vecfile) cons
     });
 }
 
-// Headers are read once there is something new.
+// Headers are read only when there are new logs.
 std::vector<LcctlLogFile> CLcctlLogSelect::TakeNamed()
 {
     std::vector<LcctlLogFile> vecfileNew;

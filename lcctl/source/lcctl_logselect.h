@@ -1,4 +1,4 @@
-// lcctl_logselect.h: which logs are read: those that are named, or the runs of applications with their children.
+// lcctl_logselect.h: selects the logs to read: named ones, or the runs of applications with their children.
 #pragma once
 
 #include "lcctl_find.h"
@@ -10,9 +10,9 @@
 
 struct LcctlSelectArgs
 {
-    std::vector<std::string> vecstrNamed;         // files and folders; none: what lies where logs lie
-    std::vector<std::string> vecstrApplication;   // none: all
-    bool blLastRun = false;                       // the newest run of each application alone
+    std::vector<std::string> vecstrNamed;         // files and folders; empty: search the usual folders
+    std::vector<std::string> vecstrApplication;   // empty: all
+    bool blLastRun = false;                       // only the newest run of each application
     LcctlFindArgs findargs;
 };
 
@@ -21,17 +21,17 @@ class CLcctlLogSelect
 public:
     explicit CLcctlLogSelect(const LcctlSelectArgs& a_selectargs) : m_selectargs(a_selectargs) {}
 
-    // The logs that have appeared since the last call; at first all there are. Of a run that began later those of
-    // processes that NoteMessage was told of count as children.
+    // The logs that have appeared since the last call; at first all existing ones. In later runs, processes named in
+    // messages passed to NoteMessage count as children.
     std::vector<LcctlLogFile> TakeNew();
 
-    // The runs that the first call of TakeNew has chosen, the oldest first; none for named logs.
+    // The runs selected by the first call of TakeNew, oldest first; empty for named logs.
     const std::vector<LcctlLogFolder>& Runs() const { return m_veclogfolder; }
 
-    // Looks whether a message names a child process. Of the logs that are read.
+    // Checks whether a message of a selected log names a child process.
     void NoteMessage(std::string_view a_svMessage);
 
-    // A path that was named and is not there, "" for none.
+    // A named path that does not exist, "" if all exist.
     const std::string& Missing() const { return m_strMissing; }
 
 private:
@@ -45,7 +45,7 @@ private:
     LcctlSelectArgs m_selectargs;
     bool m_blChosen = false;
     std::vector<LcctlLogFolder> m_veclogfolder;
-    std::set<std::filesystem::path> m_setpathOther;   // folders with logs that were there and are not wanted
+    std::set<std::filesystem::path> m_setpathOther;   // existing folders with logs that are not selected
     std::set<std::filesystem::path> m_setpathSeen;    // logs
     std::set<uint64_t> m_setProcess;
     std::string m_strMissing;

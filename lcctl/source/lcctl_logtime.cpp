@@ -1,4 +1,4 @@
-// lcctl_logtime.cpp: the calendar, then clocks, then what people write.
+// lcctl_logtime.cpp: the calendar, the clocks, parsing user input.
 #include "lcctl_logtime.h"
 
 #include <fmt/format.h>
@@ -71,7 +71,7 @@ LcctlTime LcctlWallTime(std::filesystem::file_time_type a_filetime)
 
 LcctlTime LcctlClockGoesBack(int64_t a_i64Day)
 {
-    // The length of the day in hours that pass: 25 where the clocks are put back by one.
+    // The real length of the day in hours: 25 where the clocks are put back by one.
     const auto midnight = [](int64_t a_i64) {
         const LcctlCalendar calendar = LcctlCalendarOf(a_i64);
         std::tm tm{};
@@ -85,11 +85,11 @@ LcctlTime LcctlClockGoesBack(int64_t a_i64Day)
     return lcctltimeLonger > 0 ? lcctltimeLonger : 0;
 }
 
-// ------------------------------------------------------------------------------------------------ what people write
+// ------------------------------------------------------------------------------------------------------- user input
 
 namespace
 {
-// Takes pieces off the front of a text.
+// Parses pieces off the front of a text.
 class Pieces
 {
 public:
@@ -108,7 +108,7 @@ public:
         {
         }
     }
-    // A number of so many digits at most.
+    // A number of at most so many digits.
     std::optional<int64_t> Number(size_t a_sizetDigits)
     {
         int64_t i64 = 0;
@@ -130,7 +130,7 @@ public:
         m_svText.remove_prefix(sizet);
         return svWord;
     }
-    // The digits behind a decimal point, as microseconds.
+    // The digits after a decimal point, as microseconds.
     std::optional<int64_t> Fraction()
     {
         int64_t i64 = 0;
@@ -178,7 +178,7 @@ constexpr std::array g_aunit{
     Unit{"weeks", 7 * LCCTL_DAY},
 };
 
-// "1h 30min"; with a_pblAgo the word "ago" may follow. Seconds without a unit.
+// "1h 30min"; with a_pblAgo the word "ago" may follow. The default unit is seconds.
 std::optional<LcctlTime> ParseSpan(Pieces a_pieces, bool* a_pblAgo)
 {
     static constexpr int64_t g_i64Most = int64_t{1000} * 366 * LCCTL_DAY;
@@ -203,7 +203,7 @@ std::optional<LcctlTime> ParseSpan(Pieces a_pieces, bool* a_pblAgo)
     return lcctltime;
 }
 
-// "12:00", "12:00:01", "12:00:01.5", to its end.
+// "12:00", "12:00:01", "12:00:01.5", up to the end.
 std::optional<LcctlTime> ParseTimeOfDay(Pieces& a_pieces)
 {
     const auto hour = a_pieces.Number(2);
@@ -230,7 +230,7 @@ std::optional<LcctlTime> ParseTimeOfDay(Pieces& a_pieces)
     return a_pieces.IsEmpty() ? std::optional(lcctltime) : std::nullopt;
 }
 
-// "2026-11-23", with a time of day behind it or without.
+// "2026-11-23", optionally followed by a time of day.
 std::optional<LcctlTime> ParseDate(Pieces a_pieces)
 {
     const auto year = a_pieces.Number(4);

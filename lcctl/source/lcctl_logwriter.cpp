@@ -1,4 +1,4 @@
-// lcctl_logwriter.cpp: the buffer, what is kept back, lines, JSON.
+// lcctl_logwriter.cpp: the buffer, keeping the last records, lines, JSON.
 #include "lcctl_logwriter.h"
 
 #include "lcctl_command.h"
@@ -11,7 +11,7 @@
 #include <utility>
 
 static constexpr size_t g_sizetBuffer = size_t{256} << 10;
-static constexpr size_t g_sizetPrefix = 256;   // more than all before the message takes, and a line end
+static constexpr size_t g_sizetPrefix = 256;   // more than the text before the message and a line end take
 static constexpr size_t g_sizetVisible = 4;    // of "\\x1B"
 
 CLcctlLogWriter::CLcctlLogWriter(bool a_blJson, bool a_blTerminal) : m_blJson(a_blJson), m_blTerminal(a_blTerminal)
@@ -33,7 +33,7 @@ void CLcctlLogWriter::Flush()
     m_lcctllogoutput.Finish();
 }
 
-// Room for so many bytes, at most a buffer's first size. What is kept stays in it.
+// Returns space for so many bytes, at most the buffer's initial size. Kept records stay in the buffer.
 char* CLcctlLogWriter::Room(size_t a_sizet)
 {
     if (m_strBuffer.size() - m_sizetUsed < a_sizet)
@@ -108,7 +108,7 @@ static char* PutTimeOfDay(char* a_pch, const char* a_pchTime)
     return a_pch + 15;
 }
 
-// A byte that is a control character or, with the one before it (0: none) or behind it, a part of one.
+// Whether a byte is a control character or, with its predecessor (0: none) or successor, a part of one.
 static bool Controls(unsigned char a_u8Before, unsigned char a_u8, unsigned char a_u8Behind)
 {
     const auto second = [](unsigned char a_u8Second) { return a_u8Second >= 0x80 && a_u8Second < 0xA0; };
@@ -116,7 +116,7 @@ static bool Controls(unsigned char a_u8Before, unsigned char a_u8, unsigned char
            (second(a_u8) && (a_u8Before < 0x80 || a_u8Before == 0xC2));
 }
 
-// Control characters by their numbers; g_sizetVisible bytes each at most.
+// Escapes control characters; each takes at most g_sizetVisible bytes.
 static char* PutVisible(char* a_pch, std::string_view a_svText)
 {
     static constexpr char g_szDigits[] = "0123456789ABCDEF";
@@ -125,7 +125,7 @@ static char* PutVisible(char* a_pch, std::string_view a_svText)
     };
     for (size_t sizet = 0; sizet < a_svText.size(); ++sizet)
     {
-        if (!Controls(byte(sizet - 1), byte(sizet), byte(sizet + 1)))   // -1 is beyond the end as well
+        if (!Controls(byte(sizet - 1), byte(sizet), byte(sizet + 1)))   // -1 is out of range too
         {
             *a_pch++ = a_svText[sizet];
             continue;
@@ -152,10 +152,10 @@ char* CLcctlLogWriter::PutTime(char* a_pch, const LcctlRecord& a_lcctlrecord)
     return PutTimeOfDay(a_pch, a_lcctlrecord.lcctlprefix.pchTime);
 }
 
-// A record of one line, which most are, goes into the buffer at once.
+// Most records are one line, which goes directly into the buffer.
 void CLcctlLogWriter::PutLine(const LcctlRecord& a_lcctlrecord)
 {
-    static constexpr size_t g_sizetLineNumber = 20;   // a longer one is not ours
+    static constexpr size_t g_sizetLineNumber = 20;   // a longer one is invalid
     if (!a_lcctlrecord.blPrefix)
     {
         PutText(a_lcctlrecord);
@@ -200,7 +200,7 @@ void CLcctlLogWriter::PutText(const LcctlRecord& a_lcctlrecord)
     Put("\n");
 }
 
-// A piece at a time, so that each fits the buffer.
+// In pieces that fit the buffer.
 void CLcctlLogWriter::PutPiece(std::string_view a_svLine)
 {
     static constexpr size_t g_sizetPiece = g_sizetBuffer / g_sizetVisible;

@@ -1,9 +1,8 @@
-// lcctl_logwriter.h: writes records to the standard output: as lines, or as JSON objects.
+// lcctl_logwriter.h: writes records to standard output as lines or JSON objects.
 //
 //   2026-11-23 14:01:24.993477 13983 error os/source/os_cosfile:194 message
 //
-// What follows such a line without a date belongs to it. On a terminal, characters that would control it are shown by
-// their numbers.
+// Following lines without a date continue that line. On a terminal, control characters are escaped.
 #pragma once
 
 #include "lcctl_logoutput.h"
@@ -18,11 +17,11 @@ class CLcctlLogWriter
 public:
     CLcctlLogWriter(bool a_blJson, bool a_blTerminal);
 
-    // Throws std::runtime_error when the output does not take it.
+    // Throws std::runtime_error when a write fails.
     void Write(const LcctlRecord& a_lcctlrecord, const std::filesystem::path& a_path);
     void Flush();
 
-    // From now on only the last so many records are kept, until Release writes them.
+    // From now on keeps only the last so many records, until Release writes them.
     void KeepLast(uint64_t a_u64Records);
     void Release();
 
@@ -41,7 +40,7 @@ private:
     bool m_blJson;
     bool m_blTerminal;
     CLcctlLogOutput m_lcctllogoutput;
-    std::string m_strBuffer;   // its whole room
+    std::string m_strBuffer;   // always at full size
     size_t m_sizetUsed = 0;
     uint64_t m_u64Records = 0;
     int64_t m_i64Day = INT64_MIN;   // of m_achDate

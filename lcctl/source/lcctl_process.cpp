@@ -1,4 +1,4 @@
-// lcctl_process.cpp: reading the status files; paths and times for people.
+// lcctl_process.cpp: reading the status files; formatting paths and times for users.
 #include "lcctl_process.h"
 
 #include "os_coscfg.h"

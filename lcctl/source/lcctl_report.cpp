@@ -1,4 +1,4 @@
-// lcctl_report.cpp: all that a support engineer asks for, in one archive.
+// lcctl_report.cpp: packs everything that a support engineer needs into one archive.
 //
 //   the contents   the newest run of each application, the support report, the doctor's findings, the environment
 //   the archive    a compressed tar file
@@ -28,7 +28,7 @@ namespace fs = std::filesystem;
 
 extern char** environ;
 
-// One file of the archive: from a file, or a text.
+// One file of the archive: the content is a file or a text.
 struct Content
 {
     std::string strName;
@@ -39,7 +39,7 @@ using Contents = std::vector<Content>;
 
 // ------------------------------------------------------------------------------------------------------ the contents
 
-// What is about logging; anything else may be a secret.
+// Only variables about logging: others may contain secrets.
 static bool IsTold(std::string_view a_svVariable)
 {
     static constexpr std::string_view g_asvName[] = {"LANG=", "LANGUAGE=", "TZ=", "PATH="};
@@ -85,7 +85,7 @@ static std::string WithoutSecrets(const std::string& a_strReport)
     return strReport + a_strReport.substr(sizetNext);
 }
 
-// As the library writes it, into a folder that is removed again.
+// The library's report, written to a temporary folder.
 static std::string SupportReport()
 {
     std::string strFolder = (fs::temp_directory_path() / "lcctl.XXXXXX").string();
@@ -114,7 +114,7 @@ static void AddRuns(Contents& a_contents, const LcctlFindArgs& a_findargs, const
 {
     std::map<std::pair<fs::path, std::string>, const LcctlLogFolder*> mapNewest;
     const std::vector<LcctlLogFolder> veclogfolder = LcctlFindFolders(a_findargs);
-    for (const LcctlLogFolder& logfolder : veclogfolder)   // the oldest first
+    for (const LcctlLogFolder& logfolder : veclogfolder)   // oldest first
     {
         if (!logfolder.vecfile.empty() && (a_strApplication.empty() || LcctlIsOf(logfolder, a_strApplication)))
             mapNewest[{logfolder.path.parent_path(), logfolder.strApplication}] = &logfolder;
@@ -173,7 +173,7 @@ public:
             CopyFile(a_content.path, errorcode ? 0 : uSize);
     }
 
-    // False when anything has failed; the error in words.
+    // False when any step has failed; the error as text.
     bool Close()
     {
         m_blGood = archive_write_close(m_parchive) == ARCHIVE_OK && m_blGood;
@@ -191,7 +191,7 @@ private:
         m_blGood = m_blGood && archive_write_data(m_parchive, a_pch, a_sizetBytes) >= 0;
     }
 
-    // A log may grow meanwhile: it is taken as long as it was. What one has lost is filled up with zeros.
+    // A log may grow meanwhile: only its initial size is copied. If it shrinks, the rest is filled with zeros.
     void CopyFile(const fs::path& a_path, uintmax_t a_uBytes)
     {
         std::ifstream stream(a_path, std::ios::binary);
@@ -248,7 +248,7 @@ public:
     }
 
 private:
-    // The name of the archive without its folder and endings is the folder inside it.
+    // The archive's name without folder and extensions is the name of the folder inside it.
     bool Pack(const Contents& a_contents)
     {
         if (m_strOutput.empty())

@@ -1,7 +1,7 @@
-// lcctl_run.cpp: any program's standard output and error as a log of its own.
+// lcctl_run.cpp: writes any program's standard output and error into a log of its own.
 //
 //   finding the program   as a shell does
-//   its lines             each one a line of the log; the level tells which stream it comes from
+//   its lines             each one a line of the log; the level shows the stream
 //   the command           starting the logger with its collector, the program, its exit code
 #include "lcctl_command.h"
 #include "lcctl_signal.h"
@@ -24,12 +24,12 @@
 
 namespace fs = std::filesystem;
 
-static constexpr int g_iFailed = 125;   // ourselves; the three are those of env, nohup and timeout
-static constexpr int g_iNotRun = 126;   // found, but it cannot be run
+static constexpr int g_iFailed = 125;   // our own failure; the three codes are those of env, nohup and timeout
+static constexpr int g_iNotRun = 126;   // found, but not executable
 static constexpr int g_iNotFound = 127;
 
-static constexpr size_t g_sizetLongestLine = 64 * 1024;   // bytes; a longer line goes on in the next one
-static constexpr uint32_t g_u32Look = 200;                // milliseconds between two looks for signals
+static constexpr size_t g_sizetLongestLine = 64 * 1024;   // bytes; a longer line is split
+static constexpr uint32_t g_u32Look = 200;                // milliseconds between two checks for signals
 
 static std::string LcctlHostPath(const char* a_szPath)
 {
@@ -63,8 +63,8 @@ static fs::path FindProgram(const std::string& a_strName)
     return {};
 }
 
-// One argument of a command line as the library takes it: a quotation mark, and the backslashes before one, are marked
-// by a backslash.
+// Quotes one argument for the library's command line: a quotation mark, and backslashes before one, are escaped by a
+// backslash.
 static void AppendQuoted(std::string& a_strLine, const std::string& a_strArgument)
 {
     a_strLine += '"';
@@ -79,7 +79,7 @@ static void AppendQuoted(std::string& a_strLine, const std::string& a_strArgumen
     a_strLine.append(sizetSlashes, '\\') += "\" ";
 }
 
-// The name of the log, of which the library takes 63 bytes: letters, digits and what is harmless in a file name.
+// The log's name, at most 63 bytes in the library: letters, digits and characters that are safe in file names.
 static std::string LogName(const fs::path& a_pathProgram)
 {
     std::string strName = a_pathProgram.stem().string().substr(0, 63);
@@ -90,7 +90,7 @@ static std::string LogName(const fs::path& a_pathProgram)
 
 // --------------------------------------------------------------------------------------------------------- its lines
 
-// One of the program's two streams, cut into lines.
+// One of the program's two streams, split into lines.
 class CLcctlStream
 {
 public:
@@ -103,13 +103,13 @@ public:
             if (ch == '\n')
                 Log();
             else
-                m_strLine += ch == '\0' ? '?' : ch;   // a zero would end the line in the log
+                m_strLine += ch == '\0' ? '?' : ch;   // a zero would end the log line
             if (m_strLine.size() == g_sizetLongestLine)
                 Log();
         }
     }
 
-    // The last line may have no end.
+    // The last line may be incomplete.
     void Finish()
     {
         if (!m_strLine.empty())
@@ -117,7 +117,7 @@ public:
     }
 
 private:
-    // The number of the line stands where the source line stands in other logs.
+    // Uses the line's number in place of the source line.
     void Log()
     {
         if (m_strLine.ends_with('\r'))
@@ -134,7 +134,7 @@ private:
 
 // ------------------------------------------------------------------------------------------------------- the command
 
-// The program writes until it ends; what asks us to end goes to it.
+// Logs until the program ends; requests to end this process are forwarded to it.
 static void LogUntilItEnds(COsThread& a_osthread, const CLcctlSignals& a_signals)
 {
     CLcctlStream streamOutput("stdout", OS_LOG_NOTE);

@@ -1,4 +1,4 @@
-// lcctl_signal.cpp: noting signals, and handing them on.
+// lcctl_signal.cpp: recording and forwarding signals.
 #include "lcctl_signal.h"
 
 #include <csignal>
@@ -6,7 +6,7 @@
 #include <sys/types.h>
 
 static volatile std::sig_atomic_t g_iAsked = 0;
-static volatile std::sig_atomic_t g_iPassed = 0;   // the one to hand on, 0 for none
+static volatile std::sig_atomic_t g_iPassed = 0;   // the one to forward, 0 for none
 
 static constexpr int g_aiSignal[] = {SIGINT, SIGTERM, SIGHUP};
 

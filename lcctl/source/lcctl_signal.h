@@ -3,7 +3,8 @@
 
 #include <cstdint>
 
-// For its life, what asks this process to end (interrupt, termination, hang-up) is noted instead; one object at a time.
+// During its lifetime requests to end this process (interrupt, termination, hang-up) are only recorded; one object at a
+// time.
 class CLcctlSignals
 {
 public:
@@ -12,10 +13,10 @@ public:
     CLcctlSignals(const CLcctlSignals&) = delete;
     CLcctlSignals& operator=(const CLcctlSignals&) = delete;
 
-    // Hands what was noted since the last call to a process. An interrupt stays here: the terminal gives it to both.
-    // Process 0 is none.
+    // Forwards recorded signals to a process. An interrupt is not forwarded, because the terminal sends it to both.
+    // Process 0: does nothing.
     void PassOn(uint64_t a_u64ProcessId) const;
 };
 
-// True when the process was asked to end while a CLcctlSignals lives.
+// True when the process was asked to end while a CLcctlSignals exists.
 bool LcctlAskedToEnd();

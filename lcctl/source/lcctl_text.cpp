@@ -1,4 +1,4 @@
-// lcctl_text.cpp: amounts as people write them, and as they are shown.
+// lcctl_text.cpp: durations and sizes: parsing and formatting.
 #include "lcctl_text.h"
 
 #include <fmt/format.h>
@@ -13,7 +13,7 @@ static constexpr std::pair<std::string_view, int64_t> g_apairUnit[] = {
     {"month", 2629800}, {"y", 31557600}, {"sec", 1},  {"hours", 3600}, {"days", 86400}, {"weeks", 604800},
 };
 
-// The number that the text begins with, which is taken off it.
+// Parses and removes a number from the front of the text.
 static std::optional<uint64_t> TakeNumber(std::string_view& a_sv)
 {
     uint64_t u64Number = 0;
@@ -60,7 +60,7 @@ std::optional<uint64_t> LcctlParseSize(const std::string& a_strText)
     if (!number || sv.size() > 1)
         return std::nullopt;
     constexpr std::string_view svUnits = "KMGT";
-    const size_t sizetUnit = sv.empty() ? 0 : svUnits.find(sv[0]) + 1;   // 0: none, also behind the last one
+    const size_t sizetUnit = sv.empty() ? 0 : svUnits.find(sv[0]) + 1;   // 0: no unit, also for an unknown one
     if (!sv.empty() && sizetUnit == 0)
         return std::nullopt;
     const uint64_t u64Factor = uint64_t{1} << (10 * sizetUnit);

@@ -1,4 +1,4 @@
-// lcctl_text.h: amounts as people write them, and as they are shown.
+// lcctl_text.h: durations and sizes: parsing and formatting.
 #pragma once
 
 #include <cstdint>
@@ -6,10 +6,11 @@
 #include <optional>
 #include <string>
 
-// "36h", "14d", "2w", "1d12h" in seconds: s, min (or m), h, d, w, month, y; none for anything else, also for 0 and "".
+// Parses "36h", "14d", "2w", "1d12h" to seconds: s, min (or m), h, d, w, month, y; none for anything else, including 0
+// and "".
 std::optional<int64_t> LcctlParseDuration(const std::string& a_strText);
 
-// "500M", "5G", "1024" in bytes: K, M, G, T, each 1,024 times the one before; none for anything else.
+// Parses "500M", "5G", "1024" to bytes: K, M, G, T, each 1,024 times the one before; none for anything else.
 std::optional<uint64_t> LcctlParseSize(const std::string& a_strText);
 
 // "3 d", "5 h", "12 s".
@@ -18,7 +19,7 @@ std::string LcctlDurationText(int64_t a_i64Seconds);
 // "0", "999", "1.2K", "5.0G".
 std::string LcctlSizeText(uint64_t a_u64Bytes);
 
-// A check of an option's value by one of the parsers above; "VALUE TEXT" is the error.
+// Validates an option's value with one of the parsers above; the error is "VALUE TEXT".
 template <typename Parser>
 std::function<std::string(const std::string&)> LcctlCheck(Parser a_parser, const std::string& a_strText)
 {

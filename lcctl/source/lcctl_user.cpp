@@ -1,4 +1,4 @@
-// lcctl_user.cpp: homes and their owners, and acting for one of them.
+// lcctl_user.cpp: homes and their owners, acting with another user's rights.
 #include "lcctl_user.h"
 
 #include <algorithm>
@@ -26,7 +26,7 @@ std::optional<uint32_t> LcctlHomeOwner(const fs::path& a_path)
         std::error_code errorcode;
         const fs::path pathHome = fs::canonical(ppasswd->pw_dir, errorcode);
         const auto length = static_cast<size_t>(std::distance(pathHome.begin(), pathHome.end()));
-        if (errorcode || length < 2 || length <= sizetLongest)   // "/" is nobody's home
+        if (errorcode || length < 2 || length <= sizetLongest)   // "/" is not a home
             continue;
         if (std::mismatch(pathHome.begin(), pathHome.end(), a_path.begin(), a_path.end()).first == pathHome.end())
         {
@@ -38,7 +38,7 @@ std::optional<uint32_t> LcctlHomeOwner(const fs::path& a_path)
     return user;
 }
 
-// Without its return there is no safe way to go on.
+// If the rights cannot be restored, there is no safe way to continue.
 static void Require(bool a_blDone)
 {
     if (!a_blDone)

@@ -1,5 +1,5 @@
-// lcctl_user.h: who this process is, and acting for another user, so that what his folders lead to is no more than he
-// may do himself.
+// lcctl_user.h: the current user, and acting with another user's rights, so that links in that user's folders lead to
+// nothing that this user may not change.
 #pragma once
 
 #include <cstdint>
@@ -8,11 +8,11 @@
 
 uint64_t LcctlOwnProcessId();
 
-// The user in whose home a path lies, by the user database; none for other places.
+// The user whose home contains the path, by the user database; none for other places.
 std::optional<uint32_t> LcctlHomeOwner(const std::filesystem::path& a_path);
 
-// For its life, the files of this process are opened and deleted with that user's rights, where this process is the
-// system's user and there is another one. The process has one thread.
+// During its lifetime this process opens and deletes files with that user's rights, if this process is root's and the
+// user is another one. The process must have one thread.
 class CLcctlActAs
 {
 public:

@@ -1,8 +1,8 @@
 // logcollector.cpp: the entry of the collector program and its run modes.
 //
-// In collect mode an application starts it with its process id; it takes the log streams of that application's
-// processes and ends when the application has gone or the collector asks for it. In clean mode it removes expired log
-// folders. Its exit code is always 0.
+// In collect mode it is started by an application with that application's process id, receives the log streams of its
+// processes, and ends when the application has ended or the collector requests it. In clean mode it removes expired log
+// folders. The exit code is always 0.
 #include "logcollector_args.h"
 #include "logcollector_clean.h"
 
@@ -23,7 +23,7 @@ static constexpr uint32_t g_u32WatchPeriod = 1000;
 static constexpr uint32_t g_u32SettleStep = 50;
 static constexpr uint32_t g_u32SettleSteps = 100;
 
-// The program logs itself only when it is asked to.
+// The program's own logging is off unless requested.
 static void ChooseOwnLogging()
 {
     char szState[16];
@@ -39,8 +39,8 @@ static bool StopIsAsked()
     return g_bLogCollectorStop.load() != 0;
 }
 
-// Returns when the application has gone, or when the collector asks for the end. A process that cannot be opened counts
-// as gone. It stays open, so that a collector whose descriptors are used up does not take it for one.
+// Returns when the application has ended or the collector requests the end. A process that cannot be opened counts as
+// ended; the handle stays open, so that a lack of descriptors cannot look like that.
 static void WatchApplication(PlatHandle a_plathandle)
 {
     while (a_plathandle != PLAT_INVALID && !StopIsAsked() &&
@@ -49,7 +49,7 @@ static void WatchApplication(PlatHandle a_plathandle)
     }
 }
 
-// The application has gone: its streams end by themselves, with all that is still on its way.
+// The application has ended: waits until its streams have delivered the data in flight and ended.
 static void LetReadersSettle()
 {
     for (uint32_t u32Step = 0; u32Step < g_u32SettleSteps && !StopIsAsked(); ++u32Step)

@@ -38,7 +38,7 @@ namespace
 struct Option
 {
     const char* szPrefix;
-    RunMode runmode;   // None: leaves the mode as it is
+    RunMode runmode;   // None: does not change the mode
     void (*pfnTake)(const char* a_szValue, LogCollectorArgs& a_logcollectorargs);
 };
 }   // namespace

@@ -5,7 +5,7 @@
 
 enum class RunMode : uint32_t
 {
-    None = 0,   // the library is started and stopped, nothing else happens
+    None = 0,   // only starts and stops the library
     Collect = 1,
     Clean = 2,
 };
@@ -19,6 +19,6 @@ struct LogCollectorArgs
     char szSubfolder[64] = {};
 };
 
-// Reads the arguments behind the program's name. The last one that chooses a mode wins; a value that does not fit or
-// does not decode leaves its field empty.
+// Parses the arguments after the program's name. The last one that selects a mode wins; a value that does not fit or
+// cannot be decoded leaves its field empty.
 RunMode LogCollectorParse(int a_iArguments, char* const* a_aszArgument, LogCollectorArgs& a_logcollectorargs);

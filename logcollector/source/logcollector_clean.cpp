@@ -15,7 +15,7 @@ static constexpr char g_szSource[] = "logcollector/source/logcollector_clean";
 static constexpr EOSPATH g_aeospath[] = {OS_PATH_WRITEABLE_FOLDER_BRAND_LEGACY, OS_PATH_WRITEABLE_FOLDER_BRAND_LOCAL,
                                          OS_PATH_WRITEABLE_FOLDER_BRAND_ROAMING};
 
-// "." and "..", and what some systems take for them.
+// "." and "..", and variants that some systems treat the same.
 static bool IsDots(std::string_view a_svComponent)
 {
     return !a_svComponent.empty() && a_svComponent.find_first_not_of(". ") == std::string_view::npos;
@@ -27,7 +27,7 @@ static bool IsLink(const char* a_szPath)
     return OsFileGetInfo(a_szPath, &osfileinfo) == EOSSTS_SUCCESS && osfileinfo.blLink;
 }
 
-// Looks at each component of the path behind its first a_sizetBrand bytes.
+// Checks each component of the path after its first a_sizetBrand bytes.
 static bool StaysInside(const char* a_szPath, size_t a_sizetBrand)
 {
     const std::string_view svPath = a_szPath;

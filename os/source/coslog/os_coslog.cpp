@@ -35,7 +35,7 @@ COsLog* OsLogGet()
     return g_poslog.load(std::memory_order_acquire);
 }
 
-// In a fork, before it logs.
+// In a forked child, before it logs.
 void COsLog::LeaveToParent()
 {
     const COsLog* const poslog = OsLogGet();
@@ -120,8 +120,8 @@ void COsLog::TakeCollector(COsLogCollector* a_poslogcollector)
 
 // ------------------------------------------------------------------------------------------------------ creation
 
-// "@NAME@FILE": the environment variable's value and FILE, empty when that is too long. False for a path of another
-// form.
+// Expands "@NAME@FILE" to the environment variable's value followed by FILE; empty when that is too long. False for a
+// path of another form.
 static bool ExpandPath(const char* a_szLogFile, char* a_szExpanded, const char** a_pszFile)
 {
     const char* const szLast = std::strrchr(a_szLogFile, '@');
@@ -145,7 +145,7 @@ static bool ExpandPath(const char* a_szLogFile, char* a_szExpanded, const char**
     return true;
 }
 
-// At creation the file gets the name of the library's own module: several programs may be given the same path.
+// Several programs may be given the same path, so the file name gets the name of the module that contains this library.
 static void AddModuleName(char* a_szLogFile, const char* a_szFile)
 {
     if (char* const szDot = std::strrchr(a_szLogFile + (a_szFile - a_szLogFile), '.'))
@@ -175,7 +175,7 @@ COsLogImpl::COsLogImpl(const COsLog::CreateArgs& a_createargs)
     m_oslogfilter.Set(a_createargs.szFilter ? a_createargs.szFilter : "", " ", false);
 }
 
-// A process starts in state 88, or in 99 when MVR_NOLOGGING says so.
+// The initial state of a process is 88, or 99 when MVR_NOLOGGING is set.
 void COsLogImpl::SetStateFromEnvironment()
 {
     OsLogSetState(static_cast<int>(OsEnvGetNumber("MVR_NOLOGGING", 0)));
@@ -249,7 +249,7 @@ void COsLogImpl::StartPath(const char* a_szLogFile)
         m_oslogdestination.SetPath(blExpanded ? szExpanded : a_szLogFile, true, 0);
 }
 
-// What is taken out of the word and means something stays in force until the logger goes.
+// OS_LOGFLAG_LEVEL32, once set, stays in force for later starts; a request in the status file resets it.
 void COsLogImpl::SetFlags(uint32_t a_u32Flags, uint32_t a_u32TakenOut)
 {
     m_u32StartWord = a_u32Flags;
@@ -268,7 +268,7 @@ void COsLogImpl::SetWorkingWord(uint32_t a_u32Flags)
 
 // -------------------------------------------------------------------------------------------------------- status
 
-// The process tells what it logs as soon as it does, and no process does that was told to log nothing.
+// The status file is opened when logging begins, and not at all in a process whose logging is disabled.
 void COsLogImpl::OpenStatus()
 {
     if (OsLogGetState() == OS_LOGSTATE_OFF)
@@ -285,7 +285,7 @@ void COsLogImpl::OpenStatus()
     SetWorkingWord(WorkingWord());
 }
 
-// One thread makes the change. A wish that has gone, with its file, leaves the flags as they are.
+// One thread applies the change. A request that disappeared with its file leaves the flags unchanged.
 void COsLogImpl::TakeWish(uint64_t a_u64Wish)
 {
     uint64_t u64Before = m_u64Wish.load();
@@ -296,14 +296,14 @@ void COsLogImpl::TakeWish(uint64_t a_u64Wish)
     SetFlags(static_cast<uint32_t>(a_u64Wish), g_u32FlagsTakenOut);
 }
 
-// True when it has connected to the application's own collector.
+// Connects to the application's own collector. The result says whether it did.
 COsLogImpl::Collector COsLogImpl::StartCollector()
 {
     const char* const szLogFile = LogFile();
     if (m_oslogdestination.HasCollector() || !*szLogFile)
         return Collector::Nothing;
     const bool blPrivate = StrICmp(OsCfgGetCommon("LogCollector", "enabled"), "enabled") == 0;
-    // Other threads wait for the end of it instead of losing their lines.
+    // Other threads wait until this is finished instead of losing their lines.
     const OsLogGuard oslogguard(m_osloglockFirst, OS_LOGFIRSTTIMEOUT);
     const COsLogSuppress oslogsuppress;
     std::unique_ptr<COsLogCollector> uniqueCollector(new (std::nothrow) COsLogCollector(
@@ -317,7 +317,7 @@ COsLogImpl::Collector COsLogImpl::StartCollector()
     return blPrivate ? Collector::Private : Collector::Nothing;
 }
 
-// Whoever held a lock, or had logging suppressed, is not in this process.
+// The threads that held a lock or had suppressed logging do not exist in the forked child.
 void COsLogImpl::LeaveToParent()
 {
     m_osloglockFirst.Release();

@@ -1,7 +1,8 @@
-// os_coslog_call.cpp: the log call: whether a line passes, what comes before a first line, the line, failed checks.
+// os_coslog_call.cpp: the log call: the check whether a line passes, the work before a first line, the line, failed
+// checks.
 //
-// What does not pass costs a few loads and comparisons. What passes takes the thread's slot; a thread that is inside
-// the logger already, on whichever way, drops its line.
+// A line that does not pass costs a few loads and comparisons. A line that passes takes the thread's slot; a call from
+// within the logger (same thread) is dropped.
 #include "os_coslog_format.h"
 #include "os_coslog_header.h"
 #include "os_coslog_impl.h"
@@ -44,8 +45,8 @@ bool COsLogImpl::FilterPasses(const OsLogCall& a_oslogcall) const
     return a_oslogcall.u32Level == OS_LOG_ERROR || m_oslogfilter.Passes(a_oslogcall.szFile);
 }
 
-// Logging is suppressed also while another thread does what comes before a first line. Its end is waited for, but not
-// from inside the logger, where that thread may wait for this one.
+// Logging is also suppressed while another thread prepares a first line. The call waits until that ends, but not from
+// inside the logger: the two threads might wait for each other.
 bool COsLogImpl::StateAllows()
 {
     int iState = OsLogGetState();
@@ -62,7 +63,7 @@ bool COsLogImpl::StateAllows()
     }
     if (iState == OS_LOGSTATE_OFF)
         m_osloghealth.LostWhileOff();
-    // The lock may have been let go, and the state with it, after the first look at the state.
+    // The lock may have been released, and the state changed, since the state was read.
     return (iState == OS_LOGSTATE_SUPPRESSED ? OsLogGetState() : iState) == OS_LOGSTATE_ON;
 }
 
@@ -85,7 +86,7 @@ bool COsLogImpl::LevelPasses(uint32_t a_u32Level) const
 
 // ------------------------------------------------------------------------------------------------------ the line
 
-// True: it has got somewhere.
+// True when the line was written or sent.
 bool COsLogImpl::LogLine(const OsLogCall& a_oslogcall, va_list a_valist)
 {
     const OsLogKeepError oslogkeeperror;
@@ -135,7 +136,7 @@ bool COsLogImpl::WriteLine(OsLogSlot& a_oslogslot, const char* a_szFormat, va_li
     return m_oslogdestination.Write(a_oslogslot);
 }
 
-// OS_LOGLOST_LAST: it is formatted. Without memory the logging goes off.
+// Returns OS_LOGLOST_LAST when the message was formatted. Without memory logging is switched off.
 EOSLOGLOST COsLogImpl::FormatMessage(OsLogSlot& a_oslogslot, const char* a_szFormat, va_list a_valist)
 {
     const auto format = [&] { return OsFormat(a_oslogslot.Message(), a_oslogslot.sizetBuffer, a_szFormat, a_valist); };
@@ -155,12 +156,12 @@ EOSLOGLOST COsLogImpl::FormatMessage(OsLogSlot& a_oslogslot, const char* a_szFor
         OsLogSetState(OS_LOGSTATE_OFF);
         return OS_LOGLOST_MEMORY;
     }
-    // A text that another thread changes meanwhile may have grown: it is cut at the room that was made for it.
+    // Another thread may have lengthened a text argument meanwhile: the message is cut at the allocated size.
     a_oslogslot.sizetMessage = std::min(static_cast<size_t>(std::max(format(), 0)), sizetLength);
     return OS_LOGLOST_LAST;
 }
 
-// A failed check inside the logger has asked for a flush: it is done while the thread still counts as inside.
+// A failed check inside the logger requested a flush: it is done while the thread is still marked as inside.
 void COsLogImpl::Leave(OsLogSlot& a_oslogslot)
 {
     COsLogDestination::Close(a_oslogslot);
@@ -169,7 +170,8 @@ void COsLogImpl::Leave(OsLogSlot& a_oslogslot)
     m_oslogslots.Leave(a_oslogslot);
 }
 
-// A line like any other, behind the first that got through. If it is lost as well, all is told later.
+// Logs the losses as a line of its own, after the first line that was written. If it is lost too, the losses are
+// reported later.
 void COsLogImpl::TellLost()
 {
     char szLost[OS_PATHSIZE];
@@ -182,7 +184,7 @@ void COsLogImpl::TellLost()
 
 // ------------------------------------------------------------------------------------------------- before the line
 
-// Everything that has to be so before the line is formatted. False: the line is dropped.
+// Does what must be done before the line is formatted. False: the line is dropped.
 bool COsLogImpl::Prepare(OsLogSlot& a_oslogslot)
 {
     return IsPrepared(*a_oslogslot.poslogpath) ? Open(a_oslogslot) : PrepareFirst(a_oslogslot);
@@ -214,7 +216,7 @@ bool COsLogImpl::PrepareFirst(OsLogSlot& a_oslogslot)
     return Open(a_oslogslot) && oslogheader.WriteIfPending();
 }
 
-// Looked up until it has been there once.
+// Checked until the folder has existed once.
 bool COsLogImpl::FolderIsThere(const OsLogSlot& a_oslogslot)
 {
     if (m_blFolderFound.load(std::memory_order_relaxed))
@@ -232,7 +234,7 @@ bool COsLogImpl::FolderIsThere(const OsLogSlot& a_oslogslot)
     return blFound;
 }
 
-// MVR_DEBUGDIR names a folder where this run logs into a file of its own, named by the time of its first line.
+// MVR_DEBUGDIR names a folder where this run logs into a separate file, named by the time of its first line.
 void COsLogImpl::Redirect(OsLogSlot& a_oslogslot)
 {
     if (!m_blRedirectPending.load(std::memory_order_relaxed))
@@ -258,8 +260,8 @@ void COsLogImpl::Redirect(OsLogSlot& a_oslogslot)
 
 // ------------------------------------------------------------------------------------------------- failed checks
 
-// Runs for every failed check, also when its line was dropped. Inside the logger the flush is left to the call that
-// is under way.
+// Runs for every failed check, even if its line was dropped. Inside the logger the flush is left to the log call in
+// progress.
 void COsLogImpl::CheckFailed(const OsLogCall& a_oslogcall)
 {
     const OsLogKeepError oslogkeeperror;

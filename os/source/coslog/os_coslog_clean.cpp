@@ -1,7 +1,7 @@
 // os_coslog_clean.cpp: the cleaner of the log folders.
 //
-// One walk goes through the folders and, where a log folder has expired and nobody holds it, deletes that on the spot:
-// it follows no link, and nothing that changes while it walks leads it out of the tree.
+// One walk goes through the folders and deletes each log folder that has expired and is not in use. It follows no link,
+// and changes during the walk cannot lead it out of the tree.
 #include "os_coslog.h"
 
 #include "os_cosfile_tree.h"
@@ -18,9 +18,9 @@ static constexpr char g_szSource[] = "os/source/os_coslog";
 
 static constexpr char g_szLogFileSuffix[] = ".log";
 static constexpr int64_t g_i64HourSeconds = 3600;
-static constexpr int64_t g_i64Second = 10000000;   // as PlatClock counts
+static constexpr int64_t g_i64Second = 10000000;   // in PlatClock units
 
-// A path without one of these words is none of the product's.
+// A path without one of these words does not belong to the product.
 static constexpr const char* g_aszBrandWord[] = {"orvane", "mvr_orvane", "brisal", "quorra"};
 
 static bool IsOfTheProduct(const char* a_szPath)
@@ -29,7 +29,8 @@ static bool IsOfTheProduct(const char* a_szPath)
                        [a_szPath](const char* a_szWord) { return StrIstr(a_szPath, a_szWord) != nullptr; });
 }
 
-// The log folder that this process writes to; a folder above its log file where that is in none, "" without one.
+// The log folder that this process writes to; if its log file is in none, the folder of that file; "" without a log
+// file.
 static void FindProtectedFolder(char (&a_szFolder)[OS_PATHSIZE])
 {
     const COsLog* const poslog = OsLogGet();
@@ -94,7 +95,7 @@ void FolderCleaner::Clean(const char* a_szFolder)
     }
 }
 
-// A folder whose path is not known may be the protected one.
+// A folder whose path is unknown may be the protected one.
 bool FolderCleaner::MayTouch() const
 {
     if (!m_osfiletree.IsFolder() || m_osfiletree.Name()[0] == '.')
@@ -107,7 +108,7 @@ bool FolderCleaner::MayTouch() const
     return !m_szProtected[0] || StrIstr(m_osfiletree.Path(), m_szProtected) != m_osfiletree.Path();
 }
 
-// A folder that cannot be looked into stays.
+// A folder that cannot be read is kept.
 void FolderCleaner::CleanLogFolder()
 {
     if (!m_osfiletree.Enter())
@@ -118,8 +119,8 @@ void FolderCleaner::CleanLogFolder()
         OsLogFolderDelete(m_osfiletree);
 }
 
-// Of the folder that the walk is in. Nobody promises in which order a search finds the log files: the newest one
-// counts. A log file of the future is not old.
+// Judges the walk's current folder by its newest log file: the order of a search is undefined. A log file dated in the
+// future is not old.
 bool FolderCleaner::IsExpired()
 {
     if (m_i32Hours <= 0)

@@ -1,4 +1,4 @@
-// os_coslog_destination.cpp: the path, the collector, the own file, the write-out.
+// os_coslog_destination.cpp: the path, the collector, the own file, writing.
 #include "os_coslog_destination.h"
 
 #include "os_coslog_format.h"
@@ -50,8 +50,8 @@ static void FillPath(OsLogPath& a_oslogpath, const char* a_szLogFile)
     std::memcpy(pchSuffix, OS_LOGOWNSUFFIX, sizeof OS_LOGOWNSUFFIX);
 }
 
-// Of a fork of the process that used the path. It gets no header, which would ask code whose locks others may have
-// held.
+// For the forked child of the process that used the path. It writes no header: creating one calls code whose locks
+// other threads of the parent may have held.
 static void MovePath(OsLogPath& a_oslogpath)
 {
     char* const pchSuffix = a_oslogpath.szOwnFile + std::strlen(a_oslogpath.szLogFile) - (sizeof OS_LOGFILESUFFIX - 1);
@@ -73,7 +73,7 @@ static OsLogPath* FindPath(OsLogPath* a_poslogpath, const char* a_szLogFile)
     return a_poslogpath;
 }
 
-// The file of the path before is closed as soon as no call works with it any more.
+// The file of the previous path is closed when the last call that uses it returns.
 void COsLogDestination::SetPath(const char* a_szLogFile, bool a_blHeaderPending, int32_t a_i32LineCounter)
 {
     std::unique_ptr<OsLogPath> uniquePath(new (std::nothrow) OsLogPath{});
@@ -129,7 +129,7 @@ void COsLogDestination::TakeCollector(COsLogCollector* a_poslogcollector)
     poslogclientBefore->uniqueCollector.reset();
 }
 
-// The client for one call, which counts itself out; null for none.
+// The client for one call, with its call count raised; null for none.
 OsLogClient* COsLogDestination::EnterClient()
 {
     while (OsLogClient* const poslogclient = m_poslogclient.load())
@@ -137,12 +137,13 @@ OsLogClient* COsLogDestination::EnterClient()
         ++poslogclient->u32Calls;
         if (m_poslogclient.load() == poslogclient)
             return poslogclient;
-        --poslogclient->u32Calls;   // it has been replaced, and may be ended already
+        --poslogclient->u32Calls;   // replaced meanwhile, and possibly ended
     }
     return nullptr;
 }
 
-// Of a line that could not be sent the collector may have got a part: it goes whole to the file, like all that follow.
+// The collector may have received a part of a line that could not be sent: the whole line goes to the file, like all
+// that follow.
 bool COsLogDestination::Send(std::span<const char> a_spanLine)
 {
     OsLogClient* const poslogclient = EnterClient();
@@ -157,8 +158,8 @@ bool COsLogDestination::Send(std::span<const char> a_spanLine)
     return false;
 }
 
-// The first thread that finds it failed makes the switch; the others wait for that. A line of the process must not get
-// into a file that the collector may go on with, nor onto the end of a line of which it wrote a part.
+// The first thread that notices the failure makes the switch; the others wait for it. No line may get into a file that
+// the collector may still write, nor onto the end of a line of which it wrote a part.
 void COsLogDestination::GiveUp(const OsLogClient& a_oslogclient, bool a_blLives)
 {
     const std::lock_guard<std::mutex> guard(m_mutexClient);
@@ -176,7 +177,7 @@ void COsLogDestination::GiveUp(const OsLogClient& a_oslogclient, bool a_blLives)
     m_poslogclient.store(nullptr, std::memory_order_release);
 }
 
-// The current path is not in the list when the fork came in the middle of setting it.
+// The current path is not in the list when the fork happened while it was being set.
 void COsLogDestination::LeaveToParent()
 {
     m_osloglock.Release();
@@ -202,7 +203,7 @@ void COsLogDestination::LeaveToParent()
 
 // ------------------------------------------------------------------------------------------------------- the file
 
-// Lets go of the file that a path keeps open; calls that work with it go on.
+// Drops the path's reference to its open file; calls that use the file continue.
 void COsLogDestination::CloseKept(OsLogPath* a_poslogpath)
 {
     OsLogFile* poslogfile = nullptr;
@@ -211,7 +212,7 @@ void COsLogDestination::CloseKept(OsLogPath* a_poslogpath)
     OsLogFile::Release(poslogfile);
 }
 
-// The file that a path keeps open, for one more user; null when there is none.
+// Adds a reference to the file that a path keeps open; null when there is none.
 OsLogFile* COsLogDestination::TakeKept(const OsLogPath* a_poslogpath)
 {
     const OsLogGuard oslogguard(m_osloglock);
@@ -219,7 +220,7 @@ OsLogFile* COsLogDestination::TakeKept(const OsLogPath* a_poslogpath)
     return poslogfile ? poslogfile->AddUser() : nullptr;
 }
 
-// Opens the file for this call, and for those that follow while its path is the current one.
+// Opens the file for this call and for later calls while its path is the current one.
 bool COsLogDestination::OpenNew(OsLogSlot& a_oslogslot)
 {
     OsLogPath* const poslogpath = a_oslogslot.poslogpath;
@@ -244,7 +245,7 @@ bool COsLogDestination::Open(OsLogSlot& a_oslogslot)
     return false;
 }
 
-// Sees to it that this call has the file open that the path names now.
+// Ensures that this call has the file open that the path currently names.
 bool COsLogDestination::OpenFile(OsLogSlot& a_oslogslot)
 {
     OsLogPath& oslogpath = *a_oslogslot.poslogpath;
@@ -260,7 +261,7 @@ bool COsLogDestination::OpenFile(OsLogSlot& a_oslogslot)
         return false;
     if (OpenNew(a_oslogslot) || (OsLogMakeFolderOf(oslogpath.szLogFile) && OpenNew(a_oslogslot)))
     {
-        // Who took the file away may have taken the folder's lock file with it.
+        // Whoever removed the file may have removed the folder's lock file too.
         if (blTakenAway || a_oslogslot.poslogfile->blFresh)
             m_osloghold.Renew();
         return true;
@@ -299,8 +300,8 @@ bool COsLogDestination::Write(OsLogSlot& a_oslogslot)
     return true;
 }
 
-// The call's line behind what has to precede it. The system orders what is appended, but between a line that is cut and
-// the word that it was, when there is room again, no other may come.
+// Writes the call's line after any text that must precede it. The system orders appends, but no other line may come
+// between a truncated line and the note about it.
 bool COsLogDestination::AppendLine(OsLogSlot& a_oslogslot, int32_t a_i32Number)
 {
     const std::lock_guard<std::mutex> guard(m_mutexWrite);
@@ -309,8 +310,8 @@ bool COsLogDestination::AppendLine(OsLogSlot& a_oslogslot, int32_t a_i32Number)
                : Append(a_oslogslot, a_oslogslot.Line(a_i32Number));
 }
 
-// A file that is empty may be removed for that by a collector, between the look whether it is still there and the line:
-// the line is then written again.
+// A collector may remove a file that is empty between our check that it exists and our write: the line is then written
+// again.
 bool COsLogDestination::WriteFile(OsLogSlot& a_oslogslot, int32_t a_i32Number)
 {
     const bool blFresh = a_oslogslot.poslogfile->blFresh.load(std::memory_order_relaxed);
@@ -330,7 +331,7 @@ bool COsLogDestination::WriteFile(OsLogSlot& a_oslogslot, int32_t a_i32Number)
     return true;
 }
 
-// The first line of the file beside the log, as one of the call's thread and time.
+// The first line of the "-own.log" file, with the call's thread and time.
 static std::span<char> PutGoesOn(char* a_pch, const OsLogSlot& a_oslogslot, int32_t a_i32Number)
 {
     OsLogLinePrefix osloglineprefix = a_oslogslot.Prefix(a_i32Number);
@@ -347,7 +348,7 @@ static std::span<char> PutGoesOn(char* a_pch, const OsLogSlot& a_oslogslot, int3
     return {pchLine, pchMessage + std::max(iMessage, 0)};
 }
 
-// What has to precede the next line when the file took that much of one.
+// What must precede the next line when the file accepted that many bytes of this one.
 static uint32_t OwedAfter(size_t a_sizetWritten, size_t a_sizetLine)
 {
     if (a_sizetWritten == 0)
@@ -355,8 +356,8 @@ static uint32_t OwedAfter(size_t a_sizetWritten, size_t a_sizetLine)
     return a_sizetWritten + 1 == a_sizetLine ? OsLogPath::OS_LINEFEED : OsLogPath::OS_LINEEND;
 }
 
-// A disk that is full takes a part. What is written when there is room again begins a line of its own; of a line that
-// is there but for its last byte nothing is lost.
+// A full disk accepts a part of a line. The text written when there is space again begins a new line; if only the last
+// byte was missing, nothing is lost.
 bool COsLogDestination::Append(OsLogSlot& a_oslogslot, std::span<char> a_spanLine)
 {
     size_t sizetWritten = 0;
@@ -401,8 +402,8 @@ bool COsLogDestination::AppendOwed(OsLogSlot& a_oslogslot, int32_t a_i32Number)
     return AppendBehindEnd(a_oslogslot, a_oslogslot.Line(i32Number));
 }
 
-// In one piece with the line end, for which there is room before the line: other processes' lines come before both or
-// behind both.
+// One append with the preceding line end, for which space is reserved before the line: no other process can write
+// between the two.
 bool COsLogDestination::AppendBehindEnd(OsLogSlot& a_oslogslot, std::span<char> a_spanLine)
 {
     static constexpr uint32_t g_u32Ends = OsLogPath::OS_LINEEND | OsLogPath::OS_LINEFEED;

@@ -1,12 +1,13 @@
-// os_coslog_destination.h: where the lines go.
+// os_coslog_destination.h: the destination of the lines.
 //
-// Lines go to the collector while there is one that takes them, otherwise into the process's own file. What becomes of
-// a collector that fails decides which file that is: a dead one leaves the file that it wrote to the process; one that
-// lives and does not answer keeps it, and the process goes on in "<name>-own.log" beside it. Exactly one thread makes
-// that switch, and no thread writes into the file before it is done. A fork goes on in "<name>-<process id>.log".
+// Lines go to the collector while there is a working one, otherwise into the process's own file. When a collector
+// fails, its state decides which file that is: if it is dead, the process continues in the file that it wrote; if it is
+// alive and does not respond, it keeps that file, and the process continues in "<name>-own.log" beside it. Exactly one
+// thread makes the switch, and no thread writes into the file before it is done. A forked child continues in
+// "<name>-<process id>.log".
 //
-// Threads write into the own file one after the other, as the system would have it anyway: the end of a torn line, or
-// the word that the log goes on here, comes right behind what it follows.
+// A mutex serializes writes to the own file, as the system would anyway: the end of a torn line, or the note that the
+// log continues here, directly follows its context.
 #pragma once
 
 #include "os_coslog_file.h"
@@ -26,20 +27,20 @@
 
 inline constexpr char OS_LOGFILESUFFIX[] = ".log";
 inline constexpr char OS_LOGOWNSUFFIX[] = "-own.log";
-inline constexpr size_t OS_LOGOWNPATHSIZE = OS_PATHSIZE + 24;   // of that, or with a process id
+inline constexpr size_t OS_LOGOWNPATHSIZE = OS_PATHSIZE + 24;   // such a path, or one with a process id
 
-// A log file's path, and how many lines went there since the header. Never changed once it is in use: a call goes on
-// with the one that it began with while the logger is started anew.
+// A log file's path and its line count since the header. Immutable in use: a call keeps the path that it started with
+// while the logger is restarted.
 struct OsLogPath
 {
-    // What has to be written before the next line.
+    // What must be written before the next line.
     enum : uint32_t
     {
-        OS_LINEEND = 1,    // the last line got there in part
-        OS_LINEFEED = 2,   // all but its last byte did
-        OS_GOESON = 4,     // nothing was written yet into the file beside the one that the collector keeps
-        OS_FORKED = 8,     // nor into that of a fork
-        OS_UNSENT = 16,    // lines that were left to a thread that could not send them
+        OS_LINEEND = 1,    // the last line was written in part
+        OS_LINEFEED = 2,   // the last line was written but for its last byte
+        OS_GOESON = 4,     // nothing has been written yet into the "-own.log" file
+        OS_FORKED = 8,     // nothing has been written yet into the file of a forked child
+        OS_UNSENT = 16,    // lines that were queued for a thread that could not send them
     };
 
     const char* File() const { return blOwn.load(std::memory_order_acquire) ? szOwnFile : szLogFile; }
@@ -48,25 +49,25 @@ struct OsLogPath
     std::unique_ptr<OsLogPath> uniqueNext;
     char szLogFile[OS_PATHSIZE];
     char szOwnFile[OS_LOGOWNPATHSIZE];
-    bool blLogs;   // it is one of a log file
+    bool blLogs;   // it is the path of a log file
     std::atomic<bool> blHeaderPending;
     std::atomic<int32_t> i32LineCounter;
-    std::atomic<bool> blOwn;   // a collector or a parent keeps the file: the lines go to the one beside it
+    std::atomic<bool> blOwn;   // a collector or the parent keeps the file: use the one beside it
     std::atomic<uint32_t> u32Owed;
-    std::string strUnsent;                // behind room for a line end
-    std::atomic<uint64_t> u64OpenAgain;   // ticks; the file could not be opened and is not tried before
-    std::atomic<uint32_t> u32OpenError;   // why
-    OsLogFile* poslogfile;                // under the lock; null when it is not open
+    std::string strUnsent;                // after space for a line end
+    std::atomic<uint64_t> u64OpenAgain;   // ticks; an open failed, the next attempt is not before this time
+    std::atomic<uint32_t> u32OpenError;   // the error of that open
+    OsLogFile* poslogfile;                // guarded by m_osloglock; null when it is not open
 };
 
-// A collector's client, in use, given up, or replaced and ended. The record stays until the logger's end: another
-// thread may just be about to enter it.
+// A collector's client: in use, given up, or replaced and ended. The record is kept until the logger ends, because
+// another thread may be about to enter it.
 struct OsLogClient
 {
     std::unique_ptr<OsLogClient> uniqueNext;
     std::unique_ptr<COsLogCollector> uniqueCollector;
     OsLogPath* poslogpath;            // of its stream
-    std::atomic<uint32_t> u32Calls;   // that are in it
+    std::atomic<uint32_t> u32Calls;   // calls in progress
 };
 
 class COsLogDestination
@@ -82,34 +83,34 @@ public:
 
     OsLogPath* Path() const { return m_poslogpath.load(std::memory_order_acquire); }
 
-    // Makes a path the current one; without memory the one before goes on.
+    // Makes a path the current one; without memory the previous one stays.
     void SetPath(const char* a_szLogFile, bool a_blHeaderPending, int32_t a_i32LineCounter);
 
     bool UsesCollector() const { return m_poslogclient.load(std::memory_order_acquire) != nullptr; }
 
-    // There is one, be it given up. For the thread that gives them.
+    // True when a client is set, even if it was given up. Only for the thread that sets clients.
     bool HasCollector() const { return m_blCollector; }
 
-    // Null: none from now on. Ends the one before, when the calls that are in it have returned.
+    // Sets the client; null removes it. Ends the previous client when its calls have returned.
     void TakeCollector(COsLogCollector* a_poslogcollector);
 
-    // Before a line is formatted: has the collector, or the file that the path names now, ready for the slot's call.
-    // False: the line is lost. A first file that cannot be opened switches the logging off; later the line takes a
-    // number, so that the gap shows, and the file is tried again with a later line.
+    // Called before a line is formatted: prepares the collector, or opens the file that the path currently names.
+    // False: the line is lost. If the first file cannot be opened, logging is switched off; later failures consume a
+    // line number, so that the gap is visible, and a later line tries again.
     bool Open(OsLogSlot& a_oslogslot);
 
-    // Numbers the slot's message and writes it, whole, or loses it (false). A lost line's number is not used again.
+    // Numbers the slot's message and writes it completely, or loses it (false). A lost line's number is not reused.
     bool Write(OsLogSlot& a_oslogslot);
 
-    // Lets go of what the call had open.
+    // Releases the file that the call had open.
     static void Close(OsLogSlot& a_oslogslot) { OsLogFile::Release(std::exchange(a_oslogslot.poslogfile, nullptr)); }
 
-    // In a fork: the paths' files and the collector's connection stay the parent's. Lines go beside them, and no
-    // collector is asked for again.
+    // In a forked child: the files and the collector's connection remain the parent's. Lines go to a separate file, and
+    // no collector is connected again.
     void LeaveToParent();
 
     void Flush();       // the file, to the disk
-    void FlushKept();   // likewise, without an allocation: a check may fail in a signal handler
+    void FlushKept();   // the same without an allocation: a check may fail in a signal handler
 
 private:
     bool OpenFile(OsLogSlot& a_oslogslot);
@@ -128,18 +129,18 @@ private:
     bool AppendOwed(OsLogSlot& a_oslogslot, int32_t a_i32Number);
     static bool AppendBehindEnd(OsLogSlot& a_oslogslot, std::span<char> a_spanLine);
 
-    // What every call reads.
+    // Read by every call.
     std::atomic<OsLogPath*> m_poslogpath{&m_oslogpathNone};
-    std::atomic<OsLogClient*> m_poslogclient{nullptr};   // null: none, or it was given up
-    std::atomic<bool> m_blWritten{false};                // a line has got somewhere
+    std::atomic<OsLogClient*> m_poslogclient{nullptr};   // null: none, or given up
+    std::atomic<bool> m_blWritten{false};                // a line has been written or sent
 
     COsLogHold& m_osloghold;
     COsLogHealth& m_osloghealth;
     OsLogPath m_oslogpathNone = {};
-    OsLogLock m_osloglock;                      // the list of paths, and the files that they keep open
-    std::unique_ptr<OsLogPath> m_uniquePaths;   // all that were used
-    std::mutex m_mutexClient;                   // taking a client and giving it up
+    OsLogLock m_osloglock;                      // guards the list of paths and their open files
+    std::unique_ptr<OsLogPath> m_uniquePaths;   // every path used so far
+    std::mutex m_mutexClient;                   // setting a client and giving it up
     std::unique_ptr<OsLogClient> m_uniqueClients;
     bool m_blCollector = false;
-    std::mutex m_mutexWrite;   // the own file's lines, and what is owed
+    std::mutex m_mutexWrite;   // guards the own file's lines and the pending notes
 };

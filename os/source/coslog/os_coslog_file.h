@@ -1,7 +1,7 @@
-// os_coslog_file.h: a log file of this process's own, kept open between the lines.
+// os_coslog_file.h: a log file that this process writes itself, kept open between lines.
 //
-// It is asked before each line whether it still is the one that its path names: that costs less than to open it each
-// time, and nobody sees a difference. Everyone who works with it counts, and the last one closes it.
+// Before each line it is checked that the path still names the open file: that is cheaper than opening the file each
+// time, with the same effect. It is reference counted; the last release closes it.
 #pragma once
 
 #include "plat_file.h"
@@ -13,9 +13,9 @@
 
 struct OsLogFile
 {
-    // For one user. Null when it cannot be opened.
+    // Returns one reference. Null when the file cannot be opened.
     static OsLogFile* Open(const char* a_szLogFile);
-    static void Release(OsLogFile* a_poslogfile);   // null is left alone
+    static void Release(OsLogFile* a_poslogfile);   // null is allowed
 
     OsLogFile* AddUser()
     {
@@ -26,17 +26,18 @@ struct OsLogFile
 
     PlatHandle plathandle;
     std::atomic<uint32_t> u32Users;
-    std::atomic<bool> blFresh;   // it was empty, and may be removed for that until there is a line in it
+    std::atomic<bool> blFresh;   // it was empty, and may be removed as such until it has a line
 };
 
 // Makes the folder of a log file with all its parents. False for a path without a folder.
 bool OsLogMakeFolderOf(const char* a_szLogFile);
 
-// The folder of a path with its separators made alike, OS_PATHSIZE bytes; "" for a path without one and for the root.
+// The folder of a path with backslashes as separators, OS_PATHSIZE bytes; "" for the root and for a path without a
+// folder.
 void OsLogFolderOfFile(const char* a_szLogFile, char* a_szFolder);
 
-// Ends the last line of a file that a killed process may have written in part.
+// Ends the last line of a file if a killed process left it incomplete.
 void OsLogEndTornLine(const char* a_szLogFile);
 
-// Opens the file for it: whatever was written is flushed to the disk, by whomever.
+// Reopens the file, so that writes through other handles are flushed to the disk too.
 void OsLogFlushFile(const char* a_szLogFile);

@@ -1,8 +1,8 @@
 // os_coslog_filter.cpp: the filter, which chooses the sources whose lines are written.
 //
-// A filter is never changed once it is in use, so what it says to a source holds as long as the filter does. That is
-// remembered in a table that is only ever added to: calls read it without a lock. The place in the table comes from the
-// address of the file argument, which most callers have in a constant; the text alone decides.
+// A filter is immutable once in use, so its verdict for a source stays valid. Verdicts are cached in a table that only
+// grows, so calls read it without a lock. The table index comes from the address of the file argument, which is a
+// constant in most callers; the match is decided by the text alone.
 #include "os_coslog_filter.h"
 
 #include <algorithm>
@@ -10,7 +10,7 @@
 #include <new>
 #include <utility>
 
-static constexpr uint64_t g_u64Tries = 4;   // places in which a verdict may be
+static constexpr uint64_t g_u64Tries = 4;   // table entries that may hold a verdict
 static constexpr uint64_t g_u64Spread = 0x9E3779B97F4A7C15;
 
 static char Lower(char a_ch)
@@ -21,7 +21,7 @@ static char Lower(char a_ch)
 size_t OsLogSourceName(char* a_achSource, const char* a_szFile)
 {
     std::string_view strview(a_szFile ? a_szFile : "");
-    strview.remove_prefix(strview.rfind('\\') + 1);   // of no backslash: 0
+    strview.remove_prefix(strview.rfind('\\') + 1);   // without a backslash: removes 0
     strview = strview.substr(0, std::min(strview.rfind('.'), OS_PATHSIZE));
     std::transform(strview.begin(), strview.end(), a_achSource, Lower);
     return strview.size();
@@ -80,7 +80,7 @@ bool OsLogFilter::Judge(const char* a_szFile) const
 
 // ------------------------------------------------------------------------------------------------------- setting
 
-// Takes the tokens over as far as there is room for them, and never a part of one.
+// Copies the tokens that fit, each completely or not at all.
 static void FillFilter(OsLogFilter& a_oslogfilter, std::string_view a_strviewFilter, const char* a_szSeparators,
                        bool a_blLower)
 {

@@ -1,7 +1,7 @@
-// os_coslog_filter.h: which sources pass.
+// os_coslog_filter.h: the filter: which sources are logged.
 //
-// A filter is never changed once it is in use and lives as long as the logger: a call goes on with the one that it
-// began with while another is set.
+// A filter is immutable once in use and lives as long as the logger: a call keeps the filter that it started with while
+// another is set.
 #pragma once
 
 #include "os_coslog_lock.h"
@@ -11,18 +11,18 @@
 
 inline constexpr size_t OS_LOGFILTERSIZE = 128;
 inline constexpr size_t OS_LOGFILTERTOKENS = 31;
-inline constexpr size_t OS_LOGVERDICTS = 256;     // that a filter remembers
-inline constexpr size_t OS_LOGVERDICTSIZE = 56;   // of the file argument; a longer one is not remembered
+inline constexpr size_t OS_LOGVERDICTS = 256;     // cached by a filter
+inline constexpr size_t OS_LOGVERDICTSIZE = 56;   // of the file argument; a longer one is not cached
 
 struct OsLogFilter
 {
     struct Token
     {
-        std::string_view strview;   // of szText, without the "~"
+        std::string_view strview;   // in szText, without the "~"
         bool blExclude;
     };
 
-    // What the filter says to a call's file argument. Written once, by the call that claimed it.
+    // The filter's verdict for a call's file argument. Written once, by the call that claimed the entry.
     struct Verdict
     {
         enum : uint32_t
@@ -36,8 +36,8 @@ struct OsLogFilter
         char szFile[OS_LOGVERDICTSIZE];
     };
 
-    // Whether a call with this file argument, which may be null, passes. Verdicts are remembered: a call that is
-    // filtered out pays for little more than a comparison of texts. Neither locks nor allocates.
+    // Whether a call with this file argument, which may be null, passes. Verdicts are cached: a call that is filtered
+    // out costs little more than a text comparison. Neither locks nor allocates.
     bool Passes(const char* a_szFile) const;
     bool Judge(const char* a_szFile) const;
     bool Remember(Verdict& a_verdict, const char* a_szFile) const;
@@ -46,11 +46,11 @@ struct OsLogFilter
     char szText[OS_LOGFILTERSIZE];   // as the header prints it
     Token atoken[OS_LOGFILTERTOKENS];
     size_t sizetTokens;
-    bool blIncludes;                             // there is a token that is not excluded
-    std::unique_ptr<Verdict[]> uniqueVerdicts;   // null: none is remembered
+    bool blIncludes;                             // at least one token is not an exclusion
+    std::unique_ptr<Verdict[]> uniqueVerdicts;   // null: no cache
 };
 
-// The filter in force.
+// The current filter.
 class COsLogFilter
 {
 public:
@@ -62,9 +62,9 @@ public:
     bool Passes(const char* a_szFile) const { return Current()->Passes(a_szFile); }
     const char* Text() const { return Current()->szText; }
 
-    void LeaveToParent() { m_osloglock.Release(); }   // in a fork
+    void LeaveToParent() { m_osloglock.Release(); }   // in a forked child
 
-    // Takes the tokens between the separators. Without memory the filter before stays.
+    // Parses the tokens between the separators. Without memory the previous filter stays.
     void Set(const char* a_szFilter, const char* a_szSeparators, bool a_blLower);
 
 private:
@@ -73,9 +73,9 @@ private:
     std::atomic<const OsLogFilter*> m_poslogfilter{&m_oslogfilterNone};
     OsLogFilter m_oslogfilterNone = {};
     OsLogLock m_osloglock;
-    std::unique_ptr<OsLogFilter> m_uniqueFilters;   // all that were used
+    std::unique_ptr<OsLogFilter> m_uniqueFilters;   // every filter used so far
 };
 
-// The base name of a call's file argument, which may be null: what is behind the last backslash, without extension, in
-// lower case. The name has OS_PATHSIZE bytes and no end; returns its length.
+// The base name of a call's file argument, which may be null: the text after the last backslash, without extension, in
+// lower case. OS_PATHSIZE bytes, not terminated; returns its length.
 size_t OsLogSourceName(char* a_achSource, const char* a_szFile);

@@ -1,4 +1,4 @@
-// os_coslog_format.cpp: the formatting that cannot fail through the logger.
+// os_coslog_format.cpp: formatting whose errors bypass the logger.
 #include "os_coslog_format.h"
 
 #include "os_cosstring.h"
@@ -8,7 +8,7 @@
 #include <algorithm>
 #include <cstring>
 
-// Straight to the standard error stream: what is told there is that the logger itself has failed.
+// Writes directly to the standard error stream: the logger itself has failed.
 void LogTellStandardError(const char* a_szFormat, ...)
 {
     char szText[2048];

@@ -6,8 +6,8 @@
 
 #include <cstddef>
 
-// Format into a_szBuffer, or at the end of the text in it. Returns the length of the whole text, -1 when something is
-// null or does not fit; that is told on the standard error stream.
+// Format into a_szBuffer, or append to the text in it. Returns the length of the whole text; -1, reported on the
+// standard error stream, when an argument is null or the text does not fit.
 int LogSStrPrintf(char* a_szBuffer, size_t a_sizetBuffer, const char* a_szFormat, ...) OS_PRINTFLIKE(3, 4);
 int LogSStrCatf(char* a_szBuffer, size_t a_sizetBuffer, const char* a_szFormat, ...) OS_PRINTFLIKE(3, 4);
 void LogTellFormatFailed(const char* a_szFunction, const char* a_szBuffer, size_t a_sizetBuffer,

@@ -1,7 +1,7 @@
 // os_coslog_header.cpp: the header block: the run, the machine, the system, the program, its arguments, the log file.
 //
 // It is written through the slot of the call that triggers it, with that call's prefix. Logging is suppressed
-// meanwhile: what the questions asked here log goes nowhere.
+// meanwhile, so functions called here cannot log.
 #include "os_coslog_header.h"
 
 #include "os_cfg.h"
@@ -24,8 +24,8 @@
 #include <new>
 
 static constexpr size_t g_sizetCommandLine = 65536;
-static constexpr size_t g_sizetCommandLineMost = size_t{16} << 20;   // more than the system lets a program have
-static constexpr size_t g_sizetArgumentsMargin = 128;   // of the line buffer, that the arguments leave free
+static constexpr size_t g_sizetCommandLineMost = size_t{16} << 20;   // more than the system allows
+static constexpr size_t g_sizetArgumentsMargin = 128;   // bytes of the line buffer that the arguments leave free
 
 std::atomic<OsLogTextProc> g_poslogresourceproc{nullptr};
 std::atomic<OsLogTextProc> g_poslogsetupproc{nullptr};
@@ -56,7 +56,7 @@ void COsLogHeader::Write()
     });
 }
 
-// One line: what a_piece appends, which returns the length of all.
+// Writes one line: a_piece appends to it and returns the total length.
 template <class Piece>
 void COsLogHeader::Line(Piece a_piece)
 {
@@ -202,7 +202,7 @@ void COsLogHeader::OsLine()
 
 // ------------------------------------------------------------------------------------------------------- modules
 
-// As many fields as the version has, two at least.
+// As many fields as the version has, at least two.
 static void PutVersion(char* a_szVersion, const uint16_t (&a_au16Version)[4])
 {
     SStrPrintf(a_szVersion, OS_LOGVERSIONSIZE, "%d.%d", a_au16Version[0], a_au16Version[1]);
@@ -221,7 +221,7 @@ static void FileVersion(const char* a_szModule, char* a_szVersion)
     PutVersion(a_szVersion, au16Version);
 }
 
-// The environment keeps it for later headers.
+// Cached in an environment variable for later headers.
 void OsLogExeVersion(char* a_szVersion)
 {
     char szName[64];
@@ -289,7 +289,7 @@ void COsLogHeader::ModuleLines()
 
 // ----------------------------------------------------------------------------------------------------- arguments
 
-// The whole command line, whatever room it takes; null when there is none. Of one that cannot be read: "".
+// The complete command line, however long; null without memory, "" when it cannot be read.
 static std::unique_ptr<char[]> CommandLine()
 {
     for (size_t sizetRoom = g_sizetCommandLine; sizetRoom <= g_sizetCommandLineMost; sizetRoom *= 2)

@@ -4,13 +4,14 @@
 #include "os_coslog_destination.h"
 #include "os_coslog_slots.h"
 
-// Writes the block through the slot of the call that triggers it, with that call's prefix. Of one thread at a time.
+// Writes the block through the slot of the call that triggers it, with that call's prefix. Used by one thread at a
+// time.
 class COsLogHeader
 {
 public:
     struct Run
     {
-        uint32_t u32Flags;   // as the last start was given them
+        uint32_t u32Flags;   // from the last start
         const char* szFilter;
     };
 
@@ -40,5 +41,5 @@ private:
     Run m_run;
 };
 
-// The size of the stack of the thread that asked first, in bytes.
+// The stack size of the first thread that called this, in bytes.
 uint64_t OsLogStackSize();

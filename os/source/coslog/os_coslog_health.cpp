@@ -1,4 +1,4 @@
-// os_coslog_health.cpp: counting, the line that says what was lost, the answer.
+// os_coslog_health.cpp: counting, the line that reports losses, the answer.
 #include "os_coslog_health.h"
 
 #include "os_coslog_format.h"
@@ -13,7 +13,7 @@ static constexpr uint64_t g_u64OwedAgain = 1000;   // ms
 
 // --------------------------------------------------------------------------------------------------------- counting
 
-// The status file's count may be one behind until the next line: a second atomic addition would cost each line more.
+// The status file's count may lag by one until the next line: a second atomic addition would slow down each line.
 static void Count(std::atomic<uint64_t>& a_u64Own, std::atomic<uint64_t>& a_u64Status)
 {
     a_u64Status.store(a_u64Own.fetch_add(1, std::memory_order_relaxed) + 1, std::memory_order_relaxed);
@@ -33,7 +33,7 @@ void COsLogHealth::Wrote(EOSLOGWHERE a_eoslogwhere)
     SetWhere(a_eoslogwhere);
 }
 
-// What could not be formatted has been told on the standard error stream.
+// Formatting failures have been reported on the standard error stream.
 static bool IsTold(EOSLOGLOST a_eosloglost)
 {
     return a_eosloglost != OS_LOGLOST_FORMAT;

@@ -1,7 +1,7 @@
-// os_coslog_health.h: how the logger fares: where its lines go, what was written and what was lost, and why.
+// os_coslog_health.h: the logger's state: its destination, and the numbers of lines written and lost by reason.
 //
-// It is counted here for this process and in the status file for others. Nothing waits, but for a few instructions: a
-// line is counted wherever it is lost, also in a signal handler.
+// Counted here for this process and in the status file for others. Lines are also lost in signal handlers, so nothing
+// here blocks for more than a few instructions.
 #pragma once
 
 #include "os_coslog_lock.h"
@@ -20,10 +20,10 @@ public:
     void Wrote(EOSLOGWHERE a_eoslogwhere);
     void Lost(EOSLOGLOST a_eosloglost);
 
-    // By what the system said of a file. a_eosloglost is why when the disk has room.
+    // Classifies by the file's system error. a_eosloglost is the reason unless the disk is full.
     void Lost(EOSLOGLOST a_eosloglost, uint32_t a_u32Error, const char* a_szPath);
 
-    // Logging has been switched off by a failure, of which the two are as above: from now on each line is lost for it.
+    // A failure, with arguments as above, has switched logging off: each line from now on is lost for this reason.
     void GoneOff(EOSLOGLOST a_eosloglost, uint32_t a_u32Error = 0)
     {
         m_u32GoneOff.store(Reason(a_eosloglost, a_u32Error) + 1u, std::memory_order_relaxed);
@@ -34,20 +34,20 @@ public:
             Lost(static_cast<EOSLOGLOST>(u32GoneOff - 1));
     }
 
-    // Where the next line will go.
+    // Sets the destination of the next line.
     void SetWhere(EOSLOGWHERE a_eoslogwhere);
 
-    // Lines were lost, lines are written again, and nothing says so yet; once a second at most.
+    // True when losses are unreported, lines are being written again, and the last report is at least a second old.
     bool IsOwed() const { return m_u64Owed.load(std::memory_order_relaxed) != 0 && IsDue(); }
 
-    // Writes what is owed, as "%llu (REASON), %llu (REASON)"; false when nothing is, or when another thread does this.
-    // Settle ends it: what is not told is owed again.
+    // Formats the unreported losses as "%llu (REASON), %llu (REASON)"; false without any, or when another thread is
+    // reporting. Must be followed by Settle; losses whose report failed stay unreported.
     bool TakeOwed(char* a_szText, size_t a_sizetText);
     void Settle(bool a_blTold);
 
     OsLogHealth Tell();
 
-    // Has the status file say the same.
+    // Copies the state to the status file.
     void Publish();
 
 private:
@@ -56,14 +56,14 @@ private:
 
     OsLogStatusCounts m_oslogstatuscounts{};
     std::atomic<uint32_t> m_u32Where{OS_LOGWHERE_NOWHERE};
-    std::atomic<uint32_t> m_u32GoneOff{0};     // a reason and 1
-    std::atomic<uint64_t> m_u64Owed{0};        // lines
+    std::atomic<uint32_t> m_u32GoneOff{0};     // reason + 1
+    std::atomic<uint64_t> m_u64Owed{0};        // unreported lines
     std::atomic<uint64_t> m_u64OwedAgain{0};   // ticks
     std::atomic_flag m_atomicflagTelling;
-    uint64_t m_au64Told[OS_LOGLOST_LAST] = {};   // of the thread that tells
+    uint64_t m_au64Told[OS_LOGLOST_LAST] = {};   // owned by the reporting thread
     uint64_t m_au64Telling[OS_LOGLOST_LAST] = {};
 
-    OsLogLock m_osloglock;   // what follows
+    OsLogLock m_osloglock;   // guards the members below
     uint32_t m_u32LastError = 0;
     uint64_t m_u64LastErrorTime = 0;
     char m_szLastErrorPath[OS_PATHSIZE] = {};

@@ -1,4 +1,4 @@
-// os_coslog_hold.cpp: taking, moving and trying again.
+// os_coslog_hold.cpp: taking and moving the hold, retries.
 #include "os_coslog_hold.h"
 
 #include "os_cosfile_system.h"
@@ -33,7 +33,7 @@ void COsLogHold::Renew()
     m_blWanted = true;
 }
 
-// A folder that is not there yet is not made here: no line may ever go there.
+// A missing folder is not created here: perhaps no line will ever be written there.
 void COsLogHold::Want(const char* a_szFolder)
 {
     const OsLogGuard oslogguard(m_osloglock);

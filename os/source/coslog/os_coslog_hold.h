@@ -1,7 +1,7 @@
-// os_coslog_hold.h: the logger's hold of the log folder that its file lies in, which keeps others from deleting it.
+// os_coslog_hold.h: the logger's hold of its log folder, which prevents other processes from deleting the folder.
 //
-// A hold that could not be had, because somebody is deleting the folder just now or because there is none yet, is tried
-// again when a line is logged, at most once a second.
+// When the hold cannot be taken, because the folder is being deleted or does not exist yet, it is retried when a line
+// is logged, at most once a second.
 #pragma once
 
 #include "os_coslog_lock.h"
@@ -16,22 +16,22 @@ public:
     COsLogHold(const COsLogHold&) = delete;
     COsLogHold& operator=(const COsLogHold&) = delete;
 
-    // Holds the log folder of a_szLogFile from now on; of a path in none, lets go.
+    // Holds the log folder of a_szLogFile from now on; releases the hold when the path is in none.
     void Move(const char* a_szLogFile);
 
-    // As Move for a path in a log folder; otherwise what is held stays.
+    // As Move for a path in a log folder; otherwise keeps the current hold.
     void MoveIntoLogFolder(const char* a_szLogFile);
 
-    // The folder was removed and made again: what is held is not its lock any more. The next line takes that.
+    // The folder was removed and created again, so the lock is stale. The next line takes the new one.
     void Renew();
 
-    // In a fork, which holds with its parent what that holds: the folder is free when both have let go.
+    // In a forked child, which shares the parent's hold: the folder is free when both have released it.
     void LeaveToParent() { m_osloglock.Release(); }
 
-    // True while a folder is to be held and is not. Asked with every line.
+    // True while a folder should be held and is not. Checked with every line.
     bool IsWanted() const { return m_blWanted.load(std::memory_order_relaxed); }
 
-    // Makes the folder if it has gone, and tries again if it is time and no other thread does.
+    // Creates the folder if it is missing and retries, if a retry is due and no other thread is doing it.
     void TryAgain();
 
 private:

@@ -3,22 +3,22 @@
 //   os_coslog.cpp               the public object, creation, start and path, destruction
 //   os_coslog_call.cpp          the log call
 //   os_coslog_filter.{h,cpp}        which sources pass
-//   os_coslog_slots.{h,cpp}         what a thread needs to log, and whose it is
-//   os_coslog_destination.{h,cpp}   where the lines go: collector or own file
-//   os_coslog_file.{h,cpp}          a log file of this process's own
-//   os_coslog_health.{h,cpp}        what was written and lost
+//   os_coslog_slots.{h,cpp}         the per-thread slots
+//   os_coslog_destination.{h,cpp}   the destination: collector or own file
+//   os_coslog_file.{h,cpp}          a log file that this process writes itself
+//   os_coslog_health.{h,cpp}        counts of lines written and lost
 //   os_coslog_hold.{h,cpp}          the hold of the log folder
 //   os_coslog_header.{h,cpp}        the header block
 //   os_coslog_format.{h,cpp}        formatting
 //   os_coslog_lock.{h,cpp}          the locks
 //   os_coslogline.{h,cpp}           the prefix of a line
 //
-// A call has a slot of its own and shares with others the parts, each of which has its own lock. Paths and filters are
-// never changed once they are in use and live as long as the logger, so that a call may go on with the one it began
-// with while the logger is started anew. The locks that every line takes are held for a few instructions and never
-// while anything else is called; the one before a first line may be held for long, but nobody waits for it without a
-// limit. A thread that is to be ended by force inside a call ends when it leaves that: nothing stays held. A fork makes
-// the locks anew, leaves the connection to its parent and goes on in a file of its own.
+// A call has its own slot and shares the other parts, each of which has its own lock. Paths and filters are immutable
+// in use and live as long as the logger, so a call keeps those that it started with while the logger is restarted. The
+// locks that every line takes are held for a few instructions, never across a call to other code; the one for the first
+// line may be held for long, but waits for it have a time limit. A thread that is terminated inside a call ends when it
+// leaves the call, so no lock stays held. A forked child recreates the locks, leaves the connection to its parent and
+// continues in a separate file.
 #pragma once
 
 #include "os_coslog.h"
@@ -31,13 +31,13 @@
 
 #include <atomic>
 
-inline constexpr size_t OS_LOGMARGIN = 256;    // that a line buffer has beyond the message, at least
-inline constexpr size_t OS_LOGGROWTH = 8192;   // what a new one gets beyond that
+inline constexpr size_t OS_LOGMARGIN = 256;    // spare bytes of a line buffer after the message, at least
+inline constexpr size_t OS_LOGGROWTH = 8192;   // additional spare bytes of a new buffer
 
-// What precedes a first line asks others, who may wait for a lock that a thread holds which waits for its end.
+// Preparing a first line calls other code, which may wait for a lock whose owner waits for the preparation.
 inline constexpr uint32_t OS_LOGFIRSTTIMEOUT = 250;   // ms
 
-// What the caller of the log call said.
+// The arguments of the log call.
 struct OsLogCall
 {
     const char* szFile;
@@ -58,14 +58,14 @@ public:
     void Flush();
     void Log(const OsLogCall& a_oslogcall, va_list a_valist);
     void LogLastLines();
-    void LeaveToParent();   // in a fork
+    void LeaveToParent();   // in a forked child
     void TakeCollector(COsLogCollector* a_poslogcollector) { m_oslogdestination.TakeCollector(a_poslogcollector); }
 
     uint32_t WorkingWord() const { return m_u32WorkingWord.load(std::memory_order_relaxed); }
     void SetWorkingWord(uint32_t a_u32Flags);
     OsLogHealth Health() { return m_osloghealth.Tell(); }
 
-    // Has the flags that somebody asks for in the status file, if there are new ones. Before each look at the flags.
+    // Applies flags newly requested in the status file. Called before each check of the flags.
     void TakeWish()
     {
         const uint64_t u64Wish = COsLogStatusOwn::Get().Wish();
@@ -83,12 +83,12 @@ private:
     void SetFlags(uint32_t a_u32Flags, uint32_t a_u32TakenOut);
     void StartPath(const char* a_szLogFile);
 
-    // What a start has to tell of the collector.
+    // The result of connecting to a collector, for the start to log.
     enum class Collector
     {
         Nothing,
-        Private,    // it has been connected
-        Stranger,   // its port belongs to somebody else
+        Private,    // connected
+        Stranger,   // the port belongs to another user
     };
     Collector StartCollector();
 
@@ -111,13 +111,13 @@ private:
     void TellLost();
     void CheckFailed(const OsLogCall& a_oslogcall);
 
-    // What decides whether a line passes comes first: a call that does not pass reads nothing else but the current path
-    // and filter.
+    // The members that decide whether a line passes come first: a call that does not pass reads only these, the current
+    // path and the filter.
     std::atomic<uint32_t> m_u32WorkingWord{0};
     std::atomic<bool> m_blLevel32{false};
     std::atomic<bool> m_blMilestones{false};
     std::atomic<bool> m_blFlushEvery{false};
-    std::atomic<uint64_t> m_u64Wish{0};   // the last that was seen
+    std::atomic<uint64_t> m_u64Wish{0};   // the last request seen
     std::atomic<bool> m_blFolderFound{false};
     std::atomic<bool> m_blRedirectPending{true};
     std::atomic<uint32_t> m_u32StartWord{0};
@@ -127,8 +127,8 @@ private:
 
     COsLogFilter m_oslogfilter;
     COsLogHealth m_osloghealth;
-    COsLogHold m_osloghold;   // longer than what is written into the folder
+    COsLogHold m_osloghold;   // outlives everything that writes into the folder
     COsLogSlots m_oslogslots;
     COsLogDestination m_oslogdestination{m_osloghold, m_osloghealth};
-    OsLogLock m_osloglockFirst;   // what comes before the first line of a path is done by one call at a time
+    OsLogLock m_osloglockFirst;   // serializes the work before the first line of a path
 };

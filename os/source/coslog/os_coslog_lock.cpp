@@ -1,4 +1,4 @@
-// os_coslog_lock.cpp: waiting for a lock with a limit; the calling thread's errors.
+// os_coslog_lock.cpp: waiting for a lock with a time limit; the calling thread's errors.
 #include "os_coslog_lock.h"
 
 #include "plat_system.h"

@@ -1,4 +1,4 @@
-// os_coslog_lock.h: the locks of the logger, which may be asked for by a signal handler.
+// os_coslog_lock.h: the logger's locks, usable in a signal handler.
 #pragma once
 
 #include "os_types.h"
@@ -6,8 +6,7 @@
 #include <atomic>
 #include <cstdint>
 
-// A lock that a thread waits for with a limit. A signal handler that logs may find that the thread which it interrupted
-// holds it: it is refused then.
+// A lock with timed waits. A signal handler that logs may have interrupted the lock's owner: the lock is refused then.
 class OsLogLock
 {
 public:
@@ -16,13 +15,13 @@ public:
 
     bool IsHeld() const { return m_u64Owner.load(std::memory_order_acquire) != 0; }
 
-    bool IsOwn() const;   // the calling thread holds it
+    bool IsOwn() const;   // held by the calling thread
 
-    // Waits until no other thread holds it. False when it is still held then, or when the calling thread holds it.
+    // Waits until no other thread holds the lock. False on a timeout, or when the calling thread holds it.
     bool Wait(uint32_t a_u32Milliseconds) const;
 
 private:
-    std::atomic<uint64_t> m_u64Owner{0};   // a thread id, 0 when it is free
+    std::atomic<uint64_t> m_u64Owner{0};   // thread id, 0 when free
 };
 
 class OsLogGuard
@@ -47,7 +46,7 @@ private:
     bool m_blHeld;
 };
 
-// Leaves the calling thread's errors as it found them.
+// Restores the calling thread's errors at the end of the scope.
 class OsLogKeepError
 {
 public:

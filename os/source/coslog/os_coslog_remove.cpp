@@ -1,4 +1,4 @@
-// os_coslog_remove.cpp: one log folder: whether it is in use, and deleting it.
+// os_coslog_remove.cpp: deleting one log folder that is not in use.
 #include "os_coslog.h"
 
 #include "os_cosfile_system.h"
@@ -9,7 +9,7 @@
 
 #include <cstring>
 
-// The entry is looked for in the folder above: what is deleted is what was found there, whatever changes meanwhile.
+// Looks the entry up in the opened parent folder, so that exactly this entry is deleted, whatever changes meanwhile.
 static bool FindEntry(OsFileTree& a_osfiletree, const char* a_szName)
 {
     while (a_osfiletree.Next())

@@ -1,4 +1,4 @@
-// os_coslog_slots.cpp: claiming a slot, entering and leaving it, taking it back from a thread that has ended.
+// os_coslog_slots.cpp: claiming, entering and leaving a slot, reclaiming it from an ended thread.
 #include "os_coslog_slots.h"
 
 #include "plat_process.h"
@@ -11,7 +11,7 @@
 
 // ------------------------------------------------------------------------------------------------------ one slot
 
-// The buffer is not a tracked allocation: the tracker logs.
+// Untracked allocation: the memory tracker logs.
 bool OsLogSlot::SetBuffer(size_t a_sizetBuffer)
 {
     char* const szNew = new (std::nothrow) char[OS_LOGPREFIXMAX + a_sizetBuffer];
@@ -61,7 +61,7 @@ COsLogSlots::~COsLogSlots()
         delete[] oslogslot.szBuffer;
 }
 
-// Where the thread's slot was last time. Only a place to look first: it may be another thread's, or another logger's.
+// The index of the thread's last slot, only a hint: it may belong to another thread or another logger by now.
 static thread_local size_t t_sizetSlot = 0;
 
 OsLogSlot* COsLogSlots::Find(uint64_t a_u64ThreadId)
@@ -97,7 +97,7 @@ OsLogSlot* COsLogSlots::ClaimFree(uint64_t a_u64ThreadId)
     return nullptr;
 }
 
-// Claims without a lock, so that a signal handler that logs finds nothing held by the thread that it interrupted.
+// Lock-free, because a signal handler that logs may have interrupted a thread in here.
 OsLogSlot* COsLogSlots::Claim(uint64_t a_u64ThreadId)
 {
     if (OsLogSlot* const poslogslot = ClaimFree(a_u64ThreadId))
@@ -106,8 +106,8 @@ OsLogSlot* COsLogSlots::Claim(uint64_t a_u64ThreadId)
     return ClaimFree(a_u64ThreadId);
 }
 
-// Frees the slots of threads that have ended. A slot is marked while it is looked at: its id may be given to a new
-// thread at this very moment, which then waits and looks again.
+// Frees the slots of ended threads. A slot is marked during the check, because its thread id may be reused by a new
+// thread at any time; that thread then waits and looks again.
 void COsLogSlots::Reclaim()
 {
     for (size_t sizetSlot = 0; sizetSlot < OS_LOGSLOTS; ++sizetSlot)
@@ -122,7 +122,7 @@ void COsLogSlots::Reclaim()
             m_au64ThreadId[sizetSlot].load(std::memory_order_relaxed) == u64ThreadId && !PlatThreadIsAlive(u64ThreadId);
         if (blEnded)
         {
-            OsLogFile::Release(std::exchange(oslogslot.poslogfile, nullptr));   // of one that was ended inside a call
+            OsLogFile::Release(std::exchange(oslogslot.poslogfile, nullptr));   // of one terminated inside a call
             delete[] oslogslot.szBuffer;
             oslogslot.szBuffer = nullptr;
             m_au64ThreadId[sizetSlot].store(0, std::memory_order_release);
@@ -179,7 +179,7 @@ OsLogSlot* COsLogSlots::EnterAgain(OsLogSlot** a_pposlogslotInside)
     return nullptr;
 }
 
-// The buffer of a call that was under way may just have been replaced: it is left alone.
+// Keeps the buffer of a call that was in progress: it may have been half replaced.
 void COsLogSlots::LeaveToParent()
 {
     for (size_t sizetSlot = 0; sizetSlot < OS_LOGSLOTS; ++sizetSlot)

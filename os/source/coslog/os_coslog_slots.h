@@ -1,8 +1,7 @@
-// os_coslog_slots.h: what a thread needs to log, and whose it is.
+// os_coslog_slots.h: the per-thread state of the logger.
 //
-// A thread has one of 64 slots from its first line to its end. Nothing here is waited for but a look, of a few
-// instructions, whether a slot's thread has ended: a signal handler that logs finds nothing held by the thread that it
-// interrupted.
+// A thread owns one of 64 slots from its first line to its end. The only wait is for the check whether a slot's thread
+// has ended, a few instructions: a signal handler that logs cannot block on the thread that it interrupted.
 #pragma once
 
 #include "os_coslog_file.h"
@@ -24,31 +23,31 @@ struct OsLogSlot
     {
         OS_IDLE = 0,
         OS_INSIDE = 1,    // the thread is inside the logger
-        OS_RECLAIM = 2,   // another thread looks whether this one has ended
+        OS_RECLAIM = 2,   // another thread checks whether this one has ended
     };
     std::atomic<uint32_t> u32Busy;
-    std::atomic<bool> blFlushWanted;   // by a failed check inside the logger
+    std::atomic<bool> blFlushWanted;   // requested by a failed check inside the logger
 
     // The call.
     uint32_t u32LastError;
     uint32_t u32Line;
     uint32_t u32Level;
-    bool blDeterministic;          // what differs from run to run is 0 in the prefix
-    bool blFlush;                  // the file is flushed behind the line
-    char achSource[OS_PATHSIZE];   // without an end
+    bool blDeterministic;          // values that differ between runs are 0 in the prefix
+    bool blFlush;                  // flush the file after the line
+    char achSource[OS_PATHSIZE];   // not terminated
     size_t sizetSource;
     OsLogLineTime osloglinetime;
     OsLogPath* poslogpath;
     OsLogFile* poslogfile;   // null when no file is open
 
-    // The message, before which there is room for the longest prefix and a line end.
+    // The message; space for the longest prefix and a line end precedes it.
     char* szBuffer;
-    size_t sizetBuffer;    // of the message
-    size_t sizetMessage;   // with its line end
+    size_t sizetBuffer;    // capacity for the message
+    size_t sizetMessage;   // including its line end
 
     char* Message() const { return szBuffer + OS_LOGPREFIXMAX; }
 
-    // False, with the buffer before, without memory.
+    // False without memory; the buffer is then unchanged.
     bool SetBuffer(size_t a_sizetBuffer);
 
     OsLogLinePrefix Prefix(int32_t a_i32Number) const;
@@ -65,17 +64,17 @@ public:
     COsLogSlots(const COsLogSlots&) = delete;
     COsLogSlots& operator=(const COsLogSlots&) = delete;
 
-    // The calling thread's slot, taken and with a buffer of at least a_sizetBuffer. Null when the thread is inside
-    // already, or when there is no slot or no memory for it, which a_eosloglost then tells.
+    // Enters the calling thread's slot, claiming one if needed, with a buffer of at least a_sizetBuffer. Null when the
+    // thread is already inside, without a free slot or without memory; a_eosloglost gets the reason.
     OsLogSlot* Enter(size_t a_sizetBuffer, EOSLOGLOST& a_eosloglost);
     void Leave(OsLogSlot& a_oslogslot) { a_oslogslot.u32Busy.store(OsLogSlot::OS_IDLE, std::memory_order_release); }
 
-    // The slot of a thread that has logged and is not inside, taken as by Enter; otherwise null. A thread that is
-    // inside is told by *a_pposlogslotInside.
+    // Enters the slot of a thread that has logged before and is not inside; otherwise null. If the thread is inside,
+    // *a_pposlogslotInside gets its slot.
     OsLogSlot* EnterAgain(OsLogSlot** a_pposlogslotInside);
 
-    bool IsInside();        // the calling thread
-    void LeaveToParent();   // in a fork, whose thread has another id
+    bool IsInside();        // true when the calling thread is inside the logger
+    void LeaveToParent();   // in a forked child, whose thread has another id
 
 private:
     OsLogSlot* Find(uint64_t a_u64ThreadId);
@@ -83,6 +82,6 @@ private:
     OsLogSlot* Claim(uint64_t a_u64ThreadId);
     void Reclaim();
 
-    std::atomic<uint64_t> m_au64ThreadId[OS_LOGSLOTS] = {};   // 0 is a free slot
+    std::atomic<uint64_t> m_au64ThreadId[OS_LOGSLOTS] = {};   // 0: the slot is free
     OsLogSlot m_aoslogslot[OS_LOGSLOTS] = {};
 };

@@ -1,4 +1,4 @@
-// os_coslogfolder.cpp: which log folder a path belongs to; holding a log folder; deleting one.
+// os_coslogfolder.cpp: the log folder of a path; holding a log folder; deleting one.
 #include "os_coslogfolder.h"
 
 #include "os_cosfile.h"
@@ -16,7 +16,7 @@
 static constexpr char g_szSource[] = "os/source/os_cosfile";
 
 static constexpr char g_szLogFileSuffix[] = ".log";
-static constexpr uint32_t g_u32LastPause = 32;   // ms; the pauses before it are half as long each
+static constexpr uint32_t g_u32LastPause = 32;   // ms, the longest pause; each earlier one is half as long
 static constexpr uint32_t g_u32Shared = PLAT_SHARE_READ | PLAT_SHARE_WRITE;
 
 bool OsLogFolderOf(const char* a_szPath, char* a_szFolder)
@@ -44,8 +44,7 @@ static bool LockPath(const char* a_szFolder, char (&a_szPath)[OS_PATHSIZE])
     return *a_szPath != 0;
 }
 
-// Opens the lock file of a folder for reading and writing, without a line for a refusal; a link is none. PLAT_INVALID
-// with the last error.
+// Opens a folder's lock file for reading and writing without logging; refuses a link. PLAT_INVALID with the last error.
 static PlatHandle OpenQuietly(const char* a_szFolder, uint32_t a_u32Share, PlatDisposition a_platdisposition,
                               uint32_t a_u32Flags)
 {
@@ -58,14 +57,14 @@ static PlatHandle OpenQuietly(const char* a_szFolder, uint32_t a_u32Share, PlatD
     return PLAT_INVALID;
 }
 
-// Whoever let go may have removed the file between the open and the share mode.
+// The last holder may have removed the file between our open and the share lock.
 static bool HasName(PlatHandle a_plathandle)
 {
     PlatFileIdentity platfileidentity;
     return PlatFileGetIdentity(a_plathandle, &platfileidentity) && platfileidentity.u32Links > 0;
 }
 
-// A folder that was deleted or moved, and made again, has another lock file or none.
+// A folder that was deleted or moved, and created again, has another lock file or none.
 static bool IsNamed(PlatHandle a_plathandle, const char* a_szFolder)
 {
     char szPath[OS_PATHSIZE];
@@ -112,7 +111,7 @@ EOSSTS COsLogFolderLock::Acquire(const char* a_szFolder)
     return eossts;
 }
 
-// Who gets the file alone is the last one, and it goes with that handle.
+// An exclusive open succeeds only for the last holder; the file is deleted when that handle closes.
 void COsLogFolderLock::Release()
 {
     if (!IsHeld())
@@ -138,7 +137,7 @@ bool COsLogFolderLock::IsHeldByOthers(const char* a_szFolder)
 
 // ------------------------------------------------------------------------------------------------------ deleting
 
-// A link of that name is nobody's lock.
+// A link with the name of the lock file is not a lock.
 static bool TakeAlone(COsFile& a_osfile, const char* a_szFolder)
 {
     char szPath[OS_PATHSIZE];
@@ -151,7 +150,7 @@ static bool TakeAlone(COsFile& a_osfile, const char* a_szFolder)
            EOSSTS_SUCCESS;
 }
 
-// Log folders may lie in one another. The lock file of the folder that the walk is in is not looked at.
+// Log folders may be nested. The lock file of the walk's current folder is ignored.
 static bool IsAnyHeldBelow(OsFileTree& a_osfiletree)
 {
     const size_t sizetDepth = a_osfiletree.Depth();

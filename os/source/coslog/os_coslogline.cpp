@@ -87,7 +87,8 @@ static char LetterOf(uint32_t a_u32Level)
     }
 }
 
-// "%05.5d %02.2d%02.2d%02.2d%03.3d%03.3d %-32.32s %5d %5d T%04llu S%d V%c ", by hand: it is in every line.
+// "%05.5d %02.2d%02.2d%02.2d%03.3d%03.3d %-32.32s %5d %5d T%04llu S%d V%c ", formatted by hand because every line has
+// it.
 char* OsLogPutPrefix(char* a_pch, const OsLogLinePrefix& a_osloglineprefix)
 {
     static constexpr size_t g_sizetSource = 32;

@@ -1,7 +1,6 @@
-// os_coslogline.h: what every line of a log begins with.
+// os_coslogline.h: the prefix of every log line.
 //
-// For whoever writes lines into a log file: the logger, and a collector that has a word of its own to say in it.
-// Nothing here logs, locks or allocates.
+// Used by the logger, and by a collector for its own lines in a log file. Nothing here logs, locks or allocates.
 #pragma once
 
 #include "os_costime.h"
@@ -9,14 +8,14 @@
 #include <cstddef>
 #include <cstdint>
 
-inline constexpr size_t OS_LOGPREFIXMAX = 128;   // room for a prefix, with a margin
+inline constexpr size_t OS_LOGPREFIXMAX = 128;   // longest prefix, with a margin
 
-// When a line was logged. Of one owner, who keeps it from line to line: the calendar is asked once a second.
+// The time of a line. The owner keeps the object from line to line: the calendar is converted once a second.
 struct OsLogLineTime
 {
     OsTimeRecord ostimerecord{};   // local time
     uint32_t u32Microseconds = 0;
-    uint64_t u64Second = 0;   // that ostimerecord was converted for
+    uint64_t u64Second = 0;   // for which ostimerecord was converted
 
     void Take();   // the time now
 };
@@ -24,9 +23,9 @@ struct OsLogLineTime
 struct OsLogLinePrefix
 {
     int32_t i32Number;
-    OsTimeRecord ostimerecord;   // of the day only
+    OsTimeRecord ostimerecord;   // only the time of day
     uint32_t u32Microseconds;    // below the millisecond
-    const char* pchSource;       // not closed by a zero; 32 characters of it are shown
+    const char* pchSource;       // not terminated; 32 characters are shown
     size_t sizetSource;
     uint32_t u32Line;
     uint32_t u32LastError;
@@ -35,5 +34,5 @@ struct OsLogLinePrefix
     uint32_t u32Level;
 };
 
-// Writes the prefix, OS_LOGPREFIXMAX bytes at most and without a zero, and returns its end.
+// Writes the prefix, at most OS_LOGPREFIXMAX bytes and without a terminator; returns its end.
 char* OsLogPutPrefix(char* a_pch, const OsLogLinePrefix& a_osloglineprefix);

@@ -1,4 +1,4 @@
-// os_coslogcollector.cpp: the public object, and which role it gets.
+// os_coslogcollector.cpp: the public object, and the choice of its role.
 #include "os_coslogcollector.h"
 
 #include "os_coslogcollector_client.h"
@@ -34,7 +34,7 @@ static COsLogCollectorImpl* CreateImpl(CollectorMode a_collectormode, const char
     throw std::invalid_argument("COsLogCollector: unknown role");
 }
 
-// A logger makes its client under its own log path; what that logs would come back to it.
+// A logger creates its client while it sets its own log path; lines logged by the client would come back to it.
 static COsLogCollectorImpl* CreateImplQuietly(CollectorMode a_collectormode, const char* a_szName)
 {
     const COsLogSuppress suppress;
@@ -107,7 +107,7 @@ void COsLogCollector::LeaveToParent()
         m_poslogcollectorimpl->LeaveToParent();
 }
 
-// ------------------------------------------------------------------------------------------- what the roles share
+// -------------------------------------------------------------------------------------------- shared by the roles
 
 EOSSTS COsLogCollectorImpl::ClientWrite(const void*, size_t, bool)
 {

@@ -29,8 +29,8 @@ static bool IsOf(const COsFile& a_osfile, PlatOwner a_platowner)
     return a_osfile.GetOwner(&platfileowned) && platfileowned.platowner == a_platowner;
 }
 
-// Only what our user or the system's has made counts: everybody may make a file in a shared folder. That of the
-// system's user may be for reading alone.
+// Every user may create a file in a shared folder, so only one owned by our user or root is accepted. The one of root
+// may be read-only.
 static bool OpenThere(COsFile& a_osfile, const char* a_szPath)
 {
     const auto open = [&](EOSFILEACCESS a_eosfileaccess) {
@@ -56,8 +56,8 @@ bool OsLcOtherSharedRuns()
     return OpenThere(osfile, szPath) && osfile.LockByte(0, 1, szPath, true) != EOSSTS_SUCCESS;
 }
 
-// The lock is taken before the text is there: whoever reads the text finds the lock. A client that tests it just now
-// holds it for a moment.
+// Takes the lock before it writes the text, so that a reader of the text finds the lock taken. A client that tests the
+// lock may hold it for a moment.
 bool OsLcAnnounce(COsFile& a_osfile, const char* a_szPath, const char* a_szHost, const char* a_szPort)
 {
     char szText[OS_LC_ANNOUNCEMENTSIZE];
@@ -75,7 +75,7 @@ bool OsLcAnnounce(COsFile& a_osfile, const char* a_szPath, const char* a_szHost,
            a_osfile.Write(szText, std::strlen(szText)) == EOSSTS_SUCCESS && a_osfile.Flush() == EOSSTS_SUCCESS;
 }
 
-// The lock's byte is not read, it belongs to the collector.
+// Does not read the first byte, which the collector has locked.
 EOSSTS OsLcFindShared(char* a_szHost, char* a_szPort)
 {
     char szPath[OS_PATHSIZE];

@@ -1,7 +1,7 @@
 // os_coslogcollector_client.cpp: the roles that send a stream.
 //
 //   the start   finding the collector, connecting, the header
-//   the stream  log text, and the end of it
+//   the stream  log text, and its end
 #include "os_coslogcollector_client.h"
 
 #include "os_cosarguments.h"
@@ -30,7 +30,7 @@ static constexpr int g_iConnectTries = 8;
 static constexpr int32_t g_i32ConnectTimeout = 250;
 static constexpr uint32_t g_u32TakenTimeout = 250;
 
-// Bytes: what is on its way is lost with a killed collector.
+// Bytes. Small, because data in flight is lost with a killed collector.
 static constexpr uint32_t g_u32SendBuffer = 32768;
 
 static constexpr uint32_t g_u32ReadTimeout = 500;
@@ -54,14 +54,14 @@ COsLogCollectorClient::~COsLogCollectorClient() = default;
 
 // ---------------------------------------------------------------------------------------------------- the start
 
-// What it logs on its way would come back to a client that is not ready.
+// Lines logged here would come back to a client that is not ready.
 EOSSTS COsLogCollectorClient::Start(const char* a_szLogFile, bool)
 {
     if (OsLcIsServicesSession() || (m_blPrivate && OsLcIsCollectorProgram()))
         return EOSSTS_FAIL;
     if (m_uniqueSender)
         return EOSSTS_SUCCESS;
-    const PlatThreadDeferral platthreaddeferral;   // or nobody would log any more
+    const PlatThreadDeferral platthreaddeferral;   // ending the thread here would stop logging for all
     const COsLogSuppress oslogsuppress;
     if (a_szLogFile)
         SStrCpy(m_szLogFile, sizeof m_szLogFile, a_szLogFile);
@@ -87,9 +87,9 @@ static bool IsStranger(const PlatSocketOwner& a_platsocketowner)
     return a_platsocketowner.platowner == PLAT_OWNER_OTHER || a_platsocketowner.platholds == PLAT_HOLDS_NO;
 }
 
-// A port is public: whoever has it now may be a stranger who waits for our lines. Both are asked about, the listener
-// and the other end of the connection; where the system does not tell, it counts as ours. Without a listener the
-// connection was refused, which shows when the header is sent.
+// Any process may have the port now and would receive our lines, so the owners of the listener and of the connection's
+// other end are checked. If the system cannot tell, the collector is accepted. Without a listener the connection was
+// refused, which shows when the header is sent.
 bool COsLogCollectorClient::IsOurs(COsSocket& a_ossocket) const
 {
     PlatSocketOwner platsocketowner{};
@@ -101,8 +101,8 @@ bool COsLogCollectorClient::IsOurs(COsSocket& a_ossocket) const
     return !IsStranger(platsocketowner);
 }
 
-// In a child process the end of the application, which the collector serves, ends the attempt. The connection that was
-// made outlives it, as the collector does.
+// In a child process the end of the application, which the collector serves, ends the attempt. An established
+// connection outlives the application, as the collector does.
 EOSSTS COsLogCollectorClient::Connect()
 {
     COsSocket::ConnectArgs connectargs;
@@ -137,7 +137,7 @@ void COsLogCollectorClient::TakeClientSocket(COsSocket* a_possocket)
     m_uniqueSender.reset(new (std::nothrow) COsLogCollectorSender(std::move(uniqueSocket)));
 }
 
-// The collector lives in another folder: a relative path would name another file there.
+// The collector has another working folder, where a relative path would name another file.
 static void MakeAbsolute(char* a_szPath)
 {
     char16_t wszFolder[OS_WIDEPATHSIZE];
@@ -157,9 +157,9 @@ static uint64_t SizeOf(const char* a_szLogFile)
     return blThere ? osfileinfo.u64Size : 0;
 }
 
-// A refused connection shows here. Without its whole header a stream is worth nothing: the first lines would count as
-// the header, and be lost. The collector learns whose a connection is from the system, as long as its process has it
-// open: so nobody goes on, and maybe ends, before the collector has read the header, which it does after that.
+// A refused connection shows here. The header must be sent completely: otherwise the collector would take the first
+// lines for the header, and they would be lost. The collector asks the system for the connection's owner, which works
+// only while our process has it open. It reads the header after that, so this waits until the header is read.
 bool COsLogCollectorClient::SendHeader()
 {
     char szHeader[OS_LC_HEADERSIZE];
@@ -194,10 +194,9 @@ std::string COsLogCollectorClient::TakeUnsent()
     return m_uniqueSender ? m_uniqueSender->TakeUnsent() : std::string();
 }
 
-// Only the process that owns the services of its application tells the collector that the application is done. The
-// marker must arrive as a read of its own: it is sent once all that came before has been read, and a pause follows.
-// Where it cannot be, closing ends the stream as well. Nobody waits for the other end of a connection that was given
-// up.
+// Only the process that owns the application's services sends the end marker. The marker must arrive as a read of its
+// own: it is sent when everything before it has been read, and a pause follows. Where that is impossible, closing ends
+// the stream too. The other end of a connection that was given up is not waited for.
 void COsLogCollectorClient::Stop(char* a_szFolder, size_t a_sizetFolder)
 {
     if (a_szFolder && a_sizetFolder)
@@ -219,8 +218,8 @@ void COsLogCollectorClient::LeaveToParent()
         m_uniqueSender->LeaveToParent();
 }
 
-// A collector says nothing of what it has read, but the system does; where it does not, the file tells what was
-// written, if nobody else writes there.
+// The system knows how much the collector has read; where it does not, the size of the file is used, which works only
+// if no other process writes there.
 bool COsLogCollectorClient::WaitUntilRead(uint32_t a_u32Milliseconds) const
 {
     const uint64_t u64Sent = m_uniqueSender->Sent();

@@ -1,5 +1,5 @@
 // os_coslogcollector_client.h: the roles that send a stream: finding the collector, the connection with its header, log
-// lines of many threads, and who goes on with the file when the connection is given up.
+// lines of many threads, and which side continues the file when the connection is given up.
 #pragma once
 
 #include "os_coslogcollector_impl.h"
@@ -12,7 +12,7 @@ class COsLogCollectorSender;
 class COsLogCollectorClient final : public COsLogCollectorImpl
 {
 public:
-    // a_blPrivate: of a private collector, whose port the library knows; else of a shared one.
+    // a_blPrivate: connects to a private collector, whose port the library knows; else to a shared one.
     COsLogCollectorClient(bool a_blPrivate, const char* a_szLogFile);
     ~COsLogCollectorClient() override;
 
@@ -33,8 +33,8 @@ private:
     const bool m_blPrivate;
     char m_szHost[OS_LC_HOSTSIZE];
     char m_szPort[OS_LC_PORTSIZE];
-    uint64_t m_u64ProcessIdApplication;   // whose end ends an attempt to connect
-    uint64_t m_u64ProcessIdCollector;     // 0 when it is not known
+    uint64_t m_u64ProcessIdApplication;   // its end aborts an attempt to connect
+    uint64_t m_u64ProcessIdCollector;     // 0 when unknown
     char m_szLogFile[OS_PATHSIZE];
     uint64_t m_u64SizeBefore = 0;   // of the log file
     std::unique_ptr<COsLogCollectorSender> m_uniqueSender;

@@ -2,8 +2,8 @@
 //
 //   the rest        text that is held back
 //   what is lost    bytes that were refused, and the rest of their line
-//   streams         who is at a file, and whose turn it is
-//   writing         whole lines, parts of lines, the line that tells what is missing
+//   streams         the streams of a file, and whose turn it is
+//   writing         whole lines, parts of lines, the line that reports missing bytes
 //   the table       one object for each file
 #include "os_coslogcollector_files.h"
 
@@ -84,7 +84,7 @@ EOSSTS COsLogCollectorFile::Open(const char* a_szPath, EOSFILEGUARD a_eosfilegua
                          a_eosfileguard);
 }
 
-// By the path of the first stream the open file is asked; another path may lead to it as well.
+// For the path of the first stream the open file itself is checked; another path may lead to it too.
 bool COsLogCollectorFile::IsNamedBy(const char* a_szPath)
 {
     OsFileIdentity osfileidentity;
@@ -124,7 +124,7 @@ void COsLogCollectorFile::EndsInLineOf(const LogCollectorWriter* a_plogcollector
         m_conditionvariable.notify_all();
 }
 
-// *a_pu64Milliseconds: how long the other one still has.
+// *a_pu64Milliseconds gets the time that the other stream has left.
 bool COsLogCollectorFile::IsTurnOf(const LogCollectorWriter& a_logcollectorwriter, uint64_t* a_pu64Milliseconds) const
 {
     if (!m_plogcollectorwriterInside || m_plogcollectorwriterInside == &a_logcollectorwriter)
@@ -149,8 +149,8 @@ void COsLogCollectorFile::Wait(Lock& a_lock, uint64_t a_u64Milliseconds)
 
 // ------------------------------------------------------------------------------------------------------ writing
 
-// Does it in one go, from the turn to its end. What is told in the file is logged afterwards, without the lock: a log
-// may be a stream of this very collector.
+// Waits for the turn and performs the action under the lock. Reports are logged afterwards without the lock, because
+// the log may itself be a stream of this collector.
 template <class Action>
 bool COsLogCollectorFile::InTurn(LogCollectorWriter& a_logcollectorwriter, Action a_action)
 {
@@ -204,7 +204,7 @@ void COsLogCollectorFile::End(LogCollectorWriter& a_logcollectorwriter)
     });
 }
 
-// While one waits for its turn, streams come and go; each is served once.
+// Streams come and go while one waits for its turn; each is served once.
 void COsLogCollectorFile::WriteRests(const LogCollectorWriter* a_plogcollectorwriterNot)
 {
     std::vector<const LogCollectorWriter*> vecplogcollectorwriterDone{a_plogcollectorwriterNot};
@@ -238,14 +238,14 @@ bool COsLogCollectorFile::PutRest(LogCollectorWriter& a_logcollectorwriter)
     return blWritten;
 }
 
-// How much of the text is not held back.
+// The length of the text that is not held back.
 static size_t LengthToWrite(std::string_view a_strview, bool a_blAll)
 {
     const size_t sizetLines = a_strview.rfind('\n') + 1;   // 0 for none
     return a_blAll || a_strview.size() - sizetLines > OS_LC_RESTSIZE ? a_strview.size() : sizetLines;
 }
 
-// What was held back and what goes on with it are written with one append.
+// Writes the held-back text and its continuation with one append.
 bool COsLogCollectorFile::PutLines(LogCollectorWriter& a_logcollectorwriter, std::string_view a_strviewPiece,
                                    bool a_blAll)
 {
@@ -254,7 +254,7 @@ bool COsLogCollectorFile::PutLines(LogCollectorWriter& a_logcollectorwriter, std
     const bool blHeld = !oslogcollectorrest.IsEmpty();
     const bool blDue = blHeld && a_logcollectorwriter.u64RestDue <= u64Now;
     if (blHeld && !oslogcollectorrest.Add(a_strviewPiece))
-        return false;   // never: there is room for a piece
+        return false;   // cannot happen: there is space for a piece
     const std::string_view strview = blHeld ? oslogcollectorrest.Text() : a_strviewPiece;
 
     const size_t sizetWrite = LengthToWrite(strview, a_blAll || blDue);
@@ -271,7 +271,7 @@ bool COsLogCollectorFile::PutLines(LogCollectorWriter& a_logcollectorwriter, std
     return blWritten;
 }
 
-// Writes text at the end of the file. After a refused write the next text begins a line.
+// Appends text to the file. After a refused write the next text begins a new line.
 bool COsLogCollectorFile::Put(LogCollectorWriter& a_logcollectorwriter, std::string_view a_strview)
 {
     a_strview = a_logcollectorwriter.Drop(a_strview);
@@ -297,7 +297,7 @@ bool COsLogCollectorFile::Put(LogCollectorWriter& a_logcollectorwriter, std::str
     return false;
 }
 
-// Ends a line that nobody completes, and tells what is missing. False when there is no room for that yet.
+// Ends an incomplete line and reports missing bytes. False when there is no disk space for that yet.
 bool COsLogCollectorFile::BeginLine(LogCollectorWriter& a_logcollectorwriter)
 {
     static constexpr char g_szMissingSource[] = "os_coslogcollector";
@@ -332,7 +332,7 @@ bool COsLogCollectorFile::BeginLine(LogCollectorWriter& a_logcollectorwriter)
     return true;
 }
 
-// The file itself is asked: what was refused may have been written in part, and others may append to it.
+// Checks the file itself: a refused write may have been partial, and other processes may append.
 bool COsLogCollectorFile::EndsInsideLine()
 {
     uint64_t u64Size = 0;
@@ -361,9 +361,8 @@ void COsLogCollectorFile::Close()
 
 // ---------------------------------------------------------------------------------------------------- the table
 
-// Another stream of the same file may end, and remove the file because it is still empty, between our open and the
-// moment when the file counts as in use: then the file is made again. What is never found by its path is taken as it
-// is.
+// Between our open and our registration another stream of the same file may end and remove the file because it is still
+// empty: the file is then created again. A file that is never found under its path is used as it is.
 COsLogCollectorFiles::Reference COsLogCollectorFiles::Open(const char* a_szPath, EOSFILEGUARD a_eosfileguard,
                                                            LogCollectorWriter& a_logcollectorwriter)
 {
@@ -381,7 +380,7 @@ COsLogCollectorFiles::Reference COsLogCollectorFiles::Open(const char* a_szPath,
     }
 }
 
-// The object of the file that is there already, or else this one.
+// Returns the existing object of the file, else adds this one.
 COsLogCollectorFiles::Reference COsLogCollectorFiles::Enter(Entry a_entry, LogCollectorWriter& a_logcollectorwriter)
 {
     Reference reference;

@@ -1,8 +1,8 @@
 // os_coslogcollector_files.h: the log files that a collector writes, each with the streams that go into it.
 //
-// A file is one object, found by its identity, so streams that name it by different paths share it. A stream that has
-// its file alone is written as it comes. Of several, only whole lines are written, and what begins a line is held back
-// for a while; so their lines never mix, and each is one append, beside which other processes may append theirs.
+// A file is one object, identified by file identity, so streams that use different paths share it. A single stream is
+// written as received. With several, only whole lines are written, and an incomplete line is held back for a limited
+// time; each write is one append, so lines neither mix among streams nor with those of other processes.
 #pragma once
 
 #include "os_cosfile.h"
@@ -13,10 +13,10 @@
 #include <string_view>
 #include <vector>
 
-inline constexpr uint32_t OS_LC_RESTTIMEOUT = 200;    // ms that the beginning of a line is held back
-inline constexpr size_t OS_LC_RESTSIZE = 64 * 1024;   // bytes of it, at most
+inline constexpr uint32_t OS_LC_RESTTIMEOUT = 200;    // ms that an incomplete line is held back
+inline constexpr size_t OS_LC_RESTSIZE = 64 * 1024;   // its maximum in bytes
 
-// The end of a stream's text that is held back until its line is complete. The memory is there from the first text on.
+// The end of a stream's text, held back until its line is complete. Allocated with the first text.
 class COsLogCollectorRest
 {
 public:
@@ -28,7 +28,7 @@ public:
     std::string_view Text() const { return {m_pchBuffer, m_sizetText}; }
     bool IsEmpty() const { return m_sizetText == 0; }
 
-    // Appends a piece. False without memory, nothing is changed then.
+    // Appends a piece. False without memory; nothing is changed then.
     bool Add(std::string_view a_strviewPiece);
 
     void DropFront(size_t a_sizetText);
@@ -38,56 +38,56 @@ private:
     size_t m_sizetText = 0;
 };
 
-// What a stream has at its file: the text held back, and what was lost. It belongs to the stream, which takes it along
-// to another file; while the stream is at a file, it is used under the file's lock.
+// A stream's state at its file: the text held back, and losses. Owned by the stream, which keeps it when it changes
+// files; guarded by the file's lock while the stream is at a file.
 struct LogCollectorWriter
 {
     COsLogCollectorRest oslogcollectorrest;
-    uint64_t u64RestDue = 0;   // for the stream alone: when the rest is to be written, 0 for none
-    uint64_t u64Missing = 0;   // bytes lost that no line of the file tells of
-    uint64_t u64Told = 0;      // that a line of the file tells of, not yet the collector's own log
-    uint32_t u32Error = 0;     // with which the system refused the last of them
-    bool blDropping = false;   // the beginning of the line was lost, so its rest is dropped
+    uint64_t u64RestDue = 0;   // when the rest must be written, for the stream's own use; 0: none
+    uint64_t u64Missing = 0;   // lost bytes not yet reported in the file
+    uint64_t u64Told = 0;      // reported in the file, not yet in the collector's own log
+    uint32_t u32Error = 0;     // the system error of the last loss
+    bool blDropping = false;   // the beginning of the line was lost: drop the rest
 
-    // Counts text as lost, together with the rest of the line that it ends in.
+    // Counts text as lost, and marks the rest of its last line to be dropped.
     void Lose(std::string_view a_strview);
 
-    // Counts what belongs to a line whose beginning was lost; returns the text behind it.
+    // Counts the remainder of a line whose beginning was lost; returns the text after it.
     std::string_view Drop(std::string_view a_strview);
 };
 
-// One open log file. All operations from any thread.
+// One open log file. All operations are thread-safe.
 class COsLogCollectorFile
 {
 public:
-    // As COsFile says. Before the file is in the table.
+    // As COsFile::Open. Before the file is in the table.
     EOSSTS Open(const char* a_szPath, EOSFILEGUARD a_eosfileguard);
     bool GetIdentity(OsFileIdentity* a_posfileidentity) const { return m_osfile.GetIdentity(a_posfileidentity); }
 
     // True while the path names this file.
     bool IsNamedBy(const char* a_szPath);
 
-    // A stream comes; the number of streams. A stream goes.
+    // Adds a stream and returns the number of streams; removes a stream.
     size_t Enter(LogCollectorWriter& a_logcollectorwriter);
     void Leave(LogCollectorWriter& a_logcollectorwriter);
 
-    // Takes a piece of at most OS_LC_PIECESIZE bytes of a stream. While the file ends inside the line of another
-    // stream, waits for the rest of that, OS_LC_RESTTIMEOUT at most since its last part. False when the system refused
-    // to write: what it did not take is lost and counted.
+    // Writes a stream's piece of at most OS_LC_PIECESIZE bytes. While the file ends inside another stream's line, waits
+    // for its rest, at most OS_LC_RESTTIMEOUT after its last part. False when the system refused a write; the refused
+    // bytes are lost and counted.
     bool Write(LogCollectorWriter& a_logcollectorwriter, std::string_view a_strviewPiece);
 
-    // Writes what one stream has held back, or every one but a_plogcollectorwriterNot (may be null).
+    // Writes the text held back of one stream, or of all except a_plogcollectorwriterNot (may be null).
     bool WriteRest(LogCollectorWriter& a_logcollectorwriter);
     void WriteRests(const LogCollectorWriter* a_plogcollectorwriterNot);
 
-    // A stream is about to go on elsewhere: writes what completes its line, if the file ends in that; returns the rest
-    // of the piece.
+    // Called before a stream changes files: if the file ends inside its line, writes the part of the piece that
+    // completes the line. Returns the rest of the piece.
     std::string_view EndLine(LogCollectorWriter& a_logcollectorwriter, std::string_view a_strviewPiece);
 
-    // A stream ends: writes its rest, and tries once more to tell what is missing.
+    // Called at a stream's end: writes its held-back text and tries once more to report missing bytes.
     void End(LogCollectorWriter& a_logcollectorwriter);
 
-    // Writes what is held back, to the disk. Closing waits for it.
+    // Writes held-back text and flushes to the disk. Closing waits for it.
     void Flush();
     void Close();
 
@@ -107,32 +107,32 @@ private:
     bool EndsInsideLine();
 
     COsFile m_osfile;
-    char m_szPath[OS_PATHSIZE] = {};   // of the stream that opened it
-    std::mutex m_mutexFlush;           // taken before the other one
+    char m_szPath[OS_PATHSIZE] = {};   // as named by the stream that opened it
+    std::mutex m_mutexFlush;           // locked before m_mutex
     bool m_blClosed = false;
     std::mutex m_mutex;
     std::condition_variable m_conditionvariable;
     std::vector<LogCollectorWriter*> m_vecplogcollectorwriter;
-    const LogCollectorWriter* m_plogcollectorwriterInside = nullptr;   // in whose line the file ends
+    const LogCollectorWriter* m_plogcollectorwriterInside = nullptr;   // the stream inside whose line the file ends
     uint64_t m_u64Inside = 0;                                          // since when
-    uint32_t m_u32Waiting = 0;                                         // streams that wait for the end of that line
-    bool m_blTorn = false;   // a write was refused: the file may end inside a line that nobody completes
+    uint32_t m_u32Waiting = 0;                                         // streams waiting for the end of that line
+    bool m_blTorn = false;   // a write was refused: the file may end in an incomplete line
 };
 
-// The files of a collector. All operations from any thread.
+// The files of a collector. All operations are thread-safe.
 class COsLogCollectorFiles
 {
 public:
     using Reference = std::shared_ptr<COsLogCollectorFile>;
 
-    // Opens a file for one more stream, with the rights of the calling thread, and only then finds it open already.
-    // Null, and logged, when it cannot be opened.
+    // Opens a file for one more stream, with the rights of the calling thread even if the file is already open. Null,
+    // and logged, on failure.
     Reference Open(const char* a_szPath, EOSFILEGUARD a_eosfileguard, LogCollectorWriter& a_logcollectorwriter);
 
-    // A stream leaves its file, which closes with the last one: true then.
+    // Removes a stream from its file; true when it was the last one and the file was closed.
     bool Leave(Reference& a_reference, LogCollectorWriter& a_logcollectorwriter);
 
-    // Flushes one file after the other. Nobody waits for the disk but a stream that ends while its own file is at it.
+    // Flushes one file after the other. Only a stream that ends while its own file is being flushed waits for the disk.
     void Flush();
 
 private:
@@ -145,6 +145,6 @@ private:
 
     Reference Enter(Entry a_entry, LogCollectorWriter& a_logcollectorwriter);
 
-    std::mutex m_mutex;   // not while a file's is taken, or waited for: a disk may hold that up
+    std::mutex m_mutex;   // never held while a file's mutex is taken: a disk may block that
     std::vector<Entry> m_vecentry;
 };

@@ -1,4 +1,4 @@
-// os_coslogcollector_folders.cpp: the log folders that a collector's streams go to.
+// os_coslogcollector_folders.cpp: the log folders that a collector's streams write to.
 #include "os_coslogcollector_folders.h"
 
 #include "os_cfg.h"
@@ -13,7 +13,7 @@ static constexpr char g_szSource[] = "os/source/os_coslogcollector";
 
 static constexpr uint32_t g_u32ManageTimeout = 1000;
 
-// The log folder that is managed in this process: set once.
+// The log folder that is pruned in this process: set once.
 static char g_szManagedFolder[OS_PATHSIZE];
 static std::mutex g_mutexManaged;
 
@@ -61,7 +61,7 @@ void COsLogCollectorFolders::Leave(const char* a_szFolder)
     std::erase_if(m_vecuniqueEntry, isLast);
 }
 
-// ----------------------------------------------------------------------------------------------- looking after one
+// --------------------------------------------------------------------------------------------------------- pruning
 
 static uint32_t ManageLogDirectories(COsThread* a_posthread)
 {

@@ -1,5 +1,5 @@
-// os_coslogcollector_folders.h: the log folders that a collector's streams go to: who holds them, and who looks after
-// the first one.
+// os_coslogcollector_folders.h: the log folders that a collector's streams write to: their locks, and pruning the first
+// one.
 #pragma once
 
 #include "os_coslogfolder.h"
@@ -10,7 +10,7 @@
 
 class COsThread;
 
-// All operations from any thread. Folders are log folders, as OsLogFolderOf names them.
+// All operations are thread-safe. Folders are log folders, as returned by OsLogFolderOf.
 class COsLogCollectorFolders
 {
 public:
@@ -19,19 +19,19 @@ public:
     COsLogCollectorFolders(const COsLogCollectorFolders&) = delete;
     COsLogCollectorFolders& operator=(const COsLogCollectorFolders&) = delete;
 
-    // A stream comes to a folder that exists, or goes. The first one takes the lock, whose status is returned; the
-    // folder counts it in any case, and the last one to go lets go of the lock. The first log folder of the process is
-    // looked after, unless somebody else holds it: that is his then.
+    // Adds a stream to an existing folder, or removes it. The first stream takes the lock, and its status is returned;
+    // the stream is counted even on failure. The last one releases the lock. The first log folder of the process is
+    // pruned, unless another process holds it and therefore prunes it.
     EOSSTS Enter(const char* a_szFolder);
     void Leave(const char* a_szFolder);
 
-    // Takes a lock that could not be had, or whose folder was made again.
+    // Retries a lock that failed before, or takes that of a folder that was created again.
     EOSSTS Hold(const char* a_szFolder);
 
-    // The first folder that streams of log folders of this process used, if this object began with it, else "".
+    // The first log folder that streams of this process used, if they came through this object, else "".
     const char* Leftover() const { return m_szLeftover; }   // once all streams have ended
 
-    // Ends looking after a folder, when all streams have ended.
+    // Ends pruning, once all streams have ended.
     void StopManaging();
 
 private:

@@ -1,7 +1,7 @@
-// os_coslogcollector_impl.h: what the public object asks of a role.
+// os_coslogcollector_impl.h: the interface of a role of the public object.
 //
-//   os_coslogcollector.cpp                 the public object, which role it gets
-//   os_coslogcollector_server*.{h,cpp}     the roles that take streams
+//   os_coslogcollector.cpp                 the public object, the choice of its role
+//   os_coslogcollector_server*.{h,cpp}     the roles that receive streams
 //   os_coslogcollector_client.{h,cpp}      the roles that send one
 //   os_coslogcollector_spawn.cpp           an application starts its collector
 //   os_coslogcollector_announcement.{h,cpp}   how a shared collector is found
@@ -10,7 +10,7 @@
 
 #include "os_coslogcollector.h"
 
-// The operations are those of COsLogCollector, which forwards to them. A role does not do what is the other side's.
+// The operations are those of COsLogCollector, which forwards to them. Those of the other side do nothing in a role.
 class COsLogCollectorImpl
 {
 public:
@@ -22,19 +22,19 @@ public:
     virtual EOSSTS Start(const char* a_szLogFile, bool a_blCheckOther) = 0;
     virtual void Stop(char* a_szFolder, size_t a_sizetFolder) = 0;
 
-    // Of the roles that take streams.
+    // Roles that receive streams.
     virtual void SetApplication(uint64_t) {}
-    virtual bool HasStraggler() const { return false; }   // what it uses must stay valid after Stop
+    virtual bool HasStraggler() const { return false; }   // a reader still runs: keep what it uses after Stop
 
-    // Of the roles that send one.
+    // Roles that send one.
     virtual EOSSTS ClientWrite(const void* a_pvBuffer, size_t a_sizetBytes, bool a_blWait);
     virtual std::string TakeUnsent() { return {}; }
     virtual void TakeClientSocket(COsSocket* a_possocket);
     virtual void LeaveToParent() {}
 };
 
-// True in the session where no user works: there nobody uses a collector.
+// True in the services session, where no user works and no collector is used.
 bool OsLcIsServicesSession();
 
-// True when this program is a collector by its path: a collector has none itself.
+// True when this program's path makes it a collector; a collector does not use one.
 bool OsLcIsCollectorProgram();

@@ -1,4 +1,4 @@
-// os_coslogcollector_peer.cpp: who is at the other end of a connection, and what he may have written.
+// os_coslogcollector_peer.cpp: the peer of a connection, and which files it may have written.
 #include "os_coslogcollector_peer.h"
 
 #include "os_cosfile_system.h"
@@ -19,7 +19,7 @@ static constexpr char g_szSource[] = "os/source/os_coslogcollector";
 static constexpr uint64_t g_u64SystemUser = 0;
 static constexpr char g_szLogFileSuffix[] = ".log";
 
-// -------------------------------------------------------------------------------------------------- who it is
+// --------------------------------------------------------------------------------------------------- identity
 
 bool COsLogCollectorPeer::IsTold(uint16_t a_u16Port)
 {
@@ -50,7 +50,7 @@ bool COsLogCollectorPeer::TakeRights() const
     return false;
 }
 
-// ----------------------------------------------------------------------------------------------- what he may name
+// -------------------------------------------------------------------------------------------------- allowed names
 
 static constexpr bool IsSeparator(char a_ch)
 {
@@ -67,7 +67,7 @@ static constexpr bool IsControl(char a_ch)
     return static_cast<unsigned char>(a_ch) < 0x20 || a_ch == 0x7F;
 }
 
-// From a root or a drive's root. What begins with "\\?\" or "\\.\" names things in ways of its own.
+// Begins at a root or a drive's root. Refuses the prefixes "\\?\" and "\\.\", which bypass path parsing.
 static bool IsAbsolute(std::string_view a_strviewPath)
 {
     if (a_strviewPath.size() > 2 && a_strviewPath[1] == ':')
@@ -96,7 +96,7 @@ static bool IsProperLog(const char* a_szLogFile)
            (PlatUserId() != g_u64SystemUser || OsLogFolderOf(a_szLogFile, szFolder));
 }
 
-// A name that is refused may be meant to forge lines of the log: of one with control characters nothing is told.
+// A refused name may be an attempt to forge log lines: control characters are never logged.
 bool COsLogCollectorPeer::MayName(const char* a_szLogFile) const
 {
     if (m_kind == Kind::Ours)
@@ -111,7 +111,7 @@ bool COsLogCollectorPeer::MayName(const char* a_szLogFile) const
     return false;
 }
 
-// --------------------------------------------------------------------------------------------- what he may reach
+// ------------------------------------------------------------------------------------------------- allowed files
 
 EOSFILEGUARD COsLogCollectorPeer::Guard() const
 {
@@ -126,7 +126,7 @@ EOSFILEGUARD COsLogCollectorPeer::Guard() const
     }
 }
 
-// Whether the nearest folder on the way that is there is ours alone, and no link leads to it.
+// Whether the nearest existing folder of the path is writable by our user alone and reached without a link.
 static bool IsBelowOwnFolder(const char* a_szFolder)
 {
     char szFolder[OS_PATHSIZE];

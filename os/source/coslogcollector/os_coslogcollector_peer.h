@@ -1,9 +1,9 @@
-// os_coslogcollector_peer.h: who is at the other end of a connection to a collector, and what he may have written.
+// os_coslogcollector_peer.h: the peer of a connection to a collector, and which files it may have written.
 //
-// The port is public, so the system is asked. The collector's own user has each file written that he names. A collector
-// of the system's user serves everybody else with no more than his own rights; any other collector refuses them. Of a
-// connection that has been left already nobody knows whose it was: it may be one of ours, so what it sent goes to a log
-// that is ours alone, and to nothing else.
+// The port is open to all local users, so the system is asked for the connection's owner. The collector's own user may
+// name any file. A collector of root serves other users with their own rights; any other collector refuses them. For a
+// connection that has been closed the owner is unknown: it may be our user, so its text may go to a log that our user
+// alone can write, and nowhere else.
 #pragma once
 
 #include "os_cosfile.h"
@@ -13,38 +13,39 @@ class COsSocket;
 class COsLogCollectorPeer
 {
 public:
-    // Whether the system tells who has a connection, asked about the listener of this process on that port. Where it
-    // does not, everybody counts as our user, which is what a new object says.
+    // Whether the system can tell a connection's owner, tested with this process's listener on that port. If it cannot,
+    // every peer counts as our user, as in a new object.
     static bool IsTold(uint16_t a_u16Port);
 
-    // Asks who has the other end. EOSSTS_SUCCESS; EOSSTS_ACCESSDENIED, and logged, when the connection is refused;
-    // EOSSTS_FAIL when there was no answer for want of means.
+    // Asks for the owner of the other end. EOSSTS_SUCCESS; EOSSTS_ACCESSDENIED, and logged, when the connection is
+    // refused; EOSSTS_FAIL when resources to ask were lacking.
     EOSSTS Identify(COsSocket& a_ossocket);
 
     bool IsOurs() const { return m_kind == Kind::Ours; }
     bool HasLeft() const { return m_kind == Kind::Left; }
 
-    // From now on the calling thread has no other rights than the peer may use. It ends with them. False, and logged:
-    // then nothing may be done for him.
+    // Reduces the calling thread to the peer's rights for the rest of its life. False, and logged: do nothing for the
+    // peer.
     bool TakeRights() const;
 
-    // Whether his log file may have that name, which says nothing of what is there. False, and logged.
+    // Whether the peer's log file may have that name; does not look at the file. False, and logged.
     bool MayName(const char* a_szLogFile) const;
 
-    // What must hold for his log file when it is opened.
+    // The condition that the peer's log file must meet when it is opened.
     EOSFILEGUARD Guard() const;
 
-    // Makes the folder of his log file; for one who has left, in a folder that is ours alone.
+    // Creates the folder of the peer's log file; for a closed connection only in a folder that our user alone can
+    // write.
     void MakeFolder(const char* a_szFolder) const;
 
 private:
     enum class Kind
     {
         Ours,
-        Other,   // served with his own rights
+        Other,   // served with the rights of that user
         Left,
     };
 
     Kind m_kind = Kind::Ours;
-    uint64_t m_u64User = 0;   // the system's number of another user
+    uint64_t m_u64User = 0;   // user id of another user
 };

@@ -72,7 +72,7 @@ bool OsLcReadHeader(const char* a_pchPiece, char* a_szLogFile)
 {
     if (!OsXmlExtract(a_pchPiece, "<logfile>", "</logfile>", a_szLogFile, OS_PATHSIZE, true))
         return false;
-    // What is left of a CDATA section that was never closed is no path.
+    // The remains of an unclosed CDATA section are not a path.
     if (StrStartsWith(a_szLogFile, "<![CDATA["))
         *a_szLogFile = 0;
     return *a_szLogFile != 0;

@@ -1,8 +1,8 @@
-// os_coslogcollector_sender.cpp: sending for many threads.
+// os_coslogcollector_sender.cpp: sending on behalf of many threads.
 //
-//   the turn        which thread sends, and what for
-//   sending         a batch, room for it
-//   standing still  when a collector is given up, and who goes on with the file then
+//   the turn        which thread sends, and which texts
+//   sending         a batch; waiting until the connection accepts it
+//   stalling        when a collector is given up, and which side continues the file
 #include "os_coslogcollector_sender.h"
 
 #include "os_cossocket.h"
@@ -19,14 +19,14 @@
 #include <thread>
 #include <utility>
 
-// Whoever waits for a sender yields so often before it sleeps: a send takes some microseconds, unless the collector
-// stands still.
+// A waiting thread yields this often before it sleeps: a send takes some microseconds unless the collector stalls.
 static constexpr uint32_t g_u32Yields = 1000;
 
-// After a send for several threads, the next ones let the others come first: it becomes one for several as well.
+// After a send for several threads, this many sends yield first, so that they become batches too.
 static constexpr uint32_t g_u32Company = 8;
 
-// A collector that has read nothing for so long is asked to let go of the file, and has until the second one to do so.
+// ms. A collector that has read nothing for g_u64RoomTimeout is asked to release the file, and has until
+// g_u64StillTimeout.
 static constexpr uint64_t g_u64RoomTimeout = 4000;
 static constexpr uint64_t g_u64StillTimeout = 5000;
 static constexpr uint64_t g_u64LookPeriod = 50;
@@ -43,7 +43,7 @@ void COsLogCollectorSender::Close(bool a_blGraceful)
     m_uniqueSocket->SocketDisconnect(a_blGraceful);
 }
 
-// The texts that wait are on the stacks of the parent's threads.
+// The waiting texts are on the stacks of the parent's threads.
 void COsLogCollectorSender::LeaveToParent()
 {
     std::construct_at(&m_mutex);
@@ -66,7 +66,7 @@ EOSSTS COsLogCollectorSender::Send(const void* a_pvBuffer, size_t a_sizetBytes, 
     return text.eossts;
 }
 
-// A copy for which nobody waits; null without memory.
+// A copy that no thread waits for; null without memory.
 COsLogCollectorSender::Text* COsLogCollectorSender::MakeLeft(const Text& a_text)
 {
     std::unique_ptr<Text> uniqueText(new (std::nothrow) Text{nullptr, a_text.sizet, true});
@@ -77,7 +77,7 @@ COsLogCollectorSender::Text* COsLogCollectorSender::MakeLeft(const Text& a_text)
     return uniqueText.release();
 }
 
-// False: another thread sends and has been left the text, or a copy of it, which its blLeft tells.
+// False: another thread is sending, and the text, or a copy (a_text.blLeft then), was queued for it.
 bool COsLogCollectorSender::BecomeSender(Text& a_text, bool a_blWait)
 {
     const std::lock_guard<std::mutex> guard(m_mutex);
@@ -132,7 +132,7 @@ void COsLogCollectorSender::SendWaiting(Text& a_text)
     }
 }
 
-// Takes over all that wait, behind this thread's own text.
+// Takes all waiting texts, after this thread's own.
 void COsLogCollectorSender::TakeWaiting(Text& a_text)
 {
     const std::lock_guard<std::mutex> guard(m_mutex);
@@ -141,8 +141,8 @@ void COsLogCollectorSender::TakeWaiting(Text& a_text)
     m_ptextLast = nullptr;
 }
 
-// The next to send is the first of those who came meanwhile. One for which nobody waits is returned: this thread goes
-// on with it.
+// Passes the turn to the first text that was queued meanwhile. If no thread waits for that text, it is returned and
+// this thread continues with it.
 COsLogCollectorSender::Text* COsLogCollectorSender::PassOn()
 {
     Text* ptext = nullptr;
@@ -163,8 +163,8 @@ COsLogCollectorSender::Text* COsLogCollectorSender::PassOn()
 
 // ----------------------------------------------------------------------------------------------------- sending
 
-// Sends as many texts as go into one batch and settles them; returns the first that did not. A settled text is gone
-// with its thread, but for this thread's own.
+// Sends as many texts as fit one batch and settles them; returns the first remaining one. A settled text is deleted
+// with its thread, except for this thread's own.
 COsLogCollectorSender::Text* COsLogCollectorSender::SendBatch(Text* a_ptextFirst)
 {
     const char* pch = nullptr;
@@ -199,7 +199,7 @@ void COsLogCollectorSender::Settle(Text& a_text, bool a_blSent)
     delete &a_text;
 }
 
-// A text alone, or one that is too long for the batch, is sent from where it is.
+// A single text, or one too long for the batch, is sent without a copy.
 COsLogCollectorSender::Text* COsLogCollectorSender::Gather(Text* a_ptextFirst, const char** a_ppch, size_t* a_psizet)
 {
     *a_ppch = a_ptextFirst->pch;
@@ -218,7 +218,7 @@ COsLogCollectorSender::Text* COsLogCollectorSender::Gather(Text* a_ptextFirst, c
     return ptext;
 }
 
-// How much was sent: all, unless the connection is given up.
+// Returns how much was sent: all, unless the connection is given up.
 size_t COsLogCollectorSender::SendAll(const char* a_pch, size_t a_sizet)
 {
     size_t sizetSent = 0;
@@ -235,7 +235,7 @@ size_t COsLogCollectorSender::SendAll(const char* a_pch, size_t a_sizet)
     return sizetSent;
 }
 
-// ---------------------------------------------------------------------------------------------- standing still
+// ---------------------------------------------------------------------------------------------------- stalling
 
 bool COsLogCollectorSender::ReadByCollector(uint64_t* a_pu64Read) const
 {
@@ -248,7 +248,7 @@ bool COsLogCollectorSender::ReadByCollector(uint64_t* a_pu64Read) const
     return true;
 }
 
-// Returns after a moment, or when there is room. Gives up a collector that stands still.
+// Returns when the connection accepts data, or after a moment. Gives up a stalled collector.
 void COsLogCollectorSender::AwaitRoom()
 {
     const uint64_t u64Now = PlatTicks();
@@ -265,8 +265,8 @@ void COsLogCollectorSender::AwaitRoom()
         PlatSleep(1);
 }
 
-// A bit of room is no sign that the collector reads: the system finds some in full buffers. What counts is what the
-// collector has read; where nobody tells, what was taken.
+// Free buffer space does not show that the collector reads: the system finds some in full buffers. Progress is what the
+// collector has read; where the system does not tell, what was sent.
 void COsLogCollectorSender::LookForProgress(uint64_t a_u64Now)
 {
     if (m_blStill && a_u64Now - m_u64LookedAt < g_u64LookPeriod)
@@ -280,8 +280,8 @@ void COsLogCollectorSender::LookForProgress(uint64_t a_u64Now)
     m_u64Read = u64Read;
 }
 
-// A collector that wakes up in time reads what was sent, writes it and closes its end; then nobody writes the file any
-// more. One that does not keeps it.
+// A collector that recovers in time reads what was sent, writes it and closes its end; from then on it does not write
+// the file. Otherwise it keeps the file.
 void COsLogCollectorSender::HandOver()
 {
     m_uniqueSocket->SocketEndSending();

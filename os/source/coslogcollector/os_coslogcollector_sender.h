@@ -1,8 +1,8 @@
-// os_coslogcollector_sender.h: the one connection to a collector on which all threads of a process send.
+// os_coslogcollector_sender.h: the single connection to a collector, used by all threads of a process.
 //
-// A thread that finds the connection busy leaves its text with the thread that is sending, which sends all that wait
-// with one call and tells each its result. Under load that is a fraction of the sends; a single thread pays two short
-// locks. Whoever is to be ended meanwhile ends when its text is settled: the others wait for it.
+// A thread that finds the connection busy queues its text for the thread that is sending, which sends all queued texts
+// with one call and reports each result. Under load this takes a fraction of the sends; a single thread pays for two
+// short locks. A thread that is terminated meanwhile ends when its text is settled, because others wait for it.
 #pragma once
 
 #include "os_types.h"
@@ -22,25 +22,25 @@ public:
     COsLogCollectorSender(const COsLogCollectorSender&) = delete;
     COsLogCollectorSender& operator=(const COsLogCollectorSender&) = delete;
 
-    // Sends all of a text, in one piece among those of other threads; returns when it is with the system. Any thread.
-    // EOSSTS_SUCCESS; EOSSTS_DISCONNECTED when the collector has closed the connection; EOSSTS_BUSY when it stands
-    // still and keeps it open. After a failure, which may leave a part sent, every call fails the same way.
-    // Without a_blWait a text that finds another thread sending is left to that, and this is a success.
+    // Sends a complete text, not mixed with those of other threads; returns when the system has taken it. Any thread.
+    // EOSSTS_SUCCESS; EOSSTS_DISCONNECTED when the collector has closed the connection; EOSSTS_BUSY when it has stalled
+    // with the connection open. After a failure, which may have sent a part, every call fails the same way. Without
+    // a_blWait a text that finds another thread sending is queued, and this is a success.
     EOSSTS Send(const void* a_pvBuffer, size_t a_sizetBytes, bool a_blWait = true);
 
-    // The texts that were left and could not be sent. Any thread.
+    // Returns the queued texts that could not be sent. Any thread.
     std::string TakeUnsent();
 
-    // What follows is for the time when no thread sends.
+    // The following may be called only while no thread sends.
 
     bool HasFailed() const { return m_eosstsFailed != EOSSTS_SUCCESS; }
     uint64_t Sent() const { return m_u64Sent; }
 
-    // How much of what was sent the collector has read. False where the system cannot tell.
+    // How much of the sent data the collector has read. False where the system cannot tell.
     bool ReadByCollector(uint64_t* a_pu64Read) const;
 
-    void Close(bool a_blGraceful);   // what was sent still arrives
-    void LeaveToParent();            // in a fork
+    void Close(bool a_blGraceful);   // sent data still arrives
+    void LeaveToParent();            // in a forked child
 
 private:
     struct Text
@@ -48,12 +48,12 @@ private:
         enum : uint32_t
         {
             OS_WAITS,
-            OS_SETTLED,   // eossts tells how
-            OS_TURN,      // its thread is the one that sends now
+            OS_SETTLED,   // eossts is the result
+            OS_TURN,      // its thread is the next sender
         };
         const char* pch;
         size_t sizet;
-        bool blLeft = false;   // with its bytes: no thread waits for it
+        bool blLeft = false;   // an owned copy: no thread waits for it
         EOSSTS eossts = EOSSTS_SUCCESS;
         Text* ptextNext = nullptr;
         std::atomic<uint32_t> u32State{OS_WAITS};
@@ -74,21 +74,21 @@ private:
     void HandOver();
     void GiveUp(EOSSTS a_eossts);
 
-    // Under the mutex.
+    // Guarded by the mutex.
     std::mutex m_mutex;
     bool m_blSending = false;
-    Text* m_ptextFirst = nullptr;   // those that wait, oldest first
+    Text* m_ptextFirst = nullptr;   // the waiting texts, oldest first
     Text* m_ptextLast = nullptr;
     std::string m_strUnsent;
 
-    // The sending thread's.
+    // Owned by the sending thread.
     std::unique_ptr<COsSocket> m_uniqueSocket;
     EOSSTS m_eosstsFailed = EOSSTS_SUCCESS;
     uint64_t m_u64Sent = 0;
-    uint32_t m_u32Company = 0;      // sends for which it is worth to let others come first
+    uint32_t m_u32Company = 0;      // sends left that yield first
     bool m_blStill = false;         // the collector has read nothing since:
     uint64_t m_u64StillSince = 0;   // PlatTicks
     uint64_t m_u64LookedAt = 0;
-    uint64_t m_u64Read = 0;   // by the collector, at the last look
-    char m_achBatch[8192];    // less than there is room for when there is any: whole lines, also of a killed process
+    uint64_t m_u64Read = 0;   // by the collector, at the last check
+    char m_achBatch[8192];    // smaller than the least free space reported: whole lines survive a kill
 };

@@ -53,7 +53,7 @@ EOSSTS COsLogCollectorServer::Start(const char*, bool a_blCheckOther)
         OSLOG(OS_LOG_ERROR, "EventCreate failed...");
         return EOSSTS_FAIL;
     }
-    // Before the accept thread begins: the application waits for the port.
+    // Before the accept thread starts: the application waits for the port.
     m_blListening = m_blPrivate && ListenAndReport();
     if (m_posthreadAccept->Start("LogAccept", &LogAcceptEntry, this) != EOSSTS_SUCCESS)
     {
@@ -66,7 +66,7 @@ EOSSTS COsLogCollectorServer::Start(const char*, bool a_blCheckOther)
     return EOSSTS_SUCCESS;
 }
 
-// Nobody waits for it any more: the port has been told.
+// After the port was reported, so that no application waits for this.
 void COsLogCollectorServer::OpenStatus()
 {
     if (m_blPrivate && !m_blListening)
@@ -99,5 +99,5 @@ void COsLogCollectorServer::FreeServiceObjects()
     OSMEMDELETE(m_poslnk);
     OSMEMDELETE(m_posthreadAccept);
     OSMEMDELETE(m_possyncStop);
-    OSMEMDELETE(m_possocketListen);   // who knows the port already is refused
+    OSMEMDELETE(m_possocketListen);   // later connects are refused
 }

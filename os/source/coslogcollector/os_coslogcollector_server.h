@@ -1,14 +1,15 @@
-// os_coslogcollector_server.h: the roles that take streams: a listener, a reader for each connection, the command file.
+// os_coslogcollector_server.h: the roles that receive streams: a listener, a reader for each connection, the command
+// file.
 //
 //   os_coslogcollector_server.cpp           construction, Start
 //   os_coslogcollector_server_accept.cpp    the accept thread: binding, reporting, taking connections
-//   os_coslogcollector_server_readers.cpp   a reader: its stream, and what becomes of its connection
+//   os_coslogcollector_server_readers.cpp   a reader: its stream, freeing its connection
 //   os_coslogcollector_server_command.cpp   the command file: flush all open log files, end the collector
 //   os_coslogcollector_server_stop.cpp      Stop
-//   os_coslogcollector_peer.{h,cpp}         who is at the other end, and what he may have written
+//   os_coslogcollector_peer.{h,cpp}         the peer, and which files it may have written
 //   os_coslogcollector_stream.{h,cpp}       one stream
-//   os_coslogcollector_files.{h,cpp}        the files that streams go into
-//   os_coslogcollector_folders.{h,cpp}      the log folders that these are in
+//   os_coslogcollector_files.{h,cpp}        the files that streams write to
+//   os_coslogcollector_folders.{h,cpp}      the log folders of these files
 #pragma once
 
 #include "os_coslnk.h"
@@ -26,8 +27,8 @@
 class COsLogCollectorServer;
 class COsLogCollectorStream;
 
-// One connection. The connection list holds a record from the accept until a later reader, or Stop, frees it. A record
-// without a stream is finished: its reader has ended or is about to, and thread, socket and event wait to be freed.
+// One connection. A record is in the connection list from the accept until a later reader, or Stop, frees it. A record
+// without a stream is finished: its reader has ended or is about to; thread, socket and event remain to be freed.
 struct LogCollectorRecord
 {
     COsLogCollectorServer* poslogcollectorserver;
@@ -40,7 +41,7 @@ struct LogCollectorRecord
 class COsLogCollectorServer final : public COsLogCollectorImpl
 {
 public:
-    // a_blPrivate: of one application, at a port that the system chooses; else shared, at a fixed port.
+    // a_blPrivate: serves one application, on a port chosen by the system; else shared, on a fixed port.
     explicit COsLogCollectorServer(bool a_blPrivate);
     ~COsLogCollectorServer() override;
 
@@ -94,20 +95,20 @@ private:
     const bool m_blPrivate;
     char m_szHost[OS_LC_HOSTSIZE];
     char m_szPort[OS_LC_PORTSIZE];
-    std::atomic<int32_t> m_i32BoundPort{0};   // where the accept thread listens, 0 before
-    uint64_t m_u64ProcessIdApplication = 0;   // who is served
+    std::atomic<int32_t> m_i32BoundPort{0};   // port of the accept thread's listener, 0 before
+    uint64_t m_u64ProcessIdApplication = 0;   // the application that is served
     COsThread* m_posthreadAccept = nullptr;
     COsSync* m_possyncStop = nullptr;
     COsSocket* m_possocketListen = nullptr;
     std::atomic<const COsThread*> m_posthreadStarting{nullptr};   // a reader whose start has not returned
     COsLnk* m_poslnk = nullptr;                                   // of LogCollectorRecord
-    COsFile* m_posfileFlush = nullptr;                            // whose monitor watches the common command file
-    COsFile* m_posfileFlushOwn = nullptr;                         // and that of our user
+    COsFile* m_posfileFlush = nullptr;                            // its monitor watches the common command file
+    COsFile* m_posfileFlushOwn = nullptr;                         // the same for our user's command file
     COsLogCollectorFiles m_oslogcollectorfiles;
     COsLogCollectorFolders m_oslogcollectorfolders;
-    bool m_blTold = false;                 // the system tells who has a connection
-    std::atomic<bool> m_blServed{false};   // a stream has ended that was ours, or may have been
-    bool m_blListening = false;            // a private collector, whose listener is there before its accept thread
+    bool m_blTold = false;                 // the system can identify peers
+    std::atomic<bool> m_blServed{false};   // a stream that was, or may have been, our user's has ended
+    bool m_blListening = false;            // a private collector's listener exists before its accept thread
     bool m_blStraggler = false;
-    bool m_blStatus = false;   // the status file tells of it
+    bool m_blStatus = false;   // the status file describes this collector
 };

@@ -15,10 +15,10 @@
 
 static constexpr char g_szSource[] = "os/source/os_coslogcollector";
 
-// What the system keeps of a connection that was not read is lost with a killed collector.
+// Bytes. Small, because received data that was not read is lost with a killed collector.
 static constexpr uint32_t g_u32ReceiveBuffer = 256 * 1024;
 
-static constexpr uint32_t g_u32MeansPause = 100;   // ms after a want of descriptors, memory or threads
+static constexpr uint32_t g_u32MeansPause = 100;   // ms after a lack of descriptors, memory or threads
 static constexpr uint32_t g_u32IdentifyTries = 10;
 
 uint32_t COsLogCollectorServer::LogAcceptEntry(COsThread* a_posthread)
@@ -54,7 +54,7 @@ static void WriteStandardOutput(const char* a_szText)
     PlatStandardWrite(PLAT_STANDARD_OUTPUT, a_szText, std::strlen(a_szText));
 }
 
-// The port is told only when the listener listens: an application connects as soon as it knows it.
+// Reports the port once the listener listens: the application connects immediately.
 bool COsLogCollectorServer::ListenAndReport()
 {
     if (m_possocketListen->SocketCreate(m_szHost, m_szPort, "logaccept", nullptr) != EOSSTS_SUCCESS)
@@ -81,7 +81,7 @@ bool COsLogCollectorServer::ListenAndReport()
 
 // ------------------------------------------------------------------------------------------------- accepting
 
-// A want of descriptors, memory or threads is waited out; what has no record yet waits in the listener's queue.
+// A lack of descriptors, memory or threads is waited out; connections without a record stay in the listener's queue.
 void COsLogCollectorServer::ServeConnections()
 {
     for (;;)
@@ -102,19 +102,19 @@ void COsLogCollectorServer::ServeConnections()
             if (!WaitForMeans())
                 return;
         }
-        logcollectorrecord = {};   // the list's from now on
+        logcollectorrecord = {};   // the list owns it now
     }
 }
 
-// Frees what finished connections hold: without means there is no next reader that would. False when the collector is
-// stopped.
+// Frees the resources of finished connections, because no further reader might start that would do it. False when the
+// collector is stopped.
 bool COsLogCollectorServer::WaitForMeans()
 {
     SweepFinished();
     return m_possyncStop->EventWait(g_u32MeansPause, nullptr) == EOSSTS_TIMEOUT && !g_bLogCollectorStopping.load();
 }
 
-// With everything that a connection needs but its thread. False when there is no means for that now.
+// Creates everything that a connection needs except its thread. False when resources are lacking.
 bool COsLogCollectorServer::CreateRecord(LogCollectorRecord& a_logcollectorrecord)
 {
     a_logcollectorrecord.poslogcollectorserver = this;
@@ -135,7 +135,7 @@ bool COsLogCollectorServer::CreateRecord(LogCollectorRecord& a_logcollectorrecor
                EOSSTS_SUCCESS;
 }
 
-// Asked before the first byte counts. Where the system tells whose a connection is, nobody is taken without an answer.
+// Called before the first byte is used. Where the system can identify peers, an unidentified peer is refused.
 bool COsLogCollectorServer::IsAdmitted(const LogCollectorRecord& a_logcollectorrecord)
 {
     COsLogCollectorPeer oslogcollectorpeer;
@@ -148,8 +148,8 @@ bool COsLogCollectorServer::IsAdmitted(const LogCollectorRecord& a_logcollectorr
     return eossts == EOSSTS_SUCCESS;
 }
 
-// Puts the record into the list and starts its reader on the list's copy, which stays where it is as long as the
-// reader lives. False, with the record not in the list, when there is no means for that now.
+// Moves the record into the list and starts its reader on the list's copy, whose address is stable while the reader
+// runs. False, with the record not in the list, when resources are lacking.
 bool COsLogCollectorServer::StartReader(LogCollectorRecord& a_logcollectorrecord)
 {
     m_posthreadStarting.store(a_logcollectorrecord.posthread);

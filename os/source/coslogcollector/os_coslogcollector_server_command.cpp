@@ -1,6 +1,6 @@
-// os_coslogcollector_server_command.cpp: other tools tell all collectors what to do through a command file: the
-// common one, where the system's user writes, and one of each user, where his tools write. The monitor of each calls on
-// a thread of its own, beside the readers.
+// os_coslogcollector_server_command.cpp: the command files by which other tools control all collectors: the common one,
+// which root writes, and one per user, which that user's tools write. Each has a monitor that calls back on its own
+// thread, concurrently with the readers.
 #include "os_coslogcollector_server.h"
 
 #include "os_cfg.h"
@@ -27,8 +27,8 @@ static bool IsOwnFolder(const char* a_szFolder)
            osfile.GetOwner(&platfileowned) && platfileowned.platowner == PLAT_OWNER_SAME;
 }
 
-// Only in a folder of our user: elsewhere it would be his who came first. Commands count only from a file that nobody
-// else may write.
+// Only in a folder that our user owns: elsewhere any user could create it first. Commands are accepted only from a file
+// that other users cannot write.
 static void CreateCommandFile(const char* a_szPath)
 {
     if (OsFileExists(a_szPath))
@@ -75,7 +75,7 @@ void COsLogCollectorServer::StopMonitors()
 
 // ------------------------------------------------------------------------------------------------------ commands
 
-// A command counts from our user and from the system's. False when there was no descriptor or no memory to read it.
+// Accepts a file of our user or root. False when there was no descriptor or memory to read it.
 static bool ReadCommandFile(const char* a_szPath, OsLcCommand* a_poslccommand)
 {
     char* szText = nullptr;
@@ -93,7 +93,7 @@ static bool ReadCommandFile(const char* a_szPath, OsLcCommand* a_poslccommand)
     return szText || (u32Error != PLAT_ERROR_TOOMANYOPEN && u32Error != PLAT_ERROR_NOMEMORY);
 }
 
-// A command that was there before the collector is none for it.
+// A command written before the collector started is ignored.
 uint32_t COsLogCollectorServer::MonitorFlushEntry(COsFile* a_posfile)
 {
     const OsFileMonitorState& osfilemonitorstate = a_posfile->MonitorState();
@@ -116,8 +116,8 @@ void COsLogCollectorServer::MonitorFlushCallback(const OsLcCommand& a_oslccomman
         g_bLogCollectorStop.store(1);
 }
 
-// By its port and its application; or as the library's collector of this process, which is none in the collector
-// program: an exit that names nobody is for all.
+// Matches by port and application. Without them the command names the library's collector of this process; the
+// collector program has none, so such an exit ends every collector.
 bool COsLogCollectorServer::IsNamed(const OsLcCommand& a_oslccommand) const
 {
     if (a_oslccommand.eoslccommand != OS_LCCOMMAND_EXIT)

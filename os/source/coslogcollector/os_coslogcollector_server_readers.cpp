@@ -1,5 +1,5 @@
-// os_coslogcollector_server_readers.cpp: a reader takes one stream to its end. What remains of its connection is freed
-// by the next reader.
+// os_coslogcollector_server_readers.cpp: a reader processes one stream to its end. The next reader frees the resources
+// of its connection.
 #include "os_coslogcollector_server.h"
 
 #include "os_coslogcollector_stream.h"
@@ -7,7 +7,7 @@
 
 static constexpr char g_szSource[] = "os/source/os_coslogcollector";
 
-static constexpr uint32_t g_u32ComingTimeout = 1000;   // ms for one of ours to come
+static constexpr uint32_t g_u32ComingTimeout = 1000;   // ms to wait for another stream of our user
 
 uint32_t COsLogCollectorServer::LogDataEntry(COsThread* a_posthread)
 {
@@ -17,8 +17,8 @@ uint32_t COsLogCollectorServer::LogDataEntry(COsThread* a_posthread)
     return 0;
 }
 
-// The connection is closed when all is written: a client that has ended its sending waits for that, and writes the file
-// itself from then on.
+// The connection is closed after the last write: a client that has ended its sending waits for that, and writes the
+// file itself afterwards.
 void COsLogCollectorServer::LogData(const LogCollectorRecord& a_logcollectorrecord)
 {
     SweepFinished();
@@ -32,8 +32,9 @@ void COsLogCollectorServer::LogData(const LogCollectorRecord& a_logcollectorreco
         g_bLogCollectorStop.store(1);
 }
 
-// The last stream of ours ends the collector at once. One that another user may have opened does it only when ours may
-// have been there, and when nobody comes for a while: whoever comes then sweeps this reader, and sees to the end.
+// The last stream of our user ends the collector at once. One that another user may have opened does so only if a
+// stream of ours may have been served, and if none comes for a while: a new stream sweeps this reader and checks again
+// at its own end.
 bool COsLogCollectorServer::IsLast(const LogCollectorRecord& a_logcollectorrecord, bool a_blOurs)
 {
     if (a_blOurs || g_bLogCollectorStopping.load())
@@ -42,9 +43,9 @@ bool COsLogCollectorServer::IsLast(const LogCollectorRecord& a_logcollectorrecor
            MarkFinished(nullptr) == 0;
 }
 
-// Takes the finished records out of the list under its lock and frees them outside: freeing waits for the last steps
-// of their readers. A reader may have finished before the accept thread is through with starting it; that record stays
-// for a later sweep. Once the collector is stopping, the records are Stop's.
+// Takes the finished records out of the list under its lock and frees them without it: freeing waits until their
+// readers have returned. A reader may finish before the accept thread has finished starting it; that record is left for
+// a later sweep. Once the collector is stopping, Stop owns the records.
 void COsLogCollectorServer::SweepFinished()
 {
     for (;;)
@@ -67,7 +68,8 @@ void COsLogCollectorServer::SweepFinished()
     }
 }
 
-// Marks this reader's record (null: none) as finished and returns how many are live; 0 when the records are Stop's.
+// Marks this reader's record (null: none) as finished and returns the number of live ones; 0 when Stop owns the
+// records.
 int32_t COsLogCollectorServer::MarkFinished(const COsLogCollectorStream* a_poslogcollectorstream)
 {
     int32_t i32Live = 0;

@@ -1,5 +1,5 @@
-// os_coslogcollector_server_stop.cpp: Stop takes down what is there, in a fixed order: the flush monitor, the accept
-// thread, the readers. Nothing is left to do for a second run.
+// os_coslogcollector_server_stop.cpp: Stop, in a fixed order: the flush monitor, the accept thread, the readers. A
+// second call does nothing.
 #include "os_coslogcollector_server.h"
 
 #include "os_cosfile_system.h"
@@ -35,7 +35,7 @@ void COsLogCollectorServer::Stop(char* a_szFolder, size_t a_sizetFolder)
     CloseStatus();
 }
 
-// Also removes what killed processes have left.
+// Also removes status files of killed processes.
 void COsLogCollectorServer::CloseStatus()
 {
     if (!std::exchange(m_blStatus, false))
@@ -59,8 +59,8 @@ void COsLogCollectorServer::StopAccepting()
 
 // ------------------------------------------------------------------------------------------------- the readers
 
-// Readers leave the records alone once the stopping flag is up, so a thread that was seen here stays valid until its
-// record is freed here. They are waited for without the lock: one of them may be about to take it.
+// Readers leave the records alone once the stopping flag is set, so a thread found here stays valid until its record is
+// freed here. The wait is done without the lock, because a reader may be about to take it.
 void COsLogCollectorServer::StopReaders()
 {
     if (!m_poslnk || m_blStraggler)
@@ -74,7 +74,7 @@ void COsLogCollectorServer::StopReaders()
         OSMEMDELETE(m_poslnk);
 }
 
-// The events end the waits of all readers before the cancels, which wait a moment each, end the reads that never wait.
+// The events end all readers' waits; the cancels, which wait a moment each, end the reads that never wait.
 std::vector<COsThread*> COsLogCollectorServer::CancelReaders()
 {
     std::vector<COsThread*> vecposthread;
@@ -94,7 +94,7 @@ std::vector<COsThread*> COsLogCollectorServer::CancelReaders()
     return vecposthread;
 }
 
-// A reader that has outlived its time keeps its objects, the list and this object: it may still use them.
+// A reader that exceeded its time limit may still use its objects, the list and this object: they are kept.
 void COsLogCollectorServer::FreeRecords()
 {
     auto* precord =

@@ -27,7 +27,7 @@ static constexpr uint64_t g_u64ReplyTimeout = 10000;   // milliseconds
 static constexpr int32_t g_i32PortMost = 65535;
 static constexpr uint32_t g_u32GivenUpExitCode = 1;
 
-// ------------------------------------------------------------------------------------------------------- whether
+// ------------------------------------------------------------------------------------------------- preconditions
 
 bool OsLcIsCollectorProgram()
 {
@@ -79,8 +79,8 @@ static bool ReadReply(COsThread& a_osthread, char* a_szReply, OsCollectorIdentit
     return false;
 }
 
-// The collector runs on when the object that started it has gone. One that is given up is ended: it would wait for
-// streams that never come.
+// The collector outlives the object that started it. One that is given up is ended: it would wait for streams that
+// never come.
 static bool StartAndAsk(const char* a_szProgram, OsCollectorIdentity& a_oscollectoridentity)
 {
     char szArgument[256];
@@ -102,7 +102,7 @@ static bool StartAndAsk(const char* a_szProgram, OsCollectorIdentity& a_oscollec
 
 // ----------------------------------------------------------------------------------------------------- the start
 
-// Why the start has found no collector, "" where it has one or wants none. The log does not exist yet.
+// Why no collector was found; "" when there is one or none is wanted. Kept until there is a log.
 static char g_szProblem[OS_PATHSIZE + 128];
 
 static bool Fail(const char* a_szProblem, const char* a_szProgram)
@@ -111,7 +111,7 @@ static bool Fail(const char* a_szProblem, const char* a_szProgram)
     return false;
 }
 
-// A program that is no collector, and counts as one because of the folder that it is in.
+// For a program that counts as a collector because of its folder's name.
 static bool FailAsCollector()
 {
     char szProgram[OS_PATHSIZE];

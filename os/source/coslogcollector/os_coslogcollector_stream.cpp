@@ -1,8 +1,8 @@
 // os_coslogcollector_stream.cpp: one log stream.
 //
-//   the pieces   what has arrived, one read at a time
+//   the pieces   received data, one read at a time
 //   the stream   header, text, end
-//   the file     its folder, opening it, making it again when its path does not name it any more
+//   the file     its folder, opening it, creating it again when its path no longer names it
 #include "os_coslogcollector_stream.h"
 
 #include "os_cosfile_system.h"
@@ -17,14 +17,13 @@
 #include "plat_system.h"
 #include "plat_wait.h"
 
-
 static constexpr char g_szSource[] = "os/source/os_coslogcollector";
 
-static constexpr size_t g_sizetStoppingMost = 8 << 20;   // more than a connection holds: who sends on and on ends there
-static constexpr uint64_t g_u64LookPeriod = 1000;        // ms between two looks whether the path still names the file
-static constexpr uint64_t g_u64FolderTimeout = 1000;     // ms to wait for somebody who is deleting the folder
+static constexpr size_t g_sizetStoppingMost = 8 << 20;   // more than a connection holds
+static constexpr uint64_t g_u64LookPeriod = 1000;        // ms between two checks that the path still names the file
+static constexpr uint64_t g_u64FolderTimeout = 1000;     // ms to wait while the folder is being deleted
 static constexpr uint32_t g_u32FolderPause = 20;
-static constexpr uint64_t g_u64MeansTimeout = 3000;   // ms to wait for descriptors that other streams have
+static constexpr uint64_t g_u64MeansTimeout = 3000;   // ms to wait for descriptors that other streams use
 static constexpr uint32_t g_u32MeansPause = 100;
 
 // -------------------------------------------------------------------------------------------------- the pieces
@@ -36,7 +35,7 @@ enum class StreamRead
     End,
 };
 
-// The pieces of a stream as they arrive, one at a time in one buffer.
+// The received pieces of a stream, one at a time in one buffer.
 class StreamPieces
 {
 public:
@@ -54,8 +53,8 @@ public:
     StreamPieces(const StreamPieces&) = delete;
     StreamPieces& operator=(const StreamPieces&) = delete;
 
-    // End: the peer has closed, or there is no memory. A collector that is stopping takes what has arrived, and no more
-    // than that. A time-out (ms, not 0) is no end.
+    // End: the peer has closed, or there is no memory. While the collector is stopping, only data that has already
+    // arrived is read. A timeout (ms, not 0) is not an end.
     StreamRead Next(uint32_t a_u32Timeout)
     {
         if (!m_pchBuffer)
@@ -73,7 +72,7 @@ public:
         return StreamRead::Piece;
     }
 
-    const char* Piece() const { return m_pchBuffer; }   // a terminator follows
+    const char* Piece() const { return m_pchBuffer; }   // zero-terminated
     std::string_view Text() const { return {m_pchBuffer, m_sizetPiece}; }
 
 private:
@@ -97,7 +96,7 @@ private:
     char* m_pchBuffer;
     size_t m_sizetPiece = 0;
     size_t m_sizetDirty = 0;
-    size_t m_sizetStopping = 0;   // taken since the collector is stopping
+    size_t m_sizetStopping = 0;   // bytes read since the collector is stopping
     bool m_blStopping = false;
 };
 
@@ -121,8 +120,8 @@ void COsLogCollectorStream::Run(COsSocket* a_possocket, COsSync* a_possync)
     End();
 }
 
-// A header that names no file, or one whose path is too long, leaves the path empty: the open fails then. For whoever
-// has left no empty file is made, and so none removed.
+// Without a file name, or with one that is too long, the path stays empty and the open fails. For a peer that has
+// already disconnected no empty file is created, and so none removed.
 bool COsLogCollectorStream::Begin(StreamPieces& a_streampieces)
 {
     OsLcReadHeader(a_streampieces.Piece(), m_szPath);
@@ -171,8 +170,8 @@ void COsLogCollectorStream::TakeText(StreamPieces& a_streampieces)
     }
 }
 
-// What no file takes is lost. A file that its path does not name any more gets the rest of the line that it ends in,
-// and no other; one that refuses to be written may be such a file.
+// Text that no file takes is lost. If the path no longer names the file, the file gets the rest of its incomplete line
+// and nothing more; a refused write may have that cause.
 void COsLogCollectorStream::Write(std::string_view a_strview)
 {
     const uint64_t u64Now = PlatTicks();
@@ -190,7 +189,7 @@ void COsLogCollectorStream::Write(std::string_view a_strview)
         OpenAnew();
 }
 
-// A log file that received no text does not remain. Another stream that has it open keeps it.
+// A log file that received no text is removed. Another stream that has it open keeps it.
 static void RemoveIfEmpty(const char* a_szLogFile)
 {
     OsFileInfo osfileinfo;
@@ -216,9 +215,9 @@ void COsLogCollectorStream::End()
 
 // ---------------------------------------------------------------------------------------------------- the file
 
-// The folder of the log file, and the lock of the log folder that it is in, before the file is there: so nobody deletes
-// the folder meanwhile. Somebody who is just doing that is waited for. Without the lock the stream goes on, and for
-// whoever has left it is not taken.
+// Creates the log file's folder and takes the lock of its log folder before the file exists, so that no process deletes
+// the folder meanwhile. Waits while another process is deleting it. Without the lock the stream continues; for a peer
+// that has already disconnected it is not taken.
 void COsLogCollectorStream::MakeFolder()
 {
     char szFolder[OS_PATHSIZE];
@@ -257,8 +256,7 @@ void COsLogCollectorStream::LeaveFolder()
         m_oslogfolderlock.Release();
 }
 
-// A want of descriptors passes when other streams end, so it is waited out; not for so long that a client gives the
-// collector up.
+// Waits for descriptors that other streams may free, but not so long that a client gives up the collector.
 bool COsLogCollectorStream::OpenFile()
 {
     m_u64Looked = PlatTicks();
@@ -274,7 +272,7 @@ bool COsLogCollectorStream::OpenFile()
     }
 }
 
-// Whether the path names the file that the stream has. A hold of its folder that could not be had is tried again.
+// Whether the path still names the stream's file. Also retries a hold of the folder that failed before.
 bool COsLogCollectorStream::IsInPlace(uint64_t a_u64Now)
 {
     m_u64Looked = a_u64Now;

@@ -1,4 +1,4 @@
-// os_coslogcollector_stream.h: one log stream, from its first byte into the file that it names.
+// os_coslogcollector_stream.h: one log stream, from its first byte to the file that it names.
 #pragma once
 
 #include "os_coslogcollector_files.h"
@@ -16,13 +16,13 @@ public:
     COsLogCollectorStream(const COsLogCollectorStream&) = delete;
     COsLogCollectorStream& operator=(const COsLogCollectorStream&) = delete;
 
-    // Whose the stream is; without it, our user's. Before Run.
+    // The owner of the stream; our user if not set. Before Run.
     void SetPeer(const COsLogCollectorPeer& a_oslogcollectorpeer) { m_oslogcollectorpeer = a_oslogcollectorpeer; }
     const COsLogCollectorPeer& Peer() const { return m_oslogcollectorpeer; }
 
-    // Takes the stream, with its peer's rights, to its end, or until the event is set or the socket cancelled and a
-    // stop of the collector has begun: then what has arrived. On return all is written and the file is let go of; the
-    // connection is still open.
+    // Processes the stream, with its peer's rights, to its end. When the event is set or the socket cancelled because
+    // the collector stops, processes the data that has arrived. On return everything is written and the file is
+    // released; the connection is still open.
     void Run(COsSocket* a_possocket, COsSync* a_possync);
 
 private:
@@ -43,9 +43,9 @@ private:
     char m_szPath[OS_PATHSIZE] = {};        // as the stream named it
     char m_szLogFolder[OS_PATHSIZE] = {};   // "" when the file is in none
     bool m_blFolderHeld = false;
-    COsLogFolderLock m_oslogfolderlock;   // of another user's stream, which shares nothing with ours
+    COsLogFolderLock m_oslogfolderlock;   // for another user's stream, which shares nothing with ours
     COsLogCollectorPeer m_oslogcollectorpeer;
-    COsLogCollectorFiles::Reference m_reference;   // null when the file could not be made again
+    COsLogCollectorFiles::Reference m_reference;   // null when the file could not be created again
     LogCollectorWriter m_logcollectorwriter;
-    uint64_t m_u64Looked = 0;   // when the path was last looked at
+    uint64_t m_u64Looked = 0;   // when the path was last checked
 };

@@ -1,5 +1,5 @@
-// os_coslogstatus.cpp: the folder of the status files; reading those of other processes, removing what is left of dead
-// ones, asking for flags.
+// os_coslogstatus.cpp: the folder of the status files; reading those of other processes, removing stale ones,
+// requesting flags.
 #include "os_coslogstatus.h"
 
 #include "os_cfg.h"
@@ -42,7 +42,7 @@ uint64_t OsLogLostSum(const OsLogHealth& a_osloghealth)
 
 // ----------------------------------------------------------------------------------------------------------- paths
 
-// Where several users share the folder above, each has his own.
+// Where several users share the parent folder, each user has a separate one.
 void OsLogStatusFolder(char* a_szFolder)
 {
     char szName[32];
@@ -77,7 +77,7 @@ static PlatHandle Open(uint64_t a_u64ProcessId, uint32_t a_u32Access)
     return PlatFileOpen(wszPath, a_u32Access, g_u32Share, PLAT_DISPOSITION_OPENEXISTING, PLAT_OPEN_OWNPLACE);
 }
 
-// A record whose texts are being changed is read again.
+// Retries while the texts of the record are being changed.
 static bool ReadRecord(PlatHandle a_plathandle, OsLogStatusRecord& a_oslogstatusrecord)
 {
     const auto turn = [&] { return a_oslogstatusrecord.u32Turn.load(std::memory_order_relaxed); };
@@ -139,8 +139,8 @@ static void Take(const OsLogStatusRecord& a_oslogstatusrecord, OsLogStatus& a_os
     CopyText(osloghealth.szLastErrorPath, a_oslogstatusrecord.szLastErrorPath);
 }
 
-// What the file of a process says. False for one that says nothing, which may just be written; a_blRuns is then still
-// right.
+// Reads the status file of a process. False when it is invalid, for example still being written; a_blRuns is set even
+// then.
 static bool Read(uint64_t a_u64ProcessId, OsLogStatus& a_oslogstatus, bool& a_blRuns)
 {
     uint64_t u64StartTime = 0;
@@ -160,7 +160,7 @@ static bool Read(uint64_t a_u64ProcessId, OsLogStatus& a_oslogstatus, bool& a_bl
 
 // ------------------------------------------------------------------------------------------------------------- list
 
-// The process id that is a file's name, 0 for another name.
+// Parses the process id from a file name; 0 for another name.
 static uint64_t ProcessIdOf(std::string_view a_strviewName)
 {
     uint64_t u64ProcessId = 0;
@@ -205,7 +205,7 @@ EOSSTS OsLogStatusList(OsLogStatusProc a_oslogstatusproc, void* a_pvContext, boo
     return EOSSTS_SUCCESS;
 }
 
-// A later process that has the id is not the one that was meant: it is looked at once it is held.
+// The process id may have been reused: the start time is checked after the process was opened.
 EOSSTS OsLogStatusWaitForEnd(const OsLogStatus& a_oslogstatus, uint32_t a_u32Milliseconds)
 {
     uint64_t u64StartTime = 0;

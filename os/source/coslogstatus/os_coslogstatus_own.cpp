@@ -1,4 +1,4 @@
-// os_coslogstatus_own.cpp: making, mapping, changing and removing this process's status file.
+// os_coslogstatus_own.cpp: creating, mapping, changing and removing this process's status file.
 #include "os_coslogstatus_own.h"
 
 #include "os_cosarguments.h"
@@ -18,7 +18,7 @@
 
 namespace
 {
-// The thread's last error stays as it was: it stands in log lines.
+// Restores the thread's last error, which log lines contain.
 class KeepError
 {
 public:
@@ -34,7 +34,7 @@ private:
 
 constinit OsLogStatusRecord COsLogStatusOwn::m_oslogstatusrecordNone = {};
 
-// A thread may log before the program's objects are made and after they have gone.
+// Constant-initialized and never destroyed: threads may log before and after the lifetime of static objects.
 constinit COsLogStatusOwn COsLogStatusOwn::m_oslogstatusown;
 static_assert(std::is_trivially_destructible_v<COsLogStatusOwn>);
 
@@ -52,7 +52,7 @@ void COsLogStatusOwn::Fill(OsLogStatusRecord& a_oslogstatusrecord, const char* a
     SStrCpy(a_oslogstatusrecord.szName, sizeof a_oslogstatusrecord.szName, a_szName ? a_szName : "");
 }
 
-// With what a process that had this id before has left.
+// Replaces a file that an earlier process with this id left.
 static PlatHandle OpenFile(const char16_t* a_wszPath)
 {
     return PlatFileOpen(a_wszPath, PLAT_ACCESS_READ | PLAT_ACCESS_WRITE,
@@ -60,7 +60,7 @@ static PlatHandle OpenFile(const char16_t* a_wszPath)
                         PLAT_OPEN_OWNPLACE | PLAT_OPEN_PRIVATE);
 }
 
-// The folder is made when it is missed.
+// Creates the folder only when it is missing.
 static PlatHandle OpenFileAndFolder(const char16_t* a_wszPath)
 {
     const PlatHandle plathandle = OpenFile(a_wszPath);
@@ -72,7 +72,7 @@ static PlatHandle OpenFileAndFolder(const char16_t* a_wszPath)
     return PlatFolderCreatePrivate(wszFolder) ? OpenFile(a_wszPath) : PLAT_INVALID;
 }
 
-// The file is written before it is mapped: a full disk refuses the write, and what is mapped then has room.
+// Writes the file before it is mapped: a full disk refuses the write, so that the mapped pages are backed.
 static PlatHandle WriteFile(const char16_t* a_wszPath, const OsLogStatusRecord& a_oslogstatusrecord)
 {
     alignas(OsLogStatusRecord) char achFile[OS_LOGSTATUS_FILESIZE] = {};
@@ -85,7 +85,7 @@ static PlatHandle WriteFile(const char16_t* a_wszPath, const OsLogStatusRecord& 
     return PLAT_INVALID;
 }
 
-// The view of a file before is released only now: a thread may just have been at it when that went.
+// The view of a previous file is released only now, because a thread may still have been using it.
 bool COsLogStatusOwn::Map(const OsLogStatusRecord& a_oslogstatusrecord)
 {
     const PlatHandle plathandle = WriteFile(m_wszPath, a_oslogstatusrecord);
@@ -116,7 +116,7 @@ bool COsLogStatusOwn::Make(const char* a_szName)
     return Map(oslogstatusrecord);
 }
 
-// A process that was forked from another one has an empty record of its own, and no file, until it comes here.
+// A forked child has an empty record of its own, and no file, until this is called.
 void COsLogStatusOwn::Open(uint32_t a_u32Kind, const char* a_szName)
 {
     const std::lock_guard<std::mutex> guard(m_mutex);
@@ -146,7 +146,7 @@ void COsLogStatusOwn::Close(uint32_t a_u32Kind)
     m_poslogstatusrecord.store(&m_oslogstatusrecordNone, std::memory_order_release);
 }
 
-// ---------------------------------------------------------------------------------------------------- what it says
+// --------------------------------------------------------------------------------------------------------- content
 
 void COsLogStatusOwn::PutCollector(int32_t a_i32Port, uint64_t a_u64ProcessIdApplication)
 {
@@ -155,7 +155,7 @@ void COsLogStatusOwn::PutCollector(int32_t a_i32Port, uint64_t a_u64ProcessIdApp
     oslogstatusrecord.u64ProcessIdApplication.store(a_u64ProcessIdApplication, std::memory_order_relaxed);
 }
 
-// Nobody waits: a signal handler that logs may have interrupted a change.
+// Never waits: a signal handler that logs may have interrupted a change.
 template <class Change>
 bool COsLogStatusOwn::ChangeTexts(Change a_change)
 {

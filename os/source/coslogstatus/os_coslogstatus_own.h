@@ -7,26 +7,26 @@
 #include <atomic>
 #include <mutex>
 
-// There is one of the process. What is put is kept nowhere else: without a file it is lost.
+// One object per process. Values are stored only in the file's record: without a file they are lost.
 class COsLogStatusOwn
 {
 public:
     static COsLogStatusOwn& Get() { return m_oslogstatusown; }
 
-    // Makes the file when there is none of this process. a_szName may be null. Any thread.
+    // Creates the file if this process has none. a_szName may be null. Any thread.
     void Open(uint32_t a_u32Kind, const char* a_szName);
 
-    // Takes the kind back; with the last one the file goes.
+    // Removes the kind; the file is removed with the last one.
     void Close(uint32_t a_u32Kind);
 
     void PutCollector(int32_t a_i32Port, uint64_t a_u64ProcessIdApplication);
     void PutLogFile(const char* a_szLogFile);
     void PutError(uint32_t a_u32Error, uint64_t a_u64Time, const char* a_szPath);
 
-    // What the process is asked for, read at each log call; 0 without a file, and when somebody has cut it.
+    // The requested flags, read at each log call; 0 without a file, and when the file was truncated.
     uint64_t Wish() const { return Record().u64Wish.load(std::memory_order_relaxed); }
 
-    // The record that is in force, or one that nobody sees.
+    // The mapped record, or a dummy.
     OsLogStatusRecord& Record() const { return *m_poslogstatusrecord.load(std::memory_order_acquire); }
 
 private:
@@ -41,8 +41,8 @@ private:
     std::mutex m_mutex;
     std::atomic_flag m_atomicflagTexts;
     std::atomic<OsLogStatusRecord*> m_poslogstatusrecord{&m_oslogstatusrecordNone};
-    uint64_t m_u64ProcessId = 0;   // whose the file is; that of a parent is not ours
+    uint64_t m_u64ProcessId = 0;   // owner of the file; after a fork, a parent's file is not ours
     char16_t m_wszPath[OS_WIDEPATHSIZE] = {};
-    void* m_pvView = nullptr;   // the last that was mapped
+    void* m_pvView = nullptr;   // the last mapping
     size_t m_sizetView = 0;
 };

@@ -1,7 +1,7 @@
-// os_coslogstatus_record.h: a status file as it lies on the disk and in memory.
+// os_coslogstatus_record.h: the layout of a status file.
 //
-// Who reads it may find a text that is just being changed: its turn is odd then, or another one afterwards. Nothing
-// that is in a file is believed without a look.
+// u32Turn is odd while the texts are being changed, and differs afterwards, so that a reader detects a change. Readers
+// validate every value.
 #pragma once
 
 #include "os_coslogstatus.h"
@@ -28,7 +28,7 @@ struct OsLogStatusRecord
     uint64_t u64StartTime;
     uint64_t u64Since;
 
-    // The flags that somebody wants, with a number above them that is another one for each wish. 0: none.
+    // The requested flags, with a counter above them that differs for each request. 0: none.
     std::atomic<uint64_t> u64Wish;
 
     std::atomic<uint64_t> u64ProcessIdApplication;
@@ -38,7 +38,7 @@ struct OsLogStatusRecord
     std::atomic<uint32_t> u32Where;
     OsLogStatusCounts oslogstatuscounts;
 
-    std::atomic<uint32_t> u32Turn;   // of what follows
+    std::atomic<uint32_t> u32Turn;   // sequence counter of the texts below
     uint32_t u32LastError;
     uint64_t u64LastErrorTime;
     char szLastErrorPath[OS_PATHSIZE];
@@ -48,7 +48,7 @@ struct OsLogStatusRecord
 };
 static_assert(sizeof(OsLogStatusRecord) <= OS_LOGSTATUS_FILESIZE && std::atomic<uint64_t>::is_always_lock_free);
 
-// The folder of the status files (OS_PATHSIZE bytes), "" for none, and the path of a process's; a path that does not
-// fit is "".
+// The folder of the status files (OS_PATHSIZE bytes), "" for none; the path of a process's file, "" when it does not
+// fit.
 void OsLogStatusFolder(char* a_szFolder);
 void OsLogStatusPath(char* a_szPath, uint64_t a_u64ProcessId);

@@ -56,7 +56,7 @@ EOSSTS OsSocketStatus(uint32_t a_u32Error)
     }
 }
 
-// A machine is in-house when a host of the maker resolves. No host is listed, so none has to be asked.
+// A machine is in-house when one of the manufacturer's hosts resolves. The list is empty, so no lookup is made.
 bool OsIsInHouseMachine()
 {
     return false;
@@ -85,8 +85,7 @@ bool OsSocketParsePort(const char* a_szPort, uint16_t* a_pu16Port)
     return i32Port == *a_pu16Port;
 }
 
-// There is no certificate store and no secure-channel layer that would take a certificate from one; what is checked
-// is what a configuration may ask for.
+// There is no certificate store and no secure-channel layer here; only the configured values are checked.
 static void CheckClientCertificate()
 {
     static std::atomic<bool> s_blChecked{false};
@@ -259,7 +258,7 @@ bool COsSocketImpl::Initialize()
 
 COsSocketImpl::~COsSocketImpl()
 {
-    // An operation that has not left still looks at the state.
+    // An operation in progress still uses the state.
     if (m_psocketstate && !Disconnect(false))
         static_cast<void>(m_psocketstate.release());
 }
@@ -270,7 +269,7 @@ EOSSTS COsSocketImpl::Unsupported() const
     return EOSSTS_FAIL;
 }
 
-// An object that is used again without having been disconnected lets go of what it has.
+// Releases what an object still holds that is used again without a disconnect.
 void COsSocketImpl::ReleaseLeftovers()
 {
     const SocketShared* const psocketshared = m_psocketstate->psocketshared.get();
@@ -279,7 +278,7 @@ void COsSocketImpl::ReleaseLeftovers()
         Disconnect(false);
 }
 
-// Prints an address as the product's system holds it in memory: both numbers in network order.
+// Logs an address in the product's memory layout: both numbers in network order.
 void COsSocketImpl::LogAddress(uint32_t a_u32Level, const PlatAddress& a_plataddress) const
 {
     const uint16_t u16Port = static_cast<uint16_t>((a_plataddress.u16Port << 8) | (a_plataddress.u16Port >> 8));
@@ -289,7 +288,7 @@ void COsSocketImpl::LogAddress(uint32_t a_u32Level, const PlatAddress& a_platadd
     OSLOG(a_u32Level, "sock>>> sin_family:%d sin_port:%04x sin_addr.s_addr:%08x", 2, u16Port, u32Address);
 }
 
-// The read and write events are made by the first wait that needs them.
+// The read and write events are created by the first wait that needs them.
 EOSSTS COsSocketImpl::CreateCancelEvent()
 {
     const PlatHandle plathandle = PlatEventCreate(PLAT_RESET_MANUAL, nullptr);
@@ -337,7 +336,7 @@ EOSSTS COsSocketImpl::CreateTcp(const char* a_szHost, const char* a_szPort, bool
     }
 
     m_psocketstate->blOwnsListener = !a_blSource;
-    bool blAddress = true;   // false: no dotted address or no port, which is told where it would be bound
+    bool blAddress = true;   // false: no dotted address or no port; bind reports it
     const EOSSTS eossts = a_blSource ? ShareListener(a_possocketimplSource) : MakeListener(a_szPort, &blAddress);
     if (eossts != EOSSTS_SUCCESS)
     {
@@ -389,7 +388,7 @@ EOSSTS COsSocketImpl::MakeListener(const char* a_szPort, bool* a_pblPort)
     return EOSSTS_NOMEMORY;
 }
 
-// A listener on a fixed port may be restarted while connections of the previous one are still winding down.
+// A listener on a fixed port may be restarted while connections of the previous one are still closing.
 bool COsSocketImpl::BindListener(const PlatAddress& a_plataddress)
 {
     const PlatHandle plathandle = m_psocketstate->psocketlistener->Handle();
@@ -475,8 +474,8 @@ EOSSTS COsSocketImpl::AcceptTcp(COsSync* a_possyncStop)
         return EOSSTS_NOTOPEN;
     }
 
-    // A connection that waits already needs no wait; one that its peer has given up leaves nothing to take. Without
-    // room for a connection the system refuses also where there is none.
+    // A pending connection needs no wait; it may be gone by the accept if its peer has aborted. When resources are
+    // lacking the system refuses even if no connection is pending.
     for (bool blTake = !CancelIsRequested();; blTake = true)
     {
         if (blTake)
@@ -530,7 +529,7 @@ EOSSTS COsSocketImpl::Adopt(PlatHandle a_plathandleConnected)
     return EOSSTS_SUCCESS;
 }
 
-// The object that made the listener ends it for everybody; another one only lets go.
+// The object that created the listener shuts it down for all; another one only drops its reference.
 void COsSocketImpl::ForgetListener()
 {
     SocketListener*& psocketlistener = m_psocketstate->psocketlistener;

@@ -15,12 +15,12 @@ static constexpr char g_szSource[] = "os/source/os_cossocket";
 
 static constexpr uint32_t OS_CONNECTTIMEOUT = 20000;
 
-// Places in the wait for the end of the attempt.
+// Indexes in the wait for the end of the attempt.
 static constexpr uint32_t OS_CONNECTRESULT_CANCEL = 0;
 static constexpr uint32_t OS_CONNECTRESULT_ENDED = 1;
 static constexpr uint32_t OS_CONNECTRESULT_EXITED = 2;
 
-// False (logged) when the port does not say what is meant.
+// False (logged) when the port does not determine the type.
 bool COsSocketImpl::ChooseType(const char* a_szHost, const char* a_szPort, const char* a_szName)
 {
     m_psocketstate->eossockettype = OS_SOCKETTYPE_TCP;
@@ -96,7 +96,7 @@ EOSSTS COsSocketImpl::ConnectTcp(const COsSocket::ConnectArgs& a_connectargs, co
     return eossts;
 }
 
-// The address of the peer: what the host says, or what it resolves to. The host name then holds it as dotted text.
+// The peer's address: the host as dotted text, or its resolved address. The host name then holds the dotted text.
 bool COsSocketImpl::FindPeer()
 {
     PlatAddress& plataddress = m_psocketstate->plataddress;
@@ -136,7 +136,7 @@ bool COsSocketImpl::CreateConnectSocket(const COsSocket::ConnectArgs& a_connecta
     return true;
 }
 
-// A port out of range is told like port 0, to which nobody can connect.
+// A port out of range is reported like port 0, to which no connect is possible.
 void COsSocketImpl::PreparePort(const char* a_szPort)
 {
     if (!OsSocketParsePort(a_szPort, &m_psocketstate->u16Port))
@@ -165,7 +165,7 @@ bool COsSocketImpl::StartConnect()
     return false;
 }
 
-// Waits for the end of the attempt. How it ended shows at the first read or write.
+// Waits for the end of the attempt. Its result shows at the first read or write.
 EOSSTS COsSocketImpl::AwaitConnect(int32_t a_i32Timeout)
 {
     constexpr uint32_t OS_ENDED = PLAT_SOCKET_CONNECT | PLAT_SOCKET_CLOSE;

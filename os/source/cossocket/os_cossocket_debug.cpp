@@ -1,6 +1,6 @@
 // os_cossocket_debug.cpp: the side log and the data trace.
 //
-// Both are written to files of the log folder, past the logger, so that they can tell about the logger's own
+// Both write directly to files in the log folder, not through the logger, so that they can report on the logger's own
 // connection. Writing a file may log, and the logger may send: neither diagnostic is written from within one.
 #include "os_cfg.h"
 #include "os_cosfile.h"
@@ -21,7 +21,7 @@ static constexpr char g_szSource[] = "os/source/os_cossocket";
 
 static constexpr size_t OS_SIDELOGLINE = 1024;
 static constexpr size_t OS_TRACETEXT = 65536;
-static constexpr size_t OS_TRACEHEAD = 16;   // room for what stands before the bytes
+static constexpr size_t OS_TRACEHEAD = 16;   // space for the head before the bytes
 static constexpr size_t OS_TRACEBYTE = 3;    // " 0a"
 
 static thread_local bool g_blWriting = false;
@@ -40,7 +40,7 @@ public:
 
 }   // namespace
 
-// False when the configuration names no log folder, or one that is too long.
+// False when the configuration has no log folder, or one whose path is too long.
 static bool LogPath(char* a_szPath, const char* a_szName)
 {
     OsPathCopy(a_szPath, OS_PATHSIZE, OsCfgGetString(OS_CFGTAG_LOGDIRECTORY));
@@ -57,8 +57,8 @@ static void AppendTo(const char* a_szPath, const char* a_szText)
 
 // The side log.
 
-// The file, found once per process; null as long as there is no configuration that names its folder. Called under
-// the side log's lock.
+// The path of the file, determined once per process; null until a configuration names its folder. Called with the side
+// log's lock held.
 static const char* SideLogPath()
 {
     static char s_szPath[OS_PATHSIZE];
@@ -97,7 +97,7 @@ static bool TraceIsOn()
     return OsCfgExists() && !g_blWriting && OsCfgGetLong(OS_CFGTAG_DEBUGSOCKETS) != 0 && OsLogWorkingWord() == 0;
 }
 
-// Appends the head, the bytes in hexadecimal as far as the text goes, and a line end to the thread's trace file.
+// Appends the head, the bytes in hexadecimal (truncated to the buffer) and a line end to the thread's trace file.
 static void Trace(const char* a_szHead, const void* a_pvBytes, size_t a_sizetBytes)
 {
     const WritingGuard writingguard;

@@ -2,13 +2,12 @@
 //
 // os_cossocket.cpp           the public object, construction, create, listen, accept, names, process-wide start
 // os_cossocket_connect.cpp   the choice of the transport, and connecting
-// os_cossocket_io.cpp        read, write, disconnect, and who may close while others work
+// os_cossocket_io.cpp        read, write, disconnect, and closing while operations are in progress
 // os_cossocket_wait.cpp      the one wait of the TCP transport, and what cancels it
 // os_cossocket_debug.cpp     the side log and the data trace
 // os_cossocket_shared*       the shared-memory transport, a class of its own
 //
-// A transport has its own branch wherever an operation switches on the socket type; what no branch takes is answered
-// with "Unsupported...%d".
+// Each operation has a branch per transport; a socket type without a branch is reported as "Unsupported...%d".
 #pragma once
 
 #include "os_cossocket.h"
@@ -25,12 +24,12 @@ class SocketShared;
 
 inline constexpr char OS_LOOPBACK[] = "127.0.0.1";
 
-// What a wait for reading waits for, on entry in SelectArgs::pu32Read; any other number waits for bytes.
+// What a wait for reading waits for, as input in SelectArgs::pu32Read; any other number waits for bytes.
 inline constexpr uint32_t OS_SELECTMODE_ACCEPT = 1;
 inline constexpr uint32_t OS_SELECTMODE_CONNECT = 2;
 
-// A listening socket. The object that made it and the accept-side objects share it; the last one closes it, so that
-// none waits on a handle that belongs to somebody else meanwhile.
+// A listening socket, reference counted by the object that created it and the accept-side objects. The last one closes
+// it, so that none waits on a handle that has been reused.
 class SocketListener
 {
 public:
@@ -40,7 +39,7 @@ public:
 
     PlatHandle Handle() const { return m_plathandle; }
     SocketListener* Share();
-    static void Drop(SocketListener*& a_psocketlistener);   // null is left alone; clears the reference
+    static void Drop(SocketListener*& a_psocketlistener);   // null is allowed; clears the reference
 
 private:
     ~SocketListener();
@@ -49,7 +48,8 @@ private:
     std::atomic<uint32_t> m_u32References{1};
 };
 
-// A socket event, made when a wait first needs it, and what is selected onto it: an unchanged mask is not set again.
+// A socket event, created by the first wait that needs it, and its current selection: an unchanged mask is not set
+// again.
 struct SocketEvent
 {
     PlatHandle plathandle = PLAT_INVALID;
@@ -57,10 +57,10 @@ struct SocketEvent
     uint32_t u32Mask = 0;
 };
 
-// Who may close while others work: every operation counts itself in u32Operations for as long as it uses handles.
-// Whoever disconnects puts itself into pvCloser first, wakes what waits, and closes once the count is 0; an operation
-// that comes meanwhile finds no socket. What one thread changes while another may look is atomic; the rest belongs
-// to the thread that reads, the one that writes, or the one that disconnects.
+// Closing while operations are in progress: every operation is counted in u32Operations while it uses handles. A
+// disconnecting thread sets pvCloser first, wakes the waits, and closes when the count is 0; an operation that starts
+// meanwhile finds no socket. Members that one thread changes while another may read are atomic; the others belong to
+// the reading, the writing or the disconnecting thread.
 struct SocketState
 {
     SocketState();
@@ -73,7 +73,7 @@ struct SocketState
     std::atomic<PlatHandle> plathandleConnected{PLAT_INVALID};
     std::atomic<PlatHandle> plathandleProcess{PLAT_INVALID};   // a process whose end aborts waits
 
-    uint64_t u64CancelLock = 0;                   // keeps the next two in step
+    uint64_t u64CancelLock = 0;                   // guards the next two
     std::atomic<bool> blCancelRequested{false};   // the cancel event is signalled
     PlatHandle plathandleCancel = PLAT_INVALID;
 
@@ -85,12 +85,12 @@ struct SocketState
     bool blSideLog = false;
     uint16_t u16Port = 0;
     std::unique_ptr<SocketShared>
-        psocketshared;               // made by the first connect to a transport host, before the type is set
+        psocketshared;               // created by the first connect to a transport host, before the type is set
     PlatAddress plataddress{};       // bound address of a listener, else the peer
-    char szHost[OS_PATHSIZE] = "";   // the address in use, dotted once it is resolved
+    char szHost[OS_PATHSIZE] = "";   // the address in use, dotted once resolved
 };
 
-// Counts an operation in, unless somebody disconnects.
+// Counts an operation, unless a disconnect is in progress.
 class SocketOperation
 {
 public:
@@ -105,7 +105,7 @@ public:
 
     bool Entered() const { return m_u32Operation != 0; }
 
-    // The connected socket, none for an operation that was not let in.
+    // The connected socket; PLAT_INVALID if the operation was refused.
     PlatHandle Connected() const { return Entered() ? m_socketstate.plathandleConnected.load() : PLAT_INVALID; }
     PlatHandle Listening() const;
 
@@ -114,15 +114,15 @@ private:
     uint32_t m_u32Operation;
 };
 
-// One wait: what is asked, and what is known so far.
+// One wait: the request, and what is known so far.
 struct SocketWait
 {
     const COsSocket::SelectArgs& selectargs;
     PlatHandle plathandleSocket = PLAT_INVALID;
     SocketEvent* psocketevent = nullptr;
     uint32_t u32Mask = 0;
-    uint32_t u32Events = 0;   // found by a look before the wait
-    bool blLook = true;       // false: the caller has just found nothing
+    uint32_t u32Events = 0;   // found by a check before the wait
+    bool blLook = true;       // false: the caller has just checked
 };
 
 class COsSocketImpl
@@ -148,7 +148,7 @@ public:
     EOSSTS Unsent(size_t* a_psizetBytes);
     EOSSTS Select(const COsSocket::SelectArgs& a_selectargs);
     void Cancel();
-    bool Disconnect(bool a_blGraceful);   // false: an operation has not left, its handles stay open
+    bool Disconnect(bool a_blGraceful);   // false: an operation is still in progress, its handles stay open
     void LeaveToParent();
     EOSSTS GetInfo(char* a_szHost, char* a_szPort) const;
     static EOSSTS ResolveHost(const char* a_szHost, char* a_szAddress);
@@ -226,7 +226,7 @@ private:
 };
 static_assert(sizeof(COsSocketImpl) == 8, "the size is part of the log");
 
-// Tells something to the side log and, with a_blLogging, to the log.
+// Writes to the side log and, with a_blLogging, to the log.
 #define SOCKETTELL(a_blLogging, a_u32Level, ...)                                                                       \
     do                                                                                                                 \
     {                                                                                                                  \
@@ -236,15 +236,15 @@ static_assert(sizeof(COsSocketImpl) == 8, "the size is part of the log");
             OSLOG((a_u32Level), __VA_ARGS__);                                                                          \
     } while (false)
 
-// The data trace of one receive or send, when the configuration asks for it.
+// The data trace of one receive or send, if configured.
 void OsSocketTraceReceive(const void* a_pvBytes, size_t a_sizetBytes);
 void OsSocketTraceSend(const void* a_pvBytes, size_t a_sizetBytes);
 
-// The status of a system error: EOSSTS_NOMEMORY for want of descriptors, memory or buffers, else EOSSTS_FAIL.
+// Maps a system error: EOSSTS_NOMEMORY for a lack of descriptors, memory or buffers, else EOSSTS_FAIL.
 EOSSTS OsSocketStatus(uint32_t a_u32Error);
 
-// The port number of a text; false when it is out of range.
+// Parses a port number; false when it is out of range.
 bool OsSocketParsePort(const char* a_szPort, uint16_t* a_pu16Port);
 
-// A host name's first IPv4 address. False when it has none (logged).
+// Resolves a host name to its first IPv4 address. False when it has none (logged).
 bool OsSocketLookUp(const char* a_szHost, PlatAddress* a_pplataddress);

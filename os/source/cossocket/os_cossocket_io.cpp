@@ -1,4 +1,4 @@
-// os_cossocket_io.cpp: read, write, disconnect, and who may close while others work.
+// os_cossocket_io.cpp: read, write, disconnect, and closing while operations are in progress.
 #include "os_cfg.h"
 #include "os_cossocket_impl.h"
 #include "os_cossocket_shared_impl.h"
@@ -11,13 +11,13 @@
 
 static constexpr char g_szSource[] = "os/source/os_cossocket";
 
-static constexpr int OS_SENDRETRYLIMIT = 8;   // the last of the retries, counted from 0
+static constexpr int OS_SENDRETRYLIMIT = 8;   // the last retry, counted from 0
 static constexpr uint32_t OS_SENDRETRYPAUSE = 100;
 static constexpr uint32_t OS_GRACEFULTIMEOUT = 5000;
-static constexpr uint32_t OS_LEAVETIMEOUT = 5000;   // for operations that are under way when somebody disconnects
-static constexpr uint32_t OS_LEAVECANCEL = 16;      // ms between the cancels that they get meanwhile
+static constexpr uint32_t OS_LEAVETIMEOUT = 5000;   // ms for operations in progress at a disconnect
+static constexpr uint32_t OS_LEAVECANCEL = 16;      // ms between the cancels sent to them
 
-// Who may close while others work.
+// Closing while operations are in progress.
 
 SocketOperation::SocketOperation(SocketState& a_socketstate, uint32_t a_u32Operation)
     : m_socketstate(a_socketstate), m_u32Operation(a_u32Operation)
@@ -43,7 +43,7 @@ PlatHandle SocketOperation::Listening() const
 
 // Read.
 
-// Makes all of the buffer zero that holds no received bytes.
+// Clears the part of the buffer that holds no received bytes.
 static void ClearRest(const COsSocket::ReadArgs& a_readargs, size_t a_sizetReceived)
 {
     const size_t sizetDirty = a_readargs.psizetDirty ? *a_readargs.psizetDirty : a_readargs.sizetBuffer;
@@ -75,7 +75,7 @@ EOSSTS COsSocketImpl::Read(const COsSocket::ReadArgs& a_readargs, size_t* a_psiz
     return ReadTcp(a_readargs, plathandle, a_psizetRead);
 }
 
-// Takes what has arrived. False, with the buffer untouched, when there is nothing to take.
+// Receives available data. False, with the buffer unchanged, when there is none.
 bool COsSocketImpl::TakeBytes(const COsSocket::ReadArgs& a_readargs, PlatHandle a_plathandle, size_t* a_psizetRead)
 {
     size_t sizetRead = 0;
@@ -103,7 +103,7 @@ EOSSTS COsSocketImpl::ReadTcp(const COsSocket::ReadArgs& a_readargs, PlatHandle 
             return EOSSTS_SUCCESS;
         const uint32_t u32Error = PlatGetLastError();
         ClearRest(a_readargs, 0);
-        // Without a wait, nothing to read and the end of the stream are the same.
+        // Without a timeout, no data and the end of the stream are not distinguished.
         if (u32Error == PLAT_ERROR_NONE || (u32Error == PLAT_ERROR_WOULDBLOCK && a_readargs.u32Timeout == 0))
         {
             OSLOG(OS_LOG_NOTE, "sock>>> read: remote connection has been closed...");
@@ -118,9 +118,8 @@ EOSSTS COsSocketImpl::ReadTcp(const COsSocket::ReadArgs& a_readargs, PlatHandle 
     }
 }
 
-// Waits until there is something to receive (no value). Success: it has been received already. A receive costs as
-// much as the question whether one would work, so it is tried where the question would stand; only what has to come
-// first stays in front of it, a cancel and the child of a thread.
+// Waits until there is data (no value), or receives it directly (success). A receive costs as much as a check for data,
+// so it is tried in place of the check; only the cancel and the thread's child process are checked before it.
 std::optional<EOSSTS> COsSocketImpl::WaitForBytes(const COsSocket::ReadArgs& a_readargs, PlatHandle a_plathandle,
                                                   int* a_piPass, size_t* a_psizetRead)
 {
@@ -216,8 +215,8 @@ EOSSTS COsSocketImpl::WriteTcp(const COsSocket::WriteArgs& a_writeargs, PlatHand
     return EOSSTS_SUCCESS;
 }
 
-// Success also when there is no room after all: the send is tried anyway. A peer that has gone is found here, before
-// anything is sent that nobody would read.
+// Also returns success when there is no buffer space: the send is tried anyway. A peer that has gone is detected here,
+// before data is sent that would be lost.
 EOSSTS COsSocketImpl::WaitForRoom(const COsSocket::WriteArgs& a_writeargs)
 {
     uint32_t u32Write = 0;
@@ -259,7 +258,7 @@ bool COsSocketImpl::SendWithRetries(const COsSocket::WriteArgs& a_writeargs, Pla
     return blSent;
 }
 
-// What sends and asks without a wait, and tells the caller alone how that went: the caller may be the log.
+// Sends and queries that neither wait nor log, because the caller may be the log: only the status reports a failure.
 
 EOSSTS COsSocketImpl::TrySend(const void* a_pvBuffer, size_t a_sizetBuffer, size_t* a_psizetSent)
 {
@@ -332,11 +331,11 @@ bool COsSocketImpl::Disconnect(bool a_blGraceful)
     return blLeft;
 }
 
-// False when the calling thread is disconnecting already: what it does may log, and the logger may disconnect.
-// Another thread is waited for.
+// False when the calling thread is already disconnecting: a disconnect may log, and the logger may disconnect. Another
+// thread's disconnect is waited for.
 bool COsSocketImpl::BecomeCloser()
 {
-    static thread_local const char s_chThread = 0;   // its address stands for the thread
+    static thread_local const char s_chThread = 0;   // its address identifies the thread
     for (;;)
     {
         const void* pvCloser = nullptr;
@@ -348,8 +347,8 @@ bool COsSocketImpl::BecomeCloser()
     }
 }
 
-// Waits until every operation has left. What still waits may have been on its way into the wait when the cancel
-// came, or there may be two of them, so it is repeated. A thread that was terminated never leaves: false then.
+// Waits until no operation is in progress. The cancel is repeated, because a thread may have entered its wait just
+// after it, or two threads may wait. A thread that was terminated never leaves: false then.
 bool COsSocketImpl::WaitForOperations()
 {
     const uint64_t u64Begin = PlatTicks();
@@ -402,13 +401,13 @@ void COsSocketImpl::Release()
     CloseHandle(m_psocketstate->plathandleConnected.exchange(PLAT_INVALID));
 }
 
-// Whoever was at work on it, or held its lock, is not in this process.
+// Operations and lock owners of the parent do not exist in the forked child.
 void COsSocketImpl::LeaveToParent()
 {
     m_psocketstate->u32Operations = 0;
     m_psocketstate->pvCloser = nullptr;
     m_psocketstate->u64CancelLock = 0;
-    m_psocketstate->blOwnsListener = false;   // nor is it shut down
+    m_psocketstate->blOwnsListener = false;   // so that the listener is not shut down either
     if (Type() == OS_SOCKETTYPE_TCP)
         Release();
 }

@@ -1,6 +1,6 @@
-// os_cossocket_shared.cpp: attaching to channels of shared memory, accepting, cancelling, letting go.
+// os_cossocket_shared.cpp: attaching to shared-memory channels, accepting, cancelling, releasing.
 //
-// A wait of this side watches the process at the other end, so that it does not outlive it.
+// Waits also watch the process at the other end, so that they end with it.
 #include "os_cossocket_shared_impl.h"
 #include "os_cosstring.h"
 #include "os_log.h"
@@ -33,7 +33,7 @@ bool SocketBusyRetry::TryAgain()
 namespace
 {
 
-// An event of a channel: its name behind the channel's, and how a failure to open it is told.
+// An event of a channel: the suffix of its name, and the message when it cannot be opened.
 struct SocketChannelEvent
 {
     const char* szName;
@@ -45,7 +45,7 @@ struct SocketChannelEvent
 static constexpr SocketChannelEvent g_asocketchannelevent[OS_CHANNELEVENT_LAST] = {
     {"EventOkToRead", "EventCreate"}, {"EventOkToWrite", "EventCreate"}, {"EventCancel", "EventOpen"}};
 
-// A cancel event ends the waits of those that share a group with it.
+// A cancel event ends the waits of the events in its group.
 static bool IsCancelEvent(const char* a_szName)
 {
     return StrEndsWith(a_szName, g_asocketchannelevent[OS_CHANNELEVENT_CANCEL].szName, false);
@@ -96,7 +96,7 @@ bool SocketChannel::TellUser()
     return eossts == EOSSTS_SUCCESS;
 }
 
-// The name of the file, without folder and extension, in front of the event's.
+// Prefixes the event's name with the name of the channel's file, without folder and extension.
 static void NameEvent(const char* a_szChannel, const char* a_szEvent, char (&a_szName)[OS_PATHSIZE])
 {
     const char* const szFile = StrFileName(a_szChannel);
@@ -128,7 +128,7 @@ bool SocketChannel::OpenEvents(const char* a_szName)
     return true;
 }
 
-// The other side may wait for the one who writes what it reads, or reads what it writes.
+// Announces this process: the other side may be waiting for its reader or writer.
 bool SocketChannel::Announce()
 {
     const EOSSTS eossts = m_aposync[m_blReads ? OS_CHANNELEVENT_OKTOWRITE : OS_CHANNELEVENT_OKTOREAD]->EventSet();
@@ -174,8 +174,8 @@ bool SocketShared::Connect(EOSSOCKETTYPE a_eossockettype, uint64_t a_u64ProcessI
            WatchPeers(a_eossockettype == OS_SOCKETTYPE_SHAREDMEMORYRW, a_u64ProcessId);
 }
 
-// Whom the caller names must be there, when both channels are used. Else it is whoever made the channel that is
-// watched, if there is such a process.
+// If both channels are used, the process named by the caller must exist. Otherwise the creator of the channel is
+// watched, if it exists.
 bool SocketShared::WatchPeers(bool a_blBoth, uint64_t a_u64ProcessId)
 {
     for (SocketChannel* const psocketchannel : {&m_socketchannelIn, &m_socketchannelOut})

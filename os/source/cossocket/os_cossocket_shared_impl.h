@@ -1,11 +1,11 @@
 // os_cossocket_shared_impl.h: the shared-memory transport of a socket, for the sources of the class.
 //
-// os_cossocket_shared.cpp         attaching, accepting, cancelling, letting go
+// os_cossocket_shared.cpp         attaching, accepting, cancelling, releasing
 // os_cossocket_shared_io.cpp      reading and writing
-// os_cossocket_shared_names.cpp   what a host and a port stand for: the type, the files of the channels
+// os_cossocket_shared_names.cpp   parsing host and port: the type, the files of the channels
 //
-// A channel is a ring buffer in a file, made by another process of the family, and three named events that pace it.
-// This side reads one channel and writes the other, or has only one of them.
+// A channel is a ring buffer in a file, created by another process of the family, with three named events for flow
+// control. This side reads one channel and writes the other, or has only one of them.
 #pragma once
 
 #include "os_cosringbuffer.h"
@@ -14,7 +14,7 @@
 
 #include <atomic>
 
-// A host that stands for a transport, the types behind it, and where its channels' files are when nobody says.
+// A host name that selects a transport, the types of the transport, and the default folder of its channels' files.
 struct SocketTransport
 {
     const char* szHost;
@@ -25,14 +25,14 @@ struct SocketTransport
     const char* szExtension;
 };
 
-// Null for a host that stands for none, and for a type of TCP.
+// Null for a host that selects none, and for a TCP type.
 const SocketTransport* OsSocketTransportOfHost(const char* a_szHost);
 const SocketTransport* OsSocketTransportOfType(EOSSOCKETTYPE a_eossockettype);
 
-// OS_SOCKETTYPE_UNDEFINED for a port that says neither two channels nor by its name which way its channel goes.
+// OS_SOCKETTYPE_UNDEFINED for a port with neither two channels nor a channel whose name gives its direction.
 EOSSOCKETTYPE OsSocketTransportType(const SocketTransport& a_sockettransport, const char* a_szPort);
 
-// What a type of this transport does.
+// Classify a type of this transport.
 inline bool OsSocketIsShared(EOSSOCKETTYPE a_eossockettype)
 {
     return a_eossockettype >= OS_SOCKETTYPE_SHAREDMEMORYW && a_eossockettype <= OS_SOCKETTYPE_SHAREDMEMORYRW;
@@ -46,7 +46,7 @@ inline bool OsSocketWritesShared(EOSSOCKETTYPE a_eossockettype)
     return a_eossockettype == OS_SOCKETTYPE_SHAREDMEMORYR || a_eossockettype == OS_SOCKETTYPE_SHAREDMEMORYRW;
 }
 
-// The files of the channels, by socket type; empty where there is none.
+// The files of the channels by socket type; empty for none.
 struct SocketChannelNames
 {
     static constexpr size_t OS_SOCKETTYPES = 9;
@@ -54,24 +54,25 @@ struct SocketChannelNames
     char aszName[OS_SOCKETTYPES][OS_PATHSIZE] = {};
 };
 
-// Fills in the files that a socket of a type uses. A host that is neither empty nor the transport's is a folder, which
-// is made when it is missing. A host or port that is empty or "0" leaves the names to us; a_szLabel is part of them.
+// Fills in the files that a socket of the type uses. A host that is neither empty nor the transport's is a folder,
+// created if missing. An empty host or port, or "0", has a name generated that contains a_szLabel.
 void OsSocketNameChannels(EOSSOCKETTYPE a_eossockettype, const char* a_szHost, const char* a_szPort,
                           const char* a_szLabel, SocketChannelNames* a_psocketchannelnames);
 
-// Tells the channels of a type as a port, into OS_SOCKETPORTSIZE bytes: the one that is read first, then ";".
+// Formats the channels of a type as a port of OS_SOCKETPORTSIZE bytes: the one that is read, ";", the one that is
+// written.
 void OsSocketTellChannels(EOSSOCKETTYPE a_eossockettype, const SocketChannelNames& a_socketchannelnames,
                           char* a_szPort);
 
-// Tries of an operation that finds its ring buffer locked. The first of a row only give the processor away: the other
-// side is about to let go. Then come the pauses, which are counted.
+// Retries an operation whose ring buffer is locked. The first retries only yield, because the other side is about to
+// unlock. Then come pauses, which are counted.
 class SocketBusyRetry
 {
 public:
     static constexpr int OS_BUSYPAUSE = 10;   // milliseconds
     static constexpr int OS_BUSYRETRIES = 5000 / OS_BUSYPAUSE;
 
-    // The status of an operation that is tried until it is no longer EOSSTS_BUSY.
+    // Repeats an operation until its status is not EOSSTS_BUSY; returns the status.
     template <class Operation>
     static EOSSTS Run(Operation a_operation)
     {
@@ -83,7 +84,7 @@ public:
     }
 
 private:
-    bool TryAgain();   // false: there have been enough
+    bool TryAgain();   // false: no retries left
 
     static constexpr int OS_BUSYYIELDS = 256;
 
@@ -99,7 +100,7 @@ enum EOSCHANNELEVENT : uint32_t
     OS_CHANNELEVENT_LAST = 3,
 };
 
-// The processes at the two ends of a channel, as its user area holds them.
+// The processes at the two ends of a channel, stored in its user area.
 struct SocketChannelUsers
 {
     uint64_t u64Creator;
@@ -115,8 +116,9 @@ public:
     SocketChannel(const SocketChannel&) = delete;
     SocketChannel& operator=(const SocketChannel&) = delete;
 
-    // Attaches to the channel of a file, to read it (OS_SOCKETTYPE_SHAREDMEMORYW) or to write it
-    // (OS_SOCKETTYPE_SHAREDMEMORYR), and tells the other side. After a failure, which is logged, it is to be released.
+    // Attaches to the channel of a file, for reading (OS_SOCKETTYPE_SHAREDMEMORYW) or writing
+    // (OS_SOCKETTYPE_SHAREDMEMORYR), and announces this process. After a failure, which is logged, the channel must be
+    // released.
     bool Attach(EOSSOCKETTYPE a_eossockettype, const char* a_szName);
     void Release();
     bool IsAttached() const { return m_blAttached; }
@@ -125,7 +127,7 @@ public:
     EOSSTS Users(SocketChannelUsers* a_psocketchannelusers);
     void Signal(EOSCHANNELEVENT a_eoschannelevent) { m_aposync[a_eoschannelevent]->EventSet(); }
 
-    // Waits for what the other side signals. EOSSTS_CANCELLED, EOSSTS_EXITED (the watched process), EOSSTS_TIMEOUT.
+    // Waits for a signal of the other side. EOSSTS_CANCELLED, EOSSTS_EXITED (the watched process), EOSSTS_TIMEOUT.
     EOSSTS Await(uint32_t a_u32Timeout);
     bool Watch(uint64_t a_u64ProcessId) { return Awaited().EventIncludeProcessId(a_u64ProcessId) == EOSSTS_SUCCESS; }
 
@@ -145,24 +147,24 @@ private:
     std::atomic<bool> m_blAttached{false};
 };
 
-// The transport's part of a socket. One thread reads and one writes; cancelling and waking is for any thread.
+// The socket's part of the transport. One thread reads and one writes; any thread may cancel and wake.
 class SocketShared
 {
 public:
-    // Attaches the channels of the type. False, logged: what was attached is to be released.
+    // Attaches the channels of the type. False, logged: what was attached must be released.
     bool Connect(EOSSOCKETTYPE a_eossockettype, uint64_t a_u64ProcessId);
 
-    // Waits for a peer without limit; then its end can be watched. False, logged: the socket is to be disconnected.
+    // Waits for a peer without limit, then watches its process. False, logged: the socket must be disconnected.
     EOSSTS AwaitConnector(EOSSOCKETTYPE a_eossockettype);
     bool WatchConnector(EOSSOCKETTYPE a_eossockettype);
 
-    // Count in the caller's word, which is 0 at first.
+    // Count in the caller's word, which must be 0 at first.
     EOSSTS Read(const COsSocket::ReadArgs& a_readargs, size_t* a_psizetRead);
     EOSSTS Write(const COsSocket::WriteArgs& a_writeargs, size_t* a_psizetWritten);
     void Cancel();
 
     bool IsAttached() const { return m_socketchannelIn.IsAttached() || m_socketchannelOut.IsAttached(); }
-    void Wake();   // ends what waits, and what would wait until the release
+    void Wake();   // ends current waits, and all later ones until the release
     void Release();
 
     SocketChannelNames m_socketchannelnames;

@@ -14,7 +14,7 @@ static int32_t RingLength(size_t a_sizetBytes)
     return static_cast<int32_t>(std::min<size_t>(a_sizetBytes, INT32_MAX));
 }
 
-// What is left of a time-out that began then.
+// The rest of a timeout that began at a_u64Begin.
 static uint32_t TimeLeft(uint32_t a_u32Timeout, uint64_t a_u64Begin)
 {
     if (a_u32Timeout == OS_INFINITE)
@@ -23,7 +23,7 @@ static uint32_t TimeLeft(uint32_t a_u32Timeout, uint64_t a_u64Begin)
     return u64Gone < a_u32Timeout ? static_cast<uint32_t>(a_u32Timeout - u64Gone) : 0;
 }
 
-// Waits for the other side, so long. EOSSTS_EXITED: its process has ended; EOSSTS_DISCONNECTED: this side lets go.
+// Waits for the other side. EOSSTS_EXITED: its process has ended; EOSSTS_DISCONNECTED: this side is being released.
 EOSSTS SocketShared::AwaitPeer(SocketChannel* a_psocketchannel, uint32_t a_u32Timeout, bool a_blLogging)
 {
     const EOSSTS eossts = m_blClosing ? EOSSTS_SUCCESS : a_psocketchannel->Await(a_u32Timeout);
@@ -43,7 +43,7 @@ EOSSTS SocketShared::AwaitPeer(SocketChannel* a_psocketchannel, uint32_t a_u32Ti
     }
 }
 
-// Takes what the ring buffer has. EOSSTS_NOSPACE: nothing.
+// Reads what the ring buffer holds. EOSSTS_NOSPACE: nothing.
 EOSSTS SocketShared::ReadRing(const COsSocket::ReadArgs& a_readargs, size_t* a_psizetRead)
 {
     int32_t i32Read = 0;
@@ -82,7 +82,7 @@ EOSSTS SocketShared::Read(const COsSocket::ReadArgs& a_readargs, size_t* a_psize
     {
         if (const EOSSTS eossts = ReadRing(a_readargs, a_psizetRead); eossts != EOSSTS_NOSPACE)
             return eossts;
-        if (eosstsWait == EOSSTS_EXITED)   // what the other side wrote before its end has been read
+        if (eosstsWait == EOSSTS_EXITED)   // what it wrote before its end has been read
             return EOSSTS_FAIL;
         eosstsWait = AwaitPeer(&m_socketchannelIn, TimeLeft(a_readargs.u32Timeout, u64Begin), true);
         if (eosstsWait != EOSSTS_SUCCESS && eosstsWait != EOSSTS_EXITED)
@@ -90,7 +90,7 @@ EOSSTS SocketShared::Read(const COsSocket::ReadArgs& a_readargs, size_t* a_psize
     }
 }
 
-// Stores what there is room for, and counts it. EOSSTS_NOSPACE: none.
+// Writes and counts as much as fits. EOSSTS_NOSPACE: nothing.
 EOSSTS SocketShared::WriteRing(const COsSocket::WriteArgs& a_writeargs, size_t* a_psizetWritten)
 {
     int32_t i32Written = 0;

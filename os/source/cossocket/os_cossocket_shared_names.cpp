@@ -1,4 +1,4 @@
-// os_cossocket_shared_names.cpp: what a host and a port stand for: the type of the socket, the files of its channels.
+// os_cossocket_shared_names.cpp: parsing host and port: the type of the socket, the files of its channels.
 #include "os_cfg.h"
 #include "os_cosfile_system.h"
 #include "os_cospath.h"
@@ -44,7 +44,7 @@ const SocketTransport* OsSocketTransportOfType(EOSSOCKETTYPE a_eossockettype)
     return nullptr;
 }
 
-// The channel is named by the side that made it: what that side reads ("r"), this one writes.
+// A channel is named by the side that created it: the channel that side reads ("r") is written by this side.
 EOSSOCKETTYPE OsSocketTransportType(const SocketTransport& a_sockettransport, const char* a_szPort)
 {
     if (std::strchr(a_szPort, ';'))
@@ -73,7 +73,7 @@ static void CreateFolder(const char* a_szFolder)
         OsFileCreateDirectory(a_szFolder);
 }
 
-// The name that a side gives a channel which it makes.
+// Generates the name of a channel that this side creates.
 static void GenerateName(const SocketTransport& a_sockettransport, char a_chDirection, const char* a_szLabel,
                          char (&a_szName)[OS_PATHSIZE])
 {
@@ -90,7 +90,7 @@ static void GenerateName(const SocketTransport& a_sockettransport, char a_chDire
     OsPathAppend(a_szName, sizeof a_szName, szFile);
 }
 
-// The file of one channel, in a folder (empty: none).
+// The path of one channel's file in a folder (empty: none).
 static void TakeName(const char* a_szFolder, const char* a_szFile, char (&a_szName)[OS_PATHSIZE])
 {
     OsPathCopy(a_szName, sizeof a_szName, *a_szFolder ? a_szFolder : a_szFile);
@@ -98,7 +98,7 @@ static void TakeName(const char* a_szFolder, const char* a_szFile, char (&a_szNa
         OsPathAppend(a_szName, sizeof a_szName, a_szFile);
 }
 
-// The other side tells what it reads, ";" and what it writes; this side writes the one and reads the other.
+// The other side's port is what it reads, ";", what it writes; this side writes the first and reads the second.
 static void SplitPort(const SocketTransport& a_sockettransport, const char* a_szFolder, const char* a_szPort,
                       SocketChannelNames* a_psocketchannelnames)
 {

@@ -1,11 +1,11 @@
 // os_cossocket_wait.cpp: the one wait of the TCP transport, and what cancels it.
 //
-// What a wait watches, in this order: the cancel event, the socket, then the watched process of the connection, the
-// caller's stop event and the child process of a thread, as far as there are any. The first that is ready ends it. So
-// a cancel goes before data, and data before an end.
+// A wait watches, in this order, those that exist: the cancel event, the socket, the watched process of the connection,
+// the caller's stop event, the child process of a thread. The first ready one ends it: a cancel has priority over data,
+// and data over an end.
 //
-// What is known already needs no wait: a cancel that is requested is a flag beside its event, and a look at a socket
-// that has something to report is one call where selecting, waiting and enumerating are three.
+// Known states need no wait: a requested cancel has a flag beside its event, and checking a ready socket takes one
+// call, where selecting, waiting and enumerating take three.
 #include "os_cossocket_impl.h"
 #include "os_cossocket_shared_impl.h"
 #include "os_cosspinlock.h"
@@ -18,16 +18,16 @@
 
 static constexpr char g_szSource[] = "os/source/os_cossocket";
 
-static constexpr uint32_t OS_SELECT_NOROOMYET = 2;   // the answer to a wait for writing that timed out
+static constexpr uint32_t OS_SELECT_NOROOMYET = 2;   // the answer of a timed-out wait for writing
 static constexpr int OS_SELECTRETRIES = 3;
 static constexpr uint32_t OS_CANCELPAUSE = 10;
 
-// Places in a wait.
+// Indexes in a wait.
 static constexpr uint32_t OS_WAITRESULT_CANCEL = 0;
 static constexpr uint32_t OS_WAITRESULT_SOCKET = 1;
 static constexpr uint32_t OS_WAITRESULT_FIRSTEND = 2;
 
-// The handles of one wait, those that there are, in order.
+// The existing handles of one wait, in order.
 struct SocketWaitSet
 {
     SocketWaitSet(std::initializer_list<PlatHandle> a_listplathandle)
@@ -89,7 +89,7 @@ EOSSTS COsSocketImpl::SelectOpen(const COsSocket::SelectArgs& a_selectargs)
     return Enumerate(socketwait);
 }
 
-// Waits until the socket has something to report (no value), or something else ended the wait (its status).
+// Waits until the socket is ready (no value) or something else ends the wait (its status).
 std::optional<EOSSTS> COsSocketImpl::Await(SocketWait* a_psocketwait)
 {
     const COsSocket::SelectArgs& selectargs = a_psocketwait->selectargs;
@@ -125,7 +125,7 @@ std::optional<EOSSTS> COsSocketImpl::Await(SocketWait* a_psocketwait)
     }
 }
 
-// What to watch. A status ends the wait before it begins.
+// Collects the handles to watch. A status means that the wait ends before it begins.
 std::optional<EOSSTS> COsSocketImpl::BeginWait(SocketWait* a_psocketwait)
 {
     const COsSocket::SelectArgs& selectargs = a_psocketwait->selectargs;
@@ -136,7 +136,7 @@ std::optional<EOSSTS> COsSocketImpl::BeginWait(SocketWait* a_psocketwait)
     case OS_SOCKETTYPE_SHAREDMEMORYW:
     case OS_SOCKETTYPE_SHAREDMEMORYR:
     case OS_SOCKETTYPE_SHAREDMEMORYRW:
-        return EOSSTS_SUCCESS;   // its waits are events
+        return EOSSTS_SUCCESS;   // shared-memory waits use their own events
     default:
         return Unsupported();
     }
@@ -150,7 +150,7 @@ std::optional<EOSSTS> COsSocketImpl::BeginWait(SocketWait* a_psocketwait)
         return EOSSTS_NOTOPEN;
     }
 
-    // The mode is asked once: the word that holds it is where the answer goes.
+    // The mode is read once, because the answer overwrites the word that holds it.
     if (a_psocketwait->u32Mask == 0)
         a_psocketwait->u32Mask = EventMask(selectargs);
     if (selectargs.pu32Read)
@@ -166,7 +166,7 @@ bool COsSocketImpl::LookFirst(SocketWait* a_psocketwait)
     return a_psocketwait->u32Events != 0;
 }
 
-// What to wait on: the socket itself says that there is something to take, everything else takes an event.
+// The handle to wait on: the socket itself for readable data, otherwise an event.
 PlatHandle COsSocketImpl::ReportHandle(SocketWait* a_psocketwait)
 {
     const uint32_t u32Mask = a_psocketwait->u32Mask & ~PLAT_SOCKET_CLOSE;
@@ -195,7 +195,7 @@ bool COsSocketImpl::SelectEvent(SocketEvent* a_psocketevent, PlatHandle a_platha
     return true;
 }
 
-// A wait itself failed: one for a handle that has gone meanwhile is worth a few tries.
+// The wait call failed: if a handle was closed meanwhile, a few retries are allowed.
 bool COsSocketImpl::MayRetry(const COsSocket::SelectArgs& a_selectargs, int a_iRetries) const
 {
     const uint32_t u32Error = PlatGetLastError();
@@ -213,7 +213,7 @@ bool COsSocketImpl::MayRetry(const COsSocket::SelectArgs& a_selectargs, int a_iR
     return true;
 }
 
-// The status of a wait that something else than the socket has ended.
+// The status of a wait that was not ended by the socket.
 EOSSTS COsSocketImpl::EndWait(const SocketWait& a_socketwait, uint32_t a_u32Result)
 {
     const COsSocket::SelectArgs& selectargs = a_socketwait.selectargs;
@@ -248,7 +248,7 @@ EOSSTS COsSocketImpl::EndWait(const SocketWait& a_socketwait, uint32_t a_u32Resu
     return EOSSTS_TIMEOUT;
 }
 
-// Tells what the socket has to report. A close that comes with something else is told with the next wait again.
+// Reports the socket's events. A close that coincides with another event is reported by the next wait.
 EOSSTS COsSocketImpl::Enumerate(const SocketWait& a_socketwait)
 {
     const COsSocket::SelectArgs& selectargs = a_socketwait.selectargs;
@@ -293,7 +293,7 @@ void COsSocketImpl::Cancel()
     }
 }
 
-// Gives a read that is under way a moment to see the cancel; it is not waited for.
+// Gives a read in progress a moment to see the cancel, but does not wait for it.
 void COsSocketImpl::CancelTcp()
 {
     RequestCancel();
@@ -304,7 +304,7 @@ void COsSocketImpl::CancelTcp()
     }
 }
 
-// Ends the waits of whatever transport there is.
+// Ends the waits of the transport in use.
 void COsSocketImpl::Wake()
 {
     OsSocketIsShared(Type()) ? m_psocketstate->psocketshared->Wake() : RequestCancel();

@@ -1,5 +1,5 @@
-// os_cossync.cpp: the event object: the public side, what is referred to, create and open, set and wait, close. The
-// group of an event is in os_cossync_group.cpp.
+// os_cossync.cpp: the event object: the public side, reference counted objects, create and open, set and wait, close.
+// The group of an event is in os_cossync_group.cpp.
 #include "os_cossync.h"
 
 #include "os_cossync_impl.h"
@@ -89,7 +89,7 @@ PlatHandle COsSync::EventHandle() const
     return ossyncuse.ossyncevent ? ossyncuse.ossyncevent->plathandle : PLAT_INVALID;
 }
 
-// ---------------------------------------------------------------------------------------------- what is referred to
+// ---------------------------------------------------------------------------------------- reference counted objects
 
 OsSyncHandle::~OsSyncHandle()
 {
@@ -170,7 +170,7 @@ static const char* OrNull(const char* a_szText)
     return a_szText ? a_szText : "null";
 }
 
-// Makes the event's system object, or opens it: the last error is then PLAT_ERROR_ALREADYEXISTS.
+// Creates the event's system object, or opens it: the last error is then PLAT_ERROR_ALREADYEXISTS.
 static OsSyncReference<OsSyncEvent> MakeEvent(const char* a_szName)
 {
     char16_t wszName[OS_PATHSIZE + std::size(g_szNamespace)];
@@ -239,8 +239,8 @@ EOSSTS COsSyncImpl::EventOpen(const char* a_szName)
     return EOSSTS_SUCCESS;
 }
 
-// Notes what the object becomes; until the event is published, nobody else changes it. False when it is something
-// already, which is logged, or when a name does not fit.
+// Claims the object and stores its names; no other thread changes it until the event is published. False when it is in
+// use, which is logged, or when a name does not fit.
 bool COsSyncImpl::Take(EOSSYNCSTATE a_eossyncstate, const char* a_szName, const char* a_szGroup)
 {
     const uint64_t u64ThreadId = PlatThreadId();
@@ -269,7 +269,7 @@ bool COsSyncImpl::Take(EOSSYNCSTATE a_eossyncstate, const char* a_szName, const 
     return blFits;
 }
 
-// From now on the event can be used and closed. False, logged and with the object free again, when there is none.
+// Makes the event usable and closable. False, logged and with the object free again, when there is none.
 bool COsSyncImpl::Publish(OsSyncReference<OsSyncEvent> a_ossyncevent)
 {
     const bool blEvent = static_cast<bool>(a_ossyncevent);
@@ -374,7 +374,7 @@ const OsSyncEvent* OsSyncWaitList::EventAt(uint32_t a_u32Index) const
 
 namespace
 {
-// What is left of a time-out, measured from the first time that somebody asks.
+// The rest of a timeout, measured from the first call.
 class TimeLeft
 {
 public:
@@ -396,7 +396,7 @@ private:
 };
 }   // namespace
 
-// What a wait answers that an event or the watched process, an abandoned mutex, or nothing of this has ended.
+// The status of a wait that ended with an event, the watched process, an abandoned mutex or none of these.
 static EOSSTS Answer(const OsSyncUse& a_ossyncuse, const OsSyncWaitList& a_ossyncwaitlist, uint32_t a_u32Wait,
                      char* a_szName)
 {
@@ -422,16 +422,16 @@ static EOSSTS Answer(const OsSyncUse& a_ossyncuse, const OsSyncWaitList& a_ossyn
     return possyncevent ? EOSSTS_SUCCESS : EOSSTS_EXITED;
 }
 
-// A first look needs no bell; one is hung when the wait becomes a long one. Whenever it rings, an event has been
-// closed: this one, which ends the wait, or another of the group, without which it goes on. Without a descriptor for a
-// bell the wait looks again and again.
+// The first check needs no bell; one is created when the wait has to block. When the bell rings, an event has been
+// closed: this one, which ends the wait, or another of the group, after which the wait continues. Without a descriptor
+// for a bell the wait polls.
 EOSSTS COsSyncImpl::EventWait(uint32_t a_u32Timeout, char* a_szName)
 {
     const OsSyncUse ossyncuse = Use();
     if (!IsEvent(ossyncuse, OS_LOG_CHECK) || !IsInUse(ossyncuse) || !HasHandle(ossyncuse))
         return EOSSTS_FAIL;
 
-    uint32_t u32Slice = 0;   // of a look without a bell
+    uint32_t u32Slice = 0;   // of a poll without a bell
     for (TimeLeft timeleft(a_u32Timeout);;)
     {
         const OsSyncWaitList ossyncwaitlist(ossyncuse);
@@ -478,7 +478,7 @@ EOSSTS COsSyncImpl::EventIncludeProcessId(uint64_t a_u64ProcessId)
     return EOSSTS_SUCCESS;
 }
 
-// Unless another thread has closed the event meanwhile.
+// Stores the process handle unless another thread has closed the event meanwhile.
 void COsSyncImpl::Watch(const OsSyncReference<OsSyncEvent>& a_ossyncevent, OsSyncReference<OsSyncHandle> a_ossynchandle)
 {
     const COsSpinGuard spinguard(&m_u64Lock);
@@ -490,7 +490,7 @@ void COsSyncImpl::Watch(const OsSyncReference<OsSyncEvent>& a_ossyncevent, OsSyn
 
 // ------------------------------------------------------------------------------------------------------------- close
 
-// With the lock held, and without the event and what belongs to it.
+// Called with the lock held and the event and its group already moved out.
 void COsSyncImpl::Reset()
 {
     m_eossyncstate = OS_SYNCSTATE_FREE;
@@ -502,7 +502,8 @@ void COsSyncImpl::Reset()
     m_eossynctype = OS_SYNCTYPE_NONE;
 }
 
-// Marks and wakes; who still uses the event closes it. An object that another thread is creating is left to it.
+// Marks the event closed and wakes the waits; its last user closes it. An object that another thread is still creating
+// is left to that thread.
 void COsSyncImpl::EventClose()
 {
     {

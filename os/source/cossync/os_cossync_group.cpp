@@ -1,12 +1,13 @@
-// os_cossync_group.cpp: the group of an event: the list of groups, joining the shared file of one, leaving it.
+// os_cossync_group.cpp: the group of an event: the list of groups, joining and leaving a group's shared file.
 //
-// - What this process has registered is in a list of its own, and a wait needs nothing else: whatever stands in the
-// file
-//   is of other processes or written by anybody.
-// - The file is read and written under a lock of a byte behind it, for one operation, and never mapped. A byte for each
-//   slot is locked as long as its event is registered; a slot whose byte is free is free, whatever stands in it. Both
-//   locks end with their process.
-// - The file goes with the last of its events, whichever that is.
+// This process's own registrations are in a list in memory, and waits use only that list: the content of the file
+// belongs to other processes or may be forged.
+//
+// The file is read and written under a byte lock behind its end, for one operation, and never mapped. Each slot has a
+// byte that is locked while its event is registered; a slot whose byte is unlocked is free, whatever its content. Both
+// locks end with their process.
+//
+// The last event to leave removes the file.
 #include "os_cossync_impl.h"
 
 #include "os_cfg.h"
@@ -27,12 +28,12 @@ static constexpr char g_szSource[] = "os/source/os_cossync";
 
 static constexpr uint32_t g_u32LockTimeout = 2000;   // milliseconds
 
-// The group's file. Who may open it may write anything into it.
+// The group's file. Any process that can open it may write anything into it.
 struct OsSyncGroupFile
 {
     uint64_t u64Size;                          // of this block, written by the process that creates the file
-    uint64_t u64Lock;                          // the word of a lock that is not used
-    uint64_t au64Handle[OS_SYNCGROUP_SLOTS];   // of the process that registered the event; 0: a free slot
+    uint64_t u64Lock;                          // an unused lock word
+    uint64_t au64Handle[OS_SYNCGROUP_SLOTS];   // of the registering process; 0: a free slot
     char aszName[OS_SYNCGROUP_SLOTS][OS_PATHSIZE];
 };
 static_assert(sizeof(OsSyncGroupFile) == 4176);
@@ -63,8 +64,8 @@ uint32_t OsSyncGroup::Events(OsSyncReference<OsSyncEvent>* a_aossyncevent) const
     return u32Events;
 }
 
-// Puts an event into the group of that path, which is the given one when this process has none yet. None when the slot
-// is taken, by an event that joined before somebody replaced the file.
+// Adds an event to the group of that path, which becomes the given one if this process has none yet. None when the slot
+// is taken by an event that joined before the file was replaced.
 static OsSyncReference<OsSyncGroup> Register(const OsSyncReference<OsSyncEvent>& a_ossyncevent,
                                              const OsSyncReference<OsSyncGroup>& a_ossyncgroup, uint32_t a_u32Slot)
 {
@@ -83,7 +84,7 @@ static OsSyncReference<OsSyncGroup> Register(const OsSyncReference<OsSyncEvent>&
     return OsSyncReference<OsSyncGroup>(possyncgroup);
 }
 
-// A group without events leaves the list.
+// A group without events is removed from the list.
 static OsSyncReference<OsSyncEvent> Unregister(OsSyncGroup& a_ossyncgroup, uint32_t a_u32Slot)
 {
     const COsSpinGuard spinguard(&g_u64ListLock);
@@ -100,7 +101,7 @@ static OsSyncReference<OsSyncEvent> Unregister(OsSyncGroup& a_ossyncgroup, uint3
 
 // ---------------------------------------------------------------------------------------------------------- the file
 
-// The file of the group, in the folder that all users share. False when its name is too long.
+// The path of the group's file, in a folder shared by all users. False when its name is too long.
 static bool GroupPath(const char* a_szGroup, char (&a_szPath)[OS_PATHSIZE], char16_t (&a_wszPath)[OS_PATHSIZE])
 {
     const char* const szRoot = OsCfgGetString(OS_CFGTAG_ROOTCOMMONDIRECTORY);
@@ -110,7 +111,7 @@ static bool GroupPath(const char* a_szGroup, char (&a_szPath)[OS_PATHSIZE], char
     return *a_szPath && CopyStringFromUtf8(a_wszPath, std::size(a_wszPath), a_szPath);
 }
 
-// What is missing of the block is zero.
+// Reads the block; missing bytes are zero.
 static bool ReadBlock(PlatHandle a_plathandle, OsSyncGroupFile* a_possyncgroupfile, size_t* a_psizetRead)
 {
     *a_possyncgroupfile = {};
@@ -124,7 +125,7 @@ static bool WriteBlock(PlatHandle a_plathandle, const OsSyncGroupFile& a_ossyncg
            PlatFileWrite(a_plathandle, &a_ossyncgroupfile, sizeof a_ossyncgroupfile, nullptr);
 }
 
-// Opens or makes the file and takes its lock. Whoever had the lock may have removed the file: then again.
+// Opens or creates the file and locks it. Retries if the previous owner of the lock has removed the file.
 bool OsSyncMembership::Open(const char16_t* a_wszPath)
 {
     constexpr uint32_t u32Access = PLAT_ACCESS_READ | PLAT_ACCESS_WRITE;
@@ -151,7 +152,7 @@ bool OsSyncMembership::Open(const char16_t* a_wszPath)
     return false;
 }
 
-// With the file's lock, which is given back explicitly: what a forked child has inherited would keep it.
+// Called with the file's lock, which is released explicitly: the descriptor inherited by a forked child would keep it.
 void OsSyncMembership::CloseFile()
 {
     PlatFileUnlockBriefly(m_plathandleFile, g_u64OperationByte, 1);
@@ -201,7 +202,7 @@ bool OsSyncMembership::Join(const OsSyncReference<OsSyncEvent>& a_ossyncevent, c
     return false;
 }
 
-// With the file's lock held. *a_pu64Size receives what the file says of itself.
+// Called with the file's lock held. *a_pu64Size receives the size stored in the file.
 OsSyncJoin OsSyncMembership::TakeSlot(const OsSyncReference<OsSyncEvent>& a_ossyncevent,
                                       const OsSyncReference<OsSyncGroup>& a_ossyncgroup, uint64_t* a_pu64Size)
 {
@@ -247,8 +248,7 @@ void OsSyncMembership::Leave()
     m_ossyncgroup = {};
 }
 
-// Clears the slot, if it is still this event that stands in it. The last one takes the file along, while nobody can
-// join.
+// Clears the slot if it still holds this event. The last event removes the file while the lock prevents joins.
 void OsSyncMembership::GiveSlotBack(const OsSyncEvent& a_ossyncevent)
 {
     if (!PlatFileLockBriefly(m_plathandleFile, g_u64OperationByte, 1, g_u32LockTimeout))

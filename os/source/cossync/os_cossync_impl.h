@@ -1,8 +1,7 @@
-// os_cossync_impl.h: the event object's insides, which its two sources share.
+// os_cossync_impl.h: the internals of the event object, shared by its two sources.
 //
-// What several threads and processes use is counted: an event, a watched process, a group. A call copies the references
-// that it needs under the object's lock and works without it; the last reference closes. So a wait never looks at
-// anything that was closed meanwhile.
+// Objects shared by threads are reference counted: an event, a watched process, a group. A call copies the references
+// it needs under the object's lock and works without it; the last release closes. So a wait never uses a closed handle.
 #pragma once
 
 #include "os_cosspinlock.h"
@@ -15,7 +14,7 @@
 
 inline constexpr uint32_t OS_SYNCGROUP_SLOTS = 8;
 
-// ---------------------------------------------------------------------------------------------- what is referred to
+// ---------------------------------------------------------------------------------------- reference counted objects
 
 class OsSyncCounted
 {
@@ -25,7 +24,7 @@ public:
     OsSyncCounted& operator=(const OsSyncCounted&) = delete;
 
     void Add() { m_u32References.fetch_add(1, std::memory_order_relaxed); }
-    bool IsLast()   // nobody can add to the only reference
+    bool IsLast()   // no other thread can add to the only reference
     {
         return m_u32References.load(std::memory_order_acquire) == 1 ||
                m_u32References.fetch_sub(1, std::memory_order_acq_rel) == 1;
@@ -38,7 +37,7 @@ private:
     std::atomic<uint32_t> m_u32References = 0;
 };
 
-// Refers to one object or to none. The object is deleted with its last reference.
+// A reference to one object or none. The object is deleted with its last reference.
 template <class Object>
 class OsSyncReference
 {
@@ -73,7 +72,7 @@ private:
     Object* m_pobject = nullptr;
 };
 
-// A handle that is closed with its last reference.
+// A handle, closed with its last reference.
 struct OsSyncHandle final : OsSyncCounted
 {
     explicit OsSyncHandle(PlatHandle a_plathandle, uint64_t a_u64ProcessId = 0)
@@ -86,13 +85,13 @@ struct OsSyncHandle final : OsSyncCounted
     const uint64_t u64ProcessId;   // of a watched process
 };
 
-// Wakes all waits at once that are on their way then. Who waits takes the bell first and looks at everything else after
-// that, so that it either hears of a change or sees it.
+// Wakes all current waits at once. A wait takes the bell before it checks anything else, so that it is either woken by
+// a change or sees it.
 class OsSyncBell
 {
 public:
-    OsSyncReference<OsSyncHandle> Take();   // none until somebody needed one
-    bool Hang();                            // false when the system gives none
+    OsSyncReference<OsSyncHandle> Take();   // none until Hang has created one
+    bool Hang();                            // creates it; false when the system has none
     void Ring();
 
 private:
@@ -101,7 +100,7 @@ private:
     OsSyncReference<OsSyncHandle> m_ossynchandle;
 };
 
-// One event from its creation or opening to its close.
+// One event, from its creation or opening to its close.
 struct OsSyncEvent final : OsSyncCounted
 {
     OsSyncEvent(PlatHandle a_plathandle, const char* a_szName);
@@ -110,17 +109,16 @@ struct OsSyncEvent final : OsSyncCounted
     const PlatHandle plathandle;
     std::atomic<bool> blClosed = false;   // set before its bell, or its group's, is rung
     OsSyncBell bell;                      // of an event without a group
-    char szName[OS_PATHSIZE];             // as the caller wrote it
+    char szName[OS_PATHSIZE];             // as the caller passed it
 };
 
-// The events of one group that this process has registered; another process cannot wait for them, nor this one for
-// others'.
+// The events of one group that this process has registered. A process can wait only for its own events.
 struct OsSyncGroup final : OsSyncCounted
 {
     explicit OsSyncGroup(const char* a_szPath);
-    uint32_t Events(OsSyncReference<OsSyncEvent>* a_aossyncevent) const;   // copies them in slot order; how many
+    uint32_t Events(OsSyncReference<OsSyncEvent>* a_aossyncevent) const;   // copied in slot order; returns how many
 
-    OsSyncReference<OsSyncEvent> aossyncevent[OS_SYNCGROUP_SLOTS];   // by slot; under the lock of the list of groups
+    OsSyncReference<OsSyncEvent> aossyncevent[OS_SYNCGROUP_SLOTS];   // by slot; guarded by the list's lock
     OsSyncBell bell;
     OsSyncGroup* possyncgroupNext = nullptr;
     char szPath[OS_PATHSIZE];   // of its file
@@ -130,11 +128,11 @@ enum class OsSyncJoin
 {
     Joined,
     Refused,      // the file cannot be read or written
-    Mismatched,   // it is another one's
+    Mismatched,   // it belongs to another group
     Full,
 };
 
-// An event's place in a group: a slot of its file, which is this event's for as long as the open file is.
+// An event's registration in a group: a slot of its file, reserved as long as the file is open.
 class OsSyncMembership
 {
 public:
@@ -143,7 +141,7 @@ public:
     OsSyncMembership(const OsSyncMembership&) = delete;
     OsSyncMembership& operator=(const OsSyncMembership&) = delete;
 
-    // False, and logged, with nothing joined.
+    // False, logged and with nothing registered, on failure.
     bool Join(const OsSyncReference<OsSyncEvent>& a_ossyncevent, const char* a_szGroup);
     void Leave();
     void Swap(OsSyncMembership& a_ossyncmembership);
@@ -160,7 +158,7 @@ private:
     OsSyncReference<OsSyncGroup> m_ossyncgroup;
     PlatHandle m_plathandleFile = 0;   // 0: none
     uint32_t m_u32Slot = 0;
-    uint32_t m_u32ProcessId = 0;   // that has joined; a forked child only has a copy
+    uint32_t m_u32ProcessId = 0;   // the process that joined; a forked child only has a copy
 };
 
 // ------------------------------------------------------------------------------------------------------- the object
@@ -183,13 +181,13 @@ enum EOSSYNCTYPE : uint32_t
 {
     OS_SYNCTYPE_NONE = 0,
     OS_SYNCTYPE_EVENT = 1,
-    OS_SYNCTYPE_MUTEX = 2,   // no operation makes one
+    OS_SYNCTYPE_MUTEX = 2,   // never created
 };
 
-// What a wait answers, plus the index, for an abandoned mutex, of which this system has none.
+// A wait's result, plus the index, for an abandoned mutex; this system has none.
 inline constexpr uint32_t OS_WAIT_ABANDONED = 128;
 
-// What a call works with.
+// The references that a call uses.
 struct OsSyncUse
 {
     EOSSYNCSTATE eossyncstate;
@@ -201,10 +199,10 @@ struct OsSyncUse
     OsSyncBell& Bell() const { return ossyncgroup ? ossyncgroup->bell : ossyncevent->bell; }
 };
 
-// The handles of one look of a wait, in this order: a watched process, the event or every event of its group, the bell.
+// The handles of one wait, in this order: a watched process, the event or every event of its group, the bell.
 struct OsSyncWaitList
 {
-    explicit OsSyncWaitList(const OsSyncUse& a_ossyncuse);   // which must outlive it
+    explicit OsSyncWaitList(const OsSyncUse& a_ossyncuse);   // which must outlive this
 
     const OsSyncEvent* EventAt(uint32_t a_u32Index) const;   // null for another handle
     bool HasBell() const { return static_cast<bool>(ossynchandleBell); }
@@ -218,7 +216,7 @@ struct OsSyncWaitList
     uint32_t u32Count = 0;
 };
 
-// The lock holds for the bookkeeping alone, never over a system call or a line in the log.
+// The lock guards the members only; it is never held across a system call or a log call.
 class COsSyncImpl
 {
 public:
@@ -241,10 +239,10 @@ private:
 
     EOSSYNCSTATE m_eossyncstate = OS_SYNCSTATE_FREE;
     EOSSYNCNAMING m_eossyncnaming{};
-    char m_szName[OS_PATHSIZE]{};   // as the caller wrote it
+    char m_szName[OS_PATHSIZE]{};   // as the caller passed it
     char m_szGroup[OS_PATHSIZE]{};
     uint64_t m_u64ProcessId = 0;   // watched
-    uint64_t m_u64ThreadId = 0;    // of the thread that created or opened
+    uint64_t m_u64ThreadId = 0;    // of the thread that created or opened the event
     EOSSYNCTYPE m_eossynctype = OS_SYNCTYPE_NONE;
     OsSyncReference<OsSyncEvent> m_ossyncevent;
     OsSyncReference<OsSyncHandle> m_ossynchandleWatch;

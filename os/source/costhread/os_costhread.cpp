@@ -1,9 +1,9 @@
-// os_costhread.cpp: the thread object: the public side, start, stop and wait. What the object, its callers and the
-// thread itself share of one start is in os_costhread_run.cpp; child processes are spawned in os_costhread_spawn.cpp,
-// with os_costhread_launch.cpp, and asked in os_costhread_child.cpp.
+// os_costhread.cpp: the thread object: the public side, start, stop and wait. The state that the object, its callers
+// and the thread share per start is in os_costhread_run.cpp; child processes are spawned in os_costhread_spawn.cpp and
+// os_costhread_launch.cpp, and queried in os_costhread_child.cpp.
 //
-// Every call takes a reference of the current start and goes on without the object's lock, so that the handles that it
-// waits for stay its own, whatever others do to the object meanwhile.
+// Every call takes a reference to the current start and works without the object's lock, so that the handles that it
+// waits for stay open, whatever other threads do to the object.
 #include "os_costhread_impl.h"
 
 #include "os_cosstring.h"
@@ -130,7 +130,7 @@ void COsThread::ChildCancel()
 
 // --------------------------------------------------------------------------------------------------- the current start
 
-// The thread itself has its own start, also when the object has another by now.
+// On the thread itself this is the thread's own start, even if the object has been started again.
 COsThreadImpl::Run COsThreadImpl::CurrentRun() const
 {
     if (const OsThreadRun* const posthreadrun = OsThreadRun::Own(this))
@@ -141,13 +141,13 @@ COsThreadImpl::Run COsThreadImpl::CurrentRun() const
 
 void COsThreadImpl::Forget(const Run& a_run)
 {
-    Run run;   // let go behind the lock
+    Run run;   // released after the lock
     const std::lock_guard<std::mutex> guard(m_mutex);
     if (m_run == a_run)
         run = std::exchange(m_run, nullptr);
 }
 
-// A thread in its last steps is waited for.
+// Waits for a thread that is just ending.
 bool COsThreadImpl::IsBusy() const
 {
     const Run run = CurrentRun();
@@ -156,7 +156,7 @@ bool COsThreadImpl::IsBusy() const
     return run && !run->HasEnded();
 }
 
-// False when another start was faster.
+// False when another thread has started the object first.
 bool COsThreadImpl::Claim(const Run& a_run)
 {
     Run runBefore = a_run;
@@ -268,7 +268,7 @@ void COsThreadImpl::AbandonStart(const Run& a_run)
 
 // ----------------------------------------------------------------------------------------------------- stop and end
 
-// A thread that could not be ended is left with what it shares with us.
+// A thread that could not be ended keeps its reference to the shared state.
 void COsThreadImpl::Stop(bool a_blIgnoreSelf, int32_t a_i32Timeout)
 {
     if (OsThreadRun* const posthreadrun = OsThreadRun::Own(this))
@@ -289,7 +289,7 @@ bool COsThreadImpl::WaitForEnd(uint32_t a_u32Timeout)
     return !run || run->WaitForEnd(a_u32Timeout);
 }
 
-// ----------------------------------------------------------------------------------------- what a procedure calls
+// --------------------------------------------------------------------------------- called by the thread procedure
 
 EOSSTS COsThreadImpl::WaitForStop(uint32_t a_u32Timeout)
 {

@@ -1,8 +1,8 @@
-// os_costhread_child.cpp: the child process that a thread object carries: its record, and what is read from its pipes.
+// os_costhread_child.cpp: the child process of a thread object: its record, and reading from its pipes.
 //
-// The ends of the pipes that the child has are closed here once it runs, so that a stream whose last writer has gone
-// is known. Such a stream is silent from then on. Where all have ended, so has the child, or will at once: its process
-// says so, after the streams. One that lives on is not waited for.
+// The child's pipe ends are closed here once it runs, so that a stream whose last writer has gone is detected. Such a
+// stream returns no more data. When all streams have ended, the child has ended or is about to: its exit is reported
+// after the streams. A child that continues without streams is not waited for.
 #include "os_costhread_impl.h"
 
 #include "os_log.h"
@@ -19,7 +19,7 @@ static_assert(OS_EXITCODEUNKNOWN == PLAT_EXITCODEUNKNOWN);
 
 static constexpr char g_szSource[] = "os/source/os_costhread";
 
-static constexpr uint64_t g_u64EndOfSilent = 100;   // milliseconds that the end of a silent child is waited for
+static constexpr uint64_t g_u64EndOfSilent = 100;   // milliseconds to wait for the exit of a child without streams
 
 // ------------------------------------------------------------------------------------------------------ the record
 
@@ -35,17 +35,17 @@ COsThreadImpl::Child COsThreadImpl::RunningChild() const
     return m_child && !m_child->blEnded ? m_child : nullptr;
 }
 
-// Null lets the last one go, but for its process: whoever has that handle may still ask it.
+// Null releases the last child but keeps its process handle: a caller may still use it.
 void COsThreadImpl::TakeChild(Child a_child)
 {
-    std::shared_ptr<OsHandle> sharedptrFormer;   // let go behind the lock, like the child
+    std::shared_ptr<OsHandle> sharedptrFormer;   // released after the lock, like the child
     const std::lock_guard<std::mutex> guard(m_mutex);
     m_child.swap(a_child);
     if (a_child)
         sharedptrFormer = std::exchange(m_sharedptrFormerProcess, a_child->sharedptrProcess);
 }
 
-// Another thread may have noted it before, and the object may have another child by now.
+// Another thread may have stored it before, and the object may have another child by now.
 void COsThreadImpl::NoteEnd(OsChild* a_poschild, uint32_t a_u32ExitCode)
 {
     const std::lock_guard<std::mutex> guard(m_mutex);
@@ -88,7 +88,7 @@ static bool HasPipes(const OsChild* a_poschild)
     return blPipes;
 }
 
-// What waits in a pipe comes before the child's end. A cancel comes before all, for a child that never pauses.
+// Pipe data has priority over the child's exit, and a cancel over both, for a child that writes without pause.
 static EOSCHILDWAIT WaitForChild(const OsChild& a_oschild, bool a_blEnded, bool a_blOutputOnly,
                                  uint64_t a_u64Milliseconds)
 {
@@ -113,7 +113,7 @@ static EOSCHILDWAIT WaitForChild(const OsChild& a_oschild, bool a_blEnded, bool 
     return u32Wait < u32Count ? aeoschildwait[u32Wait] : OS_CHILDWAIT_FAILED;
 }
 
-// EOSSTS_DISCONNECTED when the stream has no writer any more.
+// EOSSTS_DISCONNECTED when the stream has no writer left.
 static EOSSTS ReadStream(OsHandle* a_poshandle, char* a_szBuffer, size_t a_sizetBuffer, size_t* a_psizetRead)
 {
     if (PlatPipeRead(a_poshandle->Get(), a_szBuffer, a_sizetBuffer, a_psizetRead))
@@ -147,7 +147,7 @@ EOSSTS COsThreadImpl::ChildRead(char* a_szBuffer, size_t a_sizetBuffer, size_t* 
     uint64_t u64End = PlatTicks() + a_u32Timeout;
     for (bool blEnded = false;;)
     {
-        // Once the child has ended, a last look: it may have written between our look at its pipes and its end.
+        // Once the child has ended, read again: it may have written between the last read and its exit.
         const bool blSilent = HasFallenSilent(*child, a_blOutputOnly);
         const uint64_t u64Now = PlatTicks();
         if (blSilent)

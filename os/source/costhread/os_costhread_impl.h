@@ -1,4 +1,4 @@
-// os_costhread_impl.h: the thread object's insides, which its sources share.
+// os_costhread_impl.h: the internals of the thread object, shared by its sources.
 #pragma once
 
 #include "os_costhread.h"
@@ -11,15 +11,15 @@
 #include <mutex>
 #include <string>
 
-inline constexpr uint32_t OS_THREADSLICE = 10;            // milliseconds from one request to stop to the next
+inline constexpr uint32_t OS_THREADSLICE = 10;            // milliseconds between two stop requests
 inline constexpr uint32_t OS_THREADSTARTTIMEOUT = 5000;   // milliseconds
 
 enum EOSTHREADSTATE : uint32_t
 {
-    OS_THREADSTATE_STARTING = 0,   // the procedure is not called yet, and is not if the starter gives up
+    OS_THREADSTATE_STARTING = 0,   // the procedure has not been called, and will not be if the starter gives up
     OS_THREADSTATE_RUNNING = 1,
-    OS_THREADSTATE_LEAVING = 2,   // Exit() was called, or the procedure is over or is not called any more
-    OS_THREADSTATE_ENDED = 3,     // past all code of ours, as the system says
+    OS_THREADSTATE_LEAVING = 2,   // Exit() was called, or the procedure has returned or will not be called
+    OS_THREADSTATE_ENDED = 3,     // the system reports that the thread has ended
 };
 
 enum EOSTHREADSTOP : uint32_t
@@ -28,7 +28,7 @@ enum EOSTHREADSTOP : uint32_t
     OS_THREADSTOP_REQUESTED = 2,
 };
 
-// What ends the wait of a read.
+// What ended the wait of a read.
 enum EOSCHILDWAIT : uint32_t
 {
     OS_CHILDWAIT_CANCEL,
@@ -39,7 +39,7 @@ enum EOSCHILDWAIT : uint32_t
     OS_CHILDWAIT_FAILED,
 };
 
-// What a caller of Spawn asks for.
+// The arguments of Spawn.
 struct OsSpawnRequest
 {
     uint32_t u32Flags;
@@ -48,7 +48,7 @@ struct OsSpawnRequest
     std::initializer_list<const char*> aszArgument;
 };
 
-// What every try of a spawn starts the child with.
+// The start parameters of the child, the same for every try.
 struct OsSpawn
 {
     uint32_t u32Flags = 0;
@@ -56,19 +56,19 @@ struct OsSpawn
     std::u16string wstrProgram;
     std::u16string wstrCommandLine;
     std::u16string wstrFolder;    // empty: this process's
-    std::u16string wstrDesktop;   // it and the attributes are for the product's system; here they are logged
+    std::u16string wstrDesktop;   // for the product's system, like the attributes; only logged here
     uint32_t u32Attributes = 0;
 };
 
-// Fills what the flags and the program decide. False, and logged, when something does not fit.
+// Fills in everything that depends on the flags and the program. False, and logged, when something does not fit.
 bool OsSpawnPrepare(const OsSpawnRequest& a_osspawnrequest, OsSpawn* a_posspawn);
 
-// Logs what is started and starts it; the streams are in PlatStandard order, PLAT_INVALID without pipes. PLAT_INVALID,
-// and logged, on failure.
+// Logs the parameters and starts the child; the streams are in PlatStandard order, PLAT_INVALID without pipes.
+// PLAT_INVALID, and logged, on failure.
 PlatHandle OsSpawnLaunch(const OsSpawn& a_osspawn, const PlatHandle (&a_aplathandleStream)[3],
                          uint64_t* a_pu64ProcessId);
 
-// A handle that its owner closes.
+// A handle, closed by its owner's destructor.
 class OsHandle
 {
 public:
@@ -78,15 +78,15 @@ public:
     OsHandle& operator=(const OsHandle&) = delete;
 
     PlatHandle Get() const { return m_plathandle; }
-    PlatHandle& Fill() { return m_plathandle; }   // of one that is closed
+    PlatHandle& Fill() { return m_plathandle; }   // only when closed
     void Close();
 
 private:
     PlatHandle m_plathandle;
 };
 
-// One start of a thread: what its object, whoever calls that at the moment, and the thread itself share. Who lets it go
-// last closes its handles. Nobody holds a lock here; the thread never waits.
+// The state of one start of a thread, shared by its object, current callers and the thread itself. The last release
+// closes its handles. There is no lock; the thread never waits.
 class OsThreadRun
 {
 public:
@@ -99,22 +99,22 @@ public:
     // For the starter.
     bool CreateEvents();
     bool Begin(const std::shared_ptr<OsThreadRun>& a_sharedptrSelf);
-    EOSSTS AwaitStart();   // EOSSTS_TIMEOUT: the procedure is not called any more; EOSSTS_FAIL: nor was it
-    bool GiveUp();         // false when the thread was faster and calls the procedure
+    EOSSTS AwaitStart();   // EOSSTS_TIMEOUT: the procedure will not be called; EOSSTS_FAIL: nor was it
+    bool GiveUp();         // false when the procedure is already being called
 
-    // For anybody. Stop asks, waits and terminates; it returns in little more than the time-out, whatever the thread
-    // does.
+    // For any thread. Stop requests the stop, waits and then terminates; it returns soon after the timeout, whatever
+    // the thread does.
     bool HasEnded();
     bool WaitForEnd(uint32_t a_u32Timeout);
     void Stop(int32_t a_i32Timeout);
     EOSSTS WaitForStop(uint32_t a_u32Timeout) const;
 
-    // For the thread. StopSelf returns when the thread is leaving already or a_blIgnoreSelf is set.
+    // For the thread. StopSelf returns if the thread is already leaving or a_blIgnoreSelf is set.
     void StopSelf(bool a_blIgnoreSelf);
     [[noreturn]] void Exit();
-    void Orphan() { m_posthreadimpl = nullptr; }   // the object goes
+    void Orphan() { m_posthreadimpl = nullptr; }   // the object is being deleted
 
-    // The calling thread's own, if that is one of the object's.
+    // The calling thread's own start, if it belongs to that object.
     static OsThreadRun* Own(const COsThreadImpl* a_posthreadimpl);
     std::shared_ptr<OsThreadRun> Self() const { return m_sharedptrSelf; }
 
@@ -137,21 +137,21 @@ private:
     void LetGo();
     [[noreturn]] static void Leave();
 
-    inline static thread_local OsThreadRun* t_posthreadrun = nullptr;   // whose procedure runs on this thread
-    inline static thread_local bool t_blLeaving = false;                // what passes is no crash
+    inline static thread_local OsThreadRun* t_posthreadrun = nullptr;   // the start whose procedure runs on this thread
+    inline static thread_local bool t_blLeaving = false;   // an exception passing now is the thread's exit, not a crash
 
     COsThread* const m_posthread;
-    const COsThreadImpl* m_posthreadimpl;   // the thread's own business
+    const COsThreadImpl* m_posthreadimpl;   // used by the thread alone
     const OsThreadProc m_osthreadproc;
     void* const m_pvArgument;
     char m_szDisplayName[512];
 
     std::atomic<uint32_t> m_u32State{OS_THREADSTATE_STARTING};
     std::atomic<uint32_t> m_u32StopState{OS_THREADSTOP_NONE};
-    std::atomic<bool> m_blTerminating{false};   // the first stopper whose time is over does it
+    std::atomic<bool> m_blTerminating{false};   // set by the first stopper whose timeout has passed
     std::atomic<uint64_t> m_u64Id{0};
 
-    std::atomic<PlatHandle> m_plathandleThread{PLAT_INVALID};   // set when others may have the run already
+    std::atomic<PlatHandle> m_plathandleThread{PLAT_INVALID};   // set when other threads may already use the run
     OsHandle m_oshandleStop;
     OsHandle m_oshandleStarted;   // signalled right before the procedure is called
     OsHandle m_oshandleEnded;     // signalled by the thread's last step here
@@ -160,7 +160,7 @@ private:
     std::shared_ptr<OsThreadRun> m_sharedptrSelf;   // the thread's reference
 };
 
-// One child process, shared by its object and whoever calls that at the moment.
+// One child process, shared by its object and current callers.
 struct OsChild
 {
     std::shared_ptr<OsHandle> sharedptrProcess;
@@ -168,7 +168,7 @@ struct OsChild
     bool blPipes = false;
     OsHandle aoshandlePipe[3];   // our ends, in PlatStandard order
     OsHandle oshandleCancel;
-    bool blEnded = false;   // and noted; under the object's lock
+    bool blEnded = false;   // and stored; guarded by the object's lock
 };
 
 class COsThreadImpl
@@ -220,10 +220,10 @@ private:
     void NoteEnd(OsChild* a_poschild, uint32_t a_u32ExitCode);
 
     COsThread* const m_posthread;
-    mutable std::mutex m_mutex;   // of the references below, for as long as one is copied
+    mutable std::mutex m_mutex;   // guards the references below while they are copied
     Run m_run;
-    Child m_child;   // the last one, also when it has ended: its pipes may hold more
-    std::shared_ptr<OsHandle> m_sharedptrFormerProcess;   // others may still be asking it
+    Child m_child;                                        // kept after its end: its pipes may hold more
+    std::shared_ptr<OsHandle> m_sharedptrFormerProcess;   // a caller may still use it
     std::atomic<uint32_t> m_u32ChildExitCode{0};
     std::atomic<bool> m_blSpawning{false};
 };

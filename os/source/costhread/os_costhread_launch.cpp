@@ -1,5 +1,5 @@
-// os_costhread_launch.cpp: what a child process is started with: command line, folder, desktop; and the launch itself,
-// as this process's user or as the one of a session.
+// os_costhread_launch.cpp: the start parameters of a child process (command line, folder, desktop) and the launch
+// itself, as this process's user or the user of a session.
 #include "os_costhread_impl.h"
 
 #include "os_cfg.h"
@@ -24,19 +24,19 @@ static constexpr size_t g_sizetShownCommand = 512;
 static constexpr size_t g_sizetArguments = 31;
 static constexpr uint32_t g_u32ServicesSession = 0;
 
-// What the flags are called where processes have such attributes.
+// The attribute values of these flags on the product's system.
 static constexpr std::pair<uint32_t, uint32_t> g_apairAttribute[] = {
     {OS_SPAWNFLAGS_NOWINDOW, 0x08000000},
     {OS_SPAWNFLAGS_NEWCONSOLE, 0x10},
     {OS_SPAWNFLAGS_DETACHED, 0x8},
 };
 
-// The child does not share our console: neither its streams nor the signals that a user sends from there.
+// The child does not share our console: neither its streams nor the signals typed there.
 static constexpr uint32_t g_u32OwnConsole = OS_SPAWNFLAGS_NOWINDOW | OS_SPAWNFLAGS_NEWCONSOLE | OS_SPAWNFLAGS_DETACHED;
 
-// --------------------------------------------------------------------------------------------- what it is started with
+// ---------------------------------------------------------------------------------------------------- start parameters
 
-// False, and logged, for what is no UTF-8.
+// False, and logged, for invalid UTF-8.
 static bool ToWide(const char* a_szText, std::u16string* a_pwstrText)
 {
     a_pwstrText->resize(std::strlen(a_szText) + 1);
@@ -50,8 +50,7 @@ static void LogOverflow(size_t a_sizetLength, const char* a_szText)
     OSLOG(OS_LOG_CHECK, "buffer overflow...%u <%s>", static_cast<unsigned>(a_sizetLength), a_szText);
 }
 
-// The program between quotation marks, then each argument, between them as well unless the flags say otherwise. A
-// space follows each of them.
+// The quoted program, then each argument, quoted unless the flags say otherwise. A space follows each of them.
 static bool PrepareCommandLine(const OsSpawnRequest& a_osspawnrequest, OsSpawn* a_posspawn)
 {
     if (!ToWide(a_osspawnrequest.szProgram, &a_posspawn->wstrProgram))
@@ -100,7 +99,7 @@ static void PrepareFolder(const OsSpawnRequest& a_osspawnrequest, OsSpawn* a_pos
     ToWide(szFolder, &a_posspawn->wstrFolder);
 }
 
-// The system has no desktops of that kind, so it has no name of its own to add.
+// This system has no such desktops, so there is no name to use.
 static void PrepareDesktop(uint32_t a_u32Flags, OsSpawn* a_posspawn)
 {
     const char* const szDesktop = OsCfgGetString(OS_CFGTAG_FORCEDESKTOP);
@@ -146,7 +145,7 @@ static bool FindServicesUser(PlatHandle* a_pplathandleUser)
     return false;
 }
 
-// Where nobody can be found, our own user stands in.
+// Without such a user, uses our own.
 static void FindActiveUser(PlatHandle* a_pplathandleUser)
 {
     OSLOG(OS_LOG_NOTE, "Spawn: service launch");
@@ -158,7 +157,7 @@ static void FindActiveUser(PlatHandle* a_pplathandleUser)
     OSLOG(OS_LOG_NOTE, "hSessionToken=%016llX", static_cast<unsigned long long>(*a_pplathandleUser));
 }
 
-// False, and logged, when there is no user to start the child as; PLAT_INVALID is ours.
+// False, and logged, when there is no user for the child; PLAT_INVALID means our own.
 static bool FindUser(uint32_t a_u32Flags, PlatHandle* a_pplathandleUser)
 {
     if (a_u32Flags & OS_SPAWNFLAGS_SERVICESESSION)
@@ -174,7 +173,7 @@ static bool FindUser(uint32_t a_u32Flags, PlatHandle* a_pplathandleUser)
     return true;
 }
 
-// The arguments lock is held from the publishing until the child exists, and no longer.
+// The arguments lock is held from publishing until the child exists, and no longer.
 static PlatHandle Create(const PlatProcessStart& a_platprocessstart, uint64_t* a_pu64ProcessId)
 {
     OsArgumentsPublish(true);
@@ -196,7 +195,7 @@ static void LogCreated(const OsSpawn& a_osspawn, PlatHandle a_plathandle, uint64
         OSLOG(OS_LOG_ERROR, "Spawn: Failed to spawn...<%s>", a_osspawn.szProgram);
         return;
     }
-    // The first thread of a process has its number; a handle of it is not needed.
+    // The thread id equals the process id here; no thread handle is needed.
     OSLOG(OS_LOG_NOTE, "Spawn: dwProcessId.....%u", static_cast<unsigned>(a_u64ProcessId));
     OSLOG(OS_LOG_NOTE, "Spawn: dwThreadId......%u", static_cast<unsigned>(a_u64ProcessId));
     OSLOG(OS_LOG_NOTE, "Spawn: hProcess........%016llX", static_cast<unsigned long long>(a_plathandle));

@@ -1,8 +1,8 @@
-// os_costhread_run.cpp: one start of a thread: what runs on the new thread, how it is confirmed, asked to stop, waited
-// for and ended.
+// os_costhread_run.cpp: one start of a thread: the code on the new thread, confirming the start, stopping, waiting and
+// terminating.
 //
-// The thread only moves its state on and signals two events, "started" and "ended". That it has ended, past its very
-// last step, is for the system to say. A wait has one end on the clock that is never set.
+// The thread only advances its state and signals two events, "started" and "ended". Only the system can tell that it
+// has completely ended. Each wait has one deadline, on the monotonic clock.
 #include "os_costhread_impl.h"
 
 #include "os_cosarguments.h"
@@ -19,9 +19,9 @@
 
 static constexpr char g_szSource[] = "os/source/os_costhread";
 
-static constexpr uint32_t g_u32WaitAbandoned = 128;   // what some systems answer when the event's owner has gone
-static constexpr uint32_t g_u32LastSteps = 100;       // milliseconds for a thread that is leaving when the time is over
-static constexpr uint32_t g_u32Yields = 500;          // for those last steps; then the wait sleeps
+static constexpr uint32_t g_u32WaitAbandoned = 128;   // the result on some systems when the event's owner is gone
+static constexpr uint32_t g_u32LastSteps = 100;   // milliseconds for a thread that is already leaving at the timeout
+static constexpr uint32_t g_u32Yields = 500;      // for those last steps; then the wait sleeps
 
 static std::atomic<uint64_t> g_u64ForcedAffinity{0};
 
@@ -154,7 +154,7 @@ uint32_t OsThreadRun::Trampoline(void* a_pvRun)
     try
     {
         const uint32_t u32ExitValue = Enter(posthreadrun);
-        return u32ExitValue == PLAT_STILLACTIVE ? 0 : u32ExitValue;   // that number says that the thread runs
+        return u32ExitValue == PLAT_STILLACTIVE ? 0 : u32ExitValue;   // that value means that the thread is running
     }
     catch (const std::exception&)
     {
@@ -187,7 +187,7 @@ uint32_t OsThreadRun::CallProcedure()
     return m_osthreadproc(m_posthread);
 }
 
-// The thread's reference goes with the thread, or with whoever sees that it ended without its last step.
+// The thread's reference is released by the thread, or by the caller that finds that it ended without its last step.
 void OsThreadRun::LetGo()
 {
     if (!m_blLetGo.exchange(true))
@@ -222,8 +222,8 @@ bool OsThreadRun::WaitForEnd(uint32_t a_u32Timeout)
     const uint64_t u64End = a_u32Timeout == PLAT_INFINITE ? UINT64_MAX : PlatTicks() + a_u32Timeout;
     const PlatHandle plathandleEnded = m_oshandleEnded.Get();
     PlatWaitAny(&plathandleEnded, 1, a_u32Timeout);
-    // The thread has told so in its last step here. What the system still has to do takes an instant, unless an object
-    // of the thread takes its time to go.
+    // The thread signalled this in its last step here. The system then needs an instant, unless a destructor of a
+    // thread-local object takes longer.
     for (uint32_t u32 = 0; !HasEnded(); ++u32)
     {
         if (PlatTicks() >= u64End)
@@ -239,13 +239,13 @@ void OsThreadRun::TellStopping()
         OSLOG(OS_LOG_NOTE, "thr>>> stopping...<%s>", m_szDisplayName);
 }
 
-// Asks again with every slice: the procedure may take a request for something else.
+// Repeats the request with every slice, because the procedure may consume one for another purpose.
 void OsThreadRun::Stop(int32_t a_i32Timeout)
 {
-    const COsLogNoWait oslognowait;   // the thread may be the one that all lines wait for
+    const COsLogNoWait oslognowait;   // the thread may be the one that all log lines wait for
     TellStopping();
     if (HasEnded())
-        return;   // also one of a parent: its events are the parent's
+        return;   // also a parent's thread: its events are the parent's
     const uint64_t u64End = PlatTicks() + static_cast<uint64_t>(std::max(a_i32Timeout, 0));
     uint64_t u64Now = 0;
     do
@@ -259,7 +259,7 @@ void OsThreadRun::Stop(int32_t a_i32Timeout)
     Terminate();
 }
 
-// A thread on its way out may hold what the whole process needs, so it gets a moment more.
+// A thread that is leaving may hold locks that the process needs, so it gets some extra time.
 void OsThreadRun::Terminate()
 {
     if (IsLeaving() && WaitForEnd(g_u32LastSteps))
@@ -290,7 +290,7 @@ bool OsThreadRun::TerminateThread()
     return true;
 }
 
-// ----------------------------------------------------------------------------------------- what a procedure calls
+// --------------------------------------------------------------------------------- called by the thread procedure
 
 void OsThreadRun::StopSelf(bool a_blIgnoreSelf)
 {

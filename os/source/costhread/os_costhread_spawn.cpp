@@ -1,5 +1,5 @@
-// os_costhread_spawn.cpp: starting a child process: the checks, the tries, the watch on the child's first moments. What
-// it is started with, and as whom, is in os_costhread_launch.cpp.
+// os_costhread_spawn.cpp: spawning a child process: checks, retries, watching for an early exit. The start parameters
+// and the launch are in os_costhread_launch.cpp.
 #include "os_costhread_impl.h"
 
 #include "os_cfg.h"
@@ -16,7 +16,7 @@
 static constexpr char g_szSource[] = "os/source/os_costhread";
 
 static constexpr uint32_t g_u32EarlyDeathTests = 3;
-static constexpr uint32_t g_u32EarlyDeathSlice = 30;   // milliseconds of each
+static constexpr uint32_t g_u32EarlyDeathSlice = 30;   // milliseconds per slice
 static constexpr uint32_t g_u32EarlyDeathExitCode = 99;
 
 static bool CheckRequest(const OsSpawnRequest& a_osspawnrequest)
@@ -42,7 +42,7 @@ static bool CheckProgram(const OsSpawnRequest& a_osspawnrequest)
     return false;
 }
 
-// The number of tries, 0 when the child's first moments are not looked at and one try is all.
+// The number of tries; 0 for a single try without watching for an early exit.
 static long WatchedTries(uint32_t a_u32Flags)
 {
     const bool blWanted = (a_u32Flags & OS_SPAWNFLAGS_NORETRY) == 0;
@@ -89,7 +89,7 @@ EOSSTS COsThreadImpl::SpawnAlone(const OsSpawnRequest& a_osspawnrequest)
     }
 }
 
-// False, and logged, when it has died.
+// False, and logged, when the child has exited.
 static bool SurvivesItsStart(PlatHandle a_plathandle, const char* a_szProgram)
 {
     for (uint32_t u32Test = 1; u32Test <= g_u32EarlyDeathTests; ++u32Test)
@@ -111,7 +111,7 @@ static bool SurvivesItsStart(PlatHandle a_plathandle, const char* a_szProgram)
     return true;
 }
 
-// The child's ends come back. On failure, which is logged, nothing of theirs or ours stays open.
+// Returns the child's ends. On failure, which is logged, all ends are closed.
 static bool CreatePipes(OsChild* a_poschild, bool a_blOwnInput, OsHandle (&a_aoshandleTheirs)[3])
 {
     a_poschild->oshandleCancel.Fill() = PlatEventCreate(PLAT_RESET_AUTO, nullptr);
@@ -132,7 +132,7 @@ static bool CreatePipes(OsChild* a_poschild, bool a_blOwnInput, OsHandle (&a_aos
     return a_poschild->blPipes;
 }
 
-// With pipes of its own for each try: what a child that died has left in its pipes is not the next one's. Null, and
+// Each try has its own pipes, so that output of a child that exited early is not read as the next one's. Null, and
 // logged, on failure.
 static std::shared_ptr<OsChild> LaunchChild(const OsSpawn& a_osspawn)
 {
