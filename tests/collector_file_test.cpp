@@ -300,6 +300,7 @@ TEST_F(DiskWithoutRoom, AFileAtItsSizeLimitCountsWhatItDoesNotTake)
     LineSender linesender(stream);
     ASSERT_TRUE(linesender.Send(2000));
     ASSERT_TRUE(linesender.SendUntil([&] { return SizeOf("x.log") % 51200 == 0 && SizeOf("x.log") != 0; }));
+    ASSERT_TRUE(stream.IsRead());   // what comes after the move would fill the new file as well
     fs::rename(PathOf("x.log"), PathOf("x.1"));
     ASSERT_TRUE(linesender.Send(1));
     ASSERT_TRUE(WaitFor([&] { return fs::exists(PathOf("x.log")); }));

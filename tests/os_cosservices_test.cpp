@@ -327,6 +327,7 @@ TEST_F(Services, WithoutAFolderTheStartSaysThatThereIsNoLog)
             const EOSSTS eossts = OsServicesStart();
             std::fprintf(stderr, "%d", static_cast<int>(eossts));
             OSLOG(OS_LOG_ERROR, "logged");
+            OsServicesStop();
             return std::fflush(stderr) == 0;
         }));
         return ReadWhole(strErrors);
