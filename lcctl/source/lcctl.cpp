@@ -23,6 +23,15 @@ static std::string FirstLine(const std::string& a_strText)
     return a_strText.substr(0, a_strText.find('\n'));
 }
 
+// "lcctl", and the command as far as it was recognised.
+static std::string WordsOf(const CLI::App& a_cliapp)
+{
+    std::string strWords = a_cliapp.get_name();
+    for (const CLI::App* const pcliapp : a_cliapp.get_subcommands())
+        strWords += " " + pcliapp->get_name();
+    return strWords;
+}
+
 static void AddCommands(CLI::App& a_cliapp, const LcctlCommands& a_lcctlcommands, LcctlResult& a_lcctlresult)
 {
     for (const std::unique_ptr<CLcctlCommand>& command : a_lcctlcommands)
@@ -57,7 +66,7 @@ int main(int a_iArguments, char** a_ppszArguments)
     {
         if (parseerror.get_exit_code() == 0)   // help or version requested
             return cliapp.exit(parseerror);
-        LcctlError(FirstLine(parseerror.what()));
+        LcctlError(FirstLine(parseerror.what()) + "; see `" + WordsOf(cliapp) + " --help`");
         return LCCTL_USAGE;
     }
     catch (const std::exception& exception)
