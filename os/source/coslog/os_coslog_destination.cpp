@@ -16,8 +16,10 @@
 #include <memory>
 #include <new>
 #include <string_view>
+#include <thread>
 #include <utility>
 
+static constexpr int g_iYields = 64;   // before a thread sleeps for its turn to append
 static constexpr char g_szSource[] = "os/source/os_coslog";
 static constexpr char g_szLineEnd[] = "\r\n";
 static constexpr size_t g_sizetGoesOn = OS_LOGPREFIXMAX + OS_PATHSIZE + 128;
@@ -304,7 +306,15 @@ bool COsLogDestination::Write(OsLogSlot& a_oslogslot)
 // between a truncated line and the note about it.
 bool COsLogDestination::AppendLine(OsLogSlot& a_oslogslot, int32_t a_i32Number)
 {
-    const std::lock_guard<std::mutex> guard(m_mutexWrite);
+    // An append takes about a microsecond: sleeping for the mutex would cost more than yielding a few times.
+    std::unique_lock<std::mutex> lock(m_mutexWrite, std::try_to_lock);
+    for (int iTry = 0; iTry < g_iYields && !lock.owns_lock(); ++iTry)
+    {
+        std::this_thread::yield();
+        lock.try_lock();
+    }
+    if (!lock.owns_lock())
+        lock.lock();
     return a_oslogslot.poslogpath->u32Owed.load(std::memory_order_acquire)
                ? AppendOwed(a_oslogslot, a_i32Number)
                : Append(a_oslogslot, a_oslogslot.Line(a_i32Number));
