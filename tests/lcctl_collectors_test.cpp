@@ -68,6 +68,7 @@ TEST_F(LcctlCollectors, PsListsThoseThatRunWithTheirStreams)
     EXPECT_TRUE(Shows("ps", std::to_string(m_collectorOther.Port())));
 
     m_collectorOther.Kill();
+    ASSERT_NE(m_collectorOther.WaitForExit(20000), PLAT_STILLACTIVE);
     ASSERT_TRUE(fs::exists(StatusFile(Pid(m_collectorOther))));
     EXPECT_EQ(Lcctl("ps --json").strOutput.find(Pid(m_collectorOther)), std::string::npos);
     EXPECT_FALSE(fs::exists(StatusFile(Pid(m_collectorOther))));
