@@ -1,6 +1,8 @@
 // lcctl_process.cpp: reading the status files; formatting paths and times for users.
 #include "lcctl_process.h"
 
+#include "lcctl_find.h"
+
 #include "os_coscfg.h"
 
 #include <algorithm>
@@ -63,9 +65,7 @@ std::string LcctlFolderOf(const LcctlProcess& a_lcctlprocess)
 
 std::string LcctlNativePath(const char* a_szPath)
 {
-    std::string strPath = a_szPath;
-    std::replace(strPath.begin(), strPath.end(), '\\', '/');
-    return strPath;
+    return LcctlHostPath(a_szPath).string();
 }
 
 const char* LcctlWhereText(EOSLOGWHERE a_eoslogwhere)

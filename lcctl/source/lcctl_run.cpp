@@ -4,6 +4,7 @@
 //   its lines             each one a line of the log; the level shows the stream
 //   the command           starting the logger with its collector, the program, its exit code
 #include "lcctl_command.h"
+#include "lcctl_find.h"
 #include "lcctl_signal.h"
 
 #include "os_cfg.h"
@@ -30,15 +31,6 @@ static constexpr int g_iNotFound = 127;
 
 static constexpr size_t g_sizetLongestLine = 64 * 1024;   // bytes; a longer line is split
 static constexpr uint32_t g_u32Look = 200;                // milliseconds between two checks for signals
-
-static std::string LcctlHostPath(const char* a_szPath)
-{
-    std::string str(a_szPath);
-    for (char& ch : str)
-        if (ch == '\\')
-            ch = '/';
-    return str;
-}
 
 // ------------------------------------------------------------------------------------------------ finding the program
 
@@ -206,7 +198,7 @@ private:
     int RunLogged(const fs::path& a_pathProgram) const
     {
         if (!m_blQuiet)
-            fmt::print(stderr, "lcctl: log {}\n", LcctlHostPath(OsLogGet()->LogFile()));
+            fmt::print(stderr, "lcctl: log {}\n", LcctlHostPath(OsLogGet()->LogFile()).string());
         std::string strArguments;
         for (size_t sizet = 1; sizet < m_vecstrProgram.size(); ++sizet)
             AppendQuoted(strArguments, m_vecstrProgram[sizet]);
