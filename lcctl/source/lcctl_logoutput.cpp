@@ -10,7 +10,7 @@
 #include <stdexcept>
 #include <unistd.h>
 
-// A pipe that holds more lets both ends work at the same time. What is no pipe stays as it is.
+// A larger pipe buffer lets both ends work at the same time. Other kinds of output are left as they are.
 static void WidenPipe()
 {
 #ifdef F_SETPIPE_SZ

@@ -104,7 +104,7 @@ void CLcctlLogReader::TakeLineTo(size_t a_sizetEnd, size_t a_sizetNext)
     m_sizetLineEnd = a_sizetNext;
 }
 
-// Parses the next line. False when there is none, or it is incomplete.
+// Parses the next line. False at the end of the log, or when the line is incomplete.
 bool CLcctlLogReader::TakeLine()
 {
     m_sizetLine = m_sizetLineEnd;

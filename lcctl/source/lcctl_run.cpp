@@ -36,7 +36,7 @@ static constexpr uint32_t g_u32Look = 200;                // milliseconds betwee
 
 static constexpr char g_chPathSeparator = fs::path::preferred_separator == '/' ? ':' : ';';
 
-// Empty when there is none.
+// Returns an empty path when no such program exists.
 static fs::path FindProgram(const std::string& a_strName)
 {
     std::error_code errorcode;

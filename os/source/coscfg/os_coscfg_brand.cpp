@@ -125,7 +125,7 @@ static void AddEntry(BrandRecord& a_brandrecord, std::string_view a_strviewName,
 }
 
 // Adds the entry of the element that begins at a_szElement ("<"). Returns the position behind it, null at the end of
-// the document. Skips what has no end tag of its own (comment, declaration, empty element).
+// the document. Skips comments, declarations and empty elements.
 static const char* WalkElement(const char* a_szElement, BrandRecord& a_brandrecord)
 {
     const char* const szName = a_szElement + 1;
